@@ -1,0 +1,55 @@
+/// What the process itself needs of the host layer, beyond the functions of vx_host.h that the library calls.
+/// Order of use: config_load, log_open, messaging_start, then the library; messaging_stop after vx_cons_cleanup.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace platform
+{
+
+/// Reads the configuration file into the store behind vx_cfg_*; vx_cfg_save writes back to it. On failure
+/// returns false, `error` says file, line, key and why, and the store is unchanged. A missing file is an error.
+bool config_load(const std::string &path, std::string &error);
+
+/// Text of a key, or `fallback` if it is not set.
+std::string config_text(const std::string &key, const std::string &fallback);
+
+/// Number of a key within [low, high], or `fallback` if it is not set. On a bad value returns false and `error`
+/// names file, line, key and why.
+bool config_number(const std::string &key, int64_t low, int64_t high, int64_t fallback, int64_t &value,
+                   std::string &error);
+
+/// For other checks of a key's value: sets `error` to file, line, key and why, and returns false.
+bool config_refuse(const std::string &key, const std::string &why, std::string &error);
+
+/// Opens the log from the keys log.level, log.file (unset: stderr), log.max_size, log.files. The library's lines
+/// (vx_log) have level "info", vx_log_err "error". Before this call lines go to stderr.
+bool log_open(std::string &error);
+
+/// The host's own lines.
+enum class log_level { debug, info, warning, error };
+void log_line(log_level level, const std::string &text);
+
+/// Why a received datagram was not handed to a hook, or a message not sent.
+enum class drop_reason { foreign, damaged, no_hook, blocked, receive_overflow, send_failed, count };
+const char *drop_reason_name(drop_reason reason);
+
+struct messaging_statistics {
+  uint64_t sent = 0;     ///< datagrams given to the kernel
+  uint64_t received = 0; ///< datagrams handed to a hook
+  uint64_t queued = 0;   ///< messages now queued for repetition
+  std::array<uint64_t, static_cast<size_t>(drop_reason::count)> dropped{};
+};
+
+/// Opens the sockets and starts the service's threads, from the keys cluster.node_id and messaging.*.
+bool messaging_start(std::string &error);
+/// Ends the threads and closes the sockets. The library must be cleaned up before.
+void messaging_stop();
+messaging_statistics messaging_read_statistics();
+/// Test aid: drops everything received from the nodes of the mask (bit n - 1 = node n). 0 ends it.
+void messaging_block(uint32_t node_mask);
+
+} // namespace platform

@@ -1,0 +1,101 @@
+/* libvx_cons: ordered, durable broadcast and cluster messages for a cluster of up to 16 appliances.
+ *
+ * Fourteen functions, plain C, symbol version VX. The library does no networking of its own: the process
+ * that loads it provides the functions of vx_host.h.
+ *
+ * Calling order: vx_cons_init; the hooks; vx_cons_configure when the configuration is new or has changed;
+ * vx_cons_start; any number of vx_cons_distribute and vx_cons_bcast_clmsg; vx_cons_stop; vx_cons_cleanup.
+ * A stopped library may be started again. init, start, stop, configure and cleanup may be called from any
+ * thread but are meant for one at a time; they wait for each other. Calls in the wrong state are ignored. */
+#ifndef VX_CONS_H
+#define VX_CONS_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Data types 0 to 3 have hooks; other types are ordered too, but no hook gets them. */
+#define VX_CONS_DATA_TYPES 4u
+/* Largest cluster. */
+#define VX_CONS_NODES_MAX 16u
+/* Longest payload that vx_cons_distribute takes, in bytes. */
+#define VX_CONS_PAYLOAD_MAX 0xFFFFFFE3u
+
+/* Hooks run on threads of the library that have 64 KiB of stack, with locks of the library held: keep them
+ * short, do not call the library from them, and do not wait in them for a lock that the caller of
+ * vx_cons_stop, vx_cons_distribute or a register function holds. A slow deliver hook holds up the node's
+ * deliveries; on the leader it holds up the cluster. */
+
+/* Hands over a snapshot of all that was delivered of this data type. Stores a buffer allocated with malloc
+ * (the library releases it with free) and its length, and returns 0; any other result means "no state" and
+ * hands over nothing. No deliver hook runs meanwhile. */
+typedef int (*vx_cons_get_state_hook)(uint8_t **state, uint32_t *length);
+
+/* Receives one payload of its data type, valid during the call only. full_state is 0 for a payload given to
+ * vx_cons_distribute; 1 for a snapshot, which replaces all that was delivered before (length 0: no state).
+ * After a crash the last payload may be delivered once more. */
+typedef void (*vx_cons_deliver_hook)(const uint8_t *data, uint32_t length, uint32_t full_state);
+
+/* Receives a cluster message of type 0, valid during the call only; type is always 0. */
+typedef void (*vx_cons_clmsg_hook)(const uint8_t *data, uint32_t length, uint32_t type);
+
+/* Brings the library up. Returns 0, also when it is up already; -1 if a table cannot be created. */
+int vx_cons_init(void);
+
+/* Stops the protocol if it runs, waits for every call and hook that is inside the library, and releases
+ * everything, the hooks included. Harmless at any time. */
+void vx_cons_cleanup(void);
+
+/* Reads the configuration and the node's durable state and starts the protocol. Returns 0, also when it runs
+ * already; -1 if the library is not initialised, the configuration or a file is unusable (the log says
+ * which), or a thread cannot be created. */
+int vx_cons_start(void);
+
+/* Stops the protocol: every blocked vx_cons_distribute returns -1, every thread of the library ends. Takes as
+ * long as a hook that is running, else below 3 s, whatever the network does. Harmless at any time. This
+ * node goes on answering the other nodes' votes until vx_cons_cleanup. */
+void vx_cons_stop(void);
+
+/* Writes the cluster's configuration into the host's store and resets this node to an empty log: stop every
+ * node before any is configured. node_macs has node_count texts (six hexadecimal numbers, colon separated);
+ * node_id is this node's number as text, 1 to node_count; mtime may be null or empty ("0" is stored).
+ * Returns 0; -1 if the library is not initialised or is active, or something could not be written. */
+int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
+                      uint32_t node_count, const char *node_id, const char *mtime);
+
+/* Sets (null: clears) both hooks of a data type, 0 to 3; other types are ignored. Waits for a deliver hook
+ * that is running. Hooks are lost at vx_cons_cleanup. */
+void vx_cons_register_data_hooks(uint32_t type, vx_cons_get_state_hook get_state, vx_cons_deliver_hook deliver);
+
+/* Sets (null: clears) the hook for cluster messages; index must be 0. Once it has returned, the old hook is
+ * not running and will not be called again. */
+void vx_cons_register_clmsg_hook(uint32_t index, vx_cons_clmsg_hook hook);
+
+/* Submits `length` bytes (copied) for delivery on every node, in one order for all. `type` picks the hook.
+ * Blocks until delivered on this node; without a quorum, until vx_cons_stop. Any host thread, several at
+ * once, but never one that runs a hook.
+ * Returns 0 once delivered here (or at once if length is 0); -1 if the service is or gets stopped, the payload
+ * is too long or cannot be stored, or its fate is not known: after -1 it may still reach the nodes. */
+int vx_cons_distribute(const uint8_t *data, uint32_t length, uint32_t type);
+
+/* Multicasts one datagram to all nodes, this one included: unordered, unacknowledged, sent once. Only type 0
+ * reaches a hook. null data with a length sends that many zero bytes. Ignored while stopped. */
+void vx_cons_bcast_clmsg(uint32_t type, const uint8_t *data, uint32_t length);
+
+/* 1 if the key cluster.supported is enabled. */
+int vx_cons_cluster_supported(void);
+/* 1 if supported and a node count above 0 is configured. */
+int vx_cons_cluster_enabled(void);
+/* 1 between a successful vx_cons_start and vx_cons_stop, or the node's isolation after a disk failure. */
+int vx_cons_cluster_active(void);
+/* The number of nodes and this node's id while active, else 1. */
+uint32_t vx_cons_get_node_count(void);
+uint32_t vx_cons_get_node_id(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

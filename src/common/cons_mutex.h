@@ -1,0 +1,94 @@
+/// Mutex, scoped lock and condition variable of the library. All are statically initialised and trivially
+/// destructible, so that process-wide state survives exit() beside running threads. A failing lock or unlock
+/// ends the process with exit(1).
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "common/thread_safety.h"
+
+/// The order of locks: who holds one takes only locks of a higher rank. Builds with CONS_CHECK_LOCKS stop with a
+/// message on stderr when a thread does otherwise.
+enum class lock_rank : uint8_t {
+  lifecycle,      ///< taken with no other lock held
+  pull_record,    ///< transfer record of the payload being fetched
+  deliver_queue,  ///< held while a payload is delivered
+  data_hooks,     ///< held while a deliver hook runs
+  forward,        ///< ordered broadcast: waiting identifiers
+  propose,        ///< ordered broadcast: the last decision, the proposer's bookkeeping
+  deliver,        ///< ordered broadcast: the last delivery, open calls
+  register_layer, ///< table of registers
+  reg,            ///< one register
+  register_store, ///< staging buffer of the register files
+  payload_row,    ///< payload table, one sender
+  payload_entry,  ///< reference count of one payload
+  leaf            ///< nothing is taken inside
+};
+
+class CONS_CAPABILITY("mutex") cons_mutex
+{
+public:
+  constexpr explicit cons_mutex(lock_rank rank) : rank_(rank) {}
+  cons_mutex(const cons_mutex &) = delete;
+  cons_mutex &operator=(const cons_mutex &) = delete;
+
+  void lock() CONS_ACQUIRE();
+  void unlock() CONS_RELEASE();
+
+private:
+  friend class cons_cond;
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  lock_rank rank_;
+};
+
+/// Holds a mutex for a scope; may be released and taken again in between.
+class CONS_SCOPED_CAPABILITY cons_lock
+{
+public:
+  explicit cons_lock(cons_mutex &mutex) CONS_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~cons_lock() CONS_RELEASE()
+  {
+    if (held_) {
+      mutex_.unlock();
+    }
+  }
+  cons_lock(const cons_lock &) = delete;
+  cons_lock &operator=(const cons_lock &) = delete;
+
+  void unlock() CONS_RELEASE()
+  {
+    held_ = false;
+    mutex_.unlock();
+  }
+  void lock() CONS_ACQUIRE()
+  {
+    mutex_.lock();
+    held_ = true;
+  }
+
+private:
+  cons_mutex &mutex_;
+  bool held_ = true;
+};
+
+/// Waits may end early: loop on the predicate. Everybody who changes a predicate holds the mutex.
+class cons_cond
+{
+public:
+  constexpr cons_cond() = default;
+  cons_cond(const cons_cond &) = delete;
+  cons_cond &operator=(const cons_cond &) = delete;
+
+  void wait(cons_mutex &mutex) CONS_REQUIRES(mutex);
+  /// Deadline now + wait_us on the wall clock (gettimeofday): a step of that clock moves it.
+  void wait_for_us(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
+  /// The same on the monotonic clock.
+  void wait_for_us_monotonic(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
+  void signal();
+  void broadcast();
+
+private:
+  pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
+};

@@ -1,0 +1,84 @@
+/// References to messages and the ordered log made of them, in the byte layout in which they are kept in memory,
+/// sent and stored. Changing it breaks every stored file.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "common/le_bytes.h"
+
+/// Nodes of a cluster are numbered 1 to at most this.
+inline constexpr uint32_t NODES_MAX = 16;
+
+/// Reference to one message.
+///   offset  width  field
+///   0       1      sender   node id, 1..16; 0 = empty entry
+///   1       4      msg_id   little-endian, unaligned; 0 = empty entry
+inline constexpr size_t ID_ENTRY_SIZE = 1 + 4;
+
+struct id_entry {
+  uint8_t sender = 0;
+  uint32_t msg_id = 0;
+  bool operator==(const id_entry &) const = default;
+};
+
+inline id_entry id_entry_get(const uint8_t *from)
+{
+  return {.sender = from[0], .msg_id = get_le32(from + 1)};
+}
+
+inline void id_entry_put(uint8_t *to, id_entry entry)
+{
+  to[0] = entry.sender;
+  put_le32(to + 1, entry.msg_id);
+}
+
+/// Could name a message: sender 1 to 16, identifier not 0.
+inline bool id_entry_valid(id_entry entry)
+{
+  return entry.sender >= 1 && entry.sender <= NODES_MAX && entry.msg_id != 0;
+}
+
+/// The ordered log since the last full state, which is its first entry.
+///   offset   width  field
+///   0        4      count    entries in use, 0..250, little-endian
+///   4 + 5i   5      entry i  in decided order; slots from count on are zero
+inline constexpr uint32_t ID_BATCH_MAX = 250;
+inline constexpr size_t ID_BATCH_SIZE = 4 + ID_BATCH_MAX * ID_ENTRY_SIZE;
+static_assert(ID_BATCH_SIZE == 1254);
+
+struct id_batch {
+  uint8_t bytes[ID_BATCH_SIZE] = {};
+};
+
+inline uint32_t id_batch_count(const id_batch &batch)
+{
+  return get_le32(batch.bytes);
+}
+
+/// Entry i; the caller knows that i is below the count and the count at most ID_BATCH_MAX.
+inline id_entry id_batch_entry(const id_batch &batch, uint32_t i)
+{
+  return id_entry_get(batch.bytes + 4 + i * ID_ENTRY_SIZE);
+}
+
+/// Bytes from a file or a message: the count is at most 250 and every entry in use is valid.
+bool id_batch_valid(const id_batch &batch);
+
+/// Appends an entry; a full batch and a null one are left as they are, without a word.
+void id_batch_add(id_batch *batch, uint32_t msg_id, uint8_t sender);
+
+/// Index of the first entry that equals both, or -1 (also for null).
+int id_batch_find(const id_batch *batch, uint32_t msg_id, uint8_t sender);
+
+/// Receives each entry with the context given to the walk.
+using id_batch_cb = void (*)(uint32_t msg_id, uint8_t sender, void *context);
+
+/// Calls back for entry `index` if there is one.
+void id_batch_call_at(const id_batch *batch, uint32_t index, id_batch_cb callback, void *context);
+
+/// Calls back for every entry in order. The count is read again after each call, so that a callback that appends to
+/// the batch extends the walk.
+void id_batch_foreach(const id_batch *batch, id_batch_cb callback, void *context);

@@ -1,0 +1,15 @@
+/// Receipt of decisions and of forwarded identifiers on channel 4.
+#pragma once
+
+#include <cstdint>
+
+#include "service/entry_gate.h"
+
+inline constinit entry_gate paxos_gate{false};
+
+/// Receive hook of channel 4. Blocks until the proposer is idle when it adopts a decision.
+void paxos_recv(void *msg);
+
+/// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays
+/// silent. Sends it ours, at most once a second per node. Messaging threads, no lock held.
+void paxos_help_newcomer(uint32_t node_addr);

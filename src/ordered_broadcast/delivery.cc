@@ -1,0 +1,113 @@
+#include "ordered_broadcast/delivery.h"
+
+#include <algorithm>
+
+#include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/distribute_call.h"
+#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/paxos_messages.h"
+#include "service/envelope.h"
+#include "vx_host.h"
+
+namespace
+{
+
+void call_hook(uint32_t type, const uint8_t *bytes, uint32_t length, uint32_t full_state)
+{
+  cons_lock lock(data_hooks.data_hooks_lock);
+  if (type >= CONS_DATA_TYPES) {
+    return;
+  }
+  if (const vx_cons_deliver_hook deliver = data_hooks.slots[type].deliver) {
+    vx_log("CONS: PAXOS: DELIVER calling hook\n");
+    deliver(bytes, length, full_state);
+    vx_log("CONS: PAXOS: DELIVER hook returned\n");
+  }
+}
+
+// A record that does not fit ends the walk; those before it have been delivered.
+void deliver_records(const payload_buf *payload)
+{
+  const uint32_t size = payload_byte_count(payload);
+  const uint8_t *records = payload + PAYLOAD_HEADER_SIZE;
+  for (uint32_t offset = 0; size - offset >= RECORD_HEADER_SIZE;) {
+    const uint32_t type = get_le32(records + offset);
+    const uint32_t length = get_le32(records + offset + 4);
+    if (length > size - offset - RECORD_HEADER_SIZE) {
+      vx_log("%s(): corrupted message set received\n", "deliver");
+      return;
+    }
+    call_hook(type, records + offset + RECORD_HEADER_SIZE, length, payload_full_state(payload));
+    offset += length + RECORD_HEADER_SIZE;
+  }
+}
+
+// The node's slot holds this own message, or (of a node that lost its disk) one before it.
+void free_own_slot(uint32_t msg_id) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
+{
+  const uint32_t self = paxos_own_index();
+  uint32_t &pending_id = paxos.pending_id[self];
+  if (pending_id == 0 || pending_id > msg_id) {
+    return;
+  }
+  if (paxos.forward_active) {
+    vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
+  }
+  paxos.done_id[self] = std::max(paxos.done_id[self], pending_id);
+  pending_id = 0;
+}
+
+void note_delivered(uint32_t msg_id, uint8_t sender) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
+{
+  const uint32_t index = sender - 1u;
+  paxos.delivered_id[index] = std::max(paxos.delivered_id[index], msg_id);
+  if (index == paxos_own_index()) {
+    free_own_slot(msg_id);
+    calls_delivered(msg_id);
+    paxos.forward_free_cond.broadcast();
+  }
+}
+
+// Calls whose message the state has swallowed end with it.
+void settle_state(id_entry state, int verdict) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
+{
+  uint32_t &pending_id = paxos.pending_id[paxos_own_index()];
+  if (calls_settle_state(state, verdict, pending_id)) {
+    if (paxos.forward_active) {
+      vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
+    }
+    pending_id = 0;
+    paxos.forward_free_cond.broadcast();
+  }
+  paxos.deliver_cond.broadcast();
+}
+
+} // namespace
+
+void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload)
+{
+  vx_log("CONS: PAXOS: DELIVER (id=%u/%hhu)\n", msg_id, sender);
+  deliver_records(payload);
+  const id_entry entry = {.sender = sender, .msg_id = msg_id};
+  cons_lock forward_lock(paxos.forward_lock);
+  cons_lock deliver_lock(paxos.deliver_lock);
+  paxos.last_delivered = entry;
+  paxos_deliver_save();
+  if (payload_full_state(payload) == 0) {
+    note_delivered(msg_id, sender);
+  }
+  settle_state(entry, 0);
+}
+
+void paxos_skip_lost(uint32_t msg_id, uint8_t sender)
+{
+  cons_lock forward_lock(paxos.forward_lock);
+  cons_lock deliver_lock(paxos.deliver_lock);
+  settle_state({.sender = sender, .msg_id = msg_id}, -1);
+}
+
+void paxos_log_handled()
+{
+  cons_lock lock(paxos.propose_lock);
+  paxos.propose_cond.signal();
+}

@@ -1,0 +1,16 @@
+/// Delivery of ordered payloads to the host; the payload layer's callbacks.
+#pragma once
+
+#include <cstdint>
+
+#include "payload_dissemination/payload_buf.h"
+
+/// Calls the hook of each record's type, then records the message as delivered and settles the calls that waited for
+/// it. Deliver-thread, with the queue's lock held.
+void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload);
+
+/// The message was skipped: a quorum lacks its payload. Deliver-thread, with the queue's lock held.
+void paxos_skip_lost(uint32_t msg_id, uint8_t sender);
+
+/// The decided log is handled to its end: a proposer that waits to begin a new one may.
+void paxos_log_handled();

@@ -1,0 +1,95 @@
+#include "ordered_broadcast/full_state.h"
+
+#include <cstdlib>
+
+#include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/durable_state.h"
+#include "payload_dissemination/payload_table.h"
+#include "service/service_state.h"
+
+namespace
+{
+
+struct state_buffer {
+  uint8_t *bytes = nullptr;
+  uint32_t length = 0;
+};
+
+// What does not fit beside the states before it counts as no state.
+state_buffer take_state(uint32_t type, uint64_t room)
+{
+  state_buffer state;
+  const vx_cons_get_state_hook get_state = data_hooks.slots[type].get_state;
+  if (get_state == nullptr || get_state(&state.bytes, &state.length) != 0) {
+    return {};
+  }
+  if (state.length > room || state.bytes == nullptr) {
+    std::free(state.bytes);
+    return {};
+  }
+  return state;
+}
+
+struct carry_context {
+  id_batch *target;
+  id_entry last_delivered;
+  bool is_found;
+};
+
+void paxos_carry_undelivered(uint32_t msg_id, uint8_t sender, void *context)
+{
+  auto &carry = *static_cast<carry_context *>(context);
+  if (carry.is_found) {
+    id_batch_add(carry.target, msg_id, sender);
+  } else {
+    carry.is_found = carry.last_delivered == id_entry{.sender = sender, .msg_id = msg_id};
+  }
+}
+
+} // namespace
+
+payload_buf *paxos_full_state()
+{
+  uint64_t room = UINT32_MAX - PAYLOAD_HEADER_SIZE - CONS_DATA_TYPES * RECORD_HEADER_SIZE;
+  uint64_t sum = 0;
+  state_buffer states[CONS_DATA_TYPES];
+  for (uint32_t type = 0; type < CONS_DATA_TYPES; ++type) {
+    states[type] = take_state(type, room);
+    room -= states[type].length;
+    sum += states[type].length;
+  }
+  payload_buf *payload = payload_buf_new(CONS_DATA_TYPES, sum, 1);
+  uint32_t offset = 0;
+  for (uint32_t type = 0; type < CONS_DATA_TYPES; ++type) {
+    if (payload != nullptr) {
+      offset = payload_buf_append(payload, offset, states[type].bytes, states[type].length, type);
+    }
+    std::free(states[type].bytes);
+  }
+  return payload;
+}
+
+bool paxos_begin_log(id_batch &batch, id_entry &state)
+{
+  cons_lock lock(paxos.deliver_lock);
+  const auto self = static_cast<uint8_t>(cons_service.node_id);
+  state = {.sender = self, .msg_id = msg_id_next(false)};
+  if (state.msg_id == 0) {
+    return false;
+  }
+  paxos_data_hash_entry(payload_entry_new(paxos_full_state()), state.msg_id, self);
+  if (paxos_data_has_entry(state.msg_id, self) == 0) {
+    return false; // the layer stopped, or no memory: nobody could ever fetch it
+  }
+  batch = {};
+  id_batch_add(&batch, state.msg_id, self);
+  carry_context carry = {.target = &batch, .last_delivered = paxos.last_delivered, .is_found = false};
+  id_batch_foreach(&paxos.decided_batch, paxos_carry_undelivered, &carry);
+  if (id_batch_count(batch) == ID_BATCH_MAX) {
+    // Nothing but the last log's state was delivered here: what follows it was lost, and a log that is full from the
+    // beginning would be followed by the next at once.
+    batch = {};
+    id_batch_add(&batch, state.msg_id, self);
+  }
+  return true;
+}

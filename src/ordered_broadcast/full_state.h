@@ -1,0 +1,14 @@
+/// The message that begins a new log: a snapshot of the hosts' state.
+#pragma once
+
+#include "ordered_broadcast/paxos_state.h"
+#include "payload_dissemination/payload_buf.h"
+
+/// A payload with one record per data type, in order, with what the type's get_state hook handed over, or empty.
+/// Null without memory. Runs the hooks.
+payload_buf *paxos_full_state();
+
+/// A new log that begins with a new state message of this node, stored in the payload table, followed by the entries
+/// of the last log behind this node's last delivered one. False if the message could not be made. Runs the hooks: the
+/// caller knows that this node has handled its whole log, so that no deliver hook runs meanwhile.
+bool paxos_begin_log(id_batch &batch, id_entry &state) CONS_REQUIRES(paxos.propose_lock);

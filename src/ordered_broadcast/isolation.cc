@@ -1,0 +1,124 @@
+#include "ordered_broadcast/isolation.h"
+
+#include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/protocol.h"
+#include "payload_dissemination/paxos_data.h"
+#include "service/service_state.h"
+#include "vx_host.h"
+
+namespace
+{
+
+constexpr size_t STACK_SIZE = 0x10000;
+
+struct isolation_state {
+  cons_mutex lock{lock_rank::leaf};
+  bool is_isolated CONS_GUARDED_BY(lock) = false;      // since the last start began
+  bool is_unfinished CONS_GUARDED_BY(lock) = false;    // nobody has woken and joined the run's threads yet
+  bool is_helper_active CONS_GUARDED_BY(lock) = false; // a helper will look at is_unfinished again
+  bool helper_exists CONS_GUARDED_BY(lock) = false;    // a helper is to be joined
+  pthread_t helper CONS_GUARDED_BY(lock){};
+};
+constinit isolation_state isolation;
+
+thread_local bool inside_lifecycle_section;
+
+void finish_isolation() CONS_REQUIRES(lifecycle_lock)
+{
+  {
+    cons_lock lock(isolation.lock);
+    if (!isolation.is_unfinished) {
+      return;
+    }
+    isolation.is_unfinished = false;
+  }
+  paxos_stop();
+}
+
+void *helper_thread(void *)
+{
+  for (;;) {
+    {
+      cons_lock lock(lifecycle_lock);
+      finish_isolation();
+    }
+    cons_lock lock(isolation.lock);
+    if (!isolation.is_unfinished) {
+      isolation.is_helper_active = false;
+      return nullptr;
+    }
+  }
+}
+
+// Without a helper the next lifecycle call does the work.
+void create_helper() CONS_REQUIRES(isolation.lock)
+{
+  if (isolation.helper_exists) {
+    pthread_join(isolation.helper, nullptr); // it only has to return
+  }
+  isolation.helper_exists = kesh_pthread_create(&isolation.helper, nullptr, STACK_SIZE, helper_thread, nullptr) == 0;
+  isolation.is_helper_active = isolation.helper_exists;
+}
+
+void join_helper() CONS_EXCLUDES(lifecycle_lock)
+{
+  pthread_t helper;
+  {
+    cons_lock lock(isolation.lock);
+    if (!isolation.helper_exists) {
+      return;
+    }
+    isolation.helper_exists = false;
+    helper = isolation.helper;
+  }
+  pthread_join(helper, nullptr);
+}
+
+} // namespace
+
+void paxos_isolate()
+{
+  vx_log("Isolating from cluster ...\n");
+  cons_lock lock(isolation.lock);
+  isolation.is_isolated = true;
+  isolation.is_unfinished = true;
+  cons_service.stopped = true;
+  paxos.stopped = true;
+  paxos_data_halt();
+  if (!inside_lifecycle_section && !isolation.is_helper_active) {
+    create_helper();
+  }
+}
+
+lifecycle_section::lifecycle_section()
+{
+  join_helper();
+  lifecycle_lock.lock();
+  inside_lifecycle_section = true;
+  finish_isolation();
+}
+
+lifecycle_section::~lifecycle_section()
+{
+  finish_isolation();
+  inside_lifecycle_section = false;
+  lifecycle_lock.unlock();
+  join_helper();
+}
+
+void isolation_begin_run()
+{
+  cons_lock lock(isolation.lock);
+  isolation.is_isolated = false;
+  isolation.is_unfinished = false;
+}
+
+bool isolation_activate()
+{
+  cons_lock lock(isolation.lock);
+  if (isolation.is_isolated) {
+    return false;
+  }
+  cons_service.stopped = false;
+  return true;
+}

@@ -1,0 +1,225 @@
+#include "ordered_broadcast/protocol.h"
+
+#include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/decision.h"
+#include "ordered_broadcast/delivery.h"
+#include "ordered_broadcast/distribute_call.h"
+#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/forward.h"
+#include "ordered_broadcast/leader_watch.h"
+#include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/proposer.h"
+#include "payload_dissemination/paxos_data.h"
+#include "round_based_registers/consensus.h"
+#include "round_based_registers/register_table.h"
+#include "service/envelope.h"
+#include "vx_host.h"
+
+namespace
+{
+
+constexpr size_t STACK_SIZE = 0x10000;
+
+struct protocol_thread {
+  const char *name;
+  void *(*body)(void *);
+  pthread_t handle;
+  bool is_created;
+};
+
+struct protocol_threads {
+  bool layers_initialised CONS_GUARDED_BY(lifecycle_lock) = false;
+  protocol_thread proposer CONS_GUARDED_BY(lifecycle_lock) = {"propose-thread", paxos_propose_thread, {}, false};
+  protocol_thread launch CONS_GUARDED_BY(lifecycle_lock) = {"launch-thread", paxos_launch_thread, {}, false};
+  protocol_thread leader_watch CONS_GUARDED_BY(lifecycle_lock) = {
+      "leader-watch-thread", paxos_leader_watch_thread, {}, false};
+};
+constinit protocol_threads protocol;
+
+bool create_thread(protocol_thread &thread) CONS_REQUIRES(lifecycle_lock)
+{
+  if (kesh_pthread_create(&thread.handle, nullptr, STACK_SIZE, thread.body, nullptr) != 0) {
+    vx_log("%s(): Cannot create %s.\n", "paxos_start", thread.name);
+    return false;
+  }
+  thread.is_created = true;
+  return true;
+}
+
+void join_thread(protocol_thread &thread) CONS_REQUIRES(lifecycle_lock)
+{
+  if (thread.is_created) {
+    pthread_join(thread.handle, nullptr);
+    thread.is_created = false;
+  }
+}
+
+bool create_threads() CONS_REQUIRES(lifecycle_lock)
+{
+  if (!create_thread(protocol.proposer)) {
+    return false;
+  }
+  paxos.proposer_running = true;
+  return create_thread(protocol.launch) && create_thread(protocol.leader_watch);
+}
+
+// No thread of the protocol exists.
+void clear_run_time_state()
+{
+  cons_lock forward_lock(paxos.forward_lock);
+  cons_lock propose_lock(paxos.propose_lock);
+  cons_lock deliver_lock(paxos.deliver_lock);
+  for (uint32_t i = 0; i < NODES_MAX; ++i) {
+    paxos.pending_id[i] = 0;
+    paxos.done_id[i] = 0;
+    paxos.delivered_id[i] = 0;
+  }
+  paxos.forward_active = false;
+  paxos.next_proposal = {};
+  paxos.proposal_batch_id = 0;
+  paxos.running_instance = nullptr;
+  paxos.proposer_idle = false;
+  paxos.idle_waiters = 0;
+}
+
+int load_durable_state()
+{
+  if (paxos_decide_load() != 0 || paxos_deliver_load() != 0) {
+    return -1;
+  }
+  cons_lock forward_lock(paxos.forward_lock);
+  cons_lock propose_lock(paxos.propose_lock);
+  paxos_raise_done_ids(paxos.decided_batch);
+  return 0;
+}
+
+// What a decision that arrives meanwhile hands over is newer and stays.
+void resume_delivery()
+{
+  id_batch batch;
+  id_entry last_delivered;
+  uint32_t number = 0;
+  {
+    cons_lock propose_lock(paxos.propose_lock);
+    cons_lock deliver_lock(paxos.deliver_lock);
+    batch = paxos.decided_batch;
+    last_delivered = paxos.last_delivered;
+    number = paxos.batch_id;
+  }
+  paxos_data_pull(batch, last_delivered, number);
+}
+
+void wake_everybody()
+{
+  {
+    cons_lock lock(paxos.forward_lock);
+    paxos.forward_free_cond.broadcast();
+    paxos.launch_cond.broadcast();
+  }
+  {
+    cons_lock lock(paxos.propose_lock);
+    consensus_cancel(paxos.running_instance);
+    paxos.propose_cond.broadcast();
+    paxos.propose_idle_cond.broadcast();
+  }
+  {
+    cons_lock lock(paxos.deliver_lock);
+    calls_end_all();
+    paxos.deliver_cond.broadcast();
+  }
+  paxos_leader_watch_wake();
+}
+
+bool reset_records()
+{
+  bool is_saved = true;
+  {
+    cons_lock lock(paxos.propose_lock);
+    paxos.batch_id = 0;
+    paxos.decided_batch = {};
+    is_saved = paxos_decide_save() == 0;
+  }
+  {
+    cons_lock lock(paxos.deliver_lock);
+    paxos.last_delivered = {};
+    is_saved = paxos_deliver_save() == 0 && is_saved;
+  }
+  return msg_id_next(true) != 0 && is_saved;
+}
+
+} // namespace
+
+int cons_layers_init()
+{
+  if (protocol.layers_initialised) {
+    return 0;
+  }
+  data_hooks_clear();
+  if (paxos_data_init({.deliver = paxos_deliver, .lost = paxos_skip_lost, .handled = paxos_log_handled}) != 0) {
+    paxos_data_cleanup();
+    return -1;
+  }
+  if (rb_reg_init(paxos_help_newcomer) != 0) {
+    rb_reg_cleanup();
+    return -1;
+  }
+  protocol.layers_initialised = true;
+  return 0;
+}
+
+void cons_layers_cleanup()
+{
+  protocol.layers_initialised = false;
+  rb_reg_cleanup();
+  paxos_data_cleanup();
+  data_hooks_clear();
+}
+
+int paxos_start()
+{
+  if (!protocol.layers_initialised) {
+    return -1;
+  }
+  if (!paxos.stopped) {
+    return 0;
+  }
+  clear_run_time_state();
+  if (load_durable_state() != 0) {
+    return -1;
+  }
+  paxos.stopped = false;
+  if (paxos_data_start() != 0 || !create_threads()) {
+    paxos_stop();
+    return -1;
+  }
+  paxos_gate.open();
+  vx_msg_register_recv_hook(paxos_recv, PAXOS_CHANNEL);
+  resume_delivery();
+  return 0;
+}
+
+void paxos_stop()
+{
+  paxos.stopped = true;
+  paxos_data_halt();
+  paxos_gate.close();
+  vx_msg_unregister_recv_hook(paxos_recv);
+  wake_everybody();
+  paxos_gate.wait_empty();
+  join_thread(protocol.proposer);
+  paxos.proposer_running = false;
+  join_thread(protocol.launch);
+  join_thread(protocol.leader_watch);
+  paxos_data_stop();
+  vx_msg_dequeue(nullptr, PAXOS_CHANNEL, MSG_KEY_ALL, 0);
+}
+
+int paxos_reset()
+{
+  if (!protocol.layers_initialised || !paxos.stopped) {
+    return -1;
+  }
+  const bool is_data_reset = paxos_data_reset() == 0;
+  const bool is_register_reset = rb_reg_reset() == 0;
+  return reset_records() && is_data_reset && is_register_reset ? 0 : -1;
+}

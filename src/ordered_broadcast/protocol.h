@@ -1,0 +1,20 @@
+/// Start, stop and reset of the ordered broadcast and of the layers below. All run with the
+/// lifecycle lock held; none with any other lock.
+#pragma once
+
+#include "ordered_broadcast/isolation.h"
+
+/// Creates the layers' tables. Returns 0, also when that is done; -1 if a table cannot be created.
+int cons_layers_init() CONS_REQUIRES(lifecycle_lock);
+void cons_layers_cleanup() CONS_REQUIRES(lifecycle_lock);
+
+/// Loads the durable state, starts the threads, opens channel 4 and resumes delivery. Returns 0, also when running; -1
+/// with everything stopped again (after a load that failed: by the isolation that it began).
+int paxos_start() CONS_REQUIRES(lifecycle_lock);
+
+/// Ends every thread, wait and repeated message, on whatever network. Idempotent.
+void paxos_stop() CONS_REQUIRES(lifecycle_lock);
+
+/// Back to the state of a new cluster, in memory and on disk. Returns 0; -1 if the layers are not up, the protocol runs
+/// or a step failed (the others are done all the same).
+int paxos_reset() CONS_REQUIRES(lifecycle_lock);

@@ -1,0 +1,171 @@
+#include "payload_dissemination/paxos_data.h"
+
+#include <cstdlib>
+
+#include "payload_dissemination/data_messages.h"
+#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_table.h"
+#include "service/envelope.h"
+#include "vx_host.h"
+
+namespace
+{
+
+constexpr size_t STACK_SIZE = 0x10000;
+
+void clear_batches()
+{
+  cons_lock pull_lock(paxos_data.pull_xfer.lock);
+  cons_lock queue_lock(paxos_data.deliver_queue_lock);
+  paxos_data.pull_batch = {};
+  paxos_data.pull_pos = 0;
+  paxos_data.deliver_batch = {};
+  paxos_data.deliver_pos = 0;
+}
+
+// What is queued but not delivered will be handed over again, by the decision that start loads.
+void prepare_batches()
+{
+  cons_lock pull_lock(paxos_data.pull_xfer.lock);
+  cons_lock queue_lock(paxos_data.deliver_queue_lock);
+  put_le32(paxos_data.deliver_batch.bytes, paxos_data.deliver_pos);
+  paxos_data.pull_batch = {};
+  paxos_data.pull_pos = 0;
+  paxos_data.pull_number = 0;
+  paxos_data.switch_pending = true;
+  paxos_data.last_queued = {};
+  paxos_data.handed_number = 0;
+  paxos_data.still_to_queue = 0;
+  paxos_data.handled = 0;
+}
+
+void wake(xfer_state &record)
+{
+  cons_lock lock(record.lock);
+  record.changed_cond.broadcast();
+}
+
+bool create_thread(pthread_t &thread, bool &is_created, void *(*body)(void *), const char *name)
+{
+  if (kesh_pthread_create(&thread, nullptr, STACK_SIZE, body, nullptr) != 0) {
+    vx_log("%s(): Cannot create %s.\n", "paxos_data_start", name);
+    return false;
+  }
+  is_created = true;
+  return true;
+}
+
+void join_thread(pthread_t thread, bool &is_created)
+{
+  if (is_created) {
+    pthread_join(thread, nullptr);
+    is_created = false;
+  }
+}
+
+} // namespace
+
+int paxos_data_init(const paxos_data_callbacks &callbacks)
+{
+  if (paxos_data.initialised) {
+    return 0;
+  }
+  payload_table_create();
+  clear_batches();
+  paxos_data.callbacks = callbacks;
+  paxos_data.initialised = true;
+  return 0;
+}
+
+void paxos_data_cleanup()
+{
+  paxos_data_stop();
+  paxos_data.callbacks = {};
+  payload_table_delete();
+  paxos_data.initialised = false;
+}
+
+int paxos_data_reset()
+{
+  if (!paxos_data.initialised || !paxos_data.stopped) {
+    return -1;
+  }
+  payload_table_clear();
+  clear_batches();
+  return 0;
+}
+
+int paxos_data_start()
+{
+  if (!paxos_data.initialised) {
+    return -1;
+  }
+  if (!paxos_data.stopped) {
+    return 0;
+  }
+  prepare_batches();
+  paxos_data.stopped = false;
+  if (!create_thread(paxos_data.deliver_thread, paxos_data.deliver_thread_created, paxos_data_deliver_thread,
+                     "deliver-thread") ||
+      !create_thread(paxos_data.pull_thread, paxos_data.pull_thread_created, paxos_data_pull_thread, "pull-thread")) {
+    paxos_data_stop();
+    return -1;
+  }
+  paxos_data.recv_gate.open();
+  vx_msg_register_recv_hook(paxos_data_recv, PAXOS_DATA_CHANNEL);
+  return 0;
+}
+
+void paxos_data_halt()
+{
+  paxos_data.stopped = true;
+}
+
+void paxos_data_stop()
+{
+  paxos_data_halt();
+  paxos_data.recv_gate.close();
+  vx_msg_unregister_recv_hook(paxos_data_recv);
+  {
+    // First the queue: the pull-thread may be waiting for it with the pull record's lock held.
+    cons_lock lock(paxos_data.deliver_queue_lock);
+    paxos_data.deliver_queue_cond.broadcast();
+  }
+  wake(paxos_data.pull_xfer);
+  wake(paxos_data.offer_xfer);
+  join_thread(paxos_data.pull_thread, paxos_data.pull_thread_created);
+  join_thread(paxos_data.deliver_thread, paxos_data.deliver_thread_created);
+  paxos_data.recv_gate.wait_empty();
+  {
+    cons_lock lock(paxos_data.pull_xfer.lock);
+    xfer_reset(paxos_data.pull_xfer);
+  }
+  cons_lock lock(paxos_data.offer_xfer.lock);
+  if (paxos_data.offer_xfer.id != 0) {
+    xfer_reset(paxos_data.offer_xfer);
+    vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, 0);
+  }
+}
+
+void xfer_reset(xfer_state &record)
+{
+  std::free(record.buffer);
+  std::free(record.piece_map);
+  record.id = 0;
+  record.sender = 0;
+  record.buffer = nullptr;
+  record.total = 0;
+  record.piece_map = nullptr;
+  record.pieces = 0;
+  record.last = {};
+  record.first_req = {};
+  record.last_req = {};
+  for (uint8_t &state : record.node_state) {
+    state = 0;
+  }
+}
+
+uint32_t paxos_data_handled()
+{
+  return paxos_data.handled;
+}

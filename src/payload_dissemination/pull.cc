@@ -1,0 +1,223 @@
+// The pull-thread: walks the decided log, queues what is present, fetches what is missing, skips what is lost.
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "payload_dissemination/data_messages.h"
+#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_table.h"
+#include "service/service_state.h"
+#include "vx_host.h"
+
+namespace
+{
+
+constexpr int64_t CHECK_PERIOD_US = 1000000;
+constexpr int64_t SILENCE_US = 999999;     // retransmission gap: a request needs a longer silence
+constexpr int64_t LOSS_DELAY_US = 1000000; // a holder gets this long to begin, and between two pieces
+
+timeval now()
+{
+  timeval time;
+  gettimeofday(&time, nullptr);
+  return time;
+}
+
+bool is_set(const timeval &time)
+{
+  return time.tv_sec != 0 || time.tv_usec != 0;
+}
+
+// Longer than the silence ago, or never.
+bool is_silent_since(const timeval &time, const timeval &at)
+{
+  return !is_set(time) || timeval_diff_usec(&at, &time) > SILENCE_US;
+}
+
+uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
+{
+  uint32_t count = 0;
+  for (uint32_t i = 0; i < cons_service.node_count && i < NODES_MAX; ++i) {
+    count += pull.node_state[i] == XFER_NODE_LACKS_IT ? 1 : 0;
+  }
+  return count;
+}
+
+// A quorum lacks the payload, and whoever else may hold it has had the time to begin sending. Otherwise lowers
+// wait_us to the moment at which that will be so.
+bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
+{
+  const uint32_t lacking = nodes_without_payload(pull) + 1;
+  if (lacking < cons_service.quorum) {
+    return false;
+  }
+  if (lacking >= cons_service.node_count) {
+    return true;
+  }
+  const timeval at = now();
+  const timeval &since = timeval_diff_usec(&pull.last, &pull.first_req) > 0 ? pull.last : pull.first_req;
+  const int64_t left_us = LOSS_DELAY_US - timeval_diff_usec(&at, &since);
+  if (is_set(since) && left_us <= 0) {
+    return true;
+  }
+  if (is_set(since)) {
+    wait_us = std::min(wait_us, left_us);
+  }
+  return false;
+}
+
+// The marks and pieces of another payload say nothing about this one.
+void claim(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.lock)
+{
+  if (!xfer_is_for(pull, id, sender)) {
+    xfer_reset(pull);
+    pull.id = id;
+    pull.sender = sender;
+  }
+}
+
+id_batch first_entries(const id_batch &batch, uint32_t count)
+{
+  id_batch prefix;
+  std::memcpy(prefix.bytes, batch.bytes, 4 + count * ID_ENTRY_SIZE);
+  put_le32(prefix.bytes, count);
+  return prefix;
+}
+
+// Makes the queue mirror the log that we now queue from. False if the layer stops before the queue is empty.
+bool switch_queue() CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_queue_lock)
+{
+  while (!paxos_data.stopped && paxos_data.deliver_pos < id_batch_count(paxos_data.deliver_batch)) {
+    paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
+  }
+  if (paxos_data.stopped) {
+    return false;
+  }
+  paxos_data_unhash_batch(paxos_data.deliver_batch, paxos_data.pull_batch);
+  paxos_data.deliver_batch = first_entries(paxos_data.pull_batch, paxos_data.pull_pos);
+  paxos_data.deliver_pos = paxos_data.pull_pos;
+  paxos_data.switch_pending = false;
+  return true;
+}
+
+void queue_entry(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+{
+  cons_lock queue_lock(paxos_data.deliver_queue_lock);
+  if (paxos_data.switch_pending && !switch_queue()) {
+    return;
+  }
+  xfer_reset(paxos_data.pull_xfer);
+  ++paxos_data.pull_pos;
+  --paxos_data.still_to_queue;
+  id_batch_add(&paxos_data.deliver_batch, id, sender);
+  paxos_data.last_queued = {.sender = sender, .msg_id = id};
+  paxos_data.deliver_queue_cond.signal();
+}
+
+// Context: int64_t, the longest time until the next check.
+void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+{
+  if (paxos_data_has_entry(id, sender) != 0) {
+    queue_entry(id, sender);
+    return;
+  }
+  claim(paxos_data.pull_xfer, id, sender);
+  if (is_lost(paxos_data.pull_xfer, *static_cast<int64_t *>(context))) {
+    vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
+    queue_entry(id, sender);
+    return;
+  }
+  // Each MISSING wakes us: without the pause, asking again at once would draw the next, at the network's speed.
+  if (is_silent_since(paxos_data.pull_xfer.last_req, now())) {
+    paxos_data_request_missing(paxos_data.pull_xfer, id, sender);
+  }
+}
+
+bool has_prefix(const id_batch &batch, const id_batch &of, uint32_t count)
+{
+  return id_batch_count(batch) >= count && std::memcmp(batch.bytes + 4, of.bytes + 4, count * ID_ENTRY_SIZE) == 0;
+}
+
+// Where to go on in the new log. One that does not begin with what we queued is another log.
+void adopt_batch(const id_batch &batch, id_entry last_delivered)
+    CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_queue_lock)
+{
+  if (paxos_data.pull_pos == 0 || !has_prefix(batch, paxos_data.pull_batch, paxos_data.pull_pos)) {
+    const bool is_queued = paxos_data.last_queued.msg_id != 0;
+    const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
+    paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
+    paxos_data.switch_pending = true;
+  }
+  paxos_data.pull_batch = batch;
+  paxos_data.still_to_queue = id_batch_count(batch) - paxos_data.pull_pos;
+}
+
+} // namespace
+
+void paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
+{
+  const timeval at = now();
+  if (!is_silent_since(record.last, at)) {
+    return;
+  }
+  record.last_req = at;
+  if (!is_set(record.first_req)) {
+    record.first_req = at;
+  }
+  if (record.piece_map == nullptr) {
+    record.id = id;
+    record.sender = sender;
+    paxos_data_bcast_req(id, sender, 0, REQ_TO_THE_END);
+    return;
+  }
+  for (uint32_t a = 0; a < record.pieces;) {
+    if (record.piece_map[a] != 0) {
+      ++a;
+      continue;
+    }
+    uint32_t b = a + 1;
+    while (b < record.pieces && record.piece_map[b] == 0) {
+      ++b;
+    }
+    const uint64_t length = uint64_t{DATA_PIECE_SIZE} * (b - a);
+    paxos_data_bcast_req(id, sender, DATA_PIECE_SIZE * a,
+                         static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
+    a = b;
+  }
+}
+
+void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number)
+{
+  bool is_handled = false;
+  {
+    cons_lock pull_lock(paxos_data.pull_xfer.lock);
+    cons_lock queue_lock(paxos_data.deliver_queue_lock);
+    if (number < paxos_data.pull_number) {
+      return;
+    }
+    adopt_batch(batch, last_delivered);
+    paxos_data.pull_number = number;
+    paxos_data.handed_number = number;
+    paxos_data.pull_xfer.changed_cond.broadcast();
+    is_handled = paxos_data_note_handled();
+  }
+  if (is_handled && paxos_data.callbacks.handled != nullptr) {
+    paxos_data.callbacks.handled();
+  }
+}
+
+void *paxos_data_pull_thread(void *)
+{
+  cons_lock lock(paxos_data.pull_xfer.lock);
+  while (!paxos_data.stopped) {
+    const uint32_t pos = paxos_data.pull_pos;
+    int64_t wait_us = CHECK_PERIOD_US;
+    id_batch_call_at(&paxos_data.pull_batch, pos, paxos_data_pull_one, &wait_us);
+    if (paxos_data.pull_pos == pos && !paxos_data.stopped) {
+      paxos_data.pull_xfer.changed_cond.wait_for_us(paxos_data.pull_xfer.lock, wait_us);
+    }
+  }
+  return nullptr;
+}

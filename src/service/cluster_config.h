@@ -1,0 +1,16 @@
+/// The cluster's keys in the host's configuration store.
+#pragma once
+
+#include <cstdint>
+
+/// Reads the keys and sets node_count, cluster_id, quorum, node_id and node_addr of the service, in this order.
+/// Returns 0, or -1 with a line in the log at the first key that is not usable (what was read before stays set).
+int cluster_config_read();
+
+/// Writes all keys, and removes the MAC keys beyond the new count that the last start knew. Nothing is saved.
+/// Returns 0, or -1 at the first key that cannot be written.
+int cluster_config_write(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
+                         uint32_t node_count, const char *node_id, const char *mtime);
+
+bool cluster_config_supported();
+bool cluster_config_enabled();

@@ -1,0 +1,180 @@
+// The exported functions and the flags that guard them.
+
+#include "vx_cons.h"
+
+#include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/distribute.h"
+#include "ordered_broadcast/isolation.h"
+#include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/protocol.h"
+#include "service/clmsg.h"
+#include "service/cluster_config.h"
+#include "service/entry_gate.h"
+#include "service/service_state.h"
+#include "vx_host.h"
+
+namespace
+{
+
+// Threads inside vx_cons_distribute: the tables stay until they have left.
+constinit entry_gate distribute_gate{true};
+
+void stop() CONS_REQUIRES(lifecycle_lock)
+{
+  cons_service.stopped = true;
+  paxos_stop();
+}
+
+void cleanup() CONS_REQUIRES(lifecycle_lock)
+{
+  stop();
+  distribute_gate.close();
+  distribute_gate.wait_empty();
+  cons_layers_cleanup();
+  clmsg_cleanup();
+  cons_service.initialised = false;
+  distribute_gate.open();
+}
+
+int start() CONS_REQUIRES(lifecycle_lock)
+{
+  isolation_begin_run();
+  if (cluster_config_read() != 0 || paxos_start() != 0) {
+    return -1;
+  }
+  if (!isolation_activate()) {
+    return -1;
+  }
+  vx_log("CONS: PAXOS started\n");
+  return 0;
+}
+
+int configure(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
+              uint32_t node_count, const char *node_id, const char *mtime) CONS_REQUIRES(lifecycle_lock)
+{
+  if (cluster_config_write(ipaddr, netmask, gateway, node_macs, node_count, node_id, mtime) != 0) {
+    return -1;
+  }
+  vx_log("CONS: Reset PAXOS ...\n");
+  if (paxos_reset() != 0) {
+    vx_log("PAXOS reset failed.\n");
+    return -1;
+  }
+  vx_log("CONS: PAXOS reset successful.\n");
+  return vx_cfg_save(1) == 0 ? 0 : -1;
+}
+
+bool is_active()
+{
+  return cons_service.initialised && !cons_service.stopped;
+}
+
+} // namespace
+
+int vx_cons_init(void)
+{
+  lifecycle_section section;
+  if (cons_service.initialised) {
+    return 0;
+  }
+  cons_service.cluster_id = 0;
+  paxos.is_leader = 0;
+  cons_service.node_count = 0;
+  cons_service.quorum = 0;
+  cons_service.node_id = 0;
+  clmsg_init();
+  if (cons_layers_init() != 0) {
+    cleanup();
+    return -1;
+  }
+  cons_service.initialised = true;
+  return 0;
+}
+
+void vx_cons_cleanup(void)
+{
+  lifecycle_section section;
+  cleanup();
+}
+
+int vx_cons_start(void)
+{
+  lifecycle_section section;
+  if (!cons_service.initialised) {
+    return -1;
+  }
+  return cons_service.stopped ? start() : 0;
+}
+
+void vx_cons_stop(void)
+{
+  lifecycle_section section;
+  stop();
+}
+
+int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
+                      uint32_t node_count, const char *node_id, const char *mtime)
+{
+  lifecycle_section section;
+  if (!cons_service.initialised || !cons_service.stopped) {
+    vx_log("Cannot reconfigure cluster when it is active.\n");
+    return -1;
+  }
+  return configure(ipaddr, netmask, gateway, node_macs, node_count, node_id, mtime);
+}
+
+void vx_cons_register_data_hooks(uint32_t type, vx_cons_get_state_hook get_state, vx_cons_deliver_hook deliver)
+{
+  if (cons_service.initialised) {
+    paxos_register_data_hooks(type, get_state, deliver);
+  }
+}
+
+void vx_cons_register_clmsg_hook(uint32_t index, vx_cons_clmsg_hook hook)
+{
+  if (cons_service.initialised) {
+    clmsg_register_hook(index, hook);
+  }
+}
+
+int vx_cons_distribute(const uint8_t *data, uint32_t length, uint32_t type)
+{
+  if (!distribute_gate.enter()) {
+    return -1;
+  }
+  const int result = cons_service.stopped ? -1 : paxos_distribute(data, length, type);
+  distribute_gate.leave();
+  return result;
+}
+
+void vx_cons_bcast_clmsg(uint32_t type, const uint8_t *data, uint32_t length)
+{
+  if (!cons_service.stopped) {
+    clmsg_bcast(type, data, length);
+  }
+}
+
+int vx_cons_cluster_supported(void)
+{
+  return cluster_config_supported() ? 1 : 0;
+}
+
+int vx_cons_cluster_enabled(void)
+{
+  return cluster_config_enabled() ? 1 : 0;
+}
+
+int vx_cons_cluster_active(void)
+{
+  return is_active() ? 1 : 0;
+}
+
+uint32_t vx_cons_get_node_count(void)
+{
+  return is_active() ? cons_service.node_count.load() : 1;
+}
+
+uint32_t vx_cons_get_node_id(void)
+{
+  return is_active() ? cons_service.node_id.load() : 1;
+}
