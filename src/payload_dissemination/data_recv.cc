@@ -87,7 +87,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 bool begin_assembly(xfer_state &pull, uint32_t total) CONS_REQUIRES(pull.lock)
 {
   const uint32_t pieces = total / DATA_PIECE_SIZE + (total % DATA_PIECE_SIZE != 0 ? 1 : 0);
-  auto *buffer = static_cast<uint8_t *>(std::malloc(total));
+  auto *buffer = static_cast<uint8_t *>(std::calloc(total, 1));
   auto *piece_map = static_cast<uint8_t *>(std::calloc(pieces, 1));
   if (buffer == nullptr || piece_map == nullptr) {
     std::free(buffer);

@@ -1,0 +1,13 @@
+/// What the daemon does for one connection of the control socket.
+#pragma once
+
+#include "service.h"
+
+namespace kesh
+{
+
+/// Reads the request and carries it out. True if it asks for the end of the daemon: the caller sees to that, and
+/// keeps the connection open until the process ends, so that the client sees when it is over.
+bool control_serve(service &host, int fd);
+
+} // namespace kesh

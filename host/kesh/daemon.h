@@ -1,0 +1,13 @@
+/// The daemon: from configuration to clean shutdown.
+#pragma once
+
+#include <string>
+
+namespace kesh
+{
+
+/// Runs until SIGTERM, SIGINT or `kesh stop`; SIGHUP opens the log again. `log_to_stderr` overrides log.file.
+/// Returns an exit code; what went wrong is in the log.
+int daemon_run(const std::string &config_path, bool log_to_stderr);
+
+} // namespace kesh

@@ -1,0 +1,202 @@
+// The command line of kesh: one program, the daemon and everything that talks to it.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "client_commands.h"
+#include "client_submit.h"
+#include "configure.h"
+#include "daemon.h"
+#include "exit_codes.h"
+#include "platform.h"
+#include "settings.h"
+#include "submission.h"
+
+namespace
+{
+
+constexpr char FOOTER[] = R"(Exit codes:
+  0  done
+  1  failed while it ran
+  2  wrong command line
+  3  the configuration, or a file or directory that it needs, cannot be used
+  4  no daemon answers on the control socket
+  5  refused in the present state (not active, daemon running, line not accepted)
+
+A first cluster of one node, as root:
+  mkdir -p /flashdisk/cons && cp kesh.conf.example /etc/kesh.conf
+  kesh configure --nodes 1 --id 1
+  kesh run --foreground &
+  echo MASTER > /var/run/node_state
+  echo hello | kesh submit
+  kesh journal)";
+
+/// Where the daemon listens, as a client command is told.
+struct address_options {
+  std::string config_path;
+  std::string socket_path;
+
+  void add_to(CLI::App &command)
+  {
+    CLI::Option *config = command.add_option("--config", config_path, "take the socket from this configuration");
+    command.add_option("--socket", socket_path, "control socket of the daemon (default: /run/kesh.sock)")
+        ->excludes(config);
+  }
+
+  /// Runs `action` with the socket's path.
+  int with_socket(const std::function<int(const std::string &)> &action) const
+  {
+    if (config_path.empty()) {
+      return action(socket_path.empty() ? kesh::SOCKET_PATH_DEFAULT : socket_path);
+    }
+    std::string error;
+    kesh::settings configured;
+    if (!platform::config_load(config_path, error) || !kesh::settings_read(configured, error)) {
+      fprintf(stderr, "kesh: %s\n", error.c_str());
+      return kesh::EXIT_CONFIG;
+    }
+    return action(configured.socket_path);
+  }
+};
+
+struct command_line {
+  CLI::App app{"kesh: the host daemon of a small cluster. It keeps a journal whose lines stand in the same order on "
+               "every node.",
+               "kesh"};
+  std::function<int()> chosen;
+  address_options address;
+  std::string config_path = kesh::CONFIG_PATH_DEFAULT;
+  bool foreground = false;
+  kesh::configure_options configure;
+  kesh::submit_options submit;
+  kesh::journal_options journal;
+  bool status_json = false;
+  bool heard_follow = false;
+  std::string say_text;
+  std::vector<uint32_t> nodes;
+
+  command_line()
+  {
+    app.footer(FOOTER);
+    app.require_subcommand(1);
+    add_daemon_commands();
+    add_line_commands();
+    add_other_commands();
+  }
+
+  CLI::App &add(const char *name, const char *help, std::function<int()> action)
+  {
+    CLI::App *command = app.add_subcommand(name, help);
+    command->callback([this, action = std::move(action)] { chosen = action; });
+    return *command;
+  }
+
+  CLI::App &add_client(const char *name, const char *help, std::function<int(const std::string &)> action)
+  {
+    CLI::App &command = add(name, help, [this, action = std::move(action)] { return address.with_socket(action); });
+    address.add_to(command);
+    return command;
+  }
+
+  void add_daemon_commands()
+  {
+    CLI::App &run = add("run",
+                        "Run the daemon, in the foreground. SIGTERM and SIGINT stop it cleanly, SIGHUP opens the log "
+                        "again.",
+                        [this] { return kesh::daemon_run(config_path, foreground); });
+    run.add_option("--config", config_path, "configuration file")->capture_default_str();
+    run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
+
+    CLI::App &set = add("configure",
+                        "Make this node a member of a new cluster, with the daemon stopped on every node. Writes the "
+                        "cluster.* keys, resets the node's files in /flashdisk/cons and empties its journal.",
+                        [this] {
+                          configure.config_path = config_path;
+                          return kesh::configure_run(configure);
+                        });
+    set.add_option("--config", config_path, "configuration file")->capture_default_str();
+    set.add_option("--nodes", configure.node_count, "number of nodes, 1 to 16")->required()->check(CLI::Range(1, 16));
+    set.add_option("--id", configure.node_id, "number of this node, from 1")->required()->check(CLI::Range(1, 16));
+    set.add_option("--mac", configure.macs,
+                   "MAC address of a node, once per node and in their order, the same on all nodes; the first one "
+                   "names the cluster (default: made up, the same for every cluster)");
+    set.add_option("--ipaddr", configure.ipaddr, "address of the cluster, stored for other programs");
+    set.add_option("--netmask", configure.netmask, "stored for other programs");
+    set.add_option("--gateway", configure.gateway, "stored for other programs");
+    set.add_flag("--yes", configure.yes, "empty a journal that has lines");
+
+    add_client("start", "Join the cluster: after kesh.start = no, or after the node had to leave.",
+               kesh::start_command);
+    add_client("stop", "Stop the daemon cleanly, and wait for its end.", kesh::stop_command);
+  }
+
+  void add_line_commands()
+  {
+    CLI::App &send = add_client("submit",
+                                "Submit lines to the journal. A line is acknowledged when it is delivered on this "
+                                "node; what ends without a result is submitted again under the same tag.",
+                                [this](const std::string &path) { return kesh::submit_command(path, submit); });
+    send.add_option("FILE", submit.input, "file with the lines, - for stdin")->capture_default_str();
+    send.add_option("--threads", submit.threads, "lines on their way at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1, kesh::SUBMIT_THREADS_MAX));
+    send.add_option("--timeout", submit.timeout_s,
+                    "seconds during which a line is tried again, or waits for the node to become active")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1'000'000));
+    send.add_option("--latency-csv", submit.latency_path,
+                    "write a row per acknowledged line: sequence, microseconds, line of the input; tab between");
+    send.add_flag("--json", submit.as_json, "print the summary as JSON");
+
+    CLI::App &show = add_client("journal", "Print the journal of this node.",
+                                [this](const std::string &path) { return kesh::journal_command(path, journal); });
+    show.add_option("--from", journal.from, "number of the first line to print")->capture_default_str();
+    show.add_flag("--follow", journal.follow, "go on with lines as they come");
+    show.add_flag("--tags", journal.tags,
+                  "print number, hash so far, tag (node.life.sequence), attempt and escaped text; tab between");
+  }
+
+  void add_other_commands()
+  {
+    CLI::App &status = add_client("status", "Tell how the node stands.",
+                                  [this](const std::string &path) { return kesh::status_command(path, status_json); });
+    status.add_flag("--json", status_json, "print as JSON");
+
+    CLI::App &say = add_client("say", "Send a cluster message to all nodes, once and without any promise.",
+                               [this](const std::string &path) { return kesh::say_command(path, say_text); });
+    say.add_option("TEXT", say_text, "up to 1024 bytes")->required();
+
+    CLI::App &listen = add_client("heard", "Print the last 1000 cluster messages heard by this node.",
+                                  [this](const std::string &path) { return kesh::heard_command(path, heard_follow); });
+    listen.add_flag("--follow", heard_follow, "go on with messages as they come");
+
+    CLI::App &block = add_client("block",
+                                 "Test aid: drop everything that the given nodes send (replaces what was "
+                                 "blocked before).",
+                                 [this](const std::string &path) { return kesh::block_command(path, nodes); });
+    block.add_option("NODE", nodes, "numbers of nodes")->required()->check(CLI::Range(1, 16));
+    add_client("unblock", "Test aid: hear all nodes again.",
+               [](const std::string &path) { return kesh::block_command(path, {}); });
+  }
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+  try {
+    command_line line;
+    try {
+      line.app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+      return line.app.exit(error) == 0 ? kesh::EXIT_OK : kesh::EXIT_USAGE;
+    }
+    return line.chosen();
+  } catch (const std::exception &failure) {
+    fprintf(stderr, "kesh: %s\n", failure.what());
+    return kesh::EXIT_RUNTIME;
+  }
+}

@@ -1,0 +1,73 @@
+/// The running daemon as its parts share it: the library's life cycle, the journal, the counters.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <string>
+
+#include "guarded.h"
+#include "heard.h"
+#include "journal.h"
+#include "settings.h"
+
+namespace kesh
+{
+
+using steady_time = std::chrono::steady_clock::time_point;
+
+struct submission_counters {
+  std::atomic<uint64_t> open = 0;         ///< lines now on their way
+  std::atomic<uint64_t> acknowledged = 0; ///< lines delivered here
+  std::atomic<uint64_t> failed = 0;       ///< lines given up
+  std::atomic<uint64_t> again = 0;        ///< attempts after the first
+};
+
+class service
+{
+public:
+  explicit service(const settings &configured);
+
+  /// Starts the protocol. EXIT_OK, also if it runs; else `error` says why. Any thread.
+  int start(std::string &error);
+  /// Stops the protocol and ends every wait; nothing can be started after it.
+  void shut_down();
+  /// Stops the protocol after the journal failed; a later start() may succeed.
+  void stop_for_journal();
+  /// Notices that the library left the cluster by itself, and says so once in the log.
+  void watch_isolation();
+
+  bool stopping() const { return stopping_; }
+  /// Waits until the protocol is active. False at the deadline or when the daemon stops.
+  bool wait_active(steady_time deadline) PLATFORM_EXCLUDES(activity_lock_);
+  /// Waits until the deadline. False if the daemon stops.
+  bool pause(steady_time deadline) PLATFORM_EXCLUDES(activity_lock_);
+
+  /// Asks the main thread to end the daemon, or to look at the journal. Safe in a hook.
+  void request_stop() { stop_requested_ = true, wake(); }
+  void wake() const;
+  bool stop_requested() const { return stop_requested_; }
+  int wake_fd() const { return wake_fd_.get(); }
+
+  uint64_t next_sequence() { return ++sequence_; }
+
+  const settings configured;
+  const uint64_t life; ///< ns since 1970 at the start of this process
+  const steady_time started_at = std::chrono::steady_clock::now();
+  journal lines;
+  heard messages;
+  submission_counters submissions;
+
+private:
+  platform::unique_fd wake_fd_;
+  std::atomic<bool> stopping_ = false;
+  std::atomic<bool> stop_requested_ = false;
+  std::atomic<uint64_t> sequence_ = 0;
+  platform::mutex lifecycle_lock_; // one start or stop at a time
+  bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
+  platform::mutex activity_lock_;
+  std::condition_variable_any activity_; // became active, or stopping
+};
+
+} // namespace kesh

@@ -1,0 +1,52 @@
+#include "settings.h"
+
+#include "platform.h"
+#include "vx_host.h"
+
+namespace kesh
+{
+
+namespace
+{
+
+bool read_number(const char *key, int64_t low, int64_t high, uint64_t &value, std::string &error)
+{
+  int64_t number = 0;
+  if (!platform::config_number(key, low, high, static_cast<int64_t>(value), number, error)) {
+    return false;
+  }
+  value = static_cast<uint64_t>(number);
+  return true;
+}
+
+bool read_absolute_path(const char *key, const char *fallback, std::string &value, std::string &error)
+{
+  value = platform::config_text(key, fallback);
+  return value.starts_with('/') ||
+         platform::config_refuse(key, "\"" + value + "\" is no path that begins with /", error);
+}
+
+} // namespace
+
+bool settings_read(settings &result, std::string &error)
+{
+  constexpr int64_t KEEP_LINES_MAX = 1'000'000'000;
+  constexpr int64_t KEEP_BYTES_MAX = int64_t{2} << 30;
+  if (!read_absolute_path("kesh.socket", SOCKET_PATH_DEFAULT, result.socket_path, error) ||
+      !read_absolute_path("journal.file", "/flashdisk/journal", result.journal.path, error) ||
+      !read_number("journal.keep", 1, KEEP_LINES_MAX, result.journal.keep_lines, error) ||
+      !read_number("journal.keep_bytes", 4096, KEEP_BYTES_MAX, result.journal.keep_bytes, error)) {
+    return false;
+  }
+  const std::string start = platform::config_text("kesh.start", "yes");
+  if (start != "yes" && start != "no") {
+    return platform::config_refuse("kesh.start", "\"" + start + "\" is neither yes nor no", error);
+  }
+  result.start = start == "yes";
+  // Left at 0 if unset; what the library does not accept, its start refuses.
+  vx_cfg_get_uint(&result.node_id, "cluster.node_id");
+  vx_cfg_get_uint(&result.node_count, "cluster.node._s_");
+  return true;
+}
+
+} // namespace kesh

@@ -1,0 +1,63 @@
+/// Sends payload pieces, thousands in a burst, no faster than the receivers can take them.
+///
+/// Two brakes. A rate: what a receive buffer like our own holds while its reader gets no processor for 10 ms. And
+/// a window: pieces sent to the group that have not come back to this node yet. A machine whose readers fall
+/// behind slows its senders down that way.
+#pragma once
+
+#include "guarded.h"
+#include "message.h"
+#include "transmitter.h"
+
+#include <chrono>
+#include <cstdint>
+#include <thread>
+
+namespace platform
+{
+
+class bulk_sender
+{
+public:
+  explicit bulk_sender(transmitter &out) : out_(out) {}
+
+  /// `receive_buffer`: what the kernel granted, in its reckoning.
+  void start(size_t receive_buffer);
+  /// Ends the thread and releases what waits.
+  void stop();
+
+  /// Sends at once if nothing waits and both brakes allow it, else queues. Never blocks. False if the queue is full
+  /// or the sender stopped; the message is released.
+  bool submit(message_ptr added);
+  /// Takes back what still waits here. Waits for a batch that is being sent, which never blocks, so that none is
+  /// sent after the return.
+  void remove(uint32_t channel, uint32_t key, bool any_key);
+  /// So many of our pieces came back.
+  void came_back(size_t count);
+
+private:
+  using clock = std::chrono::steady_clock;
+
+  void run();
+  size_t allowance(clock::time_point now) PLATFORM_REQUIRES(lock_);
+  void charge(const message &one) PLATFORM_REQUIRES(lock_);
+  void wait_for_allowance(clock::time_point now) PLATFORM_REQUIRES(lock_);
+  void send_batch(size_t count) PLATFORM_REQUIRES(lock_);
+
+  transmitter &out_;
+  std::thread thread_;
+  clock::duration cost_{}; // time that one piece takes at our rate
+  size_t window_ = 0;
+
+  mutex lock_;
+  condition changed_;
+  bool stopping_ PLATFORM_GUARDED_BY(lock_) = true;
+  bool sending_batch_ PLATFORM_GUARDED_BY(lock_) = false;
+  condition batch_ended_;
+  uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0; // threads that wait for the batch's end: begin no other
+  message_list waiting_ PLATFORM_GUARDED_BY(lock_);
+  clock::time_point paid_until_ PLATFORM_GUARDED_BY(lock_);
+  size_t in_flight_ PLATFORM_GUARDED_BY(lock_) = 0;
+};
+
+} // namespace platform

@@ -1,0 +1,47 @@
+/// The configuration file as text: what an operator wrote stays as it was, line by line.
+///
+///   # comment; blank lines are free
+///   key = value            # the value ends in front of a blank and '#'
+///   key = "  value\n"      # quoted: blanks and '#' count; \\ \" \n \r \t \xHH
+///
+/// Keys consist of letters, digits and . _ - [ ] and appear once.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform
+{
+
+struct config_line {
+  std::string text;  ///< as in the file, without the newline
+  std::string key;   ///< empty: comment or blank line
+  std::string value; ///< unquoted
+  std::string tail;  ///< what follows the value: blanks and a comment
+  size_t number = 0; ///< in the file, from 1; 0: added since
+};
+
+class config_file
+{
+public:
+  /// Replaces the content. On failure returns false, keeps the old content, and `error` is
+  /// "path:line: key: why".
+  bool parse(std::string_view text, const std::string &path, std::string &error);
+  std::string text() const;
+
+  /// Null if the key is not set. Valid until the next change.
+  const config_line *find(std::string_view key) const;
+  /// Changes the key's line or appends one.
+  void set(std::string_view key, std::string_view value);
+  void remove(std::string_view key);
+
+private:
+  std::vector<config_line> lines_;
+};
+
+/// True if the text can be a key.
+bool config_key_is_valid(std::string_view key);
+
+} // namespace platform

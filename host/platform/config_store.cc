@@ -1,0 +1,312 @@
+// The configuration store: vx_cfg_* and platform::config_*, one file of text.
+#include "atomic_file.h"
+#include "config_file.h"
+#include "guarded.h"
+#include "platform.h"
+#include "vx_host.h"
+
+#include <charconv>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <optional>
+
+namespace platform
+{
+namespace
+{
+
+constexpr size_t KEY_MAX_BYTES = 256;
+
+struct config_store {
+  mutex guard;
+  std::string path PLATFORM_GUARDED_BY(guard); // empty: nothing loaded, lives in memory only
+  config_file file PLATFORM_GUARDED_BY(guard);
+  // Set or removed (no value) since the last save.
+  std::map<std::string, std::optional<std::string>> changes PLATFORM_GUARDED_BY(guard);
+};
+
+// Never deleted: threads may still read while the process exits.
+config_store &store()
+{
+  static config_store *const only = new config_store;
+  return *only;
+}
+
+// Where a key stands, for messages: "file:line: key: ".
+std::string place_of(const std::string &key)
+{
+  config_store &config = store();
+  const lock_scope lock(config.guard);
+  const config_line *line = config.file.find(key);
+  const std::string file = config.path.empty() ? "configuration" : config.path;
+  return file + (line && line->number != 0 ? ":" + std::to_string(line->number) : "") + ": " + key + ": ";
+}
+
+std::optional<std::string> value_of(const std::string &key)
+{
+  config_store &config = store();
+  const lock_scope lock(config.guard);
+  const config_line *line = config.file.find(key);
+  return line ? std::optional<std::string>(line->value) : std::nullopt;
+}
+
+void apply(config_file &file, const std::string &key, const std::optional<std::string> &value)
+{
+  if (value) {
+    file.set(key, *value);
+  } else {
+    file.remove(key);
+  }
+}
+
+void change(const std::string &key, const std::optional<std::string> &value)
+{
+  config_store &config = store();
+  const lock_scope lock(config.guard);
+  config.changes[key] = value;
+  apply(config.file, key, value);
+}
+
+// The file as it is now with our changes: what an operator edited since the load stays.
+bool save_locked(config_store &config, std::string &error) PLATFORM_REQUIRES(config.guard)
+{
+  if (config.path.empty()) {
+    error = "no configuration file is loaded";
+    return false;
+  }
+  std::string text;
+  config_file merged;
+  if (!file_read(config.path, text, error)) {
+    error = config.path + ": " + error;
+    return false;
+  }
+  if (!merged.parse(text, config.path, error)) {
+    return false;
+  }
+  for (const auto &[key, value] : config.changes) {
+    apply(merged, key, value);
+  }
+  if (!file_replace(config.path, merged.text(), error) || !merged.parse(merged.text(), config.path, error)) {
+    return false;
+  }
+  config.file = std::move(merged);
+  config.changes.clear();
+  return true;
+}
+
+bool read_number(const std::string &text, int64_t low, int64_t high, int64_t &value, std::string &why)
+{
+  int64_t number = 0;
+  const auto [end, result] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result == std::errc::invalid_argument || end != text.data() + text.size()) {
+    why = "\"" + text + "\" is not a whole number";
+    return false;
+  }
+  if (result != std::errc() || number < low || number > high) {
+    why = text + " is not within " + std::to_string(low) + " and " + std::to_string(high);
+    return false;
+  }
+  value = number;
+  return true;
+}
+
+// Exceptions, which can only be failed allocations here, end where C begins.
+template <typename Body>
+int for_key(const char *format, va_list arguments, Body body)
+{
+  try {
+    char key[KEY_MAX_BYTES];
+    const int length = vsnprintf(key, sizeof key, format, arguments);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof key || !config_key_is_valid(key)) {
+      return -1;
+    }
+    return body(std::string(key)) ? 0 : -1;
+  } catch (...) {
+    return -1;
+  }
+}
+
+template <typename Number>
+bool get_number(const std::string &key, Number &value)
+{
+  const auto text = value_of(key);
+  if (!text) {
+    return false;
+  }
+  int64_t number = 0;
+  std::string why;
+  constexpr auto limits = std::numeric_limits<Number>();
+  if (!read_number(*text, limits.min(), limits.max(), number, why)) {
+    log_line(log_level::error, place_of(key) + why);
+    return false;
+  }
+  value = static_cast<Number>(number);
+  return true;
+}
+
+bool get_switch(const std::string &key, int &enabled)
+{
+  const auto text = value_of(key);
+  if (!text) {
+    return false;
+  }
+  for (const char *word : {"1", "yes", "true", "on", "enabled"}) {
+    if (*text == word) {
+      enabled = 1;
+      return true;
+    }
+  }
+  for (const char *word : {"0", "no", "false", "off", "disabled"}) {
+    if (*text == word) {
+      enabled = 0;
+      return true;
+    }
+  }
+  log_line(log_level::error, place_of(key) + "\"" + *text + "\" is neither yes nor no");
+  return false;
+}
+
+} // namespace
+
+bool config_load(const std::string &path, std::string &error)
+{
+  std::string text;
+  config_file read;
+  if (!file_read(path, text, error)) {
+    error = path + ": " + error;
+    return false;
+  }
+  if (!read.parse(text, path, error)) {
+    return false;
+  }
+  config_store &config = store();
+  const lock_scope lock(config.guard);
+  // A save replaces the file that a symbolic link names, not the link.
+  char *real = realpath(path.c_str(), nullptr);
+  config.path = real ? real : path;
+  free(real);
+  config.file = std::move(read);
+  config.changes.clear();
+  return true;
+}
+
+std::string config_text(const std::string &key, const std::string &fallback)
+{
+  return value_of(key).value_or(fallback);
+}
+
+bool config_refuse(const std::string &key, const std::string &why, std::string &error)
+{
+  error = place_of(key) + why;
+  return false;
+}
+
+bool config_number(const std::string &key, int64_t low, int64_t high, int64_t fallback, int64_t &value,
+                   std::string &error)
+{
+  const auto text = value_of(key);
+  std::string why;
+  if (!text) {
+    value = fallback;
+  } else if (!read_number(*text, low, high, value, why)) {
+    return config_refuse(key, why, error);
+  }
+  return true;
+}
+
+} // namespace platform
+
+using namespace platform;
+
+int vx_cfg_get(char **value, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) {
+    const auto text = value_of(key);
+    char *copy = text ? strdup(text->c_str()) : nullptr;
+    if (copy != nullptr) {
+      *value = copy;
+    }
+    return copy != nullptr;
+  });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_get_int(int32_t *value, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) { return get_number(key, *value); });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_get_uint(uint32_t *value, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) { return get_number(key, *value); });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_is_enabled(int *enabled, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) { return get_switch(key, *enabled); });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_set(const char *value, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) {
+    change(key, value ? std::optional<std::string>(value) : std::nullopt);
+    return true;
+  });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_set_int(int32_t value, const char *key_format, ...)
+{
+  va_list arguments;
+  va_start(arguments, key_format);
+  const int result = for_key(key_format, arguments, [&](const std::string &key) {
+    change(key, std::to_string(value));
+    return true;
+  });
+  va_end(arguments);
+  return result;
+}
+
+int vx_cfg_save(int permanent)
+{
+  if (permanent == 0) {
+    return 0;
+  }
+  try {
+    std::string error;
+    bool saved = false;
+    {
+      config_store &config = store();
+      const lock_scope lock(config.guard);
+      saved = save_locked(config, error);
+    }
+    if (!saved) {
+      log_line(log_level::error, "configuration not saved: " + error);
+    }
+    return saved ? 0 : -1;
+  } catch (...) {
+    return -1;
+  }
+}

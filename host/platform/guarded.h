@@ -1,0 +1,70 @@
+/// Mutex and condition whose use clang's -Wthread-safety checks. Leaf locks of the host layer: nothing that holds
+/// one calls out of the layer.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#if defined(__clang__)
+#define PLATFORM_ATTRIBUTE(x) __attribute__((x))
+#else
+#define PLATFORM_ATTRIBUTE(x)
+#endif
+#define PLATFORM_GUARDED_BY(x) PLATFORM_ATTRIBUTE(guarded_by(x))
+#define PLATFORM_REQUIRES(x) PLATFORM_ATTRIBUTE(requires_capability(x))
+#define PLATFORM_EXCLUDES(x) PLATFORM_ATTRIBUTE(locks_excluded(x))
+
+namespace platform
+{
+
+class PLATFORM_ATTRIBUTE(capability("mutex")) mutex
+{
+public:
+  constexpr mutex() = default;
+  void lock() PLATFORM_ATTRIBUTE(acquire_capability()) { native_.lock(); }
+  void unlock() PLATFORM_ATTRIBUTE(release_capability()) { native_.unlock(); }
+
+private:
+  friend class condition;
+  std::mutex native_;
+};
+
+class PLATFORM_ATTRIBUTE(scoped_lockable) lock_scope
+{
+public:
+  explicit lock_scope(mutex &held) PLATFORM_ATTRIBUTE(acquire_capability(held)) : held_(held) { held_.lock(); }
+  ~lock_scope() PLATFORM_ATTRIBUTE(release_capability()) { held_.unlock(); }
+  lock_scope(const lock_scope &) = delete;
+  lock_scope &operator=(const lock_scope &) = delete;
+
+private:
+  mutex &held_;
+};
+
+/// Waits may end without a reason: loop on a predicate.
+class condition
+{
+public:
+  void wait(mutex &held) PLATFORM_REQUIRES(held)
+  {
+    std::unique_lock<std::mutex> native(held.native_, std::adopt_lock);
+    native_.wait(native);
+    native.release();
+  }
+  /// False once `deadline` has passed.
+  bool wait_until(mutex &held, std::chrono::steady_clock::time_point deadline) PLATFORM_REQUIRES(held)
+  {
+    std::unique_lock<std::mutex> native(held.native_, std::adopt_lock);
+    const bool in_time = native_.wait_until(native, deadline) == std::cv_status::no_timeout;
+    native.release();
+    return in_time;
+  }
+  void signal() { native_.notify_one(); }
+  void signal_all() { native_.notify_all(); }
+
+private:
+  std::condition_variable native_;
+};
+
+} // namespace platform

@@ -1,0 +1,118 @@
+/// A message inside the service: our own fields, then the object that the library and the wire see.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+namespace platform
+{
+
+/// What a datagram consists of, which is the object of vx_host.h as it is:
+///
+///   offset  width  content
+///   0       2      magic, 'V' 'X'
+///   2       1      1 = bulk, 0 = anything else
+///   3       1      channel, 3 to 6
+///   4       16     envelope: cluster id, build number, sender address
+///   20      4      envelope: payload length n, little-endian
+///   24      n      payload
+inline constexpr size_t WORD_SIZE = 4;
+inline constexpr size_t ENVELOPE_SIZE = 20;
+/// Largest UDP payload over IPv4.
+inline constexpr size_t DATAGRAM_MAX = 65507;
+
+inline constexpr uint32_t CHANNEL_FIRST = 3;
+inline constexpr uint32_t CHANNEL_COUNT = 4;
+
+/// The pieces of payloads: channel 5, key 2. Thousands come at once, so they are paced and everything else
+/// overtakes them.
+constexpr bool is_bulk(uint32_t channel, uint32_t key)
+{
+  return channel == 5 && key == 2;
+}
+
+/// A piece of 1400 bytes behind its 20-byte header must not be fragmented on an Ethernet.
+inline constexpr size_t PIECE_DATAGRAM_MAX = WORD_SIZE + ENVELOPE_SIZE + 20 + 1400;
+static_assert(PIECE_DATAGRAM_MAX + 20 + 8 <= 1500, "IP and UDP headers and the largest piece exceed the MTU");
+
+struct alignas(16) message {
+  message *next = nullptr;
+  uint64_t id = 0;
+  int64_t due_us = 0;   // next repetition, steady clock
+  size_t data_size = 0; // bytes behind the word
+  uint32_t channel = 0;
+  uint32_t key = 0;
+  uint32_t destination = 0; // as the library named it, network order
+  uint32_t interval = 0;
+  int32_t repeat = 0; // repetitions left, -1 without end
+
+  uint8_t *object() { return reinterpret_cast<uint8_t *>(this + 1); }
+  size_t datagram_size() const { return WORD_SIZE + data_size; }
+};
+
+struct message_free {
+  void operator()(message *gone) const noexcept;
+};
+using message_ptr = std::unique_ptr<message, message_free>;
+
+/// Null if there is no memory.
+message_ptr message_new(size_t data_size) noexcept;
+inline message *message_of(void *object)
+{
+  return reinterpret_cast<message *>(object) - 1;
+}
+
+/// Writes the word from channel and key.
+void write_word(message &to);
+
+enum class datagram_check { good, bulk, foreign, damaged };
+/// Judges `size` received bytes, which may be anything, as a message of the channel. good and bulk: handed over.
+datagram_check check_datagram(const uint8_t *bytes, size_t size, uint32_t channel);
+
+/// First in, first out; owns its messages and needs no memory for itself.
+class message_list
+{
+public:
+  message_list() = default;
+  ~message_list() { clear(); }
+  message_list(const message_list &) = delete;
+  message_list &operator=(const message_list &) = delete;
+
+  bool empty() const { return first_ == nullptr; }
+  size_t count() const { return count_; }
+  /// Memory that the messages take.
+  size_t bytes() const { return bytes_; }
+  message *first() { return first_; }
+
+  void push_back(message_ptr added);
+  message_ptr pop_front();
+  /// Puts all of `others` in front, in their order.
+  void prepend(message_list &others);
+  void clear();
+
+  /// Releases what `matches`.
+  template <typename Predicate>
+  void remove_if(Predicate matches)
+  {
+    message *rest = std::exchange(first_, nullptr);
+    last_ = nullptr;
+    count_ = bytes_ = 0;
+    while (rest != nullptr) {
+      message_ptr one(rest);
+      rest = std::exchange(one->next, nullptr);
+      if (!matches(*one)) {
+        push_back(std::move(one));
+      }
+    }
+  }
+
+private:
+  message *first_ = nullptr;
+  message *last_ = nullptr;
+  size_t count_ = 0;
+  size_t bytes_ = 0;
+};
+
+} // namespace platform

@@ -1,0 +1,187 @@
+#include "messaging.h"
+
+#include "vx_host.h"
+
+#include <mutex>
+#include <system_error>
+
+namespace platform
+{
+namespace
+{
+
+constexpr uint32_t ANY_KEY = 0xFFFFFFFF;
+
+bool is_channel(uint32_t channel)
+{
+  return channel >= CHANNEL_FIRST && channel < CHANNEL_FIRST + CHANNEL_COUNT;
+}
+
+void report_small_buffer(uint32_t wanted, size_t granted)
+{
+  // The kernel doubles what is asked for, to cover its own overhead.
+  if (granted / 2 < wanted) {
+    log_line(log_level::warning, "messaging: receive buffer is " + std::to_string(granted / 2) + " bytes instead of " +
+                                     std::to_string(wanted) +
+                                     ", so bulk is sent more slowly; to lift the limit: sysctl -w "
+                                     "net.core.rmem_max=" +
+                                     std::to_string(wanted));
+  }
+}
+
+} // namespace
+
+messaging::messaging()
+{
+  for (uint32_t i = 0; i < CHANNEL_COUNT; ++i) {
+    channels_[i] = std::make_unique<channel_dispatch>(counters_, CHANNEL_FIRST + i);
+  }
+}
+
+bool messaging::start(const messaging_settings &settings, std::string &error)
+{
+  const std::unique_lock lock(running_lock_);
+  if (running_) {
+    return true;
+  }
+  if (!receiver_.open(settings, error) || !out_.open(settings, error)) {
+    receiver_.stop();
+    out_.close();
+    return false;
+  }
+  const size_t granted = receiver_.granted_buffer();
+  report_small_buffer(settings.receive_buffer, granted);
+  try {
+    for (auto &channel : channels_) {
+      channel->start();
+    }
+    bulk_.start(granted);
+    repeats_.start(settings.interval_ms);
+    receiver_.start(out_.bulk_port());
+  } catch (const std::system_error &failure) {
+    error = std::string("messaging: cannot create a thread: ") + failure.what();
+    end_threads();
+    return false;
+  }
+  running_ = true;
+  return true;
+}
+
+void messaging::stop()
+{
+  {
+    const std::unique_lock lock(running_lock_);
+    if (!running_) {
+      return;
+    }
+    running_ = false;
+  }
+  // A hook that runs may still call enqueue: it finds the service stopped.
+  end_threads();
+}
+
+void messaging::end_threads()
+{
+  receiver_.stop();
+  for (auto &channel : channels_) {
+    channel->stop();
+  }
+  repeats_.stop();
+  bulk_.stop();
+  out_.close();
+}
+
+const char *messaging::refusal(const message &one) const
+{
+  if (!running_) {
+    return "messaging is not started";
+  }
+  if (!is_channel(one.channel)) {
+    return "no such channel";
+  }
+  if (!out_.knows(one.destination)) {
+    return "no such node";
+  }
+  if (one.datagram_size() > DATAGRAM_MAX) {
+    return "longer than a datagram can be (65503 bytes of envelope and payload)";
+  }
+  return nullptr;
+}
+
+void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint32_t destination, int32_t repeat,
+                         uint32_t interval)
+{
+  sent->id = next_id_.fetch_add(1, std::memory_order_relaxed);
+  sent->channel = channel;
+  sent->key = key;
+  sent->destination = destination;
+  sent->repeat = repeat;
+  sent->interval = interval;
+  void *const handle = reinterpret_cast<void *>(sent->id);
+
+  const std::shared_lock lock(running_lock_);
+  if (const char *why = refusal(*sent)) {
+    out_.report(*sent, 0, why);
+    return nullptr;
+  }
+  write_word(*sent);
+  if (repeat != 0) {
+    repeats_.add(std::move(sent));
+    return handle;
+  }
+  if (is_bulk(channel, key)) {
+    message lost = *sent;
+    if (bulk_.submit(std::move(sent))) {
+      return handle;
+    }
+    out_.report(lost, 0, "too much waits to be sent");
+    return nullptr;
+  }
+  const send_result result = out_.send(*sent);
+  if (result == send_result::busy) {
+    out_.report(*sent, EAGAIN, "the kernel's send buffer is full");
+  }
+  return result == send_result::sent ? handle : nullptr;
+}
+
+void messaging::dequeue(void *handle, uint32_t channel, uint32_t key)
+{
+  if (handle != nullptr) {
+    repeats_.remove(reinterpret_cast<uint64_t>(handle));
+    return;
+  }
+  repeats_.remove(channel, key, key == ANY_KEY);
+  if (channel == 5) {
+    bulk_.remove(channel, key, key == ANY_KEY);
+  }
+}
+
+void messaging::register_hook(channel_dispatch::hook_function hook, uint32_t channel)
+{
+  if (is_channel(channel)) {
+    channels_[channel - CHANNEL_FIRST]->set_hook(hook);
+  } else {
+    log_line(log_level::error, "messaging: hook for channel " + std::to_string(channel) + ", which does not exist");
+  }
+}
+
+void messaging::unregister_hook(channel_dispatch::hook_function hook)
+{
+  for (auto &channel : channels_) {
+    channel->clear_hook(hook);
+  }
+}
+
+messaging_statistics messaging::statistics()
+{
+  messaging_statistics read;
+  read.sent = counters_.sent;
+  read.received = counters_.received;
+  read.queued = repeats_.size();
+  for (size_t i = 0; i < read.dropped.size(); ++i) {
+    read.dropped[i] = counters_.dropped[i];
+  }
+  return read;
+}
+
+} // namespace platform

@@ -1,0 +1,58 @@
+/// The messaging service of one node. The functions of vx_host.h work on the process's only one; tests make more.
+#pragma once
+
+#include "bulk_sender.h"
+#include "channel_dispatch.h"
+#include "counters.h"
+#include "messaging_settings.h"
+#include "receiver.h"
+#include "repeat_queue.h"
+#include "transmitter.h"
+
+#include <atomic>
+#include <cstdint>
+#include <shared_mutex>
+#include <string>
+
+namespace platform
+{
+
+/// Any thread may call anything but start and stop. No call waits for a hook, and none but stop for the network.
+class messaging
+{
+public:
+  messaging();
+
+  /// Opens the sockets and starts the threads. On failure returns false, `error` says what and why, and nothing
+  /// is left open.
+  bool start(const messaging_settings &settings, std::string &error);
+  /// Waits for running hooks. What is queued is dropped. Hooks stay registered.
+  void stop();
+
+  /// As vx_msg_enqueue and vx_msg_dequeue; a handle is a number that is used once, so an old one is harmless.
+  void *enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint32_t destination, int32_t repeat,
+                uint32_t interval);
+  void dequeue(void *handle, uint32_t channel, uint32_t key);
+  void register_hook(channel_dispatch::hook_function hook, uint32_t channel);
+  void unregister_hook(channel_dispatch::hook_function hook);
+
+  messaging_statistics statistics();
+  void block(uint32_t node_mask) { receiver_.block(node_mask); }
+
+private:
+  void end_threads();
+  const char *refusal(const message &one) const; // null: it can be sent
+
+  messaging_counters counters_;
+  transmitter out_{counters_};
+  repeat_queue repeats_{out_};
+  bulk_sender bulk_{out_};
+  receiver::channels channels_;
+  receiver receiver_{counters_, channels_, bulk_};
+  std::atomic<uint64_t> next_id_{1};
+  // Shared while a message is sent, so that stop does not close a socket in use.
+  std::shared_mutex running_lock_;
+  bool running_ = false;
+};
+
+} // namespace platform

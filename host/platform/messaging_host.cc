@@ -1,0 +1,94 @@
+// The process's messaging service behind vx_msg_* and platform::messaging_*.
+#include "messaging.h"
+#include "vx_host.h"
+
+namespace platform
+{
+namespace
+{
+
+// Never deleted: library threads may still call while the process exits.
+messaging &service()
+{
+  static messaging *const only = new messaging;
+  return *only;
+}
+
+} // namespace
+
+bool messaging_start(std::string &error)
+{
+  messaging_settings settings;
+  return messaging_read_settings(settings, error) && service().start(settings, error);
+}
+
+void messaging_stop()
+{
+  service().stop();
+}
+messaging_statistics messaging_read_statistics()
+{
+  return service().statistics();
+}
+void messaging_block(uint32_t node_mask)
+{
+  service().block(node_mask);
+}
+
+const char *drop_reason_name(drop_reason reason)
+{
+  const char *const names[] = {"foreign", "damaged", "no_hook", "blocked", "receive_overflow", "send_failed"};
+  return names[static_cast<size_t>(reason)];
+}
+
+} // namespace platform
+
+using namespace platform;
+
+void *vx_msg_allocate(uint32_t size)
+{
+  message_ptr made = message_new(size);
+  return made ? made.release()->object() : nullptr;
+}
+
+// An allocation that fails on these roads can only be for a line of the log: the message is as good as lost.
+void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t destination, int32_t repeat,
+                     uint32_t interval)
+{
+  if (msg == nullptr) {
+    return nullptr;
+  }
+  try {
+    return service().enqueue(message_ptr(message_of(msg)), channel, msg_key, destination, repeat, interval);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+int vx_msg_dequeue(void *handle, uint32_t channel, uint32_t msg_key, uint32_t)
+{
+  try {
+    service().dequeue(handle, channel, msg_key);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+void vx_msg_register_recv_hook(void (*hook)(void *msg), uint32_t channel)
+{
+  try {
+    service().register_hook(hook, channel);
+  } catch (...) {
+    // No memory for a line of the log.
+  }
+}
+
+void vx_msg_unregister_recv_hook(void (*hook)(void *msg))
+{
+  try {
+    service().unregister_hook(hook);
+  } catch (...) {
+    // Only the first use of the service allocates.
+  }
+}

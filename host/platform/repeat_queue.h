@@ -1,0 +1,48 @@
+/// Messages that are sent again and again until they are taken back.
+#pragma once
+
+#include "guarded.h"
+#include "message.h"
+#include "transmitter.h"
+
+#include <cstdint>
+#include <thread>
+
+namespace platform
+{
+
+class repeat_queue
+{
+public:
+  explicit repeat_queue(transmitter &out) : out_(out) {}
+
+  void start(uint32_t interval_ms);
+  /// Ends the thread and releases what is queued.
+  void stop();
+
+  /// Sends the message for the first time and keeps it, under its id.
+  void add(message_ptr added);
+  /// Takes messages back. Waits for a transmission that is under way, which never blocks, so that none is
+  /// sent after the return.
+  void remove(uint64_t id);
+  void remove(uint32_t channel, uint32_t key, bool any_key);
+  size_t size();
+
+private:
+  void run();
+  void send_due(int64_t now_us) PLATFORM_REQUIRES(lock_);
+  int64_t next_due_us() PLATFORM_REQUIRES(lock_);
+  int64_t period_us(const message &one) const;
+
+  transmitter &out_;
+  int64_t interval_us_ = 0;
+  std::thread thread_;
+
+  // Held while a message is sent: that is what remove waits for.
+  mutex lock_;
+  condition changed_;
+  bool stopping_ PLATFORM_GUARDED_BY(lock_) = false;
+  message_list queued_ PLATFORM_GUARDED_BY(lock_);
+};
+
+} // namespace platform

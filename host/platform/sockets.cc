@@ -1,0 +1,119 @@
+#include "sockets.h"
+
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace platform
+{
+namespace
+{
+
+// Several nodes' worth of pieces may wait for a slow link; the kernel's limit holds in any case.
+constexpr int SEND_BUFFER = 1 << 20;
+
+template <typename Value>
+bool set_option(int fd, int level, int name, const Value &value)
+{
+  return setsockopt(fd, level, name, &value, sizeof value) == 0;
+}
+
+bool bind_to(const unique_fd &fd, uint32_t address, uint16_t port)
+{
+  const sockaddr_in name = socket_address(address, port);
+  return bind(fd.get(), reinterpret_cast<const sockaddr *>(&name), sizeof name) == 0;
+}
+
+unique_fd open_udp()
+{
+  return unique_fd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+unique_fd failed(const std::string &what, uint32_t address, uint16_t port, std::string &error)
+{
+  error = "messaging: " + what + " " + address_text(address) + " port " + std::to_string(port) + ": " +
+          std::generic_category().message(errno);
+  return {};
+}
+
+ip_mreqn group_on_interface(const messaging_settings &settings)
+{
+  ip_mreqn membership{};
+  membership.imr_multiaddr.s_addr = GROUP_ADDRESS;
+  membership.imr_address.s_addr = settings.interface_address != 0 ? settings.interface_address : settings.own_address();
+  membership.imr_ifindex =
+      settings.interface.empty() ? 0 : static_cast<int>(if_nametoindex(settings.interface.c_str()));
+  return membership;
+}
+
+// What the kernel does not grant shows in granted_receive_buffer.
+void enlarge_receive_buffer(const unique_fd &fd, uint32_t size)
+{
+  const int wanted = static_cast<int>(size);
+  if (!set_option(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, wanted)) {
+    set_option(fd.get(), SOL_SOCKET, SO_RCVBUF, wanted);
+  }
+}
+
+} // namespace
+
+unique_fd open_unicast_receiver(const messaging_settings &settings, uint32_t channel, std::string &error)
+{
+  const auto port = static_cast<uint16_t>(settings.port_base + channel);
+  unique_fd fd = open_udp();
+  // No SO_REUSEADDR: two processes as one node would each get some of its messages.
+  if (!fd || !set_option(fd.get(), SOL_SOCKET, SO_RXQ_OVFL, 1) || !bind_to(fd, settings.own_address(), port)) {
+    return failed("cannot receive on", settings.own_address(), port, error);
+  }
+  enlarge_receive_buffer(fd, settings.receive_buffer);
+  return fd;
+}
+
+unique_fd open_group_receiver(const messaging_settings &settings, uint32_t channel, std::string &error)
+{
+  const auto port = static_cast<uint16_t>(settings.port_base + channel);
+  unique_fd fd = open_udp();
+  // Bound to the group, it hears only the group; IP_MULTICAST_ALL off: only on the interface that it joined.
+  if (!fd || !set_option(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1) || !set_option(fd.get(), SOL_SOCKET, SO_RXQ_OVFL, 1) ||
+      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) || !bind_to(fd, GROUP_ADDRESS, port) ||
+      !set_option(fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, group_on_interface(settings))) {
+    return failed("cannot join the group", GROUP_ADDRESS, port, error);
+  }
+  enlarge_receive_buffer(fd, settings.receive_buffer);
+  return fd;
+}
+
+unique_fd open_sender(const messaging_settings &settings, std::string &error)
+{
+  unique_fd fd = open_udp();
+  // IP_MULTICAST_IF needs neither a multicast route nor the interface's MULTICAST flag, so the loopback interface
+  // of a fresh network namespace will do once it is up.
+  if (!fd || !bind_to(fd, settings.own_address(), 0) ||
+      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, group_on_interface(settings)) ||
+      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_LOOP, 1) ||
+      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, int{settings.multicast_ttl})) {
+    return failed("cannot send from", settings.own_address(), 0, error);
+  }
+  set_option(fd.get(), SOL_SOCKET, SO_SNDBUF, SEND_BUFFER);
+  return fd;
+}
+
+size_t granted_receive_buffer(const unique_fd &socket)
+{
+  int size = 0;
+  socklen_t length = sizeof size;
+  getsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &size, &length);
+  return static_cast<size_t>(size);
+}
+
+uint16_t bound_port(const unique_fd &socket)
+{
+  sockaddr_in name{};
+  socklen_t length = sizeof name;
+  getsockname(socket.get(), reinterpret_cast<sockaddr *>(&name), &length);
+  return name.sin_port;
+}
+
+} // namespace platform

@@ -1,0 +1,167 @@
+"""Measures a cluster: submissions by role, payload and number of submitters, against the cost of one durable save."""
+
+import csv
+import os
+import random
+import string
+import time
+from dataclasses import dataclass
+
+from .durable_save import measure_save_us, percentile
+from .errors import UsageError
+from .waiting import wait_until
+
+# Durable saves that stand in series on the road of one submission, all of them on the critical path.
+SAVES_IN_SERIES = {"leader": 5, "follower": 6}
+COUNT_MIN = 10
+COUNT_MAX = 3000
+WARM_UP = 5
+BULK_SIZE = 1_000_000  # from here on each payload is also watched until all nodes have it
+BYTES_PER_CELL_MAX = 400_000_000
+BYTES_UNDER_WAY_MAX = 40_000_000
+IDLE_S = 10.0
+# Small snapshots: the library is measured here, not a journal that travels with every new log.
+SETTINGS = {"journal.keep": 1000, "journal.keep_bytes": 1 << 20, "log.level": "warning"}
+
+COLUMNS = ["nodes", "role", "payload_bytes", "submitters", "submissions", "median_ms", "p99_ms", "per_s", "save_ms",
+           "saves_in_series", "ratio", "all_nodes_median_ms"]
+
+
+@dataclass
+class Plan:
+    nodes: list
+    roles: list
+    sizes: list
+    submitters: list
+    cell_s: float
+
+
+def payload(size, seed):
+    """A line of `size` bytes that no compressor would like."""
+    source = random.Random(seed)
+    block = "".join(source.choices(string.ascii_letters + string.digits, k=min(size, 4096))).encode()
+    return (block * (size // len(block) + 1))[:size]
+
+
+class Bench:
+    def __init__(self, cluster, progress):
+        self._cluster = cluster
+        self._progress = progress
+
+    def run(self, plan):
+        """Rows (dictionaries by COLUMNS), one per combination; and the idle load in percent of one core, per size of
+        cluster."""
+        warn_of_load(self._progress)
+        rows, idle = [], {}
+        for count in plan.nodes:
+            self._progress.say(f"{count} nodes come up")
+            self._cluster.create(count, SETTINGS)
+            try:
+                self._cluster.start_all(master=1)
+                idle[count] = self._idle_percent()
+                for role in plan.roles:
+                    for size in plan.sizes:
+                        for submitters in plan.submitters:
+                            if size * submitters > BYTES_UNDER_WAY_MAX:
+                                self._progress.say(f"left out: {submitters} payloads of {size} bytes at once")
+                                continue
+                            rows.append(self._cell(count, role, size, submitters, plan.cell_s))
+            finally:
+                self._cluster.close()
+        return rows, idle
+
+    def _idle_percent(self):
+        self._progress.say(f"idle load over {IDLE_S:g} s")
+        before, start = self._cpu_s(), time.monotonic()
+        time.sleep(IDLE_S)
+        return 100.0 * (self._cpu_s() - before) / (time.monotonic() - start)
+
+    def _cpu_s(self):
+        ticks = 0
+        for node in self._cluster.nodes.values():
+            with open(f"/proc/{node.pid()}/stat", encoding="utf-8") as file:
+                fields = file.read().rpartition(")")[2].split()
+            ticks += int(fields[11]) + int(fields[12])
+        return ticks / os.sysconf("SC_CLK_TCK")
+
+    def _cell(self, count, role, size, submitters, cell_s):
+        node = 1 if role == "leader" else 2
+        if node not in self._cluster.nodes:
+            raise UsageError("a follower needs at least 2 nodes")
+        name = f"{count} nodes, {role}, {size} bytes, {submitters} submitters"
+        warm_up = self._submit(node, size, submitters, WARM_UP, name)
+        one_s = max(1e-4, percentile(warm_up.latencies_us(), 50) / 1e6)
+        wanted = int(cell_s / one_s * submitters)
+        submissions = max(COUNT_MIN, min(COUNT_MAX, wanted, BYTES_PER_CELL_MAX // size))
+        directory = self._cluster.node(node).path("flashdisk")
+        before_us = measure_save_us(directory)
+        everywhere_ms = None
+        start = time.monotonic()
+        if size >= BULK_SIZE and submitters == 1:
+            times, everywhere_ms = self._one_by_one(node, size, submissions, name)
+        else:
+            times = self._submit(node, size, submitters, submissions, name).latencies_us()
+        duration_s = time.monotonic() - start
+        save_us = (before_us + measure_save_us(directory)) / 2
+        median_us = percentile(times, 50)
+        saves = SAVES_IN_SERIES[role]
+        return dict(zip(COLUMNS, [
+            count, role, size, submitters, len(times), round(median_us / 1000, 2),
+            round(percentile(times, 99) / 1000, 2), round(len(times) / duration_s, 1), round(save_us / 1000, 3), saves,
+            round(median_us / (saves * save_us), 2), everywhere_ms]))
+
+    def _submit(self, node, size, submitters, submissions, name):
+        lines = [payload(size, number % 8) for number in range(submissions)]
+        part = self._cluster.submit(node, lines, submitters)
+        timeout_s = 120.0
+
+        def is_done():
+            self._progress.update(f"{name}: {len(part.acknowledged)}/{submissions}")
+            return part.is_done()
+
+        wait_until(is_done, timeout_s, f"{name}: all acknowledged", poll_s=0.005)
+        return part.wait(1.0)
+
+    def _one_by_one(self, node, size, submissions, name):
+        """(sorted latencies in us, median ms until every node has delivered the payload). Nodes are asked every few
+        milliseconds, so the second figure is no finer than that."""
+        times, everywhere = [], []
+        for number in range(submissions):
+            self._progress.update(f"{name}: {number}/{submissions}")
+            wanted = self._count(node) + 1
+            start = time.monotonic()
+            part = self._cluster.submit(node, [payload(size, number % 8)])
+            wait_until(lambda wanted=wanted: all(self._count(each) >= wanted for each in self._cluster.nodes), 60.0,
+                       f"{name}: on every node", poll_s=0.002)
+            everywhere.append(1000 * (time.monotonic() - start))
+            times += part.wait(60.0).latencies_us()
+        return sorted(times), round(percentile(sorted(everywhere), 50), 1)
+
+    def _count(self, node):
+        return self._cluster.status(node)["journal"]["lines"]
+
+
+def warn_of_load(progress):
+    """A save waits for kernel threads, so a busy machine makes it many times dearer, and the ratio worthless."""
+    load, cores = os.getloadavg()[0], os.cpu_count() or 1
+    if load > cores / 2:
+        progress.say(f"WARNING: this machine is busy (load {load:.1f} on {cores} cores): the figures will not be good")
+
+
+def print_table(rows, idle, stream):
+    titles = ["nodes", "role", "payload", "submitters", "n", "median ms", "p99 ms", "per s", "save ms", "saves", "ratio",
+              "all nodes ms"]
+    table = [titles] + [["" if row[column] is None else str(row[column]) for column in COLUMNS] for row in rows]
+    widths = [max(len(line[i]) for line in table) for i in range(len(titles))]
+    for line in table:
+        print("  ".join(text.rjust(width) for text, width in zip(line, widths)), file=stream)
+    print("\nratio = median / (saves in series x one durable save, measured just before and after on the same disk)", file=stream)
+    for count, percent in idle.items():
+        print(f"idle cluster of {count} nodes: {percent:.1f} % of one core", file=stream)
+
+
+def write_csv(rows, path):
+    with open(path, "w", newline="", encoding="utf-8") as file:
+        writer = csv.DictWriter(file, COLUMNS)
+        writer.writeheader()
+        writer.writerows(rows)

@@ -1,0 +1,163 @@
+"""A cluster of real processes on this machine.
+
+    with Cluster("/tmp/lab") as cluster:
+        cluster.create(3)
+        cluster.start_all(master=1)
+        cluster.submit(2, ["one line", "another"]).wait()
+        cluster.await_equal()
+
+Use one object from one thread: the nodes die with the thread that opened the laboratory.
+"""
+
+import struct
+
+from . import journal, network, programs
+from .errors import LabError, UsageError
+from .holder_client import HolderClient
+from .node import Node
+from .rundir import RunDir
+from .submission import Submission
+from .waiting import wait_until
+
+NODES_MAX = 16
+ACTIVE_TIMEOUT_S = 30.0
+
+
+class Cluster:
+    def __init__(self, run_dir, build_dir=None):
+        """An existing laboratory in `run_dir`, up or not, or the place for a new one (`create`)."""
+        self.dir = RunDir(run_dir)
+        self.holder = HolderClient(self.dir)
+        self.nodes = {}
+        self._build_dir = build_dir
+        self.programs = None
+        if self.dir.is_lab():
+            self._load()
+
+    def _load(self):
+        settings = self.dir.read_settings()
+        self._settings = settings
+        self.programs = programs.Programs(self._build_dir or settings["build_dir"])
+        self.nodes = {node: Node(node, self.dir, self.programs, self.holder) for node in range(1, settings["nodes"] + 1)}
+
+    def create(self, count, settings=None, detached=False):
+        """Makes a cluster without a past, of `count` nodes, and opens it. `settings` are further configuration keys.
+        A laboratory that was in the run directory is gone then. `detached`: it stays up when the caller ends."""
+        if not 1 <= count <= NODES_MAX:
+            raise UsageError(f"a cluster has 1 to {NODES_MAX} nodes, not {count}")
+        found = programs.Programs(self._build_dir or programs.default_build_dir())
+        if self.dir.holder_pid():
+            raise LabError(f"a laboratory is up in {self.dir.path} already: `vxlab down` ends it")
+        self.dir.prepare(fresh=True)
+        self.dir.write_settings({"nodes": count, "build_dir": found.build_dir, "partition": []})
+        self._load()
+        self.open(detached)
+        for node in self.nodes.values():
+            node.create(count, settings or {})
+
+    def open(self, detached=False):
+        """Brings up the laboratory, with no node running yet."""
+        self.holder.start(self.programs.node_view, detached)
+
+    def close(self):
+        """Ends all nodes and the laboratory. The run directory stays."""
+        self.holder.end()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def node(self, node_id):
+        if node_id not in self.nodes:
+            raise UsageError(f"there is no node {node_id}: the cluster has nodes 1 to {len(self.nodes)}")
+        return self.nodes[node_id]
+
+    def start(self, node_id):
+        node = self.node(node_id)
+        node.start()
+        blocked = network.blocked_by(self.partition_parts(), node_id)
+        if blocked:
+            node.control.block(blocked)
+
+    def start_all(self, master=None):
+        for node_id in self.nodes:
+            self.start(node_id)
+        if master:
+            self.set_master(master)
+        self.await_active()
+
+    def stop(self, node_id):
+        return self.node(node_id).stop()
+
+    def kill(self, node_id):
+        self.node(node_id).kill()
+
+    def restart(self, node_id):
+        if self.node(node_id).is_running():
+            self.stop(node_id)
+        self.start(node_id)
+
+    def running(self):
+        return [node_id for node_id, state in self._processes().items() if state["running"]]
+
+    def _processes(self):
+        return {int(node): state for node, state in self.holder.ask("state")["nodes"].items()}
+
+    def set_master(self, *node_ids):
+        """These nodes' state files say MASTER, all others BACKUP; BACKUP is written first, as a good keepalived would."""
+        for node_id in node_ids:
+            self.node(node_id)
+        for node_id, node in self.nodes.items():
+            if node_id not in node_ids:
+                node.write_state("BACKUP")
+        for node_id in node_ids:
+            self.nodes[node_id].write_state("MASTER")
+
+    def masters(self):
+        return [node_id for node_id, node in self.nodes.items() if node.state() == "MASTER"]
+
+    def partition_parts(self):
+        return [set(part) for part in self.dir.read_settings()["partition"]]
+
+    def partition(self, *parts):
+        """From now on nodes of different parts do not hear each other. No part: all hear all."""
+        settings = self.dir.read_settings()
+        settings["partition"] = [sorted(part) for part in parts]
+        self.dir.write_settings(settings)
+        for node_id in self.running():
+            self.nodes[node_id].control.block(network.blocked_by(parts, node_id))
+
+    def heal(self):
+        self.partition()
+
+    def submit(self, node_id, lines, threads=1, timeout_s=60):
+        """Starts a Submission. `timeout_s`: how long a line waits for a node that is not active to become so again."""
+        return Submission(self.node(node_id), lines, threads, timeout_s)
+
+    def status(self, node_id):
+        return self.node(node_id).control.status()
+
+    def last_decision(self, node_id):
+        """(number of the last decision, entries in its log) of the node, from its file."""
+        return struct.unpack_from("<II", self.node(node_id).durable("paxos_decide"))
+
+    def await_active(self, node_ids=None, timeout_s=ACTIVE_TIMEOUT_S):
+        for node_id in node_ids or self.nodes:
+            wait_until(lambda node_id=node_id: self.status(node_id)["active"], timeout_s, f"node {node_id} is active")
+
+    def await_equal(self, node_ids=None, timeout_s=60.0):
+        """Waits until the journals have the same length, then compares them; returns them."""
+        node_ids = list(node_ids or self.nodes)
+        counts = {}
+
+        def are_level():
+            for node_id in node_ids:
+                counts[node_id] = self.status(node_id)["journal"]["lines"]
+            return len(set(counts.values())) == 1
+
+        wait_until(are_level, timeout_s, lambda: f"journals of equal length; they have {counts}", poll_s=0.05)
+        journals = [self.nodes[node_id].journal() for node_id in node_ids]
+        journal.check_equal(journals)
+        return journals

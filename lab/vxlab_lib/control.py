@@ -1,0 +1,76 @@
+"""A node's control socket: one line of JSON there, one back; some operations go on with plain lines."""
+
+import json
+import os
+import socket
+from contextlib import contextmanager
+
+from .errors import LabError
+from .rundir import short_path
+
+ANSWER_TIMEOUT_S = 20.0
+
+
+class NodeUnreachable(LabError):
+    """No daemon answers: not running, not up yet, or gone in the middle."""
+
+
+@contextmanager
+def connect(directory, what, request, timeout_s=ANSWER_TIMEOUT_S):
+    """Sends the request to the socket kesh.sock in `directory`; gives (answer, stream, socket). `what` names the node
+    in errors. Raises NodeUnreachable, or LabError if the node refuses."""
+    fd = -1
+    try:
+        path, fd = short_path(directory, "kesh.sock")
+        with socket.socket(socket.AF_UNIX) as sock:
+            sock.settimeout(timeout_s)
+            sock.connect(path)
+            sock.sendall(json.dumps(request).encode() + b"\n")
+            with sock.makefile("rb") as stream:
+                reply = stream.readline()
+                if not reply:
+                    raise NodeUnreachable(f"{what} went away")
+                answer = json.loads(reply)
+                if not answer["ok"]:
+                    raise LabError(f"{what}: {answer['error']}")
+                yield answer, stream, sock
+    except TimeoutError as error:
+        raise NodeUnreachable(f"{what} does not answer within {timeout_s:g} s") from error
+    except OSError as error:
+        raise NodeUnreachable(f"{what} does not answer: {error.strerror}") from error
+    finally:
+        if fd >= 0:
+            os.close(fd)
+
+
+class ControlClient:
+    def __init__(self, node_id, directory):
+        self._what = f"node {node_id}"
+        self._dir = directory
+
+    def open(self, request, timeout_s=ANSWER_TIMEOUT_S):
+        return connect(self._dir, self._what, request, timeout_s)
+
+    def status(self, timeout_s=ANSWER_TIMEOUT_S):
+        with self.open({"op": "status"}, timeout_s) as (answer, _, _):
+            return answer["status"]
+
+    def say(self, text):
+        with self.open({"op": "say", "text": text}):
+            pass
+
+    def heard(self):
+        """[(node, text)] of the cluster messages heard so far, text escaped as in the journal."""
+        with self.open({"op": "heard"}) as (_, stream, _):
+            rows = [line.decode("utf-8", "replace").rstrip("\n").split(" ", 2) for line in stream]
+        return [(int(row[1]), row[2]) for row in rows]
+
+    def block(self, nodes):
+        """Test aid: the node drops whatever these nodes send, and hears all others."""
+        with self.open({"op": "block", "mask": sum(1 << (node - 1) for node in nodes)}):
+            pass
+
+    def start_protocol(self):
+        """Starts a library that was stopped or has isolated itself."""
+        with self.open({"op": "start"}, 60.0):
+            pass

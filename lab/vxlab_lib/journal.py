@@ -1,0 +1,125 @@
+"""A node's journal file, read with no help of the program that wrote it."""
+
+import re
+import zlib
+from dataclasses import dataclass, field
+
+from .errors import CheckFailed, LabError
+
+
+@dataclass(frozen=True)
+class Line:
+    number: int
+    hash: str
+    tag: str  # node.life.sequence
+    attempt: int
+    text: bytes
+
+
+@dataclass
+class Journal:
+    node: int
+    lines: list = field(default_factory=list)
+    base: int = 0  # lines applied before the first one that the file holds
+    base_hash: str = ""
+    repeated: int = 0  # delivered again under a later attempt: no fault
+    redelivered: int = 0  # the one line before a crash, again after it: no fault
+    doubled: int = 0  # delivered twice: a fault
+
+    @property
+    def count(self):
+        return self.lines[-1].number if self.lines else self.base
+
+    @property
+    def hash(self):
+        return self.lines[-1].hash if self.lines else self.base_hash
+
+
+def parse_record(raw, where):
+    """(kind, Line) of one record without its newline."""
+    crc, _, rest = raw.partition(b" ")
+    if len(crc) != 8 or int(crc, 16) != zlib.crc32(rest):
+        raise CheckFailed(f"{where}: the record is damaged")
+    fields = rest.split(b" ", 5)
+    kind, number, running_hash, tag, attempt = (word.decode() for word in fields[:5])
+    return kind, Line(int(number), running_hash, tag, int(attempt), unescape(fields[5]))
+
+
+def unescape(text):
+    """Undoes \\\\ and \\xHH."""
+    if b"\\" not in text:
+        return text
+    return re.sub(rb"\\(\\|x[0-9a-f]{2})", lambda found: bytes([int(found[1][1:], 16) if found[1] != b"\\" else 92]), text)
+
+
+def read_journal(path, node):
+    """Reads the file. A record without its newline is still being written, and left out."""
+    journal = Journal(node)
+    try:
+        with open(path, "rb") as file:
+            content = file.read()
+    except FileNotFoundError:
+        return journal
+    except OSError as error:
+        raise LabError(f"{path}: {error.strerror}") from error
+    for number, raw in enumerate(content.split(b"\n")[:-1], 1):
+        kind, line = parse_record(raw, f"{path}:{number}")
+        if kind == "L":
+            journal.lines.append(line)
+        elif kind == "S":
+            journal.base, journal.base_hash = line.number, line.hash
+            counters = [int(word) for word in line.text.split()[:3]]
+            journal.repeated, journal.doubled, journal.redelivered = counters
+        elif kind == "R":
+            journal.repeated += 1
+        elif kind == "A":
+            journal.redelivered += 1
+        elif kind == "D":
+            journal.doubled += 1
+        else:
+            raise CheckFailed(f"{path}:{number}: unknown kind of record {kind!r}")
+    return journal
+
+
+def check_journal(journal):
+    """One journal alone: numbered without a gap, no tag twice, nothing delivered twice."""
+    where = f"journal of node {journal.node}"
+    tags = set()
+    for expected, line in enumerate(journal.lines, journal.base + 1):
+        if line.number != expected:
+            raise CheckFailed(f"{where}: line {line.number} where {expected} should be")
+        if line.tag in tags:
+            raise CheckFailed(f"{where}: line {line.number}: {line.tag} stands there twice")
+        tags.add(line.tag)
+    if journal.doubled:
+        raise CheckFailed(f"{where}: {journal.doubled} deliveries were doubled")
+
+
+def check_equal(journals):
+    """All journals: the same lines in the same order, as far as each holds them, up to the same end."""
+    first = journals[0]
+    by_number = {line.number: line for line in first.lines}
+    for journal in journals:
+        check_journal(journal)
+        if (journal.count, journal.hash) != (first.count, first.hash):
+            raise CheckFailed(f"node {journal.node} has {journal.count} lines with hash {journal.hash}, "
+                              f"node {first.node} {first.count} with {first.hash}")
+        for line in journal.lines:
+            other = by_number.get(line.number, line)
+            if line != other:
+                raise CheckFailed(f"line {line.number} is {line.tag} on node {journal.node} and {other.tag} on node "
+                                  f"{first.node}")
+
+
+def check_acknowledged(journals, acknowledged):
+    """`acknowledged` (tag -> text): each must stand in every journal. Once is check_journal's part.
+    A journal that begins later (journal.keep) can only be asked for what it holds."""
+    for journal in journals:
+        texts = {line.tag: line.text for line in journal.lines}
+        missing = [tag for tag in acknowledged if tag not in texts]
+        if len(missing) > journal.base:
+            raise CheckFailed(f"journal of node {journal.node}: {len(missing)} acknowledged lines are missing, the first "
+                              f"is {missing[0]}")
+        for tag, text in acknowledged.items():
+            if texts.get(tag, text) != text:
+                raise CheckFailed(f"journal of node {journal.node}: {tag} has another text than was submitted")

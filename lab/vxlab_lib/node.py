@@ -1,0 +1,147 @@
+"""One node of the cluster: its directories, its process (a child of the holder), its daemon."""
+
+import os
+import signal
+
+from . import journal, programs
+from .control import ControlClient
+from .errors import LabError
+from .rundir import write_by_rename
+from .waiting import wait_until
+
+START_TIMEOUT_S = 30.0
+STOP_TIMEOUT_S = 20.0
+
+
+class Node:
+    def __init__(self, node_id, run_dir, build, holder):
+        self.id = node_id
+        self.dir = run_dir.node(node_id)
+        self._programs = build
+        self._holder = holder
+        self.control = ControlClient(node_id, self.path("run"))
+
+    def path(self, *parts):
+        return os.path.join(self.dir, *parts)
+
+    @property
+    def log_path(self):
+        return self.path("kesh.log")
+
+    def _view(self, *command):
+        return [self._programs.node_view, "--flashdisk", self.path("flashdisk"), "--run", self.path("run"), "--",
+                *command]
+
+    def create(self, node_count, settings):
+        """New directories, configuration and durable files: a node that belongs to a cluster without a past."""
+        os.makedirs(self.path("flashdisk", "cons"))
+        os.makedirs(self.path("run"))
+        with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
+            file.write(programs.config_text(self.id, self.log_path, settings))
+        self.write_state("BACKUP")
+        programs.run(self._view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
+                            str(node_count), "--id", str(self.id), "--yes"),
+                 f"configure node {self.id}", cwd=self.dir)
+
+    def write_state(self, state):
+        """What keepalived would write. By rename: a half-written state would read as another one."""
+        write_by_rename(self.path("run", "node_state"), state + "\n")
+
+    def state(self):
+        try:
+            with open(self.path("run", "node_state"), encoding="utf-8") as file:
+                return file.read().strip()
+        except OSError:
+            return ""
+
+    def process(self):
+        """{"pid", "running", "exit_code"} of the process started last; None if there was none."""
+        return self._holder.ask("state")["nodes"].get(str(self.id))
+
+    def is_running(self):
+        process = self.process()
+        return bool(process and process["running"])
+
+    def pid(self):
+        process = self.process()
+        if not process or not process["running"]:
+            raise LabError(f"node {self.id} is not running: `vxlab start {self.id}` starts it")
+        return process["pid"]
+
+    def start(self):
+        """Starts the daemon and waits until it answers. A daemon that ends instead is an error that names its last log
+        line."""
+        self._holder.ask("spawn", node=self.id, dir=self.dir, output=self.path("output.log"),
+                         command=self._view(self._programs.kesh, "run", "--config", self.path("kesh.conf")))
+        wait_until(self._started, START_TIMEOUT_S, f"node {self.id} answers (see {self.log_path})", poll_s=0.05)
+
+    def _started(self):
+        process = self.process()
+        if not process["running"]:
+            raise LabError(f"node {self.id} ended with exit code {process['exit_code']}: {self.last_words()} "
+                           f"({self.log_path})")
+        return self.answers()
+
+    def answers(self):
+        try:
+            return bool(self.control.status(timeout_s=2.0))
+        except LabError:
+            return False
+
+    def last_words(self):
+        for name in ("output.log", "kesh.log"):
+            try:
+                with open(self.path(name), encoding="utf-8", errors="replace") as file:
+                    lines = file.read().strip().splitlines()
+            except OSError:
+                continue
+            if lines:
+                return lines[-1]
+        return "no word of it"
+
+    def stop(self):
+        """Clean shutdown; returns the exit code."""
+        self.signal(signal.SIGTERM)
+        return self.await_end()
+
+    def kill(self):
+        """kill -9: nothing is saved that is not saved already."""
+        self.signal(signal.SIGKILL)
+        self.await_end()
+
+    def pause(self):
+        self.signal(signal.SIGSTOP)
+
+    def resume(self):
+        self.signal(signal.SIGCONT)
+
+    def signal(self, number):
+        self._holder.ask("signal", node=self.id, signal=int(number))
+
+    def await_end(self, timeout_s=STOP_TIMEOUT_S):
+        """Exit code of the process once it has ended; negative: the signal that killed it."""
+        answer = self._holder.ask("wait", timeout_s + 5.0, node=self.id, timeout_s=timeout_s)
+        if "timeout" in answer:
+            raise LabError(f"node {self.id} has not ended within {timeout_s:g} s (see {self.log_path})")
+        return answer["exit_code"]
+
+    def journal(self):
+        return journal.read_journal(self.path("flashdisk", "journal"), self.id)
+
+    def durable(self, name):
+        """Bytes of one of the library's files in /flashdisk/cons."""
+        with open(self.path("flashdisk", "cons", name), "rb") as file:
+            return file.read()
+
+    def kesh(self, subcommand, *arguments):
+        """Command line of a kesh subcommand for this daemon, to be run in the node's directory: the socket's address
+        then fits, however deep that lies."""
+        return [self._programs.kesh, subcommand, "--socket", "run/kesh.sock", *arguments]
+
+    def inside(self, command):
+        """Command line that runs `command` in the node's own view, network and queues."""
+        return [self._programs.node_view, "--join", str(self.pid()), "--", *command]
+
+    def run_inside(self, command, timeout_s=programs.COMMAND_TIMEOUT_S):
+        """Its standard output; it must succeed."""
+        return programs.run(self.inside(command), f"node {self.id}: {command[0]}", timeout_s)

@@ -1,0 +1,57 @@
+"""The programs of the build tree, and the configuration file of a node."""
+
+import os
+import subprocess
+
+from .errors import LabError, UsageError
+
+COMMAND_TIMEOUT_S = 60.0
+
+CONFIG = """\
+# Node {node} of a laboratory; written by vxlab.
+cluster.supported = yes
+kesh.socket = /run/kesh.sock
+log.file = {log}
+log.level = {log_level}
+"""
+
+
+class Programs:
+    """The programs of a build tree."""
+
+    def __init__(self, build_dir):
+        self.build_dir = os.path.realpath(build_dir)
+        self.kesh = self._find("kesh")
+        self.node_view = self._find("vx-node-view")
+
+    def _find(self, name):
+        for path in (os.path.join(self.build_dir, "bin", name), os.path.join(self.build_dir, name)):
+            if os.access(path, os.X_OK):
+                return path
+        raise UsageError(f"there is no program {name} in {self.build_dir}: build it (./run does), or name the build "
+                         "tree with --bin")
+
+
+def default_build_dir():
+    return os.environ.get("VXLAB_BIN") or os.path.join(
+        os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)))), "build")
+
+
+def config_text(node, log, settings):
+    """Text of a configuration file; `settings` (key -> value) come on top."""
+    log_level = settings.get("log.level", "info")
+    text = CONFIG.format(node=node, log=log, log_level=log_level)
+    return text + "".join(f"{key} = {value}\n" for key, value in settings.items() if key != "log.level")
+
+
+def run(command, what, timeout_s=COMMAND_TIMEOUT_S, **options):
+    """Standard output of a command that must succeed. `what` names it in the error."""
+    try:
+        result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout_s, text=True,
+                                errors="replace", **options)
+    except subprocess.TimeoutExpired as error:
+        raise LabError(f"{what}: no answer within {timeout_s:g} s") from error
+    if result.returncode != 0:
+        reason = result.stderr.strip() or result.stdout.strip() or f"exit code {result.returncode}"
+        raise LabError(f"{what}: {reason}")
+    return result.stdout
