@@ -54,7 +54,7 @@ void check_order_before_lock(lock_rank) {}
 void note_unlock(lock_rank) {}
 #endif
 
-} // namespace
+}  // namespace
 
 void cons_mutex::lock()
 {

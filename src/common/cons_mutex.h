@@ -12,19 +12,19 @@
 /// The order of locks: who holds one takes only locks of a higher rank. Builds with CONS_CHECK_LOCKS stop with a
 /// message on stderr when a thread does otherwise.
 enum class lock_rank : uint8_t {
-  lifecycle,      ///< taken with no other lock held
-  pull_record,    ///< transfer record of the payload being fetched
-  deliver_queue,  ///< held while a payload is delivered
-  data_hooks,     ///< held while a deliver hook runs
-  forward,        ///< ordered broadcast: waiting identifiers
-  propose,        ///< ordered broadcast: the last decision, the proposer's bookkeeping
-  deliver,        ///< ordered broadcast: the last delivery, open calls
-  register_layer, ///< table of registers
-  reg,            ///< one register
-  register_store, ///< staging buffer of the register files
-  payload_row,    ///< payload table, one sender
-  payload_entry,  ///< reference count of one payload
-  leaf            ///< nothing is taken inside
+  lifecycle,       ///< taken with no other lock held
+  pull_record,     ///< transfer record of the payload being fetched
+  deliver_queue,   ///< held while a payload is delivered
+  data_hooks,      ///< held while a deliver hook runs
+  forward,         ///< ordered broadcast: waiting identifiers
+  propose,         ///< ordered broadcast: the last decision, the proposer's bookkeeping
+  deliver,         ///< ordered broadcast: the last delivery, open calls
+  register_layer,  ///< table of registers
+  reg,             ///< one register
+  register_store,  ///< staging buffer of the register files
+  payload_row,     ///< payload table, one sender
+  payload_entry,   ///< reference count of one payload
+  leaf             ///< nothing is taken inside
 };
 
 class CONS_CAPABILITY("mutex") cons_mutex

@@ -44,7 +44,7 @@ inline bool id_entry_valid(id_entry entry)
 /// The ordered log since the last full state, which is its first entry.
 ///   offset   width  field
 ///   0        4      count    entries in use, 0..250, little-endian
-///   4 + 5i   5      entry i  in decided order; slots from count on are zero
+///   4 + 5i   5      entry i  in decided order; slots from count on mean nothing
 inline constexpr uint32_t ID_BATCH_MAX = 250;
 inline constexpr size_t ID_BATCH_SIZE = 4 + ID_BATCH_MAX * ID_ENTRY_SIZE;
 static_assert(ID_BATCH_SIZE == 1254);

@@ -87,7 +87,7 @@ void forget_doubtful(const decide_message &message) CONS_REQUIRES(paxos.forward_
   const uint32_t self = paxos_own_index();
   for (uint32_t i = 0; i < NODES_MAX; ++i) {
     if (i != self) {
-      paxos.pending_id[i] = 0; // its owner forwards it again
+      paxos.pending_id[i] = 0;  // its owner forwards it again
     }
   }
   const uint32_t own = paxos.pending_id[self];
@@ -160,7 +160,7 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
   paxos.launch_cond.signal();
 }
 
-} // namespace
+}  // namespace
 
 void paxos_recv(void *msg)
 {
@@ -191,11 +191,12 @@ void paxos_recv(void *msg)
 void paxos_help_newcomer(uint32_t node_addr)
 {
   constexpr int64_t PAUSE_US = 1000000;
-  static int64_t next_help_us[NODES_MAX] = {}; // guarded by propose_lock
+  static int64_t next_help_us[NODES_MAX] = {};  // guarded by propose_lock
   const uint32_t node_id = node_id_of_addr(node_addr);
   const int64_t now_us = monotonic_us();
   cons_lock lock(paxos.propose_lock);
-  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || now_us < next_help_us[node_id - 1]) {
+  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
+      now_us < next_help_us[node_id - 1]) {
     return;
   }
   next_help_us[node_id - 1] = now_us + PAUSE_US;

@@ -6,7 +6,6 @@
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/durable_state.h"
 #include "ordered_broadcast/paxos_messages.h"
-#include "service/envelope.h"
 #include "vx_host.h"
 
 namespace
@@ -50,9 +49,7 @@ void free_own_slot(uint32_t msg_id) CONS_REQUIRES(paxos.forward_lock, paxos.deli
   if (pending_id == 0 || pending_id > msg_id) {
     return;
   }
-  if (paxos.forward_active) {
-    vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-  }
+  paxos_forward_withdraw();
   paxos.done_id[self] = std::max(paxos.done_id[self], pending_id);
   pending_id = 0;
 }
@@ -73,16 +70,14 @@ void settle_state(id_entry state, int verdict) CONS_REQUIRES(paxos.forward_lock,
 {
   uint32_t &pending_id = paxos.pending_id[paxos_own_index()];
   if (calls_settle_state(state, verdict, pending_id)) {
-    if (paxos.forward_active) {
-      vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-    }
+    paxos_forward_withdraw();
     pending_id = 0;
     paxos.forward_free_cond.broadcast();
   }
   paxos.deliver_cond.broadcast();
 }
 
-} // namespace
+}  // namespace
 
 void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload)
 {

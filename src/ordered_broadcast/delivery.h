@@ -9,7 +9,7 @@
 /// it. Deliver-thread, with the queue's lock held.
 void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload);
 
-/// The message was skipped: a quorum lacks its payload. Deliver-thread, with the queue's lock held.
+/// The message was skipped: its payload was lost. Deliver-thread, with the queue's lock held.
 void paxos_skip_lost(uint32_t msg_id, uint8_t sender);
 
 /// The decided log is handled to its end: a proposer that waits to begin a new one may.

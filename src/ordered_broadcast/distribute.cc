@@ -30,13 +30,12 @@ payload_buf *copy_payload(const uint8_t *bytes, uint32_t length, uint32_t type)
 uint32_t store_payload(payload_buf *payload, distribute_call &call)
 {
   const auto self = static_cast<uint8_t>(cons_service.node_id);
-  const uint32_t id = msg_id_next(false, &call.id);
+  const uint32_t id = call.ended ? 0 : msg_id_next(false, &call.id);
   if (id == 0) {
     std::free(payload);
     return 0;
   }
-  paxos_data_hash_entry(payload_entry_new(payload), id, self);
-  return paxos_data_has_entry(id, self) != 0 ? id : 0;
+  return paxos_data_hash_entry(payload_entry_new(payload), id, self) ? id : 0;
 }
 
 // Waits for the node's slot and fills it, unless the call has ended.
@@ -76,7 +75,7 @@ int wait_for_verdict(distribute_call &call)
   return call.verdict;
 }
 
-} // namespace
+}  // namespace
 
 int paxos_distribute(const uint8_t *bytes, uint32_t length, uint32_t type)
 {

@@ -11,11 +11,11 @@
 #include "ordered_broadcast/paxos_state.h"
 
 struct distribute_call {
-  std::atomic<uint32_t> id{0};    // 0 until the identifier is taken
-  std::atomic<bool> ended{false}; // a verdict was given
+  std::atomic<uint32_t> id{0};     // 0 until the identifier is taken
+  std::atomic<bool> ended{false};  // a verdict was given
   int verdict CONS_GUARDED_BY(paxos.deliver_lock) = -1;
-  bool has_entered CONS_GUARDED_BY(paxos.deliver_lock) = false; // its identifier has been in the node's slot
-  id_entry swallowed_by CONS_GUARDED_BY(paxos.deliver_lock);    // state that has this message's effect in it
+  bool has_entered CONS_GUARDED_BY(paxos.deliver_lock) = false;  // its identifier has been in the node's slot
+  id_entry swallowed_by CONS_GUARDED_BY(paxos.deliver_lock);     // state that has this message's effect in it
   distribute_call *next CONS_GUARDED_BY(paxos.deliver_lock) = nullptr;
 };
 

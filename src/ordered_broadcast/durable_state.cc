@@ -21,8 +21,8 @@ constexpr uint32_t DECIDE_SIZE = 4 + ID_BATCH_SIZE;
 
 struct msg_id_state {
   cons_mutex lock{lock_rank::leaf};
-  uint32_t counter CONS_GUARDED_BY(lock) = 0; // last one handed out; 0 = file not read yet
-  uint32_t floor CONS_GUARDED_BY(lock) = 0;   // highest of ours in any log seen
+  uint32_t counter CONS_GUARDED_BY(lock) = 0;  // last one handed out; 0 = file not read yet
+  uint32_t floor CONS_GUARDED_BY(lock) = 0;    // highest of ours in any log seen
 };
 constinit msg_id_state msg_ids;
 
@@ -36,53 +36,53 @@ bool load_counter() CONS_REQUIRES(msg_ids.lock)
   return true;
 }
 
-bool take_next(bool reset, std::atomic<uint32_t> *taken)
+enum class take_result { taken, exhausted, failed };
+
+take_result take_next(bool reset, std::atomic<uint32_t> &taken)
 {
   cons_lock lock(msg_ids.lock);
   if (reset) {
     msg_ids.counter = 0;
     msg_ids.floor = 0;
   } else if (msg_ids.counter == 0 && !load_counter()) {
-    return false;
+    return take_result::failed;
   }
   const uint32_t last = std::max(msg_ids.counter, msg_ids.floor);
   if (last == UINT32_MAX) {
     vx_log("%s(): CRITICAL - no message identifier is left\n", "msg_id_next");
-    return false;
+    return take_result::exhausted;
   }
   msg_ids.counter = last + 1;
   uint8_t record[MSG_ID_SIZE];
   put_le32(record, msg_ids.counter);
   if (store_write(MSG_ID_FILE, record, sizeof record) != 0) {
-    return false;
+    return take_result::failed;
   }
-  *taken = msg_ids.counter;
-  return true;
+  taken = msg_ids.counter;
+  return take_result::taken;
 }
 
 // A decision once durable is never replaced by an older one; number 0 is a reset.
 void check_number_grows() CONS_REQUIRES(paxos.propose_lock)
 {
 #ifdef CONS_CHECK_LOCKS
-  static uint32_t last_saved = 0;
-  if (paxos.batch_id != 0 && paxos.batch_id < last_saved) {
+  if (paxos.batch_id != 0 && paxos.batch_id < paxos.durable_batch_id) {
     std::abort();
   }
-  last_saved = paxos.batch_id;
 #endif
 }
 
-} // namespace
+}  // namespace
 
 uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken)
 {
   std::atomic<uint32_t> own{0};
   std::atomic<uint32_t> &id = taken != nullptr ? *taken : own;
-  if (!take_next(reset, &id)) {
+  const take_result result = take_next(reset, id);
+  if (result == take_result::failed) {
     paxos_isolate();
-    return 0;
   }
-  return id;
+  return result == take_result::taken ? id.load() : 0;
 }
 
 void msg_id_raise_floor(const id_batch &batch)
@@ -115,6 +115,7 @@ int paxos_decide_load()
   cons_lock lock(paxos.propose_lock);
   paxos.batch_id = get_le32(record);
   paxos.decided_batch = batch;
+  paxos.durable_batch_id = paxos.batch_id;
   rb_reg_set_floor(paxos.batch_id);
   msg_id_raise_floor(batch);
   return 0;
@@ -130,6 +131,7 @@ int paxos_decide_save()
     paxos_isolate();
     return -1;
   }
+  paxos.durable_batch_id = paxos.batch_id;
   return 0;
 }
 

@@ -10,6 +10,8 @@
 namespace
 {
 
+constexpr int64_t RETRY_US = 1000000;
+
 // What the thread remembers from pass to pass.
 struct launch_memory {
   uint32_t last_served;
@@ -71,24 +73,18 @@ void hand_over_next(uint32_t &last_served) CONS_REQUIRES(paxos.forward_lock)
   }
 }
 
-void withdraw_decided_forward() CONS_REQUIRES(paxos.forward_lock)
-{
-  cons_lock lock(paxos.deliver_lock);
-  if (paxos.forward_active) {
-    vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-  }
-}
-
-void forward_own() CONS_REQUIRES(paxos.forward_lock)
+// False if the FORWARD has to be tried again.
+bool forward_own() CONS_REQUIRES(paxos.forward_lock)
 {
   const uint32_t self = paxos_own_index();
   const uint32_t pending_id = paxos.pending_id[self];
   if (pending_id == 0) {
-    return;
+    return true;
   }
   if (pending_id <= paxos.done_id[self]) {
-    withdraw_decided_forward();
-    return;
+    cons_lock lock(paxos.deliver_lock);
+    paxos_forward_withdraw();
+    return true;
   }
   {
     cons_lock lock(paxos.propose_lock);
@@ -99,11 +95,12 @@ void forward_own() CONS_REQUIRES(paxos.forward_lock)
     paxos.forward_active = true;
   }
   vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-  paxos_forward_send({.sender = static_cast<uint8_t>(self + 1), .msg_id = pending_id});
+  return paxos_forward_send({.sender = static_cast<uint8_t>(self + 1), .msg_id = pending_id});
 }
 
-// Returns false if the pass has to start over.
-bool serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
+enum class pass_result { done, start_over, retry_later };
+
+pass_result serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
 {
   const bool is_leader = paxos.is_leader != 0;
   const bool is_changed = is_leader != memory.was_leader;
@@ -113,29 +110,35 @@ bool serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
     paxos_leave_leader();
     paxos.forward_lock.lock();
     if (paxos.is_leader != 0) {
-      return false; // leader again meanwhile: going on as a follower would withdraw the DECIDE just sent
+      return pass_result::start_over;  // leader again meanwhile: going on as a follower would withdraw the DECIDE just
+                                       // sent
     }
   }
   retire_decided(is_leader);
   if (!is_leader) {
-    forward_own();
-    return true;
+    return forward_own() ? pass_result::done : pass_result::retry_later;
   }
   if (is_changed) {
     withdraw_forward_on_entering();
   }
   hand_over_next(memory.last_served);
-  return true;
+  return pass_result::done;
 }
 
-} // namespace
+}  // namespace
 
 void *paxos_launch_thread(void *)
 {
   launch_memory memory = {.last_served = cons_service.node_count - 1};
   cons_lock lock(paxos.forward_lock);
   while (!paxos.stopped) {
-    if (serve_once(memory) && !paxos.stopped) {
+    const pass_result result = serve_once(memory);
+    if (paxos.stopped || result == pass_result::start_over) {
+      continue;
+    }
+    if (result == pass_result::retry_later) {
+      paxos.launch_cond.wait_for_us_monotonic(paxos.forward_lock, RETRY_US);
+    } else {
       paxos.launch_cond.wait(paxos.forward_lock);
     }
   }

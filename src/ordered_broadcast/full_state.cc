@@ -46,7 +46,7 @@ void paxos_carry_undelivered(uint32_t msg_id, uint8_t sender, void *context)
   }
 }
 
-} // namespace
+}  // namespace
 
 payload_buf *paxos_full_state()
 {
@@ -77,9 +77,8 @@ bool paxos_begin_log(id_batch &batch, id_entry &state)
   if (state.msg_id == 0) {
     return false;
   }
-  paxos_data_hash_entry(payload_entry_new(paxos_full_state()), state.msg_id, self);
-  if (paxos_data_has_entry(state.msg_id, self) == 0) {
-    return false; // the layer stopped, or no memory: nobody could ever fetch it
+  if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state()), state.msg_id, self)) {
+    return false;  // the layer stopped, or no memory: nobody could ever fetch it
   }
   batch = {};
   id_batch_add(&batch, state.msg_id, self);

@@ -9,6 +9,7 @@
 payload_buf *paxos_full_state();
 
 /// A new log that begins with a new state message of this node, stored in the payload table, followed by the entries
-/// of the last log behind this node's last delivered one. False if the message could not be made. Runs the hooks: the
-/// caller knows that this node has handled its whole log, so that no deliver hook runs meanwhile.
+/// of the last log behind this node's last delivered one (none, if the log were full at once). False if the message
+/// could not be made. Runs the hooks: the caller knows that this node has handled its whole log, if there is one, so
+/// that no deliver hook runs meanwhile.
 bool paxos_begin_log(id_batch &batch, id_entry &state) CONS_REQUIRES(paxos.propose_lock);

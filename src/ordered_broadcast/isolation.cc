@@ -3,20 +3,19 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/protocol.h"
 #include "payload_dissemination/paxos_data.h"
+#include "service/library_thread.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
 {
 
-constexpr size_t STACK_SIZE = 0x10000;
-
 struct isolation_state {
   cons_mutex lock{lock_rank::leaf};
-  bool is_isolated CONS_GUARDED_BY(lock) = false;      // since the last start began
-  bool is_unfinished CONS_GUARDED_BY(lock) = false;    // nobody has woken and joined the run's threads yet
-  bool is_helper_active CONS_GUARDED_BY(lock) = false; // a helper will look at is_unfinished again
-  bool helper_exists CONS_GUARDED_BY(lock) = false;    // a helper is to be joined
+  bool is_isolated CONS_GUARDED_BY(lock) = false;       // since the last start began
+  bool is_unfinished CONS_GUARDED_BY(lock) = false;     // nobody has woken and joined the run's threads yet
+  bool is_helper_active CONS_GUARDED_BY(lock) = false;  // a helper will look at is_unfinished again
+  bool helper_exists CONS_GUARDED_BY(lock) = false;     // a helper is to be joined
   pthread_t helper CONS_GUARDED_BY(lock){};
 };
 constinit isolation_state isolation;
@@ -54,9 +53,10 @@ void *helper_thread(void *)
 void create_helper() CONS_REQUIRES(isolation.lock)
 {
   if (isolation.helper_exists) {
-    pthread_join(isolation.helper, nullptr); // it only has to return
+    pthread_join(isolation.helper, nullptr);  // it only has to return
   }
-  isolation.helper_exists = kesh_pthread_create(&isolation.helper, nullptr, STACK_SIZE, helper_thread, nullptr) == 0;
+  isolation.helper_exists =
+      kesh_pthread_create(&isolation.helper, nullptr, LIBRARY_STACK_SIZE, helper_thread, nullptr) == 0;
   isolation.is_helper_active = isolation.helper_exists;
 }
 
@@ -74,7 +74,7 @@ void join_helper() CONS_EXCLUDES(lifecycle_lock)
   pthread_join(helper, nullptr);
 }
 
-} // namespace
+}  // namespace
 
 void paxos_isolate()
 {

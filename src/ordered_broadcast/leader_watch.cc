@@ -26,7 +26,7 @@ constexpr const char *NODE_STATE_FILE = "/var/run/node_state";
 constexpr const char *LEADER_STATE = "MASTER";
 constexpr key_t KEEPALIVED_MSGQ_KEY = 0x64387148;
 constexpr size_t READ_SIZE = 10;
-constexpr size_t STATE_LENGTH = 6; // characters that count
+constexpr size_t STATE_LENGTH = 6;  // characters that count
 constexpr int64_t PERIOD_US = 1000000;
 
 // The pause between two passes; nothing else waits here.
@@ -88,6 +88,14 @@ void follow_node_state(const node_state &state)
   paxos.launch_cond.signal();
 }
 
+void retry_decide()
+{
+  cons_lock lock(paxos.propose_lock);
+  if (paxos.is_decide_unsent) {
+    paxos_decide_bcast();
+  }
+}
+
 void send_liveness(int queue, liveness_message &message)
 {
   put_le32(message.mtext, static_cast<uint32_t>(time(nullptr)));
@@ -110,7 +118,7 @@ void wait_for_next_pass()
   }
 }
 
-} // namespace
+}  // namespace
 
 void *paxos_leader_watch_thread(void *)
 {
@@ -126,6 +134,7 @@ void *paxos_leader_watch_thread(void *)
     if (read_node_state(current) && std::strcmp(current.text, previous.text) != 0) {
       follow_node_state(current);
     }
+    retry_decide();
     send_liveness(queue, message);
     wait_for_next_pass();
     std::swap(current, previous);

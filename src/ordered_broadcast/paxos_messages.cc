@@ -20,7 +20,7 @@ uint8_t *decide_message_new() CONS_REQUIRES(paxos.propose_lock)
   return cons_msg_new(payload, sizeof payload);
 }
 
-} // namespace
+}  // namespace
 
 std::optional<decide_message> decide_parse(std::span<const uint8_t> payload)
 {
@@ -51,12 +51,14 @@ std::optional<id_entry> forward_parse(std::span<const uint8_t> payload)
 void paxos_decide_bcast()
 {
   vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_DECIDE, 0);
+  paxos.is_decide_unsent = false;
   if (paxos.is_leader == 0 || paxos.batch_id == 0) {
     return;
   }
+  paxos.is_decide_unsent = true;
   if (uint8_t *message = decide_message_new()) {
     vx_log("CONS: PAXOS: DECIDE broadcast (batch_id=%u)\n", paxos.batch_id);
-    cons_msg_send(message, PAXOS_CHANNEL, PAXOS_DECIDE, CONS_MCAST_ADDR, -1, 5);
+    paxos.is_decide_unsent = cons_msg_send(message, PAXOS_CHANNEL, PAXOS_DECIDE, CONS_MCAST_ADDR, -1, 5) == nullptr;
   }
 }
 
@@ -68,13 +70,22 @@ void paxos_decide_update(uint32_t node_addr)
   }
 }
 
-void paxos_forward_send(id_entry waiting)
+bool paxos_forward_send(id_entry waiting)
 {
   uint8_t payload[FORWARD_MESSAGE_SIZE] = {};
   put_le32(payload, PAXOS_FORWARD);
   id_entry_put(payload + 4, waiting);
-  if (uint8_t *message = cons_msg_new(payload, sizeof payload)) {
-    vx_log("CONS: PAXOS: FORWARD undelivered messages to leader\n");
-    cons_msg_send(message, PAXOS_CHANNEL, PAXOS_FORWARD, CONS_MCAST_ADDR, -1, 1);
+  uint8_t *message = cons_msg_new(payload, sizeof payload);
+  if (message == nullptr) {
+    return false;
+  }
+  vx_log("CONS: PAXOS: FORWARD undelivered messages to leader\n");
+  return cons_msg_send(message, PAXOS_CHANNEL, PAXOS_FORWARD, CONS_MCAST_ADDR, -1, 1) != nullptr;
+}
+
+void paxos_forward_withdraw()
+{
+  if (paxos.forward_active) {
+    vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
   }
 }

@@ -37,11 +37,14 @@ std::optional<decide_message> decide_parse(std::span<const uint8_t> payload);
 std::optional<id_entry> forward_parse(std::span<const uint8_t> payload);
 
 /// Replaces this node's queued DECIDE by one of the last decision, repeated to all nodes; a follower, or a node without
-/// a decision, only withdraws.
+/// a decision, only withdraws. What could not be queued is noted in is_decide_unsent.
 void paxos_decide_bcast() CONS_REQUIRES(paxos.propose_lock);
 
 /// Sends the last decision once to one node.
 void paxos_decide_update(uint32_t node_addr) CONS_REQUIRES(paxos.propose_lock);
 
-/// Queues a FORWARD, repeated to all nodes.
-void paxos_forward_send(id_entry waiting);
+/// Queues a FORWARD, repeated to all nodes. False if that was not possible.
+bool paxos_forward_send(id_entry waiting);
+
+/// Withdraws this node's FORWARD if there is one.
+void paxos_forward_withdraw() CONS_REQUIRES(paxos.deliver_lock);

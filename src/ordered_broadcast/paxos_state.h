@@ -19,12 +19,12 @@ struct distribute_call;
 
 struct paxos_state {
   std::atomic<bool> stopped{true};
-  /// Written with forward_lock and propose_lock held, by the leader watch only.
+  /// Written with forward_lock and propose_lock held by the leader watch; cleared by init, when nothing runs.
   std::atomic<uint32_t> is_leader{0};
 
   cons_mutex forward_lock{lock_rank::forward};
-  cons_cond forward_free_cond; // an entry of pending_id became 0, a call left the queue for it, or stop
-  cons_cond launch_cond;       // something for the launch-thread to look at
+  cons_cond forward_free_cond;  // an entry of pending_id became 0, a call left the queue for it, or stop
+  cons_cond launch_cond;        // something for the launch-thread to look at
   /// Per node (id - 1): the message that waits to be ordered, 0 = none. A follower uses its own only.
   uint32_t pending_id[NODES_MAX] CONS_GUARDED_BY(forward_lock) = {};
   /// Per node: the highest ordinary identifier that this node has seen decided. Never falls while the protocol runs;
@@ -32,23 +32,26 @@ struct paxos_state {
   uint32_t done_id[NODES_MAX] CONS_GUARDED_BY(forward_lock) = {};
 
   cons_mutex propose_lock{lock_rank::propose};
-  cons_cond propose_cond;                               // something for the propose-thread to look at
-  cons_cond propose_idle_cond;                          // the propose-thread became idle, or stop
-  uint32_t batch_id CONS_GUARDED_BY(propose_lock) = 0;  // number of the last decision, 0 = none
-  id_batch decided_batch CONS_GUARDED_BY(propose_lock); // its log
-  id_entry next_proposal CONS_GUARDED_BY(propose_lock); // msg_id 0 = empty; filled with forward_lock held too
+  cons_cond propose_cond;                                       // something for the propose-thread to look at
+  cons_cond propose_idle_cond;                                  // the propose-thread became idle, or stop
+  uint32_t batch_id CONS_GUARDED_BY(propose_lock) = 0;          // number of the last decision, 0 = none
+  uint32_t durable_batch_id CONS_GUARDED_BY(propose_lock) = 0;  // what the file holds
+  id_batch decided_batch CONS_GUARDED_BY(propose_lock);         // its log
+  id_entry next_proposal CONS_GUARDED_BY(propose_lock);         // msg_id 0 = empty; filled with forward_lock held too
   uint32_t proposal_batch_id CONS_GUARDED_BY(propose_lock) = 0;
-  consensus *running_instance CONS_GUARDED_BY(propose_lock) = nullptr; // the one that a cancel reaches
+  consensus *running_instance CONS_GUARDED_BY(propose_lock) = nullptr;  // the one that a cancel reaches
   bool proposer_idle CONS_GUARDED_BY(propose_lock) = false;
   /// Who waits for the proposer to be idle, or has not finished what he waited for: it starts nothing meanwhile.
   uint32_t idle_waiters CONS_GUARDED_BY(propose_lock) = 0;
+  bool is_decide_unsent CONS_GUARDED_BY(propose_lock) = false;  // no memory: the leader watch tries again
 
   cons_mutex deliver_lock{lock_rank::deliver};
-  cons_cond deliver_cond;                                              // a call got its verdict, or stop
-  id_entry last_delivered CONS_GUARDED_BY(deliver_lock);               // zero = none
-  uint32_t delivered_id[NODES_MAX] CONS_GUARDED_BY(deliver_lock) = {}; // per sender, last delivered here
-  bool forward_active CONS_GUARDED_BY(deliver_lock) = false;           // there is a FORWARD of ours to withdraw
-  distribute_call *calls CONS_GUARDED_BY(deliver_lock) = nullptr;      // open calls of vx_cons_distribute
+  cons_cond deliver_cond;                                 // a call got its verdict, or stop
+  id_entry last_delivered CONS_GUARDED_BY(deliver_lock);  // zero = none
+  uint32_t
+      delivered_id[NODES_MAX] CONS_GUARDED_BY(deliver_lock) = {};  // per sender, highest delivered here; for debuggers
+  bool forward_active CONS_GUARDED_BY(deliver_lock) = false;       // there is a FORWARD of ours to withdraw
+  distribute_call *calls CONS_GUARDED_BY(deliver_lock) = nullptr;  // open calls of vx_cons_distribute
 
   std::atomic<bool> proposer_running{false};
 };

@@ -21,11 +21,11 @@ namespace
 constexpr int64_t RETRY_US = 1000000;
 
 struct proposal {
-  id_entry working_copy; // of next_proposal
+  id_entry working_copy;  // of next_proposal
   uint32_t batch_id = 0;
-  id_batch batch; // the log if it commits; a normal proposal's decided entry is still to be added
+  id_batch batch;  // the log if it commits; a normal proposal's decided entry is still to be added
   bool is_full_state = false;
-  id_entry entry; // what is proposed
+  id_entry entry;  // what is proposed
 };
 
 bool needs_full_state() CONS_REQUIRES(paxos.propose_lock)
@@ -41,9 +41,14 @@ bool may_begin_log() CONS_REQUIRES(paxos.propose_lock)
   return id_batch_count(paxos.decided_batch) == 0 || paxos_data_handled() == paxos.batch_id;
 }
 
-bool has_work() CONS_REQUIRES(paxos.propose_lock)
+bool may_go_on() CONS_REQUIRES(paxos.propose_lock)
 {
-  return paxos.is_leader != 0 && paxos.next_proposal.msg_id != 0;
+  return paxos.is_leader != 0 && !paxos.stopped && paxos.idle_waiters == 0;
+}
+
+bool may_start() CONS_REQUIRES(paxos.propose_lock)
+{
+  return may_go_on() && paxos.next_proposal.msg_id != 0 && (!needs_full_state() || may_begin_log());
 }
 
 // Idle until there is something to propose, or, after a proposal that could not begin, until the next wake-up.
@@ -51,14 +56,13 @@ bool has_work() CONS_REQUIRES(paxos.propose_lock)
 bool wait_for_work(bool is_parked) CONS_REQUIRES(paxos.propose_lock)
 {
   while (!paxos.stopped) {
-    const bool may_start = has_work() && paxos.idle_waiters == 0 && (!needs_full_state() || may_begin_log());
-    if (may_start && !is_parked) {
+    if (may_start() && !is_parked) {
       return true;
     }
     is_parked = false;
     paxos.proposer_idle = true;
     paxos.propose_idle_cond.broadcast();
-    if (has_work()) {
+    if (paxos.next_proposal.msg_id != 0) {
       paxos.propose_cond.wait_for_us_monotonic(paxos.propose_lock, RETRY_US);
     } else {
       paxos.propose_cond.wait(paxos.propose_lock);
@@ -86,11 +90,6 @@ bool prepare(proposal &p) CONS_REQUIRES(paxos.propose_lock)
     paxos_data_unhash_entry(p.entry.msg_id, p.entry.sender);
   }
   return paxos.running_instance != nullptr;
-}
-
-bool may_go_on() CONS_REQUIRES(paxos.propose_lock)
-{
-  return paxos.is_leader != 0 && !paxos.stopped && paxos.idle_waiters == 0;
 }
 
 bool may_attempt()
@@ -202,10 +201,17 @@ bool run(consensus &instance, proposal &p)
   vx_log("CONS: PAXOS: PROPOSE%s (batch_id=%u)\n", p.is_full_state ? " full state" : "", p.batch_id);
   cons_value decision;
   const int result = decide(instance, p, decision);
-  return result == RB_REG_ERROR || (result == RB_REG_COMMITTED && !commit(p, decision));
+  if (result != RB_REG_COMMITTED) {
+    return result == RB_REG_ERROR;
+  }
+  const bool is_entry = commit(p, decision);
+  if (!is_entry && p.is_full_state) {
+    paxos_data_unhash_entry(p.entry.msg_id, p.entry.sender);
+  }
+  return !is_entry;
 }
 
-} // namespace
+}  // namespace
 
 void *paxos_propose_thread(void *)
 {

@@ -13,54 +13,28 @@
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_table.h"
 #include "service/envelope.h"
+#include "service/library_thread.h"
 #include "vx_host.h"
 
 namespace
 {
 
-constexpr size_t STACK_SIZE = 0x10000;
-
-struct protocol_thread {
-  const char *name;
-  void *(*body)(void *);
-  pthread_t handle;
-  bool is_created;
-};
-
 struct protocol_threads {
   bool layers_initialised CONS_GUARDED_BY(lifecycle_lock) = false;
-  protocol_thread proposer CONS_GUARDED_BY(lifecycle_lock) = {"propose-thread", paxos_propose_thread, {}, false};
-  protocol_thread launch CONS_GUARDED_BY(lifecycle_lock) = {"launch-thread", paxos_launch_thread, {}, false};
-  protocol_thread leader_watch CONS_GUARDED_BY(lifecycle_lock) = {
-      "leader-watch-thread", paxos_leader_watch_thread, {}, false};
+  library_thread proposer CONS_GUARDED_BY(lifecycle_lock){"propose-thread", paxos_propose_thread};
+  library_thread launch CONS_GUARDED_BY(lifecycle_lock){"launch-thread", paxos_launch_thread};
+  library_thread leader_watch CONS_GUARDED_BY(lifecycle_lock){"leader-watch-thread", paxos_leader_watch_thread};
 };
 constinit protocol_threads protocol;
 
-bool create_thread(protocol_thread &thread) CONS_REQUIRES(lifecycle_lock)
-{
-  if (kesh_pthread_create(&thread.handle, nullptr, STACK_SIZE, thread.body, nullptr) != 0) {
-    vx_log("%s(): Cannot create %s.\n", "paxos_start", thread.name);
-    return false;
-  }
-  thread.is_created = true;
-  return true;
-}
-
-void join_thread(protocol_thread &thread) CONS_REQUIRES(lifecycle_lock)
-{
-  if (thread.is_created) {
-    pthread_join(thread.handle, nullptr);
-    thread.is_created = false;
-  }
-}
-
 bool create_threads() CONS_REQUIRES(lifecycle_lock)
 {
-  if (!create_thread(protocol.proposer)) {
+  if (!library_thread_create(protocol.proposer, "paxos_start")) {
     return false;
   }
   paxos.proposer_running = true;
-  return create_thread(protocol.launch) && create_thread(protocol.leader_watch);
+  return library_thread_create(protocol.launch, "paxos_start") &&
+         library_thread_create(protocol.leader_watch, "paxos_start");
 }
 
 // No thread of the protocol exists.
@@ -80,6 +54,7 @@ void clear_run_time_state()
   paxos.running_instance = nullptr;
   paxos.proposer_idle = false;
   paxos.idle_waiters = 0;
+  paxos.is_decide_unsent = false;
 }
 
 int load_durable_state()
@@ -147,7 +122,7 @@ bool reset_records()
   return msg_id_next(true) != 0 && is_saved;
 }
 
-} // namespace
+}  // namespace
 
 int cons_layers_init()
 {
@@ -206,10 +181,10 @@ void paxos_stop()
   vx_msg_unregister_recv_hook(paxos_recv);
   wake_everybody();
   paxos_gate.wait_empty();
-  join_thread(protocol.proposer);
+  library_thread_join(protocol.proposer);
   paxos.proposer_running = false;
-  join_thread(protocol.launch);
-  join_thread(protocol.leader_watch);
+  library_thread_join(protocol.launch);
+  library_thread_join(protocol.leader_watch);
   paxos_data_stop();
   vx_msg_dequeue(nullptr, PAXOS_CHANNEL, MSG_KEY_ALL, 0);
 }

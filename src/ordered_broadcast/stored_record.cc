@@ -36,7 +36,7 @@ int replace_record(const char *temporary, const char *path, const uint8_t *buffe
   return 0;
 }
 
-} // namespace
+}  // namespace
 
 int store_read(const char *path, uint8_t *buffer, uint32_t length)
 {

@@ -1,5 +1,6 @@
 #include "payload_dissemination/cons_crypt.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include "common/cons_mutex.h"
@@ -33,13 +34,15 @@ constinit cipher_state state;
 
 void derive() CONS_REQUIRES(state.lock)
 {
+  // The exit handler would free what a messaging thread uses while the process ends.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   state.cipher = EVP_aes_128_cfb128();
   EVP_BytesToKey(state.cipher, EVP_md5(), nullptr, cons_passphrase, PASSPHRASE_LENGTH, 1, state.key, state.iv);
   state.context = EVP_CIPHER_CTX_new();
   state.is_derived = state.context != nullptr;
 }
 
-} // namespace
+}  // namespace
 
 int cons_crypt(uint8_t *output, const uint8_t *input, uint32_t length, int encrypt)
 {

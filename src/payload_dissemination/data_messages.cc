@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "payload_dissemination/cons_crypt.h"
+#include "payload_dissemination/data_state.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
 #include "vx_host.h"
@@ -29,14 +30,16 @@ void send_once(uint8_t *message, paxos_data_type type)
   cons_msg_send(message, PAXOS_DATA_CHANNEL, type, CONS_MCAST_ADDR, 0, 0);
 }
 
-} // namespace
+}  // namespace
 
-void paxos_data_bcast_offer(uint32_t id, uint8_t sender)
+bool paxos_data_bcast_offer(uint32_t id, uint8_t sender)
 {
-  if (uint8_t *message = paxos_data_msg_new(PAXOS_DATA_OFFER, id, sender, PAXOS_DATA_HDR_SIZE)) {
-    vx_log("CONS: PAXOS DATA: OFFER bcast (id=%u/%hhu)\n", id, sender);
-    cons_msg_send(message, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, CONS_MCAST_ADDR, -1, 1);
+  uint8_t *message = paxos_data_msg_new(PAXOS_DATA_OFFER, id, sender, PAXOS_DATA_HDR_SIZE);
+  if (message == nullptr) {
+    return false;
   }
+  vx_log("CONS: PAXOS DATA: OFFER bcast (id=%u/%hhu)\n", id, sender);
+  return cons_msg_send(message, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, CONS_MCAST_ADDR, -1, 1) != nullptr;
 }
 
 void paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length)
@@ -54,7 +57,7 @@ void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payloa
   const uint32_t size = payload_size(payload);
   const uint32_t start = std::min(offset, size);
   const uint32_t count = std::min(length, size - start);
-  for (uint32_t pos = 0; pos < count;) {
+  for (uint32_t pos = 0; pos < count && !paxos_data.stopped;) {
     const uint32_t n = std::min(count - pos, DATA_PIECE_SIZE);
     uint8_t *message = paxos_data_msg_new(PAXOS_DATA_DATA, id, sender, DATA_HEADER_SIZE + n);
     if (message == nullptr) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <span>
 
+#include "common/monotonic_clock.h"
 #include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
@@ -14,6 +15,9 @@
 
 namespace
 {
+
+constexpr int64_t ABANDONED_US = 3000000;
+constexpr int64_t WRONG_SIZE_SILENCE_US = 1000000;
 
 struct data_header {
   uint16_t type;
@@ -52,6 +56,13 @@ bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
          piece.length <= body.size() - DATA_HEADER_SIZE;
 }
 
+// Begun by an OFFER whose sender has gone: one that lives has us ask again after each second of silence. Nothing else
+// would end it while no message gets ordered, and none can be while offers find the record busy.
+bool is_abandoned(const xfer_state &pull) CONS_REQUIRES(pull.lock)
+{
+  return !pull.is_pulled && monotonic_us() - pull.activity_us > ABANDONED_US;
+}
+
 void paxos_data_recv_offer(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: OFFER (s=%u, id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
@@ -61,6 +72,9 @@ void paxos_data_recv_offer(const data_header &hdr)
   }
   xfer_state &pull = paxos_data.pull_xfer;
   cons_lock lock(pull.lock);
+  if (is_abandoned(pull)) {
+    xfer_reset(pull);
+  }
   if (pull.id == 0) {
     pull.id = hdr.id;
     pull.sender = hdr.sender;
@@ -82,6 +96,23 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
   }
   paxos_data_send_data(hdr.id, hdr.sender, entry->payload, offset, length);
   payload_entry_release(entry);
+}
+
+// The first piece of a transfer says how large it is. If that was wrong the others never fit: after a silence, during
+// which none did, another size may begin anew.
+bool accepts_total(xfer_state &pull, uint32_t total) CONS_REQUIRES(pull.lock)
+{
+  if (pull.piece_map == nullptr || pull.total == total) {
+    return true;
+  }
+  if (monotonic_us() - pull.data_us <= WRONG_SIZE_SILENCE_US) {
+    return false;
+  }
+  std::free(pull.buffer);
+  std::free(pull.piece_map);
+  pull.buffer = nullptr;
+  pull.piece_map = nullptr;
+  return true;
 }
 
 bool begin_assembly(xfer_state &pull, uint32_t total) CONS_REQUIRES(pull.lock)
@@ -109,8 +140,7 @@ void finish_assembly(xfer_state &pull) CONS_REQUIRES(pull.lock)
   if (uint64_t{payload_byte_count(pull.buffer)} + PAYLOAD_HEADER_SIZE == pull.total) {
     uint8_t *payload = pull.buffer;
     pull.buffer = nullptr;
-    paxos_data_hash_entry(payload_entry_new(payload), id, sender);
-    if (paxos_data_has_entry(id, sender) != 0) {
+    if (paxos_data_hash_entry(payload_entry_new(payload), id, sender)) {
       paxos_data_bcast_complete(id, sender);
       pull.changed_cond.broadcast();
     }
@@ -118,16 +148,28 @@ void finish_assembly(xfer_state &pull) CONS_REQUIRES(pull.lock)
   xfer_reset(pull);
 }
 
+// Somebody holds it: what was answered before says nothing about a loss.
+void note_holder_answers(xfer_state &pull) CONS_REQUIRES(pull.lock)
+{
+  pull.data_us = monotonic_us();
+  pull.activity_us = pull.data_us;
+  pull.unanswered_requests = 0;
+  for (uint8_t &state : pull.node_state) {
+    state = 0;
+  }
+}
+
 void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
   xfer_state &pull = paxos_data.pull_xfer;
   cons_lock lock(pull.lock);
-  if (!xfer_is_for(pull, hdr.id, hdr.sender) || (pull.piece_map != nullptr && pull.total != piece.total)) {
+  if (!xfer_is_for(pull, hdr.id, hdr.sender) || !accepts_total(pull, piece.total)) {
     return;
   }
   vx_log("CONS: PAXOS DATA: DATA (s=%u id=%u/%hhu, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, piece.offset,
          piece.length);
   gettimeofday(&pull.last, nullptr);
+  note_holder_answers(pull);
   if (pull.piece_map == nullptr && !begin_assembly(pull, piece.total)) {
     return;
   }
@@ -138,6 +180,14 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
   }
   if (std::memchr(pull.piece_map, 0, pull.pieces) == nullptr) {
     finish_assembly(pull);
+  }
+}
+
+void unmark_node(xfer_state &record, const data_header &hdr)
+{
+  cons_lock lock(record.lock);
+  if (xfer_is_for(record, hdr.id, hdr.sender) && hdr.from != 0) {
+    record.node_state[hdr.from - 1] = 0;
   }
 }
 
@@ -182,6 +232,7 @@ void dispatch(const data_header &hdr, std::span<const uint8_t> body)
   case PAXOS_DATA_COMPLETE:
     vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
     mark_node(paxos_data.offer_xfer, hdr, XFER_NODE_HAS_IT);
+    unmark_node(paxos_data.pull_xfer, hdr);
     break;
   case PAXOS_DATA_MISSING:
     vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
@@ -192,7 +243,7 @@ void dispatch(const data_header &hdr, std::span<const uint8_t> body)
   }
 }
 
-} // namespace
+}  // namespace
 
 void paxos_data_recv(void *msg)
 {

@@ -5,7 +5,6 @@
 /// wait for it, nor for pull_xfer.lock, whose holder may be waiting for the queue.
 #pragma once
 
-#include <pthread.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -15,28 +14,32 @@
 #include "common/id_batch.h"
 #include "payload_dissemination/paxos_data.h"
 #include "service/entry_gate.h"
+#include "service/library_thread.h"
 
-inline constexpr uint8_t XFER_NODE_HAS_IT = 3;   ///< offer: the node has the payload
-inline constexpr uint8_t XFER_NODE_LACKS_IT = 4; ///< pull: the node answered MISSING
+inline constexpr uint8_t XFER_NODE_HAS_IT = 3;    ///< offer: the node has the payload
+inline constexpr uint8_t XFER_NODE_LACKS_IT = 4;  ///< pull: the node answered MISSING
 
 /// A payload on its way from or to this node.
 struct xfer_state {
   constexpr explicit xfer_state(lock_rank rank) : lock(rank) {}
 
   cons_mutex lock;
-  cons_cond changed_cond;                // an answer arrived, a transfer ended, a batch was handed over, or stop
-  uint32_t id CONS_GUARDED_BY(lock) = 0; // 0 = the record is free
+  cons_cond changed_cond;                 // an answer arrived, a transfer ended, a batch was handed over, or stop
+  uint32_t id CONS_GUARDED_BY(lock) = 0;  // 0 = the record is free
   uint8_t sender CONS_GUARDED_BY(lock) = 0;
   uint8_t node_state[NODES_MAX] CONS_GUARDED_BY(lock) = {};
 
   // The rest is of use when pulling.
-  uint8_t *buffer CONS_GUARDED_BY(lock) = nullptr;    // owned; `total` bytes, from the first DATA piece on
-  uint32_t total CONS_GUARDED_BY(lock) = 0;           // size of the payload
-  uint8_t *piece_map CONS_GUARDED_BY(lock) = nullptr; // owned; one byte per piece, 1 = received
+  uint8_t *buffer CONS_GUARDED_BY(lock) = nullptr;     // owned; `total` bytes, from the first DATA piece on
+  uint32_t total CONS_GUARDED_BY(lock) = 0;            // size of the payload
+  uint8_t *piece_map CONS_GUARDED_BY(lock) = nullptr;  // owned; one byte per piece, 1 = received
   uint32_t pieces CONS_GUARDED_BY(lock) = 0;
-  timeval last CONS_GUARDED_BY(lock) = {};      // last DATA piece; zero = none
-  timeval first_req CONS_GUARDED_BY(lock) = {}; // first and last REQ for this payload; zero = none
-  timeval last_req CONS_GUARDED_BY(lock) = {};
+  timeval last CONS_GUARDED_BY(lock) = {};                 // last DATA piece; zero = none
+  bool is_pulled CONS_GUARDED_BY(lock) = false;            // the pull-thread waits for it, not just an OFFER
+  uint32_t unanswered_requests CONS_GUARDED_BY(lock) = 0;  // of the pull-thread, since its claim or the last DATA
+  int64_t request_us CONS_GUARDED_BY(lock) = 0;            // the last of them, monotonic
+  int64_t data_us CONS_GUARDED_BY(lock) = 0;               // last DATA, monotonic
+  int64_t activity_us CONS_GUARDED_BY(lock) = 0;           // last REQ or DATA, monotonic
 };
 
 /// Ends a transfer: frees the buffers and sets every field but lock and condition to zero.
@@ -47,10 +50,13 @@ inline bool xfer_is_for(const xfer_state &record, uint32_t id, uint8_t sender) C
   return record.id == id && record.sender == sender;
 }
 
+void *paxos_data_pull_thread(void *);
+void *paxos_data_deliver_thread(void *);
+
 struct paxos_data_state {
   std::atomic<bool> initialised{false};
-  std::atomic<bool> stopped{true}; // the threads must end, every wait must return
-  paxos_data_callbacks callbacks;  // set while nothing runs
+  std::atomic<bool> stopped{true};  // the threads must end, every wait must return
+  paxos_data_callbacks callbacks;   // set while nothing runs
   entry_gate recv_gate{false};
 
   xfer_state offer_xfer{lock_rank::leaf};
@@ -59,24 +65,21 @@ struct paxos_data_state {
   // The latest decided log, and how far it is queued. pull_pos changes only with both locks held.
   id_batch pull_batch CONS_GUARDED_BY(pull_xfer.lock);
   uint32_t pull_pos CONS_GUARDED_BY(pull_xfer.lock) = 0;
-  uint32_t pull_number CONS_GUARDED_BY(pull_xfer.lock) = 0;   // number of the last hand-over
-  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true; // the queue still mirrors another log
-  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);       // since start; zero = nothing
+  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;  // the queue still mirrors another log
+  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);        // since start; zero = nothing
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};
-  cons_cond deliver_queue_cond; // an entry was queued, the queue was found empty, or stop
+  cons_cond deliver_queue_cond;  // an entry was queued, the queue was found empty, or stop
   id_batch deliver_batch CONS_GUARDED_BY(deliver_queue_lock);
   uint32_t deliver_pos CONS_GUARDED_BY(deliver_queue_lock) = 0;
-  uint32_t handed_number CONS_GUARDED_BY(deliver_queue_lock) = 0;  // pull_number, for the deliver-thread
-  uint32_t still_to_queue CONS_GUARDED_BY(deliver_queue_lock) = 0; // entries of pull_batch from pull_pos on
+  uint32_t handed_number CONS_GUARDED_BY(deliver_queue_lock) = 0;   // of the last hand-over
+  uint32_t still_to_queue CONS_GUARDED_BY(deliver_queue_lock) = 0;  // entries of pull_batch from pull_pos on
   std::atomic<uint32_t> handled{0};
 
   // Touched by start and stop only.
-  pthread_t deliver_thread{};
-  pthread_t pull_thread{};
-  bool deliver_thread_created = false;
-  bool pull_thread_created = false;
+  library_thread deliver_thread{"deliver-thread", paxos_data_deliver_thread};
+  library_thread pull_thread{"pull-thread", paxos_data_pull_thread};
 };
 inline constinit paxos_data_state paxos_data;
 
@@ -84,9 +87,6 @@ inline constinit paxos_data_state paxos_data;
 /// the caller tells the layer above (callbacks.handled).
 bool paxos_data_note_handled() CONS_REQUIRES(paxos_data.deliver_queue_lock);
 
-void *paxos_data_pull_thread(void *);
-void *paxos_data_deliver_thread(void *);
-
 /// Sends the REQs for what is missing of (id, sender), unless DATA of the transfer is still flowing: everything, which
-/// claims the record, or the missing runs once the size is known.
-void paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender) CONS_REQUIRES(record.lock);
+/// claims the record, or the missing runs once the size is known. Returns whether it asked.
+bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender) CONS_REQUIRES(record.lock);

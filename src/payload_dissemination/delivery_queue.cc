@@ -22,7 +22,7 @@ bool is_queue_empty() CONS_REQUIRES(paxos_data.deliver_queue_lock)
   return paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch);
 }
 
-} // namespace
+}  // namespace
 
 bool paxos_data_note_handled()
 {
@@ -39,7 +39,7 @@ void *paxos_data_deliver_thread(void *)
   cons_lock lock(paxos_data.deliver_queue_lock);
   while (!paxos_data.stopped) {
     while (is_queue_empty() && !paxos_data.stopped) {
-      paxos_data.deliver_queue_cond.broadcast(); // the pull-thread may be waiting for just that
+      paxos_data.deliver_queue_cond.broadcast();  // the pull-thread may be waiting for just that
       paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
     }
     if (paxos_data.stopped) {

@@ -18,7 +18,7 @@ bool is_held_by_quorum(const xfer_state &offer) CONS_REQUIRES(offer.lock)
   return count >= cons_service.quorum;
 }
 
-} // namespace
+}  // namespace
 
 void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 {
@@ -29,7 +29,7 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 
   cons_lock lock(offer.lock);
   while (goes_on() && offer.id != 0) {
-    offer.changed_cond.wait(offer.lock);
+    offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
   }
   if (!goes_on()) {
     return;
@@ -37,9 +37,10 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
   offer.id = id;
   offer.sender = sender;
   offer.node_state[sender - 1] = XFER_NODE_HAS_IT;
-  paxos_data_bcast_offer(id, sender);
+  bool is_offered = paxos_data_bcast_offer(id, sender);
   while (goes_on() && !is_held_by_quorum(offer)) {
     offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
+    is_offered = is_offered || paxos_data_bcast_offer(id, sender);
   }
   if (xfer_is_for(offer, id, sender)) {
     // With the lock held: behind it, the dequeue could take the next call's OFFER away.

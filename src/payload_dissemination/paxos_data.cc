@@ -11,8 +11,6 @@
 namespace
 {
 
-constexpr size_t STACK_SIZE = 0x10000;
-
 void clear_batches()
 {
   cons_lock pull_lock(paxos_data.pull_xfer.lock);
@@ -31,7 +29,6 @@ void prepare_batches()
   put_le32(paxos_data.deliver_batch.bytes, paxos_data.deliver_pos);
   paxos_data.pull_batch = {};
   paxos_data.pull_pos = 0;
-  paxos_data.pull_number = 0;
   paxos_data.switch_pending = true;
   paxos_data.last_queued = {};
   paxos_data.handed_number = 0;
@@ -45,25 +42,7 @@ void wake(xfer_state &record)
   record.changed_cond.broadcast();
 }
 
-bool create_thread(pthread_t &thread, bool &is_created, void *(*body)(void *), const char *name)
-{
-  if (kesh_pthread_create(&thread, nullptr, STACK_SIZE, body, nullptr) != 0) {
-    vx_log("%s(): Cannot create %s.\n", "paxos_data_start", name);
-    return false;
-  }
-  is_created = true;
-  return true;
-}
-
-void join_thread(pthread_t thread, bool &is_created)
-{
-  if (is_created) {
-    pthread_join(thread, nullptr);
-    is_created = false;
-  }
-}
-
-} // namespace
+}  // namespace
 
 int paxos_data_init(const paxos_data_callbacks &callbacks)
 {
@@ -105,9 +84,8 @@ int paxos_data_start()
   }
   prepare_batches();
   paxos_data.stopped = false;
-  if (!create_thread(paxos_data.deliver_thread, paxos_data.deliver_thread_created, paxos_data_deliver_thread,
-                     "deliver-thread") ||
-      !create_thread(paxos_data.pull_thread, paxos_data.pull_thread_created, paxos_data_pull_thread, "pull-thread")) {
+  if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
+      !library_thread_create(paxos_data.pull_thread, "paxos_data_start")) {
     paxos_data_stop();
     return -1;
   }
@@ -133,8 +111,8 @@ void paxos_data_stop()
   }
   wake(paxos_data.pull_xfer);
   wake(paxos_data.offer_xfer);
-  join_thread(paxos_data.pull_thread, paxos_data.pull_thread_created);
-  join_thread(paxos_data.deliver_thread, paxos_data.deliver_thread_created);
+  library_thread_join(paxos_data.pull_thread);
+  library_thread_join(paxos_data.deliver_thread);
   paxos_data.recv_gate.wait_empty();
   {
     cons_lock lock(paxos_data.pull_xfer.lock);
@@ -158,8 +136,11 @@ void xfer_reset(xfer_state &record)
   record.piece_map = nullptr;
   record.pieces = 0;
   record.last = {};
-  record.first_req = {};
-  record.last_req = {};
+  record.is_pulled = false;
+  record.unanswered_requests = 0;
+  record.request_us = 0;
+  record.data_us = 0;
+  record.activity_us = 0;
   for (uint8_t &state : record.node_state) {
     state = 0;
   }

@@ -12,8 +12,8 @@
 /// the thread that handed a batch over, with no lock.
 struct paxos_data_callbacks {
   void (*deliver)(uint32_t id, uint8_t sender, const payload_buf *payload) = nullptr;
-  void (*lost)(uint32_t id, uint8_t sender) = nullptr; ///< the entry is skipped: a quorum lacks its payload
-  void (*handled)() = nullptr;                         ///< paxos_data_handled has changed
+  void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: a quorum lacks its payload
+  void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
 };
 
 /// Creates the tables. Returns 0; does nothing if initialised.
@@ -35,8 +35,8 @@ void paxos_data_stop();
 /// Makes every wait end and nothing more be delivered; paxos_data_stop does the rest. Any thread, any lock.
 void paxos_data_halt();
 
-/// Makes a stored payload of this node known. Blocks until a quorum holds it, the layer stops, or `*ended` is set
-/// (and the layer was stopped in between).
+/// Makes a stored payload of this node known. Blocks until a quorum holds it, the layer stops, or, noticed within a
+/// second, `ended` is set.
 void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended);
 
 /// Hands over decision `number`; one that is older than the last is ignored. Delivery goes on behind the entry that

@@ -52,12 +52,12 @@ bool store(payload_entry *entry, uint32_t id, uint8_t sender)
 
 void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
 {
-  if (id_batch_find(static_cast<const id_batch *>(kept), id, sender) < 0) {
+  if (id_batch_find(*static_cast<const id_batch **>(kept), id, sender) < 0) {
     paxos_data_unhash_entry(id, sender);
   }
 }
 
-} // namespace
+}  // namespace
 
 payload_entry *payload_entry_new(payload_buf *payload)
 {
@@ -118,11 +118,13 @@ void payload_table_clear()
   }
 }
 
-void paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender)
+bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender)
 {
-  if (entry != nullptr && !store(entry, id, sender)) {
-    payload_entry_release(entry);
+  if (entry == nullptr || store(entry, id, sender)) {
+    return entry != nullptr;
   }
+  payload_entry_release(entry);
+  return false;
 }
 
 int paxos_data_has_entry(uint32_t id, uint8_t sender)
@@ -162,7 +164,8 @@ void paxos_data_unhash_entry(uint32_t id, uint8_t sender)
   }
 }
 
-void paxos_data_unhash_batch(const id_batch &batch, id_batch &kept)
+void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
 {
-  id_batch_foreach(&batch, unhash_unless_kept, &kept);
+  const id_batch *context = &kept;
+  id_batch_foreach(&batch, unhash_unless_kept, &context);
 }

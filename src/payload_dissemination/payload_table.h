@@ -13,7 +13,7 @@ struct payload_entry {
 
   cons_mutex lock{lock_rank::payload_entry};
   uint32_t references CONS_GUARDED_BY(lock) = 1;
-  payload_buf *const payload; // owned
+  payload_buf *const payload;  // owned
 };
 
 /// Takes the payload over (it is released without memory); null without memory or payload.
@@ -26,8 +26,8 @@ void payload_table_delete();
 void payload_table_clear();
 
 /// Stores the entry and takes the creator's reference over, in every case: an entry that is not stored (layer stopped,
-/// id taken, no row for the sender, no memory) is released.
-void paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender);
+/// id taken, no row for the sender, no memory) is released. Returns whether it is stored.
+bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender);
 
 int paxos_data_has_entry(uint32_t id, uint8_t sender);
 
@@ -38,4 +38,4 @@ payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender);
 void paxos_data_unhash_entry(uint32_t id, uint8_t sender);
 
 /// The same for every entry of `batch` that `kept` does not name.
-void paxos_data_unhash_batch(const id_batch &batch, id_batch &kept);
+void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept);

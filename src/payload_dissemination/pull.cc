@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/monotonic_clock.h"
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_table.h"
@@ -15,25 +16,17 @@ namespace
 {
 
 constexpr int64_t CHECK_PERIOD_US = 1000000;
-constexpr int64_t SILENCE_US = 999999;     // retransmission gap: a request needs a longer silence
-constexpr int64_t LOSS_DELAY_US = 1000000; // a holder gets this long to begin, and between two pieces
+constexpr int64_t SILENCE_US = 999999;  // retransmission gap: a request needs a longer silence
+constexpr int64_t ANSWER_US = 1000000;  // a holder gets this long to answer a request
+// A single request, or its answer, may have been dropped on its way.
+constexpr uint32_t LOSS_REQUESTS = 2;
 
-timeval now()
+bool is_data_flowing(const xfer_state &record) CONS_REQUIRES(record.lock)
 {
-  timeval time;
-  gettimeofday(&time, nullptr);
-  return time;
-}
-
-bool is_set(const timeval &time)
-{
-  return time.tv_sec != 0 || time.tv_usec != 0;
-}
-
-// Longer than the silence ago, or never.
-bool is_silent_since(const timeval &time, const timeval &at)
-{
-  return !is_set(time) || timeval_diff_usec(&at, &time) > SILENCE_US;
+  timeval now;
+  gettimeofday(&now, nullptr);
+  const bool is_set = record.last.tv_sec != 0 || record.last.tv_usec != 0;
+  return is_set && timeval_diff_usec(&now, &record.last) <= SILENCE_US;
 }
 
 uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
@@ -45,8 +38,8 @@ uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
   return count;
 }
 
-// A quorum lacks the payload, and whoever else may hold it has had the time to begin sending. Otherwise lowers
-// wait_us to the moment at which that will be so.
+// A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
+// to the moment at which to look again.
 bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
 {
   const uint32_t lacking = nodes_without_payload(pull) + 1;
@@ -56,25 +49,38 @@ bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
   if (lacking >= cons_service.node_count) {
     return true;
   }
-  const timeval at = now();
-  const timeval &since = timeval_diff_usec(&pull.last, &pull.first_req) > 0 ? pull.last : pull.first_req;
-  const int64_t left_us = LOSS_DELAY_US - timeval_diff_usec(&at, &since);
-  if (is_set(since) && left_us <= 0) {
-    return true;
-  }
-  if (is_set(since)) {
+  const int64_t left_us = pull.request_us + ANSWER_US - monotonic_us();
+  if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  return false;
+  return left_us <= 0 && pull.unanswered_requests >= LOSS_REQUESTS;
 }
 
-// The marks and pieces of another payload say nothing about this one.
+// The pieces and marks of another payload say nothing about this one; nor do the marks from a time when an OFFER was
+// being fetched, by those who answered too.
 void claim(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.lock)
 {
   if (!xfer_is_for(pull, id, sender)) {
     xfer_reset(pull);
     pull.id = id;
     pull.sender = sender;
+  }
+  if (!pull.is_pulled) {
+    pull.is_pulled = true;
+    for (uint8_t &state : pull.node_state) {
+      state = 0;
+    }
+  }
+}
+
+// Each MISSING wakes us: without the pause, asking again at once would draw the next, at the network's speed.
+void request_again(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.lock)
+{
+  const int64_t now_us = monotonic_us();
+  const bool is_due = pull.request_us == 0 || now_us - pull.request_us >= ANSWER_US;
+  if (is_due && paxos_data_request_missing(pull, id, sender)) {
+    pull.request_us = now_us;
+    ++pull.unanswered_requests;
   }
 }
 
@@ -129,10 +135,7 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
     queue_entry(id, sender);
     return;
   }
-  // Each MISSING wakes us: without the pause, asking again at once would draw the next, at the network's speed.
-  if (is_silent_since(paxos_data.pull_xfer.last_req, now())) {
-    paxos_data_request_missing(paxos_data.pull_xfer, id, sender);
-  }
+  request_again(paxos_data.pull_xfer, id, sender);
 }
 
 bool has_prefix(const id_batch &batch, const id_batch &of, uint32_t count)
@@ -149,28 +152,25 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
+    paxos_data.pull_xfer.is_pulled = false;
   }
   paxos_data.pull_batch = batch;
   paxos_data.still_to_queue = id_batch_count(batch) - paxos_data.pull_pos;
 }
 
-} // namespace
+}  // namespace
 
-void paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
+bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
 {
-  const timeval at = now();
-  if (!is_silent_since(record.last, at)) {
-    return;
+  if (is_data_flowing(record)) {
+    return false;
   }
-  record.last_req = at;
-  if (!is_set(record.first_req)) {
-    record.first_req = at;
-  }
+  record.activity_us = monotonic_us();
   if (record.piece_map == nullptr) {
     record.id = id;
     record.sender = sender;
     paxos_data_bcast_req(id, sender, 0, REQ_TO_THE_END);
-    return;
+    return true;
   }
   for (uint32_t a = 0; a < record.pieces;) {
     if (record.piece_map[a] != 0) {
@@ -186,6 +186,7 @@ void paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
                          static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
     a = b;
   }
+  return true;
 }
 
 void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number)
@@ -194,11 +195,10 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
   {
     cons_lock pull_lock(paxos_data.pull_xfer.lock);
     cons_lock queue_lock(paxos_data.deliver_queue_lock);
-    if (number < paxos_data.pull_number) {
+    if (number < paxos_data.handed_number) {
       return;
     }
     adopt_batch(batch, last_delivered);
-    paxos_data.pull_number = number;
     paxos_data.handed_number = number;
     paxos_data.pull_xfer.changed_cond.broadcast();
     is_handled = paxos_data_note_handled();

@@ -8,8 +8,8 @@
 #include "round_based_registers/register_protocol.h"
 
 struct consensus {
-  cons_value value; ///< read back, or else ours; empty at creation
-  uint32_t id = 0;  ///< register id, the number of the decision
+  cons_value value;  ///< read back, or else ours; empty at creation
+  uint32_t id = 0;   ///< register id, the number of the decision
 };
 
 /// Null if the register cannot be created, or without memory. Forgets a cancel left over from an earlier proposal.

@@ -49,7 +49,7 @@ bool accept(rb_reg &reg, const rb_reg_message &request, uint32_t node_id) CONS_R
   return true;
 }
 
-} // namespace
+}  // namespace
 
 void rb_reg_accept_read(rb_reg &reg, const rb_reg_message &request, uint32_t sender, uint32_t sender_addr)
 {

@@ -14,7 +14,7 @@ size_t value_offset(uint32_t type)
   return type == READ_ACK ? READ_ACK_HEADER_SIZE : type == WRITE_REQ ? WRITE_REQ_HEADER_SIZE : 0;
 }
 
-} // namespace
+}  // namespace
 
 std::optional<rb_reg_message> rb_reg_parse(std::span<const uint8_t> payload)
 {

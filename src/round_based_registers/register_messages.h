@@ -24,8 +24,8 @@ struct rb_reg_message {
   uint32_t type = 0;
   uint32_t id = 0;
   uint32_t round = 0;
-  uint32_t write_round = 0;       ///< READ_ACK
-  std::span<const uint8_t> value = {}; ///< READ_ACK, WRITE_REQ
+  uint32_t write_round = 0;             ///< READ_ACK
+  std::span<const uint8_t> value = {};  ///< READ_ACK, WRITE_REQ
 };
 
 /// Nothing if the payload is shorter than its fields or its value.

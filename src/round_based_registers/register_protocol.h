@@ -10,10 +10,10 @@
 #include "common/cons_value.h"
 
 enum rb_reg_result : int {
-  RB_REG_COMMITTED = 0, ///< a quorum acknowledged, nobody refused
-  RB_REG_ABORTED = 1,   ///< a node refused: it has promised or accepted a higher round
+  RB_REG_COMMITTED = 0,  ///< a quorum acknowledged, nobody refused
+  RB_REG_ABORTED = 1,    ///< a node refused: it has promised or accepted a higher round
   RB_REG_CANCELLED = 2,
-  RB_REG_ERROR = 3 ///< no such register, no memory, or the own promise could not be saved: nothing was sent
+  RB_REG_ERROR = 3  ///< no such register, no memory, or the own promise could not be saved: nothing was sent
 };
 
 /// Blocks. On RB_REG_COMMITTED `output` is the value with the highest write round that any READ of this register

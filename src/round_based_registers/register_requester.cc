@@ -78,7 +78,7 @@ int run(rb_reg &reg, quorum_count &count, const operation &op) CONS_REQUIRES(reg
   return result;
 }
 
-} // namespace
+}  // namespace
 
 int rb_reg_read(uint32_t id, uint32_t round, cons_value &output)
 {

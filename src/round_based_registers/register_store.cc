@@ -89,7 +89,7 @@ int write_file(const char *path, const uint8_t *bytes, size_t size)
   return 0;
 }
 
-} // namespace
+}  // namespace
 
 int store_load(uint32_t id, acceptor_state &state)
 {

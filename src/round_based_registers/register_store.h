@@ -16,9 +16,9 @@
 
 /// Durable part of a register.
 struct acceptor_state {
-  uint32_t read_round = 0;  ///< highest round promised to a READ; 0 = none
-  uint32_t write_round = 0; ///< round of the accepted value; 0 = none
-  cons_value value;         ///< the accepted value
+  uint32_t read_round = 0;   ///< highest round promised to a READ; 0 = none
+  uint32_t write_round = 0;  ///< round of the accepted value; 0 = none
+  cons_value value;          ///< the accepted value
 };
 
 /// Returns 0 with the file's state, or with `state` unchanged if there is no file; -1 if the file is unusable

@@ -18,9 +18,9 @@ struct register_layer {
   cons_mutex layer_lock{lock_rank::register_layer};
   bool initialised CONS_GUARDED_BY(layer_lock) = false;
   void *table CONS_GUARDED_BY(layer_lock) = nullptr;
-  uint32_t last_reg_id CONS_GUARDED_BY(layer_lock) = 0; // highest id created since init or reset
+  uint32_t last_reg_id CONS_GUARDED_BY(layer_lock) = 0;  // highest id created since init or reset
   bool floor_known CONS_GUARDED_BY(layer_lock) = false;
-  uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0; // last decision on this node's disk
+  uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0;  // last decision on this node's disk
   std::atomic<rb_reg_newcomer_cb> newcomer{nullptr};
 };
 constinit register_layer layer;
@@ -103,7 +103,7 @@ void abandon_all() CONS_REQUIRES(layer.layer_lock)
   }
 }
 
-} // namespace
+}  // namespace
 
 int rb_reg_init(rb_reg_newcomer_cb newcomer)
 {

@@ -15,18 +15,18 @@
 #include "round_based_registers/register_store.h"
 #include "service/entry_gate.h"
 
-inline constexpr uint32_t RB_REG_CANCEL = 0x1;  ///< the running operation, or else the next, ends as cancelled
-inline constexpr uint32_t RB_REG_DELETED = 0x2; ///< retired: the file goes with the last reference
+inline constexpr uint32_t RB_REG_CANCEL = 0x1;   ///< the running operation, or else the next, ends as cancelled
+inline constexpr uint32_t RB_REG_DELETED = 0x2;  ///< retired: the file goes with the last reference
 
-inline constexpr uint8_t RB_NODE_READ_PROMISED = 0x01;  ///< acceptor: its READ_REQ raised read_round
-inline constexpr uint8_t RB_NODE_READ_ACKED = 0x02;     ///< requester: its READ_ACK was counted
-inline constexpr uint8_t RB_NODE_WRITE_ACCEPTED = 0x04; ///< acceptor: its WRITE_REQ set the value
-inline constexpr uint8_t RB_NODE_WRITE_ACKED = 0x08;    ///< requester: its WRITE_ACK was counted
+inline constexpr uint8_t RB_NODE_READ_PROMISED = 0x01;   ///< acceptor: its READ_REQ raised read_round
+inline constexpr uint8_t RB_NODE_READ_ACKED = 0x02;      ///< requester: its READ_ACK was counted
+inline constexpr uint8_t RB_NODE_WRITE_ACCEPTED = 0x04;  ///< acceptor: its WRITE_REQ set the value
+inline constexpr uint8_t RB_NODE_WRITE_ACKED = 0x08;     ///< requester: its WRITE_ACK was counted
 
 /// Requester's side of the running (or last) READ or WRITE.
 struct quorum_count {
   uint32_t round = 0;
-  uint8_t acks = 0; ///< distinct nodes
+  uint8_t acks = 0;  ///< distinct nodes
   bool nacked = false;
 };
 
@@ -34,12 +34,12 @@ struct rb_reg {
   explicit rb_reg(uint32_t reg_id) : id(reg_id) {}
 
   cons_mutex lock{lock_rank::reg};
-  cons_cond changed_cond; // an answer was counted, or cancel; one waiter
+  cons_cond changed_cond;  // an answer was counted, or cancel; one waiter
   uint32_t references CONS_GUARDED_BY(lock) = 1;
   uint32_t flags CONS_GUARDED_BY(lock) = 0;
   const uint32_t id;
   acceptor_state accepted CONS_GUARDED_BY(lock);
-  cons_value read_result CONS_GUARDED_BY(lock); // value with the highest write round seen in any READ_ACK
+  cons_value read_result CONS_GUARDED_BY(lock);  // value with the highest write round seen in any READ_ACK
   uint32_t read_result_round CONS_GUARDED_BY(lock) = 0;
   quorum_count read CONS_GUARDED_BY(lock);
   quorum_count write CONS_GUARDED_BY(lock);
@@ -92,10 +92,10 @@ private:
 
 /// What the acceptor does with a request for a register.
 enum class request_admission {
-  admitted, ///< the register is in the table
-  unknown,  ///< it may be created
-  retired,  ///< already deleted or passed over: no answer
-  not_ready ///< this node does not know its last decision yet: no answer, no line
+  admitted,  ///< the register is in the table
+  unknown,   ///< it may be created
+  retired,   ///< already deleted or passed over: no answer
+  not_ready  ///< this node does not know its last decision yet: no answer, no line
 };
 request_admission rb_reg_admit(uint32_t id);
 

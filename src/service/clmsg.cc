@@ -14,7 +14,7 @@ namespace
 
 struct clmsg_state {
   entry_gate gate{false};
-  cons_mutex clmsg_lock{lock_rank::leaf}; // held while the hook runs
+  cons_mutex clmsg_lock{lock_rank::leaf};  // held while the hook runs
   vx_cons_clmsg_hook hook CONS_GUARDED_BY(clmsg_lock) = nullptr;
 };
 constinit clmsg_state clmsg;
@@ -25,7 +25,7 @@ void set_hook(vx_cons_clmsg_hook hook)
   clmsg.hook = hook;
 }
 
-} // namespace
+}  // namespace
 
 void clmsg_init()
 {

@@ -61,7 +61,7 @@ int read_node_id()
   return 0;
 }
 
-} // namespace
+}  // namespace
 
 int cluster_config_read()
 {

@@ -5,7 +5,7 @@ namespace
 
 thread_local bool inside_hook;
 
-} // namespace
+}  // namespace
 
 bool entry_gate::enter()
 {

@@ -11,7 +11,7 @@ class entry_gate
 public:
   constexpr explicit entry_gate(bool is_open) : is_open_(is_open) {}
 
-  bool enter(); ///< false while closed
+  bool enter();  ///< false while closed
   void leave();
   void open();
   void close();

@@ -19,7 +19,7 @@ uint32_t cluster_id_high()
   return static_cast<uint32_t>(cons_service.cluster_id >> 32);
 }
 
-} // namespace
+}  // namespace
 
 uint8_t *cons_msg_new(const uint8_t *payload, uint32_t length)
 {

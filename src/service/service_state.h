@@ -12,8 +12,8 @@ struct cons_service_state {
   /// MAC address of node 0 read as a hexadecimal number; 0 before the first start.
   std::atomic<uint64_t> cluster_id{0};
   std::atomic<uint32_t> node_count{0};
-  std::atomic<uint32_t> quorum{0}; ///< node_count / 2 + 1
+  std::atomic<uint32_t> quorum{0};  ///< node_count / 2 + 1
   std::atomic<uint32_t> node_id{0};
-  std::atomic<uint32_t> node_addr{0}; ///< 127.1.0.node_id, network byte order
+  std::atomic<uint32_t> node_addr{0};  ///< 127.1.0.node_id, network byte order
 };
 inline constinit cons_service_state cons_service;

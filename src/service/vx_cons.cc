@@ -25,11 +25,17 @@ void stop() CONS_REQUIRES(lifecycle_lock)
   paxos_stop();
 }
 
+// Stopped, every call has its verdict: they only have to leave. None must touch what comes next.
+void wait_for_callers() CONS_REQUIRES(lifecycle_lock)
+{
+  distribute_gate.close();
+  distribute_gate.wait_empty();
+}
+
 void cleanup() CONS_REQUIRES(lifecycle_lock)
 {
   stop();
-  distribute_gate.close();
-  distribute_gate.wait_empty();
+  wait_for_callers();
   cons_layers_cleanup();
   clmsg_cleanup();
   cons_service.initialised = false;
@@ -56,7 +62,10 @@ int configure(const char *ipaddr, const char *netmask, const char *gateway, cons
     return -1;
   }
   vx_log("CONS: Reset PAXOS ...\n");
-  if (paxos_reset() != 0) {
+  wait_for_callers();
+  const int result = paxos_reset();
+  distribute_gate.open();
+  if (result != 0) {
     vx_log("PAXOS reset failed.\n");
     return -1;
   }
@@ -69,7 +78,7 @@ bool is_active()
   return cons_service.initialised && !cons_service.stopped;
 }
 
-} // namespace
+}  // namespace
 
 int vx_cons_init(void)
 {
