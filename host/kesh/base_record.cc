@@ -34,7 +34,7 @@ bool from_hex(std::string_view text, std::string &bytes)
   return text.size() % 2 == 0;
 }
 
-} // namespace
+}  // namespace
 
 void base_record_append(std::string &to, uint64_t lines, uint64_t hash, const journal_status &status,
                         const tag_index &tags)
@@ -66,4 +66,4 @@ bool base_record_apply(const file_record &record, journal_status &status, tag_in
   return true;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -18,4 +18,4 @@ void base_record_append(std::string &to, uint64_t lines, uint64_t hash, const jo
 /// Sets lines, hash, first_line and counters of `status`, and the tags. False if the record is none.
 bool base_record_apply(const file_record &record, journal_status &status, tag_index &tags);
 
-} // namespace kesh
+}  // namespace kesh

@@ -52,4 +52,4 @@ private:
   bool ok_ = true;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -19,4 +19,4 @@ uint64_t hash_continue(uint64_t hash, std::string_view bytes)
   return hash;
 }
 
-} // namespace kesh
+}  // namespace kesh

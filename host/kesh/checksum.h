@@ -13,4 +13,4 @@ uint32_t crc32_of(std::string_view bytes);
 inline constexpr uint64_t HASH_START = 0xcbf29ce484222325u;
 uint64_t hash_continue(uint64_t hash, std::string_view bytes);
 
-} // namespace kesh
+}  // namespace kesh

@@ -84,7 +84,7 @@ bool print_heard(const std::string &line)
   return printf("%s node %u:%s\n", date, node, line.c_str() + text_offset) >= 0;
 }
 
-} // namespace
+}  // namespace
 
 int status_command(const std::string &socket_path, bool as_json)
 {
@@ -141,4 +141,4 @@ int block_command(const std::string &socket_path, const std::vector<uint32_t> &n
   return simple_command(socket_path, {{"op", "block"}, {"mask", mask}});
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -24,4 +24,4 @@ int stop_command(const std::string &socket_path);
 /// No nodes: all are heard again.
 int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes);
 
-} // namespace kesh
+}  // namespace kesh

@@ -98,7 +98,7 @@ struct tally {
   uint64_t acknowledged = 0;
   uint64_t failed = 0;
   uint64_t again = 0;
-  bool done = false; // the daemon answered everything
+  bool done = false;  // the daemon answered everything
   std::string first_failure;
   std::vector<uint64_t> times_us;
 };
@@ -181,7 +181,7 @@ int judge(const tally &result, uint64_t lines, int read_error)
   return EXIT_OK;
 }
 
-} // namespace
+}  // namespace
 
 int submit_command(const std::string &socket_path, const submit_options &options)
 {
@@ -223,4 +223,4 @@ int submit_command(const std::string &socket_path, const submit_options &options
   return judge(result, sender.lines(), sender.read_error());
 }
 
-} // namespace kesh
+}  // namespace kesh

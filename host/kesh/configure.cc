@@ -85,6 +85,7 @@ int check_ready(const configure_options &options, settings &configured)
 int write_cluster(const configure_options &options, const std::vector<std::string> &macs)
 {
   std::vector<const char *> mac_texts;
+  mac_texts.reserve(macs.size());
   for (const std::string &mac : macs) {
     mac_texts.push_back(mac.c_str());
   }
@@ -98,7 +99,7 @@ int write_cluster(const configure_options &options, const std::vector<std::strin
   return result == 0 ? EXIT_OK : fail(EXIT_RUNTIME, "the cluster could not be written: the log says why");
 }
 
-} // namespace
+}  // namespace
 
 int configure_run(const configure_options &options)
 {
@@ -128,4 +129,4 @@ int configure_run(const configure_options &options)
   return EXIT_OK;
 }
 
-} // namespace kesh
+}  // namespace kesh

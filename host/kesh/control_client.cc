@@ -35,4 +35,4 @@ int control_client::request(const std::string &socket_path, const nlohmann::json
   return EXIT_OK;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -26,4 +26,4 @@ private:
   std::optional<socket_reader> reader_;
 };
 
-} // namespace kesh
+}  // namespace kesh

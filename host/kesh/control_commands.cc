@@ -88,7 +88,7 @@ const std::map<std::string, handler> &handlers()
   return table;
 }
 
-} // namespace
+}  // namespace
 
 bool control_serve(service &host, int fd)
 {
@@ -119,4 +119,4 @@ bool control_serve(service &host, int fd)
   }
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -10,4 +10,4 @@ namespace kesh
 /// keeps the connection open until the process ends, so that the client sees when it is over.
 bool control_serve(service &host, int fd);
 
-} // namespace kesh
+}  // namespace kesh

@@ -20,7 +20,7 @@ namespace
 
 constexpr size_t CONNECTIONS_MAX = 128;
 
-} // namespace
+}  // namespace
 
 bool control_server::start(std::string &error)
 {
@@ -69,7 +69,7 @@ void control_server::accept_loop()
       add(std::move(fd));
     } else if (!fd && errno != EINTR && errno != ECONNABORTED) {
       platform::log_line(platform::log_level::warning, std::string("control socket: accept: ") + strerror(errno));
-      poll(&waited[1], 1, 100); // out of descriptors, most likely: let others close some
+      poll(&waited[1], 1, 100);  // out of descriptors, most likely: let others close some
     }
   }
 }
@@ -114,4 +114,4 @@ void control_server::serve(connection &peer)
   peer.done = true;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -28,7 +28,7 @@ private:
     platform::unique_fd fd;
     std::thread thread;
     std::atomic<bool> done = false;
-    std::atomic<bool> awaits_end = false; // stays open until the process ends
+    std::atomic<bool> awaits_end = false;  // stays open until the process ends
   };
 
   void accept_loop();
@@ -40,7 +40,7 @@ private:
   platform::unique_fd listener_;
   platform::unique_fd stop_event_;
   std::thread thread_;
-  std::list<connection> connections_; // accept thread only, and stop() after it
+  std::list<connection> connections_;  // accept thread only, and stop() after it
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -98,11 +98,11 @@ private:
   socket_writer &to_;
   uint64_t next_;
   uint64_t offset_ = 0;
-  std::string rest_; // half a record
+  std::string rest_;  // half a record
   journal_view seen_;
 };
 
-} // namespace
+}  // namespace
 
 bool control_peer::accept(const json &fields)
 {
@@ -187,4 +187,4 @@ bool serve_heard(service &host, const json &request, control_peer &peer)
   return false;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -30,4 +30,4 @@ bool serve_journal(service &host, const nlohmann::json &request, control_peer &p
 /// Sends "TIME_S NODE TEXT", text escaped as in the journal.
 bool serve_heard(service &host, const nlohmann::json &request, control_peer &peer);
 
-} // namespace kesh
+}  // namespace kesh

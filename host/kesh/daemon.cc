@@ -140,7 +140,7 @@ int run_service(const settings &configured, int signal_fd)
   return code;
 }
 
-} // namespace
+}  // namespace
 
 int daemon_run(const std::string &config_path, bool log_to_stderr)
 {
@@ -168,4 +168,4 @@ int daemon_run(const std::string &config_path, bool log_to_stderr)
   }
 }
 
-} // namespace kesh
+}  // namespace kesh

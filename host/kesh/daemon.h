@@ -10,4 +10,4 @@ namespace kesh
 /// Returns an exit code; what went wrong is in the log.
 int daemon_run(const std::string &config_path, bool log_to_stderr);
 
-} // namespace kesh
+}  // namespace kesh

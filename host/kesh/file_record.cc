@@ -48,7 +48,7 @@ bool read_kind(std::string_view word, record_kind &kind)
   return true;
 }
 
-} // namespace
+}  // namespace
 
 std::string hex_text(uint64_t value, int digits)
 {
@@ -132,4 +132,4 @@ bool file_record_parse(std::string_view from, file_record &record)
          read_number(next_word(from), 10, record.attempt) && text_unescape(from, record.text);
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -21,11 +21,11 @@ namespace kesh
 {
 
 enum class record_kind : char {
-  line = 'L',        ///< a line, applied
-  repeated = 'R',    ///< delivered under a tag that was there, with another attempt: not applied
-  doubled = 'D',     ///< the same with an attempt that was there: a fault of whoever delivers
-  redelivered = 'A', ///< as doubled, but the last one before a restart: not applied, no fault
-  base = 'S',        ///< first record of a file that came from the cluster: what was before its lines
+  line = 'L',         ///< a line, applied
+  repeated = 'R',     ///< delivered under a tag that was there, with another attempt: not applied
+  doubled = 'D',      ///< the same with an attempt that was there: a fault of whoever delivers
+  redelivered = 'A',  ///< as doubled, but the last one before a restart: not applied, no fault
+  base = 'S',         ///< first record of a file that came from the cluster: what was before its lines
 };
 
 struct file_record {
@@ -53,4 +53,4 @@ bool text_unescape(std::string_view from, std::string &text);
 /// `value` in hexadecimal, filled up with zeros to `digits`.
 std::string hex_text(uint64_t value, int digits);
 
-} // namespace kesh
+}  // namespace kesh

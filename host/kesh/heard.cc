@@ -13,7 +13,7 @@ namespace
 
 constexpr std::string_view MAGIC = "KS1";
 
-} // namespace
+}  // namespace
 
 std::string say_message_encode(uint8_t node, std::string_view text)
 {
@@ -69,4 +69,4 @@ uint64_t heard::count()
   return count_;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -19,8 +19,8 @@ std::string say_message_encode(uint8_t node, std::string_view text);
 bool say_message_decode(std::string_view bytes, uint8_t &node, std::string_view &text);
 
 struct heard_message {
-  uint64_t number = 0; ///< from 1, since the start of the daemon
-  int64_t time_s = 0;  ///< since 1970
+  uint64_t number = 0;  ///< from 1, since the start of the daemon
+  int64_t time_s = 0;   ///< since 1970
   uint8_t node = 0;
   std::string text;
 };
@@ -45,4 +45,4 @@ private:
   uint64_t count_ PLATFORM_GUARDED_BY(lock_) = 0;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -81,7 +81,7 @@ void clmsg_hook(const uint8_t *data, uint32_t length, uint32_t)
   }
 }
 
-} // namespace
+}  // namespace
 
 void hooks_register(journal &lines, heard &messages)
 {
@@ -91,4 +91,4 @@ void hooks_register(journal &lines, heard &messages)
   vx_cons_register_clmsg_hook(0, clmsg_hook);
 }
 
-} // namespace kesh
+}  // namespace kesh

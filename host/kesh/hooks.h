@@ -13,4 +13,4 @@ class journal;
 /// Registers the hooks, after vx_cons_init. Both objects must live until vx_cons_cleanup has returned.
 void hooks_register(journal &lines, heard &messages);
 
-} // namespace kesh
+}  // namespace kesh

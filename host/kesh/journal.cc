@@ -237,4 +237,4 @@ bool journal::repair()
   return true;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -27,14 +27,14 @@ struct journal_settings {
 struct journal_status {
   uint64_t lines = 0;
   uint64_t hash = 0;
-  uint64_t first_line = 1;  ///< number of the oldest line in the file
-  uint64_t kept = 0;        ///< newest lines, that go into a state
-  uint64_t repeated = 0;    ///< delivered again with another attempt
-  uint64_t doubled = 0;     ///< delivered again with the same attempt: a fault
-  uint64_t redelivered = 0; ///< the last one before a restart, delivered again after it
-  uint64_t damaged = 0;     ///< payloads that were no lines, since the start
-  bool failed = false;      ///< the file could not be written
-  bool incomplete = false;  ///< lines are missing in the file, from an earlier failure
+  uint64_t first_line = 1;   ///< number of the oldest line in the file
+  uint64_t kept = 0;         ///< newest lines, that go into a state
+  uint64_t repeated = 0;     ///< delivered again with another attempt
+  uint64_t doubled = 0;      ///< delivered again with the same attempt: a fault
+  uint64_t redelivered = 0;  ///< the last one before a restart, delivered again after it
+  uint64_t damaged = 0;      ///< payloads that were no lines, since the start
+  bool failed = false;       ///< the file could not be written
+  bool incomplete = false;   ///< lines are missing in the file, from an earlier failure
 };
 
 /// The file as it is now, for a reader of its own pace. Another generation means another file.
@@ -87,7 +87,7 @@ private:
   void append(const std::string &records) PLATFORM_REQUIRES(lock_);
   void fail(const std::string &why) PLATFORM_REQUIRES(lock_);
   void set_whole() PLATFORM_REQUIRES(lock_);
-  bool extends_this(const journal_state &state) PLATFORM_REQUIRES(lock_);
+  bool extends_this(const journal_state &state) const PLATFORM_REQUIRES(lock_);
   void adopt_state(journal_state &state) PLATFORM_REQUIRES(lock_);
   void extend(journal_state &state) PLATFORM_REQUIRES(lock_);
   void replace(journal_state &state) PLATFORM_REQUIRES(lock_);
@@ -96,21 +96,21 @@ private:
 
   journal_settings settings_;
   platform::mutex lock_;
-  std::condition_variable_any changed_; // the file grew or was replaced
+  std::condition_variable_any changed_;  // the file grew or was replaced
   journal_file file_ PLATFORM_GUARDED_BY(lock_);
   uint64_t generation_ PLATFORM_GUARDED_BY(lock_) = 0;
   tag_index tags_ PLATFORM_GUARDED_BY(lock_);
   std::deque<kept_line> kept_ PLATFORM_GUARDED_BY(lock_);
   uint64_t kept_bytes_ PLATFORM_GUARDED_BY(lock_) = 0;
-  uint64_t kept_base_hash_ PLATFORM_GUARDED_BY(lock_) = 0; // running hash before the first kept line
+  uint64_t kept_base_hash_ PLATFORM_GUARDED_BY(lock_) = 0;  // running hash before the first kept line
   journal_status status_ PLATFORM_GUARDED_BY(lock_);
-  line_tag last_tag_ PLATFORM_GUARDED_BY(lock_); // last delivery; sequence 0: none
+  line_tag last_tag_ PLATFORM_GUARDED_BY(lock_);  // last delivery; sequence 0: none
   uint32_t last_attempt_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool redelivery_possible_ PLATFORM_GUARDED_BY(lock_) = true;
-  std::string unwritten_ PLATFORM_GUARDED_BY(lock_);       // records that a failed write left out
-  bool rewrite_needed_ PLATFORM_GUARDED_BY(lock_) = false; // a failed replacement: the file is of no use
+  std::string unwritten_ PLATFORM_GUARDED_BY(lock_);        // records that a failed write left out
+  bool rewrite_needed_ PLATFORM_GUARDED_BY(lock_) = false;  // a failed replacement: the file is of no use
   bool broken_ PLATFORM_GUARDED_BY(lock_) = false;
   std::atomic<bool> failed_ = false;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -44,7 +44,7 @@ void journal::adopt_state(journal_state &state)
 }
 
 /// Whether this journal is the beginning of the state's, and the state still has every line that follows.
-bool journal::extends_this(const journal_state &state)
+bool journal::extends_this(const journal_state &state) const
 {
   const uint64_t before_last = state.lines - state.last.size();
   if (status_.lines > state.lines || status_.lines < before_last) {
@@ -120,4 +120,4 @@ std::string journal::whole_file()
   return records;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -69,7 +69,7 @@ size_t visit_records(std::string_view bytes, const std::function<bool(const file
   return done;
 }
 
-} // namespace
+}  // namespace
 
 bool journal_file::open(const std::string &path, const std::function<bool(const file_record &)> &visit,
                         uint64_t &cut_bytes, std::string &error)
@@ -165,4 +165,4 @@ platform::unique_fd journal_file::duplicate() const
   return platform::unique_fd(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
 }
 
-} // namespace kesh
+}  // namespace kesh

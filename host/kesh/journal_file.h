@@ -44,4 +44,4 @@ private:
   uint64_t size_ = 0;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -37,7 +37,7 @@ void put_lines(uint8_t *&to, const std::deque<kept_line> &lines)
   }
 }
 
-} // namespace
+}  // namespace
 
 size_t journal_state_line_size(size_t text_size)
 {
@@ -109,4 +109,4 @@ bool journal_state_decode(std::string_view bytes, journal_state &state)
   return reader.ok() && reader.left() == 0 && count <= state.lines && hash == state.hash;
 }
 
-} // namespace kesh
+}  // namespace kesh

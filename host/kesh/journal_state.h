@@ -22,11 +22,11 @@ struct kept_line {
 };
 
 struct journal_state {
-  uint64_t lines = 0;     ///< all lines ever applied
-  uint64_t hash = 0;      ///< running hash over them
-  uint64_t base_hash = 0; ///< running hash before the first line of `last`
+  uint64_t lines = 0;      ///< all lines ever applied
+  uint64_t hash = 0;       ///< running hash over them
+  uint64_t base_hash = 0;  ///< running hash before the first line of `last`
   tag_index tags;
-  std::vector<journal_line> last; ///< the newest lines, oldest first; text points into the decoded bytes
+  std::vector<journal_line> last;  ///< the newest lines, oldest first; text points into the decoded bytes
 };
 
 /// Encodes into a buffer from malloc, for its taker to free. Returns false if there is no memory or the state is
@@ -43,4 +43,4 @@ bool journal_state_decode(std::string_view bytes, journal_state &state);
 /// Bytes of a line in the encoded state.
 size_t journal_state_line_size(size_t text_size);
 
-} // namespace kesh
+}  // namespace kesh

@@ -14,7 +14,7 @@ constexpr size_t HEADER_SIZE = 4 + 1 + 8 + 8 + 4;
 constexpr size_t CHECKSUM_SIZE = 4;
 constexpr uint8_t ORIGIN_MAX = 16;
 
-} // namespace
+}  // namespace
 
 std::string line_record_encode(const journal_line &line)
 {
@@ -64,4 +64,4 @@ uint64_t line_hash(uint64_t before, const journal_line &line)
   return hash_continue(hash_continue(before, head), line.text);
 }
 
-} // namespace kesh
+}  // namespace kesh

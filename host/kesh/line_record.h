@@ -11,16 +11,16 @@ namespace kesh
 
 /// Names a line for ever. A line that is submitted again keeps its tag and gets the next attempt number.
 struct line_tag {
-  uint8_t origin = 0;    ///< node that submitted it, 1 to 16
-  uint64_t life = 0;     ///< process life of that node: start time in ns since 1970
-  uint64_t sequence = 0; ///< number within the life, from 1
+  uint8_t origin = 0;     ///< node that submitted it, 1 to 16
+  uint64_t life = 0;      ///< process life of that node: start time in ns since 1970
+  uint64_t sequence = 0;  ///< number within the life, from 1
   auto operator<=>(const line_tag &) const = default;
 };
 
 /// A line; `text` points into memory of somebody else.
 struct journal_line {
   line_tag tag;
-  uint32_t attempt = 0; ///< from 1
+  uint32_t attempt = 0;  ///< from 1
   std::string_view text;
 };
 
@@ -41,4 +41,4 @@ bool line_record_decode(std::string_view bytes, journal_line &line);
 /// The running hash after this line: over tag, attempt, length and text, continued from the hash before it.
 uint64_t line_hash(uint64_t before, const journal_line &line);
 
-} // namespace kesh
+}  // namespace kesh

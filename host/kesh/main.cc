@@ -183,7 +183,7 @@ struct command_line {
   }
 };
 
-} // namespace
+}  // namespace
 
 int main(int argc, char **argv)
 {

@@ -26,7 +26,7 @@ std::string read_start(const std::string &path, size_t size)
   return bytes;
 }
 
-} // namespace
+}  // namespace
 
 std::optional<last_decision> last_decision_read()
 {
@@ -69,4 +69,4 @@ bool cons_directory_usable(std::string &error)
   return false;
 }
 
-} // namespace kesh
+}  // namespace kesh

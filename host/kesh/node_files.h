@@ -30,4 +30,4 @@ std::string node_state_read();
 /// Whether the directory of the durable files is there and can be written; `error` says what to do if not.
 bool cons_directory_usable(std::string &error);
 
-} // namespace kesh
+}  // namespace kesh

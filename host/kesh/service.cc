@@ -25,7 +25,7 @@ uint64_t now_ns()
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(since_1970).count());
 }
 
-} // namespace
+}  // namespace
 
 service::service(const settings &from)
     : configured(from), life(now_ns()), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
@@ -126,4 +126,4 @@ bool service::pause(steady_time deadline)
   return !stopping_;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -18,10 +18,10 @@ namespace kesh
 using steady_time = std::chrono::steady_clock::time_point;
 
 struct submission_counters {
-  std::atomic<uint64_t> open = 0;         ///< lines now on their way
-  std::atomic<uint64_t> acknowledged = 0; ///< lines delivered here
-  std::atomic<uint64_t> failed = 0;       ///< lines given up
-  std::atomic<uint64_t> again = 0;        ///< attempts after the first
+  std::atomic<uint64_t> open = 0;          ///< lines now on their way
+  std::atomic<uint64_t> acknowledged = 0;  ///< lines delivered here
+  std::atomic<uint64_t> failed = 0;        ///< lines given up
+  std::atomic<uint64_t> again = 0;         ///< attempts after the first
 };
 
 class service
@@ -53,7 +53,7 @@ public:
   uint64_t next_sequence() { return ++sequence_; }
 
   const settings configured;
-  const uint64_t life; ///< ns since 1970 at the start of this process
+  const uint64_t life;  ///< ns since 1970 at the start of this process
   const steady_time started_at = std::chrono::steady_clock::now();
   journal lines;
   heard messages;
@@ -64,10 +64,10 @@ private:
   std::atomic<bool> stopping_ = false;
   std::atomic<bool> stop_requested_ = false;
   std::atomic<uint64_t> sequence_ = 0;
-  platform::mutex lifecycle_lock_; // one start or stop at a time
+  platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
   platform::mutex activity_lock_;
-  std::condition_variable_any activity_; // became active, or stopping
+  std::condition_variable_any activity_;  // became active, or stopping
 };
 
-} // namespace kesh
+}  // namespace kesh

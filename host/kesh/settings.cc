@@ -26,7 +26,7 @@ bool read_absolute_path(const char *key, const char *fallback, std::string &valu
          platform::config_refuse(key, "\"" + value + "\" is no path that begins with /", error);
 }
 
-} // namespace
+}  // namespace
 
 bool settings_read(settings &result, std::string &error)
 {
@@ -49,4 +49,4 @@ bool settings_read(settings &result, std::string &error)
   return true;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -34,7 +34,7 @@ platform::unique_fd stream_socket()
   return platform::unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
-} // namespace
+}  // namespace
 
 read_result socket_reader::read_line(std::string &line, size_t size_max)
 {
@@ -95,7 +95,7 @@ platform::unique_fd socket_listen(const std::string &path, std::string &error)
     return {};
   }
   if (errno == ECONNREFUSED) {
-    unlink(path.c_str()); // left behind by a daemon that was killed
+    unlink(path.c_str());  // left behind by a daemon that was killed
   }
   sockaddr_un address;
   platform::unique_fd fd = stream_socket();
@@ -116,4 +116,4 @@ bool socket_hung_up(int fd)
   return poll(&waited, 1, 0) > 0 && (waited.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -32,7 +32,7 @@ public:
 private:
   int fd_;
   std::string buffer_;
-  size_t start_ = 0; // first byte not handed out
+  size_t start_ = 0;  // first byte not handed out
 };
 
 /// Sends whole pieces, any thread.
@@ -56,4 +56,4 @@ platform::unique_fd socket_listen(const std::string &path, std::string &error);
 /// True if the other end has closed the connection.
 bool socket_hung_up(int fd);
 
-} // namespace kesh
+}  // namespace kesh

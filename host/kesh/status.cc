@@ -92,7 +92,7 @@ std::string dropped_text(const json &dropped)
   return text;
 }
 
-} // namespace
+}  // namespace
 
 json status_collect(service &host)
 {
@@ -158,4 +158,4 @@ std::string status_text(const json &status)
   return text;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -15,4 +15,4 @@ nlohmann::json status_collect(service &host);
 /// A screen of text for a person. Throws nlohmann::json::exception if fields are missing.
 std::string status_text(const nlohmann::json &status);
 
-} // namespace kesh
+}  // namespace kesh

@@ -18,7 +18,7 @@ constexpr uint32_t DATA_TYPE_LINES = 0;
 // A failed attempt on an active node (no memory, say) is not repeated at once.
 constexpr std::chrono::milliseconds RETRY_PAUSE{20};
 
-} // namespace
+}  // namespace
 
 submission::submission(service &host, socket_writer &client, int threads, int64_t timeout_s)
     : host_(host), client_(client), timeout_s_(timeout_s), room_(static_cast<size_t>(2 * threads))
@@ -151,4 +151,4 @@ void submission::answer(const waiting_line &line, const verdict &given, int64_t 
   changed_.notify_all();
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -67,4 +67,4 @@ private:
   std::vector<std::thread> threads_;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -40,7 +40,7 @@ bool add_sequence(range_map &ranges, uint64_t sequence)
   return true;
 }
 
-} // namespace
+}  // namespace
 
 tag_seen tag_index::note(const line_tag &tag, uint32_t attempt)
 {
@@ -129,4 +129,4 @@ bool tag_index::decode(std::string_view bytes)
   return true;
 }
 
-} // namespace kesh
+}  // namespace kesh

@@ -35,8 +35,8 @@ public:
 
 private:
   struct life_lines {
-    std::map<uint64_t, uint64_t> ranges;                     // first sequence -> last
-    std::map<uint64_t, std::vector<uint32_t>> attempts_seen; // absent: only attempt 1
+    std::map<uint64_t, uint64_t> ranges;                      // first sequence -> last
+    std::map<uint64_t, std::vector<uint32_t>> attempts_seen;  // absent: only attempt 1
   };
   using origin_key = std::pair<uint8_t, uint64_t>;
 
@@ -45,4 +45,4 @@ private:
   std::map<origin_key, life_lines> origins_;
 };
 
-} // namespace kesh
+}  // namespace kesh

@@ -31,16 +31,15 @@ bool write_all(int fd, std::string_view content)
   return true;
 }
 
-// Failing to give the file to its old owner is no reason to lose a save.
+// Failing to give the file to its old owner is no reason to lose a save: whoever is not root, or is root only of a
+// user namespace, cannot.
 bool take_over_mode(int fd, const std::string &path)
 {
   struct stat old;
   if (stat(path.c_str(), &old) != 0) {
     return true;
   }
-  if (fchown(fd, old.st_uid, old.st_gid) != 0 && errno != EPERM) {
-    return false;
-  }
+  [[maybe_unused]] const int given = fchown(fd, old.st_uid, old.st_gid);
   return fchmod(fd, old.st_mode & 07777) == 0;
 }
 
@@ -52,7 +51,7 @@ bool sync_directory_of(const std::string &path)
   return fd && fsync(fd.get()) == 0;
 }
 
-} // namespace
+}  // namespace
 
 bool file_read(const std::string &path, std::string &content, std::string &error)
 {
@@ -106,4 +105,4 @@ bool file_replace(const std::string &path, std::string_view content, std::string
   return true;
 }
 
-} // namespace platform
+}  // namespace platform

@@ -17,7 +17,7 @@ constexpr std::chrono::nanoseconds COST_MIN{10'000};
 // A piece that is not back after that is not coming.
 constexpr std::chrono::milliseconds COME_BACK_WAIT{20};
 
-} // namespace
+}  // namespace
 
 void bulk_sender::start(size_t receive_buffer)
 {
@@ -160,4 +160,4 @@ void bulk_sender::run()
   }
 }
 
-} // namespace platform
+}  // namespace platform

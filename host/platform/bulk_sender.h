@@ -46,7 +46,7 @@ private:
 
   transmitter &out_;
   std::thread thread_;
-  clock::duration cost_{}; // time that one piece takes at our rate
+  clock::duration cost_{};  // time that one piece takes at our rate
   size_t window_ = 0;
 
   mutex lock_;
@@ -54,10 +54,10 @@ private:
   bool stopping_ PLATFORM_GUARDED_BY(lock_) = true;
   bool sending_batch_ PLATFORM_GUARDED_BY(lock_) = false;
   condition batch_ended_;
-  uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0; // threads that wait for the batch's end: begin no other
+  uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0;  // threads that wait for the batch's end: begin no other
   message_list waiting_ PLATFORM_GUARDED_BY(lock_);
   clock::time_point paid_until_ PLATFORM_GUARDED_BY(lock_);
   size_t in_flight_ PLATFORM_GUARDED_BY(lock_) = 0;
 };
 
-} // namespace platform
+}  // namespace platform

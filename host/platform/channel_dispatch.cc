@@ -103,4 +103,4 @@ void channel_dispatch::run()
   }
 }
 
-} // namespace platform
+}  // namespace platform

@@ -47,4 +47,4 @@ private:
   message_list bulk_ PLATFORM_GUARDED_BY(lock_);
 };
 
-} // namespace platform
+}  // namespace platform

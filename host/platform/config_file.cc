@@ -164,7 +164,7 @@ std::string quoted(std::string_view value)
   return text + '"';
 }
 
-} // namespace
+}  // namespace
 
 bool config_key_is_valid(std::string_view key)
 {
@@ -235,4 +235,4 @@ void config_file::remove(std::string_view key)
   std::erase_if(lines_, [&](const config_line &line) { return line.key == key; });
 }
 
-} // namespace platform
+}  // namespace platform

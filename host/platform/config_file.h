@@ -16,11 +16,11 @@ namespace platform
 {
 
 struct config_line {
-  std::string text;  ///< as in the file, without the newline
-  std::string key;   ///< empty: comment or blank line
-  std::string value; ///< unquoted
-  std::string tail;  ///< what follows the value: blanks and a comment
-  size_t number = 0; ///< in the file, from 1; 0: added since
+  std::string text;   ///< as in the file, without the newline
+  std::string key;    ///< empty: comment or blank line
+  std::string value;  ///< unquoted
+  std::string tail;   ///< what follows the value: blanks and a comment
+  size_t number = 0;  ///< in the file, from 1; 0: added since
 };
 
 class config_file
@@ -44,4 +44,4 @@ private:
 /// True if the text can be a key.
 bool config_key_is_valid(std::string_view key);
 
-} // namespace platform
+}  // namespace platform

@@ -20,4 +20,4 @@ struct messaging_counters {
   }
 };
 
-} // namespace platform
+}  // namespace platform

@@ -67,4 +67,4 @@ private:
   std::condition_variable native_;
 };
 
-} // namespace platform
+}  // namespace platform

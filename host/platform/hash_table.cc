@@ -40,12 +40,12 @@ void *walk_to(table_map &map, table_map::iterator at, void **cursor)
   }
   void *value = at->second.value;
   if (++at != map.end()) {
-    *cursor = reinterpret_cast<void *>(CURSOR_SET | at->first);
+    *cursor = reinterpret_cast<void *>(CURSOR_SET | at->first);  // NOLINT(performance-no-int-to-ptr): no pointer
   }
   return value;
 }
 
-} // namespace
+}  // namespace
 
 void *vx_hash_create_i(uint32_t buckets)
 {

@@ -96,4 +96,4 @@ void message_list::clear()
   }
 }
 
-} // namespace platform
+}  // namespace platform

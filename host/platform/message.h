@@ -40,13 +40,13 @@ static_assert(PIECE_DATAGRAM_MAX + 20 + 8 <= 1500, "IP and UDP headers and the l
 struct alignas(16) message {
   message *next = nullptr;
   uint64_t id = 0;
-  int64_t due_us = 0;   // next repetition, steady clock
-  size_t data_size = 0; // bytes behind the word
+  int64_t due_us = 0;    // next repetition, steady clock
+  size_t data_size = 0;  // bytes behind the word
   uint32_t channel = 0;
   uint32_t key = 0;
-  uint32_t destination = 0; // as the library named it, network order
+  uint32_t destination = 0;  // as the library named it, network order
   uint32_t interval = 0;
-  int32_t repeat = 0; // repetitions left, -1 without end
+  int32_t repeat = 0;  // repetitions left, -1 without end
 
   uint8_t *object() { return reinterpret_cast<uint8_t *>(this + 1); }
   size_t datagram_size() const { return WORD_SIZE + data_size; }
@@ -115,4 +115,4 @@ private:
   size_t bytes_ = 0;
 };
 
-} // namespace platform
+}  // namespace platform

@@ -29,7 +29,7 @@ void report_small_buffer(uint32_t wanted, size_t granted)
   }
 }
 
-} // namespace
+}  // namespace
 
 messaging::messaging()
 {
@@ -117,7 +117,7 @@ void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint3
   sent->destination = destination;
   sent->repeat = repeat;
   sent->interval = interval;
-  void *const handle = reinterpret_cast<void *>(sent->id);
+  void *const handle = reinterpret_cast<void *>(sent->id);  // NOLINT(performance-no-int-to-ptr): no pointer
 
   const std::shared_lock lock(running_lock_);
   if (const char *why = refusal(*sent)) {
@@ -184,4 +184,4 @@ messaging_statistics messaging::statistics()
   return read;
 }
 
-} // namespace platform
+}  // namespace platform

@@ -41,7 +41,7 @@ public:
 
 private:
   void end_threads();
-  const char *refusal(const message &one) const; // null: it can be sent
+  const char *refusal(const message &one) const;  // null: it can be sent
 
   messaging_counters counters_;
   transmitter out_{counters_};
@@ -55,4 +55,4 @@ private:
   bool running_ = false;
 };
 
-} // namespace platform
+}  // namespace platform

@@ -14,7 +14,7 @@ messaging &service()
   return *only;
 }
 
-} // namespace
+}  // namespace
 
 bool messaging_start(std::string &error)
 {
@@ -41,7 +41,7 @@ const char *drop_reason_name(drop_reason reason)
   return names[static_cast<size_t>(reason)];
 }
 
-} // namespace platform
+}  // namespace platform
 
 using namespace platform;
 

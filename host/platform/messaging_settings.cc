@@ -67,7 +67,7 @@ bool read_interface(messaging_settings &settings, std::string &error)
   return true;
 }
 
-} // namespace
+}  // namespace
 
 messaging_settings::messaging_settings()
 {
@@ -121,4 +121,4 @@ bool messaging_read_settings(messaging_settings &settings, std::string &error)
          read_interface(settings, error);
 }
 
-} // namespace platform
+}  // namespace platform

@@ -12,14 +12,14 @@ inline constexpr uint32_t NODES_MAX = 16;
 
 /// Addresses are IPv4 in network byte order.
 struct messaging_settings {
-  uint32_t node_id = 0;                         ///< cluster.node_id, 1 to 16
-  uint16_t port_base = 17480;                   ///< messaging.port_base; channel n uses port_base + n
-  std::array<uint32_t, NODES_MAX> node_address; ///< messaging.node[1..16].address; default 127.1.0.n
-  std::string interface;                        ///< messaging.interface, a name; empty: by address
-  uint32_t interface_address = 0;               ///< the same as an address; 0: the own one
-  uint32_t interval_ms = 100;                   ///< messaging.interval_ms
-  uint32_t receive_buffer = 8 << 20;            ///< messaging.receive_buffer, bytes, per socket
-  uint8_t multicast_ttl = 1;                    ///< messaging.multicast_ttl
+  uint32_t node_id = 0;                          ///< cluster.node_id, 1 to 16
+  uint16_t port_base = 17480;                    ///< messaging.port_base; channel n uses port_base + n
+  std::array<uint32_t, NODES_MAX> node_address;  ///< messaging.node[1..16].address; default 127.1.0.n
+  std::string interface;                         ///< messaging.interface, a name; empty: by address
+  uint32_t interface_address = 0;                ///< the same as an address; 0: the own one
+  uint32_t interval_ms = 100;                    ///< messaging.interval_ms
+  uint32_t receive_buffer = 8 << 20;             ///< messaging.receive_buffer, bytes, per socket
+  uint8_t multicast_ttl = 1;                     ///< messaging.multicast_ttl
 
   messaging_settings();
   uint32_t own_address() const { return node_address[node_id - 1]; }
@@ -41,4 +41,4 @@ std::string address_text(uint32_t address);
 /// On a bad value returns false and `error` names file, line, key and why.
 bool messaging_read_settings(messaging_settings &settings, std::string &error);
 
-} // namespace platform
+}  // namespace platform

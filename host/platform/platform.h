@@ -38,9 +38,9 @@ enum class drop_reason { foreign, damaged, no_hook, blocked, receive_overflow, s
 const char *drop_reason_name(drop_reason reason);
 
 struct messaging_statistics {
-  uint64_t sent = 0;     ///< datagrams given to the kernel
-  uint64_t received = 0; ///< datagrams handed to a hook
-  uint64_t queued = 0;   ///< messages now queued for repetition
+  uint64_t sent = 0;      ///< datagrams given to the kernel
+  uint64_t received = 0;  ///< datagrams handed to a hook
+  uint64_t queued = 0;    ///< messages now queued for repetition
   std::array<uint64_t, static_cast<size_t>(drop_reason::count)> dropped{};
 };
 
@@ -52,4 +52,4 @@ messaging_statistics messaging_read_statistics();
 /// Test aid: drops everything received from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
 
-} // namespace platform
+}  // namespace platform

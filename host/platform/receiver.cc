@@ -16,9 +16,9 @@ namespace platform
 namespace
 {
 constexpr size_t BATCH = 64;
-constexpr size_t SLOT_SIZE = 65536; // no datagram is longer, so none arrives cut
+constexpr size_t SLOT_SIZE = 65536;  // no datagram is longer, so none arrives cut
 constexpr uint64_t STOP_TAG = UINT64_MAX;
-} // namespace
+}  // namespace
 
 struct receiver::batch {
   struct overflow_control {
@@ -31,7 +31,7 @@ struct receiver::batch {
   // Untouched pages cost nothing; few datagrams are long.
   std::unique_ptr<uint8_t[]> slots{new uint8_t[BATCH * SLOT_SIZE]};
 
-  uint8_t *slot(size_t i) { return slots.get() + i * SLOT_SIZE; }
+  uint8_t *slot(size_t i) const { return slots.get() + i * SLOT_SIZE; }
   void prepare()
   {
     for (size_t i = 0; i < BATCH; ++i) {
@@ -197,4 +197,4 @@ void receiver::read_some(source &from)
   }
 }
 
-} // namespace platform
+}  // namespace platform

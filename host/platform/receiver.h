@@ -41,7 +41,7 @@ private:
   struct source {
     unique_fd socket;
     uint32_t channel = 0;
-    uint32_t overflow_seen = 0; // the kernel's count of datagrams lost at this socket
+    uint32_t overflow_seen = 0;  // the kernel's count of datagrams lost at this socket
   };
   struct batch;
 
@@ -64,4 +64,4 @@ private:
   std::thread thread_;
 };
 
-} // namespace platform
+}  // namespace platform

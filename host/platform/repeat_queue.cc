@@ -16,7 +16,7 @@ int64_t now_us()
   return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-} // namespace
+}  // namespace
 
 void repeat_queue::start(uint32_t interval_ms)
 {
@@ -119,4 +119,4 @@ void repeat_queue::run()
   }
 }
 
-} // namespace platform
+}  // namespace platform

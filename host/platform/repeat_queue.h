@@ -45,4 +45,4 @@ private:
   message_list queued_ PLATFORM_GUARDED_BY(lock_);
 };
 
-} // namespace platform
+}  // namespace platform

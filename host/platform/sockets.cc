@@ -57,7 +57,7 @@ void enlarge_receive_buffer(const unique_fd &fd, uint32_t size)
   }
 }
 
-} // namespace
+}  // namespace
 
 unique_fd open_unicast_receiver(const messaging_settings &settings, uint32_t channel, std::string &error)
 {
@@ -116,4 +116,4 @@ uint16_t bound_port(const unique_fd &socket)
   return name.sin_port;
 }
 
-} // namespace platform
+}  // namespace platform

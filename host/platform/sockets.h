@@ -31,4 +31,4 @@ inline sockaddr_in socket_address(uint32_t address, uint16_t port_host_order)
   return made;
 }
 
-} // namespace platform
+}  // namespace platform

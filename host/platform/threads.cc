@@ -12,7 +12,7 @@ constexpr size_t STACK_FACTOR = 64;
 #else
 constexpr size_t STACK_FACTOR = 1;
 #endif
-} // namespace
+}  // namespace
 
 int kesh_pthread_create(pthread_t *thread, const pthread_attr_t *attr, size_t stack_size, void *(*start)(void *),
                         void *arg)

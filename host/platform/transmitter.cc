@@ -20,7 +20,7 @@ bool is_busy(int error)
   return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS;
 }
 
-} // namespace
+}  // namespace
 
 bool transmitter::open(const messaging_settings &settings, std::string &error)
 {
@@ -147,4 +147,4 @@ void transmitter::forget_reports(const message &sent)
   any_reported_ = !reported_.empty();
 }
 
-} // namespace platform
+}  // namespace platform

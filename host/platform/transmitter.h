@@ -62,4 +62,4 @@ private:
   std::atomic<bool> any_reported_{false};
 };
 
-} // namespace platform
+}  // namespace platform
