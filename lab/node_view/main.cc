@@ -14,8 +14,8 @@
 namespace
 {
 
-constexpr int EXIT_VIEW = 125;         // the view could not be made
-constexpr int EXIT_NOT_EXECUTED = 126; // the command is there but cannot be run
+constexpr int EXIT_VIEW = 125;          // the view could not be made
+constexpr int EXIT_NOT_EXECUTED = 126;  // the command is there but cannot be run
 constexpr int EXIT_NOT_FOUND = 127;
 
 const char HELP[] =
@@ -54,8 +54,9 @@ pid_t to_pid(std::string_view text)
 {
   pid_t pid = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
-  if (error != std::errc() || end != text.data() + text.size() || pid <= 0)
+  if (error != std::errc() || end != text.data() + text.size() || pid <= 0) {
     usage_error("a process id is a positive number");
+  }
   return pid;
 }
 
@@ -108,12 +109,15 @@ arguments parse(int argc, char **argv)
       usage_error("wrong usage");
     }
   }
-  if (optind == argc)
+  if (optind == argc) {
     usage_error("no command");
-  if (result.view.net_new && result.view.net_pid != 0)
+  }
+  if (result.view.net_new && result.view.net_pid != 0) {
     usage_error("--net-new and --net-pid exclude each other");
-  if (!result.view.flashdisk_dir.empty() && !result.view.flashdisk_size.empty())
+  }
+  if (!result.view.flashdisk_dir.empty() && !result.view.flashdisk_size.empty()) {
     usage_error("--flashdisk and --tmpfs-flashdisk exclude each other");
+  }
   result.command = argv + optind;
   return result;
 }
@@ -121,27 +125,30 @@ arguments parse(int argc, char **argv)
 void die_with_parent(pid_t parent)
 {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent)
-    std::raise(SIGKILL); // it was gone before the kernel knew of our wish
+  if (getppid() != parent) {
+    std::raise(SIGKILL);  // it was gone before the kernel knew of our wish
+  }
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char **argv)
 {
   pid_t parent = getppid();
   arguments arguments = parse(argc, argv);
   try {
-    if (arguments.join_pid != 0)
+    if (arguments.join_pid != 0) {
       node_view::join(arguments.join_pid);
-    else
+    } else {
       node_view::enter(arguments.view);
+    }
   } catch (const std::exception &error) {
     std::fprintf(stderr, "vx-node-view: %s\n", error.what());
     return EXIT_VIEW;
   }
-  if (!arguments.outlive_parent)
+  if (!arguments.outlive_parent) {
     die_with_parent(parent);
+  }
   execvp(arguments.command[0], arguments.command);
   int exec_error = errno;
   std::fprintf(stderr, "vx-node-view: %s: %s\n", arguments.command[0], std::strerror(exec_error));

@@ -19,4 +19,4 @@ void join_namespaces(pid_t pid, int flags);
 /// Loopback up, and fit for multicast.
 void bring_loopback_up();
 
-} // namespace node_view
+}  // namespace node_view

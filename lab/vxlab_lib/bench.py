@@ -149,13 +149,14 @@ def warn_of_load(progress):
 
 
 def print_table(rows, idle, stream):
-    titles = ["nodes", "role", "payload", "submitters", "n", "median ms", "p99 ms", "per s", "save ms", "saves", "ratio",
-              "all nodes ms"]
+    titles = ["nodes", "role", "payload", "submitters", "n", "median ms", "p99 ms", "per s", "save ms", "saves",
+              "ratio", "all nodes ms"]
     table = [titles] + [["" if row[column] is None else str(row[column]) for column in COLUMNS] for row in rows]
     widths = [max(len(line[i]) for line in table) for i in range(len(titles))]
     for line in table:
         print("  ".join(text.rjust(width) for text, width in zip(line, widths)), file=stream)
-    print("\nratio = median / (saves in series x one durable save, measured just before and after on the same disk)", file=stream)
+    print("\nratio = median / (saves in series x one durable save, measured just before and after on the same disk)",
+          file=stream)
     for count, percent in idle.items():
         print(f"idle cluster of {count} nodes: {percent:.1f} % of one core", file=stream)
 

@@ -38,7 +38,9 @@ class Cluster:
         settings = self.dir.read_settings()
         self._settings = settings
         self.programs = programs.Programs(self._build_dir or settings["build_dir"])
-        self.nodes = {node: Node(node, self.dir, self.programs, self.holder) for node in range(1, settings["nodes"] + 1)}
+        self.nodes = {
+            node: Node(node, self.dir, self.programs, self.holder) for node in range(1, settings["nodes"] + 1)
+        }
 
     def create(self, count, settings=None, detached=False):
         """Makes a cluster without a past, of `count` nodes, and opens it. `settings` are further configuration keys.
@@ -106,7 +108,7 @@ class Cluster:
         return {int(node): state for node, state in self.holder.ask("state")["nodes"].items()}
 
     def set_master(self, *node_ids):
-        """These nodes' state files say MASTER, all others BACKUP; BACKUP is written first, as a good keepalived would."""
+        """These nodes' state files say MASTER, all others BACKUP; BACKUP is written first."""
         for node_id in node_ids:
             self.node(node_id)
         for node_id, node in self.nodes.items():

@@ -199,8 +199,8 @@ def partition(subparsers):
         cluster.partition(*network.parse_partition("|".join(options.parts), len(cluster.nodes)))
 
     parser = add(subparsers, "partition", "split the network: nodes of different parts do not hear each other", run)
-    parser.add_argument("parts", nargs="+", metavar="NODES", help="one part, such as 1,2 or 3-5; nodes left out are one "
-                        "more part ('1,2|3' in one word works, too)")
+    parser.add_argument("parts", nargs="+", metavar="NODES", help="one part, such as 1,2 or 3-5; nodes left out are "
+                        "one more part ('1,2|3' in one word works, too)")
 
 
 def heal(subparsers):
@@ -227,9 +227,10 @@ def run_demo(subparsers):
         demo.print_summary(rows, sys.stdout)
         print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/journal.")
 
-    parser = add(subparsers, "demo", "three nodes, a real text, a leader that dies; compares the journals at the end", run)
+    parser = add(subparsers, "demo", "three nodes order a real text, lose their leader and take it back", run)
     parser.add_argument("file", nargs="?", metavar="FILE", help="text to take (default: one that Debian ships)")
-    parser.add_argument("--lines", type=int, metavar="N", help="take N lines (default: what this disk does in a minute)")
+    parser.add_argument("--lines", type=int, metavar="N",
+                        help="take N lines (default: as many as this disk does in a minute)")
 
 
 def run_bench(subparsers):

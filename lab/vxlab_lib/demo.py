@@ -189,13 +189,13 @@ class Demo:
             acknowledged.update(part.texts())
         journal.check_acknowledged(journals, acknowledged)
         if len(acknowledged) + self._unacknowledged != len(self._lines):
-            raise CheckFailed(f"{len(acknowledged)} acknowledged and {self._unacknowledged} unacknowledged lines do not "
-                              f"make {len(self._lines)}")
+            raise CheckFailed(f"{len(acknowledged)} acknowledged and {self._unacknowledged} unacknowledged lines do "
+                              f"not make {len(self._lines)}")
         for one in journals:
             if one.base == 0 and Counter(line.text for line in one.lines) != Counter(self._lines):
                 raise CheckFailed(f"journal of node {one.node}: its lines are not those of the file")
         if len(self._log_starts) < 3:
-            raise CheckFailed(f"there were {len(self._log_starts) - 1} roll-overs to a new log, at least 2 belong to the demo")
+            raise CheckFailed(f"only {len(self._log_starts) - 1} roll-overs to a new log, the demo needs 2")
         return journals
 
     def _summary(self, journals, duration_s, gap_s, catch_up_s, save_us):

@@ -49,7 +49,7 @@ def unescape(text):
     """Undoes \\\\ and \\xHH."""
     if b"\\" not in text:
         return text
-    return re.sub(rb"\\(\\|x[0-9a-f]{2})", lambda found: bytes([int(found[1][1:], 16) if found[1] != b"\\" else 92]), text)
+    return re.sub(rb"\\(\\|x[0-9a-f]{2})", lambda found: bytes.fromhex(found[1][1:].decode()) or b"\\", text)
 
 
 def read_journal(path, node):
@@ -118,8 +118,8 @@ def check_acknowledged(journals, acknowledged):
         texts = {line.tag: line.text for line in journal.lines}
         missing = [tag for tag in acknowledged if tag not in texts]
         if len(missing) > journal.base:
-            raise CheckFailed(f"journal of node {journal.node}: {len(missing)} acknowledged lines are missing, the first "
-                              f"is {missing[0]}")
+            raise CheckFailed(f"journal of node {journal.node}: {len(missing)} acknowledged lines are missing, the "
+                              f"first is {missing[0]}")
         for tag, text in acknowledged.items():
             if texts.get(tag, text) != text:
                 raise CheckFailed(f"journal of node {journal.node}: {tag} has another text than was submitted")

@@ -16,8 +16,8 @@ class Acknowledged:
 
 
 class Submission:
-    """Submits `lines` (bytes) at one node, `threads` of them at a time, in the background. Read `acknowledged` (index of
-    the line -> Acknowledged) at any time."""
+    """Submits `lines` (bytes) at one node, `threads` of them at a time, in the background. Read `acknowledged`
+    (index of the line -> Acknowledged) at any time."""
 
     def __init__(self, node, lines, threads=1, timeout_s=60):
         self.node = node
