@@ -72,7 +72,7 @@ void paxos_data_recv_offer(const data_header &hdr)
   }
   xfer_state &pull = paxos_data.pull_xfer;
   cons_lock lock(pull.lock);
-  if (is_abandoned(pull)) {
+  if (!xfer_is_for(pull, hdr.id, hdr.sender) && is_abandoned(pull)) {
     xfer_reset(pull);
   }
   if (pull.id == 0) {

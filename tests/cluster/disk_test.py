@@ -1,0 +1,73 @@
+"""Disks that fail, and files that are not what they should be: one node leaves, the others go on."""
+
+import os
+import unittest
+
+from scenario import Scenario, wait_until
+
+
+class Disk(Scenario):
+    def spoil(self, node, name):
+        """A directory where the temporary file should be: the next save fails, for root too."""
+        path = self.cluster.node(node).path("flashdisk", "cons", name + ".tmp")
+        os.mkdir(path)
+        return path
+
+    def await_isolated(self, node):
+        wait_until(lambda: not self.cluster.status(node)["active"], 20.0, f"node {node} isolates itself")
+        with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
+            self.assertIn("Isolating from cluster ...", log.read())
+
+    def test_each_save_that_fails_isolates_its_node_only(self):
+        for node, name in ((3, "paxos_decide"), (3, "paxos_deliver"), (2, "msg_id")):
+            with self.subTest(name):
+                obstacle = self.spoil(node, name)
+                if name == "msg_id":
+                    part = self.submit(node, 1, timeout_s=1)
+                    part.join(20.0)
+                    self.assertIsNotNone(part.error)
+                    self.submissions.remove(part)
+                self.submit(1, 30).wait()
+                self.await_isolated(node)
+                self.submit(1, 30).wait()
+                os.rmdir(obstacle)
+                self.cluster.restart(node)
+                self.submit(node, 10).wait()
+                self.check_all()
+
+    def test_leader_loses_its_disk(self):
+        obstacle = self.spoil(1, "paxos_decide")
+        part = self.submit(2, 100)
+        self.await_isolated(1)
+        self.cluster.set_master(2)
+        part.wait()
+        self.check_all([2, 3])
+        os.rmdir(obstacle)
+        self.cluster.restart(1)
+        self.check_all()
+
+    def test_files_of_the_wrong_form(self):
+        cases = {
+            "paxos_deliver": b"\x01\x02\x03",  # short
+            "paxos_decide": b"\x01\0\0\0\xfb\0\0\0" + bytes(1250),  # 251 entries
+        }
+        for name, content in cases.items():
+            with self.subTest(name):
+                self.submit(1, 10).wait()
+                self.check_all()
+                self.cluster.stop(3)
+                path = self.cluster.node(3).path("flashdisk", "cons", name)
+                whole = self.cluster.node(3).durable(name)
+                with open(path, "wb") as file:
+                    file.write(content)
+                with self.assertRaisesRegex(Exception, "node 3"):
+                    self.cluster.start(3)
+                self.submit(2, 10).wait()
+                with open(path, "wb") as file:
+                    file.write(whole)
+                self.cluster.restart(3)
+                self.check_all()
+
+
+if __name__ == "__main__":
+    unittest.main()

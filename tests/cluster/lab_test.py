@@ -1,0 +1,118 @@
+"""The laboratory itself: views that are private, and nothing that stays behind."""
+
+import os
+import select
+import signal
+import subprocess
+import tempfile
+import unittest
+import zlib
+
+from scenario import BUILD_DIR, Scenario, journal, wait_until
+from vxlab_lib.errors import CheckFailed
+
+VIEW = os.path.join(BUILD_DIR, "bin", "vx-node-view")
+
+
+def mounts():
+    with open("/proc/self/mountinfo", encoding="utf-8") as file:
+        return file.read()
+
+
+class View(unittest.TestCase):
+    def view(self, *arguments):
+        return subprocess.run([VIEW, *arguments], capture_output=True, text=True, check=False)
+
+    def test_private_and_gone_at_the_end(self):
+        before = mounts(), os.listdir("/"), os.listdir("/run")
+        script = "echo x > /flashdisk/cons/a && echo y > /var/run/b && cat /run/b && ls /sys/class/net && exit 7"
+        result = self.view("--tmp", "--net-new", "--", "sh", "-c", script)
+        self.assertEqual(result.returncode, 7, result.stderr)
+        self.assertTrue(result.stdout.startswith("y\n"))
+        self.assertEqual((mounts(), os.listdir("/"), os.listdir("/run")), before)
+
+    def test_errors(self):
+        self.assertEqual(self.view("--tmp", "--", "/nowhere/at/all").returncode, 127)
+        self.assertEqual(self.view("--tmp", "--", "/etc/passwd").returncode, 126)
+        refused = self.view("--flashdisk", "/nowhere", "--", "true")
+        self.assertEqual(refused.returncode, 125)
+        self.assertIn("/nowhere", refused.stderr)
+
+    def test_dies_with_its_parent(self):
+        script = f"{VIEW} --tmp -- sh -c 'echo $$; exec sleep 600' & wait"
+        parent = subprocess.Popen(["sh", "-c", script], stdout=subprocess.PIPE, text=True)
+        child = os.pidfd_open(int(parent.stdout.readline()))
+        parent.kill()
+        parent.communicate()
+        wait_until(lambda: has_ended(child), 10.0, "the command ends with its parent")
+
+
+def has_ended(pidfd):
+    """A process that has ended is readable through its descriptor, also when nobody has reaped it yet."""
+    return bool(select.select([pidfd], [], [], 0)[0])
+
+
+class JournalCheck(unittest.TestCase):
+    """The judge of all other scenarios has to see what is wrong."""
+
+    def journal(self, *records):
+        with tempfile.NamedTemporaryFile() as file:
+            for record in records:
+                file.write(b"%08x %s\n" % (zlib.crc32(record), record))
+            file.flush()
+            return journal.read_journal(file.name, 1)
+
+    def test_finds_each_fault(self):
+        one, two, three = b"L 1 0a 1.00.1 1 text", b"L 2 0b 1.00.2 1 te\\x01\\\\", b"L 3 0c 1.00.3 1 "
+        good = self.journal(one, two, three)
+        self.assertEqual([line.text for line in good.lines], [b"text", b"te\x01\\", b""])
+        journal.check_equal([good, self.journal(one, two, b"R 2 0b 1.00.2 2 ", three)])
+        faults = {
+            "gap": (one, three),
+            "tag twice": (one, two, b"L 3 0c 1.00.1 2 text"),
+            "doubled": (one, two, three, b"D 3 0c 1.00.1 1 text"),
+            "shorter": (one, two),
+            "other hash": (one, two, b"L 3 0d 1.00.3 1 "),
+            "other order": (b"L 1 0a 1.00.2 1 te\\x01\\\\", b"L 2 0b 1.00.1 1 text", three),
+        }
+        for name, records in faults.items():
+            with self.subTest(name), self.assertRaises(CheckFailed):
+                journal.check_equal([good, self.journal(*records)])
+        for name, acknowledged in {"missing": {"2.00.1": b"x"}, "other text": {"1.00.1": b"texts"}}.items():
+            with self.subTest(name), self.assertRaises(CheckFailed):
+                journal.check_acknowledged([good], acknowledged)
+        with self.subTest("damaged"), self.assertRaises(CheckFailed):
+            journal.parse_record(b"00000000 " + one, "here")
+
+
+class Laboratory(Scenario):
+    def test_nodes_die_with_the_holder(self):
+        nodes = [os.pidfd_open(node.pid()) for node in self.cluster.nodes.values()]
+        self.cluster.node(2).pause()
+        os.kill(self.cluster.dir.holder_pid(), signal.SIGKILL)
+        for node in nodes:
+            wait_until(lambda node=node: has_ended(node), 10.0, "a node ends with the holder")
+        self.assertIsNone(self.cluster.dir.holder_pid())
+
+    def test_settled_commands(self):
+        vxlab = [os.path.join(os.environ["VX_LAB_DIR"], "vxlab"), "--dir", self.path, "--bin", BUILD_DIR]
+
+        def call(*arguments, **options):
+            return subprocess.run([*vxlab, *arguments], capture_output=True, text=True, timeout=50, check=False,
+                                  **options)
+
+        self.assertEqual(call("up", "3").returncode, 5, "a second laboratory in the same directory")
+        self.assertEqual(call("submit", "2", "-", input="one\ntwo\n").returncode, 0)
+        self.check_all()
+        self.assertEqual(call("journal", "3").stdout, "one\ntwo\n")
+        self.assertEqual(call("kill", "9").returncode, 2)
+        self.assertEqual(call("kill", "3").returncode, 0)
+        self.assertIn("signal 9", call("status").stdout)
+        self.assertEqual(call("say", "1", "hello there").returncode, 0)
+        wait_until(lambda: "1: hello there" in call("heard", "2").stdout, 5.0, "node 2 hears node 1")
+        self.assertEqual(call("down").returncode, 0)
+        self.assertEqual(call("status").returncode, 4)
+
+
+if __name__ == "__main__":
+    unittest.main()
