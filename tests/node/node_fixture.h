@@ -23,7 +23,7 @@ class application
 public:
   std::vector<std::string> lines() const;
   size_t count() const { return lines().size(); }
-  bool has(const std::vector<std::string> &expected) const; ///< waits
+  bool has(const std::vector<std::string> &expected) const;  ///< waits
   /// Deliver hooks wait while held.
   void hold() { is_held_ = true; }
   void let_go() { is_held_ = false; }
@@ -67,13 +67,13 @@ protected:
   static bool wait_decided(uint32_t number);
 
   static std::future<int> submit(const std::string &text);
-  static int result(std::future<int> &call); ///< -99 if it does not return
+  static int result(std::future<int> &call);  ///< -99 if it does not return
   /// Stops within the promised time.
   static void stop_in_time();
   /// Becomes leader and waits for it. `then` comes after the file is written.
   static bool lead(const fake::condition &then = [] { return true; });
-  static bool step_down();   ///< and follower again
-  static bool wait_joined(); ///< until no thread of the library is left
+  static bool step_down();    ///< and follower again
+  static bool wait_joined();  ///< until no thread of the library is left
   /// What isolation and stop leave: not active, channels 3 and 6 open, nothing queued.
   static void expect_stopped();
   static wire::log payload_log(size_t count, entry state, uint8_t sender, uint32_t first_id);

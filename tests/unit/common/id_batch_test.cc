@@ -74,7 +74,7 @@ TEST(id_batch, walks_in_order_and_sees_what_the_callback_appends)
   id_batch_foreach(&w.batch, visit, &w);
   EXPECT_EQ(w.seen, (wire::log{{1, 1}, {2, 2}, {3, 3}}));
   w.seen.clear();
-  id_batch_call_at(&w.batch, 3, visit, &w); // the count: nothing
+  id_batch_call_at(&w.batch, 3, visit, &w);  // the count: nothing
   id_batch_call_at(&w.batch, 2, visit, &w);
   EXPECT_EQ(w.seen, (wire::log{{3, 3}}));
 }
@@ -99,4 +99,4 @@ TEST(id_batch, refuses_foreign_bytes_that_are_no_log)
   }
 }
 
-} // namespace
+}  // namespace

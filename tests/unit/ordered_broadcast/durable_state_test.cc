@@ -29,7 +29,7 @@ TEST_F(durable_state, records_are_replaced_whole_or_not_at_all)
   EXPECT_EQ(fake::logged("store_write(): CRITICAL - open(/flashdisk/cons/record.tmp) failed"), 1u);
   EXPECT_EQ(store_read(path.c_str(), got, 4), 0);
   EXPECT_EQ(bytes(got, got + 4), (bytes{1, 2, 3, 4}));
-  EXPECT_EQ(store_read(path.c_str(), got, 3), 0); // longer than asked for
+  EXPECT_EQ(store_read(path.c_str(), got, 3), 0);  // longer than asked for
   files::write("record", {1, 2, 3});
   EXPECT_EQ(store_read(path.c_str(), got, 4), -1);
   EXPECT_EQ(fake::logged("store_read(): CRITICAL - read(/flashdisk/cons/record) failed "
@@ -42,7 +42,7 @@ TEST_F(durable_state, identifiers_go_on_behind_the_file_and_behind_the_log)
   files::write("msg_id", wire::words({41}));
   EXPECT_EQ(msg_id_next(false), 42u);
   EXPECT_EQ(files::read("msg_id"), wire::words({42}));
-  id_batch batch; // a node whose file was lost meets its own identifiers in the log of the others
+  id_batch batch;  // a node whose file was lost meets its own identifiers in the log of the others
   id_batch_add(&batch, 90, 1);
   id_batch_add(&batch, 200, 2);
   msg_id_raise_floor(batch);
@@ -78,4 +78,4 @@ TEST_F(durable_state, identifiers_differ_for_concurrent_callers)
   EXPECT_EQ(files::read("msg_id"), wire::words({*all.rbegin()}));
 }
 
-} // namespace
+}  // namespace

@@ -28,7 +28,7 @@ TEST_F(register_store, has_the_stated_bytes)
 {
   ASSERT_EQ(store_save(7, state_of(12, 9, VALUE)), 0);
   EXPECT_EQ(files::all(), (std::map<std::string, bytes>{{"rb_reg.7", words({12, 9, 5}) + VALUE}}));
-  ASSERT_EQ(store_save(7, state_of(13, 9, {})), 0); // shorter: nothing of the old file may remain
+  ASSERT_EQ(store_save(7, state_of(13, 9, {})), 0);  // shorter: nothing of the old file may remain
   EXPECT_EQ(files::read("rb_reg.7"), words({13, 9, 0}));
 }
 
@@ -36,7 +36,7 @@ TEST_F(register_store, has_the_stated_bytes)
 TEST_F(register_store, reads_back_what_it_saved_or_refuses)
 {
   acceptor_state state;
-  EXPECT_EQ(store_load(8, state), 0); // no file
+  EXPECT_EQ(store_load(8, state), 0);  // no file
   EXPECT_EQ(state.read_round, 0u);
 
   const bytes whole = words({3, 2, 5}) + VALUE;
@@ -55,7 +55,7 @@ TEST_F(register_store, reads_back_what_it_saved_or_refuses)
     EXPECT_EQ(fake::logged("store_load(): file /flashdisk/cons/rb_reg.8 truncated\n"), n + 1);
   }
   acceptor_state fresh;
-  files::write("rb_reg.8", words({3, 2, 0xfffffff8})); // 12 + L wraps
+  files::write("rb_reg.8", words({3, 2, 0xfffffff8}));  // 12 + L wraps
   EXPECT_EQ(store_load(8, fresh), -1);
 }
 
@@ -84,4 +84,4 @@ TEST_F(register_store, deletes_register_files_up_to_the_bound_and_nothing_else)
   EXPECT_EQ(fake::logged("store_delete(): unlink() failed"), 1u);
 }
 
-} // namespace
+}  // namespace

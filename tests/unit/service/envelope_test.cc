@@ -53,7 +53,7 @@ TEST_F(envelope, is_null_without_memory)
 {
   fake::fail(fake::call::allocate, 1);
   EXPECT_EQ(cons_msg_new(nullptr, 8), nullptr);
-  EXPECT_EQ(cons_msg_new(nullptr, 0xffffffff), nullptr); // 20 more would wrap to a few bytes
+  EXPECT_EQ(cons_msg_new(nullptr, 0xffffffff), nullptr);  // 20 more would wrap to a few bytes
 }
 
 TEST_F(envelope, names_nodes_by_the_last_octet)
@@ -99,7 +99,7 @@ TEST_F(cluster_message, is_sent_once_and_comes_back)
             std::tuple(6u, 0u, fake::MULTICAST, 0, 0u));
   EXPECT_EQ(heard, data);
 
-  clmsg_bcast(7, nullptr, 3); // memory that nobody filled must not leak
+  clmsg_bcast(7, nullptr, 3);  // memory that nobody filled must not leak
   clmsg_bcast(0, nullptr, 0);
   clmsg_bcast(0, nullptr, 0xfffffff0);
   ASSERT_TRUE(fake::settle());
@@ -124,7 +124,7 @@ TEST_F(cluster_message, with_a_wrong_length_is_dropped)
   fake::inject(6, 2, wire::clmsg(1, 8, eight));
   ASSERT_TRUE(fake::settle());
   EXPECT_EQ(times_heard, 0);
-  fake::inject(6, 99, wire::clmsg(0, 8, eight)); // any sender, and what is longer than it says
+  fake::inject(6, 99, wire::clmsg(0, 8, eight));  // any sender, and what is longer than it says
   fake::inject(6, 2, wire::clmsg(0, 3, eight));
   ASSERT_TRUE(fake::settle());
   EXPECT_EQ(times_heard, 2);
@@ -143,4 +143,4 @@ TEST_F(cluster_message, reaches_the_hook_of_index_0_until_it_is_cleared)
   EXPECT_EQ(times_heard, 1);
 }
 
-} // namespace
+}  // namespace
