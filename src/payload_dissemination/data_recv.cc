@@ -153,10 +153,7 @@ void note_holder_answers(xfer_state &pull) CONS_REQUIRES(pull.lock)
 {
   pull.data_us = monotonic_us();
   pull.activity_us = pull.data_us;
-  pull.unanswered_requests = 0;
-  for (uint8_t &state : pull.node_state) {
-    state = 0;
-  }
+  xfer_forget_answers(pull);
 }
 
 void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)

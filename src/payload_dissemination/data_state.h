@@ -45,6 +45,9 @@ struct xfer_state {
 /// Ends a transfer: frees the buffers and sets every field but lock and condition to zero.
 void xfer_reset(xfer_state &record) CONS_REQUIRES(record.lock);
 
+/// What the nodes answered so far does not count any more.
+void xfer_forget_answers(xfer_state &record) CONS_REQUIRES(record.lock);
+
 inline bool xfer_is_for(const xfer_state &record, uint32_t id, uint8_t sender) CONS_REQUIRES(record.lock)
 {
   return record.id == id && record.sender == sender;

@@ -137,13 +137,18 @@ void xfer_reset(xfer_state &record)
   record.pieces = 0;
   record.last = {};
   record.is_pulled = false;
-  record.unanswered_requests = 0;
   record.request_us = 0;
   record.data_us = 0;
   record.activity_us = 0;
+  xfer_forget_answers(record);
+}
+
+void xfer_forget_answers(xfer_state &record)
+{
   for (uint8_t &state : record.node_state) {
     state = 0;
   }
+  record.unanswered_requests = 0;
 }
 
 uint32_t paxos_data_handled()

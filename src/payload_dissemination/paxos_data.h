@@ -12,7 +12,7 @@
 /// the thread that handed a batch over, with no lock.
 struct paxos_data_callbacks {
   void (*deliver)(uint32_t id, uint8_t sender, const payload_buf *payload) = nullptr;
-  void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: a quorum lacks its payload
+  void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: its payload was lost
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
 };
 

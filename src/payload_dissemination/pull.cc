@@ -67,9 +67,7 @@ void claim(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.loc
   }
   if (!pull.is_pulled) {
     pull.is_pulled = true;
-    for (uint8_t &state : pull.node_state) {
-      state = 0;
-    }
+    xfer_forget_answers(pull);
   }
 }
 
