@@ -84,7 +84,8 @@ void release(uint32_t channel);
 
 // --- Failures -------------------------------------------------------------------------------------------------
 
-enum class call { allocate, enqueue, thread, hash_create, hash_insert, cfg_get, cfg_set, cfg_save, count };
+/// memory: malloc and its like, called by the library itself.
+enum class call { memory, allocate, enqueue, thread, hash_create, hash_insert, cfg_get, cfg_set, cfg_save, count };
 /// Lets the nth call from now (1 = next) and those after it fail, `times` in all.
 void fail(call what, uint32_t nth, uint32_t times = 1);
 /// Calls since start(), failed ones included.

@@ -316,7 +316,7 @@ void *vx_msg_allocate(uint32_t size)
   if (has_to_fail(call::allocate) || size > 1u << 28) {
     return nullptr;
   }
-  void *msg = std::malloc(WORD + size);
+  void *msg = ::operator new(WORD + size);
   std::memset(msg, 0xa5, WORD + size);  // what the library leaves unset must not pass for zero
   const std::lock_guard lock(host().lock);
   host().in_hand[msg] = size;
@@ -343,7 +343,7 @@ void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t des
                           interval,
                           bytes(data, data + ENVELOPE),
                           bytes(data + ENVELOPE, data + size)};
-  std::free(msg);
+  ::operator delete(msg);
   if (wire::word_at(message.envelope, 16) != message.payload.size()) {
     host().violations.push_back("the envelope's length is not the message's");
   }
