@@ -116,6 +116,27 @@ TEST_P(node, orders_a_value_read_back_once)
   EXPECT_EQ(fake::logged("FORWARD dupe/busy (sender=3)"), 1u);
 }
 
+// The payloads of the last two messages of a full log are gone: what its leader could not deliver is not in the
+// snapshot, so the new log names it again, and the messages after it come through.
+TEST_P(node, carries_a_lost_tail_into_the_new_log)
+{
+  configure(1, 3);
+  const wire::log full = payload_log(250, {2, 3}, 3, 10);
+  set_decided(300, full, full[247]);
+  others->adopt(300, full);
+  ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
+  ASSERT_TRUE(fake::wait_logged("data lost", 2));
+  auto call = submit("mine");
+  ASSERT_EQ(result(call), 0);
+  EXPECT_EQ(app.lines(), std::vector<std::string>{"mine"});
+  const auto [number, log] = decided();
+  EXPECT_EQ(number, 302u);
+  ASSERT_EQ(log.size(), 4u);
+  EXPECT_EQ(log[0].first, 1);
+  EXPECT_EQ((wire::log{log[1], log[2]}), (wire::log{full[248], full[249]}));
+  EXPECT_EQ(log[3].first, 1);
+}
+
 // What a log names that this node has loaded or adopted is never proposed again: not the waiting message of another
 // node, not one that is forwarded late, not the own.
 TEST_P(node, orders_nothing_that_stands_in_an_adopted_log)
