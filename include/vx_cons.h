@@ -41,7 +41,7 @@ typedef void (*vx_cons_deliver_hook)(const uint8_t *data, uint32_t length, uint3
 /* Receives a cluster message of type 0, valid during the call only; type is always 0. */
 typedef void (*vx_cons_clmsg_hook)(const uint8_t *data, uint32_t length, uint32_t type);
 
-/* Brings the library up. Returns 0, also when it is up already; -1 if a table cannot be created. */
+/* Brings the library up. Returns 0, also when it is up already; -1 if there is no memory for the table of registers. */
 int vx_cons_init(void);
 
 /* Stops the protocol if it runs, waits for every call and hook that is inside the library, and releases

@@ -22,24 +22,12 @@ constinit isolation_state isolation;
 
 thread_local bool inside_lifecycle_section;
 
-void finish_isolation() CONS_REQUIRES(lifecycle_lock)
-{
-  {
-    cons_lock lock(isolation.lock);
-    if (!isolation.is_unfinished) {
-      return;
-    }
-    isolation.is_unfinished = false;
-  }
-  paxos_stop();
-}
-
 void *helper_thread(void *)
 {
   for (;;) {
     {
       cons_lock lock(lifecycle_lock);
-      finish_isolation();
+      isolation_finish();
     }
     cons_lock lock(isolation.lock);
     if (!isolation.is_unfinished) {
@@ -90,17 +78,29 @@ void paxos_isolate()
   }
 }
 
+void isolation_finish()
+{
+  {
+    cons_lock lock(isolation.lock);
+    if (!isolation.is_unfinished) {
+      return;
+    }
+    isolation.is_unfinished = false;
+  }
+  paxos_stop();
+}
+
 lifecycle_section::lifecycle_section()
 {
   join_helper();
   lifecycle_lock.lock();
   inside_lifecycle_section = true;
-  finish_isolation();
+  isolation_finish();
 }
 
 lifecycle_section::~lifecycle_section()
 {
-  finish_isolation();
+  isolation_finish();
   inside_lifecycle_section = false;
   lifecycle_lock.unlock();
   join_helper();

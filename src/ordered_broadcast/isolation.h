@@ -23,6 +23,10 @@ public:
   lifecycle_section &operator=(const lifecycle_section &) = delete;
 };
 
+/// Wakes and joins what an isolation has left, if there is anything. One may come at any time while the threads run, so
+/// who finds the service stopped and needs it at rest calls this behind the test.
+void isolation_finish() CONS_REQUIRES(lifecycle_lock);
+
 /// A start begins, with no thread of an earlier run left: forgets earlier isolations, whose helper, if it comes late,
 /// finds nothing to do.
 void isolation_begin_run() CONS_REQUIRES(lifecycle_lock);

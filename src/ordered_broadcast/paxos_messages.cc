@@ -52,7 +52,8 @@ void paxos_decide_bcast()
 {
   vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_DECIDE, 0);
   paxos.is_decide_unsent = false;
-  if (paxos.is_leader == 0 || paxos.batch_id == 0) {
+  // Stopped: by an isolation, perhaps because this very decision could not be saved.
+  if (paxos.is_leader == 0 || paxos.batch_id == 0 || paxos.stopped) {
     return;
   }
   paxos.is_decide_unsent = true;

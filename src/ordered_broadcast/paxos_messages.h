@@ -36,8 +36,8 @@ struct decide_message {
 std::optional<decide_message> decide_parse(std::span<const uint8_t> payload);
 std::optional<id_entry> forward_parse(std::span<const uint8_t> payload);
 
-/// Replaces this node's queued DECIDE by one of the last decision, repeated to all nodes; a follower, or a node without
-/// a decision, only withdraws. What could not be queued is noted in is_decide_unsent.
+/// Replaces this node's queued DECIDE by one of the last decision, repeated to all nodes; a follower, a node that is
+/// stopped or one without a decision only withdraws. What could not be queued is noted in is_decide_unsent.
 void paxos_decide_bcast() CONS_REQUIRES(paxos.propose_lock);
 
 /// Sends the last decision once to one node.

@@ -25,9 +25,9 @@ uint8_t *paxos_data_msg_new(paxos_data_type type, uint32_t id, uint8_t sender, u
   return message;
 }
 
-void send_once(uint8_t *message, paxos_data_type type)
+bool send_once(uint8_t *message, paxos_data_type type)
 {
-  cons_msg_send(message, PAXOS_DATA_CHANNEL, type, CONS_MCAST_ADDR, 0, 0);
+  return cons_msg_send(message, PAXOS_DATA_CHANNEL, type, CONS_MCAST_ADDR, 0, 0) != nullptr;
 }
 
 }  // namespace
@@ -42,14 +42,16 @@ bool paxos_data_bcast_offer(uint32_t id, uint8_t sender)
   return cons_msg_send(message, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, CONS_MCAST_ADDR, -1, 1) != nullptr;
 }
 
-void paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length)
+bool paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length)
 {
-  if (uint8_t *message = paxos_data_msg_new(PAXOS_DATA_REQ, id, sender, REQ_SIZE)) {
-    put_le32(cons_msg_payload(message) + 8, offset);
-    put_le32(cons_msg_payload(message) + 12, length);
-    vx_log("CONS: PAXOS DATA: REQ bcast (id=%u/%hhu, offset=%u, len=%u)\n", id, sender, offset, length);
-    send_once(message, PAXOS_DATA_REQ);
+  uint8_t *message = paxos_data_msg_new(PAXOS_DATA_REQ, id, sender, REQ_SIZE);
+  if (message == nullptr) {
+    return false;
   }
+  put_le32(cons_msg_payload(message) + 8, offset);
+  put_le32(cons_msg_payload(message) + 12, length);
+  vx_log("CONS: PAXOS DATA: REQ bcast (id=%u/%hhu, offset=%u, len=%u)\n", id, sender, offset, length);
+  return send_once(message, PAXOS_DATA_REQ);
 }
 
 void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payload, uint32_t offset, uint32_t length)

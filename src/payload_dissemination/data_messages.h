@@ -37,9 +37,9 @@ inline constexpr uint32_t DATA_PIECE_SIZE = 1400;
 inline constexpr uint32_t REQ_TO_THE_END = 0xffffffff;
 
 /// Each logs and sends one message (DATA: one per piece, until the layer stops); without memory nothing. OFFER is
-/// repeated until dequeued; false if it was not queued.
+/// repeated until dequeued. False: not queued.
 bool paxos_data_bcast_offer(uint32_t id, uint8_t sender);
-void paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length);
+bool paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length);
 void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payload, uint32_t offset, uint32_t length);
 void paxos_data_bcast_complete(uint32_t id, uint8_t sender);
 void paxos_data_bcast_missing(uint32_t id, uint8_t sender);

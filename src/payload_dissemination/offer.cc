@@ -40,7 +40,9 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
   bool is_offered = paxos_data_bcast_offer(id, sender);
   while (goes_on() && !is_held_by_quorum(offer)) {
     offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
-    is_offered = is_offered || paxos_data_bcast_offer(id, sender);
+    if (!is_offered && goes_on()) {
+      is_offered = paxos_data_bcast_offer(id, sender);
+    }
   }
   if (xfer_is_for(offer, id, sender)) {
     // With the lock held: behind it, the dequeue could take the next call's OFFER away.

@@ -150,7 +150,12 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
-    paxos_data.pull_xfer.is_pulled = false;
+    // What was answered about the entry that comes next still holds: decisions must not put off that it is lost.
+    const id_entry next =
+        paxos_data.pull_pos < id_batch_count(batch) ? id_batch_entry(batch, paxos_data.pull_pos) : id_entry{};
+    if (!xfer_is_for(paxos_data.pull_xfer, next.msg_id, next.sender)) {
+      paxos_data.pull_xfer.is_pulled = false;
+    }
   }
   paxos_data.pull_batch = batch;
   paxos_data.still_to_queue = id_batch_count(batch) - paxos_data.pull_pos;
@@ -167,9 +172,9 @@ bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
   if (record.piece_map == nullptr) {
     record.id = id;
     record.sender = sender;
-    paxos_data_bcast_req(id, sender, 0, REQ_TO_THE_END);
-    return true;
+    return paxos_data_bcast_req(id, sender, 0, REQ_TO_THE_END);
   }
+  bool has_asked = false;
   for (uint32_t a = 0; a < record.pieces;) {
     if (record.piece_map[a] != 0) {
       ++a;
@@ -180,11 +185,11 @@ bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
       ++b;
     }
     const uint64_t length = uint64_t{DATA_PIECE_SIZE} * (b - a);
-    paxos_data_bcast_req(id, sender, DATA_PIECE_SIZE * a,
-                         static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
+    has_asked |= paxos_data_bcast_req(id, sender, DATA_PIECE_SIZE * a,
+                                      static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
     a = b;
   }
-  return true;
+  return has_asked;
 }
 
 void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number)

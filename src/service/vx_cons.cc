@@ -16,8 +16,8 @@
 namespace
 {
 
-// Threads inside vx_cons_distribute: the tables stay until they have left.
-constinit entry_gate distribute_gate{true};
+// Threads that submit or send: the tables stay, and nothing is unregistered, until they have left.
+constinit entry_gate caller_gate{true};
 
 void stop() CONS_REQUIRES(lifecycle_lock)
 {
@@ -28,8 +28,8 @@ void stop() CONS_REQUIRES(lifecycle_lock)
 // Stopped, every call has its verdict: they only have to leave. None must touch what comes next.
 void wait_for_callers() CONS_REQUIRES(lifecycle_lock)
 {
-  distribute_gate.close();
-  distribute_gate.wait_empty();
+  caller_gate.close();
+  caller_gate.wait_empty();
 }
 
 void cleanup() CONS_REQUIRES(lifecycle_lock)
@@ -39,7 +39,7 @@ void cleanup() CONS_REQUIRES(lifecycle_lock)
   cons_layers_cleanup();
   clmsg_cleanup();
   cons_service.initialised = false;
-  distribute_gate.open();
+  caller_gate.open();
 }
 
 int start() CONS_REQUIRES(lifecycle_lock)
@@ -48,11 +48,8 @@ int start() CONS_REQUIRES(lifecycle_lock)
   if (cluster_config_read() != 0 || paxos_start() != 0) {
     return -1;
   }
-  if (!isolation_activate()) {
-    return -1;
-  }
   vx_log("CONS: PAXOS started\n");
-  return 0;
+  return isolation_activate() ? 0 : -1;
 }
 
 int configure(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
@@ -64,13 +61,23 @@ int configure(const char *ipaddr, const char *netmask, const char *gateway, cons
   vx_log("CONS: Reset PAXOS ...\n");
   wait_for_callers();
   const int result = paxos_reset();
-  distribute_gate.open();
+  caller_gate.open();
   if (result != 0) {
     vx_log("PAXOS reset failed.\n");
     return -1;
   }
   vx_log("CONS: PAXOS reset successful.\n");
   return vx_cfg_save(1) == 0 ? 0 : -1;
+}
+
+// Whether the service is stopped, and then with no thread of the last run left.
+bool is_at_rest() CONS_REQUIRES(lifecycle_lock)
+{
+  if (!cons_service.stopped) {
+    return false;
+  }
+  isolation_finish();
+  return true;
 }
 
 bool is_active()
@@ -112,7 +119,7 @@ int vx_cons_start(void)
   if (!cons_service.initialised) {
     return -1;
   }
-  return cons_service.stopped ? start() : 0;
+  return is_at_rest() ? start() : 0;
 }
 
 void vx_cons_stop(void)
@@ -125,7 +132,7 @@ int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gatew
                       uint32_t node_count, const char *node_id, const char *mtime)
 {
   lifecycle_section section;
-  if (!cons_service.initialised || !cons_service.stopped) {
+  if (!cons_service.initialised || !is_at_rest()) {
     vx_log("Cannot reconfigure cluster when it is active.\n");
     return -1;
   }
@@ -148,19 +155,23 @@ void vx_cons_register_clmsg_hook(uint32_t index, vx_cons_clmsg_hook hook)
 
 int vx_cons_distribute(const uint8_t *data, uint32_t length, uint32_t type)
 {
-  if (!distribute_gate.enter()) {
+  if (!caller_gate.enter()) {
     return -1;
   }
   const int result = cons_service.stopped ? -1 : paxos_distribute(data, length, type);
-  distribute_gate.leave();
+  caller_gate.leave();
   return result;
 }
 
 void vx_cons_bcast_clmsg(uint32_t type, const uint8_t *data, uint32_t length)
 {
+  if (!caller_gate.enter()) {
+    return;
+  }
   if (!cons_service.stopped) {
     clmsg_bcast(type, data, length);
   }
+  caller_gate.leave();
 }
 
 int vx_cons_cluster_supported(void)

@@ -9,6 +9,7 @@ import unittest
 import zlib
 
 from scenario import BUILD_DIR, Scenario, journal, wait_until
+from vxlab_lib.checker import check_journals
 from vxlab_lib.errors import CheckFailed
 
 VIEW = os.path.join(BUILD_DIR, "bin", "vx-node-view")
@@ -55,18 +56,18 @@ def has_ended(pidfd):
 class JournalCheck(unittest.TestCase):
     """The judge of all other scenarios has to see what is wrong."""
 
-    def journal(self, *records):
+    def journal(self, *records, node=1):
         with tempfile.NamedTemporaryFile() as file:
             for record in records:
                 file.write(b"%08x %s\n" % (zlib.crc32(record), record))
             file.flush()
-            return journal.read_journal(file.name, 1)
+            return journal.read_journal(file.name, node)
 
     def test_finds_each_fault(self):
         one, two, three = b"L 1 0a 1.00.1 1 text", b"L 2 0b 1.00.2 1 te\\x01\\\\", b"L 3 0c 1.00.3 1 "
         good = self.journal(one, two, three)
         self.assertEqual([line.text for line in good.lines], [b"text", b"te\x01\\", b""])
-        journal.check_equal([good, self.journal(one, two, b"R 2 0b 1.00.2 2 ", three)])
+        check_journals([good, self.journal(one, two, b"R 2 0b 1.00.2 2 ", three, node=2)])
         faults = {
             "gap": (one, three),
             "tag twice": (one, two, b"L 3 0c 1.00.1 2 text"),
@@ -77,10 +78,10 @@ class JournalCheck(unittest.TestCase):
         }
         for name, records in faults.items():
             with self.subTest(name), self.assertRaises(CheckFailed):
-                journal.check_equal([good, self.journal(*records)])
+                check_journals([good, self.journal(*records, node=2)])
         for name, acknowledged in {"missing": {"2.00.1": b"x"}, "other text": {"1.00.1": b"texts"}}.items():
             with self.subTest(name), self.assertRaises(CheckFailed):
-                journal.check_acknowledged([good], acknowledged)
+                check_journals([good], acknowledged)
         with self.subTest("damaged"), self.assertRaises(CheckFailed):
             journal.parse_record(b"00000000 " + one, "here")
 

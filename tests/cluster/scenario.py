@@ -11,6 +11,7 @@ BUILD_DIR = os.environ["VX_BUILD_DIR"]
 sys.path.insert(0, os.environ["VX_LAB_DIR"])
 
 from vxlab_lib import journal  # noqa: E402
+from vxlab_lib.checker import check_journals  # noqa: E402
 from vxlab_lib.cluster import Cluster  # noqa: E402
 from vxlab_lib.waiting import wait_until  # noqa: E402
 
@@ -62,5 +63,5 @@ class Scenario(unittest.TestCase):
         acknowledged = {}
         for part in self.submissions:
             acknowledged.update(part.texts())
-        journal.check_acknowledged(journals, acknowledged)
+        check_journals(journals, acknowledged)
         return journals

@@ -1,0 +1,194 @@
+"""The checker of the cluster's promises: a good episode passes, and each broken one is called what it is."""
+
+import os
+import sys
+import tempfile
+import unittest
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.environ.get("VX_LAB_DIR") or os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../lab"))
+
+from episode_builder import STATE, Builder, tag  # noqa: E402
+from vxlab_lib.checker import CouldNotRun, check  # noqa: E402
+
+LOST = "CONS: PAXOS DATA: data lost - skipped (id=3/2)"
+
+
+def swapped(one, other):
+    """Every node delivers these two the other way round, at each other's times."""
+    def change(builder):
+        for node in (1, 2, 3):
+            order = builder.order.setdefault(node, list(builder.plan))
+            a, b = order[one], order[other]
+            order[one], order[other] = (*b[:3], a[3]), (*a[:3], b[3])
+    return change
+
+
+def lose_fifth_on_3(builder):
+    builder.order[3] = builder.plan[:4] + builder.plan[5:]
+
+
+def crash_repeat(lines_between=()):
+    """Node 2 is killed after its last delivery, and gets that one again."""
+    def change(builder):
+        trace = builder.trace[2]
+        del trace[-4:]
+        last = trace[-2][1].split()
+        again = " ".join(last[:4] + ["doubled"] + last[5:])
+        trace += [(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0"), *lines_between, (21, again)]
+        builder.log[2] += ["kesh: starting, build 1, process 11", "CONS: PAXOS: DELIVER (id=4/2)",
+                           "CONS: PAXOS: DELIVER calling hook"]
+        builder.events += [(19, "kill", {"node": 2, "point": None})]
+    return change
+
+
+def in_log(node, line, before=None):
+    def change(builder):
+        log = builder.log[node]
+        log.insert(len(log) if before is None else log.index(before), line)
+    return change
+
+
+def sample(node, at_s, **values):
+    def change(builder):
+        like = next(one for one in builder.samples if one["node"] == node and one["t"] >= at_s)
+        like.update(values)
+    return change
+
+
+def event(at_s, what, **more):
+    return lambda builder: builder.events.append((at_s, what, more))
+
+
+def trace(node, at_s, words):
+    return lambda builder: builder.insert(node, at_s, words)
+
+
+def cut_return(node, sequence, result=None):
+    """The call stays open, or returns `result` after the end of the faults."""
+    def change(builder):
+        builder.trace[node] = [line for line in builder.trace[node] if line[1] != f"return 1 {sequence} 1 0"]
+        if result is not None:
+            builder.insert(node, 64, f"return 1 {sequence} 1 {result}")
+    return change
+
+
+def wire(*line):
+    return lambda builder: builder.wire.append(list(line))
+
+
+def other_state(count):
+    return wire(10.1, 2, "decide", 5, count, 255, "2.60", "once")
+
+
+def full_state_of(*nodes):
+    return [in_log(node, "CONS: PAXOS: PROPOSE full state (batch_id=5)") for node in nodes]
+
+
+def grow(builder):
+    builder.samples += [{"t": 20 + step / 10, "node": 1, "pid": 99, "first": [1, step], "rss_kb": 9000 + 900 * step,
+                         "batch": 9, "count": 5, "crc": "09"} for step in range(200)]
+    for number, one in enumerate(builder.samples[-200:]):
+        one["first"], one["batch"], one["crc"] = [1, number // 3], 100 + number, f"{number:x}"
+
+
+# what is wrong, [change before make], [change after], what is named first (None: held), what else may follow
+CASES = [
+    ("nothing", [], [], None),
+    ("one node has another order", [lambda b: b.order.update({3: b.plan[:5] + [b.plan[6], b.plan[5]] + b.plan[7:]})], [],
+     "I1 I5 I6"),
+    ("delivered twice", [], [trace(2, 19, f"deliver {19 * 10**9} {tag(1, 3)} 1 doubled 8 00000000000000aa")], "I1 I2"),
+    ("never submitted", [], [lambda b: b.replace(1, "call 1 3 1 99", "call 1 4 1 99"),
+                             lambda b: b.replace(1, "return 1 3 1 0", "return 1 4 1 0")], "I3 I6"),
+    ("damaged", [], [trace(2, 19, f"damaged {19 * 10**9} 0 77")], "I3"),
+    ("half a full state", [], [lambda b: b.trace[2].remove(next(x for x in b.trace[2] if " 2 99 4 " in x[1]))], "I3"),
+    ("own order", [swapped(0, 3)], [], "I4 I5 I3"),
+    ("RECEIVE out of order", [], [in_log(1, "CONS: PAXOS: RECEIVE (id=2)")], "I4"),
+    ("acknowledged too early", [lambda b: b.plan.__setitem__(2, (3, 1, 1, 6))],
+     [cut_return(3, 1), trace(3, 2.5, "return 1 1 1 0")], "I5 I6"),
+    ("a lost acknowledgement, no restart", [lose_fifth_on_3], [], "I1 I6 I9"),
+    ("the number fell", [], [sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
+    ("a short file", [], [sample(2, 10, sizes={"paxos_deliver": 4})], "I7"),
+    ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, 255, "1.2", "once")], "I8"),
+    ("two states, one leader", [], [other_state(1)], "I8"),
+    ("two states, two leaders", [], [other_state(1), *full_state_of(1, 2)], None),
+    ("two counts", [], [other_state(2), *full_state_of(1, 2)], "I14"),
+    ("a carried tail", [], [in_log(2, LOST), other_state(2), *full_state_of(1, 2)], None),
+    ("never equal", [], [lambda b: b.events.__setitem__(slice(None), [e for e in b.events if e[1] != "equal"])], "I9"),
+    ("late equal", [], [lambda b: b.events[5][2].update(after_s=31)], "I9"),
+    ("a call hangs", [], [cut_return(1, 3)], "I10"),
+    ("an open call fails for nothing", [], [cut_return(1, 3, -1)], "I10"),
+    ("a slow stop", [], [lambda b: b.replace(2, "stop-return", "isolated"), trace(2, 80.2, "stop-return")], "I10"),
+    ("delivered after stop", [], [trace(2, 75.15, f"adopt {75 * 10**9} 0 99 8 00000000000000ab")], "I11 I1 I3"),
+    ("sent after stop", [], [lambda b: b.trace[2].__delitem__(slice(-2, None)), trace(2, 79, "start-call"),
+                             wire(77.0, 2, "send4"), trace(2, 79.1, "start-return 0")], "I11"),
+    ("four threads", [], [sample(3, 10, tasks={"propose-thread": 1})], "I11"),
+    ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),
+    ("a falling DECIDE", [], [in_log(1, "CONS: PAXOS: DECIDE broadcast (batch_id=3)")], "I12"),
+    ("memory grows", [], [grow], "I13"),
+    ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
+    ("repeated after a crash", [], [crash_repeat()], None),
+    ("repeated after more than the last", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
+]
+
+
+class CheckerTest(unittest.TestCase):
+    def judge(self, before, after):
+        builder = Builder()
+        for change in before:
+            change(builder)
+        builder.make()
+        for change in after:
+            change(builder)
+        with tempfile.TemporaryDirectory() as directory:
+            return check(builder.write(directory))
+
+    def test_names_what_is_broken(self):
+        for what, before, after, expected in CASES:
+            with self.subTest(what):
+                result = self.judge(before, after)
+                found = {one.invariant for one in result.violations}
+                told = [f"{one.invariant}: {one.text}" for one in result.violations]
+                if expected is None:
+                    self.assertEqual((result.verdict, told), ("held", []))
+                else:
+                    names = expected.split()
+                    self.assertIn(names[0], found, told)
+                    self.assertLessEqual(found, set(names), told)
+
+    def test_a_lost_payload_excuses_only_after_its_line_and_only_with_restarts(self):
+        hole = in_log(3, LOST)
+
+        def at_place(builder):  # before the fifth delivery of node 3
+            log = builder.log[3]
+            log.insert(log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5, LOST)
+
+        unequal = {"I9"}  # the episode ends with the hole
+        for what, after, expected in (("in place", [at_place, crash_repeat()], set()),
+                                      ("no restart", [at_place], {"I1", "I6"}),
+                                      ("after the fact", [hole, crash_repeat()], {"I1", "I6"})):
+            with self.subTest(what):
+                result = self.judge([lose_fifth_on_3], after)
+                self.assertEqual({one.invariant for one in result.violations} - unequal, expected,
+                                 [one.text for one in result.violations])
+
+    def test_says_what_it_did_not_see_or_cannot_promise(self):
+        wiped = self.judge([lose_fifth_on_3], [event(30, "wipe", node=3)])
+        self.assertEqual((wiped.verdict, wiped.level, wiped.check("I1").verdict), ("held", "wiped", "not promised"))
+        together = self.judge([lose_fifth_on_3], [crash_repeat(), event(19.5, "kill", node=3)])
+        self.assertEqual((together.level, together.check("I6").verdict), ("several", "not promised"))
+        builder = Builder().make()
+        for node in (1, 2, 3):
+            builder.trace[node] = builder.trace[node][:3]
+            builder.journals[node] = b""
+        with tempfile.TemporaryDirectory() as directory:
+            result = check(builder.write(directory))
+            self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I3", "I6"]))
+            with open(os.path.join(directory, "node2", "trace"), "a", encoding="ascii") as file:
+                file.write("no trace\n1 2 3\n")
+            with self.assertRaises(CouldNotRun):
+                check(directory)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,119 @@
+"""Writes the evidence of a small, good episode: three nodes, eight lines from threads of all of them, a roll-over."""
+
+import json
+import os
+import struct
+import zlib
+
+SECOND = 10**9
+HASH_START = 0xCBF29CE484222325
+LIVES = {node: f"{node:016x}" for node in (1, 2, 3)}
+STATE = (1, 50)  # entry of the full state that begins the second log
+HEAL_S, END_S = 60, 80
+THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread")
+
+
+def tag(origin, sequence):
+    return f"{origin}.{LIVES[origin]}.{sequence}"
+
+
+class Builder:
+    """Change what you like (trace, logs, events, ..) between making it and `write`."""
+
+    def __init__(self):
+        # (origin, sequence, call at s, delivered at s): the second log begins after the fourth.
+        self.plan = [(1, 1, 1, 2), (2, 1, 3, 4), (3, 1, 5, 6), (1, 2, 7, 8), (2, 2, 11, 12), (3, 2, 13, 14),
+                     (1, 3, 15, 16), (2, 3, 17, 18)]
+        self.order = {}  # node -> plan of what it delivers; default: the plan
+        self.trace = {node: [] for node in (1, 2, 3)}  # (s, words)
+        self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}
+        self.events = [(0, "spawn", {"node": node}) for node in (1, 2, 3)]
+        self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}), (70, "equal", {"lines": 8, "after_s": 10})]
+        self.events += [(65, "fresh", {"node": node, "tag": tag(node, 2)}) for node in (1, 2, 3)]
+        self.samples, self.wire = [], []
+        self.decide = struct.pack("<II", 9, 5)
+
+    def make(self):
+        """Fills traces and logs from `order`, then samples and datagrams. Returns self."""
+        self.journals = {}
+        for node in (1, 2, 3):
+            self._make_node(node)
+        entries = [STATE] + [(origin, sequence + 1) for origin, sequence, *_ in self.plan[4:]]
+        self.decide += b"".join(struct.pack("<BI", *entry) for entry in entries)
+        self.decide = self.decide[:1258].ljust(1258, b"\0")
+        for number in range(1, 10):
+            count = number if number < 5 else number - 4
+            first = (1, 2) if number < 5 else STATE
+            self.wire.append([number * 2.0, 1, "decide", number, count, number, f"{first[0]}.{first[1]}", "once"])
+            for node in (1, 2, 3):
+                tasks = {name[:15]: 1 for name in THREADS}
+                self.samples.append({"t": number * 2.1, "node": node, "pid": 10, "batch": number, "count": count,
+                                     "crc": f"{number:08x}", "first": first, "last": first, "msg_id": number + 1,
+                                     "deliver": first, "regs": [], "fds": 9, "rss_kb": 9000, "tmp": 0, "cpu_ms": number,
+                                     "sizes": {"msg_id": 4, "paxos_decide": 1258, "paxos_deliver": 5}, "tasks": tasks})
+        for node in (1, 2, 3):
+            self.samples.append({**self.samples[-4 + node], "t": 74, "node": node, "tasks": {}})
+        return self
+
+    def _make_node(self, node):
+        trace, log = self.trace[node], self.log[node]
+        trace += [(0.1, "begin 10"), (0.2, "start-call"), (0.3, "start-return 0")]
+        hash_, records, lines = HASH_START, [], 0
+        for position, (origin, sequence, called, at) in enumerate(self.order.get(node, self.plan)):
+            if position == 4:
+                for kind in range(4):
+                    trace.append((10, f"adopt {10 * SECOND} {kind} 99 {lines} {hash_:016x}"))
+                log += [f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
+            lines += 1
+            hash_ = zlib.crc32(f"{origin}.{sequence}".encode(), hash_ & 0xFFFFFFFF) << 32 | lines
+            record = f"L {lines} {hash_:016x} {tag(origin, sequence)} 1 text".encode()
+            records.append(f"{zlib.crc32(record):08x} ".encode() + record + b"\n")
+            if origin == node:
+                trace.append((called, f"call 1 {sequence} 1 99"))
+                log.append(f"CONS: PAXOS: RECEIVE (id={sequence + 1})")
+            trace.append((at, f"deliver {int(at * SECOND) - 1} {tag(origin, sequence)} 1 applied {lines} {hash_:016x}"))
+            log += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook",
+                    f"CONS: PAXOS: DECIDE broadcast (batch_id={position + 1})"]
+            if origin == node:
+                trace.append((at + 0.1, f"return 1 {sequence} 1 0"))
+        trace += [(75, "stop-call"), (75.1, "stop-return"), (75.2, "cleanup-call"), (75.3, "cleanup-return")]
+        self.journals[node] = b"".join(records)
+
+    def insert(self, node, at_s, words):
+        self.trace[node].append((at_s, words))
+        self.trace[node].sort(key=lambda line: line[0])
+
+    def replace(self, node, old, new):
+        """In the trace of the node; it must be there."""
+        changed = [(at, words.replace(old, new)) for at, words in self.trace[node]]
+        assert changed != self.trace[node], old
+        self.trace[node] = changed
+
+    def write(self, directory):
+        def put(name, content):
+            os.makedirs(os.path.dirname(os.path.join(directory, name)), exist_ok=True)
+            with open(os.path.join(directory, name), "wb") as file:
+                file.write(content if isinstance(content, bytes) else content.encode())
+
+        def ns(seconds):
+            return int(seconds * SECOND)
+
+        put("run.json", json.dumps({"seed": 7, "nodes": 3, "started_ns": 0, "faults_end_ns": ns(HEAL_S),
+                                    "end_ns": ns(END_S)}))
+        put("events.jsonl", "".join(json.dumps({"t": ns(at), "what": what, **more}) + "\n"
+                                    for at, what, more in sorted(self.events, key=lambda event: event[0])))
+        put("samples.jsonl", "".join(json.dumps({**one, "t": ns(one["t"])}) + "\n" for one in self.samples))
+        put("wire.log", "".join(" ".join(map(str, [ns(one[0])] + one[1:])) + "\n" for one in self.wire))
+        for node in (1, 2, 3):
+            lines, life = [], LIVES[node]
+            for at, words in self.trace[node]:
+                if words.startswith("begin"):
+                    life = LIVES[node] if not lines else f"{node + 16:016x}"
+                lines.append(f"{ns(at)} {life} {words}\n")
+            put(f"node{node}/trace", "".join(lines))
+            put(f"node{node}/log", "".join(f"2026-01-01 00:00:00.000 1 info: {line}\n" for line in self.log[node]))
+            put(f"node{node}/flashdisk/journal", self.journals[node])
+            put(f"node{node}/flashdisk/cons/paxos_decide", self.decide)
+            put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", 2, 4))
+            put(f"node{node}/flashdisk/cons/msg_id", bytes(4))
+        return directory
