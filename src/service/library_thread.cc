@@ -1,6 +1,11 @@
 #include "service/library_thread.h"
 
+#include <cstdio>
+
 #include "vx_host.h"
+
+// What the kernel keeps of a thread's name, for ps and debuggers.
+constexpr size_t TASK_NAME_SIZE = 16;
 
 bool library_thread_create(library_thread &thread, const char *function)
 {
@@ -9,6 +14,9 @@ bool library_thread_create(library_thread &thread, const char *function)
     return false;
   }
   thread.is_created = true;
+  char name[TASK_NAME_SIZE];
+  std::snprintf(name, sizeof name, "%s", thread.name);
+  pthread_setname_np(thread.handle, name);
   return true;
 }
 
