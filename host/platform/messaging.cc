@@ -44,12 +44,14 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
   if (running_) {
     return true;
   }
-  if (!receiver_.open(settings, error) || !out_.open(settings, error)) {
+  transport_ = open_transport(settings, error);
+  if (!transport_ || !receiver_.open(settings, *transport_, error)) {
     receiver_.stop();
-    out_.close();
+    transport_.reset();
     return false;
   }
-  const size_t granted = receiver_.granted_buffer();
+  out_.open(settings, *transport_);
+  const size_t granted = transport_->receive_buffer();
   report_small_buffer(settings.receive_buffer, granted);
   try {
     for (auto &channel : channels_) {
@@ -57,7 +59,7 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
     }
     bulk_.start(granted);
     repeats_.start(settings.interval_ms);
-    receiver_.start(out_.bulk_port());
+    receiver_.start();
   } catch (const std::system_error &failure) {
     error = std::string("messaging: cannot create a thread: ") + failure.what();
     end_threads();
@@ -82,6 +84,7 @@ void messaging::stop()
 
 void messaging::end_threads()
 {
+  transport_->end_marks();
   receiver_.stop();
   for (auto &channel : channels_) {
     channel->stop();
@@ -89,6 +92,19 @@ void messaging::end_threads()
   repeats_.stop();
   bulk_.stop();
   out_.close();
+  transport_.reset();
+}
+
+void messaging::mark(const char *kind)
+{
+  std::shared_ptr<transport> over;
+  {
+    const std::shared_lock lock(running_lock_);
+    over = running_ ? transport_ : nullptr;
+  }
+  if (over) {
+    over->mark(kind);
+  }
 }
 
 const char *messaging::refusal(const message &one) const
@@ -139,7 +155,7 @@ void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint3
   }
   const send_result result = out_.send(*sent);
   if (result == send_result::busy) {
-    out_.report(*sent, EAGAIN, "the kernel's send buffer is full");
+    out_.report(*sent, EAGAIN, "the send buffer is full");
   }
   return result == send_result::sent ? handle : nullptr;
 }

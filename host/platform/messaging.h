@@ -8,22 +8,25 @@
 #include "receiver.h"
 #include "repeat_queue.h"
 #include "transmitter.h"
+#include "transport.h"
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <shared_mutex>
 #include <string>
 
 namespace platform
 {
 
-/// Any thread may call anything but start and stop. No call waits for a hook, and none but stop for the network.
+/// Any thread may call anything but start and stop. No call waits for a hook, and none but stop and mark for the
+/// network.
 class messaging
 {
 public:
   messaging();
 
-  /// Opens the sockets and starts the threads. On failure returns false, `error` says what and why, and nothing
+  /// Opens the transport and starts the threads. On failure returns false, `error` says what and why, and nothing
   /// is left open.
   bool start(const messaging_settings &settings, std::string &error);
   /// Waits for running hooks. What is queued is dropped. Hooks stay registered.
@@ -38,6 +41,8 @@ public:
 
   messaging_statistics statistics();
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
+  /// As messaging_mark.
+  void mark(const char *kind);
 
 private:
   void end_threads();
@@ -50,8 +55,10 @@ private:
   receiver::channels channels_;
   receiver receiver_{counters_, channels_, bulk_};
   std::atomic<uint64_t> next_id_{1};
-  // Shared while a message is sent, so that stop does not close a socket in use.
+  // Shared while a message is sent, so that stop does not close a socket in use. A mark keeps the transport alive
+  // by itself.
   std::shared_mutex running_lock_;
+  std::shared_ptr<transport> transport_;
   bool running_ = false;
 };
 

@@ -44,12 +44,16 @@ struct messaging_statistics {
   std::array<uint64_t, static_cast<size_t>(drop_reason::count)> dropped{};
 };
 
-/// Opens the sockets and starts the service's threads, from the keys cluster.node_id and messaging.*.
+/// Opens the transport and starts the service's threads, from the keys cluster.node_id and messaging.*.
 bool messaging_start(std::string &error);
 /// Ends the threads and closes the sockets. The library must be cleaned up before.
 void messaging_stop();
 messaging_statistics messaging_read_statistics();
 /// Test aid: drops everything received from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
+/// Test aid: tells the broker that this process has come to the point `kind` and waits for its leave to go on, so that
+/// the process can be killed exactly there. Returns at once over UDP, when messaging is not started and when the
+/// broker has gone. Any thread.
+void messaging_mark(const char *kind);
 
 }  // namespace platform

@@ -1,12 +1,8 @@
 #include "receiver.h"
 
-#include "sockets.h"
-
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -15,38 +11,17 @@ namespace platform
 {
 namespace
 {
-constexpr size_t BATCH = 64;
-constexpr size_t SLOT_SIZE = 65536;  // no datagram is longer, so none arrives cut
 constexpr uint64_t STOP_TAG = UINT64_MAX;
+
+bool watch(const unique_fd &poll, int fd, uint64_t tag)
+{
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = tag;
+  return epoll_ctl(poll.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
 }  // namespace
-
-struct receiver::batch {
-  struct overflow_control {
-    alignas(cmsghdr) uint8_t bytes[CMSG_SPACE(sizeof(uint32_t))];
-  };
-  std::array<mmsghdr, BATCH> headers;
-  std::array<iovec, BATCH> parts;
-  std::array<sockaddr_in, BATCH> from;
-  std::array<overflow_control, BATCH> control;
-  // Untouched pages cost nothing; few datagrams are long.
-  std::unique_ptr<uint8_t[]> slots{new uint8_t[BATCH * SLOT_SIZE]};
-
-  uint8_t *slot(size_t i) const { return slots.get() + i * SLOT_SIZE; }
-  void prepare()
-  {
-    for (size_t i = 0; i < BATCH; ++i) {
-      parts[i] = {slot(i), SLOT_SIZE};
-      headers[i] = {};
-      msghdr &header = headers[i].msg_hdr;
-      header.msg_name = &from[i];
-      header.msg_namelen = sizeof from[i];
-      header.msg_iov = &parts[i];
-      header.msg_iovlen = 1;
-      header.msg_control = &control[i];
-      header.msg_controllen = sizeof control[i];
-    }
-  }
-};
 
 receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk)
     : counters_(counters), to_(to), bulk_(bulk)
@@ -55,49 +30,25 @@ receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk
 
 receiver::~receiver() = default;
 
-bool receiver::open(const messaging_settings &settings, std::string &error)
+bool receiver::open(const messaging_settings &settings, transport &over, std::string &error)
 {
   settings_ = settings;
-  sources_.clear();
-  batch_ = std::make_unique<batch>();
+  transport_ = &over;
   poll_ = unique_fd(epoll_create1(EPOLL_CLOEXEC));
   stop_event_ = unique_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u64 = STOP_TAG;
-  if (!poll_ || !stop_event_ || epoll_ctl(poll_.get(), EPOLL_CTL_ADD, stop_event_.get(), &event) != 0) {
+  bool watched = poll_ && stop_event_ && watch(poll_, stop_event_.get(), STOP_TAG);
+  const std::span<const int> inputs = over.inputs();
+  for (size_t i = 0; watched && i < inputs.size(); ++i) {
+    watched = watch(poll_, inputs[i], i);
+  }
+  if (!watched) {
     error = "messaging: " + std::generic_category().message(errno);
-    return false;
   }
-  for (uint32_t channel = CHANNEL_FIRST; channel < CHANNEL_FIRST + CHANNEL_COUNT; ++channel) {
-    for (const auto open_one : {open_unicast_receiver, open_group_receiver}) {
-      source one{open_one(settings, channel, error), channel};
-      event.data.u64 = sources_.size();
-      if (!one.socket) {
-        return false;
-      }
-      if (epoll_ctl(poll_.get(), EPOLL_CTL_ADD, one.socket.get(), &event) != 0) {
-        error = "messaging: " + std::generic_category().message(errno);
-        return false;
-      }
-      sources_.push_back(std::move(one));
-    }
-  }
-  return true;
+  return watched;
 }
 
-size_t receiver::granted_buffer() const
+void receiver::start()
 {
-  size_t smallest = SIZE_MAX;
-  for (const source &one : sources_) {
-    smallest = std::min(smallest, granted_receive_buffer(one.socket));
-  }
-  return smallest;
-}
-
-void receiver::start(uint16_t bulk_port)
-{
-  bulk_port_ = bulk_port;
   thread_ = std::thread([this] { run(); });
 }
 
@@ -109,7 +60,7 @@ void receiver::stop()
     [[maybe_unused]] const ssize_t written = write(stop_event_.get(), &one, sizeof one);
     thread_.join();
   }
-  sources_.clear();
+  transport_ = nullptr;
   poll_.reset();
   stop_event_.reset();
 }
@@ -124,7 +75,7 @@ void receiver::run()
       if (tag == STOP_TAG) {
         return;
       }
-      read_some(sources_[tag]);
+      read_some(tag);
     }
   }
 }
@@ -146,54 +97,46 @@ bool receiver::is_blocked(const uint8_t *bytes, uint32_t address) const
   return node_id != 0 && (mask >> (node_id - 1) & 1) != 0;
 }
 
-void receiver::take(const source &from, const uint8_t *bytes, size_t size, uint32_t address, message_list &control,
-                    message_list &bulk)
+void receiver::take(const arrival &one, sorted &to)
 {
-  const datagram_check check = check_datagram(bytes, size, from.channel);
+  const datagram_check check = check_datagram(one.bytes, one.size, one.channel);
   if (check == datagram_check::foreign || check == datagram_check::damaged) {
     counters_.drop(check == datagram_check::foreign ? drop_reason::foreign : drop_reason::damaged);
     return;
   }
-  if (is_blocked(bytes, address)) {
+  if (is_blocked(one.bytes, one.address)) {
     counters_.drop(drop_reason::blocked);
     return;
   }
-  message_ptr one = message_new(size - WORD_SIZE);
-  if (!one) {
+  message_ptr copy = message_new(one.size - WORD_SIZE);
+  if (!copy) {
     counters_.drop(drop_reason::receive_overflow);
     return;
   }
-  memcpy(one->object(), bytes, size);
-  (check == datagram_check::bulk ? bulk : control).push_back(std::move(one));
+  memcpy(copy->object(), one.bytes, one.size);
+  (check == datagram_check::bulk ? to.bulk : to.control).push_back(std::move(copy));
 }
 
-void receiver::read_some(source &from)
+void receiver::read_some(size_t input)
 {
-  batch_->prepare();
-  const int count = recvmmsg(from.socket.get(), batch_->headers.data(), BATCH, MSG_DONTWAIT, nullptr);
-  message_list control;
-  message_list bulk;
+  const arrivals arrived = transport_->receive(input);
+  std::array<sorted, CHANNEL_COUNT> by_channel;
   size_t own_pieces = 0;
-  for (int n = 0; n < count; ++n) {
-    const auto i = static_cast<size_t>(n);
-    const sockaddr_in &address = batch_->from[i];
-    if (address.sin_port == bulk_port_ && address.sin_addr.s_addr == settings_.own_address()) {
-      ++own_pieces;
-    }
-    take(from, batch_->slot(i), batch_->headers[i].msg_len, address.sin_addr.s_addr, control, bulk);
-    const cmsghdr *extra = CMSG_FIRSTHDR(&batch_->headers[i].msg_hdr);
-    if (extra != nullptr && extra->cmsg_level == SOL_SOCKET && extra->cmsg_type == SO_RXQ_OVFL) {
-      uint32_t lost = 0;
-      memcpy(&lost, CMSG_DATA(extra), sizeof lost);
-      counters_.drop(drop_reason::receive_overflow, lost - from.overflow_seen);
-      from.overflow_seen = lost;
-    }
+  for (const arrival &one : arrived.all) {
+    own_pieces += one.is_own_piece ? 1 : 0;
+    take(one, by_channel[one.channel - CHANNEL_FIRST]);
   }
-  if (!control.empty() || !bulk.empty()) {
-    to_[from.channel - CHANNEL_FIRST]->put(control, bulk);
+  counters_.drop(drop_reason::receive_overflow, arrived.lost);
+  for (size_t i = 0; i < CHANNEL_COUNT; ++i) {
+    if (!by_channel[i].control.empty() || !by_channel[i].bulk.empty()) {
+      to_[i]->put(by_channel[i].control, by_channel[i].bulk);
+    }
   }
   if (own_pieces > 0) {
     bulk_.came_back(own_pieces);
+  }
+  if (arrived.ended) {
+    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, transport_->inputs()[input], nullptr);
   }
 }
 

@@ -1,4 +1,4 @@
-/// Reads every socket of the service on one thread, judges what came, and passes it to the channels' queues at
+/// Reads every input of the transport on one thread, judges what came, and passes it to the channels' queues at
 /// once: a hook that blocks leaves the kernel's buffers free.
 #pragma once
 
@@ -6,6 +6,7 @@
 #include "channel_dispatch.h"
 #include "counters.h"
 #include "messaging_settings.h"
+#include "transport.h"
 #include "unique_fd.h"
 
 #include <array>
@@ -14,7 +15,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace platform
 {
@@ -27,40 +27,33 @@ public:
   receiver(messaging_counters &counters, channels &to, bulk_sender &bulk);
   ~receiver();
 
-  bool open(const messaging_settings &settings, std::string &error);
-  /// The smallest buffer that the kernel granted.
-  size_t granted_buffer() const;
-  /// `bulk_port`: where our own pieces come from, network order.
-  void start(uint16_t bulk_port);
-  /// Ends the thread and closes the sockets.
+  /// `over` stays valid until stop.
+  bool open(const messaging_settings &settings, transport &over, std::string &error);
+  void start();
+  /// Ends the thread.
   void stop();
 
   void block(uint32_t node_mask) { blocked_ = node_mask; }
 
 private:
-  struct source {
-    unique_fd socket;
-    uint32_t channel = 0;
-    uint32_t overflow_seen = 0;  // the kernel's count of datagrams lost at this socket
+  struct sorted {
+    message_list control;
+    message_list bulk;
   };
-  struct batch;
 
   void run();
-  void read_some(source &from);
-  void take(const source &from, const uint8_t *bytes, size_t size, uint32_t address, message_list &control,
-            message_list &bulk);
+  void read_some(size_t input);
+  void take(const arrival &one, sorted &to);
   bool is_blocked(const uint8_t *bytes, uint32_t address) const;
 
   messaging_counters &counters_;
   channels &to_;
   bulk_sender &bulk_;
   messaging_settings settings_;
-  uint16_t bulk_port_ = 0;
+  transport *transport_ = nullptr;
   std::atomic<uint32_t> blocked_{0};
-  std::vector<source> sources_;
   unique_fd poll_;
   unique_fd stop_event_;
-  std::unique_ptr<batch> batch_;
   std::thread thread_;
 };
 
