@@ -1,5 +1,6 @@
 #include "client_commands.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <ctime>
 
@@ -119,6 +120,57 @@ int heard_command(const std::string &socket_path, bool follow)
 int start_command(const std::string &socket_path)
 {
   return simple_command(socket_path, {{"op", "start"}});
+}
+
+int leave_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "leave"}});
+}
+
+int reinit_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "reinit"}});
+}
+
+int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms)
+{
+  return simple_command(socket_path, {{"op", "slow"}, {"hook", hook}, {"ms", wait_ms}});
+}
+
+int load_command(const std::string &socket_path, const load_options &options, bool as_json)
+{
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path,
+                                  {{"op", "load"},
+                                   {"threads", options.threads},
+                                   {"bytes", options.payload_bytes},
+                                   {"count", options.count},
+                                   {"seconds", options.seconds},
+                                   {"pause_ms", options.pause_ms},
+                                   {"repeat", options.repeat},
+                                   {"timeout_s", options.timeout_s}},
+                                  reply);
+  if (code != EXIT_OK) {
+    return code;
+  }
+  std::string line;
+  if (client.read_line(line) != read_result::line) {
+    fprintf(stderr, "kesh load: the daemon went away\n");
+    return EXIT_RUNTIME;
+  }
+  const json totals = json::parse(line);
+  const auto acknowledged = totals.at("acknowledged").get<uint64_t>();
+  const auto lines = totals.at("lines").get<uint64_t>();
+  const auto elapsed_s = totals.at("seconds").get<double>();
+  if (as_json) {
+    printf("%s\n", line.c_str());
+  } else {
+    printf("%" PRIu64 " of %" PRIu64 " lines acknowledged in %.2f s, %.1f lines/s, %" PRIu64 " attempts\n",
+           acknowledged, lines, elapsed_s, static_cast<double>(acknowledged) / elapsed_s,
+           totals.at("attempts").get<uint64_t>());
+  }
+  return acknowledged == lines ? EXIT_OK : EXIT_REFUSED;
 }
 
 int stop_command(const std::string &socket_path)

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "load.h"
+
 namespace kesh
 {
 
@@ -19,8 +21,14 @@ int journal_command(const std::string &socket_path, const journal_options &optio
 int say_command(const std::string &socket_path, const std::string &text);
 int heard_command(const std::string &socket_path, bool follow);
 int start_command(const std::string &socket_path);
+int leave_command(const std::string &socket_path);
+int reinit_command(const std::string &socket_path);
 /// Returns once the daemon has ended.
 int stop_command(const std::string &socket_path);
+/// `hook`: deliver or state.
+int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms);
+/// Returns EXIT_OK if every line was acknowledged.
+int load_command(const std::string &socket_path, const load_options &options, bool as_json);
 /// No nodes: all are heard again.
 int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes);
 

@@ -42,6 +42,41 @@ bool start_protocol(service &host, const json &, control_peer &peer)
   return false;
 }
 
+bool leave(service &host, const json &, control_peer &peer)
+{
+  host.leave();
+  peer.accept({});
+  return false;
+}
+
+bool reinit(service &host, const json &, control_peer &peer)
+{
+  std::string error;
+  const int code = host.reinit(error);
+  if (code == EXIT_OK) {
+    peer.accept({});
+  } else {
+    peer.refuse(code, error);
+  }
+  return false;
+}
+
+bool slow(service &host, const json &request, control_peer &peer)
+{
+  constexpr uint32_t WAIT_MS_MAX = 600'000;
+  const std::string hook = request.at("hook").get<std::string>();
+  const uint32_t wait_ms = request.at("ms").get<uint32_t>();
+  if ((hook != "deliver" && hook != "state") || wait_ms > WAIT_MS_MAX) {
+    peer.refuse(EXIT_USAGE, "hook: deliver or state; ms: at most " + std::to_string(WAIT_MS_MAX));
+    return false;
+  }
+  (hook == "deliver" ? host.delays.deliver_ms : host.delays.state_ms) = wait_ms;
+  platform::log_line(platform::log_level::warning,
+                     "the " + hook + " hook takes " + std::to_string(wait_ms) + " ms longer: test aid");
+  peer.accept({});
+  return false;
+}
+
 bool show_status(service &host, const json &, control_peer &peer)
 {
   peer.accept({{"status", status_collect(host)}});
@@ -77,14 +112,11 @@ using handler = std::function<bool(service &, const json &, control_peer &)>;
 
 const std::map<std::string, handler> &handlers()
 {
-  static const std::map<std::string, handler> table = {{"status", show_status},
-                                                       {"submit", serve_submit},
-                                                       {"journal", serve_journal},
-                                                       {"heard", serve_heard},
-                                                       {"say", say},
-                                                       {"start", start_protocol},
-                                                       {"stop", stop_daemon},
-                                                       {"block", block}};
+  static const std::map<std::string, handler> table = {
+      {"status", show_status},    {"submit", serve_submit}, {"load", serve_load},
+      {"journal", serve_journal}, {"heard", serve_heard},   {"say", say},
+      {"start", start_protocol},  {"leave", leave},         {"reinit", reinit},
+      {"stop", stop_daemon},      {"slow", slow},           {"block", block}};
   return table;
 }
 

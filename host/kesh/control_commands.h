@@ -1,4 +1,7 @@
-/// What the daemon does for one connection of the control socket.
+/// What the daemon does for one connection of the control socket. Operations ("op") and their fields:
+///   status, start, leave, reinit, stop    none; each answers when it is done, but stop, which ends the connection then
+///   say {"text"}    block {"mask"}    slow {"hook": "deliver" or "state", "ms"}
+///   submit, load, journal, heard          see control_streams.h
 #pragma once
 
 #include "service.h"

@@ -6,6 +6,7 @@
 
 #include "exit_codes.h"
 #include "file_record.h"
+#include "load.h"
 #include "submission.h"
 #include "vx_cons.h"
 
@@ -13,12 +14,14 @@ namespace kesh
 {
 
 using nlohmann::json;
+using std::chrono::steady_clock;
 
 namespace
 {
 
 // How soon a stream that follows notices that its client has left.
 constexpr int FOLLOW_CHECK_MS = 500;
+constexpr int64_t TIMEOUT_S_MAX = 1'000'000;
 constexpr size_t READ_CHUNK_SIZE = 256 << 10;
 
 /// Walks the journal file at its own pace and sends the line records from a number on.
@@ -123,7 +126,6 @@ bool serve_submit(service &host, const json &request, control_peer &peer)
 {
   const int threads = request.value("threads", 1);
   const int64_t timeout_s = request.value("timeout_s", int64_t{60});
-  constexpr int64_t TIMEOUT_S_MAX = 1'000'000;
   if (threads < 1 || threads > SUBMIT_THREADS_MAX || timeout_s < 0 || timeout_s > TIMEOUT_S_MAX) {
     peer.refuse(EXIT_USAGE, "threads: 1 to " + std::to_string(SUBMIT_THREADS_MAX) + ", timeout: 0 to " +
                                 std::to_string(TIMEOUT_S_MAX) + " s");
@@ -146,6 +148,43 @@ bool serve_submit(service &host, const json &request, control_peer &peer)
     peer.writer.send("error a line is longer than " + std::to_string(SOCKET_LINE_MAX) + " bytes\n");
   }
   peer.writer.send("done\n");
+  return false;
+}
+
+bool serve_load(service &host, const json &request, control_peer &peer)
+{
+  load_options options;
+  options.threads = request.value("threads", options.threads);
+  options.payload_bytes = request.value("bytes", options.payload_bytes);
+  options.count = request.value("count", options.count);
+  options.seconds = request.value("seconds", options.seconds);
+  options.pause_ms = request.value("pause_ms", options.pause_ms);
+  options.repeat = request.value("repeat", options.repeat);
+  options.timeout_s = request.value("timeout_s", options.timeout_s);
+  const std::string wrong = load_options_fault(options);
+  if (!wrong.empty()) {
+    peer.refuse(EXIT_USAGE, wrong);
+    return false;
+  }
+  const auto started = steady_clock::now();
+  load generator(host, options);
+  if (!peer.accept({{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}})) {
+    return false;
+  }
+  while (!generator.wait(steady_clock::now() + std::chrono::milliseconds(FOLLOW_CHECK_MS))) {
+    if (socket_hung_up(peer.writer.fd())) {
+      return false;
+    }
+  }
+  const load_totals totals = generator.totals();
+  const std::chrono::duration<double> elapsed = steady_clock::now() - started;
+  peer.writer.send(json{{"lines", totals.lines},
+                        {"acknowledged", totals.acknowledged},
+                        {"failed", totals.failed},
+                        {"attempts", totals.attempts},
+                        {"seconds", elapsed.count()}}
+                       .dump() +
+                   '\n');
   return false;
 }
 

@@ -1,4 +1,4 @@
-/// The operations of the control socket that go on for a while: submit, journal, heard.
+/// The operations of the control socket that go on for a while: submit, load, journal, heard.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -24,6 +24,10 @@ struct control_peer {
 
 /// Each returns false: the connection ends with the operation.
 bool serve_submit(service &host, const nlohmann::json &request, control_peer &peer);
+/// {"threads", "bytes": [..], "count", "seconds", "pause_ms", "repeat", "timeout_s"}, as in load_options; needs a count
+/// or seconds. Ends early when the client leaves. After the answer one line of JSON at the end: {"lines",
+/// "acknowledged", "failed", "attempts", "seconds"}.
+bool serve_load(service &host, const nlohmann::json &request, control_peer &peer);
 /// Sends records of the journal file as they stand there, from line "from" on; with "follow" until the client
 /// leaves. A line that begins with "# " tells what is not kept here.
 bool serve_journal(service &host, const nlohmann::json &request, control_peer &peer);

@@ -13,7 +13,7 @@
 
 #include "control_server.h"
 #include "exit_codes.h"
-#include "hooks.h"
+#include "known_keys.h"
 #include "platform.h"
 #include "service.h"
 #include "vx_cons.h"
@@ -95,10 +95,9 @@ void main_loop(service &host, int signal_fd)
 /// Between messaging and its end.
 int run_library(service &host, int signal_fd, control_server &control)
 {
-  if (vx_cons_init() != 0) {
+  if (!host.open_library()) {
     return fail(EXIT_RUNTIME, "the library does not come up: the log's last lines say why");
   }
-  hooks_register(host.lines, host.messages);
   std::string error;
   int code = EXIT_OK;
   if (!control.start(error)) {
@@ -115,7 +114,7 @@ int run_library(service &host, int signal_fd, control_server &control)
   }
   host.shut_down();
   control.stop();
-  vx_cons_cleanup();
+  host.close_library();
   return code;
 }
 
@@ -124,6 +123,9 @@ int run_service(const settings &configured, int signal_fd)
   service host(configured);
   control_server control(host);
   std::string error;
+  if (!host.events.open(configured.trace.path, host.life, error)) {
+    return fail(EXIT_CONFIG, error);
+  }
   if (!host.lines.open(configured.journal, error)) {
     return fail(EXIT_CONFIG, "journal: " + error);
   }
@@ -161,6 +163,7 @@ int daemon_run(const std::string &config_path, bool log_to_stderr)
   }
   log_line(log_level::info, "kesh: starting, build " + std::to_string(vx_firmware_dova_build_nr) + ", process " +
                                 std::to_string(getpid()));
+  warn_of_unknown_keys(config_path);
   try {
     return run_service(configured, signals.get());
   } catch (const std::exception &failure) {

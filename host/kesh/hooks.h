@@ -1,4 +1,5 @@
-/// What the library calls: deliveries and states of data type 0 for the journal, cluster messages for the list.
+/// What the library calls: deliveries and states of data type 0 for the journal, cluster messages for the list. With
+/// a trace also types 1 to 3, whose states are a pattern.
 ///
 /// Hooks run on threads with 64 KiB of stack and with locks of the library held. So they are short, keep large
 /// things on the heap, let no exception out and never call the library.
@@ -7,10 +8,9 @@
 namespace kesh
 {
 
-class heard;
-class journal;
+class service;
 
-/// Registers the hooks, after vx_cons_init. Both objects must live until vx_cons_cleanup has returned.
-void hooks_register(journal &lines, heard &messages);
+/// Registers the hooks, after vx_cons_init. The service must live until vx_cons_cleanup has returned.
+void hooks_register(service &host);
 
 }  // namespace kesh

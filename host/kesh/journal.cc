@@ -141,7 +141,7 @@ void journal::trim_kept()
   }
 }
 
-void journal::apply(const journal_line &line)
+record_kind journal::apply(const journal_line &line)
 {
   lock_scope scope(lock_);
   record_kind kind = record_kind::line;
@@ -168,6 +168,7 @@ void journal::apply(const journal_line &line)
   const journal_line stored{line.tag, line.attempt, kind == record_kind::line ? line.text : std::string_view()};
   file_record_append(record, kind, status_.lines, status_.hash, stored);
   append(record);
+  return kind;
 }
 
 void journal::append(const std::string &records)

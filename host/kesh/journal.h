@@ -56,10 +56,10 @@ public:
   /// Before each start of the protocol: the next delivery may be the last one of before, once more.
   void expect_redelivery() PLATFORM_EXCLUDES(lock_);
 
-  /// One delivered line: to the file with one write, unless its tag is there already.
-  void apply(const journal_line &line) PLATFORM_EXCLUDES(lock_);
-  /// One delivered state (no bytes: the empty journal): the journal is brought to it.
-  void adopt(std::string_view bytes) PLATFORM_EXCLUDES(lock_);
+  /// One delivered line: to the file with one write, unless its tag is there already. Tells what it was.
+  record_kind apply(const journal_line &line) PLATFORM_EXCLUDES(lock_);
+  /// One delivered state (no bytes: the empty journal): the journal is brought to it. False if it cannot be read.
+  bool adopt(std::string_view bytes) PLATFORM_EXCLUDES(lock_);
   /// The state for the others, see journal_state_encode.
   bool encode_state(uint8_t **bytes, uint32_t *size) PLATFORM_EXCLUDES(lock_);
   /// A delivered payload that is no line.

@@ -14,7 +14,7 @@ using platform::lock_scope;
 using platform::log_level;
 using platform::log_line;
 
-void journal::adopt(std::string_view bytes)
+bool journal::adopt(std::string_view bytes)
 {
   journal_state state;
   state.hash = state.base_hash = HASH_START;
@@ -27,6 +27,7 @@ void journal::adopt(std::string_view bytes)
     broken_ = true;
     fail("the state of the cluster cannot be read");
   }
+  return usable;
 }
 
 void journal::adopt_state(journal_state &state)

@@ -9,6 +9,9 @@
 namespace kesh
 {
 
+/// The data type of lines.
+inline constexpr uint32_t DATA_TYPE_LINES = 0;
+
 /// Names a line for ever. A line that is submitted again keeps its tag and gets the next attempt number.
 struct line_tag {
   uint8_t origin = 0;     ///< node that submitted it, 1 to 16

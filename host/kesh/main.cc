@@ -11,6 +11,7 @@
 #include "configure.h"
 #include "daemon.h"
 #include "exit_codes.h"
+#include "load.h"
 #include "platform.h"
 #include "settings.h"
 #include "submission.h"
@@ -77,6 +78,11 @@ struct command_line {
   bool heard_follow = false;
   std::string say_text;
   std::vector<uint32_t> nodes;
+  kesh::load_options load;
+  bool load_no_repeat = false;
+  bool load_json = false;
+  std::string slow_hook;
+  uint32_t slow_ms = 0;
 
   command_line()
   {
@@ -85,6 +91,7 @@ struct command_line {
     add_daemon_commands();
     add_line_commands();
     add_other_commands();
+    add_test_aids();
   }
 
   CLI::App &add(const char *name, const char *help, std::function<int()> action)
@@ -128,8 +135,14 @@ struct command_line {
     set.add_option("--gateway", configure.gateway, "stored for other programs");
     set.add_flag("--yes", configure.yes, "empty a journal that has lines");
 
-    add_client("start", "Join the cluster: after kesh.start = no, or after the node had to leave.",
+    add_client("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.",
                kesh::start_command);
+    add_client("leave", "Leave the cluster: stop the protocol, not the daemon. This node goes on voting.",
+               kesh::leave_command);
+    add_client("reinit",
+               "Clean the library up and bring it up again, and join the cluster if the node was active. As after a "
+               "restart of the daemon, but the process stays.",
+               kesh::reinit_command);
     add_client("stop", "Stop the daemon cleanly, and wait for its end.", kesh::stop_command);
   }
 
@@ -172,6 +185,36 @@ struct command_line {
     CLI::App &listen = add_client("heard", "Print the last 1000 cluster messages heard by this node.",
                                   [this](const std::string &path) { return kesh::heard_command(path, heard_follow); });
     listen.add_flag("--follow", heard_follow, "go on with messages as they come");
+  }
+
+  void add_test_aids()
+  {
+    CLI::App &send = add_client(
+        "load", "Test aid: let the daemon submit lines of its own making; each thread waits for one line at a time.",
+        [this](const std::string &path) {
+          load.repeat = !load_no_repeat;
+          return kesh::load_command(path, load, load_json);
+        });
+    send.add_option("--threads", load.threads, "threads that submit")
+        ->capture_default_str()
+        ->check(CLI::Range(1, kesh::LOAD_THREADS_MAX));
+    send.add_option("--bytes", load.payload_bytes,
+                    "sizes of the payloads, taken in turn: N or N,N,..; what is shorter than a record without text "
+                    "gets that size")
+        ->delimiter(',')
+        ->check(CLI::Range(uint64_t{1}, kesh::LOAD_BYTES_MAX));
+    send.add_option("--count", load.count, "lines in all; this or --seconds")->check(CLI::PositiveNumber);
+    send.add_option("--seconds", load.seconds, "time during which lines begin")->check(CLI::PositiveNumber);
+    send.add_option("--pause-ms", load.pause_ms, "pause of each thread between two lines");
+    send.add_option("--timeout", load.timeout_s, "as of submit")->capture_default_str();
+    send.add_flag("--no-repeat", load_no_repeat, "do not submit again what ended without a result");
+    send.add_flag("--json", load_json, "print the result as JSON");
+
+    CLI::App &slow =
+        add_client("slow", "Test aid: let a hook of the journal take this much longer than it does; 0 ends it.",
+                   [this](const std::string &path) { return kesh::slow_command(path, slow_hook, slow_ms); });
+    slow.add_option("HOOK", slow_hook, "deliver or state")->required()->check(CLI::IsMember({"deliver", "state"}));
+    slow.add_option("MILLISECONDS", slow_ms, "at most 600000")->required()->check(CLI::Range(0, 600'000));
 
     CLI::App &block = add_client("block",
                                  "Test aid: drop everything that the given nodes send (replaces what was "

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "exit_codes.h"
+#include "hooks.h"
 #include "platform.h"
 #include "vx_cons.h"
 
@@ -43,9 +44,31 @@ void service::wake() const
   [[maybe_unused]] const ssize_t written = write(wake_fd_.get(), &one, sizeof one);
 }
 
+bool service::open_library()
+{
+  if (vx_cons_init() != 0) {
+    return false;
+  }
+  hooks_register(*this);
+  return true;
+}
+
+void service::close_library()
+{
+  events.note("cleanup-call");
+  vx_cons_cleanup();
+  events.note("cleanup-return");
+}
+
 int service::start(std::string &error)
 {
   lock_scope scope(lifecycle_lock_);
+  note_isolation();
+  return start_locked(error);
+}
+
+int service::start_locked(std::string &error)
+{
   if (stopping_) {
     error = "the daemon is stopping";
     return EXIT_REFUSED;
@@ -62,7 +85,10 @@ int service::start(std::string &error)
     return EXIT_REFUSED;
   }
   lines.expect_redelivery();
-  if (vx_cons_start() != 0) {
+  events.note("start-call");
+  const int result = vx_cons_start();
+  events.note("start-return", result);
+  if (result != 0) {
     error = "the cluster protocol does not start: the log's last lines say why";
     return EXIT_RUNTIME;
   }
@@ -74,6 +100,40 @@ int service::start(std::string &error)
   return EXIT_OK;
 }
 
+void service::stop_locked()
+{
+  was_active_ = false;
+  events.note("stop-call");
+  vx_cons_stop();
+  events.note("stop-return");
+}
+
+void service::leave()
+{
+  lock_scope scope(lifecycle_lock_);
+  note_isolation();
+  stop_locked();
+  log_line(log_level::info, "not active any more, as asked; kesh start joins the cluster again");
+}
+
+int service::reinit(std::string &error)
+{
+  lock_scope scope(lifecycle_lock_);
+  note_isolation();
+  if (stopping_) {
+    error = "the daemon is stopping";
+    return EXIT_REFUSED;
+  }
+  const bool start_again = was_active_;
+  was_active_ = false;
+  close_library();
+  if (!open_library()) {
+    error = "the library does not come up again: the log's last lines say why";
+    return EXIT_RUNTIME;
+  }
+  return start_again ? start_locked(error) : EXIT_OK;
+}
+
 void service::shut_down()
 {
   stopping_ = true;
@@ -82,8 +142,8 @@ void service::shut_down()
     activity_.notify_all();
   }
   lock_scope scope(lifecycle_lock_);
-  was_active_ = false;
-  vx_cons_stop();
+  note_isolation();
+  stop_locked();
 }
 
 void service::stop_for_journal()
@@ -92,16 +152,21 @@ void service::stop_for_journal()
   if (!lines.failed() || !was_active_) {
     return;
   }
-  was_active_ = false;
-  vx_cons_stop();
+  stop_locked();
   log_line(log_level::error, "not active any more: the journal cannot be written; repair that, then kesh start");
 }
 
 void service::watch_isolation()
 {
   lock_scope scope(lifecycle_lock_);
+  note_isolation();
+}
+
+void service::note_isolation()
+{
   if (was_active_ && vx_cons_cluster_active() == 0) {
     was_active_ = false;
+    events.note("isolated");
     log_line(log_level::error, "ISOLATED: this node left the cluster because of its disk (lines above say which "
                                "file); submissions are refused until kesh start or a restart");
   }

@@ -11,6 +11,7 @@
 #include "heard.h"
 #include "journal.h"
 #include "settings.h"
+#include "trace.h"
 
 namespace kesh
 {
@@ -24,13 +25,28 @@ struct submission_counters {
   std::atomic<uint64_t> again = 0;         ///< attempts after the first
 };
 
+/// Test aid: how long the hooks of the journal take on top of their work.
+struct hook_delays {
+  std::atomic<uint32_t> deliver_ms = 0;
+  std::atomic<uint32_t> state_ms = 0;
+};
+
 class service
 {
 public:
   explicit service(const settings &configured);
 
+  /// Brings the library up, with our hooks. False if it does not come up.
+  bool open_library();
+  /// Cleans the library up; before the end of the daemon.
+  void close_library();
+
   /// Starts the protocol. EXIT_OK, also if it runs; else `error` says why. Any thread.
-  int start(std::string &error);
+  int start(std::string &error) PLATFORM_EXCLUDES(lifecycle_lock_);
+  /// Stops the protocol; the daemon goes on, and start() may follow. Any thread.
+  void leave() PLATFORM_EXCLUDES(lifecycle_lock_);
+  /// Cleans the library up and brings it up again; starts the protocol if it ran. As start(). Any thread.
+  int reinit(std::string &error) PLATFORM_EXCLUDES(lifecycle_lock_);
   /// Stops the protocol and ends every wait; nothing can be started after it.
   void shut_down();
   /// Stops the protocol after the journal failed; a later start() may succeed.
@@ -51,19 +67,28 @@ public:
   int wake_fd() const { return wake_fd_.get(); }
 
   uint64_t next_sequence() { return ++sequence_; }
+  /// Names a submitting thread in the trace, from 1.
+  uint32_t next_thread() { return ++threads_; }
 
   const settings configured;
   const uint64_t life;  ///< ns since 1970 at the start of this process
   const steady_time started_at = std::chrono::steady_clock::now();
+  trace events;
+  hook_delays delays;
   journal lines;
   heard messages;
   submission_counters submissions;
 
 private:
+  int start_locked(std::string &error) PLATFORM_REQUIRES(lifecycle_lock_);
+  void stop_locked() PLATFORM_REQUIRES(lifecycle_lock_);
+  void note_isolation() PLATFORM_REQUIRES(lifecycle_lock_);
+
   platform::unique_fd wake_fd_;
   std::atomic<bool> stopping_ = false;
   std::atomic<bool> stop_requested_ = false;
   std::atomic<uint64_t> sequence_ = 0;
+  std::atomic<uint32_t> threads_ = 0;
   platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
   platform::mutex activity_lock_;

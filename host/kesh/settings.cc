@@ -26,6 +26,28 @@ bool read_absolute_path(const char *key, const char *fallback, std::string &valu
          platform::config_refuse(key, "\"" + value + "\" is no path that begins with /", error);
 }
 
+bool read_switch(const char *key, bool fallback, bool &value, std::string &error)
+{
+  const std::string text = platform::config_text(key, fallback ? "yes" : "no");
+  value = text == "yes";
+  return value || text == "no" || platform::config_refuse(key, "\"" + text + "\" is neither yes nor no", error);
+}
+
+bool read_trace(trace_settings &result, std::string &error)
+{
+  constexpr int64_t STATE_BYTES_MAX = 1 << 30;
+  for (uint32_t type = 1; type < result.state_bytes.size(); type++) {
+    uint64_t size = 0;
+    if (!read_number(("trace.state_bytes[" + std::to_string(type) + "]").c_str(), 0, STATE_BYTES_MAX, size, error)) {
+      return false;
+    }
+    result.state_bytes[type] = static_cast<uint32_t>(size);
+  }
+  const bool wanted = !platform::config_text("trace.file", "").empty();
+  return (!wanted || read_absolute_path("trace.file", "", result.path, error)) &&
+         read_switch("trace.marks", false, result.marks, error);
+}
+
 }  // namespace
 
 bool settings_read(settings &result, std::string &error)
@@ -35,14 +57,10 @@ bool settings_read(settings &result, std::string &error)
   if (!read_absolute_path("kesh.socket", SOCKET_PATH_DEFAULT, result.socket_path, error) ||
       !read_absolute_path("journal.file", "/flashdisk/journal", result.journal.path, error) ||
       !read_number("journal.keep", 1, KEEP_LINES_MAX, result.journal.keep_lines, error) ||
-      !read_number("journal.keep_bytes", 4096, KEEP_BYTES_MAX, result.journal.keep_bytes, error)) {
+      !read_number("journal.keep_bytes", 4096, KEEP_BYTES_MAX, result.journal.keep_bytes, error) ||
+      !read_switch("kesh.start", true, result.start, error) || !read_trace(result.trace, error)) {
     return false;
   }
-  const std::string start = platform::config_text("kesh.start", "yes");
-  if (start != "yes" && start != "no") {
-    return platform::config_refuse("kesh.start", "\"" + start + "\" is neither yes nor no", error);
-  }
-  result.start = start == "yes";
   // Left at 0 if unset; what the library does not accept, its start refuses.
   vx_cfg_get_uint(&result.node_id, "cluster.node_id");
   vx_cfg_get_uint(&result.node_count, "cluster.node._s_");

@@ -1,24 +1,12 @@
 #include "submission.h"
 
-#include <algorithm>
 #include <chrono>
-
-#include "vx_cons.h"
 
 namespace kesh
 {
 
 using platform::lock_scope;
 using std::chrono::steady_clock;
-
-namespace
-{
-
-constexpr uint32_t DATA_TYPE_LINES = 0;
-// A failed attempt on an active node (no memory, say) is not repeated at once.
-constexpr std::chrono::milliseconds RETRY_PAUSE{20};
-
-}  // namespace
 
 submission::submission(service &host, socket_writer &client, int threads, int64_t timeout_s)
     : host_(host), client_(client), timeout_s_(timeout_s), room_(static_cast<size_t>(2 * threads))
@@ -87,59 +75,24 @@ bool submission::pop(waiting_line &line, bool &tried)
 
 void submission::run()
 {
+  const uint32_t thread = host_.next_thread();
   waiting_line line;
   bool tried = false;
   while (pop(line, tried)) {
     if (!tried) {
+      host_.submissions.failed++;
       answer(line, {.reason = "not tried, a line before it failed"}, 0);
       continue;
     }
-    host_.submissions.open++;
     const auto started = steady_clock::now();
-    const verdict given = distribute(line.text);
+    const send_verdict given = line_send(host_, host_.next_sequence(), line.text, thread, {.timeout_s = timeout_s_});
     const auto time_us = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - started).count();
-    host_.submissions.open--;
     answer(line, given, time_us);
   }
 }
 
-/// One line, attempt after attempt, until it is delivered here.
-submission::verdict submission::distribute(const std::string &text)
+void submission::answer(const waiting_line &line, const send_verdict &given, int64_t time_us)
 {
-  verdict given;
-  given.sequence = host_.next_sequence();
-  const auto give_up_at = steady_clock::now() + std::chrono::seconds(timeout_s_);
-  journal_line line{{static_cast<uint8_t>(host_.configured.node_id), host_.life, given.sequence}, 0, text};
-  for (;;) {
-    if (host_.lines.failed()) {
-      given.reason = "the journal cannot be written";
-      return given;
-    }
-    if (!host_.wait_active(give_up_at)) {
-      given.reason = host_.stopping() ? "the daemon is stopping" : "the node is not active";
-      return given;
-    }
-    line.attempt = ++given.attempts;
-    host_.submissions.again += given.attempts > 1 ? 1 : 0;
-    const std::string payload = line_record_encode(line);
-    const int result = vx_cons_distribute(reinterpret_cast<const uint8_t *>(payload.data()),
-                                          static_cast<uint32_t>(payload.size()), DATA_TYPE_LINES);
-    if (result == 0) {
-      given.acknowledged = !host_.lines.failed();
-      given.reason = "delivered, but the journal could not be written";
-      return given;
-    }
-    const auto now = steady_clock::now();
-    if (now >= give_up_at || !host_.pause(std::min(now + RETRY_PAUSE, give_up_at))) {
-      given.reason = host_.stopping() ? "the daemon is stopping" : "no attempt succeeded in time";
-      return given;
-    }
-  }
-}
-
-void submission::answer(const waiting_line &line, const verdict &given, int64_t time_us)
-{
-  (given.acknowledged ? host_.submissions.acknowledged : host_.submissions.failed)++;
   const std::string head = std::to_string(line.number) + ' ' + std::to_string(given.sequence) + ' ';
   if (given.acknowledged) {
     client_.send("ok " + head + std::to_string(time_us) + ' ' + std::to_string(given.attempts) + '\n');

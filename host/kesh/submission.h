@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "line_sender.h"
 #include "service.h"
 #include "socket_text.h"
 
@@ -42,17 +43,10 @@ private:
     uint64_t number;
     std::string text;
   };
-  struct verdict {
-    bool acknowledged = false;
-    uint64_t sequence = 0;
-    uint32_t attempts = 0;
-    const char *reason = "";
-  };
 
   void run() PLATFORM_EXCLUDES(lock_);
   bool pop(waiting_line &line, bool &tried) PLATFORM_EXCLUDES(lock_);
-  verdict distribute(const std::string &text);
-  void answer(const waiting_line &line, const verdict &given, int64_t time_us);
+  void answer(const waiting_line &line, const send_verdict &given, int64_t time_us);
 
   service &host_;
   socket_writer &client_;
