@@ -5,7 +5,7 @@ import os
 import time
 from collections import Counter
 
-from . import journal
+from . import checker
 from .durable_save import measure_save_us, percentile
 from .errors import CheckFailed, LabError
 from .progress import bar
@@ -187,7 +187,10 @@ class Demo:
         acknowledged = {}
         for part in self._submissions:
             acknowledged.update(part.texts())
-        journal.check_acknowledged(journals, acknowledged)
+        checker.write_acknowledged(self._cluster.dir.path, acknowledged)
+        verdict = checker.check(self._cluster.dir.path)
+        if verdict.verdict != "held":
+            raise CheckFailed(checker.summary(verdict))
         if len(acknowledged) + self._unacknowledged != len(self._lines):
             raise CheckFailed(f"{len(acknowledged)} acknowledged and {self._unacknowledged} unacknowledged lines do "
                               f"not make {len(self._lines)}")

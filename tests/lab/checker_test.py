@@ -6,7 +6,8 @@ import tempfile
 import unittest
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, os.environ.get("VX_LAB_DIR") or os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../lab"))
+HERE = os.path.dirname(os.path.realpath(__file__))
+sys.path.insert(0, os.environ.get("VX_LAB_DIR") or os.path.join(HERE, "../../lab"))
 
 from episode_builder import STATE, Builder, tag  # noqa: E402
 from vxlab_lib.checker import CouldNotRun, check  # noqa: E402
@@ -78,7 +79,7 @@ def wire(*line):
 
 
 def other_state(count):
-    return wire(10.1, 2, "decide", 5, count, 255, "2.60", "once")
+    return wire(10.1, 2, "decide", 5, count, "000000ff", "2.60", "once")
 
 
 def full_state_of(*nodes):
@@ -92,10 +93,10 @@ def grow(builder):
         one["first"], one["batch"], one["crc"] = [1, number // 3], 100 + number, f"{number:x}"
 
 
-# what is wrong, [change before make], [change after], what is named first (None: held), what else may follow
+# what is wrong, [changes before make], [changes after], what is named (then what may follow; None: held)
 CASES = [
     ("nothing", [], [], None),
-    ("one node has another order", [lambda b: b.order.update({3: b.plan[:5] + [b.plan[6], b.plan[5]] + b.plan[7:]})], [],
+    ("another order on one node", [lambda b: b.order.update({3: b.plan[:5] + [b.plan[6], b.plan[5], b.plan[7]]})], [],
      "I1 I5 I6"),
     ("delivered twice", [], [trace(2, 19, f"deliver {19 * 10**9} {tag(1, 3)} 1 doubled 8 00000000000000aa")], "I1 I2"),
     ("never submitted", [], [lambda b: b.replace(1, "call 1 3 1 99", "call 1 4 1 99"),
@@ -109,7 +110,7 @@ CASES = [
     ("a lost acknowledgement, no restart", [lose_fifth_on_3], [], "I1 I6 I9"),
     ("the number fell", [], [sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
     ("a short file", [], [sample(2, 10, sizes={"paxos_deliver": 4})], "I7"),
-    ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, 255, "1.2", "once")], "I8"),
+    ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, "000000ff", "1.2", "once")], "I8"),
     ("two states, one leader", [], [other_state(1)], "I8"),
     ("two states, two leaders", [], [other_state(1), *full_state_of(1, 2)], None),
     ("two counts", [], [other_state(2), *full_state_of(1, 2)], "I14"),
@@ -128,7 +129,7 @@ CASES = [
     ("memory grows", [], [grow], "I13"),
     ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
     ("repeated after a crash", [], [crash_repeat()], None),
-    ("repeated after more than the last", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
+    ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]
 
 

@@ -28,7 +28,8 @@ class Builder:
         self.trace = {node: [] for node in (1, 2, 3)}  # (s, words)
         self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}
         self.events = [(0, "spawn", {"node": node}) for node in (1, 2, 3)]
-        self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}), (70, "equal", {"lines": 8, "after_s": 10})]
+        self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}),
+                        (70, "equal", {"lines": 8, "after_s": 10})]
         self.events += [(65, "fresh", {"node": node, "tag": tag(node, 2)}) for node in (1, 2, 3)]
         self.samples, self.wire = [], []
         self.decide = struct.pack("<II", 9, 5)
@@ -44,7 +45,8 @@ class Builder:
         for number in range(1, 10):
             count = number if number < 5 else number - 4
             first = (1, 2) if number < 5 else STATE
-            self.wire.append([number * 2.0, 1, "decide", number, count, number, f"{first[0]}.{first[1]}", "once"])
+            named = f"{first[0]}.{first[1]}"
+            self.wire.append([number * 2.0, 1, "decide", number, count, f"{number:08x}", named, "once"])
             for node in (1, 2, 3):
                 tasks = {name[:15]: 1 for name in THREADS}
                 self.samples.append({"t": number * 2.1, "node": node, "pid": 10, "batch": number, "count": count,

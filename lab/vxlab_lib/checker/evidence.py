@@ -1,0 +1,238 @@
+"""Reads the files of an episode. Nothing here judges; what cannot be read is CouldNotRun."""
+
+import glob
+import json
+import os
+import re
+from dataclasses import dataclass
+
+from ..errors import LabError
+from ..journal import read_journal
+
+
+class CouldNotRun(LabError):
+    """The evidence does not allow a judgement."""
+
+    exit_code = 3
+
+
+@dataclass(slots=True)
+class Hook:
+    """One call of a deliver hook. kind: deliver, adopt (a full state), damaged."""
+
+    node: int
+    life: int  # index of the process life on its node
+    index: int  # index among the hook calls of that life
+    t: int
+    entered: int
+    kind: str
+    tag: str | None = None
+    attempt: int = 0
+    outcome: str | None = None  # applied, repeated, doubled
+    type: int = 0
+    size: int = 0
+    lines: int = 0
+    hash: str = ""
+
+
+@dataclass(slots=True)
+class Call:
+    node: int
+    life: int
+    thread: int
+    tag: str
+    attempt: int
+    size: int
+    called: int
+    returned: int | None = None
+    result: int | None = None
+
+
+@dataclass(slots=True)
+class Moment:
+    """Another line of the trace: begin, start-call, .., isolated, get-state."""
+
+    t: int
+    life: int
+    what: str
+    value: str = ""
+
+
+class Trace:
+    """What one node's process lives did, in the order of the file."""
+
+    def __init__(self, node):
+        self.node = node
+        self.lives = []  # name of each, in order
+        self.pids = []
+        self.hooks = []
+        self.calls = []
+        self.moments = []
+        self.order = []  # hooks and moments, in the order of the file
+        self._open = {}
+        self._hook_count = 0
+        self.last_t = []  # per life
+
+    def add(self, words):
+        t, life_name, what = int(words[0]), words[1], words[2]
+        if what == "begin":
+            self.lives.append(life_name)
+            self.pids.append(int(words[3]))
+            self.last_t.append(t)
+            self._open, self._hook_count = {}, 0
+        life = len(self.lives) - 1
+        if life < 0 or self.lives[life] != life_name:
+            raise ValueError("a life that has not begun")
+        self.last_t[life] = max(t, self.last_t[life])
+        if what == "call":
+            tag = f"{self.node}.{life_name}.{words[4]}"
+            call = Call(self.node, life, int(words[3]), tag, int(words[5]), int(words[6]), t)
+            self._open[words[3], words[4], words[5]] = call
+            self.calls.append(call)
+        elif what == "return":
+            call = self._open.pop((words[3], words[4], words[5]))
+            call.returned, call.result = t, int(words[6])
+        elif what in ("deliver", "adopt", "damaged"):
+            self._add_hook(t, life, what, words)
+        else:
+            moment = Moment(t, life, what, words[3] if len(words) > 3 else "")
+            self.moments.append(moment)
+            self.order.append(moment)
+
+    def _add_hook(self, t, life, what, words):
+        hook = Hook(self.node, life, self._hook_count, t, int(words[3]), what)
+        if what == "deliver":
+            hook.tag, hook.attempt, hook.outcome = words[4], int(words[5]), words[6]
+            hook.lines, hook.hash = int(words[7]), words[8]
+        else:
+            hook.type, hook.size = int(words[4]), int(words[5])
+            if what == "adopt":
+                hook.lines, hook.hash = int(words[6]), words[7]
+        self._hook_count += 1
+        self.hooks.append(hook)
+        self.order.append(hook)
+
+
+def read_trace(path, node):
+    """A line that a kill tore is left out; any other that cannot be read is CouldNotRun."""
+    trace = Trace(node)
+    content = read_bytes(path).decode("utf-8", "replace")
+    lines = content.split("\n")
+    lines.pop()  # the end of the last line, or one that a kill tore
+    for number, line in enumerate(lines, 1):
+        try:
+            trace.add(line.split(" "))
+        except (ValueError, IndexError, KeyError) as error:
+            begin = re.search(r"\d{6,} [0-9a-f]{16} begin \d+$", line)  # the next life wrote behind a torn line
+            if not begin:
+                raise CouldNotRun(f"{path}:{number}: no line of a trace: {line[:80]!r}") from error
+            trace.add(begin[0].split(" "))
+    return trace
+
+
+@dataclass(slots=True)
+class Decide:
+    """A DECIDE as the fabric saw it leave its sender."""
+
+    t: int
+    node: int
+    number: int
+    count: int
+    crc: int  # of the 1254 bytes of the log
+    first: tuple
+    kind: str
+
+
+def entry_of(text):
+    sender, _, number = text.partition(".")
+    return int(sender), int(number)
+
+
+def read_wire(path):
+    """(decides, sends: [(t, node, channel)])."""
+    decides, sends = [], []
+    for line in read_bytes(path).decode("utf-8", "replace").split("\n")[:-1]:
+        words = line.split()
+        if len(words) < 3 or not words[0].isdigit():
+            continue  # statistics
+        if words[2] == "decide" and len(words) >= 8:
+            decides.append(Decide(int(words[0]), int(words[1]), int(words[3]), int(words[4]), words[5],
+                                  entry_of(words[6]), words[7]))
+        elif words[2] in ("send4", "send5"):
+            sends.append((int(words[0]), int(words[1]), int(words[2][4:])))
+    # The fabric writes sums in decimal, the keeper of the evidence rewrites all of a file to eight hexadecimal digits.
+    base = 16 if all(len(decide.crc) == 8 for decide in decides) else 10
+    for decide in decides:
+        decide.crc = int(decide.crc, base)
+    return decides, sends
+
+
+def read_bytes(path):
+    try:
+        with open(path, "rb") as file:
+            return file.read()
+    except FileNotFoundError:
+        return b""
+    except OSError as error:
+        raise CouldNotRun(f"{path}: {error.strerror}") from error
+
+
+def read_json_lines(path):
+    found = []
+    for number, line in enumerate(read_bytes(path).split(b"\n")[:-1], 1):
+        try:
+            found.append(json.loads(line))
+        except ValueError as error:
+            raise CouldNotRun(f"{path}:{number}: {error}") from error
+    return found
+
+
+def read_run(directory):
+    """run.json, or what a plain run directory of the laboratory tells."""
+    for name in ("run.json", "lab.json"):
+        content = read_bytes(os.path.join(directory, name))
+        if content:
+            try:
+                return json.loads(content)
+            except ValueError as error:
+                raise CouldNotRun(f"{directory}/{name}: {error}") from error
+    raise CouldNotRun(f"{directory} holds neither an episode (run.json) nor a laboratory (lab.json)")
+
+
+def first_existing(*paths):
+    return next((path for path in paths if os.path.exists(path)), paths[0])
+
+
+class NodeFiles:
+    """Where the evidence of one node lies, in an episode or in a plain run directory."""
+
+    def __init__(self, directory, node):
+        self.node = node
+        self.directory = os.path.join(directory, f"node{node}")
+        if not os.path.isdir(self.directory):
+            raise CouldNotRun(f"{self.directory} is missing")
+
+    def path(self, *parts):
+        return os.path.join(self.directory, *parts)
+
+    def trace(self):
+        return read_trace(first_existing(self.path("trace"), self.path("kesh.trace")), self.node)
+
+    def journal(self):
+        path = first_existing(self.path("journal"), self.path("flashdisk", "journal"))
+        return read_journal(path, self.node)
+
+    def log(self):
+        """The bytes of the log, its older parts first."""
+        path = first_existing(self.path("log"), self.path("kesh.log"))
+        stem, extension = os.path.splitext(path)
+        older = {}
+        for name in glob.glob(f"{glob.escape(stem)}.*{extension}"):
+            middle = name[len(stem) + 1:len(name) - len(extension)]
+            if middle.isdigit():
+                older[int(middle)] = name
+        return b"".join(read_bytes(older[number]) for number in sorted(older, reverse=True)) + read_bytes(path)
+
+    def cons(self):
+        """Directory with the library's files at the end."""
+        return first_existing(self.path("flashdisk", "cons"), self.path("cons"))

@@ -1,0 +1,91 @@
+"""The excuses, each with the proof that it applies. A function here returns the proof as text, or None."""
+
+
+def hole(episode, hook):
+    """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
+    if episode.level == "none" or hook is None:
+        return None
+    found = episode.hole_before(hook)
+    if found is None:
+        return None
+    life, before, hit = found
+    return (f"node {hook.node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1} after "
+            f"{before} hook calls, and was given no full state since")
+
+
+def crash_repeat(episode, hook, before, crashed):
+    """`crashed`: how the run before ended, None for in good order or for a hook call that is not the first of its
+    run; `before`: the hook call before. The last line before a crash may be delivered once more."""
+    key = (hook.tag, hook.attempt)
+    state = episode.history.states.get((hook.lines, hook.hash))  # a kill may have left no trace of the line before
+    is_last = (state and (state.tag, state.attempt) == key) or (before and (before.tag, before.attempt) == key)
+    return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last else None
+
+
+def forgotten_decision(episode, hook):
+    """A FORWARD was accepted by a leader that had missed, or by a restart forgotten, that message's decision, after
+    the log that named it had been replaced."""
+    key = (hook.tag, hook.attempt)
+    first = min((other.t for trace in episode.traces.values() for other in trace.hooks
+                 if (other.tag, other.attempt) == key), default=hook.t)
+    replaced = next((other for trace in episode.traces.values() for other in trace.hooks
+                     if other.kind == "adopt" and other.type == 0 and first < other.t <= hook.t), None)
+    if replaced is None:
+        return None
+    origin = int(hook.tag.partition(".")[0])
+    for node, trace in episode.traces.items():
+        proposes = bool(episode.logs[node].hits["attempt"])
+        known_in = next((other.life for other in trace.hooks if (other.tag, other.attempt) == key), None)
+        for hit, life, before in episode.hits_in_lives(node, "forward"):
+            if hit.number != origin or not proposes or not _stands_between(trace, life, before, first, hook.t):
+                continue
+            known = known_in is not None and (known_in, 0) <= (life, before) and any(
+                (other.tag, other.attempt) == key and (other.life, other.index) < (life, before)
+                for other in trace.hooks)
+            if not known or known_in < life:
+                how = "a restart had made it forget" if known else "had missed"
+                return (f"node {node} accepted a FORWARD of node {origin} for what it {how}; the log was replaced "
+                        f"(full state on node {replaced.node})")
+    return None
+
+
+def _stands_between(trace, life, before, after_t, until_t):
+    """Whether a log line behind `before` hook calls of that life can have been written in that time."""
+    begin = [moment.t for moment in trace.moments if moment.what == "begin"][life]
+    earliest, latest = begin, None
+    for hook in trace.hooks:
+        if hook.life == life and hook.index < before:
+            earliest = max(earliest, hook.entered)
+        elif (hook.life, hook.index) >= (life, before):
+            latest = hook.t
+            break
+    return earliest <= until_t and (latest is None or latest >= after_t)
+
+
+def two_states(episode, number, near_t):
+    """Two leaders made a full state for one decision: it may differ in its first entry."""
+    makers = [node for node in episode.nodes if any(hit.number == number for hit in episode.hits(node, "full"))]
+    if len(makers) > 1:
+        return f"nodes {makers} both logged \"PROPOSE full state (batch_id={number})\""
+    masters = [event for event in episode.events_of("master") if near_t is not None and event["t"] <= near_t + SECOND]
+    recent = [event for event in masters if event["t"] >= near_t - SECOND] + masters[-1:]
+    leaders = sorted({node for event in recent for node in event["nodes"]})
+    if len(leaders) > 1:
+        return f"nodes {leaders} were MASTER in that second"
+    return None
+
+
+SECOND = 10**9
+
+
+def carried_tail(episode, number, counts):
+    """A leader had lost the tail of its log and carried it into the new one."""
+    for node in episode.nodes:
+        for full in episode.hits(node, "full"):
+            if full.number not in {number - count + 1 + carried for count in counts for carried in (0, 1, 2, 3)}:
+                continue
+            lost = [hit for hit in episode.hits(node, "lost") if hit.offset < full.offset]
+            if lost:
+                return (f"node {node} logged \"data lost - skipped (id={lost[-1].number}/{lost[-1].sender})\" before "
+                        f"it proposed the full state {full.number}")
+    return None

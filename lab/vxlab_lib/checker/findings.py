@@ -1,0 +1,111 @@
+"""What a check looked at, and what it found."""
+
+from collections import Counter
+from dataclasses import asdict, dataclass, field
+
+
+@dataclass(frozen=True)
+class Finding:
+    invariant: str
+    text: str
+    t: int | None = None  # CLOCK_MONOTONIC, ns
+    node: int | None = None
+    tag: str | None = None  # the entry: origin.life.sequence
+    line: int | None = None  # its number in the journal
+    batch: int | None = None  # number of the decision, or the next one that was seen
+    excuse: str | None = None  # None: a violation
+    proof: str | None = None
+
+
+@dataclass
+class Check:
+    """One invariant over one episode."""
+
+    invariant: str
+    title: str
+    examined: Counter = field(default_factory=Counter)
+    violations: list = field(default_factory=list)
+    excused: list = field(default_factory=list)
+    notes: list = field(default_factory=list)  # what could not be looked at, and why
+    not_promised: str | None = None
+
+    def saw(self, what, count=1):
+        self.examined[what] += count
+
+    def violated(self, text, **where):
+        self.violations.append(Finding(self.invariant, text, **where))
+
+    def excuse(self, excuse, proof, text, **where):
+        self.excused.append(Finding(self.invariant, text, excuse=excuse, proof=proof, **where))
+
+    def note(self, text):
+        if text not in self.notes:
+            self.notes.append(text)
+
+    @property
+    def saw_nothing(self):
+        return not sum(self.examined.values())
+
+    @property
+    def verdict(self):
+        if self.not_promised:
+            return "not promised"
+        if self.violations:
+            return "violated"
+        if self.saw_nothing:
+            return "nothing examined"
+        return "excused" if self.excused else "held"
+
+
+@dataclass
+class Result:
+    directory: str
+    seed: object
+    started: int  # ns; times are told relative to it
+    level: str  # see promises.py
+    checks: list
+    needed: tuple = ()  # invariants without which the episode says nothing
+
+    @property
+    def violations(self):
+        found = [finding for check in self.checks for finding in check.violations]
+        return sorted(found, key=lambda finding: (finding.t is None, finding.t or 0))
+
+    @property
+    def first(self):
+        """The first violation in time, or None."""
+        return next(iter(self.violations), None)
+
+    @property
+    def unexamined(self):
+        """Needed invariants of which nothing was seen."""
+        return [check.invariant for check in self.checks
+                if check.invariant in self.needed and check.verdict == "nothing examined"]
+
+    @property
+    def verdict(self):
+        if self.violations:
+            return "violated"
+        return "could not run" if self.unexamined else "held"
+
+    def check(self, invariant):
+        return next(check for check in self.checks if check.invariant == invariant)
+
+    def seconds(self, t):
+        return None if t is None else (t - self.started) / 1e9
+
+    def as_dict(self):
+        def told(finding):
+            return {**asdict(finding), "after_s": self.seconds(finding.t)}
+
+        return {
+            "directory": self.directory, "seed": self.seed, "verdict": self.verdict, "faults": self.level,
+            "first": told(self.first) if self.first else None, "unexamined": self.unexamined,
+            "invariants": [
+                {"invariant": check.invariant, "title": check.title, "verdict": check.verdict,
+                 "examined": dict(check.examined), "notes": check.notes, "not_promised": check.not_promised,
+                 "violations": [told(finding) for finding in check.violations],
+                 "excused": [told(finding) for finding in check.excused]}
+                for check in self.checks
+            ],
+        }

@@ -1,0 +1,259 @@
+"""I6 to I8 and I14: what was acknowledged, and what the files and decisions say of it."""
+
+import os
+import re
+import struct
+
+from . import excuses
+from .evidence import read_bytes
+from .invariants_order import FINDINGS_MAX
+
+SIZES = {"msg_id": 4, "paxos_decide": 1258, "paxos_deliver": 5}
+
+
+def acknowledged_stays(episode, check):
+    chains = [_Chain(states) for states in episode.chains]
+    returned = {}
+    for call in episode.calls.values():
+        if call.result == 0 and (call.tag not in returned or call.returned < returned[call.tag].returned):
+            returned[call.tag] = call
+    check.saw("acknowledged lines", len(returned) or len(episode.acknowledged))
+    _own_journal_has_it(episode, check, chains, returned)
+    for this in chains:
+        for other in chains:
+            if this is not other:
+                _later_means_this(episode, check, this, other, returned)
+    _in_every_end(episode, check, chains, returned or dict.fromkeys(episode.acknowledged))
+
+
+class _Chain:
+    def __init__(self, states):
+        self.states = states
+        self.place = {state.tag: index for index, state in enumerate(states)}
+        self.keys = {state.key: index for index, state in enumerate(states)}
+        self.hidden = states[0].lines - 1 if states else 0  # lines before the first known one
+
+    def parts_at(self, other):
+        """Index of the first state that the other one does not have."""
+        low, high = 0, len(self.states)
+        while low < high:
+            middle = (low + high) // 2
+            if self.states[middle].key in other.keys:
+                low = middle + 1
+            else:
+                high = middle
+        return low
+
+
+def _own_journal_has_it(episode, check, chains, returned):
+    """The moment a call returned 0 its node's journal had the line."""
+    for node, trace in episode.traces.items():
+        hooks = [hook for hook in trace.hooks if hook.kind != "damaged"]
+        at = -1
+        for call in sorted((call for call in returned.values() if call.node == node), key=lambda call: call.returned):
+            # The line of a hook call is written within it, so before the call that waited for it returns.
+            while at + 1 < len(hooks) and hooks[at + 1].t <= call.returned:
+                at += 1
+            if at < 0 or not _holds(chains, (hooks[at].lines, hooks[at].hash), call.tag):
+                check.violated(f"node {node} acknowledged it, and its journal did not have it", t=call.returned,
+                               node=node, tag=call.tag, batch=episode.batch_at(node, call.returned))
+
+
+def _holds(chains, key, tag):
+    chain = next((chain for chain in chains if key in chain.keys), None)
+    return chain is None or chain.hidden > 0 or chain.place.get(tag, len(chain.states)) <= chain.keys[key]
+
+
+def _later_means_this(episode, check, this, other, returned):
+    """An acknowledged line of `this` history is in the `other` too if that has a later one of `this`."""
+    start = this.parts_at(other)
+    shared = [index for index, state in enumerate(this.states[start:], start) if state.tag in other.place]
+    if not shared:
+        return
+    missing = [state for state in this.states[start:max(shared)]
+               if state.tag in returned and state.tag not in other.place]
+    for state in missing[:FINDINGS_MAX]:
+        _judge_missing(episode, check, state, this, other, f"is not in a history that has "
+                       f"{this.states[max(shared)].tag}, which came later")
+
+
+def _judge_missing(episode, check, state, this, other, text):
+    index = other.parts_at(this)
+    maker = other.states[index].maker if index < len(other.states) else None
+    where = episode.where(maker or state.maker) if maker or state.maker else {}
+    where.update(tag=state.tag, line=state.lines)
+    proof = excuses.hole(episode, maker)
+    if proof:
+        check.excuse("a lost payload", proof, "acknowledged, " + text, **where)
+    else:
+        check.violated("acknowledged, " + text, **where)
+
+
+def _in_every_end(episode, check, chains, wanted):
+    if episode.has_traces and not episode.events_of("equal"):
+        check.note("the journals' ends: the nodes never became equal after the faults")
+        return
+    for node, key in episode.history.finals.items():
+        chain = next((chain for chain in chains if key in chain.keys), None)
+        if chain is None:
+            chain = _Chain(episode.history.chain(key))
+        end = chain.keys.get(key, -1)
+        missing = [tag for tag in wanted if chain.place.get(tag, end + 1) > end]
+        if len(missing) <= chain.hidden:
+            if missing:
+                check.note(f"node {node}: {chain.hidden} lines were not kept in the journal")
+            continue
+        for tag in missing[:FINDINGS_MAX]:
+            having = next((other for other in chains if tag in other.place), None)
+            text = f"missing at the end in the journal of node {node}"
+            if having and having is not chain:
+                _judge_missing(episode, check, having.states[having.place[tag]], having, chain, text)
+            else:
+                check.violated(text, t=episode.end_t or None, node=node, tag=tag)
+
+
+def files(episode, check):
+    for node, samples in episode.samples.items():
+        _never_falls(check, node, samples, "batch", "the number of the decision")
+        _never_falls(check, node, samples, "msg_id", "the message id counter")
+        _sizes(episode, check, node, samples)
+    for node in episode.files:
+        _at_the_end(episode, check, node)
+
+
+def _never_falls(check, node, samples, name, what):
+    highest = 0
+    for sample in samples:
+        value = sample.get(name)
+        if value is None or sample.get("crc") is None:  # unreadable at that moment: a fault cut it
+            continue
+        check.saw(f"samples of {name}")
+        if value < highest:
+            check.violated(f"{what} fell from {highest} to {value}", t=sample["t"], node=node,
+                           batch=sample.get("batch"))
+            highest = value
+        highest = max(highest, value)
+
+
+def _is_cut(episode, node):
+    """A fault cut this node's records."""
+    return any("cut" in str(event.get("fault", "")) for event in episode.events_of("disk", node=node))
+
+
+def _sizes(episode, check, node, samples):
+    if _is_cut(episode, node):
+        check.note(f"sizes of files on node {node}: a fault cut them")
+        return
+    reported = set()
+    for sample in samples:
+        for name, size in (sample.get("sizes") or {}).items():
+            if name not in SIZES or size is None:
+                continue
+            check.saw("sizes of files")
+            if size != SIZES[name] and name not in reported:
+                reported.add(name)
+                check.violated(f"{name} has {size} bytes", t=sample["t"], node=node, batch=sample.get("batch"))
+
+
+def _at_the_end(episode, check, node):
+    directory = episode.files[node].cons()
+    decide = read_bytes(os.path.join(directory, "paxos_decide"))
+    deliver = read_bytes(os.path.join(directory, "paxos_deliver"))
+    if _is_cut(episode, node) or not decide:
+        return
+    where = {"t": episode.end_t or None, "node": node}
+    for name, content in (("paxos_decide", decide), ("paxos_deliver", deliver),
+                          ("msg_id", read_bytes(os.path.join(directory, "msg_id")))):
+        check.saw("files at the end")
+        if content and len(content) != SIZES[name]:
+            check.violated(f"{name} has {len(content)} bytes at the end", **where)
+            return
+    number, count = struct.unpack_from("<II", decide)
+    if count > 250:
+        check.violated(f"paxos_decide counts {count} entries", batch=number, **where)
+        return
+    entries = [struct.unpack_from("<BI", decide, 8 + 5 * index) for index in range(count)]
+    _delivered_is_known(episode, check, node, number, entries, deliver)
+    if episode.events_of("equal"):
+        old = [name for name in os.listdir(directory) if re.fullmatch(r"rb_reg\.\d+", name) and int(name[7:]) <= number]
+        check.saw("register directories")
+        if old:
+            check.violated(f"registers of old decisions are left: {', '.join(sorted(old)[:5])}", batch=number, **where)
+
+
+def _delivered_is_known(episode, check, node, number, entries, deliver):
+    """paxos_deliver names an entry of the log or one of an older log, never one to come."""
+    if len(deliver) != SIZES["paxos_deliver"]:
+        return
+    sender, msg_id = struct.unpack("<BI", deliver)
+    check.saw("last deliveries")
+    if (sender, msg_id) in entries or (sender, msg_id) == (0, 0):
+        return
+    older = {tuple(sample[name]) for samples in episode.samples.values() for sample in samples
+             for name in ("first", "last", "deliver") if sample.get(name)}
+    highest = max((entry[1] for entry in entries if entry[0] == sender), default=0)
+    if (sender, msg_id) not in older and msg_id > highest and episode.samples[node]:
+        check.violated(f"paxos_deliver names {msg_id}/{sender}, which no log names", t=episode.end_t or None, node=node,
+                       batch=number)
+
+
+def _decisions(episode):
+    """number -> {crc: (t, node, count, first entry)}, the earliest sight of each, from datagrams and files."""
+    found = {}
+    for decide in episode.decides:
+        found.setdefault(decide.number, {}).setdefault(
+            decide.crc, (decide.t, decide.node, decide.count, tuple(decide.first)))
+    for node, samples in episode.samples.items():
+        for sample in samples:
+            if sample.get("batch") and sample.get("crc") is not None:
+                variants = found.setdefault(sample["batch"], {})
+                crc = int(sample["crc"], 16)
+                if crc not in variants or sample["t"] < variants[crc][0]:
+                    variants[crc] = (sample["t"], node, sample["count"], tuple(sample.get("first") or ()))
+    return found
+
+
+def one_decision(episode, check):
+    excused_before = None
+    decisions = _decisions(episode)
+    for number in sorted(decisions):
+        check.saw("decisions")
+        variants = sorted(decisions[number].values())
+        if len(variants) == 1:
+            continue
+        where = {"t": variants[1][0], "node": variants[1][1], "batch": number}
+        firsts, counts = {one[3] for one in variants}, {one[2] for one in variants}
+        text = f"decision {number}: {len(variants)} logs, with " + ", ".join(
+            f"{count} entries from {'/'.join(map(str, reversed(first)))} on node {node}"
+            for _, node, count, first in variants)
+        proof = None
+        if len(firsts) == len(variants):  # each begins with a state of its own: else they differ behind it
+            base = number - min(counts) + 1
+            proof = excuses.two_states(episode, base, variants[0][0])
+            if not proof and excused_before and excused_before[0] == number - 1:
+                proof = excused_before[1]
+        if len(counts) > 1 and not proof:
+            proof = excuses.carried_tail(episode, number, counts)
+        if proof:
+            excused_before = (number, proof)
+            check.excuse("two full states for one decision", proof, text, **where)
+        else:
+            check.violated(text, **where)
+
+
+def one_count(episode, check):
+    decisions = _decisions(episode)
+    for number in sorted(decisions):
+        check.saw("decisions")
+        variants = sorted(decisions[number].values())
+        counts = {one[2] for one in variants}
+        if len(counts) == 1:
+            continue
+        other = next(one for one in variants if one[2] != variants[0][2])
+        where = {"t": other[0], "node": other[1], "batch": number}
+        text = f"decision {number} has {' and '.join(map(str, sorted(counts)))} entries"
+        proof = excuses.carried_tail(episode, number, counts)
+        if proof:
+            check.excuse("a carried tail", proof, text, **where)
+        else:
+            check.violated(text, **where)

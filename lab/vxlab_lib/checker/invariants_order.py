@@ -1,0 +1,301 @@
+"""I1 to I6: what stands in the journals, and in which order."""
+
+from zlib import crc32
+
+from . import excuses
+from .evidence import Moment
+from .promises import INFINITE
+
+FINDINGS_MAX = 20  # of one kind; more tell nothing new
+
+
+def agreement(episode, check):
+    history = episode.history
+    check.saw("states of journals", history.observations)
+    for node, why in episode.damaged.items():
+        check.violated(f"the journal cannot be read: {why}", node=node)
+    for node, line, text in history.faults[:FINDINGS_MAX]:
+        check.violated(text, node=node, tag=line.tag, line=line.number)
+    forks = history.forks()
+    for group in forks[:FINDINGS_MAX]:
+        _judge_fork(episode, check, group, is_first=group is forks[0])
+    if forks:
+        _common_order(episode, check)
+
+
+def _first_seen(state):
+    hook = state.maker or state.seen
+    return hook.t if hook else INFINITE
+
+
+def _judge_fork(episode, check, group, is_first):
+    """All but one of the histories that part here need an excuse."""
+    group = sorted(group, key=_first_seen)
+    proofs = {state.key: excuses.hole(episode, state.maker) for state in group}
+    sound = [state for state in group if not proofs[state.key]]
+    trunk = sound[0] if sound else group[0]
+    for state in group:
+        hook = state.maker or state.seen
+        if state is trunk or (hook is state.seen and state.parent is None and state.maker is None and not is_first):
+            continue  # a state that came whole, of a history whose parting is told already
+        where = episode.where(hook) if hook else {"line": state.lines}
+        where.update(tag=state.tag, line=state.lines)
+        text = f"line {state.lines} is {state.tag} with hash {state.hash}, elsewhere {trunk.tag} with {trunk.hash}"
+        if proofs[state.key]:
+            check.excuse("a lost payload", proofs[state.key], text, **where)
+        else:
+            check.violated(text, **where)
+
+
+def _common_order(episode, check):
+    """Whatever is missing: lines that two histories share stand in the same order in both."""
+    chains = episode.chains
+    for chain in chains[1:]:
+        place = {state.tag: state.lines for state in chains[0]}
+        last = None
+        for state in chain:
+            here = place.get(state.tag)
+            if here is None:
+                continue
+            if last is not None and here < last[0]:
+                where = episode.where(state.maker) if state.maker else {"tag": state.tag, "line": state.lines}
+                check.violated(f"{state.tag} stands behind {last[1]} here, before it in the history of most nodes",
+                               **where)
+                break
+            last = (here, state.tag)
+
+
+def nothing_twice(episode, check):
+    for node, journal in episode.journals.items():
+        tags = set()
+        for line in journal.lines:
+            if line.tag in tags:
+                check.violated("stands twice in the journal", node=node, tag=line.tag, line=line.number)
+            tags.add(line.tag)
+        if not episode.has_traces:
+            check.saw("lines of journals", len(journal.lines))
+            if journal.doubled:
+                check.violated(f"the journal counted {journal.doubled} doubled deliveries", node=node)
+    for node, trace in episode.traces.items():
+        _nothing_twice_on(episode, check, node, trace)
+
+
+def _nothing_twice_on(episode, check, node, trace):
+    seen, crashed, is_first, before = set(), None, False, None
+    for event in trace.order:
+        what = event.what if isinstance(event, Moment) else None
+        if what == "begin" and event.life > 0:
+            if episode.life_ended(node, event.life - 1)[1]:
+                crashed, is_first = "a kill", True
+        elif what == "isolated":
+            crashed, is_first = "an isolation", True
+        if what:
+            continue
+        if event.kind == "deliver":
+            check.saw("deliveries")
+            key = (event.tag, event.attempt)
+            if event.outcome == "repeated":
+                check.saw("repeated under another attempt")
+            if key in seen or event.outcome == "doubled":
+                _judge_twice(episode, check, event, before, crashed if is_first else None)
+            seen.add(key)
+        is_first, before = False, event
+
+
+def _judge_twice(episode, check, hook, before, crashed):
+    text = f"delivered twice on node {hook.node}, attempt {hook.attempt}"
+    if proof := excuses.crash_repeat(episode, hook, before, crashed):
+        check.excuse("repeated after a crash", proof, text, **episode.where(hook))
+    elif proof := excuses.forgotten_decision(episode, hook):
+        check.excuse("a forgotten decision", proof, text, **episode.where(hook))
+    else:
+        check.violated(text, **episode.where(hook))
+
+
+def integrity(episode, check):
+    for node, why in episode.damaged.items():
+        check.violated(f"the journal cannot be read: {why}", node=node)
+    if episode.has_traces:
+        for node, trace in episode.traces.items():
+            _submitted(episode, check, trace)
+            _whole_states(episode, check, trace)
+        _journal_tags(episode, check)
+        if episode.level != "wiped":
+            _one_entry_one_tag(episode, check)
+    _texts(episode, check)
+
+
+def _submitted(episode, check, trace):
+    for hook in trace.hooks:
+        if hook.kind == "damaged":
+            check.violated(f"a payload of {hook.size} bytes, type {hook.type}, was delivered damaged",
+                           **{**episode.where(hook), "line": None})
+        if hook.kind != "deliver":
+            continue
+        check.saw("deliveries")
+        call = episode.calls.get((hook.tag, hook.attempt))
+        if call is None:
+            check.violated(f"delivered, but never submitted (attempt {hook.attempt})", **episode.where(hook))
+        elif call.called > hook.t:
+            check.violated("delivered before it was submitted", **episode.where(hook))
+
+
+def _journal_tags(episode, check):
+    """Also lines that came with a state were submitted once."""
+    for node, journal in episode.journals.items():
+        check.saw("lines of journals", len(journal.lines))
+        for line in journal.lines:
+            if (line.tag, line.attempt) not in episode.calls:
+                check.violated("stands in the journal, but was never submitted", node=node, tag=line.tag,
+                               line=line.number)
+
+
+def _whole_states(episode, check, trace):
+    """A full state is four calls, types 0 to 3 in order; only a kill ends it early."""
+    expected = 0
+    for event in trace.order:
+        if isinstance(event, Moment):
+            if event.what == "begin":
+                expected = 0
+            continue
+        state_type = event.type if event.kind in ("adopt", "damaged") and (event.kind == "adopt" or expected) else None
+        if expected and state_type != expected:
+            check.violated(f"a full state was not delivered whole: after type {expected - 1} came "
+                           f"{event.kind} {event.type}", **{**episode.where(event), "line": event.lines or None})
+            expected = 0
+        elif state_type is not None:
+            if state_type == 0:
+                check.saw("full states")
+            if not expected and state_type != 0:
+                check.violated(f"a full state began with type {state_type}", **episode.where(event))
+                continue
+            expected = (state_type + 1) % 4
+
+
+def _one_entry_one_tag(episode, check):
+    """An identifier of the log names the same payload on every node, of the node that submitted it."""
+    known = {}
+    for node, trace in episode.traces.items():
+        for hook, entry in zip(trace.hooks, episode.entries[node]):
+            if entry is None or hook.kind != "deliver":
+                continue
+            check.saw("identifiers")
+            key = (hook.tag, hook.attempt)
+            if known.setdefault(entry, key) != key:
+                check.violated(f"identifier {entry[1]}/{entry[0]} was delivered as another payload "
+                               f"({known[entry][0]}) before", **episode.where(hook))
+            if entry[0] != int(hook.tag.partition(".")[0]):
+                check.violated(f"identifier {entry[1]}/{entry[0]} is not of the node that submitted",
+                               **episode.where(hook))
+
+
+def _texts(episode, check):
+    """What was acknowledged stands in the journals as it was submitted, where a list says what that was."""
+    for node, journal in episode.journals.items():
+        for line in journal.lines:
+            wanted = episode.acknowledged.get(line.tag)
+            if wanted is not None:
+                check.saw("texts of acknowledged lines")
+                if crc32(line.text) != wanted:
+                    check.violated("has another text than was submitted", node=node, tag=line.tag, line=line.number)
+
+
+def _inversions(chain, span_of):
+    """Pairs (x, y) of the chain where y stands before x although x had ended before y was called. `span_of` gives
+    (called, ended) of a state, or None."""
+    earliest, of = INFINITE, None
+    for state in reversed(chain):
+        span = span_of(state)
+        if span is None:
+            continue
+        if earliest < span[0]:
+            yield of, state
+        if span[1] < earliest:
+            earliest, of = span[1], state
+
+
+def own_order(episode, check):
+    _receive_order(episode, check)
+    _identifier_order(episode, check)
+    ends = {}
+
+    def span_of(state):
+        call = episode.calls.get((state.tag, state.attempt))
+        if call is None:
+            return None
+        if call.returned is not None:
+            return call.called, call.returned
+        key = (call.node, call.life)
+        if key not in ends:
+            is_last = call.life == len(episode.traces[call.node].lives) - 1
+            ends[key] = INFINITE if is_last else episode.begins(call.node)[call.life + 1]
+        return call.called, ends[key]
+
+    for chain in episode.chains:
+        by_origin = {}
+        for state in chain:
+            by_origin.setdefault(state.tag.partition(".")[0], []).append(state)
+        if episode.has_traces:
+            check.saw("lines", len(chain))
+        for states in by_origin.values():
+            for x, y in list(_inversions(states, span_of))[:FINDINGS_MAX]:
+                _judge_order(episode, check, x, f"stands behind {y.tag}, which was called after it had ended")
+
+
+def _judge_order(episode, check, state, text):
+    where = episode.where(state.maker) if state.maker else {"tag": state.tag, "line": state.lines}
+    call = episode.calls[state.tag, state.attempt]
+    proof = excuses.forgotten_decision(episode, state.maker) if state.maker and call.result != 0 else None
+    if proof:
+        check.excuse("a forgotten decision", proof, text, **where)
+    else:
+        check.violated(text, **where)
+
+
+def _receive_order(episode, check):
+    for node in episode.nodes:
+        last = 0
+        for hit in episode.hits(node, "receive"):
+            check.saw("RECEIVE lines")
+            if hit.number <= last:
+                check.violated(f"RECEIVE of id {hit.number} after {last}", node=node)
+                break
+            last = hit.number
+
+
+def _identifier_order(episode, check):
+    """On each node the identifiers of one sender are delivered in rising order: that is the order of RECEIVE."""
+    for node, trace in episode.traces.items():
+        highest, seen = {}, set()
+        for hook, entry in zip(trace.hooks, episode.entries[node]):
+            if hook.kind != "deliver" or entry is None:
+                continue
+            check.saw("identifiers")
+            is_known = (hook.tag, hook.attempt) in seen or hook.outcome == "doubled"  # that is for another check
+            if not is_known and entry[1] <= highest.get(entry[0], 0):
+                proof = excuses.forgotten_decision(episode, hook)
+                text = f"identifier {entry[1]}/{entry[0]} was delivered after {highest[entry[0]]}/{entry[0]}"
+                if proof:
+                    check.excuse("a forgotten decision", proof, text, **episode.where(hook))
+                else:
+                    check.violated(text, **episode.where(hook))
+            seen.add((hook.tag, hook.attempt))
+            highest[entry[0]] = max(entry[1], highest.get(entry[0], 0))
+
+
+def real_time(episode, check):
+    acknowledged = {}
+    for call in episode.calls.values():
+        if call.result == 0:
+            acknowledged[call.tag] = min(call.returned, acknowledged.get(call.tag, INFINITE))
+
+    def span_of(state):
+        call = episode.calls.get((state.tag, state.attempt))
+        return call and (call.called, acknowledged.get(state.tag, INFINITE))
+
+    for chain in episode.chains:
+        if episode.has_traces:
+            check.saw("lines", len(chain))
+        for x, y in list(_inversions(chain, span_of))[:FINDINGS_MAX]:
+            where = episode.where(x.maker) if x.maker else {"tag": x.tag, "line": x.lines}
+            check.violated(f"was acknowledged before {y.tag} was called, and stands behind it", **where)

@@ -1,0 +1,116 @@
+"""I13 and P: what the processes use, and how they end."""
+
+from datetime import datetime
+from statistics import median
+
+from .evidence import first_existing, read_bytes
+from .promises import INFINITE
+
+SECOND = 10**9
+ROLL_OVERS_LONG = 50
+RSS_GROWTH_KB = 16 * 1024
+DESCRIPTOR_GROWTH = 8
+QUIET_ATTEMPTS_PER_S = 5
+QUIET_CPU_SHARE = 0.5
+SANITIZERS = (b"ERROR: AddressSanitizer", b"WARNING: ThreadSanitizer", b"ERROR: LeakSanitizer", b"runtime error: ")
+
+
+def bounded(episode, check):
+    for node, samples in episode.samples.items():
+        lives = {}
+        for sample in samples:
+            if sample.get("pid") is not None:
+                lives.setdefault(sample["pid"], []).append(sample)
+        for life in lives.values():
+            _flat(episode, check, node, life)
+    for start, end in _quorumless(episode):
+        for node in episode.nodes:
+            _idle(episode, check, node, start + SECOND, end)
+
+
+def _roll_overs(samples):
+    firsts = [sample.get("first") for sample in samples if sample.get("first")]
+    return sum(1 for before, after in zip(firsts, firsts[1:]) if before != after)
+
+
+def _flat(episode, check, node, samples):
+    if _roll_overs(samples) < ROLL_OVERS_LONG:
+        return
+    check.saw("long lives of processes")
+    tenth = max(1, len(samples) // 10)
+    early, late = samples[tenth:2 * tenth], samples[-tenth:]
+    where = {"t": samples[-1]["t"], "node": node}
+    # Not the library's: the journal is kept in memory; and a payload whose call was given up stays until cleanup.
+    kept = sum(len(line.text) + 200 for line in episode.journals[node].lines) // 1024
+    left = sum(call.size for trace in episode.traces.values() for call in trace.calls if call.result != 0) // 1024
+    for name, allowed in (("rss_kb", RSS_GROWTH_KB + kept + left), ("fds", DESCRIPTOR_GROWTH),
+                          ("tmp", INFINITE if episode.events_of("disk") else 2)):
+        before = [sample[name] for sample in early if sample.get(name) is not None]
+        after = [sample[name] for sample in late if sample.get(name) is not None]
+        if before and after and median(after) - median(before) > allowed:
+            check.violated(f"{name} grew from {median(before):.0f} to {median(after):.0f}", **where)
+
+
+def _quorumless(episode):
+    """Times in which fewer than a majority of the processes ran and were not stopped."""
+    ups, found, since = {node: False for node in episode.nodes}, [], None
+    known = episode.events_of("spawn", "kill", "exit", "term", "pause", "cont")
+    if not any(event["what"] == "spawn" for event in known):
+        return []
+    has_run = False
+    for event in known:
+        ups[event["node"]] = event["what"] in ("spawn", "cont")
+        is_quorum = sum(ups.values()) > len(ups) // 2
+        has_run = has_run or is_quorum
+        if has_run and not is_quorum and since is None:
+            since = event["t"]
+        elif is_quorum and since is not None:
+            found.append((since, event["t"]))
+            since = None
+    return [span for span in found if span[1] - span[0] > 3 * SECOND]
+
+
+def _idle(episode, check, node, start, end):
+    samples = [sample for sample in episode.samples.get(node, []) if start < sample["t"] < end]
+    seconds = (end - start) / SECOND
+    if len(samples) > 1 and samples[0].get("pid") == samples[-1].get("pid") and samples[0].get("cpu_ms") is not None:
+        check.saw("times without a quorum")
+        share = (samples[-1]["cpu_ms"] - samples[0]["cpu_ms"]) * 1e6 / (samples[-1]["t"] - samples[0]["t"])
+        if samples[-1]["t"] - samples[0]["t"] > 2 * SECOND and share > QUIET_CPU_SHARE:
+            check.violated(f"used {share:.0%} of a core without a quorum", t=start, node=node)
+    if episode.events_of("clock"):
+        return
+    for life, (segment, _) in episode.segments[node].items():
+        offset = wall_ns(segment.stamp) - episode.begins(node)[life]
+        hits = [hit for hit in episode.logs[node].hits["attempt"] if segment.start <= hit.offset < segment.end]
+        attempts = sum(1 for hit in hits if start < wall_ns(hit.stamp) - offset < end)
+        if attempts > QUIET_ATTEMPTS_PER_S * (seconds + 1):
+            check.violated(f"{attempts} attempts to decide in {seconds:.0f} s without a quorum", t=start, node=node)
+
+
+def wall_ns(stamp):
+    try:
+        return int(datetime.fromisoformat(stamp.decode()).timestamp() * 1000) * 10**6
+    except ValueError:
+        return 0
+
+
+def processes(episode, check):
+    """No process ends by itself, or badly, or with a word of a sanitizer."""
+    check.saw("processes", len(episode.events_of("spawn")))
+    asked = [(event["t"], event["node"]) for event in episode.events_of("term", "kill")]
+    for event in episode.events_of("exit", "terminated"):
+        node, t, code = event["node"], event["t"], event.get("code")
+        is_asked = any(other == node and t - 30 * SECOND < at <= t for at, other in asked)
+        if event["what"] == "exit" and is_asked or event["what"] == "terminated" and code == 0:
+            continue
+        text = f"the process ended with {code}" + (", by itself" if event["what"] == "exit" else " when told to end")
+        if episode.events_of("disk", node=node):
+            check.excuse("a failing disk", "a disk fault was made on that node", text, t=t, node=node)
+        else:
+            check.violated(text, t=t, node=node)
+    for node, files in episode.files.items():
+        printed = read_bytes(first_existing(files.path("stderr"), files.path("output.log")))
+        word = next((word for word in SANITIZERS if word in printed), None)
+        if word:
+            check.violated(f"printed \"{word.decode()}\"", node=node)

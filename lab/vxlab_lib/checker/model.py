@@ -1,0 +1,258 @@
+"""The episode: everything that the evidence tells, read once, in the shapes that the checks need."""
+
+import json
+import os
+from bisect import bisect_left
+from functools import cached_property
+from zlib import crc32
+
+from ..errors import CheckFailed
+from ..journal import Journal
+from .evidence import CouldNotRun, NodeFiles, Trace, read_bytes, read_json_lines, read_run, read_wire
+from .history import History
+from .log_scan import Log
+from .promises import INFINITE, fault_level
+
+ACKNOWLEDGED = "acknowledged.json"
+CHAINS_MAX = 32  # more histories than these are a shambles; the first ones tell enough
+
+
+def write_acknowledged(directory, texts):
+    """`texts` (tag -> bytes) into the evidence, for later checks."""
+    with open(os.path.join(directory, ACKNOWLEDGED), "w", encoding="utf-8") as file:
+        json.dump({tag: crc32(text) for tag, text in texts.items()}, file)
+
+
+class Episode:
+    def __init__(self, directory, acknowledged=None):
+        """`acknowledged`: tag -> CRC-32 of the text, where no trace tells what was acknowledged; the file
+        acknowledged.json (see write_acknowledged) holds the same. With it the cluster is at rest: all is delivered."""
+        self.directory = directory
+        self.run = read_run(directory)
+        self.seed = self.run.get("seed")
+        count = self.run["nodes"]
+        self.nodes = list(range(1, count + 1))
+        files = {node: NodeFiles(directory, node) for node in self.nodes}
+        self.files = files
+        self.traces = {node: files[node].trace() for node in self.nodes}
+        self.damaged = {}  # node -> what is wrong with its journal file
+        self.journals = {node: self._journal(node) for node in self.nodes}
+        self.logs = {node: Log(files[node].log()) for node in self.nodes}
+        self.events = sorted(read_json_lines(os.path.join(directory, "events.jsonl")), key=lambda event: event["t"])
+        self.decides, self.sends = read_wire(os.path.join(directory, "wire.log"))
+        self.samples = {node: [] for node in self.nodes}
+        for sample in read_json_lines(os.path.join(directory, "samples.jsonl")):
+            self.samples[sample["node"]].append(sample)
+        self.acknowledged = acknowledged if acknowledged is not None else self._acknowledged_file()
+        self._conclude()
+
+    @classmethod
+    def of_journals(cls, journals, acknowledged):
+        """Nothing but the journals of a cluster at rest."""
+        self = cls.__new__(cls)
+        self.directory, self.run, self.seed = "the journals", {}, None
+        self.journals = {journal.node: journal for journal in journals}
+        self.nodes, self.files, self.damaged = list(self.journals), {}, {}
+        self.traces = {node: Trace(node) for node in self.nodes}
+        self.logs = {node: Log(b"") for node in self.nodes}
+        self.events, self.decides, self.sends = [], [], []
+        self.samples = {node: [] for node in self.nodes}
+        self.acknowledged = acknowledged
+        self._conclude()
+        self.is_at_rest = True
+        return self
+
+    def _conclude(self):
+        self.history = History(self.journals, self.traces)
+        self.has_traces = any(trace.lives for trace in self.traces.values())
+        self.is_at_rest = bool(self.acknowledged) and not self.has_traces
+        missing = [node for node, trace in self.traces.items() if not trace.lives]
+        if self.has_traces and missing:
+            raise CouldNotRun(f"{self.directory}: nodes {missing} left no trace")
+
+    def _journal(self, node):
+        try:
+            return self.files[node].journal()
+        except CheckFailed as error:
+            self.damaged[node] = str(error)
+            return Journal(node)
+
+    def _acknowledged_file(self):
+        content = read_bytes(os.path.join(self.directory, ACKNOWLEDGED))
+        return json.loads(content) if content else {}
+
+    @property
+    def started(self):
+        first = [trace.moments[0].t for trace in self.traces.values() if trace.moments]
+        return self.run.get("started_ns") or min(first, default=0)
+
+    @cached_property
+    def heal_t(self):
+        """End of the faults, or None."""
+        heals = [event["t"] for event in self.events if event["what"] == "heal"]
+        return self.run.get("faults_end_ns") or (heals[-1] if heals else None)
+
+    @cached_property
+    def end_t(self):
+        ends = [t for trace in self.traces.values() for t in trace.last_t]
+        return self.run.get("end_ns") or max(ends + [event["t"] for event in self.events], default=0)
+
+    def events_of(self, *whats, node=None):
+        return [event for event in self.events
+                if event["what"] in whats and (node is None or event.get("node") == node)]
+
+    @cached_property
+    def calls(self):
+        """(tag, attempt) -> Call"""
+        return {(call.tag, call.attempt): call for trace in self.traces.values() for call in trace.calls}
+
+    @cached_property
+    def segments(self):
+        """node -> life index -> (its Segment of the log, hook calls missing at the segment's front)"""
+        found = {}
+        for node, log in self.logs.items():
+            trace = self.traces[node]
+            counts = self.hook_counts[node]
+            found[node] = {
+                life: (segment, 0 if segment.is_whole else max(0, counts[life] - len(segment.hooks)))
+                for life, segment in log.match(trace).items()
+            }
+        return found
+
+    @cached_property
+    def hook_counts(self):
+        counts = {}
+        for node, trace in self.traces.items():
+            counts[node] = [0] * len(trace.lives)
+            for hook in trace.hooks:
+                counts[node][hook.life] += 1
+        return counts
+
+    @cached_property
+    def entries(self):
+        """node -> for each hook of its trace (sender, id) of what was delivered, or None where the log does not tell
+        for certain."""
+        found = {}
+        for node, trace in self.traces.items():
+            sure = {}
+            for life, (segment, _) in self.segments[node].items():
+                surplus = len(segment.hooks) - self.hook_counts[node][life]
+                cleaned = any(moment.life == life and moment.what == "cleanup-return" for moment in trace.moments)
+                if segment.is_whole and (surplus == 0 or surplus == 1 and not cleaned):  # 1: the end inside a hook
+                    sure[life] = segment.entries
+            found[node] = [sure[hook.life][hook.index] if hook.life in sure else None for hook in trace.hooks]
+        return found
+
+    def hits(self, node, kind):
+        """The lines of that kind, in order; of the lives that the trace knows, if there is one."""
+        if not self.has_traces:
+            return self.logs[node].hits[kind]
+        bounds = [(segment.start, segment.end) for segment, _ in self.segments[node].values()]
+        return [hit for hit in self.logs[node].hits[kind] if any(a <= hit.offset < b for a, b in bounds)]
+
+    def hits_in_lives(self, node, kind):
+        """(hit, life, hook calls of that life before it) of each line of that kind."""
+        for life, (segment, missing) in self.segments[node].items():
+            for hit in self.logs[node].hits[kind]:
+                if segment.start <= hit.offset < segment.end:
+                    yield hit, life, segment.hooks_before(hit.offset) + missing
+
+    @cached_property
+    def level(self):
+        return fault_level(self)
+
+    @cached_property
+    def chains(self):
+        """The histories that differ at their ends, each a list of states; first the one of most journals' ends."""
+        keys = self.history.leaves()
+        main = self.history.main()
+        found = [self.history.chain(key) for key in keys[:CHAINS_MAX]]
+        return sorted((chain for chain in found if chain), key=lambda chain: not any(s.key == main for s in chain))
+
+    @cached_property
+    def holes(self):
+        """node -> [(life, hook calls before, hit)]: payloads that the node skipped as lost, in order."""
+        return {node: sorted(((life, before, hit) for hit, life, before in self.hits_in_lives(node, "lost")),
+                             key=lambda hole: hole[:2]) for node in self.nodes}
+
+    def hole_before(self, hook):
+        """The skipped payload after which this hook's journal may lack something: none since a full state."""
+        position = (hook.life, hook.index)
+        adopts = [adopt for adopt in self.full_states[hook.node] if adopt <= position]
+        since = adopts[-1] if adopts else (-1, 0)
+        return next((hole for hole in reversed(self.holes[hook.node]) if since < hole[:2] <= position), None)
+
+    @cached_property
+    def full_states(self):
+        """node -> [(life, index)] of the full states of the journal that it was given."""
+        return {node: [(hook.life, hook.index) for hook in trace.hooks if hook.kind == "adopt" and hook.type == 0]
+                for node, trace in self.traces.items()}
+
+    def batch_at(self, node, t):
+        """Number of the decision that the first sample of the node at or after t shows."""
+        samples = self.samples.get(node, [])
+        at = bisect_left(samples, t, key=lambda sample: sample["t"])
+        return next((sample["batch"] for sample in samples[at:] if sample.get("batch")), None)
+
+    def where(self, hook):
+        """What a finding about this hook call says of its place."""
+        return {"t": hook.t, "node": hook.node, "tag": hook.tag, "line": hook.lines,
+                "batch": self.batch_at(hook.node, hook.t)}
+
+    def life_ended(self, node, life):
+        """(time, was it killed) of a process life. One that still ran at the end: (end of the episode, False)."""
+        return self._life_ends[node][life]
+
+    @cached_property
+    def _life_ends(self):
+        return {node: [self._life_end(node, life) for life in range(len(trace.lives))]
+                for node, trace in self.traces.items()}
+
+    def _life_end(self, node, life):
+        trace = self.traces[node]
+        last_t = trace.last_t[life]
+        is_last = life == len(trace.lives) - 1
+        next_begin = INFINITE if is_last else self.begins(node)[life + 1]
+        kills = [t for t in self.kills(node) if self.begins(node)[life] <= t < next_begin]
+        if kills:
+            return max(kills[0], last_t), True
+        cleaned = [moment.what for moment in trace.moments if moment.life == life][-1] == "cleanup-return"
+        if is_last and not cleaned:
+            return max(self.end_t, last_t), False
+        return last_t, not cleaned
+
+    def kills(self, node):
+        """Times; an armed kill may have come too late for its process."""
+        return [event["t"] for event in self.events_of("kill", node=node) if event.get("killed") is not False]
+
+    def begins(self, node):
+        return self._begins[node]
+
+    @cached_property
+    def _begins(self):
+        return {node: [moment.t for moment in trace.moments if moment.what == "begin"]
+                for node, trace in self.traces.items()}
+
+    def spans(self, node):
+        """Times in which the library ran: (life, from start-return, to stop-call or isolation or end of the life, t of
+        stop-return or None, t of the next start-call in the same life or of the life's end)."""
+        found, life, start, stop_call, stopped = [], 0, None, None, None
+        for moment in self.traces[node].moments + [None]:
+            what = moment.what if moment else "begin"
+            if what == "begin":
+                if start is not None:
+                    found.append((life, start, stop_call or self.life_ended(node, life)[0], stopped,
+                                  self.life_ended(node, life)[0]))
+                start = stop_call = stopped = None
+            elif what == "start-call" and start is not None:
+                found.append((life, start, stop_call or moment.t, stopped, moment.t))
+                start = stop_call = stopped = None
+            elif what == "start-return" and moment.value == "0":
+                start, stop_call, stopped = moment.t, None, None
+            elif what in ("stop-call", "isolated", "cleanup-call") and start is not None:
+                stop_call = stop_call or moment.t
+            elif what == "stop-return" and start is not None:
+                stopped = stopped or moment.t
+            if moment:
+                life = moment.life
+        return found

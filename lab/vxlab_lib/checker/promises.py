@@ -1,0 +1,62 @@
+"""What can be promised under which faults. Taken from what happened in the episode, not from what was planned.
+
+    none     no process was restarted
+    single   restarts, one node at a time, the next only when the last had caught up
+    several  several nodes were down or catching up together
+    wiped    a node lost its files alone
+"""
+
+INFINITE = 1 << 62  # a time that never comes
+
+
+def down_intervals(episode, node):
+    """(went down, had caught up) of each restart, and of a kill that nobody mended."""
+    trace = episode.traces[node]
+    found = []
+    for life in range(1, len(trace.lives)):
+        found.append((episode.life_ended(node, life - 1)[0], _caught_up(episode, node, episode.begins(node)[life])))
+    cleanups = [moment for moment in trace.moments if moment.what == "cleanup-call"]
+    starts = [moment for moment in trace.moments if moment.what == "start-call"]
+    for cleanup in cleanups:
+        start = next((moment for moment in starts if moment.life == cleanup.life and moment.t > cleanup.t), None)
+        if start:
+            found.append((cleanup.t, _caught_up(episode, node, start.t)))
+    last_begin = episode.begins(node)[-1] if trace.lives else 0
+    found += [(t, INFINITE) for t in episode.kills(node) if t >= last_begin]
+    return found
+
+
+def _caught_up(episode, node, t):
+    """When the node, started at t, had what any other had at t."""
+    wanted = max((hook.lines for other, trace in episode.traces.items() if other != node
+                  for hook in trace.hooks if hook.t <= t), default=0)
+    own = [hook for hook in episode.traces[node].hooks if hook.t <= t and hook.kind != "damaged"]
+    if own and own[-1].lines >= wanted:
+        return t
+    return next((hook.t for hook in episode.traces[node].hooks if hook.t > t and hook.lines >= wanted), INFINITE)
+
+
+def fault_level(episode):
+    if episode.events_of("wipe"):
+        return "wiped"
+    if not episode.has_traces:
+        restarted = [node for node, log in episode.logs.items() if len(log.segments) > 1]
+        return ("none", "single")[len(restarted)] if len(restarted) < 2 else "several"
+    downs = sorted((interval, node) for node in episode.nodes for interval in down_intervals(episode, node))
+    if not downs:
+        return "none"
+    latest = {}
+    for (down, up), node in downs:
+        if any(other != node and down < until for other, until in latest.items()):
+            return "several"
+        latest[node] = max(up, latest.get(node, 0))
+    return "single"
+
+
+def not_promised(level, invariant):
+    """Why the invariant is not promised under these faults, or None."""
+    if level == "wiped" and invariant != "I3":
+        return "a node lost its files alone"
+    if level == "several" and invariant == "I6":
+        return "several nodes were down together, and payloads live in memory"
+    return None
