@@ -1,6 +1,8 @@
 #include "bulk_sender.h"
 
 #include <algorithm>
+#include <functional>
+#include <string_view>
 
 namespace platform
 {
@@ -16,6 +18,8 @@ constexpr std::chrono::milliseconds READER_PAUSE{10};
 constexpr std::chrono::nanoseconds COST_MIN{10'000};
 // A piece that is not back after that is not coming.
 constexpr std::chrono::milliseconds COME_BACK_WAIT{20};
+// Shorter than the second after which a node that lost a piece asks for it again.
+constexpr std::chrono::milliseconds REPETITION_AGE{500};
 
 }  // namespace
 
@@ -46,6 +50,21 @@ void bulk_sender::stop()
   }
 }
 
+// Two pieces with one hash would cost one transmission, which may be lost anyway.
+bool bulk_sender::is_repetition(const message &one, clock::time_point now)
+{
+  if (one.destination != GROUP_ADDRESS) {
+    return false;  // nobody else hears it
+  }
+  const std::string_view bytes(reinterpret_cast<const char *>(one.object()), one.datagram_size());
+  const auto [at, is_new] = taken_.try_emplace(std::hash<std::string_view>{}(bytes), now);
+  if (!is_new && now - at->second < REPETITION_AGE) {
+    return true;
+  }
+  at->second = now;
+  return false;
+}
+
 size_t bulk_sender::allowance(clock::time_point now)
 {
   const size_t burst = std::min(BATCH_MAX, window_);
@@ -70,7 +89,15 @@ bool bulk_sender::submit(message_ptr added)
   if (stopping_) {
     return false;
   }
-  if (waiting_.empty() && !sending_batch_ && allowance(clock::now()) > 0) {
+  const auto now = clock::now();
+  const bool is_idle = waiting_.empty() && !sending_batch_;
+  if (is_idle) {
+    taken_.clear();
+  }
+  if (is_repetition(*added, now)) {
+    return true;
+  }
+  if (is_idle && allowance(now) > 0) {
     if (out_.send_bulk(*added) != send_result::busy) {
       charge(*added);
       return true;
@@ -93,6 +120,7 @@ void bulk_sender::remove(uint32_t channel, uint32_t key, bool any_key)
   while (sending_batch_) {
     batch_ended_.wait(lock_);
   }
+  taken_.clear();
   waiting_.remove_if([&](const message &one) { return one.channel == channel && (any_key || one.key == key); });
   if (--removing_ == 0) {
     changed_.signal();

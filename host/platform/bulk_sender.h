@@ -3,6 +3,9 @@
 /// Two brakes. A rate: what a receive buffer like our own holds while its reader gets no processor for 10 ms. And
 /// a window: pieces sent to the group that have not come back to this node yet. A machine whose readers fall
 /// behind slows its senders down that way.
+///
+/// Every node that lacks a payload asks for it, and each request is answered to all. So while pieces wait, one that was
+/// taken a moment ago is not taken again: who asked later hears it too.
 #pragma once
 
 #include "guarded.h"
@@ -12,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <thread>
+#include <unordered_map>
 
 namespace platform
 {
@@ -26,8 +30,8 @@ public:
   /// Ends the thread and releases what waits.
   void stop();
 
-  /// Sends at once if nothing waits and both brakes allow it, else queues. Never blocks. False if the queue is full
-  /// or the sender stopped; the message is released.
+  /// Sends at once if nothing waits and both brakes allow it, else queues, or drops what it repeats. Never blocks.
+  /// False if the queue is full or the sender stopped; the message is released.
   bool submit(message_ptr added);
   /// Takes back what still waits here. Waits for a batch that is being sent, which never blocks, so that none is
   /// sent after the return.
@@ -39,6 +43,7 @@ private:
   using clock = std::chrono::steady_clock;
 
   void run();
+  bool is_repetition(const message &one, clock::time_point now) PLATFORM_REQUIRES(lock_);
   size_t allowance(clock::time_point now) PLATFORM_REQUIRES(lock_);
   void charge(const message &one) PLATFORM_REQUIRES(lock_);
   void wait_for_allowance(clock::time_point now) PLATFORM_REQUIRES(lock_);
@@ -56,6 +61,8 @@ private:
   condition batch_ended_;
   uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0;  // threads that wait for the batch's end: begin no other
   message_list waiting_ PLATFORM_GUARDED_BY(lock_);
+  // When each piece was taken, by a hash of its bytes; since the queue was last empty.
+  std::unordered_map<size_t, clock::time_point> taken_ PLATFORM_GUARDED_BY(lock_);
   clock::time_point paid_until_ PLATFORM_GUARDED_BY(lock_);
   size_t in_flight_ PLATFORM_GUARDED_BY(lock_) = 0;
 };

@@ -49,6 +49,7 @@ struct alignas(16) message {
   int32_t repeat = 0;  // repetitions left, -1 without end
 
   uint8_t *object() { return reinterpret_cast<uint8_t *>(this + 1); }
+  const uint8_t *object() const { return reinterpret_cast<const uint8_t *>(this + 1); }
   size_t datagram_size() const { return WORD_SIZE + data_size; }
 };
 
