@@ -11,7 +11,8 @@ Use one object from one thread: the nodes die with the thread that opened the la
 
 import struct
 
-from . import journal, network, programs
+from . import network, programs
+from .checker import check_journals
 from .errors import LabError, UsageError
 from .holder_client import HolderClient
 from .node import Node
@@ -43,8 +44,9 @@ class Cluster:
         }
 
     def create(self, count, settings=None, detached=False):
-        """Makes a cluster without a past, of `count` nodes, and opens it. `settings` are further configuration keys.
-        A laboratory that was in the run directory is gone then. `detached`: it stays up when the caller ends."""
+        """Makes a cluster without a past, of `count` nodes, and opens it. `settings` are further configuration keys,
+        the same for all nodes, or a function that gives those of a node object. A laboratory that was in the run
+        directory is gone then. `detached`: it stays up when the caller ends."""
         if not 1 <= count <= NODES_MAX:
             raise UsageError(f"a cluster has 1 to {NODES_MAX} nodes, not {count}")
         found = programs.Programs(self._build_dir or programs.default_build_dir())
@@ -55,7 +57,7 @@ class Cluster:
         self._load()
         self.open(detached)
         for node in self.nodes.values():
-            node.create(count, settings or {})
+            node.create(count, settings(node) if callable(settings) else settings or {})
 
     def open(self, detached=False):
         """Brings up the laboratory, with no node running yet."""
@@ -102,10 +104,11 @@ class Cluster:
         self.start(node_id)
 
     def running(self):
-        return [node_id for node_id, state in self._processes().items() if state["running"]]
+        return [node_id for node_id, state in self.processes().items() if state["running"]]
 
-    def _processes(self):
-        return {int(node): state for node, state in self.holder.ask("state")["nodes"].items()}
+    def processes(self):
+        """Node id -> {"pid", "running", "exit_code"} of the process started last."""
+        return {int(node): state for node, state in self.holder.ask("state")["nodes"].items() if node.isdigit()}
 
     def set_master(self, *node_ids):
         """These nodes' state files say MASTER, all others BACKUP; BACKUP is written first."""
@@ -161,5 +164,5 @@ class Cluster:
 
         wait_until(are_level, timeout_s, lambda: f"journals of equal length; they have {counts}", poll_s=0.05)
         journals = [self.nodes[node_id].journal() for node_id in node_ids]
-        journal.check_equal(journals)
+        check_journals(journals)
         return journals

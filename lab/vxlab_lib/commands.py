@@ -6,6 +6,7 @@ import subprocess
 import sys
 
 from . import bench, demo, network
+from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
 from .progress import Progress
@@ -262,4 +263,4 @@ def number_list(text):
 
 
 COMMANDS = [up, status, submit, master, kill, start, stop, pause, resume, partition, heal, journal, say, heard, execute,
-            run_bench, run_demo, down]
+            run_bench, run_demo, chaos, down]

@@ -74,3 +74,27 @@ class ControlClient:
         """Starts a library that was stopped or has isolated itself."""
         with self.open({"op": "start"}, 60.0):
             pass
+
+    def stop_protocol(self):
+        """Stops the library; the daemon goes on."""
+        with self.open({"op": "leave"}, 60.0):
+            pass
+
+    def reinit(self):
+        """Cleans the library up and initialises it again; starts it if it was active."""
+        with self.open({"op": "reinit"}, 60.0):
+            pass
+
+    def slow(self, hook, wait_ms):
+        """Test aid: the hook "deliver" or "state" takes so much longer from now on."""
+        with self.open({"op": "slow", "hook": hook, "ms": wait_ms}):
+            pass
+
+    @contextmanager
+    def load(self, **options):
+        """Lines that the daemon makes itself; gives the stream on which it tells its totals at the end, one line of
+        JSON. Leaving the context ends the load. Options: threads, bytes (list of payload sizes), count, seconds,
+        pause_ms, timeout_s (of a line)."""
+        with self.open({"op": "load", **options}) as (_, stream, sock):
+            sock.settimeout(None)
+            yield stream, sock

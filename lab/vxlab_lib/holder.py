@@ -32,7 +32,7 @@ class Holder:
     def __init__(self, run_dir):
         self._dir = RunDir(run_dir)
         self._lock = self._take_lock()
-        self._children = {}  # node id -> Popen
+        self._children = {}  # node id, or name of another program of the laboratory -> Popen
         self._waiters = []  # (connection, node id, deadline)
         self._selector = selectors.DefaultSelector()
         self._ending = False

@@ -20,6 +20,9 @@ class Node:
         self._programs = build
         self._holder = holder
         self.control = ControlClient(node_id, self.path("run"))
+        self.net_pid = None  # a process whose network the node shares; None: the laboratory's
+        self.environment = {}  # of the daemon, on top of the laboratory's
+        self.on_spawn = lambda pid: None  # called as soon as a process of the daemon is there
 
     def path(self, *parts):
         return os.path.join(self.dir, *parts)
@@ -28,20 +31,34 @@ class Node:
     def log_path(self):
         return self.path("kesh.log")
 
-    def _view(self, *command):
-        return [self._programs.node_view, "--flashdisk", self.path("flashdisk"), "--run", self.path("run"), "--",
-                *command]
+    @property
+    def cons_dir(self):
+        return self.path("flashdisk", "cons")
+
+    def view(self, *command):
+        """Command line that runs `command` in a new view like the daemon's: its files, its network."""
+        network = ["--net-pid", str(self.net_pid)] if self.net_pid else []
+        return [self._programs.node_view, "--flashdisk", self.path("flashdisk"), "--run", self.path("run"), *network,
+                "--", *command]
+
+    def _daemon(self):
+        setting = ["env", *(f"{key}={value}" for key, value in self.environment.items())] if self.environment else []
+        return self.view(*setting, self._programs.kesh, "run", "--config", self.path("kesh.conf"))
 
     def create(self, node_count, settings):
         """New directories, configuration and durable files: a node that belongs to a cluster without a past."""
-        os.makedirs(self.path("flashdisk", "cons"))
+        os.makedirs(self.cons_dir, exist_ok=True)
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
             file.write(programs.config_text(self.id, self.log_path, settings))
         self.write_state("BACKUP")
-        programs.run(self._view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
-                            str(node_count), "--id", str(self.id), "--yes"),
-                 f"configure node {self.id}", cwd=self.dir)
+        self.configure(node_count)
+
+    def configure(self, node_count):
+        """The node, which is down, becomes one of a cluster without a past."""
+        programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
+                               str(node_count), "--id", str(self.id), "--yes"),
+                     f"configure node {self.id}", cwd=self.dir)
 
     def write_state(self, state):
         """What keepalived would write. By rename: a half-written state would read as another one."""
@@ -71,9 +88,15 @@ class Node:
     def start(self):
         """Starts the daemon and waits until it answers. A daemon that ends instead is an error that names its last log
         line."""
-        self._holder.ask("spawn", node=self.id, dir=self.dir, output=self.path("output.log"),
-                         command=self._view(self._programs.kesh, "run", "--config", self.path("kesh.conf")))
+        self.spawn()
         wait_until(self._started, START_TIMEOUT_S, f"node {self.id} answers (see {self.log_path})", poll_s=0.05)
+
+    def spawn(self):
+        """Starts the daemon; does not wait. Returns its process id."""
+        answer = self._holder.ask("spawn", node=self.id, dir=self.dir, output=self.path("output.log"),
+                                  command=self._daemon())
+        self.on_spawn(answer["pid"])
+        return answer["pid"]
 
     def _started(self):
         process = self.process()

@@ -1,0 +1,1 @@
+"""Seeded faults on a whole cluster, all promises checked afterwards: `vxlab chaos --help`."""

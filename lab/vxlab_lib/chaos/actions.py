@@ -1,0 +1,182 @@
+"""What the steps of a plan do. One function per action, `do_...(stage, track, step)`; those of disks have a file of
+their own."""
+
+import os
+import struct
+
+from ..errors import LabError
+from . import disk_actions, strangers
+from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
+
+
+def do_net(stage, track, step):
+    stage.set_rules(track, step["rules"])
+
+
+def do_cut(stage, track, step):
+    stage.set_cuts(track, step["pairs"])
+
+
+def do_hold(stage, _track, step):
+    identity = stage.next_id()
+    match = {key: stage.node_id(value) if key in ("from", "to") else value for key, value in step["match"].items()}
+    stage.fabric.ask("hold", id=identity, match=match, max=step["max"])
+    stage.events.add("hold", id=identity, match=match)
+    if step.get("after_master"):
+        stage.pause(0.2)
+        stage.set_masters([stage.node_id("follower")])
+    stage.pause(step["release_s"])
+    released = stage.fabric.ask("release", id=identity, drop=step["drop"])["released"]
+    stage.events.add("release", id=identity, released=released, drop=step["drop"])
+
+
+def do_master(stage, _track, step):
+    stage.set_masters([stage.node_id(who) for who in step["nodes"]])
+
+
+def do_state_file(stage, _track, step):
+    node_id = stage.node_id(step["node"])
+    path = stage.cluster.node(node_id).path("run", "node_state")
+    if step["how"] == "absent":
+        os.unlink(path)
+    else:
+        with open(path, "w", encoding="ascii") as file:  # in place, which is the fault
+            file.write({"empty": "", "garbage": "\0\1?"}.get(step["how"], step["how"]))
+    stage.events.add("state-file", node=node_id, how=step["how"])
+
+
+def do_kill(stage, _track, step):
+    with stage.one_down(step.get("settle")) as may:
+        node_id = stage.node_id(step["node"])
+        if may and stage.is_running(node_id):
+            stage.kill(node_id)
+            restart_after(stage, node_id, step)
+
+
+def do_arm(stage, _track, step):
+    with stage.one_down(step.get("settle")) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        identity = stage.next_id()
+        stage.fabric.ask("arm", id=identity, node=node_id, point=step["point"], skip=step["skip"])
+        stage.events.add("arm", node=node_id, point=step["point"], skip=step["skip"])
+        killed = stage.await_marked(identity)
+        if killed is None:
+            stage.fabric.ask("disarm", id=identity)
+            return
+        stage.cluster.node(node_id).await_end()
+        stage.arena.node_is_down(node_id)
+        restart_after(stage, node_id, step)
+
+
+def do_kill_all(stage, _track, step):
+    running = stage.cluster.running()
+    for node_id in running:
+        try:
+            stage.kill(node_id)
+        except LabError:
+            pass  # somebody else's fault has ended it meanwhile
+    stage.pause(step["restart_s"])
+    for node_id in running:
+        if not stage.is_running(node_id):
+            stage.start(node_id)
+
+
+def do_pause(stage, _track, step):
+    node_id = stage.node_id(step["node"])
+    if not stage.is_running(node_id):
+        return
+    stage.events.add("pause", node=node_id)
+    stage.cluster.node(node_id).pause()
+    try:
+        if step.get("master"):
+            stage.pause(step["master_after_s"])
+            stage.set_masters([step["master"]])
+        stage.pause(step["for_s"])
+    finally:
+        try:
+            stage.cluster.node(node_id).resume()
+        except LabError:
+            pass  # it was killed meanwhile
+        stage.events.add("cont", node=node_id)
+
+
+def do_restart(stage, _track, step):
+    with stage.one_down(step.get("settle")) as may:
+        node_id = stage.node_id(step["node"])
+        if may and stage.is_running(node_id):
+            stage.terminate(node_id)
+            restart_after(stage, node_id, step)
+
+
+def do_stop_start(stage, _track, step):
+    node_id = stage.node_id(step["node"])
+    if not stage.is_running(node_id):
+        return
+    stop_protocol(stage, node_id)
+    stage.pause(step["down_s"])
+    start_protocol(stage, node_id)
+
+
+def do_reinit(stage, _track, step):
+    with stage.one_down(step.get("settle")) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        if step["down_s"]:
+            stop_protocol(stage, node_id)
+            stage.pause(step["down_s"])
+        stage.events.add("reinit", node=node_id)
+        stage.cluster.node(node_id).control.reinit()
+        ensure_active(stage, node_id)
+        if not stage.settle(node_id):
+            stage.events.add("unsettled", node=node_id)
+
+
+def do_delay(stage, _track, step):
+    deliver_ms, state_ms = step.get("deliver_ms"), step.get("state_ms")
+    stage.longest_hook_ms = max(stage.longest_hook_ms, deliver_ms or 0, state_ms or 0)
+    node_id = stage.node_id(step["node"])
+    for one in [node_id] if node_id else sorted(stage.cluster.nodes):
+        for hook, wait_ms in (("deliver", deliver_ms), ("state", state_ms)):
+            if wait_ms is not None and stage.is_running(one):
+                stage.cluster.node(one).control.slow(hook, wait_ms)
+    stage.events.add("slow-hook", node=node_id, deliver_ms=deliver_ms, state_ms=state_ms)
+
+
+def do_bulk(stage, _track, step):
+    if stage.is_running(step["node"]):
+        stage.load.bulk(step["node"], step["bytes"])
+        stage.events.add("bulk", node=step["node"], bytes=step["bytes"])
+
+
+def do_stop_keepalived(stage, _track, step):
+    node_id = stage.node_id(step["node"])
+    stage.events.add("keepalived", node=node_id, runs=False)
+    stage.arena.stop_keepalived(node_id)
+    stage.cluster.node(node_id).write_state("BACKUP")
+    stage.pause(step["for_s"])
+    if stage.is_running(node_id):
+        stage.arena.start_keepalived(node_id)
+    stage.events.add("keepalived", node=node_id, runs=True)
+
+
+def do_clock(stage, _track, step):
+    set_clock(stage, stage.node_id(step["node"]), step["step_s"])
+
+
+def set_clock(stage, node_id, shift_s):
+    path = stage.cluster.node(node_id).path("clock_shift")
+    with open(path, "r+b" if os.path.exists(path) else "w+b") as file:
+        file.write(struct.pack("<q", shift_s))
+    stage.events.add("clock", node=node_id, shift_s=shift_s)
+
+
+def do_strangers(stage, _track, step):
+    strangers.send(stage.cluster, stage.arena.address, step["count"], step["seed"])
+    stage.events.add("strangers", count=step["count"])
+
+
+ACTIONS = {name[3:].replace("_", "-"): action for name, action in [*vars(disk_actions).items(), *globals().items()]
+           if name.startswith("do_")}

@@ -1,0 +1,118 @@
+"""Episode after episode until the time is over; what they found, live and as one row of a table."""
+
+import os
+import shutil
+import signal
+import time
+from collections import Counter
+
+from ..errors import EXIT_FAILED, EXIT_OK, LabError
+from . import private_space
+from .episode import Episode
+from .plan import choose_faults, make_plan
+
+EXIT_COULD_NOT_RUN = 3
+WORK_SIZE = "6g"
+COLUMNS = ["arena", "nodes", "faults", "seeds", "minutes", "submissions", "acknowledged", "roll-overs", "leader moves",
+           "faults made", "at roll-over", "violations", "could not run"]
+
+
+class Campaign:
+    """`options`: the command line's (arena, seed, minutes or replay, nodes, faults, keep, work)."""
+
+    def __init__(self, options, build, progress):
+        self._options = options
+        self._build = build
+        self._progress = progress
+        self.totals = Counter()
+        self.violated = []
+        self.not_run = []
+        self.seeds = []
+
+    def run(self):
+        """Exit code: violated before could not run before held."""
+        options = self._options
+        evidence_root = os.path.abspath(options.keep or os.path.join(options.dir, "chaos"))
+        os.makedirs(evidence_root, exist_ok=True)
+        private_space.enter(WORK_SIZE)
+        for number in (signal.SIGINT, signal.SIGTERM):  # also where a shell has started us in the background
+            signal.signal(number, signal.default_int_handler)
+        begun = time.monotonic()
+        seed = options.seed
+        try:
+            while True:
+                self._one(seed, evidence_root)
+                seed += 1
+                if options.replay or time.monotonic() - begun >= options.minutes * 60:
+                    break
+                if self.violated and options.first:
+                    break
+        finally:
+            self.minutes = (time.monotonic() - begun) / 60
+            self._tell()
+        return EXIT_FAILED if self.violated else EXIT_COULD_NOT_RUN if self.not_run or not self.seeds else EXIT_OK
+
+    def _one(self, seed, evidence_root):
+        options = self._options
+        plan = make_plan(seed, options.arena, options.nodes, choose_faults(seed, options.arena, options.faults))
+        for line in plan.lines():
+            self._progress.say(line)
+        work_dir = os.path.join(private_space.WORK_ROOT, "vxlab")
+        episode = Episode(plan, self._build, work_dir, lambda text: self._progress.update(f"seed {seed}: {text}"))
+        evidence = os.path.join(evidence_root, f"{plan.arena}-{plan.nodes}-{'+'.join(plan.faults) or 'none'}-{seed}")
+        try:
+            outcome = episode.run()
+        except LabError as error:
+            kept = self._keep(episode, evidence)
+            self.not_run.append(seed)
+            self._progress.say(f"seed {seed}: could not run: {error}; {kept}")
+            return
+        except BaseException:
+            shutil.rmtree(work_dir, ignore_errors=True)
+            raise
+        self.seeds.append(seed)
+        self.totals.update(outcome.figures)
+        text = (f"seed {seed}: {outcome.verdict} in {outcome.seconds:.0f} s ({outcome.result.level} restarts): " +
+                ", ".join(f"{value} {name.replace('_', ' ')}" for name, value in outcome.figures.items()))
+        if outcome.verdict == "violated":
+            self.violated.append((seed, outcome.reason))
+        elif outcome.verdict != "held":
+            self.not_run.append(seed)
+        if outcome.verdict != "held" or options.keep:
+            text += f"; {self._keep(episode, evidence)}"
+        self._progress.say(text)
+        if outcome.verdict != "held":
+            self._progress.say(f"  {outcome.reason}")
+            self._progress.say(f"  again: {self._again(plan)}")
+        shutil.rmtree(work_dir, ignore_errors=True)
+
+    def _keep(self, episode, evidence):
+        if os.path.isdir(evidence):
+            shutil.rmtree(evidence)
+        shutil.copytree(episode.evidence, evidence)
+        return f"evidence in {evidence}"
+
+    def _again(self, plan):
+        faults = "+".join(plan.faults) or "none"
+        bin_dir = f" --bin {self._options.bin}" if self._options.bin else ""
+        library = f" --library {self._options.library}" if self._options.library else ""
+        return (f"vxlab{bin_dir} chaos --arena {plan.arena} --nodes {plan.nodes} --faults {faults} "
+                f"--replay {plan.seed}{library}")
+
+    def row(self):
+        options = self._options
+        seeds = f"{self.seeds[0]}-{self.seeds[-1]}" if self.seeds else "-"
+        return [options.arena, options.nodes, ",".join(options.faults), seeds, f"{self.minutes:.1f}",
+                self.totals["submissions"], self.totals["acknowledged"], self.totals["roll_overs"],
+                self.totals["moved"], self.totals["faults"], self.totals["at_roll_over"], len(self.violated),
+                len(self.not_run)]
+
+    def _tell(self):
+        self._progress.close()
+        print("| " + " | ".join(COLUMNS) + " |")
+        print("|" + "---|" * len(COLUMNS))
+        print("| " + " | ".join(str(cell) for cell in self.row()) + " |")
+        for seed, reason in self.violated:
+            print(f"violated by seed {seed}: {reason}")
+        for seed in self.not_run:
+            print(f"could not run: seed {seed}")

@@ -1,0 +1,125 @@
+"""What the steps of a plan do to disks, and by means of them. One node at a time, a minority."""
+
+import os
+
+from ..errors import LabError
+from .faults.network import both_ways
+from .recovery import ensure_active, restart_after
+
+
+def write_disk_rules(stage, node_id, rules):
+    """For libvx_disk_faults.so in the node's daemon."""
+    path = stage.cluster.node(node_id).path("disk_faults")
+    with open(path + ".new", "w", encoding="ascii") as file:
+        file.writelines(rule + "\n" for rule in rules)
+    os.rename(path + ".new", path)
+
+
+def do_disk(stage, _track, step):
+    with stage.one_down(True) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        stage.events.add("disk", node=node_id, fault=step["rules"])
+        write_disk_rules(stage, node_id, step["rules"])
+        stage.pause(step["for_s"])
+        disk_is_well(stage, node_id, lambda: write_disk_rules(stage, node_id, []))
+
+
+def disk_is_well(stage, node_id, mend):
+    mend()
+    stage.events.add("disk-heal", node=node_id)
+    ensure_active(stage, node_id)
+    stage.settle(node_id)
+
+
+def do_kill_at_save(stage, _track, step):
+    with stage.one_down(True) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        pid = stage.cluster.node(node_id).pid()
+        stage.down_on_purpose(pid)
+        write_disk_rules(stage, node_id, [step["rule"]])
+        at_ns = stage.await_end(node_id)
+        write_disk_rules(stage, node_id, [])
+        if at_ns is None:
+            return
+        stage.events.add("kill", at_ns=at_ns, node=node_id, pid=pid, point=step["rule"])
+        stage.arena.node_is_down(node_id)
+        restart_after(stage, node_id, {**step, "settle": True})
+
+
+def do_forgetful_acceptor(stage, track, step):
+    with stage.one_down(True) as may:
+        leader = stage.node_id("leader")
+        others = [node_id for node_id in sorted(stage.cluster.nodes) if node_id != leader]
+        voters, ignorant = others[:len(others) // 2], others[len(others) // 2:]
+        acceptor = voters[0]
+        if not may or not stage.is_running(acceptor):
+            return
+        stage.set_cuts(track, both_ways([leader, *voters], ignorant))
+        stage.set_rules(track, [{"from": leader, "to": 0, "channel": 4, "type": "DECIDE", "loss": 1.0}])
+        pid = stage.cluster.node(acceptor).pid()
+        stage.down_on_purpose(pid)
+        write_disk_rules(stage, acceptor, [step["rule"]])
+        at_ns = stage.await_end(acceptor, timeout_s=6.0)
+        write_disk_rules(stage, acceptor, [])
+        stage.set_cuts(track, both_ways([leader, *voters[1:]], [acceptor, *ignorant]))
+        stage.set_rules(track, [])
+        stage.set_masters([ignorant[0]])
+        if at_ns is not None:
+            stage.events.add("kill", at_ns=at_ns, node=acceptor, pid=pid, point=step["rule"])
+            restart_after(stage, acceptor, {})
+        stage.pause(step["apart_s"])
+        stage.set_cuts(track, [])
+        stage.settle(acceptor)
+
+
+def do_fill_disk(stage, _track, step):
+    node_id = step["node"]
+    filler = stage.cluster.node(node_id).path("flashdisk", "filler")
+    with stage.one_down(True) as may:
+        if not may:
+            return
+        stage.events.add("disk", node=node_id, fault={"kind": "full"})
+        try:
+            with open(filler, "wb", buffering=0) as file:
+                while True:
+                    file.write(b"\0" * 4096)
+        except OSError:
+            pass  # full, as it should be
+        stage.pause(step["for_s"])
+        disk_is_well(stage, node_id, lambda: os.unlink(filler))
+
+
+def do_cut_record(stage, _track, step):
+    with stage.one_down(True) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        stage.kill(node_id)
+        directory = stage.cluster.node(node_id).cons_dir
+        names = [name for name in sorted(os.listdir(directory)) if name.startswith(step["file"]) and ".tmp" not in name]
+        if names:
+            path = os.path.join(directory, names[-1])
+            with open(path, "rb") as file:
+                whole = file.read()
+            with open(path, "wb") as file:
+                file.write(whole[:step["keep_bytes"]])
+            stage.events.add("disk", node=node_id, fault={"kind": "cut-record", "file": names[-1]})
+        # A node whose record is short does not take part; with that known, it gets its file back.
+        try:
+            stage.start(node_id)
+            stage.pause(1.0)
+            stage.kill(node_id)
+        except LabError as error:
+            stage.events.add("start-failed", node=node_id, error=str(error))
+            if stage.is_running(node_id):
+                stage.kill(node_id)
+        if names and os.path.exists(path) and os.path.getsize(path) < len(whole):
+            with open(path + ".new", "wb") as file:
+                file.write(whole)
+            os.rename(path + ".new", path)
+        stage.events.add("disk-heal", node=node_id)
+        restart_after(stage, node_id, {"settle": True})

@@ -1,0 +1,10 @@
+"""All faults by name. Each group is a file: what a fault does is a list of steps, drawn from a seed."""
+
+from . import disk, host, leadership, lifecycle, network, process
+
+GROUPS = (network, leadership, process, disk, host, lifecycle)
+FAULTS = {fault.name: fault for group in GROUPS for fault in group.FAULTS}
+
+
+def names_of(arena):
+    return [name for name, fault in FAULTS.items() if arena in fault.arenas]

@@ -1,0 +1,62 @@
+"""Faults of the disk of one node, a minority. The node isolates itself; it is started again when its disk is well."""
+
+from .base import Fault, Made, any_node, at, times
+
+UNDONE = "the disk is well, the node is started again"
+FILES = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg", "*"]
+
+
+def failing(kind, names=FILES, skip_max=10):
+    """Rules of libvx_disk_faults.so."""
+
+    def make(draw, nodes, seconds):
+        steps = []
+        for moment in times(draw, seconds, 6.0):
+            rule = f"{kind} {draw.choice(names)} skip {draw.randint(0, skip_max)}"
+            steps.append(at(moment, "disk", node=any_node(draw, nodes), rules=[rule],
+                            for_s=round(draw.uniform(0.5, 2.5), 2)))
+        return Made(steps, options={"disk_faults": True})
+
+    return make
+
+
+def slow(draw, nodes, seconds):
+    return Made([at(moment, "disk", node=any_node(draw, nodes), rules=["slow_sync 500"],
+                    for_s=round(draw.uniform(2.0, 4.0), 1)) for moment in times(draw, seconds, 6.0)],
+                options={"disk_faults": True})
+
+
+def cut_write(draw, nodes, seconds):
+    steps = []
+    for moment in times(draw, seconds, 6.0):
+        rule = f"cut_write {draw.choice(FILES)} {draw.randint(0, 3)} skip {draw.randint(0, 10)}"
+        steps.append(at(moment, "disk", node=any_node(draw, nodes), rules=[rule], for_s=1.0))
+    return Made(steps, options={"disk_faults": True})
+
+
+def full_disk(draw, nodes, seconds):
+    """The node's own small file system, filled for real."""
+    node = draw.randint(1, nodes)
+    return Made([at(moment, "fill-disk", node=node, for_s=round(draw.uniform(1.0, 3.0), 1))
+                 for moment in times(draw, seconds, 7.0)], options={"small_disk": node})
+
+
+def cut_records(draw, nodes, seconds):
+    """What a power cut on a careless file system leaves: a short record, found at the next start."""
+    names = ["msg_id", "paxos_deliver", "rb_reg"]
+    return Made([at(moment, "cut-record", node=any_node(draw, nodes), file=draw.choice(names),
+                    keep_bytes=draw.randint(0, 3), settle=True) for moment in times(draw, seconds, 7.0)])
+
+
+FAULTS = [
+    Fault("disk-enospc", "disk", "writes of one file fail with ENOSPC", UNDONE, failing("enospc")),
+    Fault("disk-eio", "disk", "writes of one file fail with EIO", UNDONE, failing("eio")),
+    Fault("disk-readonly", "disk", "the disk turns read-only", UNDONE, failing("readonly", ["*"])),
+    Fault("disk-two-threads", "disk", "all files fail at once, so that several threads meet it together", UNDONE,
+          failing("eio", ["*"], 0)),
+    Fault("disk-cut-write", "disk", "only the first bytes of a record can be written", UNDONE, cut_write),
+    Fault("disk-slow-sync", "disk", "each sync takes 500 ms longer", "the delay ends", slow),
+    Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
+    Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
+          "the record is whole again", cut_records),
+]

@@ -1,0 +1,112 @@
+"""Faults of processes. Without a word to the contrary a node is killed only when the one before has caught up."""
+
+from .base import Fault, Made, any_node, at, near_roll_over, times
+
+UNDONE = "the node is started again"
+
+
+def kill_random(draw, nodes, seconds):
+    steps = []
+    for index, moment in enumerate(times(draw, seconds, 4.0)):
+        step = at(moment, "kill", node=any_node(draw, nodes), restart_s=round(draw.uniform(0.0, 3.0), 2), settle=True,
+                  failover=draw.random() < 0.5)
+        steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
+    return Made(steps)
+
+
+def kill_at(point, roles):
+    """The fabric kills the node at a marked point: what it was about to say there is lost with it."""
+
+    def make(draw, nodes, seconds):
+        steps = []
+        for index, moment in enumerate(times(draw, seconds, 4.0)):
+            step = at(moment, "arm", node=draw.choice(roles), point=point, skip=draw.randint(0, 20),
+                      restart_s=round(draw.uniform(0.0, 2.0), 2), settle=True, failover=draw.random() < 0.5)
+            steps.append({**step, "skip": draw.randint(0, 3), "log": near_roll_over(draw)} if index % 2 else step)
+        return Made(steps, options={"marks": True})
+
+    return make
+
+
+def kill_near_save(rules, roles):
+    """The node's disk library kills it at the n-th such call from now."""
+
+    def make(draw, _nodes, seconds):
+        steps = []
+        for index, moment in enumerate(times(draw, seconds, 4.0)):
+            step = at(moment, "kill-at-save", node=draw.choice(roles), restart_s=round(draw.uniform(0.0, 2.0), 2),
+                      rule=f"{draw.choice(rules)} {draw.randint(1, 8)}", failover=draw.random() < 0.5)
+            steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
+        return Made(steps, options={"disk_faults": True})
+
+    return make
+
+
+def forgetful_acceptor(draw, _nodes, seconds):
+    return Made([at(moment, "forgetful-acceptor", rule=f"kill_before rename:rb_reg {draw.randint(1, 9)}",
+                    apart_s=round(draw.uniform(1.0, 3.0), 1)) for moment in times(draw, seconds, 6.0)],
+                options={"disk_faults": True})
+
+
+def pause_leader(draw, nodes, seconds):
+    """Frozen while another one leads, then it goes on as if nothing had happened."""
+    steps = []
+    for moment in times(draw, seconds, 8.0):
+        steps.append(at(moment, "pause", node="leader", for_s=round(draw.uniform(2.0, 6.0), 1),
+                        log=near_roll_over(draw), master=draw.randint(1, nodes),
+                        master_after_s=round(draw.uniform(0.1, 1.5), 2)))
+    return Made(steps)
+
+
+def rolling_restart(draw, nodes, seconds):
+    order = draw.sample(range(1, nodes + 1), nodes)
+    moments = times(draw, seconds, 2.5)
+    return Made([at(moment, "restart", node=order[index % nodes], down_s=round(draw.uniform(0.0, 1.5), 2), settle=True)
+                 for index, moment in enumerate(moments)])
+
+
+def restart_acceptor(draw, _nodes, seconds):
+    """A node that has missed decisions leads while one that helped to make them restarts."""
+    steps = []
+    for moment in times(draw, seconds, 8.0):
+        steps += [at(moment, "cut", pairs=[[0, "last"]]),
+                  at(moment + 1.5, "master", nodes=["lagging"]),
+                  at(moment + 1.6, "cut", pairs=[]),
+                  at(moment + 1.6 + draw.uniform(0.0, 0.5), "kill", node="follower", restart_s=0.0, settle=True)]
+    return Made(steps)
+
+
+def kill_all(draw, _nodes, seconds):
+    return Made([at(moment, "kill-all", restart_s=round(draw.uniform(0.0, 2.0), 2))
+                 for moment in times(draw, seconds, 8.0, first=3.0)], options={"several_down": True})
+
+
+FAULTS = [
+    Fault("kill-random", "process", "kill -9 of one node, also at a roll-over", UNDONE, kill_random),
+    Fault("kill-read-ack", "process", "an acceptor is killed after it saved its promise, its answer unsent", UNDONE,
+          kill_at("read-ack", ["follower", "last", "leader"]), ("broker",)),
+    Fault("kill-write-ack", "process", "an acceptor is killed after it saved a value, its answer unsent", UNDONE,
+          kill_at("write-ack", ["follower", "last", "leader"]), ("broker",)),
+    Fault("kill-decide", "process", "the leader is killed after it saved a decision, its DECIDE unsent", UNDONE,
+          kill_at("decide", ["leader"]), ("broker",)),
+    Fault("kill-in-hook", "process", "a node is killed as a deliver hook begins", UNDONE,
+          kill_at("deliver-enter", ["leader", "follower", "last"]), ("broker",)),
+    Fault("kill-after-hook", "process", "a node is killed between a deliver hook and the save of what it delivered",
+          UNDONE, kill_at("deliver-leave", ["leader", "follower", "last"]), ("broker",)),
+    Fault("kill-after-state", "process", "the leader is killed as it has taken the snapshot of a new log", UNDONE,
+          kill_at("state-leave", ["leader"]), ("broker",)),
+    Fault("kill-near-save", "process", "a node is killed right before or after a save of one of its files", UNDONE,
+          kill_near_save([f"kill_{when} {call}:{name}" for when in ("before", "after") for call in ("rename", "sync")
+                          for name in ("rb_reg", "paxos_decide", "paxos_deliver", "msg_id")],
+                         ["leader", "follower", "last"])),
+    Fault("forgetful-acceptor", "process", "an acceptor that a decision may hang on is killed before a save; when it "
+          "is back, it and those who know of nothing are a majority, without the old leader",
+          "all run, the network is whole", forgetful_acceptor),
+    Fault("pause-leader", "process", "the leader is frozen, another one leads, the old one goes on", "it goes on",
+          pause_leader),
+    Fault("rolling-restart", "process", "clean restarts, one node after another", UNDONE, rolling_restart),
+    Fault("restart-acceptor-lagging-leader", "process", "a node that missed decisions leads, an acceptor restarts",
+          UNDONE, restart_acceptor),
+    Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
+          UNDONE, kill_all),
+]

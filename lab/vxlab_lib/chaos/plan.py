@@ -1,0 +1,69 @@
+"""The plan of an episode: which faults come when. A pure function of seed, arena, number of nodes and fault names.
+
+A plan has one track per fault. A step of a track is a dictionary: "at" (seconds after the load has begun), "do" (an
+action, see actions.py), its arguments, and for faults at a roll-over "log" [low, high]: it waits until the longest log
+has so many entries. A node is a number or a role, which is looked up at the moment of the step: "leader", "follower"
+(the lowest that is not leader), "follower2" (the next), "lagging", "last" (the highest that is not leader).
+"""
+
+import random
+from dataclasses import dataclass, field
+
+from .faults import FAULTS, names_of
+
+DURATION_S = (15.0, 40.0)
+SIZES = [1, 40, 200, 1384, 1385, 4000]
+
+
+@dataclass(frozen=True)
+class Plan:
+    seed: int
+    arena: str
+    nodes: int
+    faults: list
+    seconds: float  # how long faults last
+    tracks: list  # per fault: {"fault", "steps"}
+    load: dict  # {"threads", "sizes", "pause_ms"}
+    settings: dict = field(default_factory=dict)  # node id, or 0 for all -> configuration keys
+    options: dict = field(default_factory=dict)  # what the arena has to prepare
+
+    def as_json(self):
+        return [{"fault": track["fault"], "steps": track["steps"]} for track in self.tracks]
+
+    def lines(self):
+        yield (f"seed {self.seed}, {self.arena} arena, {self.nodes} nodes, {self.seconds:.0f} s of "
+               f"{' + '.join(self.faults) or 'no faults'}; load: {self.load}")
+        for track in self.tracks:
+            for step in track["steps"]:
+                more = ", ".join(f"{key} {value}" for key, value in step.items() if key not in ("at", "do"))
+                yield f"  {step['at']:5.1f} s  {track['fault']}: {step['do']} {more}"
+
+
+def choose_faults(seed, arena, wanted):
+    """Fault names of the episode with this seed, `wanted` as on the command line: names joined by + come together,
+    "none" is no fault, "all" is each one alone first, by seed, then pairs."""
+    if wanted == ["all"]:
+        names = names_of(arena)
+        if seed % (2 * len(names)) < len(names):
+            return [names[seed % len(names)]]
+        return sorted(random.Random(f"pair {seed} {arena}").sample(names, 2))
+    entry = wanted[seed % len(wanted)]
+    return [] if entry == "none" else entry.split("+")
+
+
+def make_plan(seed, arena, nodes, faults):
+    draw = random.Random(f"{seed} {arena} {nodes} {' '.join(faults)}")
+    seconds = round(draw.uniform(*DURATION_S), 1)
+    load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
+            "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
+    tracks, settings, options = [], {}, {}
+    for name in faults:
+        fault = FAULTS[name]
+        made = fault.make(draw, nodes, seconds)
+        steps = sorted(made.steps, key=lambda step: step["at"])
+        tracks.append({"fault": name, "steps": steps})
+        for node, keys in made.settings.items():
+            settings.setdefault(node, {}).update(keys)
+        load.update(made.load)
+        options.update(made.options)
+    return Plan(seed, arena, nodes, list(faults), seconds, tracks, load, settings, options)

@@ -1,0 +1,216 @@
+"""The running episode as its parts share it: who leads, who is down, which rules are in force, when faults end."""
+
+import random
+import threading
+import time
+from contextlib import contextmanager
+
+from ..errors import LabError
+from ..waiting import wait_until
+from . import decisions
+from .events import now_ns
+from .sampler import await_log
+
+ROLL_OVER_WAIT_S = 8.0
+SETTLE_S = 20.0
+
+
+class Stage:
+    """Any thread, one per track of the plan."""
+
+    def __init__(self, arena, plan, events, load):
+        self.arena = arena
+        self.cluster = arena.cluster
+        self.fabric = arena.fabric
+        self.plan = plan
+        self.events = events
+        self.load = load
+        self.draw = random.Random(f"stage {plan.seed}")
+        self.over = threading.Event()  # faults have ended
+        self.masters = []
+        self.longest_hook_ms = 0
+        self.moved = 0  # leader changes
+        self.at_roll_over = 0  # faults that met one
+        self._rules = {}  # track -> rules
+        self._cuts = {}  # track -> pairs
+        self._net_lock = threading.Lock()
+        self._one_down = threading.Lock()
+        self._down_on_purpose = set()  # process ids
+        self._marked = {}  # id of an armed kill -> its event
+        self._marked_changed = threading.Condition()
+        self._next_id = 1
+
+    # ---- time
+
+    def pause(self, seconds):
+        """False if the faults are over."""
+        return not self.over.wait(max(0.0, seconds))
+
+    def await_log(self, low, high):
+        """Waits a while for the longest log to have low to high entries; its length, or None."""
+        nodes = [self.cluster.nodes[node_id] for node_id in self.cluster.nodes]
+        found = await_log(nodes, low, high, time.monotonic() + ROLL_OVER_WAIT_S, self.over.is_set)
+        self.at_roll_over += found is not None
+        return found
+
+    # ---- who is who
+
+    def leaders(self):
+        return self.cluster.masters() if self.plan.options.get("keepalived") else self.masters
+
+    def node_id(self, who):
+        """The number behind a role."""
+        if not isinstance(who, str):
+            return who
+        nodes = sorted(self.cluster.nodes)
+        leader = next(iter(self.leaders()), nodes[0])
+        others = [node_id for node_id in nodes if node_id != leader] or [leader]
+        if who == "leader":
+            return leader
+        if who == "lagging":
+            return min(nodes, key=lambda node_id: decisions.read_position(self.cluster.nodes[node_id].cons_dir))
+        return others[{"follower": 0, "follower2": min(1, len(others) - 1), "last": -1}[who]]
+
+    def set_masters(self, node_ids):
+        self.cluster.set_master(*node_ids)
+        self.moved += bool(node_ids) and node_ids != self.masters
+        self.masters = list(node_ids)
+        self.events.add("master", nodes=self.masters)
+
+    def look_for_masters(self):
+        """Notes whom keepalived has chosen."""
+        if self.plan.options.get("keepalived"):
+            masters = self.cluster.masters()
+            if masters != self.masters:
+                self.moved += bool(masters)
+                self.masters = masters
+                self.events.add("master", nodes=masters)
+
+    # ---- network
+
+    def set_rules(self, track, rules):
+        with self._net_lock:
+            self._rules[track] = [
+                {key: self.node_id(value) if key in ("from", "to") else value for key, value in rule.items()}
+                for rule in rules]
+            merged = [rule for one in self._rules.values() for rule in one]
+            self.fabric.ask("rules", rules=merged)
+            self.events.add("net", rules=merged)
+
+    def set_cuts(self, track, pairs):
+        nodes = sorted(self.cluster.nodes)
+        wanted = set()
+        for pair in pairs:
+            sources, targets = ([self.node_id(who)] if who else nodes for who in pair)
+            wanted.update((source, target) for source in sources for target in targets if source != target)
+        with self._net_lock:
+            self._cuts[track] = wanted
+            merged = sorted(set().union(*self._cuts.values()))
+            self.fabric.ask("cut", pairs=merged)
+            self.events.add("cut", pairs=merged)
+
+    def clear_network(self):
+        with self._net_lock:
+            self._rules, self._cuts = {}, {}
+            self.fabric.ask("rules", rules=[])
+            self.fabric.ask("cut", pairs=[])
+
+    def next_id(self):
+        with self._net_lock:
+            self._next_id += 1
+            return self._next_id
+
+    # ---- processes
+
+    @contextmanager
+    def one_down(self, wanted):
+        """Only one node at a time is down or behind after a restart. Gives False if it cannot be had any more."""
+        if not wanted:
+            yield True
+            return
+        while not self._one_down.acquire(timeout=0.1):
+            if self.over.is_set():
+                yield False
+                return
+        try:
+            yield not self.over.is_set()
+        finally:
+            self._one_down.release()
+
+    def down_on_purpose(self, pid):
+        self._down_on_purpose.add(pid)
+
+    def await_end(self, node_id, timeout_s=3600.0):
+        """About when the node's process ended, in ns; None if it still runs then, or as the faults end."""
+        deadline = time.monotonic() + timeout_s
+        while self.is_running(node_id):
+            if not self.pause(0.01) or time.monotonic() > deadline:
+                return now_ns() if not self.is_running(node_id) else None
+        return now_ns()
+
+    def ended(self, node_id, process):
+        """Told by the sampler of every process that has ended."""
+        if process["pid"] not in self._down_on_purpose:
+            self.events.add("exit", node=node_id, pid=process["pid"], code=process["exit_code"])
+
+    def told_by_fabric(self, event):
+        if event["what"] == "kill":
+            self._down_on_purpose.add(event["pid"])
+            self.events.add("kill", at_ns=event["t"], node=event["node"], pid=event["pid"],
+                            point=event.get("point"), killed=event.get("killed"))
+            with self._marked_changed:
+                self._marked[event["id"]] = event
+                self._marked_changed.notify_all()
+
+    def await_marked(self, identity):
+        """The event of an armed kill, or None when the faults end first."""
+        with self._marked_changed:
+            while identity not in self._marked and not self.over.is_set():
+                self._marked_changed.wait(0.2)
+            return self._marked.get(identity)
+
+    def kill(self, node_id):
+        node = self.cluster.node(node_id)
+        pid = node.pid()
+        self._down_on_purpose.add(pid)
+        self.events.add("kill", node=node_id, pid=pid, point=None)
+        node.kill()
+        self.arena.node_is_down(node_id)
+
+    def terminate(self, node_id):
+        """Clean end of the daemon; returns its exit code."""
+        node = self.cluster.node(node_id)
+        self._down_on_purpose.add(node.pid())
+        self.events.add("term", node=node_id)
+        code = node.stop()
+        self.events.add("terminated", node=node_id, code=code)
+        return code
+
+    def start(self, node_id):
+        """Starts the daemon and its load. Raises LabError if it does not come up."""
+        node = self.cluster.node(node_id)
+        at_ns = now_ns()
+        node.start()
+        self.events.add("spawn", at_ns=at_ns, node=node_id, pid=node.pid())
+        if self.plan.options.get("keepalived") and not self.arena.has_keepalived(node_id):
+            self.arena.start_keepalived(node_id)
+        self.load.begin(node_id)
+
+    def is_running(self, node_id):
+        process = self.cluster.processes().get(node_id)
+        return bool(process and process["running"])
+
+    def settle(self, node_id):
+        """Waits until every running node has delivered what was decided when this was called. False if the faults end
+        first, or it takes too long."""
+        wanted = max(decisions.read_position(node.cons_dir)[0] for node in self.cluster.nodes.values())
+
+        def is_settled():
+            return self.over.is_set() or all(decisions.delivered_number(node.cons_dir) >= wanted
+                                             for node in self.cluster.nodes.values())
+
+        try:
+            wait_until(is_settled, SETTLE_S, "the cluster settles", poll_s=0.05)
+        except LabError:
+            return False
+        return not self.over.is_set()

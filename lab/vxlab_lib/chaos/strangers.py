@@ -1,0 +1,72 @@
+"""Strangers on the cluster's group: sound messages, but of another cluster or of another build. Were one believed, it
+would tear the log: its numbers are far above ours.
+
+Run as a program inside a node's network: ADDRESS BUILD COUNT SEED.
+"""
+
+import os
+import random
+import re
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+from ..errors import LabError
+
+PORT_BASE = 17480
+GROUP = "224.0.0.81"
+CLUSTER_ID = 0x026B65736801  # the MAC address of node 1, as kesh configure makes it up
+NUMBER = 1_000_000
+
+
+def payloads():
+    """(channel, payload) of messages that change whoever believes them."""
+    log = struct.pack("<I", 2) + struct.pack("<BI", 1, NUMBER) + struct.pack("<BI", 2, NUMBER + 1) + bytes(248 * 5)
+    yield 4, struct.pack("<II", 0, NUMBER) + bytes(5) + log + b"\0"
+    yield 4, struct.pack("<IBI", 1, 1, NUMBER) + bytes(3)
+    yield 3, struct.pack("<III", 0, 2, NUMBER)
+    yield 3, struct.pack("<IIII", 3, 2, NUMBER, len(log)) + log
+    yield 5, struct.pack("<HBBI", 0, 1, 1, NUMBER)
+    yield 5, struct.pack("<HBBI", 4, 2, 1, 1)
+
+
+def datagram(channel, payload, cluster_id, build):
+    envelope = struct.pack("<QI4BI", cluster_id, build, 127, 1, 0, 1, len(payload))
+    return b"VX\0" + bytes([channel]) + envelope + payload
+
+
+def main(address, build, count, seed):
+    """`address`: of the device on which the group is."""
+    draw = random.Random(seed)
+    others = [(CLUSTER_ID ^ 1, build), (CLUSTER_ID ^ (1 << 40), build), (CLUSTER_ID ^ (1 << 31), build),
+              (CLUSTER_ID, build + 1), (CLUSTER_ID, build ^ (1 << 24))]
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 1)
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
+        for _ in range(count):
+            channel, payload = draw.choice(list(payloads()))
+            sock.sendto(datagram(channel, payload, *draw.choice(others)), (GROUP, PORT_BASE + channel))
+            time.sleep(0.002)
+
+
+def build_number(log_path):
+    with open(log_path, "rb") as file:
+        found = re.search(rb"kesh: starting, build (\d+)", file.read())
+    if not found:
+        raise LabError(f"{log_path} does not tell the build number")
+    return int(found[1])
+
+
+def send(cluster, address_of, count, seed):
+    """From inside the network of the lowest running node."""
+    node = cluster.node(min(cluster.running()))
+    lab_parent = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
+    command = [sys.executable, "-B", "-m", "vxlab_lib.chaos.strangers", address_of(node.id),
+               str(build_number(node.log_path)), str(count), str(seed)]
+    subprocess.run(node.inside(command), cwd=lab_parent, check=True, timeout=30.0)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], *(int(word) for word in sys.argv[2:]))
