@@ -1,5 +1,7 @@
 #include "ordered_broadcast/decision.h"
 
+#include <atomic>
+
 #include "common/monotonic_clock.h"
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/durable_state.h"
@@ -160,6 +162,24 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
   paxos.launch_cond.signal();
 }
 
+// Shorter than the second after which a node asks again: each request may help.
+constexpr int64_t HELP_PAUSE_US = 900000;
+constinit std::atomic<int64_t> next_help_us[NODES_MAX];
+
+// Sends our decision to a node that seems to be behind, now and then.
+void help_behind(uint32_t node_id, id_entry asked)
+{
+  if (!is_member(node_id) || node_id == cons_service.node_id || monotonic_us() < next_help_us[node_id - 1]) {
+    return;
+  }
+  cons_lock lock(paxos.propose_lock);
+  const bool is_named = id_batch_find(&paxos.decided_batch, asked.msg_id, asked.sender) >= 0;
+  if (!paxos.stopped && paxos.batch_id != 0 && !is_named) {
+    next_help_us[node_id - 1] = monotonic_us() + HELP_PAUSE_US;
+    paxos_decide_update(node_addr_of_id(node_id));
+  }
+}
+
 }  // namespace
 
 void paxos_recv(void *msg)
@@ -190,15 +210,10 @@ void paxos_recv(void *msg)
 
 void paxos_help_newcomer(uint32_t node_addr)
 {
-  constexpr int64_t PAUSE_US = 1000000;
-  static int64_t next_help_us[NODES_MAX] = {};  // guarded by propose_lock
-  const uint32_t node_id = node_id_of_addr(node_addr);
-  const int64_t now_us = monotonic_us();
-  cons_lock lock(paxos.propose_lock);
-  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
-      now_us < next_help_us[node_id - 1]) {
-    return;
-  }
-  next_help_us[node_id - 1] = now_us + PAUSE_US;
-  paxos_decide_update(node_addr);
+  help_behind(node_id_of_addr(node_addr), {});
+}
+
+void paxos_help_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
+{
+  help_behind(asking_node, {.sender = sender, .msg_id = msg_id});
 }

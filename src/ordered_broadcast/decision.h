@@ -11,5 +11,9 @@ inline constinit entry_gate paxos_gate{false};
 void paxos_recv(void *msg);
 
 /// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays
-/// silent. Sends it ours, at most once a second per node. Messaging threads, no lock held.
+/// silent. Sends it ours, about once a second per node. Messaging threads, no lock held.
 void paxos_help_newcomer(uint32_t node_addr);
+
+/// A node asks for a payload that we have not, and that our log does not name: it may be behind by a log whose payloads
+/// are gone. Sends it our decision, about once a second per node. Messaging threads, no lock held.
+void paxos_help_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node);

@@ -130,7 +130,10 @@ int cons_layers_init()
     return 0;
   }
   data_hooks_clear();
-  if (paxos_data_init({.deliver = paxos_deliver, .lost = paxos_skip_lost, .handled = paxos_log_handled}) != 0) {
+  if (paxos_data_init({.deliver = paxos_deliver,
+                       .lost = paxos_skip_lost,
+                       .handled = paxos_log_handled,
+                       .lacking = paxos_help_asker}) != 0) {
     paxos_data_cleanup();
     return -1;
   }

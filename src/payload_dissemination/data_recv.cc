@@ -91,6 +91,9 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
   payload_entry *entry = paxos_data_get_entry(hdr.id, hdr.sender);
   if (entry == nullptr) {
+    if (paxos_data.callbacks.lacking != nullptr) {
+      paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
+    }
     paxos_data_bcast_missing(hdr.id, hdr.sender);
     return;
   }

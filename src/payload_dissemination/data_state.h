@@ -70,6 +70,7 @@ struct paxos_data_state {
   uint32_t pull_pos CONS_GUARDED_BY(pull_xfer.lock) = 0;
   bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;  // the queue still mirrors another log
   id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);        // since start; zero = nothing
+  int64_t lost_us CONS_GUARDED_BY(pull_xfer.lock) = 0;         // last loss that was judged with all patience, monotonic
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};

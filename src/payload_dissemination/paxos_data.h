@@ -8,12 +8,14 @@
 #include "common/id_batch.h"
 #include "payload_dissemination/payload_buf.h"
 
-/// How the layer reaches the one above. All run on the deliver-thread with the queue's lock held, `handled` also on
-/// the thread that handed a batch over, with no lock.
+/// How the layer reaches the one above. `deliver`, `lost` and `handled` run on the deliver-thread with the queue's lock
+/// held, `handled` also on the thread that handed a batch over, with no lock.
 struct paxos_data_callbacks {
   void (*deliver)(uint32_t id, uint8_t sender, const payload_buf *payload) = nullptr;
   void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: its payload was lost
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
+  /// A node asks for a payload that this one has not. Receive hook, no lock held.
+  void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
 };
 
 /// Creates the tables. Returns 0; does nothing if initialised.

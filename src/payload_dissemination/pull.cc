@@ -39,21 +39,29 @@ uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
 }
 
 // A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
-// to the moment at which to look again.
+// to the moment at which to look again. When all others lack it they may just have begun a new log, which drops the
+// payloads of the old: the requests draw the newer decision from them, and until they had time to do so nothing is
+// lost. What follows a loss within a second needs no new patience: a log that lost its payloads lost many.
 bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
 {
   const uint32_t lacking = nodes_without_payload(pull) + 1;
   if (lacking < cons_service.quorum) {
     return false;
   }
-  if (lacking >= cons_service.node_count) {
+  const bool is_alone = cons_service.node_count == 1;
+  const bool is_known = paxos_data.lost_us != 0 && monotonic_us() - paxos_data.lost_us < ANSWER_US;
+  if (is_alone || (is_known && lacking >= cons_service.node_count)) {
     return true;
   }
   const int64_t left_us = pull.request_us + ANSWER_US - monotonic_us();
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  return left_us <= 0 && pull.unanswered_requests >= LOSS_REQUESTS;
+  if (left_us > 0 || pull.unanswered_requests < LOSS_REQUESTS) {
+    return false;
+  }
+  paxos_data.lost_us = monotonic_us();
+  return true;
 }
 
 // The pieces and marks of another payload say nothing about this one; nor do the marks from a time when an OFFER was
