@@ -165,6 +165,7 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
 // Shorter than the second after which a node asks again: each request may help.
 constexpr int64_t HELP_PAUSE_US = 900000;
 constinit std::atomic<int64_t> next_help_us[NODES_MAX];
+constinit std::atomic<uint64_t> decisions_received{0};
 
 // Sends our decision to a node that seems to be behind, now and then.
 void help_behind(uint32_t node_id, id_entry asked)
@@ -196,7 +197,9 @@ void paxos_recv(void *msg)
   const uint32_t type = get_le32(payload.data());
   if (type == PAXOS_DECIDE) {
     if (const auto message = decide_parse(payload)) {
+      ++decisions_received;
       recv_decide(*message, received.sender_addr());
+      ++decisions_received;
     }
   } else if (type == PAXOS_FORWARD) {
     const auto entry = forward_parse(payload);
@@ -206,6 +209,11 @@ void paxos_recv(void *msg)
   } else {
     vx_log("CONS: PAXOS: unknown message type %u\n", type);
   }
+}
+
+uint64_t paxos_decisions_received()
+{
+  return decisions_received;
 }
 
 void paxos_help_newcomer(uint32_t node_addr)

@@ -10,6 +10,9 @@ inline constinit entry_gate paxos_gate{false};
 /// Receive hook of channel 4. Blocks until the proposer is idle when it adopts a decision.
 void paxos_recv(void *msg);
 
+/// Odd while a decision is being received; another number after each.
+uint64_t paxos_decisions_received();
+
 /// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays
 /// silent. Sends it ours, about once a second per node. Messaging threads, no lock held.
 void paxos_help_newcomer(uint32_t node_addr);

@@ -133,7 +133,8 @@ int cons_layers_init()
   if (paxos_data_init({.deliver = paxos_deliver,
                        .lost = paxos_skip_lost,
                        .handled = paxos_log_handled,
-                       .lacking = paxos_help_asker}) != 0) {
+                       .lacking = paxos_help_asker,
+                       .decisions_received = paxos_decisions_received}) != 0) {
     paxos_data_cleanup();
     return -1;
   }

@@ -53,6 +53,14 @@ inline bool xfer_is_for(const xfer_state &record, uint32_t id, uint8_t sender) C
   return record.id == id && record.sender == sender;
 }
 
+/// What the pull-thread sees of decisions that arrive. Monotonic times.
+struct quiet_watch {
+  uint64_t received = 0;   // the count
+  int64_t since_us = 0;    // it has not changed since then
+  int64_t looked_us = 0;   // seen last
+  int64_t request_us = 0;  // the last request after which it was quiet for a moment
+};
+
 void *paxos_data_pull_thread(void *);
 void *paxos_data_deliver_thread(void *);
 
@@ -71,6 +79,7 @@ struct paxos_data_state {
   bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;  // the queue still mirrors another log
   id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);        // since start; zero = nothing
   int64_t lost_us CONS_GUARDED_BY(pull_xfer.lock) = 0;         // last loss that was judged with all patience, monotonic
+  quiet_watch quiet CONS_GUARDED_BY(pull_xfer.lock);
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};

@@ -16,6 +16,8 @@ struct paxos_data_callbacks {
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
   /// A node asks for a payload that this one has not. Receive hook, no lock held.
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
+  /// Odd while a received decision is being handled; another number after each. Any thread, any lock.
+  uint64_t (*decisions_received)() = nullptr;
 };
 
 /// Creates the tables. Returns 0; does nothing if initialised.

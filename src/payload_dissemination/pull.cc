@@ -18,6 +18,7 @@ namespace
 constexpr int64_t CHECK_PERIOD_US = 1000000;
 constexpr int64_t SILENCE_US = 999999;  // retransmission gap: a request needs a longer silence
 constexpr int64_t ANSWER_US = 1000000;  // a holder gets this long to answer a request
+constexpr int64_t QUIET_US = 100000;
 // A single request, or its answer, may have been dropped on its way.
 constexpr uint32_t LOSS_REQUESTS = 2;
 
@@ -38,6 +39,27 @@ uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
   return count;
 }
 
+// Whether for a moment since our last request no decision arrived: a node with a slow disk may have thousands of them
+// waiting, and what the oldest names nobody holds any more. Time in which nobody looked does not count, this process
+// may have been stopped.
+bool was_quiet(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock, pull.lock)
+{
+  const auto count = paxos_data.callbacks.decisions_received;
+  const uint64_t received = count != nullptr ? count() : 0;
+  const int64_t now_us = monotonic_us();
+  quiet_watch &quiet = paxos_data.quiet;
+  if (received % 2 != 0 || received != quiet.received || now_us - quiet.looked_us > 2 * QUIET_US) {
+    quiet.received = received;
+    quiet.since_us = now_us;
+  }
+  quiet.looked_us = now_us;
+  if (now_us - std::max(quiet.since_us, pull.request_us) >= QUIET_US) {
+    quiet.request_us = pull.request_us;
+  }
+  wait_us = std::min(wait_us, QUIET_US);
+  return quiet.request_us == pull.request_us;
+}
+
 // A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
 // to the moment at which to look again. When all others lack it they may just have begun a new log, which drops the
 // payloads of the old: the requests draw the newer decision from them, and until they had time to do so nothing is
@@ -53,11 +75,12 @@ bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
   if (is_alone || (is_known && lacking >= cons_service.node_count)) {
     return true;
   }
+  const bool is_quiet = was_quiet(pull, wait_us);
   const int64_t left_us = pull.request_us + ANSWER_US - monotonic_us();
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  if (left_us > 0 || pull.unanswered_requests < LOSS_REQUESTS) {
+  if (left_us > 0 || pull.unanswered_requests < LOSS_REQUESTS || !is_quiet) {
     return false;
   }
   paxos_data.lost_us = monotonic_us();

@@ -136,6 +136,12 @@ class Build:
             raise LabError(f"there is no library {library}")
         self.fabric = self._need("vx-fabric")
 
+    def pin_library(self, directory):
+        """A copy of `library` is what all nodes load from now on: somebody may be building it anew."""
+        if self.library:
+            copy(self.library, os.path.join(directory, "libvx_cons.so.1"))
+            self.library = os.path.join(directory, "libvx_cons.so.1")
+
     def _need(self, name):
         path = find_program(self.directory, name)
         if not path:

@@ -35,6 +35,7 @@ class Campaign:
         evidence_root = os.path.abspath(options.keep or os.path.join(options.dir, "chaos"))
         os.makedirs(evidence_root, exist_ok=True)
         private_space.enter(WORK_SIZE)
+        self._build.pin_library(private_space.WORK_ROOT)
         for number in (signal.SIGINT, signal.SIGTERM):  # also where a shell has started us in the background
             signal.signal(number, signal.default_int_handler)
         begun = time.monotonic()

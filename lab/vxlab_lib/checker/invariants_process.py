@@ -3,7 +3,7 @@
 from datetime import datetime
 from statistics import median
 
-from .evidence import first_existing, read_bytes
+from .evidence import CouldNotRun, first_existing, read_bytes
 from .promises import INFINITE
 
 SECOND = 10**9
@@ -111,6 +111,8 @@ def processes(episode, check):
             check.violated(text, t=t, node=node)
     for node, files in episode.files.items():
         printed = read_bytes(first_existing(files.path("stderr"), files.path("output.log")))
+        if b"cannot be preloaded" in printed:
+            raise CouldNotRun(f"node {node} ran without a library that was meant for it: see its stderr")
         word = next((word for word in SANITIZERS if word in printed), None)
         if word:
             check.violated(f"printed \"{word.decode()}\"", node=node)

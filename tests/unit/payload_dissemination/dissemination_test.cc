@@ -27,6 +27,7 @@ wire::log delivered;
 wire::log lost;
 std::atomic<bool> is_delivery_held;
 std::atomic<int> deliveries_begun;
+std::atomic<uint64_t> decisions;
 
 void on_deliver(uint32_t id, uint8_t sender, const payload_buf *)
 {
@@ -84,7 +85,10 @@ protected:
     lost.clear();
     is_delivery_held = false;
     deliveries_begun = 0;
-    EXPECT_EQ(paxos_data_init({on_deliver, on_lost, nullptr}), 0);
+    decisions = 0;
+    EXPECT_EQ(paxos_data_init(
+                  {.deliver = on_deliver, .lost = on_lost, .decisions_received = [] { return decisions.load(); }}),
+              0);
     EXPECT_EQ(paxos_data_start(), 0);
   }
   ~dissemination() override
@@ -337,6 +341,23 @@ TEST_F(dissemination, skips_a_payload_that_a_quorum_lacks)
   fake::inject(5, 3, wire::data_header(wire::MISSING, 3, C));
   EXPECT_TRUE(fake::wait_for([] { return paxos_data_handled() == 2; }));
   EXPECT_EQ(lost, (wire::log{A, C}));
+}
+
+// A node whose disk is slow works through old decisions, whose payloads the others have dropped: the newer ones that
+// wait behind them are the cure.
+TEST_F(dissemination, gives_nothing_up_while_decisions_keep_coming)
+{
+  pull(1, {A});
+  for (size_t requests = 1; requests <= 4; ++requests) {
+    ASSERT_TRUE(wait_sent(wire::REQ, requests));
+    for (const uint32_t from : {2u, 3u}) {
+      fake::inject(5, from, wire::data_header(wire::MISSING, from, A));
+    }
+    decisions = 2 * requests + 1;  // one is being handled
+  }
+  EXPECT_EQ(fake::logged("data lost"), 0u);
+  ++decisions;
+  EXPECT_TRUE(fake::wait_logged("data lost"));
 }
 
 // An OFFER whose owner died, or MISSING for another payload, must not stop or falsify what the log needs now.
