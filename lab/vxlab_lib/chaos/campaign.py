@@ -18,7 +18,7 @@ COLUMNS = ["arena", "nodes", "faults", "seeds", "minutes", "submissions", "ackno
 
 
 class Campaign:
-    """`options`: the command line's (arena, seed, minutes or replay, nodes, faults, keep, work)."""
+    """`options`: the command line's (arena, seed, minutes or episodes, nodes, faults, keep, ..)."""
 
     def __init__(self, options, build, progress):
         self._options = options
@@ -44,7 +44,11 @@ class Campaign:
             while True:
                 self._one(seed, evidence_root)
                 seed += 1
-                if options.replay or time.monotonic() - begun >= options.minutes * 60:
+                if options.episodes:
+                    is_over = seed - options.seed >= options.episodes
+                else:
+                    is_over = time.monotonic() - begun >= options.minutes * 60
+                if is_over:
                     break
                 if self.violated and options.first:
                     break

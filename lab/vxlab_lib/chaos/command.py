@@ -47,7 +47,7 @@ def add_command(subparsers):
             return list_faults()
         options.faults = parse_faults(options.faults, options.arena)
         if options.replay is not None:
-            options.seed, options.replay = options.replay, True
+            options.seed, options.episodes = options.replay, 1
         return Campaign(options, Build(options.bin, options.library), Progress()).run()
 
     parser = subparsers.add_parser("chaos", help=HELP, description=HELP, epilog=EPILOG,
@@ -58,6 +58,7 @@ def add_command(subparsers):
     parser.add_argument("--seed", type=int, default=1, metavar="S", help="first seed (default 1)")
     parser.add_argument("--minutes", type=float, default=1.0, metavar="M",
                         help="begin episodes for so long (default 1)")
+    parser.add_argument("--episodes", type=int, metavar="N", help="so many episodes instead, however long they take")
     parser.add_argument("--nodes", type=int, default=3, choices=[3, 5, 16], help="nodes of the cluster (default 3)")
     parser.add_argument("--faults", default="all", metavar="LIST", help="see below (default all)")
     parser.add_argument("--replay", type=int, metavar="SEED", help="one episode, with this seed")
