@@ -258,9 +258,26 @@ def run_bench(subparsers):
     parser.add_argument("--csv", metavar="FILE", help="where the figures go (default: bench.csv in the run directory)")
 
 
+def run_soak(subparsers):
+    def run(options):
+        from . import soak  # only here: all other commands do without
+
+        soak.run(options, Progress())
+
+    parser = add(subparsers, "soak", "long life: steady load, then loops of the life cycle; does anything grow?", run)
+    parser.add_argument("--minutes", type=float, default=30.0, metavar="M", help="of steady load (default 30; 0: none)")
+    parser.add_argument("--cycles", type=int, default=1000, metavar="N",
+                        help="of each loop: leave and start, and reinit, on a follower and on the leader (default 1000)")
+    parser.add_argument("--nodes", type=int, default=3, choices=range(2, NODES_MAX + 1), metavar="N",
+                        help=f"nodes of the cluster, 2 to {NODES_MAX} (default 3)")
+    parser.add_argument("--transport", choices=["udp", "broker"], default="udp",
+                        help="how the nodes talk (default udp)")
+    parser.add_argument("--library", metavar="FILE", help="another libvx_cons.so.1 than that of the build tree")
+
+
 def number_list(text):
     return [int(word) for word in text.split(",")]
 
 
 COMMANDS = [up, status, submit, master, kill, start, stop, pause, resume, partition, heal, journal, say, heard, execute,
-            run_bench, run_demo, chaos, down]
+            run_bench, run_demo, chaos, run_soak, down]

@@ -1,11 +1,11 @@
-"""What the steps of a plan do. One function per action, `do_...(stage, track, step)`; those of disks have a file of
-their own."""
+"""What the steps of a plan do. One function per action, `do_...(stage, track, step)`; those of disks, and
+those that are whole plots, have files of their own."""
 
 import os
 import struct
 
 from ..errors import LabError
-from . import disk_actions, strangers
+from . import disk_actions, exact_actions, strangers
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
 
@@ -178,5 +178,6 @@ def do_strangers(stage, _track, step):
     stage.events.add("strangers", count=step["count"])
 
 
-ACTIONS = {name[3:].replace("_", "-"): action for name, action in [*vars(disk_actions).items(), *globals().items()]
-           if name.startswith("do_")}
+ACTIONS = {name[3:].replace("_", "-"): action
+           for names in (vars(disk_actions), vars(exact_actions), globals())
+           for name, action in list(names.items()) if name.startswith("do_")}

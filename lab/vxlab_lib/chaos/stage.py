@@ -53,6 +53,14 @@ class Stage:
         self.at_roll_over += found is not None
         return found
 
+    def await_that(self, predicate, timeout_s):
+        """Whether `predicate` came true in time, before the faults end."""
+        deadline = time.monotonic() + timeout_s
+        while not predicate():
+            if time.monotonic() > deadline or not self.pause(0.005):
+                return False
+        return True
+
     # ---- who is who
 
     def leaders(self):

@@ -1,8 +1,8 @@
 """All faults by name. Each group is a file: what a fault does is a list of steps, drawn from a seed."""
 
-from . import disk, host, leadership, lifecycle, network, process
+from . import disk, exact, host, leadership, lifecycle, network, process
 
-GROUPS = (network, leadership, process, disk, host, lifecycle)
+GROUPS = (network, leadership, process, disk, host, lifecycle, exact)
 FAULTS = {fault.name: fault for group in GROUPS for fault in group.FAULTS}
 
 

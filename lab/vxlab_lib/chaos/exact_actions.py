@@ -1,0 +1,176 @@
+"""Steps that are whole plots: they wait for what they need in the cluster's files, and so meet one certain order of
+events that chance meets once in a thousand times. Each leaves off where the order cannot be had any more."""
+
+import threading
+
+from ..errors import LabError
+from . import decisions
+from .faults.network import both_ways
+from .frozen_thread import frozen
+from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
+
+STOP_MAX_S = 20.0  # far longer than a stop may take; who has not ended then never will
+HELD_MAX = 10_000
+
+
+def sides(stage):
+    """(leader, those who with it are a majority, all others, who with one of those or with it are one too)."""
+    leader = stage.node_id("leader")
+    others = [node_id for node_id in sorted(stage.cluster.nodes) if node_id != leader]
+    return leader, others[:len(others) // 2], others[len(others) // 2:]
+
+
+def log_of(stage, node_id):
+    """(its first entry, number of the last decision, Decided) of a node; the first entry tells logs apart."""
+    decided = decisions.read_decided(stage.cluster.nodes[node_id].cons_dir)
+    return (decided.entry(0), decided.number, decided) if decided and decided.count else (None, 0, None)
+
+
+def all_run(stage):
+    return all(stage.is_running(node_id) for node_id in stage.cluster.nodes)
+
+
+def lost(source, target, channel, kind):
+    return {"from": source, "to": target, "channel": channel, "type": kind, "loss": 1.0}
+
+
+def make_whole(stage, track, node_id):
+    stage.set_cuts(track, [])
+    stage.set_rules(track, [])
+    stage.settle(node_id)
+
+
+def slow_deliver_hook(stage, node_id, wait_ms):
+    stage.longest_hook_ms = max(stage.longest_hook_ms, wait_ms)
+    stage.cluster.node(node_id).control.slow("deliver", wait_ms)
+    stage.events.add("slow-hook", node=node_id, deliver_ms=wait_ms)
+
+
+def do_reused_round(stage, track, step):
+    """The leader does not hear its own requests, so its acceptor need not know the round in which it writes. It dies
+    in a write that only `witnesses` heard, comes back, and decides that number with the others, who heard nothing of
+    it. At last the witnesses lead, and the leader is away: what they read from the others has to win."""
+    with stage.one_down(True) as may:
+        leader, witnesses, others = sides(stage)
+        if not may or not all_run(stage):
+            return
+        alone = [lost(leader, leader, 3, "*"), *(lost(other, leader, 4, "FORWARD") for other in others)]
+        stage.set_rules(track, alone)
+        stage.pause(0.4)  # what the others had forwarded is decided now: after its death it proposes something else
+        stage.set_rules(track, [*(lost(leader, other, 3, "WRITE_REQ") for other in others), *alone])
+        stage.pause(step["write_s"])
+        stage.kill(leader)
+        stage.set_cuts(track, both_ways(witnesses, [leader, *others]))
+        stage.set_rules(track, [lost(leader, 0, 4, "DECIDE"),
+                                *(lost(other, leader, 4, "FORWARD") for other in others)])
+        restart_after(stage, leader, step)
+        stage.pause(step["apart_s"])
+        stage.set_cuts(track, both_ways([leader], [*witnesses, *others]))
+        stage.set_rules(track, [{"from": other, "to": 0, "channel": 3, "type": "READ_ACK", "delay_ms": [200, 200]}
+                                for other in others])
+        stage.set_masters([witnesses[0]])
+        stage.pause(step["apart_s"])
+        make_whole(stage, track, leader)
+
+
+def do_restarted_voter(stage, track, step):
+    """Nodes that missed decisions lead, and need the vote of one that helped to make them and has restarted since. It
+    does not tell them what was decided."""
+    with stage.one_down(True) as may:
+        leader, voters, ignorant = sides(stage)
+        if not may or not all_run(stage):
+            return
+        voter = voters[0]
+        nodes = sorted(stage.cluster.nodes)
+        stage.set_cuts(track, both_ways([leader, *voters], ignorant))
+        stage.pause(step["ahead_s"])
+        stage.set_cuts(track, both_ways(nodes, nodes))
+        stage.pause(0.5)  # all that was decided is delivered: the restart shall not cost payloads
+        stage.kill(voter)
+        stage.set_rules(track, [lost(voter, 0, 4, "DECIDE")])
+        stage.set_masters([ignorant[0]])
+        stage.set_cuts(track, both_ways([leader, *voters[1:]], [voter, *ignorant]))
+        restart_after(stage, voter, step)
+        stage.pause(step["apart_s"])
+        make_whole(stage, track, voter)
+
+
+def do_stop_at_new_log(stage, _track, step):
+    """A node is stopped while its pull-thread waits, for the new log, until the queue of the old one is empty."""
+    node_id = stage.node_id(step["node"])
+    while not stage.over.is_set() and stage.is_running(node_id):
+        with frozen(stage.cluster.node(node_id).pid(), "deliver-thread"):
+            old, number, _ = log_of(stage, node_id)
+            # It may have been met with the queue's lock: then the node adopts at most one decision more.
+            if not stage.await_that(lambda: log_of(stage, node_id)[1] > number + 3, 0.5):
+                continue
+            if not stage.await_that(lambda: log_of(stage, node_id)[0] != old, step["log_s"]):
+                return
+            stage.pause(step["fetch_s"])
+            stopping = threading.Thread(target=_stop, args=(stage, node_id), daemon=True)
+            stopping.start()
+            stage.pause(0.2)
+        stopping.join(STOP_MAX_S)
+        if stopping.is_alive():
+            stage.kill(node_id)
+            stopping.join()
+            ensure_active(stage, node_id)
+        else:
+            start_protocol(stage, node_id)
+        return
+
+
+def _stop(stage, node_id):
+    try:
+        stop_protocol(stage, node_id)
+    except LabError:
+        pass  # it was killed, for it did not stop
+
+
+def do_late_snapshot(stage, track, step):
+    """A follower hears of a new log but has to wait for its snapshot; a message of its own is decided in that log.
+    While it delivers the snapshot at last, it hears of the next log, whose snapshot has swallowed the message."""
+    node_id = stage.node_id("last")
+    leader = stage.node_id("leader")
+    hold = stage.next_id()
+    stage.set_rules(track, [lost(node_id, 0, 4, "FORWARD")])
+    stage.pause(0.4)  # what it had forwarded is delivered now: its next message waits for the new log
+    stage.fabric.ask("hold", id=hold, match={"to": node_id, "channel": 5, "type": "DATA"}, max=HELD_MAX)
+    is_held = True
+    try:
+        old = log_of(stage, leader)[0]
+        if not stage.await_that(lambda: log_of(stage, leader)[0] != old, step["log_s"]):
+            return
+        stage.set_rules(track, [])
+        new = log_of(stage, leader)[0]
+
+        def names_own():
+            first, _, decided = log_of(stage, node_id)
+            return first == new and any(decided.entry(at)[0] == node_id for at in range(1, decided.count))
+
+        if not stage.await_that(names_own, step["log_s"]):
+            return
+        stage.set_rules(track, [lost(0, node_id, 4, "DECIDE")])
+        if not stage.await_that(lambda: log_of(stage, leader)[0] != new, step["log_s"]):
+            return
+        slow_deliver_hook(stage, node_id, step["hook_ms"])
+        released = stage.fabric.ask("release", id=hold, drop=False)["released"]
+        is_held = False
+        stage.events.add("release", id=hold, released=released, drop=False)
+        stage.pause(step["hook_ms"] / 4000)
+        stage.set_rules(track, [])
+        stage.pause(step["hook_ms"] / 1000)
+    finally:
+        if is_held:
+            stage.fabric.ask("release", id=hold, drop=False)
+        stage.set_rules(track, [])
+        slow_deliver_hook(stage, node_id, 0)
+
+
+def do_freeze(stage, _track, step):
+    node_id = stage.node_id(step["node"])
+    if stage.is_running(node_id):
+        stage.events.add("freeze", node=node_id, thread=step["thread"])
+        with frozen(stage.cluster.node(node_id).pid(), step["thread"]):
+            stage.pause(step["for_s"])
+        stage.events.add("thaw", node=node_id, thread=step["thread"])
