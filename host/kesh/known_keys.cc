@@ -74,8 +74,9 @@ void warn_of_unknown_keys(const std::string &config_path)
   for (size_t number = 1; std::getline(file, line); number++) {
     const std::string key = key_of(line);
     if (is_ours(key) && std::find(std::begin(KNOWN), std::end(KNOWN), without_numbers(key)) == std::end(KNOWN)) {
-      platform::log_line(platform::log_level::warning,
-                         config_path + ':' + std::to_string(number) + ": " + key + ": not known, without effect");
+      std::string text = config_path;
+      text.append(":").append(std::to_string(number)).append(": ").append(key).append(": not known, without effect");
+      platform::log_line(platform::log_level::warning, text);
     }
   }
 }

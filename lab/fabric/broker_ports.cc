@@ -136,7 +136,7 @@ void broker_ports::connection::flush()
   std::array<iovec, 2 * BATCH> parts;
   waits_for_room_ = false;
   while (!queue_.empty() && !has_ended_) {
-    unsigned count = 0;
+    size_t count = 0;
     for (auto one = queue_.begin(); one != queue_.end() && count < BATCH; ++one, ++count) {
       iovec *const part = &parts[2 * count];
       part[0] = {one->header.data(), one->header.size()};
@@ -147,7 +147,7 @@ void broker_ports::connection::flush()
       headers[count].msg_hdr.msg_iov = part;
       headers[count].msg_hdr.msg_iovlen = one->what ? 2 : 1;
     }
-    const int sent = sendmmsg(socket_.get(), headers.data(), count, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const int sent = sendmmsg(socket_.get(), headers.data(), static_cast<unsigned>(count), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0) {
       waits_for_room_ = errno == EAGAIN || errno == ENOBUFS;
       // Any other error means that the node has gone, which reading finds too, after what it has sent before.

@@ -99,9 +99,7 @@ void run(const options &given)
   log.end(net.stats().dump());
 }
 
-}  // namespace
-
-int main(int argc, char **argv)
+int parse_and_run(int argc, char **argv)
 {
   options given;
   CLI::App app("The network of a cluster under test: carries every datagram between the nodes, and loses, doubles,\n"
@@ -129,9 +127,16 @@ int main(int argc, char **argv)
     std::fprintf(stderr, "vx-fabric: --tap %s\n", error.what());
     return EXIT_USAGE;
   }
+  run(given);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
   try {
-    run(given);
-    return 0;
+    return parse_and_run(argc, argv);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "vx-fabric: %s\n", error.what());
     return EXIT_FAILED;

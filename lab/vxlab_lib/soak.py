@@ -1,14 +1,9 @@
 """Long life: a cluster under steady load, then loops of leaving and joining and of beginning anew. Does anything grow?
+Does anything hang? Are the journals equal at the end?"""
 
-What may grow, and can be counted, is subtracted: a payload whose submission was given up stays until cleanup in every
-node that has it, and kesh remembers of each line which took more than one attempt that it did."""
-
-import csv
 import os
 import time
 from contextlib import contextmanager
-from dataclasses import dataclass, field
-from statistics import mean, median
 from types import SimpleNamespace
 
 from .chaos import decisions
@@ -20,11 +15,11 @@ from .cluster import Cluster
 from .control import NodeUnreachable
 from .errors import CheckFailed, LabError, UsageError
 from .progress import bar
-from .waiting import wait_until
+from .soak_figures import JOURNAL_KEEP, PAYLOAD_BYTES, Figures, file_figures
+from .waiting import WaitTimeout, wait_until
 
-PAYLOAD_BYTES = [200, 200, 200, 3000]  # in turn; the long ones travel in pieces
 LOAD = {"threads": 3, "sizes": PAYLOAD_BYTES, "pause_ms": 60}
-SETTINGS = {"journal.keep": 200, "log.max_size": LOG_BYTES_MAX}  # few lines kept in memory: it has to stay flat
+SETTINGS = {"journal.keep": JOURNAL_KEEP, "log.max_size": LOG_BYTES_MAX}
 
 PERIOD_S = 1.0
 LEAVE_EVERY = 8  # seconds; a node leaves for one of them
@@ -36,73 +31,8 @@ FURTHER_LINES = 260  # more than a log holds: a snapshot makes all journals equa
 
 ROLL_OVERS_MIN = 50
 LONG_MINUTES = 10  # a soak of that length with fewer roll-overs says nothing
-LIMITS = {"rss_kb": 512, "fds": 1, "threads": 1, "files": 2, "stale": 0}  # by how much a median may rise
-TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
-          "stale": "temporary files left"}
-GIVEN_UP_BYTES = mean(PAYLOAD_BYTES) + 400  # a payload in the library's table, and what belongs to it
-ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
-STALE_S = 5.0  # a save takes less
 DESPAIR = [b"This should never happen", b"corrupted message set", b"Isolating"]
 LOST = b"data lost - skipped"
-
-
-@dataclass
-class Phase:
-    name: str
-    middle: tuple  # the shares of the samples whose medians are compared
-    end: tuple
-    cycles: int = 0
-    samples: list = field(default_factory=list)  # {"t", "given_up", "number", "cycle", node: {figure: value}}
-    roll_overs: int = 0
-    longest_s: dict = field(default_factory=dict)  # call -> seconds
-
-    def window(self, share, pick):
-        """Median over a part of the phase."""
-        count = len(self.samples)
-        begin = min(int(share[0] * count), count - 1)
-        return median(pick(sample) for sample in self.samples[begin:max(begin + 1, int(share[1] * count))])
-
-    def rise(self, pick):
-        return self.window(self.end, pick) - self.window(self.middle, pick)
-
-    def subtracted_kb(self):
-        return max(0.0, self.rise(lambda sample: sample["given_up"])) * (GIVEN_UP_BYTES + ATTEMPT_BYTES) / 1024
-
-    def allowed(self, figure):
-        return LIMITS[figure] + (self.subtracted_kb() if figure == "rss_kb" else 0)
-
-    def grown(self, node_id):
-        return [figure for figure in LIMITS
-                if self.rise(lambda sample: sample[node_id][figure]) > self.allowed(figure)]
-
-    def cells(self, node_id):
-        """One row of the table: every figure at the start, in the middle and at the end."""
-        def course(figure):
-            shares = ((0, 0.1), self.middle, self.end)
-            return " / ".join(f"{self.window(share, lambda one: one[node_id][figure]):.0f}" for share in shares)
-
-        grown = self.grown(node_id)
-        return [self.name, node_id, len(self.samples), self.roll_overs, course("rss_kb"),
-                f"{self.rise(lambda sample: sample[node_id]['rss_kb']):+.0f}", f"{self.subtracted_kb():.0f}",
-                *(course(figure) for figure in list(LIMITS)[1:]),
-                "GROWS: " + ", ".join(TITLES[figure] for figure in grown) if grown else "flat"]
-
-
-COLUMNS = ["phase", "node", "samples", "roll-overs", TITLES["rss_kb"], "rise", "subtracted",
-           *(TITLES[figure] for figure in list(LIMITS)[1:]), "verdict"]
-
-
-def file_figures(directory):
-    """Number of files, and of temporary ones that nobody is writing any more."""
-    names = os.listdir(directory)
-    stale = 0
-    for name in names:
-        if name.endswith(".tmp"):
-            try:
-                stale += time.time() - os.stat(os.path.join(directory, name)).st_mtime > STALE_S
-            except FileNotFoundError:
-                pass
-    return {"files": sum(not name.endswith(".tmp") for name in names), "stale": stale}
 
 
 class SoakArena(BrokerArena):
@@ -135,29 +65,34 @@ class Soak:
         self._progress = progress
         self._load = Load(cluster, LOAD)
         self._leader = 1
-        self._cleaned_up = False
         self._log = None  # number of the first decision in the log
-        self.phases = []
+        self.figures = Figures(cluster.nodes)
         self.faults = []
         self.notes = []
 
     def run(self, minutes, cycles):
-        """Fills phases, faults and notes. Raises LabError when it cannot go on."""
+        """Fills figures, faults and notes. Raises CheckFailed where something hangs or differs."""
         self._cluster.start_all(master=self._leader)
         self._pids = {node_id: state["pid"] for node_id, state in self._cluster.processes().items()}
         for node_id in self._cluster.nodes:
             self._load.begin(node_id)
-        if minutes:
-            self._soak(minutes)
-        if cycles:
-            follower = self._next(self._leader)
-            for calls in (("leave", "start"), ("reinit",)):
-                if calls == ("reinit",):
-                    self._read_logs()
-                    self._cleaned_up = True
-                for role, node_id in (("follower", follower), ("leader", self._leader)):
-                    self._loop(f"{'/'.join(calls)}, {role} {node_id}", node_id, calls, cycles)
-        self._rest()
+        try:
+            if minutes:
+                self._soak(minutes)
+            if cycles:
+                self._loops(cycles)
+            self._rest()
+        except (NodeUnreachable, WaitTimeout) as error:  # nobody made a fault: whoever is mute or late hangs
+            phase = self.figures.phases[-1]
+            ended = [f"node {node_id} has ended with {state['exit_code']}"
+                     for node_id, state in self._cluster.processes().items() if not state["running"]]
+            raise CheckFailed(f"{phase.name}, cycle {phase.cycles + 1}: {'; '.join([str(error), *ended])}") from error
+
+    def _loops(self, cycles):
+        follower = self._next(self._leader)
+        for calls in (("leave", "start"), ("reinit",)):
+            for role, node_id in (("follower", follower), ("leader", self._leader)):
+                self._loop(f"{'/'.join(calls)}, {role} {node_id}", node_id, calls, cycles)
 
     def _next(self, node_id):
         return node_id % len(self._cluster.nodes) + 1
@@ -165,7 +100,7 @@ class Soak:
     # ---- what is done to the cluster
 
     def _soak(self, minutes):
-        phase = self._begin("soak", (1 / 3, 2 / 3), (2 / 3, 1))
+        phase = self._begin("soak", (1 / 3, 2 / 3), (2 / 3, 1), ROLL_OVERS_MIN)
         begun = time.monotonic()
         node_id, left = self._leader, False
         second = 0
@@ -187,11 +122,9 @@ class Soak:
             time.sleep(max(0.0, begun + second * PERIOD_S - time.monotonic()))
         if left:
             self._call(phase, node_id, "start")
-        if phase.roll_overs < ROLL_OVERS_MIN:
-            if minutes >= LONG_MINUTES:
-                raise LabError(f"only {phase.roll_overs} roll-overs in {minutes:g} minutes: this machine is too slow "
-                               f"for a verdict, which needs {ROLL_OVERS_MIN}")
-            self.notes.append(f"only {phase.roll_overs} roll-overs in the soak: too short for a verdict that counts")
+        if phase.roll_overs < ROLL_OVERS_MIN and minutes >= LONG_MINUTES:
+            raise LabError(f"only {phase.roll_overs} roll-overs in {minutes:g} minutes: this machine is too slow for a "
+                           f"verdict, which needs {ROLL_OVERS_MIN}")
 
     def _loop(self, name, node_id, calls, cycles):
         phase = self._begin(name, (1 / 4, 1 / 2), (3 / 4, 1))
@@ -201,12 +134,9 @@ class Soak:
             for call in calls:
                 self._call(phase, node_id, call)
             begun = time.monotonic()
-            try:
-                wait_until(lambda: node.control.status()["submissions"]["acknowledged"] > before, PROGRESS_S,
-                           f"node {node_id} gets a line through after {'/'.join(calls)}, cycle {phase.cycles + 1}")
-            except LabError as error:
-                raise CheckFailed(str(error)) from error
-            self._note_time(phase, "next line", time.monotonic() - begun)
+            wait_until(lambda: node.control.status()["submissions"]["acknowledged"] > before, PROGRESS_S,
+                       f"node {node_id} gets a line through")
+            phase.note_time("next line", time.monotonic() - begun)
             phase.cycles += 1
             self._sample(phase)
             self._show(phase, bar(phase.cycles, cycles))
@@ -214,13 +144,9 @@ class Soak:
     def _call(self, phase, node_id, call):
         control = self._cluster.node(node_id).control
         begun = time.monotonic()
-        try:
-            {"leave": control.stop_protocol, "start": control.start_protocol, "reinit": control.reinit}[call]()
-        except NodeUnreachable as error:
-            raise CheckFailed(f"{phase.name}, cycle {phase.cycles + 1}: {call} hangs, or the node has ended: "
-                              f"{error}") from error
+        {"leave": control.stop_protocol, "start": control.start_protocol, "reinit": control.reinit}[call]()
         took_s = time.monotonic() - begun
-        self._note_time(phase, call, took_s)
+        phase.note_time(call, took_s)
         if took_s > CALL_S:
             self.faults.append(f"{phase.name}, cycle {phase.cycles + 1}: {call} took {took_s:.1f} s on node {node_id}, "
                                f"{CALL_S:g} are allowed")
@@ -245,7 +171,6 @@ class Soak:
         self._read_logs()
 
     def _read_logs(self):
-        """Only a cleanup may lose payloads: those that nobody else has fetched yet."""
         for node in self._cluster.nodes.values():
             with open(node.log_path, "rb") as file:
                 lost, worst = 0, None
@@ -253,29 +178,21 @@ class Soak:
                     lost += LOST in line
                     if worst is None and any(word in line for word in DESPAIR):
                         worst = line.decode(errors="replace").strip()
-            if lost and self._cleaned_up:
-                self.notes.append(f"node {node.id} has skipped {lost} payloads that a cleanup had lost")
-            elif lost:
-                self.faults.append(f"node {node.id} has lost {lost} payloads before any cleanup")
+            if lost:  # the only node that had it, mostly a leader with a new snapshot, left or was cleaned up
+                self.notes.append(f"node {node.id} has skipped {lost} lost payloads")
             if worst:
                 self.faults.append(f"node {node.id} logged: {worst}")
 
     # ---- what is seen of it
 
-    def _begin(self, name, middle, end):
+    def _begin(self, name, *arguments):
         self._progress.say(name)
-        self.phases.append(Phase(name, middle, end))
-        return self.phases[-1]
-
-    def _note_time(self, phase, what, seconds):
-        phase.longest_s[what] = max(phase.longest_s.get(what, 0.0), seconds)
+        return self.figures.begin(name, *arguments)
 
     def _sample(self, phase):
         sample = {"t": time.monotonic(), "given_up": 0}
         for node_id, node in self._cluster.nodes.items():
-            figures = process_figures(self._pids[node_id])
-            if not figures:
-                raise CheckFailed(f"{phase.name}: the process of node {node_id} has ended: {node.last_words()}")
+            figures = self._look_at_process(node_id)
             sample[node_id] = {"rss_kb": figures["rss_kb"], "fds": figures["fds"],
                                "threads": sum(figures["tasks"].values()), **file_figures(node.cons_dir)}
             sent = node.control.status()["submissions"]
@@ -286,57 +203,21 @@ class Soak:
         self._log = max(self._log or 0, number - count)
         phase.samples.append(sample)
 
+    def _look_at_process(self, node_id):
+        while True:
+            figures = process_figures(self._pids[node_id])
+            if figures:
+                return figures
+            process = self._cluster.node(node_id).process()  # it has ended, or just one of its threads
+            if not process["running"]:
+                raise CheckFailed(f"the process of node {node_id} has ended with {process['exit_code']}: "
+                                  f"{self._cluster.node(node_id).last_words()}")
+
     def _show(self, phase, done):
         last = phase.samples[-1]
         memory = ", ".join(str(last[node_id]["rss_kb"]) for node_id in self._cluster.nodes)
         self._progress.update(f"{phase.name}: {done}, {phase.roll_overs} roll-overs, {last['given_up']} attempts "
                               f"given up, RSS {memory} KiB")
-
-    def judge(self):
-        """What does not hold: what grows comes after what went wrong by itself."""
-        return self.faults + [f"{phase.name}: {TITLES[figure]} of node {node_id} grows" for phase in self.phases
-                              if phase.samples for node_id in self._cluster.nodes for figure in phase.grown(node_id)]
-
-    def write_samples(self, path):
-        with open(path, "w", encoding="utf-8", newline="") as file:
-            rows = csv.writer(file)
-            rows.writerow(["phase", "t", "given_up", "node", *LIMITS])
-            for phase in self.phases:
-                for sample in phase.samples:
-                    for node_id in self._cluster.nodes:
-                        rows.writerow([phase.name, f"{sample['t']:.2f}", sample["given_up"], node_id,
-                                       *(sample[node_id][figure] for figure in LIMITS)])
-
-    def print_table(self):
-        print("| " + " | ".join(COLUMNS) + " |")
-        print("|" + "---|" * len(COLUMNS))
-        for phase in self.phases:
-            for node_id in self._cluster.nodes if phase.samples else []:
-                print("| " + " | ".join(str(cell) for cell in phase.cells(node_id)) + " |")
-        others = ", ".join(f"{TITLES[name]} {limit}" for name, limit in LIMITS.items() if name != "rss_kb")
-        print(f"""
-Each figure: median of the first tenth / of the second third / of the last third of the soak's samples; in a loop of
-the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
-{LIMITS['rss_kb']} KiB and what is subtracted; {others}.
-Subtracted: for each attempt given up meanwhile, on whatever node, {GIVEN_UP_BYTES:.0f} bytes for a payload that stays
-until cleanup and {ATTEMPT_BYTES} for the journal's index of attempts. Of the journal, memory holds the newest
-{SETTINGS['journal.keep']} lines; its file grows on disk.
-""")
-        for phase in self.phases:
-            if phase.samples:
-                print(self._in_words(phase))
-        for note in self.notes:
-            print(f"- {note}")
-
-
-    def _in_words(self, phase):
-        times = ", ".join(f"{what} {seconds * 1000:.0f} ms" for what, seconds in phase.longest_s.items())
-        given_up = phase.samples[-1]["given_up"] - phase.samples[0]["given_up"]
-        blind = " or ".join(f"{LIMITS['rss_kb'] * 1024 / phase.rise(lambda one, key=key: one[key]):.0f} bytes per {what}"
-                            for key, what in (("number", "decision"), ("cycle", "cycle"))
-                            if phase.rise(lambda one, key=key: one[key]))
-        return (f"- {phase.name}: {phase.cycles} cycles, {given_up} attempts given up; longest: {times or '-'}; a leak "
-                f"below {blind} would not be seen")
 
 
 def run(options, progress):
@@ -349,12 +230,14 @@ def run(options, progress):
             soak.run(options.minutes, options.cycles)
         finally:
             progress.close()
-            if any(phase.samples for phase in soak.phases):
-                soak.print_table()
+            if any(phase.samples for phase in soak.figures.phases):
+                soak.figures.print_table()
                 path = os.path.join(options.dir, "soak.csv")
-                soak.write_samples(path)
-                print(f"- all samples: {path}", flush=True)
-    wrong = soak.judge()
+                soak.figures.write_samples(path)
+                print("".join(f"- {note}\n" for note in [*soak.notes, f"all samples: {path}"]), end="", flush=True)
+    wrong = soak.faults + soak.figures.growing()
     if wrong:
         raise CheckFailed("; ".join(wrong))
-    print("- verdict: flat, nothing hung, all journals equal")
+    is_long = all(phase.is_long() for phase in soak.figures.phases)
+    print(f"- verdict: {'flat' if is_long else 'too short to tell whether memory grows'}, nothing hung, all journals "
+          "equal")

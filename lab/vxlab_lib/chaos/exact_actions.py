@@ -73,6 +73,72 @@ def do_reused_round(stage, track, step):
         make_whole(stage, track, leader)
 
 
+def do_crossed_writes(stage, track, step):
+    """Two leaders, apart from each other, want the votes of the same nodes for one number: these hear the READ of the
+    second before the WRITE of the first, and that before the WRITE of the second."""
+    first, voters, rest = sides(stage)
+    if not all_run(stage):
+        return
+    second = rest[0]
+    holds = [stage.next_id(), stage.next_id()]
+    open_holds = []
+    # Each proposes what the other has not been told of, and nobody learns what was decided.
+    stage.set_rules(track, [*(lost(node_id, first, 4, "FORWARD") for node_id in rest),
+                            *(lost(node_id, second, 4, "FORWARD") for node_id in [first, *voters])])
+    stage.pause(0.4)
+    try:
+        for hold, leader in zip(holds, (first, second)):
+            stage.fabric.ask("hold", id=hold, match={"from": leader, "channel": 3, "type": "WRITE_REQ"}, max=HELD_MAX)
+            open_holds.append(hold)
+        stage.pause(0.3)  # the first one is in a WRITE now, and all know what was decided before
+        stage.set_cuts(track, both_ways([first], rest))
+        stage.set_rules(track, [lost(leader, 0, 4, kind) for leader in (first, second)
+                                for kind in ("DECIDE", "FORWARD")])
+        stage.set_masters([first, second])
+        stage.pause(step["duel_s"])
+        for hold in holds:
+            released = stage.fabric.ask("release", id=hold, drop=False)["released"]
+            open_holds.remove(hold)
+            stage.events.add("release", id=hold, released=released, drop=False)
+            stage.pause(step["between_s"])
+    finally:
+        for hold in open_holds:
+            stage.fabric.ask("release", id=hold, drop=True)
+        stage.set_cuts(track, [])
+        stage.set_rules(track, [])
+        stage.set_masters([second])
+
+
+def do_full_log_unhandled(stage, track, step):
+    """A node that has heard of a whole log, but lacks its snapshot, leads when the next one has to begin."""
+    node_id = stage.node_id("last")
+    leader = stage.node_id("leader")
+    holds = [stage.next_id(), stage.next_id()]
+    open_holds = holds[:1]
+    stage.fabric.ask("hold", id=holds[0], match={"to": node_id, "channel": 5, "type": "DATA"}, max=HELD_MAX)
+    try:
+        old = log_of(stage, leader)[0]
+        if not stage.await_that(lambda: log_of(stage, leader)[0] != old, step["log_s"]):
+            return
+        new, number, decided = log_of(stage, leader)
+        following = number - decided.count + 1 + decisions.LOG_ENTRIES_MAX
+        stage.fabric.ask("hold", id=holds[1], match={"from": leader, "channel": 3, "type": "READ_REQ",
+                                                     "number": following}, max=HELD_MAX)
+        open_holds = holds
+
+        def is_full():
+            first, _, decided = log_of(stage, node_id)
+            return first == new and decided.count == decisions.LOG_ENTRIES_MAX
+
+        if stage.await_that(is_full, step["log_s"]):
+            stage.set_masters([node_id])
+            stage.pause(step["lead_s"])
+    finally:
+        for hold in open_holds:
+            stage.fabric.ask("release", id=hold, drop=hold != holds[0])
+    stage.pause(1.0)
+
+
 def do_restarted_voter(stage, track, step):
     """Nodes that missed decisions lead, and need the vote of one that helped to make them and has restarted since. It
     does not tell them what was decided."""

@@ -16,6 +16,16 @@ def restarted_voter(draw, _nodes, seconds):
                     apart_s=round(draw.uniform(1.0, 2.5), 2)) for moment in times(draw, seconds, 6.0)])
 
 
+def crossed_writes(draw, _nodes, seconds):
+    return Made([at(moment, "crossed-writes", duel_s=round(draw.uniform(0.6, 1.2), 2),
+                    between_s=round(draw.uniform(0.1, 0.4), 2)) for moment in times(draw, seconds, 5.0)])
+
+
+def full_log_unhandled(draw, _nodes, seconds):
+    return Made([at(moment, "full-log-unhandled", log_s=8.0, lead_s=round(draw.uniform(0.5, 1.5), 2), log=[100, 230])
+                 for moment in times(draw, seconds, 7.0)], load={"sizes": [1, 40]})
+
+
 def stop_at_new_log(draw, _nodes, seconds):
     return Made([at(moment, "stop-at-new-log", node=draw.choice(["follower", "last"]), log_s=8.0,
                     fetch_s=round(draw.uniform(0.5, 1.5), 2), log=[150, 245]) for moment in times(draw, seconds, 5.0)])
@@ -39,6 +49,10 @@ def frozen_thread(draw, nodes, seconds):
 FAULTS = [
     Fault("reused-round", "exact order", "a leader that does not hear itself dies in a write that few heard, and "
           "decides the same number with those who heard nothing", UNDONE, reused_round, ("broker",)),
+    Fault("crossed-writes", "exact order", "two leaders write the same number at the same nodes, which have promised it "
+          "to the second before they hear the first", UNDONE, crossed_writes),
+    Fault("full-log-unhandled", "exact order", "a node leads that has heard of a whole log but lacks its snapshot, when "
+          "the next log has to begin", UNDONE, full_log_unhandled),
     Fault("restarted-voter", "exact order", "nodes that missed decisions lead, with the vote of one that has restarted "
           "since, and is not heard to tell what was decided", UNDONE, restarted_voter),
     Fault("stop-at-new-log", "exact order", "a node is stopped as it waits to begin a new log; its deliver-thread got "

@@ -1,0 +1,146 @@
+"""What a soak has seen: figures of every node, phase by phase; whether they grow; a table of them.
+
+What may grow, and can be counted, is subtracted: a payload whose submission was given up stays until cleanup in every
+node that has it, and kesh remembers of each line which took more than one attempt that it did."""
+
+import csv
+import os
+import time
+from dataclasses import dataclass, field
+from statistics import mean, median
+
+JOURNAL_KEEP = 200  # lines of the journal in memory: few, so that it has to stay flat
+PAYLOAD_BYTES = [200, 200, 200, 3000]  # in turn; the long ones travel in pieces
+LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0}  # by how much a median may rise
+TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
+          "stale": "temporary files left"}
+GIVEN_UP_BYTES = mean(PAYLOAD_BYTES) + 400  # a payload in the library's table, and what belongs to it
+ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
+SAMPLES_MIN = 100  # of a phase whose memory is judged as strictly as that
+WARM_UP_KB = 2048  # what memory may rise in a shorter one: allocators and caches fill for a while
+STALE_S = 5.0  # a save takes less
+
+
+@dataclass
+class Phase:
+    name: str
+    middle: tuple  # the shares of the samples whose medians are compared
+    end: tuple
+    roll_overs_min: int = 0
+    cycles: int = 0
+    samples: list = field(default_factory=list)  # {"t", "given_up", "number", "cycle", node: {figure: value}}
+    roll_overs: int = 0
+    longest_s: dict = field(default_factory=dict)  # call -> seconds
+
+    def is_long(self):
+        return len(self.samples) >= SAMPLES_MIN and self.roll_overs >= self.roll_overs_min
+
+    def window(self, share, pick):
+        """Median over a part of the phase."""
+        count = len(self.samples)
+        begin = min(int(share[0] * count), count - 1)
+        return median(pick(sample) for sample in self.samples[begin:max(begin + 1, int(share[1] * count))])
+
+    def rise(self, pick):
+        return self.window(self.end, pick) - self.window(self.middle, pick)
+
+    def subtracted_kb(self):
+        return max(0.0, self.rise(lambda sample: sample["given_up"])) * (GIVEN_UP_BYTES + ATTEMPT_BYTES) / 1024
+
+    def note_time(self, what, seconds):
+        self.longest_s[what] = max(self.longest_s.get(what, 0.0), seconds)
+
+    def allowed(self, figure):
+        if figure != "rss_kb":
+            return LIMITS[figure]
+        return (LIMITS[figure] if self.is_long() else WARM_UP_KB) + self.subtracted_kb()
+
+    def grown(self, node_id):
+        return [figure for figure in LIMITS
+                if self.rise(lambda sample: sample[node_id][figure]) > self.allowed(figure)]
+
+    def cells(self, node_id):
+        """One row of the table: every figure at the start, in the middle and at the end."""
+        def course(figure):
+            shares = ((0, 0.1), self.middle, self.end)
+            return " / ".join(f"{self.window(share, lambda one: one[node_id][figure]):.0f}" for share in shares)
+
+        grown = self.grown(node_id)
+        return [self.name, node_id, len(self.samples), self.roll_overs, course("rss_kb"),
+                f"{self.rise(lambda sample: sample[node_id]['rss_kb']):+.0f}", f"{self.subtracted_kb():.0f}",
+                *(course(figure) for figure in list(LIMITS)[1:]),
+                "GROWS: " + ", ".join(TITLES[figure] for figure in grown) if grown else
+                "flat" if self.is_long() else "flat, as far as so short a time tells"]
+
+    def in_words(self):
+        times = ", ".join(f"{what} {seconds * 1000:.0f} ms" for what, seconds in self.longest_s.items())
+        given_up = self.samples[-1]["given_up"] - self.samples[0]["given_up"]
+        rises = {what: self.rise(lambda sample, key=key: sample[key])
+                 for key, what in (("number", "decision"), ("cycle", "cycle"))}
+        blind = " or ".join(f"{self.allowed('rss_kb') * 1024 / rise:.0f} bytes per {what}"
+                            for what, rise in rises.items() if rise)
+        return (f"{self.name}: {self.cycles} cycles, {given_up} attempts given up; longest: {times or '-'}; a leak "
+                f"below {blind or 'any size'} would not be seen")
+
+
+COLUMNS = ["phase", "node", "samples", "roll-overs", TITLES["rss_kb"], "rise", "subtracted",
+           *(TITLES[figure] for figure in list(LIMITS)[1:]), "verdict"]
+
+
+def file_figures(directory):
+    """Number of files, and of temporary ones that nobody is writing any more."""
+    names = os.listdir(directory)
+    stale = 0
+    for name in names:
+        if name.endswith(".tmp"):
+            try:
+                stale += time.time() - os.stat(os.path.join(directory, name)).st_mtime > STALE_S
+            except FileNotFoundError:
+                pass
+    return {"files": sum(not name.endswith(".tmp") for name in names), "stale": stale}
+
+
+class Figures:
+    def __init__(self, nodes):
+        self._nodes = list(nodes)
+        self.phases = []
+
+    def begin(self, *arguments):
+        """A new Phase of these arguments."""
+        self.phases.append(Phase(*arguments))
+        return self.phases[-1]
+
+    def growing(self):
+        """Sentences."""
+        return [f"{phase.name}: {TITLES[figure]} of node {node_id}: growth" for phase in self.phases if phase.samples
+                for node_id in self._nodes for figure in phase.grown(node_id)]
+
+    def write_samples(self, path):
+        with open(path, "w", encoding="utf-8", newline="") as file:
+            rows = csv.writer(file)
+            rows.writerow(["phase", "t", "given_up", "node", *LIMITS])
+            for phase in self.phases:
+                for sample in phase.samples:
+                    for node_id in self._nodes:
+                        rows.writerow([phase.name, f"{sample['t']:.2f}", sample["given_up"], node_id,
+                                       *(sample[node_id][figure] for figure in LIMITS)])
+
+    def print_table(self):
+        phases = [phase for phase in self.phases if phase.samples]
+        print("| " + " | ".join(COLUMNS) + " |")
+        print("|" + "---|" * len(COLUMNS))
+        for phase in phases:
+            for node_id in self._nodes:
+                print("| " + " | ".join(str(cell) for cell in phase.cells(node_id)) + " |")
+        others = ", ".join(f"{TITLES[name]} {limit}" for name, limit in LIMITS.items() if name != "rss_kb")
+        print(f"""
+Each figure: median of the first tenth / of the second third / of the last third of the soak's samples; in a loop of
+the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
+{LIMITS['rss_kb']} KiB ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of few roll-overs) and what is
+subtracted; {others}.
+Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes of a
+payload that stays until cleanup and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the newest
+{JOURNAL_KEEP} lines; its file grows on disk.
+""")
+        for phase in phases:
+            print(f"- {phase.in_words()}")
