@@ -267,7 +267,7 @@ def run_soak(subparsers):
     parser = add(subparsers, "soak", "long life: steady load, then loops of the life cycle; does anything grow?", run)
     parser.add_argument("--minutes", type=float, default=30.0, metavar="M", help="of steady load (default 30; 0: none)")
     parser.add_argument("--cycles", type=int, default=1000, metavar="N",
-                        help="of each loop: leave and start, and reinit, on a follower and on the leader (default 1000)")
+                        help="of each loop: leave/start and reinit, on a follower and on the leader (default 1000)")
     parser.add_argument("--nodes", type=int, default=3, choices=range(2, NODES_MAX + 1), metavar="N",
                         help=f"nodes of the cluster, 2 to {NODES_MAX} (default 3)")
     parser.add_argument("--transport", choices=["udp", "broker"], default="udp",

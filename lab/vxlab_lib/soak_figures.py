@@ -136,11 +136,11 @@ class Figures:
         print(f"""
 Each figure: median of the first tenth / of the second third / of the last third of the soak's samples; in a loop of
 the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
-{LIMITS['rss_kb']} KiB ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of few roll-overs) and what is
-subtracted; {others}.
-Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes of a
-payload that stays until cleanup and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the newest
-{JOURNAL_KEEP} lines; its file grows on disk.
+{LIMITS['rss_kb']} KiB and what is subtracted ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of
+few roll-overs); {others}.
+Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes
+of a payload that stays until cleanup and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the
+newest {JOURNAL_KEEP} lines; its file grows on disk.
 """)
         for phase in phases:
             print(f"- {phase.in_words()}")
