@@ -42,7 +42,7 @@ uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
 // Whether for a moment since our last request no decision arrived: a node with a slow disk may have thousands of them
 // waiting, and what the oldest names nobody holds any more. Time in which nobody looked does not count, this process
 // may have been stopped.
-bool was_quiet(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock, pull.lock)
+bool was_quiet(int64_t request_us, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
   const auto count = paxos_data.callbacks.decisions_received;
   const uint64_t received = count != nullptr ? count() : 0;
@@ -53,20 +53,20 @@ bool was_quiet(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(paxos_dat
     quiet.since_us = now_us;
   }
   quiet.looked_us = now_us;
-  if (now_us - std::max(quiet.since_us, pull.request_us) >= QUIET_US) {
-    quiet.request_us = pull.request_us;
+  if (now_us - std::max(quiet.since_us, request_us) >= QUIET_US) {
+    quiet.request_us = request_us;
   }
   wait_us = std::min(wait_us, QUIET_US);
-  return quiet.request_us == pull.request_us;
+  return quiet.request_us == request_us;
 }
 
 // A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
 // to the moment at which to look again. When all others lack it they may just have begun a new log, which drops the
 // payloads of the old: the requests draw the newer decision from them, and until they had time to do so nothing is
 // lost. What follows a loss within a second needs no new patience: a log that lost its payloads lost many.
-bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
+bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
-  const uint32_t lacking = nodes_without_payload(pull) + 1;
+  const uint32_t lacking = nodes_without_payload(paxos_data.pull_xfer) + 1;
   if (lacking < cons_service.quorum) {
     return false;
   }
@@ -75,12 +75,13 @@ bool is_lost(const xfer_state &pull, int64_t &wait_us) CONS_REQUIRES(pull.lock)
   if (is_alone || (is_known && lacking >= cons_service.node_count)) {
     return true;
   }
-  const bool is_quiet = was_quiet(pull, wait_us);
-  const int64_t left_us = pull.request_us + ANSWER_US - monotonic_us();
+  const int64_t request_us = paxos_data.pull_xfer.request_us;
+  const bool is_quiet = was_quiet(request_us, wait_us);
+  const int64_t left_us = request_us + ANSWER_US - monotonic_us();
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  if (left_us > 0 || pull.unanswered_requests < LOSS_REQUESTS || !is_quiet) {
+  if (left_us > 0 || paxos_data.pull_xfer.unanswered_requests < LOSS_REQUESTS || !is_quiet) {
     return false;
   }
   paxos_data.lost_us = monotonic_us();
@@ -159,7 +160,7 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
     return;
   }
   claim(paxos_data.pull_xfer, id, sender);
-  if (is_lost(paxos_data.pull_xfer, *static_cast<int64_t *>(context))) {
+  if (is_lost(*static_cast<int64_t *>(context))) {
     vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
     queue_entry(id, sender);
     return;
