@@ -40,6 +40,12 @@ bool add_sequence(range_map &ranges, uint64_t sequence)
   return true;
 }
 
+bool has_sequence(const range_map &ranges, uint64_t sequence)
+{
+  const auto after = ranges.upper_bound(sequence);
+  return after != ranges.begin() && sequence <= std::prev(after)->second;
+}
+
 }  // namespace
 
 tag_seen tag_index::note(const line_tag &tag, uint32_t attempt)
@@ -94,15 +100,21 @@ bool tag_index::decode_life(byte_reader &reader, life_lines &lines)
   for (uint32_t i = 0; i < ranges && reader.ok(); i++) {
     const uint64_t first = reader.le<uint64_t>();
     const uint64_t last = reader.le<uint64_t>();
-    if (first == 0 || last < first || (!lines.ranges.empty() && first <= lines.ranges.rbegin()->second)) {
+    const uint64_t before = lines.ranges.empty() ? 0 : lines.ranges.rbegin()->second;
+    if (first == 0 || last < first || first <= before || (before != 0 && first - 1 == before)) {
       return false;
     }
     lines.ranges.emplace(first, last);
   }
   const uint32_t entries = reader.le<uint32_t>();
   for (uint32_t i = 0; i < entries && reader.ok(); i++) {
-    std::vector<uint32_t> &attempts = lines.attempts_seen[reader.le<uint64_t>()];
+    const uint64_t sequence = reader.le<uint64_t>();
     const uint32_t count = reader.le<uint32_t>();
+    const bool is_next = lines.attempts_seen.empty() || sequence > lines.attempts_seen.rbegin()->first;
+    if (count == 0 || !is_next || !has_sequence(lines.ranges, sequence)) {
+      return false;
+    }
+    std::vector<uint32_t> &attempts = lines.attempts_seen[sequence];
     for (uint32_t j = 0; j < count && reader.ok(); j++) {
       attempts.push_back(reader.le<uint32_t>());
     }
@@ -118,6 +130,9 @@ bool tag_index::decode(std::string_view bytes)
   for (uint32_t i = 0; i < count && reader.ok(); i++) {
     const uint8_t node = reader.le<uint8_t>();
     const uint64_t life = reader.le<uint64_t>();
+    if (!origins.empty() && origin_key{node, life} <= origins.rbegin()->first) {
+      return false;
+    }
     if (!decode_life(reader, origins[{node, life}])) {
       return false;
     }
