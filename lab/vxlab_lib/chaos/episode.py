@@ -108,7 +108,7 @@ class Episode:
                                        count for what, count in self.events.counts.items()
                                        if what in ("kill", "term", "pause", "master", "net", "cut", "hold", "disk",
                                                    "stop-call", "slow-hook", "clock", "state-file", "strangers",
-                                                   "reinit", "bulk", "keepalived")))
+                                                   "reinit", "bulk", "keepalived", "freeze")))
         self._end_nodes(stage)
 
     def _first_life(self, arena, seconds):

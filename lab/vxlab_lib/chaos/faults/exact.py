@@ -49,10 +49,10 @@ def frozen_thread(draw, nodes, seconds):
 FAULTS = [
     Fault("reused-round", "exact order", "a leader that does not hear itself dies in a write that few heard, and "
           "decides the same number with those who heard nothing", UNDONE, reused_round, ("broker",)),
-    Fault("crossed-writes", "exact order", "two leaders write the same number at the same nodes, which have promised it "
-          "to the second before they hear the first", UNDONE, crossed_writes),
-    Fault("full-log-unhandled", "exact order", "a node leads that has heard of a whole log but lacks its snapshot, when "
-          "the next log has to begin", UNDONE, full_log_unhandled),
+    Fault("crossed-writes", "exact order", "two leaders write the same number at the same nodes, which have promised "
+          "it to the second before they hear the first", UNDONE, crossed_writes),
+    Fault("full-log-unhandled", "exact order", "a node leads that has heard of a whole log but lacks its snapshot, "
+          "when the next log has to begin", UNDONE, full_log_unhandled),
     Fault("restarted-voter", "exact order", "nodes that missed decisions lead, with the vote of one that has restarted "
           "since, and is not heard to tell what was decided", UNDONE, restarted_voter),
     Fault("stop-at-new-log", "exact order", "a node is stopped as it waits to begin a new log; its deliver-thread got "
