@@ -1,5 +1,7 @@
 """The excuses, each with the proof that it applies. A function here returns the proof as text, or None."""
 
+from bisect import bisect_left
+
 
 def hole(episode, hook):
     """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
@@ -37,7 +39,7 @@ def forgotten_decision(episode, hook):
         proposes = bool(episode.logs[node].hits["attempt"])
         known_in = next((other.life for other in trace.hooks if (other.tag, other.attempt) == key), None)
         for hit, life, before in episode.hits_in_lives(node, "forward"):
-            if hit.number != origin or not proposes or not _stands_between(trace, life, before, first, hook.t):
+            if hit.number != origin or not proposes or not _stands_between(episode, trace, life, before, first, hook.t):
                 continue
             known = known_in is not None and (known_in, 0) <= (life, before) and any(
                 (other.tag, other.attempt) == key and (other.life, other.index) < (life, before)
@@ -49,17 +51,13 @@ def forgotten_decision(episode, hook):
     return None
 
 
-def _stands_between(trace, life, before, after_t, until_t):
+def _stands_between(episode, trace, life, before, after_t, until_t):
     """Whether a log line behind `before` hook calls of that life can have been written in that time."""
-    begin = [moment.t for moment in trace.moments if moment.what == "begin"][life]
-    earliest, latest = begin, None
-    for hook in trace.hooks:
-        if hook.life == life and hook.index < before:
-            earliest = max(earliest, hook.entered)
-        elif (hook.life, hook.index) >= (life, before):
-            latest = hook.t
-            break
-    return earliest <= until_t and (latest is None or latest >= after_t)
+    hooks = trace.hooks
+    at = bisect_left(hooks, (life, before), key=lambda hook: (hook.life, hook.index))
+    in_life = at > 0 and hooks[at - 1].life == life
+    earliest = hooks[at - 1].entered if in_life else episode.begins(trace.node)[life]
+    return earliest <= until_t and (at == len(hooks) or hooks[at].t >= after_t)
 
 
 def two_states(episode, number, near_t):
