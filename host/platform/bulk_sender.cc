@@ -20,6 +20,7 @@ constexpr std::chrono::nanoseconds COST_MIN{10'000};
 constexpr std::chrono::milliseconds COME_BACK_WAIT{20};
 // Shorter than the second after which a node that lost a piece asks for it again.
 constexpr std::chrono::milliseconds REPETITION_AGE{500};
+constexpr size_t TAKEN_MAX = 1 << 18;
 
 }  // namespace
 
@@ -91,8 +92,8 @@ bool bulk_sender::submit(message_ptr added)
   }
   const auto now = clock::now();
   const bool is_idle = waiting_.empty() && !sending_batch_;
-  if (is_idle) {
-    taken_.clear();
+  if ((is_idle && !taken_.empty()) || taken_.size() >= TAKEN_MAX) {
+    taken_ = {};
   }
   if (is_repetition(*added, now)) {
     return true;

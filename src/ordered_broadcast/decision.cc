@@ -7,6 +7,7 @@
 #include "ordered_broadcast/durable_state.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_table.h"
 #include "service/envelope.h"
@@ -16,6 +17,9 @@
 
 namespace
 {
+
+constinit std::atomic<uint32_t> decisions_in_hand{0};
+constinit std::atomic<uint64_t> decisions_adopted{0};
 
 // What an adoption replaced, and what goes on to the payload layer.
 struct adoption {
@@ -59,6 +63,7 @@ bool adopt_decision(const decide_message &message, adoption &result) CONS_REQUIR
     paxos_idle_release();
     return false;
   }
+  ++decisions_adopted;
   rb_reg_delete_up_to(paxos.batch_id);
   if (paxos.is_leader != 0) {
     paxos.propose_cond.signal();
@@ -162,24 +167,8 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
   paxos.launch_cond.signal();
 }
 
-// Shorter than the second after which a node asks again: each request may help.
-constexpr int64_t HELP_PAUSE_US = 900000;
-constinit std::atomic<int64_t> next_help_us[NODES_MAX];
-constinit std::atomic<uint64_t> decisions_received{0};
-
-// Sends our decision to a node that seems to be behind, now and then.
-void help_behind(uint32_t node_id, id_entry asked)
-{
-  if (!is_member(node_id) || node_id == cons_service.node_id || monotonic_us() < next_help_us[node_id - 1]) {
-    return;
-  }
-  cons_lock lock(paxos.propose_lock);
-  const bool is_named = id_batch_find(&paxos.decided_batch, asked.msg_id, asked.sender) >= 0;
-  if (!paxos.stopped && paxos.batch_id != 0 && !is_named) {
-    next_help_us[node_id - 1] = monotonic_us() + HELP_PAUSE_US;
-    paxos_decide_update(node_addr_of_id(node_id));
-  }
-}
+// What the other nodes asked for lately and did not get: (sender << 32) | id, 0 = nothing.
+constinit std::atomic<uint64_t> asked_for[NODES_MAX];
 
 }  // namespace
 
@@ -197,9 +186,9 @@ void paxos_recv(void *msg)
   const uint32_t type = get_le32(payload.data());
   if (type == PAXOS_DECIDE) {
     if (const auto message = decide_parse(payload)) {
-      ++decisions_received;
+      ++decisions_in_hand;
       recv_decide(*message, received.sender_addr());
-      ++decisions_received;
+      --decisions_in_hand;
     }
   } else if (type == PAXOS_FORWARD) {
     const auto entry = forward_parse(payload);
@@ -213,15 +202,43 @@ void paxos_recv(void *msg)
 
 uint64_t paxos_decisions_received()
 {
-  return decisions_received;
+  return decisions_in_hand != 0 ? 1 : 2 * decisions_adopted;
 }
 
 void paxos_help_newcomer(uint32_t node_addr)
 {
-  help_behind(node_id_of_addr(node_addr), {});
+  constexpr int64_t PAUSE_US = 1000000;
+  static int64_t next_help_us[NODES_MAX] = {};  // guarded by propose_lock
+  const uint32_t node_id = node_id_of_addr(node_addr);
+  const int64_t now_us = monotonic_us();
+  cons_lock lock(paxos.propose_lock);
+  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
+      now_us < next_help_us[node_id - 1]) {
+    return;
+  }
+  next_help_us[node_id - 1] = now_us + PAUSE_US;
+  paxos_decide_update(node_addr);
 }
 
-void paxos_help_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
+void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
 {
-  help_behind(asking_node, {.sender = sender, .msg_id = msg_id});
+  if (is_member(asking_node) && asking_node != cons_service.node_id) {
+    asked_for[asking_node - 1] = uint64_t{sender} << 32 | msg_id;
+  }
+}
+
+void paxos_help_askers()
+{
+  for (uint32_t node_id = 1; node_id <= NODES_MAX; ++node_id) {
+    const uint64_t asked = asked_for[node_id - 1].exchange(0);
+    const auto msg_id = static_cast<uint32_t>(asked);
+    const auto sender = static_cast<uint8_t>(asked >> 32);
+    if (asked == 0 || paxos_data_has_entry(msg_id, sender) != 0) {
+      continue;
+    }
+    cons_lock lock(paxos.propose_lock);
+    if (!paxos.stopped && paxos.batch_id != 0 && id_batch_find(&paxos.decided_batch, msg_id, sender) < 0) {
+      paxos_decide_update(node_addr_of_id(node_id));
+    }
+  }
 }

@@ -10,13 +10,15 @@ inline constinit entry_gate paxos_gate{false};
 /// Receive hook of channel 4. Blocks until the proposer is idle when it adopts a decision.
 void paxos_recv(void *msg);
 
-/// Odd while a decision is being received; another number after each.
+/// Odd while a DECIDE is being handled; another even number after each adoption. Any thread, any lock.
 uint64_t paxos_decisions_received();
 
 /// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays
-/// silent. Sends it ours, about once a second per node. Messaging threads, no lock held.
+/// silent. Sends it ours, at most once a second per node. Messaging threads, no lock held.
 void paxos_help_newcomer(uint32_t node_addr);
 
-/// A node asks for a payload that we have not, and that our log does not name: it may be behind by a log whose payloads
-/// are gone. Sends it our decision, about once a second per node. Messaging threads, no lock held.
-void paxos_help_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node);
+/// A node asks for a payload that we have not: it may be behind by a log, whose payloads are gone. Never waits.
+void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node);
+
+/// Sends our decision to those noted, unless the payload has come meanwhile or our log names it. No lock held.
+void paxos_help_askers();

@@ -14,6 +14,7 @@
 #include "common/le_bytes.h"
 #include "common/monotonic_clock.h"
 #include "common/scoped_fd.h"
+#include "ordered_broadcast/decision.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "service/envelope.h"
@@ -135,6 +136,7 @@ void *paxos_leader_watch_thread(void *)
       follow_node_state(current);
     }
     retry_decide();
+    paxos_help_askers();
     send_liveness(queue, message);
     wait_for_next_pass();
     std::swap(current, previous);

@@ -133,7 +133,7 @@ int cons_layers_init()
   if (paxos_data_init({.deliver = paxos_deliver,
                        .lost = paxos_skip_lost,
                        .handled = paxos_log_handled,
-                       .lacking = paxos_help_asker,
+                       .lacking = paxos_note_asker,
                        .decisions_received = paxos_decisions_received}) != 0) {
     paxos_data_cleanup();
     return -1;

@@ -156,6 +156,7 @@ void note_holder_answers(xfer_state &pull) CONS_REQUIRES(pull.lock)
 {
   pull.data_us = monotonic_us();
   pull.activity_us = pull.data_us;
+  pull.lost_us = 0;
   xfer_forget_answers(pull);
 }
 
@@ -188,6 +189,7 @@ void unmark_node(xfer_state &record, const data_header &hdr)
   cons_lock lock(record.lock);
   if (xfer_is_for(record, hdr.id, hdr.sender) && hdr.from != 0) {
     record.node_state[hdr.from - 1] = 0;
+    record.lost_us = 0;
   }
 }
 

@@ -40,9 +40,14 @@ struct xfer_state {
   int64_t request_us CONS_GUARDED_BY(lock) = 0;            // the last of them, monotonic
   int64_t data_us CONS_GUARDED_BY(lock) = 0;               // last DATA, monotonic
   int64_t activity_us CONS_GUARDED_BY(lock) = 0;           // last REQ or DATA, monotonic
+
+  // The last loss that was judged with all patience, monotonic, and which nodes said MISSING (bit n - 1 = node n); kept
+  // when the transfer ends. 0: none that says anything about the next.
+  int64_t lost_us CONS_GUARDED_BY(lock) = 0;
+  uint32_t lost_lacking CONS_GUARDED_BY(lock) = 0;
 };
 
-/// Ends a transfer: frees the buffers and sets every field but lock and condition to zero.
+/// Ends a transfer: frees the buffers and sets every field but lock, condition and the last loss to zero.
 void xfer_reset(xfer_state &record) CONS_REQUIRES(record.lock);
 
 /// What the nodes answered so far does not count any more.
@@ -76,9 +81,9 @@ struct paxos_data_state {
   // The latest decided log, and how far it is queued. pull_pos changes only with both locks held.
   id_batch pull_batch CONS_GUARDED_BY(pull_xfer.lock);
   uint32_t pull_pos CONS_GUARDED_BY(pull_xfer.lock) = 0;
-  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;  // the queue still mirrors another log
-  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);        // since start; zero = nothing
-  int64_t lost_us CONS_GUARDED_BY(pull_xfer.lock) = 0;         // last loss that was judged with all patience, monotonic
+  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;   // the queue still mirrors another log
+  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);         // since start; zero = nothing
+  uint64_t claim_received CONS_GUARDED_BY(pull_xfer.lock) = 0;  // decisions received when the pull record was claimed
   quiet_watch quiet CONS_GUARDED_BY(pull_xfer.lock);
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.

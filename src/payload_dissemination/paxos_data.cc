@@ -31,7 +31,8 @@ void prepare_batches()
   paxos_data.pull_pos = 0;
   paxos_data.switch_pending = true;
   paxos_data.last_queued = {};
-  paxos_data.lost_us = 0;
+  paxos_data.pull_xfer.lost_us = 0;
+  paxos_data.quiet = {};
   paxos_data.handed_number = 0;
   paxos_data.still_to_queue = 0;
   paxos_data.handled = 0;

@@ -14,9 +14,9 @@ struct paxos_data_callbacks {
   void (*deliver)(uint32_t id, uint8_t sender, const payload_buf *payload) = nullptr;
   void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: its payload was lost
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
-  /// A node asks for a payload that this one has not. Receive hook, no lock held.
+  /// A node asks for a payload that this one has not. Receive hook, no lock held; must not wait.
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
-  /// Odd while a received decision is being handled; another number after each. Any thread, any lock.
+  /// Odd while a received decision is being handled; another even number after each new one. Pull record's lock held.
   uint64_t (*decisions_received)() = nullptr;
 };
 

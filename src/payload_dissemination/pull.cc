@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "common/monotonic_clock.h"
@@ -30,49 +31,67 @@ bool is_data_flowing(const xfer_state &record) CONS_REQUIRES(record.lock)
   return is_set && timeval_diff_usec(&now, &record.last) <= SILENCE_US;
 }
 
+// Bit n - 1: node n has answered MISSING.
 uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
 {
-  uint32_t count = 0;
+  uint32_t nodes = 0;
   for (uint32_t i = 0; i < cons_service.node_count && i < NODES_MAX; ++i) {
-    count += pull.node_state[i] == XFER_NODE_LACKS_IT ? 1 : 0;
+    nodes |= pull.node_state[i] == XFER_NODE_LACKS_IT ? 1u << i : 0;
   }
-  return count;
+  return nodes;
 }
 
-// Whether for a moment since our last request no decision arrived: a node with a slow disk may have thousands of them
-// waiting, and what the oldest names nobody holds any more. Time in which nobody looked does not count, this process
-// may have been stopped.
-bool was_quiet(int64_t request_us, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+uint64_t decisions_received()
 {
   const auto count = paxos_data.callbacks.decisions_received;
-  const uint64_t received = count != nullptr ? count() : 0;
+  return count != nullptr ? count() : 0;
+}
+
+// Whether since our last request there was a moment in which no new decision came, and none is being handled now: a
+// node with a slow disk may have thousands of them waiting, and what the oldest names nobody holds any more. Time in
+// which nobody looked does not count, this process may have been stopped.
+bool was_quiet(int64_t request_us, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+{
+  const uint64_t received = decisions_received();
   const int64_t now_us = monotonic_us();
   quiet_watch &quiet = paxos_data.quiet;
-  if (received % 2 != 0 || received != quiet.received || now_us - quiet.looked_us > 2 * QUIET_US) {
+  const bool is_busy = received % 2 != 0;
+  const bool has_slept = now_us - quiet.looked_us > 2 * QUIET_US;
+  if (is_busy || has_slept || received != quiet.received) {
     quiet.received = received;
     quiet.since_us = now_us;
   }
   quiet.looked_us = now_us;
-  if (now_us - std::max(quiet.since_us, request_us) >= QUIET_US) {
+  if (has_slept) {
+    quiet.request_us = 0;
+  } else if (now_us - std::max(quiet.since_us, request_us) >= QUIET_US) {
     quiet.request_us = request_us;
   }
   wait_us = std::min(wait_us, QUIET_US);
-  return quiet.request_us == request_us;
+  return quiet.request_us == request_us && !is_busy;
+}
+
+// What follows a loss within a second needs no new patience, if nobody has shown since that he lives or knows more: a
+// log that lost its payloads lost many.
+bool is_lost_like_the_last(uint32_t lacking_nodes) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+{
+  const uint64_t received = decisions_received();
+  return paxos_data.pull_xfer.lost_us != 0 && monotonic_us() - paxos_data.pull_xfer.lost_us < ANSWER_US &&
+         received % 2 == 0 && received == paxos_data.claim_received &&
+         (lacking_nodes & paxos_data.pull_xfer.lost_lacking) == paxos_data.pull_xfer.lost_lacking;
 }
 
 // A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
 // to the moment at which to look again. When all others lack it they may just have begun a new log, which drops the
 // payloads of the old: the requests draw the newer decision from them, and until they had time to do so nothing is
-// lost. What follows a loss within a second needs no new patience: a log that lost its payloads lost many.
+// lost.
 bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
-  const uint32_t lacking = nodes_without_payload(paxos_data.pull_xfer) + 1;
-  if (lacking < cons_service.quorum) {
+  const uint32_t lacking_nodes = nodes_without_payload(paxos_data.pull_xfer);
+  if (static_cast<uint32_t>(std::popcount(lacking_nodes)) + 1 < cons_service.quorum) {
     return false;
   }
-  const bool is_alone = cons_service.node_count == 1;
-  const bool is_known = paxos_data.lost_us != 0 && monotonic_us() - paxos_data.lost_us < ANSWER_US;
-  if (is_alone || (is_known && lacking >= cons_service.node_count)) {
+  if (cons_service.node_count == 1 || is_lost_like_the_last(lacking_nodes)) {
     return true;
   }
   const int64_t request_us = paxos_data.pull_xfer.request_us;
@@ -84,22 +103,24 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   if (left_us > 0 || paxos_data.pull_xfer.unanswered_requests < LOSS_REQUESTS || !is_quiet) {
     return false;
   }
-  paxos_data.lost_us = monotonic_us();
+  paxos_data.pull_xfer.lost_us = monotonic_us();
+  paxos_data.pull_xfer.lost_lacking = lacking_nodes;
   return true;
 }
 
 // The pieces and marks of another payload say nothing about this one; nor do the marks from a time when an OFFER was
 // being fetched, by those who answered too.
-void claim(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.lock)
+void claim(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
-  if (!xfer_is_for(pull, id, sender)) {
-    xfer_reset(pull);
-    pull.id = id;
-    pull.sender = sender;
+  if (!xfer_is_for(paxos_data.pull_xfer, id, sender)) {
+    xfer_reset(paxos_data.pull_xfer);
+    paxos_data.pull_xfer.id = id;
+    paxos_data.pull_xfer.sender = sender;
   }
-  if (!pull.is_pulled) {
-    pull.is_pulled = true;
-    xfer_forget_answers(pull);
+  if (!paxos_data.pull_xfer.is_pulled) {
+    paxos_data.pull_xfer.is_pulled = true;
+    paxos_data.claim_received = decisions_received();
+    xfer_forget_answers(paxos_data.pull_xfer);
   }
 }
 
@@ -159,7 +180,7 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
     queue_entry(id, sender);
     return;
   }
-  claim(paxos_data.pull_xfer, id, sender);
+  claim(id, sender);
   if (is_lost(*static_cast<int64_t *>(context))) {
     vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
     queue_entry(id, sender);
@@ -182,6 +203,7 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
+    paxos_data.pull_xfer.lost_us = 0;
     // What was answered about the entry that comes next still holds: decisions must not put off that it is lost.
     const id_entry next =
         paxos_data.pull_pos < id_batch_count(batch) ? id_batch_entry(batch, paxos_data.pull_pos) : id_entry{};

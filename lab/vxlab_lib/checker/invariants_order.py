@@ -48,14 +48,15 @@ def _judge_fork(episode, check, group, is_first):
 
 
 def _common_order(episode, check):
-    """Whatever is missing: lines that two histories share stand in the same order in both."""
+    """Whatever is missing: lines that two histories share stand in the same order in both. A line that one of them
+    lost and took from a later attempt is another message there."""
     chains = episode.chains
     for chain in chains[1:]:
-        place = {state.tag: state.lines for state in chains[0]}
+        place = {state.tag: (state.lines, _attempt(state)) for state in chains[0]}
         last = None
         for state in chain:
-            here = place.get(state.tag)
-            if here is None:
+            here, attempt = place.get(state.tag, (None, None))
+            if here is None or attempt != _attempt(state):
                 continue
             if last is not None and here < last[0]:
                 where = episode.where(state.maker) if state.maker else {"tag": state.tag, "line": state.lines}
@@ -63,6 +64,10 @@ def _common_order(episode, check):
                                **where)
                 break
             last = (here, state.tag)
+
+
+def _attempt(state):
+    return state.maker.attempt if state.maker else None
 
 
 def nothing_twice(episode, check):
