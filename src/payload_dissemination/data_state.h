@@ -85,6 +85,7 @@ struct paxos_data_state {
   id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);         // since start; zero = nothing
   uint64_t claim_received CONS_GUARDED_BY(pull_xfer.lock) = 0;  // decisions received when the pull record was claimed
   quiet_watch quiet CONS_GUARDED_BY(pull_xfer.lock);
+  bool needs_base CONS_GUARDED_BY(pull_xfer.lock) = false;  // not all before the new log was handled here
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};

@@ -22,6 +22,9 @@ constexpr int64_t ANSWER_US = 1000000;  // a holder gets this long to answer a r
 constexpr int64_t QUIET_US = 100000;
 // A single request, or its answer, may have been dropped on its way.
 constexpr uint32_t LOSS_REQUESTS = 2;
+// Only its leader holds the snapshot that a log begins with. A node that lacks a part of the old log would be beside
+// the others without it, and a leader that is silent may just be frozen; but a dead one must not stop us for good.
+constexpr uint32_t BASE_LOSS_REQUESTS = 30;
 
 bool is_data_flowing(const xfer_state &record) CONS_REQUIRES(record.lock)
 {
@@ -91,7 +94,9 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   if (static_cast<uint32_t>(std::popcount(lacking_nodes)) + 1 < cons_service.quorum) {
     return false;
   }
-  if (cons_service.node_count == 1 || is_lost_like_the_last(lacking_nodes)) {
+  const bool have_all_answered = static_cast<uint32_t>(std::popcount(lacking_nodes)) + 1 >= cons_service.node_count;
+  const bool is_base = paxos_data.needs_base && paxos_data.pull_pos == 0 && !have_all_answered;
+  if (cons_service.node_count == 1 || (!is_base && is_lost_like_the_last(lacking_nodes))) {
     return true;
   }
   const int64_t request_us = paxos_data.pull_xfer.request_us;
@@ -100,7 +105,8 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  if (left_us > 0 || paxos_data.pull_xfer.unanswered_requests < LOSS_REQUESTS || !is_quiet) {
+  if (left_us > 0 || paxos_data.pull_xfer.unanswered_requests < (is_base ? BASE_LOSS_REQUESTS : LOSS_REQUESTS) ||
+      !is_quiet) {
     return false;
   }
   paxos_data.pull_xfer.lost_us = monotonic_us();
@@ -195,7 +201,7 @@ bool has_prefix(const id_batch &batch, const id_batch &of, uint32_t count)
 }
 
 // Where to go on in the new log. One that does not begin with what we queued is another log.
-void adopt_batch(const id_batch &batch, id_entry last_delivered)
+void adopt_batch(const id_batch &batch, id_entry last_delivered, uint32_t number)
     CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_queue_lock)
 {
   if (paxos_data.pull_pos == 0 || !has_prefix(batch, paxos_data.pull_batch, paxos_data.pull_pos)) {
@@ -203,6 +209,8 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
+    // Every decision adds one entry: the one before this log had the number `number` - count.
+    paxos_data.needs_base = uint64_t{paxos_data.handled.load()} + id_batch_count(batch) < number;
     paxos_data.pull_xfer.lost_us = 0;
     // What was answered about the entry that comes next still holds: decisions must not put off that it is lost.
     const id_entry next =
@@ -255,7 +263,7 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
     if (number < paxos_data.handed_number) {
       return;
     }
-    adopt_batch(batch, last_delivered);
+    adopt_batch(batch, last_delivered, number);
     paxos_data.handed_number = number;
     paxos_data.pull_xfer.changed_cond.broadcast();
     is_handled = paxos_data_note_handled();
