@@ -117,6 +117,9 @@ class WireArena(Arena):
     def start_keepalived(self, node_id):
         """In the node's view, with process ids of its own: its helpers end with it."""
         node = self.cluster.node(node_id)
+        for name in ("keepalived.pid", "vrrp.pid"):  # one that was killed leaves them, and its numbers come again
+            if os.path.exists(node.path("run", name)):
+                os.unlink(node.path("run", name))
         command = ["unshare", "--pid", "--fork", "--kill-child=KILL", self._keepalived_path, "--dont-fork",
                    "--log-console", "--vrrp", "--use-file", node.path("keepalived.conf"), "--pid",
                    "/run/keepalived.pid", "--vrrp_pid", "/run/vrrp.pid"]
