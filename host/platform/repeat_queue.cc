@@ -51,8 +51,11 @@ void repeat_queue::add(message_ptr added)
   const lock_scope lock(lock_);
   const bool busy = out_.send(*added) == send_result::busy;
   added->due_us = now_us() + (busy ? BUSY_RETRY_US : period_us(*added));
+  // Most are taken back within milliseconds: waking the thread for each would cost more than sending it.
+  if (added->due_us < wakes_at_us_) {
+    changed_.signal();
+  }
   queued_.push_back(std::move(added));
-  changed_.signal();
 }
 
 void repeat_queue::remove(uint64_t id)
@@ -108,11 +111,11 @@ void repeat_queue::run()
 {
   const lock_scope lock(lock_);
   while (!stopping_) {
-    const int64_t due = next_due_us();
-    if (due == INT64_MAX) {
+    wakes_at_us_ = next_due_us();
+    if (wakes_at_us_ == INT64_MAX) {
       changed_.wait(lock_);
-    } else if (due > now_us()) {
-      changed_.wait_until(lock_, std::chrono::steady_clock::time_point(std::chrono::microseconds(due)));
+    } else if (wakes_at_us_ > now_us()) {
+      changed_.wait_until(lock_, std::chrono::steady_clock::time_point(std::chrono::microseconds(wakes_at_us_)));
     } else {
       send_due(now_us());
     }

@@ -42,6 +42,7 @@ private:
   mutex lock_;
   condition changed_;
   bool stopping_ PLATFORM_GUARDED_BY(lock_) = false;
+  int64_t wakes_at_us_ PLATFORM_GUARDED_BY(lock_) = INT64_MAX;  // when the thread looks again by itself
   message_list queued_ PLATFORM_GUARDED_BY(lock_);
 };
 

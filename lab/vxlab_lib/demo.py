@@ -53,7 +53,7 @@ class Demo:
         lines = read_lines(path)
         self._progress.say(f"{NODES} nodes come up in {self._cluster.dir.path}")
         self._cluster.create(NODES)
-        save_us = measure_save_us(self._cluster.node(1).dir)
+        save_us = measure_save_us([self._cluster.node(1).dir])
         affordable = int(SUBMIT_BUDGET_S * 1e6 / (SAVES_PER_LINE * save_us))
         self._lines = lines[: lines_max or max(LINES_MIN, min(LINES_MAX, affordable))]
         self._cluster.start_all(master=1)

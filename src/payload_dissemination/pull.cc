@@ -165,13 +165,22 @@ bool switch_queue() CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_
   return true;
 }
 
+// An OFFER whose pieces are still on their way. Who submits one payload after the other offers the next while the
+// others deliver the last: were it abandoned here, it would wait until its OFFER is repeated.
+bool is_just_asked_for(const xfer_state &pull) CONS_REQUIRES(pull.lock)
+{
+  return !pull.is_pulled && pull.piece_map == nullptr;
+}
+
 void queue_entry(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
   cons_lock queue_lock(paxos_data.deliver_queue_lock);
   if (paxos_data.switch_pending && !switch_queue()) {
     return;
   }
-  xfer_reset(paxos_data.pull_xfer);
+  if (!is_just_asked_for(paxos_data.pull_xfer)) {
+    xfer_reset(paxos_data.pull_xfer);
+  }
   ++paxos_data.pull_pos;
   --paxos_data.still_to_queue;
   id_batch_add(&paxos_data.deliver_batch, id, sender);

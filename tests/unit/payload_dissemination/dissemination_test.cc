@@ -234,6 +234,33 @@ TEST_F(dissemination, delivers_in_order_what_it_holds_or_fetches)
   EXPECT_TRUE(fake::wait_for([] { return paxos_data_handled() == 3; }));
 }
 
+// The next payload is often offered while the last is being queued here. Only a transfer that is under way is given up.
+TEST_F(dissemination, queues_without_losing_the_offer_that_it_has_just_asked_for)
+{
+  store(A, payload_of(20));
+  fake::inject(5, 3, wire::data_header(wire::OFFER, 3, C));
+  ASSERT_TRUE(wait_sent(wire::REQ, 1));
+  pull(1, {A});
+  ASSERT_TRUE(wait_delivered({A}));
+  inject_all(3, C, payload_of(20));
+  ASSERT_TRUE(wait_sent(wire::COMPLETE, 1));
+  EXPECT_TRUE(has(C));
+
+  const bytes large = payload_of(2800);
+  fake::inject(5, 2, wire::data_header(wire::OFFER, 2, B));
+  ASSERT_TRUE(wait_sent(wire::REQ, 2));
+  inject_piece(2, B, large, 0);
+  ASSERT_TRUE(fake::settle());
+  pull(2, {A, C});
+  ASSERT_TRUE(wait_delivered({A, C}));
+  inject_piece(2, B, large, 1400);
+  ASSERT_TRUE(fake::settle());
+  EXPECT_FALSE(has(B));
+  fake::inject(5, 2, wire::data_header(wire::OFFER, 2, B));
+  ASSERT_TRUE(wait_sent(wire::REQ, 3));
+  EXPECT_EQ(payloads_sent(wire::REQ)[2], wire::req(1, B, 0, wire::ALL));
+}
+
 // Decisions often come before the payloads that they name: one payload a second would be all a node delivers then.
 TEST_F(dissemination, goes_on_as_soon_as_a_payload_is_complete)
 {
