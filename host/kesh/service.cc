@@ -105,7 +105,7 @@ void service::stop_locked()
   was_active_ = false;
   events.note("stop-call");
   vx_cons_stop();
-  events.note("stop-return");
+  events.note("stop-return", platform::messaging_read_statistics().queued);
 }
 
 void service::leave()

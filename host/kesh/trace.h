@@ -5,13 +5,14 @@
 /// happened before it. Words are separated by one blank; the first two are the time (CLOCK_MONOTONIC, ns) at which
 /// the line was written, and the process life as in tags. Lines of different threads may stand a little out of order.
 ///   begin PID
-///   start-call | start-return RESULT | stop-call | stop-return | cleanup-call | cleanup-return | isolated
+///   start-call | start-return RESULT | stop-call | stop-return QUEUED | cleanup-call | cleanup-return | isolated
 ///   call THREAD SEQUENCE ATTEMPT BYTES       vx_cons_distribute is about to be called; BYTES of payload
 ///   return THREAD SEQUENCE ATTEMPT RESULT    it returned
 ///   deliver ENTERED TAG ATTEMPT applied|repeated|doubled LINES HASH
 ///   damaged ENTERED TYPE BYTES               a payload or state that cannot be read
 ///   adopt ENTERED TYPE BYTES LINES HASH      a full state, of any type
 ///   get-state TYPE BYTES LINES HASH          a state was asked for; 0 BYTES: there is none
+/// QUEUED counts the messages that are still being sent again and again.
 /// ENTERED is the time at which the hook was entered; LINES and HASH tell where the journal stands after the event.
 #pragma once
 

@@ -186,7 +186,7 @@ void broker_transport::mark(const char *kind)
   frame.msg_iovlen = 2;
   open_tickets_.insert(ticket);
   while (sendmsg(socket_.get(), &frame, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-    if (errno != EAGAIN && errno != ENOBUFS && errno != EINTR) {
+    if (marks_ended_ || (errno != EAGAIN && errno != ENOBUFS && errno != EINTR)) {
       open_tickets_.erase(ticket);
       return;
     }

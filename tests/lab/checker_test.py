@@ -43,6 +43,20 @@ def crash_repeat(lines_between=()):
     return change
 
 
+def ordered_again(builder):
+    """Node 2 delivers, last of all, what stands before its full state once more; node 1 had a FORWARD of its origin."""
+    last = builder.trace[2][-6][1].split()
+    builder.insert(2, 25, " ".join([*last[:2], tag(3, 1), "1", "doubled", *last[5:]]))
+    builder.log[1] += ["CONS: CONSENSOUS: propose ... id=10, round=1", "CONS: PAXOS: FORWARD (sender=3, id=2)"]
+
+
+def leader_restarts(builder):
+    del builder.trace[1][-4:]
+    builder.trace[1] += [(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0")]
+    builder.log[1].append("kesh: starting, build 1, process 11")
+    builder.events.append((19, "kill", {"node": 1, "point": None}))
+
+
 def in_log(node, line, before=None):
     def change(builder):
         log = builder.log[node]
@@ -119,16 +133,19 @@ CASES = [
     ("late equal", [], [lambda b: b.events[5][2].update(after_s=31)], "I9"),
     ("a call hangs", [], [cut_return(1, 3)], "I10"),
     ("an open call fails for nothing", [], [cut_return(1, 3, -1)], "I10"),
-    ("a slow stop", [], [lambda b: b.replace(2, "stop-return", "isolated"), trace(2, 80.2, "stop-return")], "I10"),
+    ("a slow stop", [], [lambda b: b.replace(2, "stop-return 0", "isolated"), trace(2, 80.2, "stop-return 0")], "I10"),
     ("delivered after stop", [], [trace(2, 75.15, f"adopt {75 * 10**9} 0 99 8 00000000000000ab")], "I11 I1 I3"),
     ("sent after stop", [], [lambda b: b.trace[2].__delitem__(slice(-2, None)), trace(2, 79, "start-call"),
                              wire(77.0, 2, "send4"), trace(2, 79.1, "start-return 0")], "I11"),
+    ("a message repeated after stop", [], [lambda b: b.replace(2, "stop-return 0", "stop-return 1")], "I11"),
     ("four threads", [], [sample(3, 10, tasks={"propose-thread": 1})], "I11"),
     ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),
     ("a falling DECIDE", [], [in_log(1, "CONS: PAXOS: DECIDE broadcast (batch_id=3)")], "I12"),
     ("memory grows", [], [grow], "I13"),
     ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
     ("repeated after a crash", [], [crash_repeat()], None),
+    ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
+    ("ordered again by a leader that must know", [], [ordered_again], "I2"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]
 

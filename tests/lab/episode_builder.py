@@ -78,7 +78,7 @@ class Builder:
                     f"CONS: PAXOS: DECIDE broadcast (batch_id={position + 1})"]
             if origin == node:
                 trace.append((at + 0.1, f"return 1 {sequence} 1 0"))
-        trace += [(75, "stop-call"), (75.1, "stop-return"), (75.2, "cleanup-call"), (75.3, "cleanup-return")]
+        trace += [(75, "stop-call"), (75.1, "stop-return 0"), (75.2, "cleanup-call"), (75.3, "cleanup-return")]
         self.journals[node] = b"".join(records)
 
     def insert(self, node, at_s, words):

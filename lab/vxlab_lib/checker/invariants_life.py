@@ -146,8 +146,9 @@ def silence(episode, check):
                 check.saw("stops")
                 _after_stop(check, node, trace, sends[node], stopped, until)
             _threads(episode, check, node, start, stop_call, stopped, until)
-    if any(sends.values()):
-        check.note("repeated messages left on channel 3 are not in the evidence")
+        for moment in trace.moments:
+            if moment.what == "stop-return" and moment.value not in ("", "0"):
+                check.violated(f"{moment.value} messages still repeated when stop had returned", t=moment.t, node=node)
     if not _names_threads(episode):
         check.note("the library's threads: no task in the samples carries their names")
 
