@@ -18,10 +18,10 @@ using wire::operator+;
 namespace
 {
 
-class session
+class script
 {
 public:
-  explicit session(std::span<const uint8_t> input) : in_(input) {}
+  explicit script(std::span<const uint8_t> input) : in_(input) {}
   void run();
 
 private:
@@ -42,7 +42,7 @@ private:
 };
 
 // Messages of one node in turn, one of which may be anything.
-wire::log session::next_log()
+wire::log script::next_log()
 {
   wire::log entries(in_.byte());
   entry next = next_entry();
@@ -56,7 +56,7 @@ wire::log session::next_log()
   return entries;
 }
 
-bytes session::next_payload()
+bytes script::next_payload()
 {
   std::vector<wire::record> records(in_.byte() % 5);
   for (auto &[type, content] : records) {
@@ -70,7 +70,7 @@ bytes session::next_payload()
   return payload;
 }
 
-bytes session::register_message()
+bytes script::register_message()
 {
   const uint32_t type = in_.byte() % 7;
   const bytes head = wire::words({type, in_.near(number_ + 1), in_.near(4)});
@@ -82,7 +82,7 @@ bytes session::register_message()
   return head + (type == wire::READ_ACK ? wire::words({in_.near(4), length}) : wire::words({length})) + value;
 }
 
-bytes session::data_message()
+bytes script::data_message()
 {
   const uint32_t type = in_.byte() % 6;
   const uint32_t from = in_.near(from_);
@@ -99,7 +99,7 @@ bytes session::data_message()
   return head;
 }
 
-bytes session::next_message(uint32_t &channel)
+bytes script::next_message(uint32_t &channel)
 {
   const uint8_t kind = in_.byte() % 6;
   channel = kind == 0 ? 3 : kind <= 2 ? 4 : kind == 3 ? 5 : kind == 4 ? 6 : 3 + in_.byte() % 4u;
@@ -119,7 +119,7 @@ bytes session::next_message(uint32_t &channel)
 }
 
 // All pieces of a payload, offered before, perhaps ordered after.
-void session::send_payload()
+void script::send_payload()
 {
   const entry e = next_entry();
   const bytes payload = next_payload();
@@ -135,7 +135,7 @@ void session::send_payload()
   }
 }
 
-void session::submit()
+void script::submit()
 {
   if (callers_.size() < 3) {
     callers_.emplace_back([data = in_.bytes(1 + in_.byte() % 8)] {
@@ -156,7 +156,7 @@ void let_time_pass()
   pull.changed_cond.broadcast();
 }
 
-void session::step()
+void script::step()
 {
   const uint8_t choice = in_.byte();
   if (choice >= 250) {
@@ -180,7 +180,7 @@ void session::step()
   wait_handled();
 }
 
-void session::run()
+void script::run()
 {
   constexpr uint32_t NODE_COUNTS[] = {1, 3, 5, 16};
   const uint8_t shape = in_.byte();
@@ -212,5 +212,5 @@ void session::run()
 
 void fuzz_receive(std::span<const uint8_t> input)
 {
-  session(input).run();
+  script(input).run();
 }

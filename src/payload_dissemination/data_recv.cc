@@ -70,17 +70,18 @@ void paxos_data_recv_offer(const data_header &hdr)
     paxos_data_bcast_complete(hdr.id, hdr.sender);
     return;
   }
-  xfer_state &pull = paxos_data.pull_xfer;
-  cons_lock lock(pull.lock);
-  if (!xfer_is_for(pull, hdr.id, hdr.sender) && is_abandoned(pull)) {
-    xfer_reset(pull);
+  cons_lock lock(paxos_data.pull_xfer.lock);
+  xfer_note_holder(paxos_data.pull_xfer, hdr.from);
+  if (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && is_abandoned(paxos_data.pull_xfer)) {
+    xfer_reset(paxos_data.pull_xfer);
   }
-  if (pull.id == 0) {
-    pull.id = hdr.id;
-    pull.sender = hdr.sender;
+  if (paxos_data.pull_xfer.id == 0 ||
+      (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && paxos_data_lend_base())) {
+    paxos_data.pull_xfer.id = hdr.id;
+    paxos_data.pull_xfer.sender = hdr.sender;
   }
-  if (xfer_is_for(pull, hdr.id, hdr.sender)) {
-    paxos_data_request_missing(pull, hdr.id, hdr.sender);
+  if (xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender)) {
+    paxos_data_request_missing(paxos_data.pull_xfer, hdr.id, hdr.sender);
   }
 }
 
@@ -164,6 +165,7 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
   xfer_state &pull = paxos_data.pull_xfer;
   cons_lock lock(pull.lock);
+  xfer_note_holder(pull, hdr.from);
   if (!xfer_is_for(pull, hdr.id, hdr.sender) || !accepts_total(pull, piece.total)) {
     return;
   }
@@ -187,8 +189,10 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 void unmark_node(xfer_state &record, const data_header &hdr)
 {
   cons_lock lock(record.lock);
+  xfer_note_holder(record, hdr.from);
   if (xfer_is_for(record, hdr.id, hdr.sender) && hdr.from != 0) {
     record.node_state[hdr.from - 1] = 0;
+    record.unanswered_requests = 0;
     record.lost_us = 0;
   }
 }

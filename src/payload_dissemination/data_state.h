@@ -41,17 +41,21 @@ struct xfer_state {
   int64_t data_us CONS_GUARDED_BY(lock) = 0;               // last DATA, monotonic
   int64_t activity_us CONS_GUARDED_BY(lock) = 0;           // last REQ or DATA, monotonic
 
-  // The last loss that was judged with all patience, monotonic, and which nodes said MISSING (bit n - 1 = node n); kept
-  // when the transfer ends. 0: none that says anything about the next.
+  // The last loss that was judged with all patience, monotonic, which nodes said MISSING (bit n - 1 = node n), and the
+  // decisions received until then; kept when the transfer ends. 0: none that says anything about the next.
   int64_t lost_us CONS_GUARDED_BY(lock) = 0;
   uint32_t lost_lacking CONS_GUARDED_BY(lock) = 0;
+  uint64_t lost_received CONS_GUARDED_BY(lock) = 0;
 };
 
 /// Ends a transfer: frees the buffers and sets every field but lock, condition and the last loss to zero.
 void xfer_reset(xfer_state &record) CONS_REQUIRES(record.lock);
 
-/// What the nodes answered so far does not count any more.
+/// What the nodes answered so far does not count any more, and the requests begin anew.
 void xfer_forget_answers(xfer_state &record) CONS_REQUIRES(record.lock);
+
+/// The node has answered other than MISSING. If the last loss was judged without it, the next needs all patience again.
+void xfer_note_holder(xfer_state &pull, uint8_t from) CONS_REQUIRES(pull.lock);
 
 inline bool xfer_is_for(const xfer_state &record, uint32_t id, uint8_t sender) CONS_REQUIRES(record.lock)
 {
@@ -64,6 +68,14 @@ struct quiet_watch {
   int64_t since_us = 0;    // it has not changed since then
   int64_t looked_us = 0;   // seen last
   int64_t request_us = 0;  // the last request after which it was quiet for a moment
+};
+
+/// The snapshot that a log begins with, while its record serves an OFFER: what it takes up again.
+struct lent_base {
+  id_entry entry;  // zero: not lent
+  uint32_t requests = 0;
+  int64_t request_us = 0;
+  uint32_t lacking = 0;  // bit n - 1: node n has answered the last request with MISSING
 };
 
 void *paxos_data_pull_thread(void *);
@@ -81,11 +93,12 @@ struct paxos_data_state {
   // The latest decided log, and how far it is queued. pull_pos changes only with both locks held.
   id_batch pull_batch CONS_GUARDED_BY(pull_xfer.lock);
   uint32_t pull_pos CONS_GUARDED_BY(pull_xfer.lock) = 0;
-  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;   // the queue still mirrors another log
-  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);         // since start; zero = nothing
-  uint64_t claim_received CONS_GUARDED_BY(pull_xfer.lock) = 0;  // decisions received when the pull record was claimed
+  bool switch_pending CONS_GUARDED_BY(pull_xfer.lock) = true;  // the queue still mirrors another log
+  id_entry last_queued CONS_GUARDED_BY(pull_xfer.lock);        // since start; zero = nothing
   quiet_watch quiet CONS_GUARDED_BY(pull_xfer.lock);
-  bool needs_base CONS_GUARDED_BY(pull_xfer.lock) = false;  // not all before the new log was handled here
+  bool needs_base CONS_GUARDED_BY(pull_xfer.lock) = false;  // not all before the new log was delivered here
+  bool has_hole CONS_GUARDED_BY(pull_xfer.lock) = false;    // an entry was skipped, and no snapshot has come since
+  lent_base lent CONS_GUARDED_BY(pull_xfer.lock);
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};
@@ -105,6 +118,10 @@ inline constinit paxos_data_state paxos_data;
 /// Notes in `handled` that nothing of the last hand-over is left. Returns true when that has just become so: then
 /// the caller tells the layer above (callbacks.handled).
 bool paxos_data_note_handled() CONS_REQUIRES(paxos_data.deliver_queue_lock);
+
+/// Lends the pull record of a snapshot that nobody has answered for a while to the OFFER of another payload. False: the
+/// record is in use. Otherwise it is free, and the pull-thread takes it back when its next request is due.
+bool paxos_data_lend_base() CONS_REQUIRES(paxos_data.pull_xfer.lock);
 
 /// Sends the REQs for what is missing of (id, sender), unless DATA of the transfer is still flowing: everything, which
 /// claims the record, or the missing runs once the size is known. Returns whether it asked.

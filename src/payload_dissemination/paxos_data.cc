@@ -33,6 +33,9 @@ void prepare_batches()
   paxos_data.last_queued = {};
   paxos_data.pull_xfer.lost_us = 0;
   paxos_data.quiet = {};
+  paxos_data.needs_base = false;
+  paxos_data.has_hole = false;
+  paxos_data.lent = {};
   paxos_data.handed_number = 0;
   paxos_data.still_to_queue = 0;
   paxos_data.handled = 0;
@@ -151,6 +154,13 @@ void xfer_forget_answers(xfer_state &record)
     state = 0;
   }
   record.unanswered_requests = 0;
+}
+
+void xfer_note_holder(xfer_state &pull, uint8_t from)
+{
+  if (from != 0 && (pull.lost_lacking >> (from - 1) & 1) == 0) {
+    pull.lost_us = 0;
+  }
 }
 
 uint32_t paxos_data_handled()

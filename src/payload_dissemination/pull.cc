@@ -25,6 +25,8 @@ constexpr uint32_t LOSS_REQUESTS = 2;
 // Only its leader holds the snapshot that a log begins with. A node that lacks a part of the old log would be beside
 // the others without it, and a leader that is silent may just be frozen; but a dead one must not stop us for good.
 constexpr uint32_t BASE_LOSS_REQUESTS = 30;
+// Who lives has answered a request before, and the pull-thread has looked whether it was quiet.
+constexpr int64_t LEND_AFTER_US = 3 * QUIET_US;
 
 bool is_data_flowing(const xfer_state &record) CONS_REQUIRES(record.lock)
 {
@@ -80,7 +82,7 @@ bool is_lost_like_the_last(uint32_t lacking_nodes) CONS_REQUIRES(paxos_data.pull
 {
   const uint64_t received = decisions_received();
   return paxos_data.pull_xfer.lost_us != 0 && monotonic_us() - paxos_data.pull_xfer.lost_us < ANSWER_US &&
-         received % 2 == 0 && received == paxos_data.claim_received &&
+         received % 2 == 0 && received == paxos_data.pull_xfer.lost_received &&
          (lacking_nodes & paxos_data.pull_xfer.lost_lacking) == paxos_data.pull_xfer.lost_lacking;
 }
 
@@ -111,6 +113,7 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   }
   paxos_data.pull_xfer.lost_us = monotonic_us();
   paxos_data.pull_xfer.lost_lacking = lacking_nodes;
+  paxos_data.pull_xfer.lost_received = decisions_received();
   return true;
 }
 
@@ -125,12 +128,33 @@ void claim(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   }
   if (!paxos_data.pull_xfer.is_pulled) {
     paxos_data.pull_xfer.is_pulled = true;
-    paxos_data.claim_received = decisions_received();
     xfer_forget_answers(paxos_data.pull_xfer);
   }
+  if (paxos_data.lent.entry.msg_id == id && paxos_data.lent.entry.sender == sender) {
+    paxos_data.pull_xfer.unanswered_requests = paxos_data.lent.requests;
+    paxos_data.pull_xfer.request_us = paxos_data.lent.request_us;
+    for (uint32_t i = 0; i < NODES_MAX; ++i) {
+      paxos_data.pull_xfer.node_state[i] = (paxos_data.lent.lacking >> i & 1) != 0 ? XFER_NODE_LACKS_IT : uint8_t{0};
+    }
+  }
+  paxos_data.lent = {};
 }
 
-// Each MISSING wakes us: without the pause, asking again at once would draw the next, at the network's speed.
+// Whether the record may go on serving an OFFER: the next request for what it was lent from is not due.
+bool is_lent(uint32_t id, uint8_t sender, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
+{
+  const int64_t left_us = paxos_data.lent.request_us + ANSWER_US - monotonic_us();
+  if (paxos_data.lent.entry.msg_id != id || paxos_data.lent.entry.sender != sender || left_us <= 0) {
+    return false;
+  }
+  was_quiet(paxos_data.lent.request_us, wait_us);  // goes on watching
+  wait_us = std::min(wait_us, left_us);
+  return true;
+}
+
+// Each MISSING wakes us: without the pause, asking again at once would draw the next, at the network's speed. A quorum
+// must have answered the last request: who is cut off meanwhile hears of nothing, nor of the newer decision that the
+// request would draw.
 void request_again(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(pull.lock)
 {
   const int64_t now_us = monotonic_us();
@@ -138,7 +162,20 @@ void request_again(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(
   if (is_due && paxos_data_request_missing(pull, id, sender)) {
     pull.request_us = now_us;
     ++pull.unanswered_requests;
+    for (uint8_t &state : pull.node_state) {
+      state = 0;
+    }
   }
+}
+
+id_batch entries_from(const id_batch &batch, uint32_t first)
+{
+  id_batch rest;
+  for (uint32_t i = first; i < id_batch_count(batch); ++i) {
+    const id_entry entry = id_batch_entry(batch, i);
+    id_batch_add(&rest, entry.msg_id, entry.sender);
+  }
+  return rest;
 }
 
 id_batch first_entries(const id_batch &batch, uint32_t count)
@@ -169,7 +206,7 @@ bool switch_queue() CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_
 // others deliver the last: were it abandoned here, it would wait until its OFFER is repeated.
 bool is_just_asked_for(const xfer_state &pull) CONS_REQUIRES(pull.lock)
 {
-  return !pull.is_pulled && pull.piece_map == nullptr;
+  return !pull.is_pulled && pull.request_us == 0 && pull.piece_map == nullptr;
 }
 
 void queue_entry(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
@@ -192,12 +229,17 @@ void queue_entry(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer
 void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
   if (paxos_data_has_entry(id, sender) != 0) {
+    paxos_data.has_hole = paxos_data.has_hole && paxos_data.pull_pos != 0;
     queue_entry(id, sender);
+    return;
+  }
+  if (is_lent(id, sender, *static_cast<int64_t *>(context))) {
     return;
   }
   claim(id, sender);
   if (is_lost(*static_cast<int64_t *>(context))) {
     vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
+    paxos_data.has_hole = paxos_data.has_hole || paxos_data.pull_pos != 0 || paxos_data.needs_base;
     queue_entry(id, sender);
     return;
   }
@@ -214,12 +256,15 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered, uint32_t number
     CONS_REQUIRES(paxos_data.pull_xfer.lock, paxos_data.deliver_queue_lock)
 {
   if (paxos_data.pull_pos == 0 || !has_prefix(batch, paxos_data.pull_batch, paxos_data.pull_pos)) {
+    // What was still to be queued will not be.
+    paxos_data_unhash_batch(entries_from(paxos_data.pull_batch, paxos_data.pull_pos), batch);
     const bool is_queued = paxos_data.last_queued.msg_id != 0;
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
     // Every decision adds one entry: the one before this log had the number `number` - count.
-    paxos_data.needs_base = uint64_t{paxos_data.handled.load()} + id_batch_count(batch) < number;
+    const uint64_t known = paxos_data.still_to_queue == 0 ? paxos_data.handed_number : paxos_data.handled.load();
+    paxos_data.needs_base = paxos_data.has_hole || known + id_batch_count(batch) < number;
     paxos_data.pull_xfer.lost_us = 0;
     // What was answered about the entry that comes next still holds: decisions must not put off that it is lost.
     const id_entry next =
@@ -233,6 +278,22 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered, uint32_t number
 }
 
 }  // namespace
+
+bool paxos_data_lend_base()
+{
+  const bool is_base = paxos_data.pull_xfer.is_pulled && paxos_data.needs_base && paxos_data.pull_pos == 0;
+  if (!is_base || paxos_data.pull_xfer.piece_map != nullptr ||
+      paxos_data.pull_xfer.unanswered_requests < LOSS_REQUESTS ||
+      monotonic_us() - paxos_data.pull_xfer.request_us < LEND_AFTER_US) {
+    return false;
+  }
+  paxos_data.lent = {.entry = {.sender = paxos_data.pull_xfer.sender, .msg_id = paxos_data.pull_xfer.id},
+                     .requests = paxos_data.pull_xfer.unanswered_requests,
+                     .request_us = paxos_data.pull_xfer.request_us,
+                     .lacking = nodes_without_payload(paxos_data.pull_xfer)};
+  xfer_reset(paxos_data.pull_xfer);
+  return true;
+}
 
 bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
 {

@@ -57,6 +57,10 @@ def leader_restarts(builder):
     builder.events.append((19, "kill", {"node": 1, "point": None}))
 
 
+def protocol_restarts_on_1(builder):
+    builder.log[1].append("Isolating from cluster ...")
+
+
 def in_log(node, line, before=None):
     def change(builder):
         log = builder.log[node]
@@ -145,6 +149,7 @@ CASES = [
     ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
     ("repeated after a crash", [], [crash_repeat()], None),
     ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
+    ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
     ("ordered again by a leader that must know", [], [ordered_again], "I2"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]

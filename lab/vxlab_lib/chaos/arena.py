@@ -16,7 +16,7 @@ LOG_BYTES_MAX = 1 << 32  # one piece, so that it can be read against the trace
 
 
 class Arena:
-    """One cluster in the fresh directory `work_dir`. `build` is a chaos build (see build.py), `plan` tells what has to
+    """One cluster in the fresh directory `work_dir`. `build` is a chaos build, `plan` tells what has to
     be prepared. Use as a context; `close` leaves nothing running."""
 
     name = ""

@@ -37,18 +37,26 @@ def forgotten_decision(episode, hook):
     origin = int(hook.tag.partition(".")[0])
     for node, trace in episode.traces.items():
         proposes = bool(episode.logs[node].hits["attempt"])
-        known_in = next((other.life for other in trace.hooks if (other.tag, other.attempt) == key), None)
+        knows_since = [(other.life, other.index) for other in trace.hooks if (other.tag, other.attempt) == key]
         for hit, life, before in episode.hits_in_lives(node, "forward"):
             if hit.number != origin or not proposes or not _stands_between(episode, trace, life, before, first, hook.t):
                 continue
-            known = known_in is not None and (known_in, 0) <= (life, before) and any(
-                (other.tag, other.attempt) == key and (other.life, other.index) < (life, before)
-                for other in trace.hooks)
-            if not known or known_in < life:
-                how = "a restart had made it forget" if known else "had missed"
-                return (f"node {node} accepted a FORWARD of node {origin} for what it {how}; the log was replaced "
+            known = [position for position in knows_since if position < (life, before)]
+            if all(position < (life, _hooks_before_run(episode, node, life, hit)) for position in known):
+                how = "a restart had made it forget" if known else "it had missed"
+                return (f"node {node} accepted a FORWARD of node {origin} for what {how}; the log was replaced "
                         f"(full state on node {replaced.node})")
     return None
+
+
+def _hooks_before_run(episode, node, life, hit):
+    """Hook calls of that life before the run of the library in which the line was logged. A run knows no more than the
+    log that it began with."""
+    log = episode.logs[node]
+    segment, missing = episode.segments[node][life]
+    begins = [mark.offset for kind in ("active", "isolating") for mark in log.hits[kind]
+              if segment.start <= mark.offset < hit.offset]
+    return segment.hooks_before(max(begins)) + missing if begins else 0
 
 
 def _stands_between(episode, trace, life, before, after_t, until_t):

@@ -10,6 +10,7 @@ from dataclasses import dataclass, field
 
 WORDS = {
     "life": b"kesh: starting, build ",
+    "active": b" is active\n",
     "hook": b"DELIVER calling hook",
     "deliver": b"CONS: PAXOS: DELIVER (id=",
     "lost": b"data lost - skipped (id=",

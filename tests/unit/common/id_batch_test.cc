@@ -24,7 +24,7 @@ id_batch batch_of(const wire::log &entries)
 }
 
 // Any other layout makes every stored log and every older node's decision unreadable.
-TEST(id_batch, has_the_stated_bytes)
+TEST(id_batch, has_these_bytes)
 {
   const auto bytes = bytes_of(batch_of({{1, 5}, {2, 0x01020304}, {16, 0xfffffffe}}));
   const wire::bytes expected = {3, 0, 0, 0, 1, 5, 0, 0, 0, 2, 4, 3, 2, 1, 16, 0xfe, 0xff, 0xff, 0xff};

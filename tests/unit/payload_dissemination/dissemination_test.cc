@@ -321,6 +321,10 @@ TEST_F(dissemination, goes_on_behind_what_it_has_queued)
   EXPECT_TRUE(has(C));   // but not those that the new log names
   pull(10, {S1, A}, {3, 21});
   ASSERT_TRUE(fake::wait_for([] { return fake::logged("REQ bcast (id=9/2") > 0; }));  // another log: from its state
+  store(B, payload_of(20));
+  pull(11, {S1, A, B}, {3, 21});
+  pull(12, {{3, 22}}, {3, 21});
+  EXPECT_FALSE(has(B));  // what was never queued is released too
 }
 
 TEST_F(dissemination, resumes_behind_the_last_delivery_after_a_restart)
@@ -359,15 +363,38 @@ TEST_F(dissemination, skips_a_payload_that_a_quorum_lacks)
   ASSERT_TRUE(wait_sent(wire::REQ, 1));
   fake::inject(5, 3, wire::data_header(wire::MISSING, 3, A));
   ASSERT_TRUE(wait_sent(wire::REQ, 2));  // after a second without DATA
-  pull(2, {A, B, C});                    // a decision meanwhile does not put it off
+  ASSERT_TRUE(wait_sent(wire::REQ, 3));  // which nobody has heard
+  fake::inject(5, 3, wire::data_header(wire::MISSING, 3, A));
+  pull(2, {A, B, C});  // a decision meanwhile does not put it off
   ASSERT_TRUE(wait_delivered({B}));
-  EXPECT_EQ(fake::logged("REQ bcast (id=10/2"), 2u);
+  EXPECT_EQ(fake::logged("REQ bcast (id=10/2"), 3u);
   EXPECT_EQ(fake::logged("CONS: PAXOS DATA: data lost - skipped (id=10/2)\n"), 1u);
   ASSERT_TRUE(fake::wait_for([] { return fake::logged("REQ bcast (id=12/3") > 0; }));
   fake::inject(5, 2, wire::data_header(wire::MISSING, 2, C));  // with both others there is nobody to wait for
   fake::inject(5, 3, wire::data_header(wire::MISSING, 3, C));
   EXPECT_TRUE(fake::wait_for([] { return paxos_data_handled() == 2; }));
   EXPECT_EQ(lost, (wire::log{A, C}));
+}
+
+// Only its leader holds the snapshot that a log begins with, and may just be frozen. The others must be able to go on.
+TEST_F(dissemination, waits_for_the_snapshot_that_it_needs_and_serves_offers_meanwhile)
+{
+  pull(300, {S1});
+  for (size_t requests = 1; requests <= 3; ++requests) {
+    ASSERT_TRUE(wait_sent(wire::REQ, requests));
+    fake::inject(5, 3, wire::data_header(wire::MISSING, 3, S1));
+  }
+  ASSERT_TRUE(fake::wait_for([] {
+    fake::inject(5, 3, wire::data_header(wire::OFFER, 3, C));
+    return fake::logged("REQ bcast (id=12/3") > 0;
+  }));
+  pull(301, {S1, C});
+  inject_all(3, C, payload_of(20));
+  ASSERT_TRUE(wait_sent(wire::COMPLETE, 1));
+  ASSERT_TRUE(fake::wait_for([] { return fake::logged("REQ bcast (id=9/2") == 4; }));
+  inject_all(2, S1, payload_of(3000));
+  EXPECT_TRUE(wait_delivered({S1, C}));
+  EXPECT_EQ(fake::logged("data lost"), 0u);
 }
 
 // A node whose disk is slow works through old decisions, whose payloads the others have dropped: the newer ones that

@@ -40,7 +40,7 @@ TEST(cons_crypt, starts_afresh_with_every_piece)
   }
 }
 
-TEST(payload_buf, has_the_stated_bytes)
+TEST(payload_buf, has_these_bytes)
 {
   payload_buf *payload = payload_buf_new(2, 3, 1);
   const uint8_t data[] = {5, 6, 7};

@@ -24,7 +24,7 @@ class register_store : public layer_test
 {
 };
 
-TEST_F(register_store, has_the_stated_bytes)
+TEST_F(register_store, has_these_bytes)
 {
   ASSERT_EQ(store_save(7, state_of(12, 9, VALUE)), 0);
   EXPECT_EQ(files::all(), (std::map<std::string, bytes>{{"rb_reg.7", words({12, 9, 5}) + VALUE}}));

@@ -16,7 +16,7 @@ class envelope : public layer_test
 {
 };
 
-TEST_F(envelope, has_the_stated_bytes)
+TEST_F(envelope, has_these_bytes)
 {
   be_node(3, 3);
   const bytes payload = {9, 8, 7};
