@@ -94,7 +94,7 @@ class ControlClient:
     def load(self, **options):
         """Lines that the daemon makes itself; gives the stream on which it tells its totals at the end, one line of
         JSON. Leaving the context ends the load. Options: threads, bytes (list of payload sizes), count, seconds,
-        pause_ms, timeout_s (of a line)."""
+        pause_ms, timeout_s (of a line), repeat (under the same tag after a -1)."""
         with self.open({"op": "load", **options}) as (_, stream, sock):
             sock.settimeout(None)
             yield stream, sock

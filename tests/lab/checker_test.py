@@ -147,6 +147,9 @@ CASES = [
     ("a falling DECIDE", [], [in_log(1, "CONS: PAXOS: DECIDE broadcast (batch_id=3)")], "I12"),
     ("memory grows", [], [grow], "I13"),
     ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
+    ("a restarted process ends", [], [event(40, "kill", node=2, pid=10), event(50, "exit", node=2, pid=11, code=-11)], "P"),
+    ("a signal where a disk failed", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=-11)], "P"),
+    ("a last delivery that no log names", [], [lambda b: b.deliver.update({3: (2, 77)})], "I7"),
     ("repeated after a crash", [], [crash_repeat()], None),
     ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
     ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
@@ -206,7 +209,7 @@ class CheckerTest(unittest.TestCase):
             builder.journals[node] = b""
         with tempfile.TemporaryDirectory() as directory:
             result = check(builder.write(directory))
-            self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I3", "I6"]))
+            self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I2", "I3", "I5", "I6", "I10"]))
             with open(os.path.join(directory, "node2", "trace"), "a", encoding="ascii") as file:
                 file.write("no trace\n1 2 3\n")
             with self.assertRaises(CouldNotRun):

@@ -33,6 +33,7 @@ class Builder:
         self.events += [(65, "fresh", {"node": node, "tag": tag(node, 2)}) for node in (1, 2, 3)]
         self.samples, self.wire = [], []
         self.decide = struct.pack("<II", 9, 5)
+        self.deliver = {node: (2, 4) for node in (1, 2, 3)}
 
     def make(self):
         """Fills traces and logs from `order`, then samples and datagrams. Returns self."""
@@ -116,6 +117,6 @@ class Builder:
             put(f"node{node}/log", "".join(f"2026-01-01 00:00:00.000 1 info: {line}\n" for line in self.log[node]))
             put(f"node{node}/flashdisk/journal", self.journals[node])
             put(f"node{node}/flashdisk/cons/paxos_decide", self.decide)
-            put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", 2, 4))
+            put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", *self.deliver[node]))
             put(f"node{node}/flashdisk/cons/msg_id", bytes(4))
         return directory

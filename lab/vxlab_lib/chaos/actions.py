@@ -17,6 +17,13 @@ def do_cut(stage, track, step):
     stage.set_cuts(track, step["pairs"])
 
 
+def do_bandwidth(stage, _track, step):
+    stage.fabric.ask("bandwidth", bytes_per_s=step["bytes_per_s"])
+    stage.events.add("net", bytes_per_s=step["bytes_per_s"])
+    stage.pause(step["for_s"])
+    stage.fabric.ask("bandwidth", bytes_per_s=0)
+
+
 def do_hold(stage, _track, step):
     identity = stage.next_id()
     match = {key: stage.node_id(value) if key in ("from", "to") else value for key, value in step["match"].items()}

@@ -25,6 +25,7 @@ class Campaign:
         self._build = build
         self._progress = progress
         self.totals = Counter()
+        self.excused = Counter()
         self.violated = []
         self.not_run = []
         self.seeds = []
@@ -77,8 +78,12 @@ class Campaign:
             raise
         self.seeds.append(seed)
         self.totals.update(outcome.figures)
+        excused = Counter(f"{finding.invariant} {finding.excuse}" for check in outcome.result.checks
+                          for finding in check.excused)
+        self.excused.update(excused)
         text = (f"seed {seed}: {outcome.verdict} in {outcome.seconds:.0f} s ({outcome.result.level} restarts): " +
-                ", ".join(f"{value} {name.replace('_', ' ')}" for name, value in outcome.figures.items()))
+                ", ".join(f"{value} {name.replace('_', ' ')}" for name, value in outcome.figures.items()) +
+                "".join(f"; excused {count} x {name}" for name, count in sorted(excused.items())))
         if outcome.verdict == "violated":
             self.violated.append((seed, outcome.reason))
         elif outcome.verdict != "held":
@@ -117,6 +122,8 @@ class Campaign:
         print("| " + " | ".join(COLUMNS) + " |")
         print("|" + "---|" * len(COLUMNS))
         print("| " + " | ".join(str(cell) for cell in self.row()) + " |")
+        for name, count in sorted(self.excused.items()):
+            print(f"excused {count} x {name}")
         for seed, reason in self.violated:
             print(f"violated by seed {seed}: {reason}")
         for seed in self.not_run:

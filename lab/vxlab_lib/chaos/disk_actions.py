@@ -93,6 +93,24 @@ def do_fill_disk(stage, _track, step):
         disk_is_well(stage, node_id, lambda: os.unlink(filler))
 
 
+def do_block_save(stage, _track, step):
+    with stage.one_down(True) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        path = os.path.join(stage.cluster.node(node_id).cons_dir, step["file"] + ".tmp")
+        stage.events.add("disk", node=node_id, fault={"kind": "blocked", "file": step["file"]})
+        while True:
+            try:
+                os.mkdir(path)
+                break
+            except FileExistsError:  # a save is under way
+                if not stage.pause(0.0005):
+                    return
+        stage.pause(step["for_s"])
+        disk_is_well(stage, node_id, lambda: os.rmdir(path))
+
+
 def do_cut_record(stage, _track, step):
     with stage.one_down(True) as may:
         node_id = stage.node_id(step["node"])

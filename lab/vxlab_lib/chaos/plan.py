@@ -66,4 +66,5 @@ def make_plan(seed, arena, nodes, faults):
             settings.setdefault(node, {}).update(keys)
         load.update(made.load)
         options.update(made.options)
+        seconds = max(seconds, made.seconds)
     return Plan(seed, arena, nodes, list(faults), seconds, tracks, load, settings, options)

@@ -188,8 +188,9 @@ class Stage:
     def terminate(self, node_id):
         """Clean end of the daemon; returns its exit code."""
         node = self.cluster.node(node_id)
-        self._down_on_purpose.add(node.pid())
-        self.events.add("term", node=node_id)
+        pid = node.pid()
+        self._down_on_purpose.add(pid)
+        self.events.add("term", node=node_id, pid=pid)
         code = node.stop()
         self.events.add("terminated", node=node_id, code=code)
         return code

@@ -190,7 +190,7 @@ def _delivered_is_known(episode, check, node, number, entries, deliver):
     if (sender, msg_id) in entries or (sender, msg_id) == (0, 0):
         return
     older = {tuple(sample[name]) for samples in episode.samples.values() for sample in samples
-             for name in ("first", "last", "deliver") if sample.get(name)}
+             for name in ("first", "last") if sample.get(name)}
     highest = max((entry[1] for entry in entries if entry[0] == sender), default=0)
     if (sender, msg_id) not in older and msg_id > highest and episode.samples[node]:
         check.violated(f"paxos_deliver names {msg_id}/{sender}, which no log names", t=episode.end_t or None, node=node,

@@ -27,6 +27,8 @@ def bounded(episode, check):
     for start, end in _quorumless(episode):
         for node in episode.nodes:
             _idle(episode, check, node, start + SECOND, end)
+    for node, start, end in _alone(episode):
+        _idle(episode, check, node, start + SECOND, end)
 
 
 def _roll_overs(samples):
@@ -72,6 +74,21 @@ def _quorumless(episode):
     return [span for span in found if span[1] - span[0] > 3 * SECOND]
 
 
+def _alone(episode):
+    """(node, start, end): times in which a node heard fewer than a majority, itself included, because of cuts."""
+    since = {}
+    for event in episode.events_of("cut") + [{"t": episode.end_t, "pairs": []}]:
+        for node in episode.nodes:
+            deaf_to = {source for source, target in event["pairs"] if target == node}
+            is_alone = len(episode.nodes) - len(deaf_to) <= len(episode.nodes) // 2
+            if is_alone:
+                since.setdefault(node, event["t"])
+            elif node in since and event["t"] - since[node] > 3 * SECOND:
+                yield node, since.pop(node), event["t"]
+            else:
+                since.pop(node, None)
+
+
 def _idle(episode, check, node, start, end):
     samples = [sample for sample in episode.samples.get(node, []) if start < sample["t"] < end]
     seconds = (end - start) / SECOND
@@ -100,14 +117,13 @@ def wall_ns(stamp):
 def processes(episode, check):
     """No process ends by itself, or badly, or with a word of a sanitizer."""
     check.saw("processes", len(episode.events_of("spawn")))
-    asked = [(event["t"], event["node"]) for event in episode.events_of("term", "kill")]
+    asked = {event.get("pid") for event in episode.events_of("term", "kill")} - {None}
     for event in episode.events_of("exit", "terminated"):
         node, t, code = event["node"], event["t"], event.get("code")
-        is_asked = any(other == node and t - 30 * SECOND < at <= t for at, other in asked)
-        if event["what"] == "exit" and is_asked or event["what"] == "terminated" and code == 0:
+        if event["what"] == "exit" and event.get("pid") in asked or event["what"] == "terminated" and code == 0:
             continue
         text = f"the process ended with {code}" + (", by itself" if event["what"] == "exit" else " when told to end")
-        if episode.events_of("disk", node=node):
+        if episode.events_of("disk", node=node) and code is not None and code > 0:
             check.excuse("a failing disk", "a disk fault was made on that node", text, t=t, node=node)
         else:
             check.violated(text, t=t, node=node)

@@ -11,6 +11,7 @@ class Made:
     settings: dict = field(default_factory=dict)  # node id, 0 for all -> configuration keys
     load: dict = field(default_factory=dict)
     options: dict = field(default_factory=dict)
+    seconds: float = 0.0  # how long faults last at least
 
 
 @dataclass(frozen=True)

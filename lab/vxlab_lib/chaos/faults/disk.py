@@ -43,9 +43,15 @@ def full_disk(draw, nodes, seconds):
 
 def cut_records(draw, nodes, seconds):
     """What a power cut on a careless file system leaves: a short record, found at the next start."""
-    names = ["msg_id", "paxos_deliver", "rb_reg"]
+    names = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg"]
     return Made([at(moment, "cut-record", node=any_node(draw, nodes), file=draw.choice(names),
                     keep_bytes=draw.randint(0, 3), settle=True) for moment in times(draw, seconds, 7.0)])
+
+
+def blocked_save(draw, nodes, seconds):
+    """A directory stands where a record's temporary file would be made."""
+    return Made([at(moment, "block-save", node=any_node(draw, nodes), file=draw.choice(FILES[:3]),
+                    for_s=round(draw.uniform(0.5, 2.5), 2)) for moment in times(draw, seconds, 6.0)])
 
 
 FAULTS = [
@@ -56,6 +62,8 @@ FAULTS = [
           failing("eio", ["*"], 0)),
     Fault("disk-cut-write", "disk", "only the first bytes of a record can be written", UNDONE, cut_write),
     Fault("disk-slow-sync", "disk", "each sync takes 500 ms longer", "the delay ends", slow),
+    Fault("disk-blocked-save", "disk", "a directory stands in the way of a record's temporary file", UNDONE,
+          blocked_save),
     Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
           "the record is whole again", cut_records),

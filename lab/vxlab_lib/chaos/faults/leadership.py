@@ -32,7 +32,7 @@ def two(draw, nodes, seconds):
 
 def two_long(draw, nodes, seconds):
     """Two leaders from the beginning to the end."""
-    return Made([at(1.0, "master", nodes=draw.sample(range(1, nodes + 1), 2))])
+    return Made([at(1.0, "master", nodes=draw.sample(range(1, nodes + 1), 2))], seconds=61.0)
 
 
 def flap(draw, nodes, seconds):
@@ -89,7 +89,7 @@ FAULTS = [
     Fault("master-move", "leadership", "another node is MASTER every few seconds, also at a roll-over", UNDONE, move),
     Fault("master-none", "leadership", "nobody is MASTER for seconds", UNDONE, none),
     Fault("master-two", "leadership", "two are MASTER for 1 to 8 s", UNDONE, two),
-    Fault("master-two-long", "leadership", "two are MASTER until the faults end", UNDONE, two_long),
+    Fault("master-two-long", "leadership", "two are MASTER for a minute", UNDONE, two_long),
     Fault("master-flap", "leadership", "another MASTER each second", UNDONE, flap),
     Fault("master-lagging", "leadership", "the node that is most behind becomes MASTER", UNDONE, lagging),
     Fault("master-one-behind", "leadership", "MASTER is a node that missed the last decisions, at a roll-over", UNDONE,

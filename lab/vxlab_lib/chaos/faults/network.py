@@ -64,7 +64,7 @@ def partition_bridge(draw, nodes, seconds):
     return Made(steps)
 
 
-def lose_decide_update(draw, _nodes, seconds):
+def lose_decide(draw, _nodes, seconds):
     steps = [at(0.5, "net", rules=[{"from": 0, "to": 0, "channel": 4, "type": "DECIDE", "loss": 0.5}])]
     for moment in times(draw, seconds, 6.0, first=4.0):
         to = draw.choice(["follower", "last", 0])
@@ -72,6 +72,18 @@ def lose_decide_update(draw, _nodes, seconds):
                                                "loss": draw.choice([0.5, 0.9, 1.0])}]))
         steps.append(at(moment + draw.uniform(0.5, 3.0), "net", rules=[]))
     return Made(steps)
+
+
+def lose_decide_update(draw, nodes, seconds):
+    """Nodes that were away, or lead too early, are not told what they missed."""
+    steps = [at(0.5, "net", rules=[{"from": 0, "to": 0, "channel": 4, "type": "DECIDE_UPDATE",
+                                    "loss": draw.choice([0.5, 0.9, 1.0])}])]
+    return Made(steps + cut_at_roll_over(draw, nodes, seconds).steps)
+
+
+def thin(draw, _nodes, seconds):
+    return Made([at(moment, "bandwidth", bytes_per_s=draw.choice([100_000, 300_000, 1_000_000]),
+                    for_s=round(draw.uniform(1.0, 3.0), 1)) for moment in times(draw, seconds, 5.0)])
 
 
 def hold_decide(draw, _nodes, seconds):
@@ -117,8 +129,10 @@ FAULTS = [
     Fault("partition-bridge", "network", "two parts and one node that hears both", UNDONE, partition_bridge),
     Fault("cut-at-rollover", "network", "cuts that begin where a log is full or has just begun", UNDONE,
           cut_at_roll_over),
-    Fault("lose-decide-update", "network", "DECIDE is lost, half or all, to one follower or to all", UNDONE,
-          lose_decide_update),
+    Fault("lose-decide", "network", "DECIDE is lost, half or all, to one follower or to all", UNDONE, lose_decide),
+    Fault("lose-decide-update", "network", "DECIDE(update) alone is lost, with cuts at a roll-over that call for it",
+          UNDONE, lose_decide_update),
+    Fault("thin", "network", "0.1 to 1 MB/s for everything", "as fast as it goes", thin),
     Fault("hold-decide-at-rollover", "network", "the DECIDE of a log's end or beginning is held back, then delivered "
           "or lost", "what is held is released", hold_decide),
 ]

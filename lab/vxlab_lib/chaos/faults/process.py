@@ -85,6 +85,8 @@ FAULTS = [
     Fault("kill-random", "process", "kill -9 of one node, also at a roll-over", UNDONE, kill_random),
     Fault("kill-read-ack", "process", "an acceptor is killed after it saved its promise, its answer unsent", UNDONE,
           kill_at("read-ack", ["follower", "last", "leader"]), ("broker",)),
+    Fault("kill-read-commit", "process", "the leader is killed after its READ has a quorum, its WRITE unsent", UNDONE,
+          kill_at("write-req", ["leader"]), ("broker",)),
     Fault("kill-write-ack", "process", "an acceptor is killed after it saved a value, its answer unsent", UNDONE,
           kill_at("write-ack", ["follower", "last", "leader"]), ("broker",)),
     Fault("kill-decide", "process", "the leader is killed after it saved a decision, its DECIDE unsent", UNDONE,
