@@ -60,10 +60,11 @@ int send_and_wait(rb_reg &reg, const quorum_count &count, const operation &op) C
   }
   vx_log("CONS: RB-REG: %s_REQ broadcast (id=%u, round=%u)\n", op.name, reg.id, op.request.round);
   void *handle = cons_msg_send(message, RB_REG_CHANNEL, reg.id, CONS_MCAST_ADDR, -1, 1);
-  const int result = wait_for_quorum(reg, count, op);
-  if (handle != nullptr) {
-    vx_msg_dequeue(handle, 0, 0, 0);
+  if (handle == nullptr) {
+    return RB_REG_ERROR;  // nobody would repeat it, and a lost one is never answered
   }
+  const int result = wait_for_quorum(reg, count, op);
+  vx_msg_dequeue(handle, 0, 0, 0);
   return result;
 }
 

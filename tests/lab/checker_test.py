@@ -111,6 +111,11 @@ def grow(builder):
         one["first"], one["batch"], one["crc"] = [1, number // 3], 100 + number, f"{number:x}"
 
 
+def spin(at_s):
+    return lambda builder: builder.log[2].extend(
+        [(at_s, "CONS: CONSENSOUS: propose ... (batch_id=10, round=2)")] * 100)
+
+
 # what is wrong, [changes before make], [changes after], what is named (then what may follow; None: held)
 CASES = [
     ("nothing", [], [], None),
@@ -146,6 +151,9 @@ CASES = [
     ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),
     ("a falling DECIDE", [], [in_log(1, "CONS: PAXOS: DECIDE broadcast (batch_id=3)")], "I12"),
     ("memory grows", [], [grow], "I13"),
+    ("spins where it hears nobody", [], [event(20, "cut", pairs=[[1, 2], [3, 2]]), event(26, "cut", pairs=[]), spin(23)],
+     "I13"),
+    ("busy when the cuts are over", [], [event(55, "cut", pairs=[[1, 2], [3, 2]]), spin(63)], None),
     ("a process ends", [], [event(50, "exit", node=2, code=-6)], "P"),
     ("a restarted process ends", [], [event(40, "kill", node=2, pid=10), event(50, "exit", node=2, pid=11, code=-11)], "P"),
     ("a signal where a disk failed", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=-11)], "P"),

@@ -26,7 +26,7 @@ class Builder:
                      (1, 3, 15, 16), (2, 3, 17, 18)]
         self.order = {}  # node -> plan of what it delivers; default: the plan
         self.trace = {node: [] for node in (1, 2, 3)}  # (s, words)
-        self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}
+        self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}  # line, or (s, line)
         self.events = [(0, "spawn", {"node": node}) for node in (1, 2, 3)]
         self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}),
                         (70, "equal", {"lines": 8, "after_s": 10})]
@@ -114,7 +114,8 @@ class Builder:
                     life = LIVES[node] if not lines else f"{node + 16:016x}"
                 lines.append(f"{ns(at)} {life} {words}\n")
             put(f"node{node}/trace", "".join(lines))
-            put(f"node{node}/log", "".join(f"2026-01-01 00:00:00.000 1 info: {line}\n" for line in self.log[node]))
+            timed = [line if isinstance(line, tuple) else (0, line) for line in self.log[node]]
+            put(f"node{node}/log", "".join(f"2026-01-01 00:{at // 60:02}:{at % 60:02}.000 1 info: {line}\n" for at, line in timed))
             put(f"node{node}/flashdisk/journal", self.journals[node])
             put(f"node{node}/flashdisk/cons/paxos_decide", self.decide)
             put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", *self.deliver[node]))

@@ -206,13 +206,18 @@ TEST_P(node, tries_again_once_a_second_what_it_cannot_propose)
   }
 }
 
-// Each allocation fails once, wherever it stands: nobody crashes or hangs, and everything goes on with the next try.
-// (Every other one with each way to dispatch: some cost a pause of a second.)
-TEST_P(node, goes_on_after_an_allocation_that_fails)
+// Each allocation and each message fails once, wherever it stands: nobody crashes or hangs, and everything goes on with
+// the next try. (Every other one with each way to dispatch: some cost a pause of a second.)
+TEST_P(node, goes_on_after_an_allocation_or_a_message_that_fails)
 {
-  for (const char *state : {"MASTER", "BACKUP"}) {
+  const std::tuple<const char *, fake::call> cases[] = {{"MASTER", fake::call::memory},
+                                                        {"BACKUP", fake::call::memory},
+                                                        {"MASTER", fake::call::enqueue},
+                                                        {"BACKUP", fake::call::enqueue}};
+  for (const auto &[state, what] : cases) {
     for (uint32_t nth = GetParam() == fake::dispatch::per_channel ? 1 : 2; nth < 100; nth += 2) {
-      SCOPED_TRACE(std::string(state) + ", allocation " + std::to_string(nth));
+      SCOPED_TRACE(std::string(state) + (what == fake::call::memory ? ", allocation " : ", message ") +
+                   std::to_string(nth));
       others.reset();
       vx_cons_cleanup();
       files::clear();
@@ -220,8 +225,8 @@ TEST_P(node, goes_on_after_an_allocation_that_fails)
       start_as(state);
       others->lead(std::string(state) == "MASTER" ? 0 : 2);
       fake::set_repeats(true);
-      const uint32_t before = fake::calls(fake::call::memory);
-      fake::fail(fake::call::memory, nth);
+      const uint32_t before = fake::calls(what);
+      fake::fail(what, nth);
       auto call = submit("x");
       const wire::entry from_other = others->submit(3, message("y"));
       fake::inject(4, 3, wire::forward(from_other));
@@ -231,8 +236,8 @@ TEST_P(node, goes_on_after_an_allocation_that_fails)
         second = submit("z");
         EXPECT_EQ(result(second), 0);
       }
-      if (fake::calls(fake::call::memory) - before < nth) {
-        fake::fail(fake::call::memory, 1, 0);
+      if (fake::calls(what) - before < nth) {
+        fake::fail(what, 1, 0);
         break;
       }
     }

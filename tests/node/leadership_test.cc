@@ -237,6 +237,30 @@ TEST_P(node, hands_its_message_to_the_next_leader)
   EXPECT_EQ(result(call), 0);
 }
 
+// What a follower does would withdraw the DECIDE that this node has just begun to announce as a leader.
+TEST_P(node, goes_on_announcing_when_it_leads_again_at_once)
+{
+  configure(1, 3);
+  set_decided(4, {{2, 9}, {2, 10}}, {2, 10});
+  ASSERT_EQ(vx_cons_start(), 0);
+  ASSERT_TRUE(lead());
+  others->set_votes(false);
+  auto call = submit("mine");
+  ASSERT_TRUE(fake::wait_for([] { return !fake::sent(3, wire::READ_REQ).empty(); }));
+  fake::pause_at("READ cancelled");
+  ASSERT_TRUE(step_down());
+  ASSERT_TRUE(fake::wait_paused());  // the launch-thread, which is leaving, waits for the proposer
+  ASSERT_TRUE(lead());
+  ASSERT_TRUE(fake::wait_for([] { return fake::queued(4, 0).size() == 1; }));
+  const size_t proposals = fake::logged("CONSENSOUS: propose");
+  fake::resume();
+  ASSERT_TRUE(fake::wait_for([&] { return fake::logged("CONSENSOUS: propose") > proposals; }));
+  EXPECT_EQ(fake::queued(4, 0).size(), 1u);
+  others->set_votes(true);
+  fake::repeat_queued();
+  EXPECT_EQ(result(call), 0);
+}
+
 // A snapshot has swallowed the caller's message, which this node saw decided and never gets: the call ends with it, 0
 // when the snapshot is delivered, -1 when that is lost too. Without that the node's callers hang for ever.
 TEST_P(node, ends_a_call_whose_message_a_snapshot_has_swallowed)
@@ -303,6 +327,27 @@ TEST_P(node, gives_up_a_message_that_may_have_been_decided_unseen)
   fake::repeat_queued();
   EXPECT_EQ(result(waiting), 0);
   EXPECT_EQ(app.lines(), (std::vector<std::string>{"t", "waiting"}));
+}
+
+// The same for what others have forwarded: their owners forward it again, or give it up.
+TEST_P(node, forgets_what_others_wait_for_when_decisions_were_missed)
+{
+  start_as("MASTER");
+  others->set_votes(false);
+  const entry doubtful = others->submit(3, message("doubtful"));
+  fake::inject(4, 3, wire::forward(doubtful));
+  ASSERT_TRUE(fake::wait_for([] { return !fake::sent(3, wire::READ_REQ).empty(); }));
+  const entry state = others->submit(2, wire::state_payload("s\n"), false);
+  app.reset();
+  others->adopt(400, {state});
+  others->announce(2);
+  ASSERT_TRUE(app.has({"s"}));
+  others->set_votes(true);
+  auto call = submit("mine");
+  EXPECT_EQ(result(call), 0);
+  EXPECT_EQ(app.lines(), (std::vector<std::string>{"s", "mine"}));
+  fake::inject(4, 3, wire::forward(doubtful));
+  EXPECT_TRUE(app.has({"s", "mine", "doubtful"}));
 }
 
 // A node that lost its disk meets its own old identifiers in the log: reusing them delivers old bytes as new.

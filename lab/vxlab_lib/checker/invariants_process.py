@@ -77,9 +77,9 @@ def _quorumless(episode):
 def _alone(episode):
     """(node, start, end): times in which a node heard fewer than a majority, itself included, because of cuts."""
     since = {}
-    for event in episode.events_of("cut") + [{"t": episode.end_t, "pairs": []}]:
+    for event in episode.events_of("cut", "heal"):  # which ends all cuts
         for node in episode.nodes:
-            deaf_to = {source for source, target in event["pairs"] if target == node}
+            deaf_to = {source for source, target in event.get("pairs", []) if target == node}
             is_alone = len(episode.nodes) - len(deaf_to) <= len(episode.nodes) // 2
             if is_alone:
                 since.setdefault(node, event["t"])
@@ -90,9 +90,10 @@ def _alone(episode):
 
 
 def _idle(episode, check, node, start, end):
-    samples = [sample for sample in episode.samples.get(node, []) if start < sample["t"] < end]
+    samples = [sample for sample in episode.samples.get(node, [])
+               if start < sample["t"] < end and sample.get("cpu_ms") is not None]
     seconds = (end - start) / SECOND
-    if len(samples) > 1 and samples[0].get("pid") == samples[-1].get("pid") and samples[0].get("cpu_ms") is not None:
+    if len(samples) > 1 and samples[0].get("pid") == samples[-1].get("pid"):
         check.saw("times without a quorum")
         share = (samples[-1]["cpu_ms"] - samples[0]["cpu_ms"]) * 1e6 / (samples[-1]["t"] - samples[0]["t"])
         if samples[-1]["t"] - samples[0]["t"] > 2 * SECOND and share > QUIET_CPU_SHARE:
