@@ -5,7 +5,7 @@ import os
 import struct
 
 from ..errors import LabError
-from . import disk_actions, exact_actions, strangers
+from . import decisions, disk_actions, exact_actions, strangers
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
 
@@ -88,6 +88,45 @@ def do_kill_all(stage, _track, step):
     for node_id in running:
         if not stage.is_running(node_id):
             stage.start(node_id)
+
+
+def do_wipe(stage, _track, step):
+    with stage.one_down(True) as may:
+        node_id = stage.node_id(step["node"])
+        if not may or not stage.is_running(node_id):
+            return
+        stage.terminate(node_id)
+        stage.arena.node_is_down(node_id)
+        lose_files(stage, node_id)
+        restart_after(stage, node_id, {"settle": True})
+
+
+def do_missed_reset(stage, _track, step):
+    kept = stage.node_id(step["node"])
+    running = stage.cluster.running()
+    for node_id in running:
+        stage.terminate(node_id)
+        stage.arena.node_is_down(node_id)
+    for node_id in running:
+        if node_id != kept:
+            lose_files(stage, node_id)
+    old = decisions.read_position(stage.cluster.node(kept).cons_dir)[0]
+    for node_id in running:
+        stage.start(node_id)
+    has_won = stage.await_that(lambda: all(decisions.read_position(node.cons_dir)[0] >= old
+                                           for node in stage.cluster.nodes.values()), 10.0)
+    stage.events.add("old-life", node=kept, number=old, has_won=has_won)
+
+
+def lose_files(stage, node_id):
+    stage.events.add("wipe", node=node_id)
+    node = stage.cluster.node(node_id)
+    for directory in (node.cons_dir, node.path("flashdisk")):
+        for name in os.listdir(directory):
+            path = os.path.join(directory, name)
+            if os.path.isfile(path):
+                os.unlink(path)
+    node.configure(stage.plan.nodes)
 
 
 def do_pause(stage, _track, step):

@@ -11,7 +11,7 @@ EPILOG = """\
 Episodes with the seeds S, S+1, .. follow each other until the time is over; the plan of faults depends on seed, arena,
 number of nodes and fault names alone. Evidence of an episode that broke a promise is kept, with the command that
 repeats it. Faults joined by + come together in one episode; of a list, each episode takes the next; "all" is each one
-alone, then pairs; "none" is load alone.
+alone, then pairs, but for those that are marked; "none" is load alone.
 
 exit codes: 0 every promise held, 1 one was broken, 2 wrong usage, 3 an episode could not run, 130 interrupted"""
 
@@ -23,6 +23,7 @@ def list_faults():
             group = fault.group
             print(f"{group}:")
         where = "" if len(fault.arenas) == 2 else f" [{fault.arenas[0]} only]"
+        where += " [not in all]" if fault.is_apart else ""
         print(f"  {name:<34} {fault.what}; undone: {fault.undone}{where}")
 
 

@@ -43,7 +43,7 @@ def choose_faults(seed, arena, wanted):
     """Fault names of the episode with this seed, `wanted` as on the command line: names joined by + come together,
     "none" is no fault, "all" is each one alone first, by seed, then pairs."""
     if wanted == ["all"]:
-        names = names_of(arena)
+        names = [name for name in names_of(arena) if not FAULTS[name].is_apart]
         if seed % (2 * len(names)) < len(names):
             return [names[seed % len(names)]]
         return sorted(random.Random(f"pair {seed} {arena}").sample(names, 2))

@@ -22,6 +22,7 @@ class Fault:
     undone: str  # how it ends
     make: object  # (random.Random, node count, seconds) -> Made
     arenas: tuple = ("broker", "wire")
+    is_apart: bool = False  # left out of "all": almost nothing is promised under it
 
 
 def at(seconds, action, **arguments):

@@ -81,6 +81,14 @@ def kill_all(draw, _nodes, seconds):
                  for moment in times(draw, seconds, 8.0, first=3.0)], options={"several_down": True})
 
 
+def wipe(draw, nodes, seconds):
+    return Made([at(moment, "wipe", node=draw.choice(["follower", "last"])) for moment in times(draw, seconds, 9.0)])
+
+
+def missed_reset(_draw, _nodes, seconds):
+    return Made([at(seconds / 2, "missed-reset", node="last")], options={"several_down": True})
+
+
 FAULTS = [
     Fault("kill-random", "process", "kill -9 of one node, also at a roll-over", UNDONE, kill_random),
     Fault("kill-read-ack", "process", "an acceptor is killed after it saved its promise, its answer unsent", UNDONE,
@@ -111,4 +119,8 @@ FAULTS = [
           UNDONE, restart_acceptor),
     Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
           UNDONE, kill_all),
+    Fault("wiped-node", "process", "one node loses all its files and is configured alone: its old identifiers come again",
+          UNDONE, wipe, is_apart=True),
+    Fault("missed-reset", "process", "all nodes but one are configured anew: its old life's log becomes everybody's",
+          UNDONE, missed_reset, ("broker",), is_apart=True),
 ]
