@@ -262,6 +262,17 @@ void inject(uint32_t channel, uint32_t from_node, const bytes &payload)
   inject_with(channel, envelope(from_node, payload.size()), payload);
 }
 
+void call_hook(uint32_t channel, uint32_t from_node, const bytes &payload)
+{
+  bytes object = bytes(WORD) + envelope(from_node, payload.size()) + payload;
+  void (*hook)(void *) = nullptr;
+  {
+    const std::lock_guard lock(host().lock);
+    hook = hook_of(channel);
+  }
+  hook(object.data());
+}
+
 void hold(uint32_t channel)
 {
   const std::lock_guard lock(host().lock);

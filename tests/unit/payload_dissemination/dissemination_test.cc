@@ -195,6 +195,33 @@ TEST_F(dissemination, fetches_what_is_offered)
   EXPECT_EQ(fake::sent(5, wire::REQ).size(), 1u);
 }
 
+// One encrypts for others while the other decrypts.
+TEST_F(dissemination, serves_and_fetches_on_several_threads)
+{
+  const bytes held = payload_of(4000);
+  const bytes fetched = payload_of(1400 * 20);
+  store(B, held);
+  fake::inject(5, 2, wire::data_header(wire::OFFER, 2, A));
+  ASSERT_TRUE(wait_sent(wire::REQ, 1));
+  auto serving = std::async(std::launch::async, [] {
+    for (int i = 0; i < 20; ++i) {
+      fake::call_hook(5, 3, wire::req(3, B, 0, wire::ALL));
+    }
+  });
+  for (uint32_t offset = 0; offset < fetched.size(); offset += wire::PIECE) {
+    const auto total = static_cast<uint32_t>(fetched.size());
+    fake::call_hook(5, 2, wire::data(2, A, offset, total, piece_of(fetched, offset)));
+  }
+  serving.get();
+  EXPECT_EQ(stored(A), fetched);
+  const auto sent = payloads_sent(wire::DATA);
+  ASSERT_EQ(sent.size(), 60u);
+  for (size_t i = 0; i < sent.size(); ++i) {
+    const uint32_t offset = static_cast<uint32_t>(i % 3) * wire::PIECE;
+    EXPECT_EQ(sent[i], wire::data(1, B, offset, 4000, piece_of(held, offset)));
+  }
+}
+
 // A payload known to fewer nodes than a quorum can be decided and then lost with one node.
 TEST_F(dissemination, offers_until_a_quorum_holds_the_payload)
 {

@@ -75,6 +75,20 @@ protected:
   }
 };
 
+TEST_F(registers, votes_on_several_threads)
+{
+  const auto vote = [](uint32_t id, const bytes &value) {
+    for (uint32_t round = 1; round <= 50; ++round) {
+      fake::call_hook(3, 2, wire::write_req(id, round, value));
+    }
+  };
+  auto other = std::async(std::launch::async, [&] { vote(7, P); });
+  vote(8, Q + Q);
+  other.get();
+  EXPECT_EQ(files::read("rb_reg.7"), words({0, 50, 5}) + P);
+  EXPECT_EQ(files::read("rb_reg.8"), words({0, 50, 10}) + Q + Q);
+}
+
 // The table of what an acceptor answers: each row stands on the ones before it. A wrong row is two decisions for one
 // number.
 TEST_F(registers, acceptor_keeps_its_promises)
