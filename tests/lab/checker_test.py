@@ -146,6 +146,7 @@ CASES = [
     ("delivered after stop", [], [trace(2, 75.15, f"adopt {75 * 10**9} 0 99 8 00000000000000ab")], "I11 I1 I3"),
     ("sent after stop", [], [lambda b: b.trace[2].__delitem__(slice(-2, None)), trace(2, 79, "start-call"),
                              wire(77.0, 2, "send4"), trace(2, 79.1, "start-return 0")], "I11"),
+    ("sent after an isolation", [], [trace(2, 20, "isolated"), wire(30, 2, "send5")], "I11"),
     ("a message repeated after stop", [], [lambda b: b.replace(2, "stop-return 0", "stop-return 1")], "I11"),
     ("four threads", [], [sample(3, 10, tasks={"propose-thread": 1})], "I11"),
     ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),

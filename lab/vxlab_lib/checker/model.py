@@ -14,6 +14,7 @@ from .log_scan import Log
 from .promises import INFINITE, fault_level
 
 ACKNOWLEDGED = "acknowledged.json"
+ISOLATION_ENDS_NS = 5 * 10**9
 CHAINS_MAX = 32  # more histories than these are a shambles; the first ones tell enough
 
 
@@ -235,7 +236,8 @@ class Episode:
 
     def spans(self, node):
         """Times in which the library ran: (life, from start-return, to stop-call or isolation or end of the life, t of
-        stop-return or None, t of the next start-call in the same life or of the life's end)."""
+        stop-return, or when an isolation is over at the latest, or None, t of the next start-call in the same life or
+        of the life's end)."""
         found, life, start, stop_call, stopped = [], 0, None, None, None
         for moment in self.traces[node].moments + [None]:
             what = moment.what if moment else "begin"
@@ -251,6 +253,8 @@ class Episode:
                 start, stop_call, stopped = moment.t, None, None
             elif what in ("stop-call", "isolated", "cleanup-call") and start is not None:
                 stop_call = stop_call or moment.t
+                if what == "isolated":  # its threads end soon, at a moment that nobody notes
+                    stopped = stopped or moment.t + ISOLATION_ENDS_NS
             elif what == "stop-return" and start is not None:
                 stopped = stopped or moment.t
             if moment:
