@@ -98,7 +98,7 @@ bool journal::load_record(const file_record &record)
   const journal_line line{record.tag, record.attempt, record.text};
   switch (record.kind) {
   case record_kind::base:
-    if (status_.lines != 0 || !base_record_apply(record, status_, tags_)) {
+    if (status_.lines != 0 || record.number > LINES_MAX || !base_record_apply(record, status_, tags_)) {
       return false;
     }
     kept_base_hash_ = record.hash;

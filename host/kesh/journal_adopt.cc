@@ -18,7 +18,7 @@ bool journal::adopt(std::string_view bytes)
 {
   journal_state state;
   state.hash = state.base_hash = HASH_START;
-  const bool usable = bytes.empty() || journal_state_decode(bytes, state);
+  const bool usable = bytes.empty() || (journal_state_decode(bytes, state) && state.lines <= LINES_MAX);
   lock_scope scope(lock_);
   redelivery_possible_ = false;
   if (usable) {

@@ -21,6 +21,9 @@ struct kept_line {
   journal_line view() const { return {tag, attempt, text}; }
 };
 
+/// More lines than any cluster applies. What claims more is damaged: counting on from there could wrap.
+inline constexpr uint64_t LINES_MAX = INT64_MAX;
+
 struct journal_state {
   uint64_t lines = 0;      ///< all lines ever applied
   uint64_t hash = 0;       ///< running hash over them
