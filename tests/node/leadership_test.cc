@@ -247,7 +247,7 @@ TEST_P(node, goes_on_announcing_when_it_leads_again_at_once)
   others->set_votes(false);
   auto call = submit("mine");
   ASSERT_TRUE(fake::wait_for([] { return !fake::sent(3, wire::READ_REQ).empty(); }));
-  fake::pause_at("READ cancelled");
+  fake::pause_at("proposal cancelled");
   ASSERT_TRUE(step_down());
   ASSERT_TRUE(fake::wait_paused());  // the launch-thread, which is leaving, waits for the proposer
   ASSERT_TRUE(lead());

@@ -77,6 +77,9 @@ protected:
 
 TEST_F(registers, votes_on_several_threads)
 {
+  for (const uint32_t id : {7u, 8u}) {
+    fake::call_hook(3, 2, wire::reg(wire::READ_REQ, id, 1));
+  }
   const auto vote = [](uint32_t id, const bytes &value) {
     for (uint32_t round = 1; round <= 50; ++round) {
       fake::call_hook(3, 2, wire::write_req(id, round, value));
@@ -85,8 +88,8 @@ TEST_F(registers, votes_on_several_threads)
   auto other = std::async(std::launch::async, [&] { vote(7, P); });
   vote(8, Q + Q);
   other.get();
-  EXPECT_EQ(files::read("rb_reg.7"), words({0, 50, 5}) + P);
-  EXPECT_EQ(files::read("rb_reg.8"), words({0, 50, 10}) + Q + Q);
+  EXPECT_EQ(files::read("rb_reg.7"), words({1, 50, 5}) + P);
+  EXPECT_EQ(files::read("rb_reg.8"), words({1, 50, 10}) + Q + Q);
 }
 
 // The table of what an acceptor answers: each row stands on the ones before it. A wrong row is two decisions for one
