@@ -1,9 +1,10 @@
 #include "common/cons_mutex.h"
 
-#include <sys/time.h>
 #include <time.h>
 
 #include <cstdlib>
+
+#include "common/monotonic_clock.h"
 
 #ifdef CONS_CHECK_LOCKS
 #include <cstdio>
@@ -11,14 +12,6 @@
 
 namespace
 {
-
-constexpr int64_t US_PER_S = 1000000;
-
-timespec add_us(int64_t seconds, int64_t us, int64_t wait_us)
-{
-  const int64_t sum_us = us + wait_us;
-  return {.tv_sec = seconds + sum_us / US_PER_S, .tv_nsec = sum_us % US_PER_S * 1000};
-}
 
 #ifdef CONS_CHECK_LOCKS
 constexpr int HELD_MAX = 16;
@@ -79,17 +72,9 @@ void cons_cond::wait(cons_mutex &mutex)
 
 void cons_cond::wait_for_us(cons_mutex &mutex, int64_t wait_us)
 {
-  timeval now;
-  gettimeofday(&now, nullptr);
-  const timespec deadline = add_us(now.tv_sec, now.tv_usec, wait_us);
-  pthread_cond_timedwait(&cond_, &mutex.mutex_, &deadline);
-}
-
-void cons_cond::wait_for_us_monotonic(cons_mutex &mutex, int64_t wait_us)
-{
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const timespec deadline = add_us(now.tv_sec, now.tv_nsec / 1000, wait_us);
+  constexpr int64_t US_PER_S = 1000000;
+  const int64_t end_us = monotonic_us() + wait_us;
+  const timespec deadline = {.tv_sec = end_us / US_PER_S, .tv_nsec = end_us % US_PER_S * 1000};
   pthread_cond_clockwait(&cond_, &mutex.mutex_, CLOCK_MONOTONIC, &deadline);
 }
 

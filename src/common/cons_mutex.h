@@ -82,10 +82,8 @@ public:
   cons_cond &operator=(const cons_cond &) = delete;
 
   void wait(cons_mutex &mutex) CONS_REQUIRES(mutex);
-  /// Deadline now + wait_us on the wall clock (gettimeofday): a step of that clock moves it.
+  /// At most that long, on the monotonic clock.
   void wait_for_us(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
-  /// The same on the monotonic clock.
-  void wait_for_us_monotonic(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
   void signal();
   void broadcast();
 

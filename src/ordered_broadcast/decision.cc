@@ -20,6 +20,7 @@ namespace
 
 constinit std::atomic<uint32_t> decisions_in_hand{0};
 constinit std::atomic<uint64_t> decisions_adopted{0};
+constinit std::atomic<int64_t> agreed_us[NODES_MAX];  // node - 1: its last DECIDE with our number, monotonic
 
 // What an adoption replaced, and what goes on to the payload layer.
 struct adoption {
@@ -132,25 +133,30 @@ void settle_waiting(const adoption &old, const decide_message &message)
   paxos.launch_cond.signal();
 }
 
-void recv_decide(const decide_message &message, uint32_t sender_addr)
+// Adopts a newer decision, answers an older one. True if the sender knows no more than we do then.
+bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
   vx_log("CONS: PAXOS: DECIDE (sender=%u, batch_id=%u)\n", node_id_of_addr(sender_addr), message.batch_id);
   adoption old;
   {
     cons_lock lock(paxos.propose_lock);
     if (paxos.stopped) {
-      return;
+      return false;
     }
     if (message.batch_id < paxos.batch_id) {
       paxos_decide_update(sender_addr);
-      return;
+      return false;
     }
-    if (message.batch_id == paxos.batch_id || !adopt_decision(message, old)) {
-      return;
+    if (message.batch_id == paxos.batch_id) {
+      return true;
+    }
+    if (!adopt_decision(message, old)) {
+      return false;
     }
   }
   settle_waiting(old, message);
   paxos_data_pull(message.batch, old.last_delivered, message.batch_id);
+  return true;
 }
 
 void recv_forward(id_entry entry, uint32_t sender_addr)
@@ -186,8 +192,11 @@ void paxos_recv(void *msg)
   const uint32_t type = get_le32(payload.data());
   if (type == PAXOS_DECIDE) {
     if (const auto message = decide_parse(payload)) {
+      const uint32_t sender = node_id_of_addr(received.sender_addr());
       ++decisions_in_hand;
-      recv_decide(*message, received.sender_addr());
+      if (recv_decide(*message, received.sender_addr()) && is_member(sender)) {
+        agreed_us[sender - 1] = monotonic_us();
+      }
       --decisions_in_hand;
     }
   } else if (type == PAXOS_FORWARD) {
@@ -203,6 +212,11 @@ void paxos_recv(void *msg)
 uint64_t paxos_decisions_received()
 {
   return decisions_in_hand != 0 ? 1 : 2 * decisions_adopted;
+}
+
+int64_t paxos_agreed_us(uint32_t node_id)
+{
+  return agreed_us[node_id - 1];
 }
 
 void paxos_help_newcomer(uint32_t node_addr)
@@ -237,7 +251,7 @@ void paxos_help_askers()
       continue;
     }
     cons_lock lock(paxos.propose_lock);
-    if (!paxos.stopped && paxos.batch_id != 0 && id_batch_find(&paxos.decided_batch, msg_id, sender) < 0) {
+    if (!paxos.stopped && paxos.batch_id != 0) {
       paxos_decide_update(node_addr_of_id(node_id));
     }
   }

@@ -137,7 +137,7 @@ void *paxos_launch_thread(void *)
       continue;
     }
     if (result == pass_result::retry_later) {
-      paxos.launch_cond.wait_for_us_monotonic(paxos.forward_lock, RETRY_US);
+      paxos.launch_cond.wait_for_us(paxos.forward_lock, RETRY_US);
     } else {
       paxos.launch_cond.wait(paxos.forward_lock);
     }

@@ -115,7 +115,7 @@ void wait_for_next_pass()
   const int64_t end_us = monotonic_us() + PERIOD_US;
   cons_lock lock(watch.lock);
   for (int64_t left_us = PERIOD_US; left_us > 0 && !paxos.stopped; left_us = end_us - monotonic_us()) {
-    watch.wake_cond.wait_for_us_monotonic(watch.lock, left_us);
+    watch.wake_cond.wait_for_us(watch.lock, left_us);
   }
 }
 

@@ -63,7 +63,7 @@ bool wait_for_work(bool is_parked) CONS_REQUIRES(paxos.propose_lock)
     paxos.proposer_idle = true;
     paxos.propose_idle_cond.broadcast();
     if (paxos.next_proposal.msg_id != 0) {
-      paxos.propose_cond.wait_for_us_monotonic(paxos.propose_lock, RETRY_US);
+      paxos.propose_cond.wait_for_us(paxos.propose_lock, RETRY_US);
     } else {
       paxos.propose_cond.wait(paxos.propose_lock);
     }
@@ -104,7 +104,7 @@ void pause_after_error()
   const int64_t end_us = monotonic_us() + RETRY_US;
   cons_lock lock(paxos.propose_lock);
   for (int64_t left_us = RETRY_US; left_us > 0 && may_go_on(); left_us = end_us - monotonic_us()) {
-    paxos.propose_cond.wait_for_us_monotonic(paxos.propose_lock, left_us);
+    paxos.propose_cond.wait_for_us(paxos.propose_lock, left_us);
   }
 }
 

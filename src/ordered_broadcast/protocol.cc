@@ -134,7 +134,8 @@ int cons_layers_init()
                        .lost = paxos_skip_lost,
                        .handled = paxos_log_handled,
                        .lacking = paxos_note_asker,
-                       .decisions_received = paxos_decisions_received}) != 0) {
+                       .decisions_received = paxos_decisions_received,
+                       .agreed_us = paxos_agreed_us}) != 0) {
     paxos_data_cleanup();
     return -1;
   }

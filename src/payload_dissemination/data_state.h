@@ -51,7 +51,10 @@ struct xfer_state {
 /// Ends a transfer: frees the buffers and sets every field but lock, condition and the last loss to zero.
 void xfer_reset(xfer_state &record) CONS_REQUIRES(record.lock);
 
-/// What the nodes answered so far does not count any more, and the requests begin anew.
+/// What the nodes answered so far does not count any more.
+void xfer_clear_marks(xfer_state &record) CONS_REQUIRES(record.lock);
+
+/// The same, and the requests begin anew.
 void xfer_forget_answers(xfer_state &record) CONS_REQUIRES(record.lock);
 
 /// The node has answered other than MISSING. If the last loss was judged without it, the next needs all patience again.

@@ -148,11 +148,16 @@ void xfer_reset(xfer_state &record)
   xfer_forget_answers(record);
 }
 
-void xfer_forget_answers(xfer_state &record)
+void xfer_clear_marks(xfer_state &record)
 {
   for (uint8_t &state : record.node_state) {
     state = 0;
   }
+}
+
+void xfer_forget_answers(xfer_state &record)
+{
+  xfer_clear_marks(record);
   record.unanswered_requests = 0;
 }
 

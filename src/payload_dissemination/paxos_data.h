@@ -18,6 +18,8 @@ struct paxos_data_callbacks {
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
   /// Odd while a received decision is being handled; another even number after each new one. Pull record's lock held.
   uint64_t (*decisions_received)() = nullptr;
+  /// When the node last said that it knows no newer decision than this one, monotonic. Pull record's lock held.
+  int64_t (*agreed_us)(uint32_t node_id) = nullptr;
 };
 
 /// Creates the tables. Returns 0; does nothing if initialised.

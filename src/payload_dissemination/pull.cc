@@ -22,18 +22,18 @@ constexpr int64_t ANSWER_US = 1000000;  // a holder gets this long to answer a r
 constexpr int64_t QUIET_US = 100000;
 // A single request, or its answer, may have been dropped on its way.
 constexpr uint32_t LOSS_REQUESTS = 2;
-// Only its leader holds the snapshot that a log begins with. A node that lacks a part of the old log would be beside
-// the others without it, and a leader that is silent may just be frozen; but a dead one must not stop us for good.
-constexpr uint32_t BASE_LOSS_REQUESTS = 30;
+// Where a skip could put us beside the others, but must not be put off for good: see is_lost.
+constexpr uint32_t DOUBTFUL_LOSS_REQUESTS = 30;
 // Who lives has answered a request before, and the pull-thread has looked whether it was quiet.
 constexpr int64_t LEND_AFTER_US = 3 * QUIET_US;
 
+// Silence on either clock counts: the wall clock may be set back.
 bool is_data_flowing(const xfer_state &record) CONS_REQUIRES(record.lock)
 {
   timeval now;
   gettimeofday(&now, nullptr);
   const bool is_set = record.last.tv_sec != 0 || record.last.tv_usec != 0;
-  return is_set && timeval_diff_usec(&now, &record.last) <= SILENCE_US;
+  return is_set && timeval_diff_usec(&now, &record.last) <= SILENCE_US && monotonic_us() - record.data_us <= SILENCE_US;
 }
 
 // Bit n - 1: node n has answered MISSING.
@@ -42,6 +42,21 @@ uint32_t nodes_without_payload(const xfer_state &pull) CONS_REQUIRES(pull.lock)
   uint32_t nodes = 0;
   for (uint32_t i = 0; i < cons_service.node_count && i < NODES_MAX; ++i) {
     nodes |= pull.node_state[i] == XFER_NODE_LACKS_IT ? 1u << i : 0;
+  }
+  return nodes;
+}
+
+bool is_quorum_with_us(uint32_t nodes)
+{
+  return static_cast<uint32_t>(std::popcount(nodes)) + 1 >= cons_service.quorum;
+}
+
+// Those of the nodes that have said since our last request that they know no newer decision.
+uint32_t nodes_at_our_decision(uint32_t nodes, int64_t request_us)
+{
+  const auto agreed_us = paxos_data.callbacks.agreed_us;
+  for (uint32_t node_id = 1; agreed_us != nullptr && node_id <= NODES_MAX; ++node_id) {
+    nodes &= agreed_us(node_id) > request_us ? ~0u : ~(1u << (node_id - 1));
   }
   return nodes;
 }
@@ -87,13 +102,15 @@ bool is_lost_like_the_last(uint32_t lacking_nodes) CONS_REQUIRES(paxos_data.pull
 }
 
 // A quorum lacks the payload, and whoever else may hold it has left our requests unanswered. Otherwise lowers wait_us
-// to the moment at which to look again. When all others lack it they may just have begun a new log, which drops the
-// payloads of the old: the requests draw the newer decision from them, and until they had time to do so nothing is
-// lost.
+// to the moment at which to look again. Two doubts call for more patience:
+// - Who lacks it may have begun a new log, which drops the payloads of the old. The requests draw the decision that
+//   the answering nodes know; as long as it may have been lost on its way, what they lack says nothing.
+// - Only its leader holds the snapshot that a log begins with. A node that lacks a part of the old log would be beside
+//   the others without it, and a leader that is silent may just be frozen.
 bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
 {
   const uint32_t lacking_nodes = nodes_without_payload(paxos_data.pull_xfer);
-  if (static_cast<uint32_t>(std::popcount(lacking_nodes)) + 1 < cons_service.quorum) {
+  if (!is_quorum_with_us(lacking_nodes)) {
     return false;
   }
   const bool have_all_answered = static_cast<uint32_t>(std::popcount(lacking_nodes)) + 1 >= cons_service.node_count;
@@ -103,12 +120,13 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
   }
   const int64_t request_us = paxos_data.pull_xfer.request_us;
   const bool is_quiet = was_quiet(request_us, wait_us);
+  const bool is_doubtful = is_base || !is_quorum_with_us(nodes_at_our_decision(lacking_nodes, request_us));
   const int64_t left_us = request_us + ANSWER_US - monotonic_us();
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
-  if (left_us > 0 || paxos_data.pull_xfer.unanswered_requests < (is_base ? BASE_LOSS_REQUESTS : LOSS_REQUESTS) ||
-      !is_quiet) {
+  if (left_us > 0 ||
+      paxos_data.pull_xfer.unanswered_requests < (is_doubtful ? DOUBTFUL_LOSS_REQUESTS : LOSS_REQUESTS) || !is_quiet) {
     return false;
   }
   paxos_data.pull_xfer.lost_us = monotonic_us();
@@ -162,9 +180,7 @@ void request_again(xfer_state &pull, uint32_t id, uint8_t sender) CONS_REQUIRES(
   if (is_due && paxos_data_request_missing(pull, id, sender)) {
     pull.request_us = now_us;
     ++pull.unanswered_requests;
-    for (uint8_t &state : pull.node_state) {
-      state = 0;
-    }
+    xfer_clear_marks(pull);
   }
 }
 

@@ -107,6 +107,8 @@ void resume();
 /// Waits until a receive hook runs that makes no progress any more: it waits for something.
 bool wait_hook_blocked();
 
+void set_clock_back(int64_t seconds);  ///< the wall clock, as if between two readings that the library compares
+
 void config_set(const std::string &key, const std::string &value);
 std::string config(const std::string &key);  ///< "(unset)" if it is not set
 std::vector<std::string> config_calls();     ///< "get key", "set key=value", "unset key", "save 1"

@@ -72,6 +72,7 @@ void start(dispatch mode)
   h.number_calls.clear();
   h.tables.clear();
   h.violations.clear();
+  h.clock_back_s = 0;
   h.up = true;
   start_messaging(mode);
 }
@@ -180,6 +181,12 @@ void resume()
   host().pause_part.clear();
   host().is_paused = false;
   note_change();
+}
+
+void set_clock_back(int64_t seconds)
+{
+  const std::lock_guard lock(host().lock);
+  host().clock_back_s = seconds;
 }
 
 void config_set(const std::string &key, const std::string &value)
@@ -494,5 +501,7 @@ unsigned long long vx_strtoull(const char *text, int base, int reserved1, int re
 
 int64_t timeval_diff_usec(const struct timeval *later, const struct timeval *earlier)
 {
-  return (later->tv_sec - earlier->tv_sec) * INT64_C(1000000) + (later->tv_usec - earlier->tv_usec);
+  const std::lock_guard lock(host().lock);
+  const int64_t seconds = later->tv_sec - earlier->tv_sec - host().clock_back_s;
+  return seconds * INT64_C(1000000) + (later->tv_usec - earlier->tv_usec);
 }

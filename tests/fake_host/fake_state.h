@@ -65,6 +65,7 @@ struct host_state {
   std::vector<std::string> number_calls;
   std::vector<uint32_t> tables;
   std::vector<std::string> violations;
+  int64_t clock_back_s = 0;
   int live_threads = 0;
 };
 

@@ -280,6 +280,9 @@ void peers::serve(uint32_t id, const node &n, wire::entry e, uint32_t offset, ui
   const auto it = n.payloads.find(e);
   if (it == n.payloads.end()) {
     inject(5, id, wire::data_header(wire::MISSING, id, e));
+    if (number_ != 0) {
+      inject(4, id, wire::decide(number_, entries_));
+    }
     return;
   }
   const bytes &payload = it->second;

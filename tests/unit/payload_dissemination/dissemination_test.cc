@@ -28,6 +28,7 @@ wire::log lost;
 std::atomic<bool> is_delivery_held;
 std::atomic<int> deliveries_begun;
 std::atomic<uint64_t> decisions;
+std::atomic<uint32_t> silent_node;  // says nothing about what it knows decided
 
 void on_deliver(uint32_t id, uint8_t sender, const payload_buf *)
 {
@@ -86,8 +87,11 @@ protected:
     is_delivery_held = false;
     deliveries_begun = 0;
     decisions = 0;
-    EXPECT_EQ(paxos_data_init(
-                  {.deliver = on_deliver, .lost = on_lost, .decisions_received = [] { return decisions.load(); }}),
+    silent_node = 0;
+    EXPECT_EQ(paxos_data_init({.deliver = on_deliver,
+                               .lost = on_lost,
+                               .decisions_received = [] { return decisions.load(); },
+                               .agreed_us = [](uint32_t id) { return id == silent_node ? 0 : INT64_MAX; }}),
               0);
     EXPECT_EQ(paxos_data_start(), 0);
   }
@@ -311,6 +315,7 @@ TEST_F(dissemination, asks_again_for_the_missing_runs)
   for (const uint32_t piece : {1u, 2u, 4u}) {
     inject_piece(2, A, payload, piece * wire::PIECE);
   }
+  fake::set_clock_back(3600);
   ASSERT_TRUE(wait_sent(wire::REQ, 4));
   const std::vector<bytes> expected = {wire::req(1, A, 0, wire::ALL), wire::req(1, A, 0, 1400),
                                        wire::req(1, A, 4200, 1400), wire::req(1, A, 7000, 1400)};
@@ -438,6 +443,20 @@ TEST_F(dissemination, gives_nothing_up_while_decisions_keep_coming)
   }
   EXPECT_EQ(fake::logged("data lost"), 0u);
   ++decisions;
+  EXPECT_TRUE(fake::wait_logged("data lost"));
+}
+
+// Who lacks a payload may have gone on to the next log; the decision that says so may have been lost on its way.
+TEST_F(dissemination, gives_nothing_up_before_it_knows_that_its_log_is_the_last)
+{
+  silent_node = 3;
+  pull(1, {A});
+  for (size_t requests = 1; requests <= 4; ++requests) {
+    ASSERT_TRUE(wait_sent(wire::REQ, requests));
+    fake::inject(5, 3, wire::data_header(wire::MISSING, 3, A));
+  }
+  EXPECT_EQ(fake::logged("data lost"), 0u);
+  silent_node = 0;
   EXPECT_TRUE(fake::wait_logged("data lost"));
 }
 
