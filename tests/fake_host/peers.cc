@@ -275,12 +275,12 @@ void peers::receive_piece(uint32_t id, node &n, wire::entry e, const bytes &body
   }
 }
 
-void peers::serve(uint32_t id, const node &n, wire::entry e, uint32_t offset, uint32_t length) const
+void peers::serve(uint32_t id, node &n, wire::entry e, uint32_t offset, uint32_t length)
 {
   const auto it = n.payloads.find(e);
   if (it == n.payloads.end()) {
     inject(5, id, wire::data_header(wire::MISSING, id, e));
-    if (number_ != 0) {
+    if (number_ != 0 && !n.lacked.insert(e).second) {
       inject(4, id, wire::decide(number_, entries_));
     }
     return;

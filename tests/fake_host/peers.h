@@ -64,6 +64,7 @@ private:
     std::map<uint32_t, acceptor> registers;
     std::map<wire::entry, bytes> payloads;
     std::map<wire::entry, assembly> fetching;
+    std::set<wire::entry> lacked;  ///< asked for in vain: who asks again is told what is decided
     uint32_t last_id = 1;
   };
 
@@ -72,7 +73,7 @@ private:
   void receive_paxos(const sent_message &message);
   void receive_data(const sent_message &message);
   void receive_piece(uint32_t id, node &n, wire::entry e, const bytes &body);
-  void serve(uint32_t id, const node &n, wire::entry e, uint32_t offset, uint32_t length) const;
+  void serve(uint32_t id, node &n, wire::entry e, uint32_t offset, uint32_t length);
   void begin_log();
 
   mutable std::mutex lock_;

@@ -139,6 +139,20 @@ TEST_P(node, carries_a_lost_tail_into_the_new_log)
   EXPECT_EQ(log[3].first, 1);
 }
 
+// All of the old log but its snapshot is gone: carried on, it would fill the new log from the beginning.
+TEST_P(node, carries_nothing_where_no_room_would_be_left)
+{
+  configure(1, 3);
+  const wire::log full = payload_log(250, {2, 3}, 3, 10);
+  set_decided(300, full, full[0]);
+  others->adopt(300, full);
+  ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
+  auto call = submit("mine");
+  ASSERT_EQ(result(call), 0);
+  EXPECT_EQ(fake::logged("data lost - skipped"), 249u);
+  EXPECT_EQ(decided(), std::pair(302u, wire::log{{1, 3}, {1, 2}}));
+}
+
 // What a log names that this node has loaded or adopted is never proposed again: not the waiting message of another
 // node, not one that is forwarded late, not the own.
 TEST_P(node, orders_nothing_that_stands_in_an_adopted_log)
@@ -364,6 +378,44 @@ TEST_P(node, never_reuses_an_identifier_that_a_log_names)
   ASSERT_EQ(result(call), 0);
   EXPECT_EQ(decided().second.back(), entry(1, 71));
   EXPECT_EQ(app.lines().back(), "of its second");
+}
+
+// It has submitted before it met them: those calls could only be refused as old ones, for ever.
+TEST_P(node, ends_calls_whose_identifiers_a_log_shows_to_be_old)
+{
+  start_as("BACKUP");
+  auto waiting = submit("in the slot");
+  ASSERT_TRUE(fake::wait_for([] { return fake::queued(4, 1).size() == 1; }));
+  auto behind = submit("behind it");
+  ASSERT_TRUE(fake::wait_for([] { return fake::sent(5, wire::OFFER).size() == 2; }));
+  others->lead(2);
+  others->hold_payload(2, {1, 70}, message("of the node's first life"));
+  others->order({{1, 70}});
+  EXPECT_EQ(result(waiting), -1);
+  EXPECT_EQ(result(behind), -1);
+  EXPECT_TRUE(fake::wait_for([] { return fake::queued(4, 1).empty(); }));
+  auto next = submit("of its second");
+  EXPECT_EQ(result(next), 0);
+  EXPECT_EQ(decided().second.back(), entry(1, 71));
+}
+
+// A register decides what was once written to it, and that need not be an entry.
+TEST_P(node, decides_nothing_from_a_value_that_is_no_entry)
+{
+  configure(1, 3);
+  set_decided(5, {{2, 3}, {2, 4}}, {2, 4});
+  others->adopt(5, {{2, 3}, {2, 4}});
+  others->set_register(2, 6, 2, 2, {1, 2, 3, 4});
+  others->set_register(3, 6, 2, 2, {1, 2, 3, 4});
+  ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
+  auto call = submit("mine");
+  ASSERT_TRUE(fake::wait_logged("proposal commited (batch_id=6", 2));  // tried again after a pause
+  EXPECT_EQ(decided().first, 5u);
+  const entry other = others->submit(3, message("by another leader"));
+  others->adopt(6, {{2, 3}, {2, 4}, other});
+  others->announce(3);
+  EXPECT_EQ(result(call), 0);
+  EXPECT_EQ(app.lines(), (std::vector<std::string>{"by another leader", "mine"}));
 }
 
 TEST_P(node, drops_hostile_decisions_and_forwards_whole)
