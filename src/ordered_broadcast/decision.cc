@@ -18,7 +18,7 @@
 namespace
 {
 
-constinit std::atomic<uint32_t> decisions_in_hand{0};
+constinit std::atomic<uint32_t> messages_in_hand{0};
 constinit std::atomic<uint64_t> decisions_adopted{0};
 constinit std::atomic<int64_t> agreed_us[NODES_MAX];  // node - 1: its last DECIDE with our number, monotonic
 
@@ -133,7 +133,7 @@ void settle_waiting(const adoption &old, const decide_message &message)
   paxos.launch_cond.signal();
 }
 
-// Adopts a newer decision, answers an older one. True if the sender knows no more than we do then.
+// Adopts a newer decision, answers an older one. True if it is the one that we have.
 bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
   vx_log("CONS: PAXOS: DECIDE (sender=%u, batch_id=%u)\n", node_id_of_addr(sender_addr), message.batch_id);
@@ -156,7 +156,7 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
   }
   settle_waiting(old, message);
   paxos_data_pull(message.batch, old.last_delivered, message.batch_id);
-  return true;
+  return false;
 }
 
 void recv_forward(id_entry entry, uint32_t sender_addr)
@@ -173,8 +173,23 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
   paxos.launch_cond.signal();
 }
 
+// Whatever is being handled, a decision may wait behind it.
+class in_hand_mark
+{
+public:
+  in_hand_mark() { ++messages_in_hand; }
+  ~in_hand_mark() { --messages_in_hand; }
+  in_hand_mark(const in_hand_mark &) = delete;
+  in_hand_mark &operator=(const in_hand_mark &) = delete;
+};
+
 // What the other nodes asked for lately and did not get: (sender << 32) | id, 0 = nothing.
 constinit std::atomic<uint64_t> asked_for[NODES_MAX];
+
+bool is_lacking(uint64_t asked)
+{
+  return asked != 0 && paxos_data_has_entry(static_cast<uint32_t>(asked), static_cast<uint8_t>(asked >> 32)) == 0;
+}
 
 }  // namespace
 
@@ -184,6 +199,8 @@ void paxos_recv(void *msg)
   if (!call.entered()) {
     return;
   }
+  const in_hand_mark mark;
+  const int64_t received_us = monotonic_us();
   const received_message received(msg);
   const auto payload = received.payload();
   if (!received.accepted() || payload.size() < 4) {
@@ -193,11 +210,9 @@ void paxos_recv(void *msg)
   if (type == PAXOS_DECIDE) {
     if (const auto message = decide_parse(payload)) {
       const uint32_t sender = node_id_of_addr(received.sender_addr());
-      ++decisions_in_hand;
       if (recv_decide(*message, received.sender_addr()) && is_member(sender)) {
-        agreed_us[sender - 1] = monotonic_us();
+        agreed_us[sender - 1] = received_us;
       }
-      --decisions_in_hand;
     }
   } else if (type == PAXOS_FORWARD) {
     const auto entry = forward_parse(payload);
@@ -211,7 +226,7 @@ void paxos_recv(void *msg)
 
 uint64_t paxos_decisions_received()
 {
-  return decisions_in_hand != 0 ? 1 : 2 * decisions_adopted;
+  return messages_in_hand != 0 ? 1 : 2 * decisions_adopted;
 }
 
 int64_t paxos_agreed_us(uint32_t node_id)
@@ -236,7 +251,7 @@ void paxos_help_newcomer(uint32_t node_addr)
 
 void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
 {
-  if (is_member(asking_node) && asking_node != cons_service.node_id) {
+  if (is_member(asking_node) && asking_node != cons_service.node_id && !is_lacking(asked_for[asking_node - 1])) {
     asked_for[asking_node - 1] = uint64_t{sender} << 32 | msg_id;
   }
 }
@@ -244,10 +259,7 @@ void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
 void paxos_help_askers()
 {
   for (uint32_t node_id = 1; node_id <= NODES_MAX; ++node_id) {
-    const uint64_t asked = asked_for[node_id - 1].exchange(0);
-    const auto msg_id = static_cast<uint32_t>(asked);
-    const auto sender = static_cast<uint8_t>(asked >> 32);
-    if (asked == 0 || paxos_data_has_entry(msg_id, sender) != 0) {
+    if (!is_lacking(asked_for[node_id - 1].exchange(0))) {
       continue;
     }
     cons_lock lock(paxos.propose_lock);

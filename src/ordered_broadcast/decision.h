@@ -10,10 +10,11 @@ inline constinit entry_gate paxos_gate{false};
 /// Receive hook of channel 4. Blocks until the proposer is idle when it adopts a decision.
 void paxos_recv(void *msg);
 
-/// Odd while a DECIDE is being handled; another even number after each adoption. Any thread, any lock.
+/// Odd while a message of channel 4 is being handled, behind which a DECIDE may wait; another even number after each
+/// adoption. Any thread, any lock.
 uint64_t paxos_decisions_received();
 
-/// When the node last sent a DECIDE with the number that we then had, monotonic; 0: never. Any thread, any lock.
+/// When the last DECIDE of the node came that had the number that we had, monotonic; 0: never. Any thread, any lock.
 int64_t paxos_agreed_us(uint32_t node_id);
 
 /// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays

@@ -28,6 +28,40 @@ struct proposal {
   id_entry entry;  // what is proposed
 };
 
+// States that this node proposed in vain. Another leader may have read one in the register and decide it; once its
+// number is decided and the log does not name it, nobody will ask for it any more.
+class abandoned_states
+{
+public:
+  // The oldest of too many stay stored.
+  void add(const proposal &p)
+  {
+    states_[next_] = {.entry = p.entry, .number = p.batch_id};
+    next_ = (next_ + 1) % STATES_MAX;
+  }
+  void release_superseded() CONS_REQUIRES(paxos.propose_lock)
+  {
+    for (state &s : states_) {
+      if (s.number == 0 || paxos.batch_id < s.number) {
+        continue;
+      }
+      if (id_batch_find(&paxos.decided_batch, s.entry.msg_id, s.entry.sender) < 0) {
+        paxos_data_unhash_entry(s.entry.msg_id, s.entry.sender);
+      }
+      s = {};
+    }
+  }
+
+private:
+  struct state {
+    id_entry entry;
+    uint32_t number = 0;
+  };
+  static constexpr size_t STATES_MAX = 8;
+  state states_[STATES_MAX];
+  size_t next_ = 0;
+};
+
 bool needs_full_state() CONS_REQUIRES(paxos.propose_lock)
 {
   const uint32_t count = id_batch_count(paxos.decided_batch);
@@ -196,12 +230,15 @@ bool commit(proposal &p, const cons_value &decision)
 }
 
 // Returns whether the thread has to pause before it tries again.
-bool run(consensus &instance, proposal &p)
+bool run(consensus &instance, proposal &p, abandoned_states &abandoned)
 {
   vx_log("CONS: PAXOS: PROPOSE%s (batch_id=%u)\n", p.is_full_state ? " full state" : "", p.batch_id);
   cons_value decision;
   const int result = decide(instance, p, decision);
   if (result != RB_REG_COMMITTED) {
+    if (p.is_full_state) {
+      abandoned.add(p);
+    }
     return result == RB_REG_ERROR;
   }
   const bool is_entry = commit(p, decision);
@@ -216,8 +253,10 @@ bool run(consensus &instance, proposal &p)
 void *paxos_propose_thread(void *)
 {
   cons_lock lock(paxos.propose_lock);
+  abandoned_states abandoned;
   bool is_parked = false;
   while (wait_for_work(is_parked)) {
+    abandoned.release_superseded();
     proposal p;
     is_parked = !prepare(p);
     if (is_parked) {
@@ -225,7 +264,7 @@ void *paxos_propose_thread(void *)
     }
     consensus *instance = paxos.running_instance;
     lock.unlock();
-    is_parked = run(*instance, p);
+    is_parked = run(*instance, p, abandoned);
     lock.lock();
     paxos.running_instance = nullptr;
     consensus_free(instance);

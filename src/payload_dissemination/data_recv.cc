@@ -76,7 +76,7 @@ void paxos_data_recv_offer(const data_header &hdr)
     xfer_reset(paxos_data.pull_xfer);
   }
   if (paxos_data.pull_xfer.id == 0 ||
-      (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && paxos_data_lend_base())) {
+      (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && paxos_data_lend_record())) {
     paxos_data.pull_xfer.id = hdr.id;
     paxos_data.pull_xfer.sender = hdr.sender;
   }
@@ -206,6 +206,9 @@ void mark_node(xfer_state &record, const data_header &hdr, uint8_t mark)
   }
   if (hdr.from != 0) {
     uint8_t &state = record.node_state[hdr.from - 1];
+    if (state != mark) {
+      record.marked_us[hdr.from - 1] = monotonic_us();
+    }
     state = static_cast<uint8_t>(state | mark);
   }
   record.changed_cond.broadcast();

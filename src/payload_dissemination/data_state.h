@@ -30,9 +30,10 @@ struct xfer_state {
   uint8_t node_state[NODES_MAX] CONS_GUARDED_BY(lock) = {};
 
   // The rest is of use when pulling.
-  uint8_t *buffer CONS_GUARDED_BY(lock) = nullptr;     // owned; `total` bytes, from the first DATA piece on
-  uint32_t total CONS_GUARDED_BY(lock) = 0;            // size of the payload
-  uint8_t *piece_map CONS_GUARDED_BY(lock) = nullptr;  // owned; one byte per piece, 1 = received
+  int64_t marked_us[NODES_MAX] CONS_GUARDED_BY(lock) = {};  // when the node's mark was set, monotonic
+  uint8_t *buffer CONS_GUARDED_BY(lock) = nullptr;          // owned; `total` bytes, from the first DATA piece on
+  uint32_t total CONS_GUARDED_BY(lock) = 0;                 // size of the payload
+  uint8_t *piece_map CONS_GUARDED_BY(lock) = nullptr;       // owned; one byte per piece, 1 = received
   uint32_t pieces CONS_GUARDED_BY(lock) = 0;
   timeval last CONS_GUARDED_BY(lock) = {};                 // last DATA piece; zero = none
   bool is_pulled CONS_GUARDED_BY(lock) = false;            // the pull-thread waits for it, not just an OFFER
@@ -73,11 +74,12 @@ struct quiet_watch {
   int64_t request_us = 0;  // the last request after which it was quiet for a moment
 };
 
-/// The snapshot that a log begins with, while its record serves an OFFER: what it takes up again.
-struct lent_base {
+/// What the pull-thread waits for, while its record serves an OFFER: what it takes up again.
+struct lent_record {
   id_entry entry;  // zero: not lent
   uint32_t requests = 0;
   int64_t request_us = 0;
+  int64_t since_us = 0;
   uint32_t lacking = 0;  // bit n - 1: node n has answered the last request with MISSING
 };
 
@@ -101,7 +103,7 @@ struct paxos_data_state {
   quiet_watch quiet CONS_GUARDED_BY(pull_xfer.lock);
   bool needs_base CONS_GUARDED_BY(pull_xfer.lock) = false;  // not all before the new log was delivered here
   bool has_hole CONS_GUARDED_BY(pull_xfer.lock) = false;    // an entry was skipped, and no snapshot has come since
-  lent_base lent CONS_GUARDED_BY(pull_xfer.lock);
+  lent_record lent CONS_GUARDED_BY(pull_xfer.lock);
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};
@@ -122,9 +124,9 @@ inline constinit paxos_data_state paxos_data;
 /// the caller tells the layer above (callbacks.handled).
 bool paxos_data_note_handled() CONS_REQUIRES(paxos_data.deliver_queue_lock);
 
-/// Lends the pull record of a snapshot that nobody has answered for a while to the OFFER of another payload. False: the
+/// Lends the pull record, whose requests nobody has answered for a while, to the OFFER of another payload. False: the
 /// record is in use. Otherwise it is free, and the pull-thread takes it back when its next request is due.
-bool paxos_data_lend_base() CONS_REQUIRES(paxos_data.pull_xfer.lock);
+bool paxos_data_lend_record() CONS_REQUIRES(paxos_data.pull_xfer.lock);
 
 /// Sends the REQs for what is missing of (id, sender), unless DATA of the transfer is still flowing: everything, which
 /// claims the record, or the missing runs once the size is known. Returns whether it asked.

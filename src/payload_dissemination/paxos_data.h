@@ -16,9 +16,10 @@ struct paxos_data_callbacks {
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
   /// A node asks for a payload that this one has not. Receive hook, no lock held; must not wait.
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
-  /// Odd while a received decision is being handled; another even number after each new one. Pull record's lock held.
+  /// Odd while a message is being handled that a decision may wait behind; another even number after each new decision.
+  /// Pull record's lock held.
   uint64_t (*decisions_received)() = nullptr;
-  /// When the node last said that it knows no newer decision than this one, monotonic. Pull record's lock held.
+  /// When this node last heard that the other one knows no newer decision, monotonic. Pull record's lock held.
   int64_t (*agreed_us)(uint32_t node_id) = nullptr;
 };
 

@@ -51,12 +51,13 @@ bool is_quorum_with_us(uint32_t nodes)
   return static_cast<uint32_t>(std::popcount(nodes)) + 1 >= cons_service.quorum;
 }
 
-// Those of the nodes that have said since our last request that they know no newer decision.
-uint32_t nodes_at_our_decision(uint32_t nodes, int64_t request_us)
+// Those of the nodes that have said since their MISSING that they know no newer decision: when they lacked it, neither
+// did they.
+uint32_t nodes_at_our_decision(const xfer_state &pull, uint32_t nodes) CONS_REQUIRES(pull.lock)
 {
   const auto agreed_us = paxos_data.callbacks.agreed_us;
-  for (uint32_t node_id = 1; agreed_us != nullptr && node_id <= NODES_MAX; ++node_id) {
-    nodes &= agreed_us(node_id) > request_us ? ~0u : ~(1u << (node_id - 1));
+  for (uint32_t i = 0; agreed_us != nullptr && i < NODES_MAX; ++i) {
+    nodes &= agreed_us(i + 1) > pull.marked_us[i] ? ~0u : ~(1u << i);
   }
   return nodes;
 }
@@ -119,9 +120,9 @@ bool is_lost(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull_xfer.lock)
     return true;
   }
   const int64_t request_us = paxos_data.pull_xfer.request_us;
-  const bool is_quiet = was_quiet(request_us, wait_us);
-  const bool is_doubtful = is_base || !is_quorum_with_us(nodes_at_our_decision(lacking_nodes, request_us));
   const int64_t left_us = request_us + ANSWER_US - monotonic_us();
+  const bool is_quiet = was_quiet(request_us, wait_us);
+  const bool is_doubtful = is_base || !is_quorum_with_us(nodes_at_our_decision(paxos_data.pull_xfer, lacking_nodes));
   if (left_us > 0) {
     wait_us = std::min(wait_us, left_us);
   }
@@ -153,6 +154,7 @@ void claim(uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock)
     paxos_data.pull_xfer.request_us = paxos_data.lent.request_us;
     for (uint32_t i = 0; i < NODES_MAX; ++i) {
       paxos_data.pull_xfer.node_state[i] = (paxos_data.lent.lacking >> i & 1) != 0 ? XFER_NODE_LACKS_IT : uint8_t{0};
+      paxos_data.pull_xfer.marked_us[i] = paxos_data.lent.since_us;
     }
   }
   paxos_data.lent = {};
@@ -295,17 +297,18 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered, uint32_t number
 
 }  // namespace
 
-bool paxos_data_lend_base()
+bool paxos_data_lend_record()
 {
-  const bool is_base = paxos_data.pull_xfer.is_pulled && paxos_data.needs_base && paxos_data.pull_pos == 0;
-  if (!is_base || paxos_data.pull_xfer.piece_map != nullptr ||
+  const int64_t now_us = monotonic_us();
+  if (!paxos_data.pull_xfer.is_pulled || paxos_data.pull_xfer.piece_map != nullptr ||
       paxos_data.pull_xfer.unanswered_requests < LOSS_REQUESTS ||
-      monotonic_us() - paxos_data.pull_xfer.request_us < LEND_AFTER_US) {
+      now_us - paxos_data.pull_xfer.request_us < LEND_AFTER_US) {
     return false;
   }
   paxos_data.lent = {.entry = {.sender = paxos_data.pull_xfer.sender, .msg_id = paxos_data.pull_xfer.id},
                      .requests = paxos_data.pull_xfer.unanswered_requests,
                      .request_us = paxos_data.pull_xfer.request_us,
+                     .since_us = now_us,
                      .lacking = nodes_without_payload(paxos_data.pull_xfer)};
   xfer_reset(paxos_data.pull_xfer);
   return true;

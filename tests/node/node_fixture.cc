@@ -1,3 +1,4 @@
+#include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/paxos_state.h"
 
 #include "node_fixture.h"
@@ -171,6 +172,16 @@ std::future<int> node::submit(const std::string &text)
   auto verdict = call.get_future();
   std::thread(std::move(call)).detach();
   return verdict;
+}
+
+size_t node::open_calls()
+{
+  cons_lock lock(paxos.deliver_lock);
+  size_t count = 0;
+  for (const distribute_call *call = paxos.calls; call != nullptr; call = call->next) {
+    ++count;
+  }
+  return count;
 }
 
 int node::result(std::future<int> &call)

@@ -67,6 +67,7 @@ protected:
   static bool wait_decided(uint32_t number);
 
   static std::future<int> submit(const std::string &text);
+  static size_t open_calls();
   static int result(std::future<int> &call);  ///< -99 if it does not return
   /// Stops within the promised time.
   static void stop_in_time();
