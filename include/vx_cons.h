@@ -23,7 +23,7 @@ extern "C" {
 /* Longest payload that vx_cons_distribute takes, in bytes. */
 #define VX_CONS_PAYLOAD_MAX 0xFFFFFFE3u
 
-/* Hooks run on threads of the library that have 64 KiB of stack, with locks of the library held: keep them
+/* Hooks run with locks of the library held, those for data on its threads, which have 64 KiB of stack: keep them
  * short, do not call the library from them, and do not wait in them for a lock that the caller of
  * vx_cons_stop, vx_cons_distribute or a register function holds. A slow deliver hook holds up the node's
  * deliveries; on the leader it holds up the cluster. */
@@ -66,7 +66,7 @@ int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gatew
                       uint32_t node_count, const char *node_id, const char *mtime);
 
 /* Sets (null: clears) both hooks of a data type, 0 to 3; other types are ignored. Waits for a deliver hook
- * that is running. Hooks are lost at vx_cons_cleanup. */
+ * that is running; a get_state hook may still be running when it returns. Hooks are lost at vx_cons_cleanup. */
 void vx_cons_register_data_hooks(uint32_t type, vx_cons_get_state_hook get_state, vx_cons_deliver_hook deliver);
 
 /* Sets (null: clears) the hook for cluster messages; index must be 0. Once it has returned, the old hook is
@@ -81,10 +81,11 @@ void vx_cons_register_clmsg_hook(uint32_t index, vx_cons_clmsg_hook hook);
 int vx_cons_distribute(const uint8_t *data, uint32_t length, uint32_t type);
 
 /* Multicasts one datagram to all nodes, this one included: unordered, unacknowledged, sent once. Only type 0
- * reaches a hook. null data with a length sends that many zero bytes. Ignored while stopped. */
+ * reaches a hook. null data with a length sends that many zero bytes. Ignored while stopped, and without
+ * memory. Any thread. */
 void vx_cons_bcast_clmsg(uint32_t type, const uint8_t *data, uint32_t length);
 
-/* 1 if the key cluster.supported is enabled. */
+/* These five: any thread. 1 if the key cluster.supported is enabled. */
 int vx_cons_cluster_supported(void);
 /* 1 if supported and a node count above 0 is configured. */
 int vx_cons_cluster_enabled(void);

@@ -1,7 +1,7 @@
 /* The host contract: every function that libvx_cons calls of the process that loads it, and nothing else.
  * Plain C. The process provides them (an executable linked with exported symbols, or a shared object loaded
- * before the library). Unless said otherwise they may be called from any thread, with locks of the library
- * held, and must not call back into the library. */
+ * before the library). Unless said otherwise they may be called from any thread, those of the library with
+ * 64 KiB of stack included, with locks of the library held, and must not call back into the library. */
 #ifndef VX_HOST_H
 #define VX_HOST_H
 
@@ -43,7 +43,7 @@ void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t des
 
 /* handle not null: removes that queued message. handle null: removes every queued message of the channel whose
  * key is msg_key, or all of the channel if msg_key is 0xFFFFFFFF. What is not queued any more is no error.
- * Once it has returned, what it removed is not sent again. `reserved` is 0. */
+ * Once it has returned, what it removed is not sent again. `reserved` is 0; the result is not used. */
 int vx_msg_dequeue(void *handle, uint32_t channel, uint32_t msg_key, uint32_t reserved);
 
 /* From now on `hook` is called with every message of the channel, one at a time, on a thread of the service
@@ -85,7 +85,7 @@ void vx_hash_clear_i(void *table);
 /* Replaces an entry of the key. Returns 0; anything else: not stored, destroy not called. */
 int vx_hash_set_entry_i(void *table, uint32_t key, void *value, void (*destroy)(void *value));
 void *vx_hash_get_entry_i(void *table, uint32_t key); /* null if there is none */
-int vx_hash_delete_entry_i(void *table, uint32_t key);
+int vx_hash_delete_entry_i(void *table, uint32_t key); /* the result is not used */
 /* Walks the values in any order; null at the end. Deleting the entry just returned does not break the walk.
  * *cursor belongs to the table; nothing has to be released. */
 void *vx_hash_get_first_entry_i(void *table, void **cursor);

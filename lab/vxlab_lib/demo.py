@@ -214,7 +214,8 @@ class Demo:
             ("catch-up", f"{catch_up_s:.2f} s from the start of the lost node"),
             ("roll-overs", f"{len(self._log_starts) - 1} to a new log"),
             ("repeated", f"{sum(one.repeated for one in journals)} deliveries under a later attempt, "
-                         f"{sum(one.redelivered for one in journals)} after the crash, 0 doubled"),
+                         f"{sum(one.redelivered for one in journals)} after the crash, "
+                         f"{sum(one.doubled for one in journals)} doubled"),
         ]
 
 

@@ -1,5 +1,5 @@
 #!/bin/sh
-# What the shared object shows to the world: usage check_exports.sh LIBRARY
+# What the shared object shows to the world: usage check_exports.sh LIBRARY HEADER
 set -u
 library=$1
 status=0

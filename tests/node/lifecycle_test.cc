@@ -102,11 +102,16 @@ TEST_P(node, isolates_itself_on_files_that_it_cannot_trust)
                {"sender 17", "paxos_decide", with(13, {17})},
                {"identifier 0", "paxos_decide", with(9, wire::words({0}))},
                {"empty", "paxos_deliver", {}},
-               {"short", "paxos_deliver", {2, 3, 0, 0}}};
+               {"short", "paxos_deliver", {2, 3, 0, 0}},
+               {"absent", "paxos_decide", {}},
+               {"absent", "paxos_deliver", {}}};
   for (const auto &c : cases) {
     SCOPED_TRACE(std::string(c.name) + " " + c.what);
     set_decided(9, log, {2, 3});
     files::write(c.name, c.content);
+    if (c.what == std::string("absent")) {
+      std::filesystem::remove(files::path(c.name));
+    }
     const size_t before = fake::logged("Isolating from cluster ...\n");
     EXPECT_EQ(vx_cons_start(), -1);
     EXPECT_EQ(fake::logged("Isolating from cluster ...\n"), before + 1);

@@ -1,6 +1,7 @@
 """What the steps of a plan do. One function per action, `do_...(stage, track, step)`; those of disks, and
 those that are whole plots, have files of their own."""
 
+import contextlib
 import os
 import struct
 
@@ -45,7 +46,8 @@ def do_state_file(stage, _track, step):
     node_id = stage.node_id(step["node"])
     path = stage.cluster.node(node_id).path("run", "node_state")
     if step["how"] == "absent":
-        os.unlink(path)
+        with contextlib.suppress(FileNotFoundError):  # absent twice
+            os.unlink(path)
     else:
         with open(path, "w", encoding="ascii") as file:  # in place, which is the fault
             file.write({"empty": "", "garbage": "\0\1?"}.get(step["how"], step["how"]))

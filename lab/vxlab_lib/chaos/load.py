@@ -41,7 +41,8 @@ class Load:
 
     def _run(self, node_id, options):
         try:
-            with self._cluster.node(node_id).control.load(timeout_s=LINE_TIMEOUT_S, repeat=False, **options) as (stream, sock):
+            control = self._cluster.node(node_id).control
+            with control.load(timeout_s=LINE_TIMEOUT_S, repeat=False, **options) as (stream, sock):
                 with self._lock:
                     if self._ended:
                         return

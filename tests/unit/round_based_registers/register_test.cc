@@ -156,6 +156,7 @@ TEST_F(registers, never_votes_again_for_what_is_decided)
   ASSERT_FALSE(answer(2, wire::reg(wire::READ_REQ, 12, 1)).empty());
   EXPECT_TRUE(answer(2, wire::reg(wire::READ_REQ, 11, 1)).empty());                      // passed over
   EXPECT_EQ(answer(2, wire::reg(wire::READ_REQ, 10, 1)), wire::read_ack(10, 1, 0, {}));  // the next one must live
+  EXPECT_TRUE(answer(2, wire::reg(wire::READ_REQ, 11, 1)).empty());                      // still
   rb_reg_delete_up_to(10);
   EXPECT_TRUE(answer(2, wire::reg(wire::READ_REQ, 10, 2)).empty());
   EXPECT_EQ(answer(2, wire::reg(wire::READ_REQ, 11, 2)), wire::read_ack(11, 2, 0, {}));

@@ -119,8 +119,8 @@ FAULTS = [
           UNDONE, restart_acceptor),
     Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
           UNDONE, kill_all),
-    Fault("wiped-node", "process", "one node loses all its files and is configured alone: its old identifiers come again",
-          UNDONE, wipe, is_apart=True),
+    Fault("wiped-node", "process", "one node loses all its files and is configured alone: its old identifiers come "
+          "again", UNDONE, wipe, is_apart=True),
     Fault("missed-reset", "process", "all nodes but one are configured anew: its old life's log becomes everybody's",
           UNDONE, missed_reset, ("broker",), is_apart=True),
 ]
