@@ -25,6 +25,10 @@ def healing(episode, check):
         check.note("no faults were ended in this episode")
         return
     check.saw("ends of faults")
+    for event in episode.events_of("old-life"):
+        if not event["has_won"]:
+            check.violated(f"the node that missed a reset, with number {event['number']}, was not followed by all",
+                           t=event["t"], node=event["node"])
     equals = episode.events_of("equal")
     where = {"t": episode.end_t or None}
     for event in episode.events_of("not-healed"):
@@ -109,7 +113,6 @@ def _jumped(trace, call):
 
 
 def _lifecycle_calls(episode, check, node, trace):
-    longest = max((hook.t - hook.entered for hook in trace.hooks), default=0)
     pauses = _pauses(episode, node)
     for index, moment in enumerate(trace.moments):
         if moment.what not in ("stop-call", "cleanup-call"):
@@ -119,10 +122,12 @@ def _lifecycle_calls(episode, check, node, trace):
                     if later.life == moment.life and later.what == f"{name}-return"), None)
         until = end.t if end else episode.life_ended(node, moment.life)[0]
         check.saw(f"{name} calls")
+        longest = max((hook.t - hook.entered for hook in trace.hooks if hook.entered < until and hook.t > moment.t),
+                      default=0)
         took = until - moment.t - sum(max(0, min(until, b) - max(moment.t, a)) for a, b in pauses)
         if took > STOP_S * SECOND + longest:
             check.violated(f"{name} took {took / SECOND:.1f} s{'' if end else ' and had not returned'}; the longest "
-                           f"hook took {longest / SECOND:.1f} s", t=moment.t, node=node)
+                           f"hook meanwhile took {longest / SECOND:.1f} s", t=moment.t, node=node)
 
 
 def _pauses(episode, node):
