@@ -87,9 +87,10 @@ bool may_start() CONS_REQUIRES(paxos.propose_lock)
 
 // Idle until there is something to propose, or, after a proposal that could not begin, until the next wake-up.
 // False when the protocol stops.
-bool wait_for_work(bool is_parked) CONS_REQUIRES(paxos.propose_lock)
+bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(paxos.propose_lock)
 {
   while (!paxos.stopped) {
+    abandoned.release_superseded();  // each adoption wakes us, also where we lead no more
     if (may_start() && !is_parked) {
       return true;
     }
@@ -255,8 +256,7 @@ void *paxos_propose_thread(void *)
   cons_lock lock(paxos.propose_lock);
   abandoned_states abandoned;
   bool is_parked = false;
-  while (wait_for_work(is_parked)) {
-    abandoned.release_superseded();
+  while (wait_for_work(is_parked, abandoned)) {
     proposal p;
     is_parked = !prepare(p);
     if (is_parked) {

@@ -79,7 +79,7 @@ struct lent_record {
   id_entry entry;  // zero: not lent
   uint32_t requests = 0;
   int64_t request_us = 0;
-  int64_t since_us = 0;
+  int64_t since_us = 0;  // lent then, monotonic
   uint32_t lacking = 0;  // bit n - 1: node n has answered the last request with MISSING
 };
 

@@ -358,14 +358,16 @@ TEST_P(node, forgets_what_others_wait_for_when_decisions_were_missed)
   others->adopt(400, {state});
   others->announce(2);
   ASSERT_TRUE(app.has({"s"}));
+  EXPECT_TRUE(fake::wait_for([] {  // until it has released the state that it proposed in vain
+    fake::inject(5, 3, wire::req(3, {1, 2}, 0, wire::ALL));
+    return fake::settle() && fake::logged("MISSING bcast (id=2/1)") > 0;
+  }));
   others->set_votes(true);
   auto call = submit("mine");
   EXPECT_EQ(result(call), 0);
   EXPECT_EQ(app.lines(), (std::vector<std::string>{"s", "mine"}));
   fake::inject(4, 3, wire::forward(doubtful));
   EXPECT_TRUE(app.has({"s", "mine", "doubtful"}));
-  fake::inject(5, 3, wire::req(3, {1, 2}, 0, wire::ALL));  // the state that it proposed first, in vain
-  EXPECT_TRUE(fake::wait_logged("MISSING bcast (id=2/1)"));
 }
 
 // A node that lost its disk meets its own old identifiers in the log: reusing them delivers old bytes as new.
