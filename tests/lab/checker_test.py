@@ -120,7 +120,7 @@ def spin(at_s):
 CASES = [
     ("nothing", [], [], None),
     ("another order on one node", [lambda b: b.order.update({3: b.plan[:5] + [b.plan[6], b.plan[5], b.plan[7]]})], [],
-     "I1 I5 I6"),
+     "I1 I5 I6 I9"),
     ("delivered twice", [], [trace(2, 19, f"deliver {19 * 10**9} {tag(1, 3)} 1 doubled 8 00000000000000aa")], "I1 I2"),
     ("never submitted", [], [lambda b: b.replace(1, "call 1 3 1 99", "call 1 4 1 99"),
                              lambda b: b.replace(1, "return 1 3 1 0", "return 1 4 1 0")], "I3 I6"),
@@ -198,12 +198,25 @@ class CheckerTest(unittest.TestCase):
             log = builder.log[3]
             log.insert(log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5, LOST)
 
+        def twice(builder):  # node 2 lost what node 3 has, node 3 what node 2 has, node 1 both
+            for node, ids in ((1, ("3/2", "3/3")), (2, ("3/3",)), (3, ("3/2",))):
+                log = builder.log[node]
+                for one in ids:
+                    at = log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
+                    log.insert(at + 3 * (one == "3/3" and node == 2), LOST.replace("3/2", one))
+
+        def lose_both(builder):
+            for node, gone in ((1, (4, 5)), (2, (5,)), (3, (4,))):
+                builder.order[node] = [one for place, one in enumerate(builder.plan) if place not in gone]
+
         unequal = {"I9"}  # the episode ends with the hole
-        for what, after, expected in (("in place", [at_place, crash_repeat()], set()),
-                                      ("no restart", [at_place], {"I1", "I6"}),
-                                      ("after the fact", [hole, crash_repeat()], {"I1", "I6"})):
+        for what, lose, after, expected in (
+                ("in place", lose_fifth_on_3, [at_place, crash_repeat()], set()),
+                ("one after the other", lose_both, [twice, crash_repeat()], set()),
+                ("no restart", lose_fifth_on_3, [at_place], {"I1", "I6"}),
+                ("after the fact", lose_fifth_on_3, [hole, crash_repeat()], {"I1", "I6"})):
             with self.subTest(what):
-                result = self.judge([lose_fifth_on_3], after)
+                result = self.judge([lose], after)
                 self.assertEqual({one.invariant for one in result.violations} - unequal, expected,
                                  [one.text for one in result.violations])
 

@@ -68,7 +68,7 @@ class Builder:
                     trace.append((10, f"adopt {10 * SECOND} {kind} 99 {lines} {hash_:016x}"))
                 log += [f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
             lines += 1
-            hash_ = zlib.crc32(f"{origin}.{sequence}".encode(), hash_ & 0xFFFFFFFF) << 32 | lines
+            hash_ = zlib.crc32(f"{origin}.{sequence}".encode(), hash_ >> 32) << 32 | lines
             record = f"L {lines} {hash_:016x} {tag(origin, sequence)} 1 text".encode()
             records.append(f"{zlib.crc32(record):08x} ".encode() + record + b"\n")
             if origin == node:

@@ -2,6 +2,8 @@
 
 from bisect import bisect_left
 
+from .promises import INFINITE
+
 
 def hole(episode, hook):
     """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
@@ -13,6 +15,25 @@ def hole(episode, hook):
     life, before, hit = found
     return (f"node {hook.node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1} after "
             f"{before} hook calls, and was given no full state since")
+
+
+def lost(episode, tag, maker, later):
+    """The payload of this tag was itself skipped as lost, before `later`, where the node delivered that: a history that
+    parted from another for one lost payload may lack a second. `maker`, the hook call where they parted, counts where
+    the logs do not tell for certain under which identifiers the payload was delivered."""
+    named = {entry for node, trace in episode.traces.items() for hook, entry in zip(trace.hooks, episode.entries[node])
+             if hook.kind == "deliver" and hook.tag == tag}
+    if episode.level == "none":
+        return None
+    if None in named:
+        return hole(episode, maker)
+    for node, trace in episode.traces.items():
+        had_later = min(((hook.life, hook.index) for hook in trace.hooks if hook.kind == "deliver" and hook.tag == later),
+                        default=(INFINITE, 0))
+        for life, before, hit in episode.holes[node]:
+            if (hit.sender, hit.number) in named and (life, before) <= had_later:
+                return f"node {node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1}"
+    return None
 
 
 def crash_repeat(episode, hook, before, crashed):

@@ -3,6 +3,7 @@
 import os
 import re
 import struct
+from bisect import bisect_right
 
 from . import excuses
 from .evidence import read_bytes
@@ -70,19 +71,20 @@ def _later_means_this(episode, check, this, other, returned):
     shared = [index for index, state in enumerate(this.states[start:], start) if state.tag in other.place]
     if not shared:
         return
-    missing = [state for state in this.states[start:max(shared)]
+    missing = [index for index, state in enumerate(this.states[start:max(shared)], start)
                if state.tag in returned and state.tag not in other.place]
-    for state in missing[:FINDINGS_MAX]:
-        _judge_missing(episode, check, state, this, other, f"is not in a history that has "
-                       f"{this.states[max(shared)].tag}, which came later")
+    for index in missing[:FINDINGS_MAX]:
+        later = this.states[shared[bisect_right(shared, index)]].tag
+        _judge_missing(episode, check, this.states[index], this, other,
+                       f"is not in a history that has {later}, which came later", later)
 
 
-def _judge_missing(episode, check, state, this, other, text):
+def _judge_missing(episode, check, state, this, other, text, later=None):
     index = other.parts_at(this)
     maker = other.states[index].maker if index < len(other.states) else None
     where = episode.where(maker or state.maker) if maker or state.maker else {}
     where.update(tag=state.tag, line=state.lines)
-    proof = excuses.hole(episode, maker)
+    proof = excuses.lost(episode, state.tag, maker, later)
     if proof:
         check.excuse("a lost payload", proof, "acknowledged, " + text, **where)
     else:
