@@ -17,16 +17,16 @@ def hole(episode, hook):
             f"{before} hook calls, and was given no full state since")
 
 
-def lost(episode, tag, maker, later):
-    """The payload of this tag was itself skipped as lost, before `later`, where the node delivered that: a history that
-    parted from another for one lost payload may lack a second. `maker`, the hook call where they parted, counts where
-    the logs do not tell for certain under which identifiers the payload was delivered."""
-    named = {entry for node, trace in episode.traces.items() for hook, entry in zip(trace.hooks, episode.entries[node])
-             if hook.kind == "deliver" and hook.tag == tag}
+def lost(episode, tag, makers, later):
+    """A history lacks the payload of this tag. Its `makers`, hook calls, had skipped something: that payload, or the
+    full state that stood for it. Or the payload itself was skipped, before `later` where the node delivered that, by a
+    node whose history others took over since."""
     if episode.level == "none":
         return None
-    if None in named:
-        return hole(episode, maker)
+    if proof := next(filter(None, (hole(episode, maker) for maker in makers)), None):
+        return proof
+    named = {entry for node, trace in episode.traces.items() for hook, entry in zip(trace.hooks, episode.entries[node])
+             if hook.kind == "deliver" and hook.tag == tag}
     for node, trace in episode.traces.items():
         had_later = min(((hook.life, hook.index) for hook in trace.hooks if hook.kind == "deliver" and hook.tag == later),
                         default=(INFINITE, 0))

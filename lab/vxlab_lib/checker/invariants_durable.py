@@ -82,9 +82,10 @@ def _later_means_this(episode, check, this, other, returned):
 def _judge_missing(episode, check, state, this, other, text, later=None):
     index = other.parts_at(this)
     maker = other.states[index].maker if index < len(other.states) else None
+    makers = [maker] + ([other.states[other.place[later]].maker] if later else [])
     where = episode.where(maker or state.maker) if maker or state.maker else {}
     where.update(tag=state.tag, line=state.lines)
-    proof = excuses.lost(episode, state.tag, maker, later)
+    proof = excuses.lost(episode, state.tag, makers, later)
     if proof:
         check.excuse("a lost payload", proof, "acknowledged, " + text, **where)
     else:
