@@ -30,7 +30,8 @@ extern "C" {
 
 /* Hands over a snapshot of all that was delivered of this data type. Stores a buffer allocated with malloc
  * (the library releases it with free) and its length, and returns 0; any other result means "no state" and
- * hands over nothing. No deliver hook runs meanwhile. */
+ * hands over nothing. No deliver hook runs meanwhile. With snapshots of megabytes set glibc's M_MMAP_THRESHOLD, else
+ * malloc keeps the freed ones. */
 typedef int (*vx_cons_get_state_hook)(uint8_t **state, uint32_t *length);
 
 /* Receives one payload of its data type, valid during the call only. full_state is 0 for a payload given to

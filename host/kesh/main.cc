@@ -1,4 +1,6 @@
 // The command line of kesh: one program, the daemon and everything that talks to it.
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -230,6 +232,8 @@ struct command_line {
 
 int main(int argc, char **argv)
 {
+  // Else the first freed snapshot teaches malloc to keep snapshots in its arenas, one or two for each thread.
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   try {
     command_line line;
     try {
