@@ -232,7 +232,7 @@ struct command_line {
 
 int main(int argc, char **argv)
 {
-  // Else the first freed snapshot teaches malloc to keep snapshots in its arenas, one or two for each thread.
+  // Else the first freed snapshot raises it, and malloc keeps later ones in its arenas.
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   try {
     command_line line;
