@@ -55,17 +55,15 @@ def do_state_file(stage, _track, step):
 
 
 def do_kill(stage, _track, step):
-    with stage.one_down(step.get("settle")) as may:
-        node_id = stage.node_id(step["node"])
-        if may and stage.is_running(node_id):
+    with stage.claim(step["node"], alone=step.get("settle")) as node_id:
+        if node_id is not None:
             stage.kill(node_id)
             restart_after(stage, node_id, step)
 
 
 def do_arm(stage, _track, step):
-    with stage.one_down(step.get("settle")) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"], alone=step.get("settle")) as node_id:
+        if node_id is None:
             return
         identity = stage.next_id()
         stage.fabric.ask("arm", id=identity, node=node_id, point=step["point"], skip=step["skip"])
@@ -93,9 +91,8 @@ def do_kill_all(stage, _track, step):
 
 
 def do_wipe(stage, _track, step):
-    with stage.one_down(True) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
             return
         stage.terminate(node_id)
         stage.arena.node_is_down(node_id)
@@ -151,9 +148,8 @@ def do_pause(stage, _track, step):
 
 
 def do_restart(stage, _track, step):
-    with stage.one_down(step.get("settle")) as may:
-        node_id = stage.node_id(step["node"])
-        if may and stage.is_running(node_id):
+    with stage.claim(step["node"], alone=step.get("settle")) as node_id:
+        if node_id is not None:
             stage.terminate(node_id)
             restart_after(stage, node_id, step)
 
@@ -168,9 +164,8 @@ def do_stop_start(stage, _track, step):
 
 
 def do_reinit(stage, _track, step):
-    with stage.one_down(step.get("settle")) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"], alone=step.get("settle")) as node_id:
+        if node_id is None:
             return
         if step["down_s"]:
             stop_protocol(stage, node_id)

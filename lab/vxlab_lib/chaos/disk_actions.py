@@ -16,9 +16,8 @@ def write_disk_rules(stage, node_id, rules):
 
 
 def do_disk(stage, _track, step):
-    with stage.one_down(True) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
             return
         stage.events.add("disk", node=node_id, fault=step["rules"])
         write_disk_rules(stage, node_id, step["rules"])
@@ -34,9 +33,8 @@ def disk_is_well(stage, node_id, mend):
 
 
 def do_kill_at_save(stage, _track, step):
-    with stage.one_down(True) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
             return
         pid = stage.cluster.node(node_id).pid()
         stage.down_on_purpose(pid)
@@ -94,9 +92,8 @@ def do_fill_disk(stage, _track, step):
 
 
 def do_block_save(stage, _track, step):
-    with stage.one_down(True) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
             return
         path = os.path.join(stage.cluster.node(node_id).cons_dir, step["file"] + ".tmp")
         stage.events.add("disk", node=node_id, fault={"kind": "blocked", "file": step["file"]})
@@ -112,9 +109,8 @@ def do_block_save(stage, _track, step):
 
 
 def do_cut_record(stage, _track, step):
-    with stage.one_down(True) as may:
-        node_id = stage.node_id(step["node"])
-        if not may or not stage.is_running(node_id):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
             return
         stage.kill(node_id)
         directory = stage.cluster.node(node_id).cons_dir

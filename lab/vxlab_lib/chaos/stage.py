@@ -145,6 +145,14 @@ class Stage:
         finally:
             self._one_down.release()
 
+    @contextmanager
+    def claim(self, who, alone=True):
+        """The number of a running node that may be made ill now, `alone` as in one_down; None if it does not run, or
+        cannot be had any more."""
+        with self.one_down(alone) as may:
+            node_id = self.node_id(who)
+            yield node_id if may and self.is_running(node_id) else None
+
     def down_on_purpose(self, pid):
         self._down_on_purpose.add(pid)
 
