@@ -29,18 +29,27 @@ def lose_fifth_on_3(builder):
     builder.order[3] = builder.plan[:4] + builder.plan[5:]
 
 
-def crash_repeat(lines_between=()):
-    """Node 2 is killed after its last delivery, and gets that one again."""
+def repeat_last(between, log):
+    """Node 2 gets its last delivery again, after what stands between in its trace and log."""
     def change(builder):
         trace = builder.trace[2]
         del trace[-4:]
         last = trace[-2][1].split()
-        again = " ".join(last[:4] + ["doubled"] + last[5:])
-        trace += [(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0"), *lines_between, (21, again)]
-        builder.log[2] += ["kesh: starting, build 1, process 11", "CONS: PAXOS: DELIVER (id=4/2)",
-                           "CONS: PAXOS: DELIVER calling hook"]
+        trace += [*between, (21, " ".join(last[:4] + ["doubled"] + last[5:]))]
+        builder.log[2] += [*log, "CONS: PAXOS: DELIVER (id=4/2)", "CONS: PAXOS: DELIVER calling hook"]
+    return change
+
+
+def crash_repeat(lines_between=()):
+    def change(builder):
+        repeat_last([(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0"), *lines_between],
+                    ["kesh: starting, build 1, process 11"])(builder)
         builder.events += [(19, "kill", {"node": 2, "point": None})]
     return change
+
+
+def stop_repeat(*log):
+    return repeat_last([(19, "stop-call"), (19.1, "stop-return 0"), (20.1, "start-call"), (20.2, "start-return 0")], log)
 
 
 def ordered_again(builder):
@@ -160,6 +169,8 @@ CASES = [
     ("a signal where a disk failed", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=-11)], "P"),
     ("a last delivery that no log names", [], [lambda b: b.deliver.update({3: (2, 77)})], "I7"),
     ("repeated after a crash", [], [crash_repeat()], None),
+    ("repeated after an isolation, overtaken by a stop", [], [stop_repeat("Isolating from cluster ...")], None),
+    ("repeated after a stop", [], [stop_repeat()], "I2"),
     ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
     ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
     ("ordered again by a leader that must know", [], [ordered_again], "I2"),

@@ -20,8 +20,7 @@ TEST_P(node, isolates_itself_where_a_save_fails)
   size_t isolations = 0;
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    others.reset();
-    vx_cons_cleanup();
+    end_cluster();
     configure(1, 3);
     others->lead(2);
     if (c.state == std::string("MASTER")) {
@@ -62,9 +61,7 @@ TEST_P(node, isolates_itself_on_several_threads_at_once)
 {
   for (int round = 0; round < 9; ++round) {
     SCOPED_TRACE(round);
-    others.reset();
-    vx_cons_cleanup();
-    app.reset();
+    end_cluster();
     start_as("BACKUP");
     others->lead(2);
     others->order({});
@@ -185,10 +182,8 @@ TEST_P(node, tries_again_once_a_second_what_it_cannot_propose)
                {"the own promise cannot be saved", "rb_reg.1.tmp/", "proposal aborted"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    others.reset();
-    vx_cons_cleanup();
+    end_cluster();
     files::clear();
-    app.reset();
     configure(1, 3);
     const std::string obstacle = files::path(c.obstacle);
     if (obstacle.back() == '/') {
@@ -222,10 +217,8 @@ TEST_P(node, goes_on_after_an_allocation_or_a_message_that_fails)
     for (uint32_t nth = GetParam() == fake::dispatch::per_channel ? 1 : 2; nth < 100; nth += 2) {
       SCOPED_TRACE(std::string(state) + (what == fake::call::memory ? ", allocation " : ", message ") +
                    std::to_string(nth));
-      others.reset();
-      vx_cons_cleanup();
+      end_cluster();
       files::clear();
-      app.reset();
       start_as(state);
       others->lead(std::string(state) == "MASTER" ? 0 : 2);
       fake::set_repeats(true);

@@ -283,9 +283,7 @@ TEST_P(node, ends_a_call_whose_message_a_snapshot_has_swallowed)
 {
   for (const bool is_state_lost : {false, true}) {
     SCOPED_TRACE(is_state_lost);
-    others.reset();
-    vx_cons_cleanup();
-    app.reset();
+    end_cluster();
     start_as("BACKUP");
     others->lead(2);
     others->order({});

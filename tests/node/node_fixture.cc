@@ -146,6 +146,14 @@ void node::start_as(const std::string &state, uint32_t own, uint32_t node_count)
   }
 }
 
+void node::end_cluster()
+{
+  others.reset();
+  vx_cons_cleanup();
+  EXPECT_TRUE(fake::settle());  // what is on the wire must not reach the next peers
+  app.reset();
+}
+
 void node::set_decided(uint32_t number, const wire::log &entries, entry last_delivered)
 {
   files::write("paxos_decide", wire::words({number}) + wire::log_bytes(entries));

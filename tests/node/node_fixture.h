@@ -58,6 +58,7 @@ protected:
   void configure(uint32_t own, uint32_t node_count);
   /// The same, started; a leader from the beginning, or a follower.
   void start_as(const std::string &state, uint32_t own = 1, uint32_t node_count = 3);
+  void end_cluster();  ///< before the next one in the same test; files stay
   static int configure_call(uint32_t own, uint32_t node_count);
   static void init();
 

@@ -86,14 +86,18 @@ def nothing_twice(episode, check):
 
 
 def _nothing_twice_on(episode, check, node, trace):
-    seen, crashed, is_first, before = set(), None, False, None
+    isolations = [(life, hooks) for _, life, hooks in episode.hits_in_lives(node, "isolating")]
+    seen, crashed, is_first, before, began = set(), None, False, None, (0, 0)
     for event in trace.order:
         what = event.what if isinstance(event, Moment) else None
         if what == "begin" and event.life > 0:
             if episode.life_ended(node, event.life - 1)[1]:
                 crashed, is_first = "a kill", True
-        elif what == "isolated":
-            crashed, is_first = "an isolation", True
+        elif what == "start-call":  # not at the host's word: a stop may overtake the isolation
+            here = (before.life, before.index + 1) if before else (0, 0)
+            if any(began < position <= here for position in isolations):
+                crashed, is_first = "an isolation", True
+            began = here
         if what:
             continue
         if event.kind == "deliver":
