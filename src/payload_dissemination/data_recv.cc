@@ -71,7 +71,7 @@ void paxos_data_recv_offer(const data_header &hdr)
     return;
   }
   cons_lock lock(paxos_data.pull_xfer.lock);
-  xfer_note_holder(paxos_data.pull_xfer, hdr.from);
+  paxos_data_note_holder(hdr.from, hdr.id, hdr.sender);
   if (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && is_abandoned(paxos_data.pull_xfer)) {
     xfer_reset(paxos_data.pull_xfer);
   }
@@ -165,7 +165,6 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
   xfer_state &pull = paxos_data.pull_xfer;
   cons_lock lock(pull.lock);
-  xfer_note_holder(pull, hdr.from);
   if (!xfer_is_for(pull, hdr.id, hdr.sender) || !accepts_total(pull, piece.total)) {
     return;
   }
@@ -186,14 +185,14 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
   }
 }
 
-void unmark_node(xfer_state &record, const data_header &hdr)
+void unmark_node(const data_header &hdr)
 {
-  cons_lock lock(record.lock);
-  xfer_note_holder(record, hdr.from);
-  if (xfer_is_for(record, hdr.id, hdr.sender) && hdr.from != 0) {
-    record.node_state[hdr.from - 1] = 0;
-    record.unanswered_requests = 0;
-    record.lost_us = 0;
+  xfer_state &pull = paxos_data.pull_xfer;
+  cons_lock lock(pull.lock);
+  if (xfer_is_for(pull, hdr.id, hdr.sender) && hdr.from != 0) {
+    pull.node_state[hdr.from - 1] = 0;
+    pull.unanswered_requests = 0;
+    pull.lost_us = 0;
   }
 }
 
@@ -221,6 +220,12 @@ bool is_sound(const data_header &hdr)
   return hdr.id != 0 && is_node(hdr.sender) && (is_node(hdr.from) || (hdr.from == 0 && may_be_anonymous));
 }
 
+void note_holder(const data_header &hdr)
+{
+  cons_lock lock(paxos_data.pull_xfer.lock);
+  paxos_data_note_holder(hdr.from, hdr.id, hdr.sender);
+}
+
 void dispatch(const data_header &hdr, std::span<const uint8_t> body)
 {
   data_piece piece;
@@ -235,13 +240,15 @@ void dispatch(const data_header &hdr, std::span<const uint8_t> body)
     break;
   case PAXOS_DATA_DATA:
     if (parse_piece(body, piece)) {
+      note_holder(hdr);
       paxos_data_recv_data(hdr, piece);
     }
     break;
   case PAXOS_DATA_COMPLETE:
     vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
     mark_node(paxos_data.offer_xfer, hdr, XFER_NODE_HAS_IT);
-    unmark_node(paxos_data.pull_xfer, hdr);
+    note_holder(hdr);
+    unmark_node(hdr);
     break;
   case PAXOS_DATA_MISSING:
     vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);

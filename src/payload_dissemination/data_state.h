@@ -58,9 +58,6 @@ void xfer_clear_marks(xfer_state &record) CONS_REQUIRES(record.lock);
 /// The same, and the requests begin anew.
 void xfer_forget_answers(xfer_state &record) CONS_REQUIRES(record.lock);
 
-/// The node has answered other than MISSING. If the last loss was judged without it, the next needs all patience again.
-void xfer_note_holder(xfer_state &pull, uint8_t from) CONS_REQUIRES(pull.lock);
-
 inline bool xfer_is_for(const xfer_state &record, uint32_t id, uint8_t sender) CONS_REQUIRES(record.lock)
 {
   return record.id == id && record.sender == sender;
@@ -127,6 +124,10 @@ bool paxos_data_note_handled() CONS_REQUIRES(paxos_data.deliver_queue_lock);
 /// Lends the pull record, whose requests nobody has answered for a while, to the OFFER of another payload. False: the
 /// record is in use. Otherwise it is free, and the pull-thread takes it back when its next request is due.
 bool paxos_data_lend_record() CONS_REQUIRES(paxos_data.pull_xfer.lock);
+
+/// Node `from` (0: it does not say) has sent OFFER, DATA or COMPLETE. If the last loss was judged without it, the next
+/// needs all patience again; what the record was lent from is not lacking if it is that.
+void paxos_data_note_holder(uint8_t from, uint32_t id, uint8_t sender) CONS_REQUIRES(paxos_data.pull_xfer.lock);
 
 /// Sends the REQs for what is missing of (id, sender), unless DATA of the transfer is still flowing: everything, which
 /// claims the record, or the missing runs once the size is known. Returns whether it asked.

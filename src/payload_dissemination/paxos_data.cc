@@ -161,13 +161,6 @@ void xfer_forget_answers(xfer_state &record)
   record.unanswered_requests = 0;
 }
 
-void xfer_note_holder(xfer_state &pull, uint8_t from)
-{
-  if (from != 0 && (pull.lost_lacking >> (from - 1) & 1) == 0) {
-    pull.lost_us = 0;
-  }
-}
-
 uint32_t paxos_data_handled()
 {
   return paxos_data.handled;

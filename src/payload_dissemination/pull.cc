@@ -314,6 +314,20 @@ bool paxos_data_lend_record()
   return true;
 }
 
+void paxos_data_note_holder(uint8_t from, uint32_t id, uint8_t sender)
+{
+  if (from == 0) {
+    return;
+  }
+  if ((paxos_data.pull_xfer.lost_lacking >> (from - 1) & 1) == 0) {
+    paxos_data.pull_xfer.lost_us = 0;
+  }
+  if (paxos_data.lent.entry.msg_id == id && paxos_data.lent.entry.sender == sender) {
+    paxos_data.lent.requests = 0;
+    paxos_data.lent.lacking = 0;
+  }
+}
+
 bool paxos_data_request_missing(xfer_state &record, uint32_t id, uint8_t sender)
 {
   if (is_data_flowing(record)) {

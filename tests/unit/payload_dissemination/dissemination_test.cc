@@ -443,6 +443,28 @@ TEST_F(dissemination, waits_for_the_snapshot_that_it_needs_and_serves_offers_mea
   EXPECT_EQ(fake::logged("data lost"), 0u);
 }
 
+// Between two requests the record serves an OFFER: a holder that answers late, meanwhile, must not pass for silent.
+TEST_F(dissemination, hears_a_late_holder_while_it_serves_an_offer)
+{
+  pull(1, {A});
+  for (size_t requests = 1; requests <= 2; ++requests) {
+    ASSERT_TRUE(wait_sent(wire::REQ, requests));
+    fake::inject(5, 3, wire::data_header(wire::MISSING, 3, A));
+  }
+  ASSERT_TRUE(fake::wait_for([] {
+    fake::inject(5, 3, wire::data_header(wire::OFFER, 3, C));
+    return fake::logged("REQ bcast (id=12/3") > 0;
+  }));
+  inject_all(3, C, payload_of(20));
+  ASSERT_TRUE(wait_sent(wire::COMPLETE, 1));
+  const bytes payload = payload_of(3000);
+  inject_all(2, A, payload);
+  ASSERT_TRUE(fake::wait_for([] { return fake::logged("REQ bcast (id=10/2") == 3; }));
+  inject_all(2, A, payload);
+  EXPECT_TRUE(wait_delivered({A}));
+  EXPECT_EQ(fake::logged("data lost"), 0u);
+}
+
 // A node whose disk is slow works through old decisions, whose payloads the others have dropped: the newer ones that
 // wait behind them are the cure.
 TEST_F(dissemination, gives_nothing_up_while_decisions_keep_coming)
