@@ -1,9 +1,11 @@
 """The checker of the cluster's promises: a good episode passes, and each broken one is called what it is."""
 
 import os
+import struct
 import sys
 import tempfile
 import unittest
+import zlib
 
 sys.dont_write_bytecode = True
 HERE = os.path.dirname(os.path.realpath(__file__))
@@ -56,7 +58,7 @@ def ordered_again(builder):
     """Node 2 delivers, last of all, what stands before its full state once more; node 1 had a FORWARD of its origin."""
     last = builder.trace[2][-6][1].split()
     builder.insert(2, 25, " ".join([*last[:2], tag(3, 1), "1", "doubled", *last[5:]]))
-    builder.log[1] += ["CONS: CONSENSOUS: propose ... id=10, round=1", "CONS: PAXOS: FORWARD (sender=3, id=2)"]
+    builder.log[1] += ["CONS: PAXOS: FORWARD (sender=3, id=2)", "CONS: CONSENSOUS: propose ... id=10, round=1"]
 
 
 def leader_restarts(builder):
@@ -105,8 +107,11 @@ def wire(*line):
     return lambda builder: builder.wire.append(list(line))
 
 
-def other_state(count):
-    return wire(10.1, 2, "decide", 5, count, "000000ff", "2.60", "once")
+def other_state(count, behind=b""):
+    """The fifth decision as node 2 made it: with a full state of its own, and `behind` it something else too."""
+    difference = bytes(a ^ b for a, b in zip(struct.pack("<BI", *STATE), struct.pack("<BI", 2, 60)))
+    crc = 5 ^ zlib.crc32((bytes(4) + difference + behind).ljust(1254, b"\0")) ^ zlib.crc32(bytes(1254))
+    return wire(10.1, 2, "decide", 5, count, f"{crc:08x}", "2.60", "once")
 
 
 def full_state_of(*nodes):
@@ -145,9 +150,18 @@ CASES = [
     ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, "000000ff", "1.2", "once")], "I8"),
     ("two states, one leader", [], [other_state(1)], "I8"),
     ("two states, two leaders", [], [other_state(1), *full_state_of(1, 2)], None),
+    ("two states, and more", [], [other_state(1, b"x"), *full_state_of(1, 2)], "I8"),
     ("two counts", [], [other_state(2), *full_state_of(1, 2)], "I14"),
     ("a carried tail", [], [in_log(2, LOST), other_state(2), *full_state_of(1, 2)], None),
+    ("a tail lost long ago", [], [in_log(2, LOST), in_log(2, "CONS: PAXOS: PROPOSE full state (batch_id=1)"), other_state(2),
+                                  *full_state_of(1, 2)], "I14 I8"),
     ("never equal", [], [lambda b: b.events.__setitem__(slice(None), [e for e in b.events if e[1] != "equal"])], "I9"),
+    ("equal only with the next log, and no hole", [], [event(65, "unequal", error="")], "I9"),
+    ("a crash of a node that was to be killed", [], [event(50, "exit", node=2, pid=10, code=-11),
+                                                     event(49, "kill", node=2, pid=10, point="x")], "P"),
+    ("a crash where nothing is promised", [], [event(30, "wipe", node=3), event(50, "exit", node=2, pid=10, code=-11)], "P"),
+    ("an old life that is not followed", [], [event(30, "wipe", node=3),
+                                              event(40, "old-life", node=2, number=9, has_won=False)], "L"),
     ("late equal", [], [lambda b: b.events[5][2].update(after_s=31)], "I9"),
     ("a call hangs", [], [cut_return(1, 3)], "I10"),
     ("an open call fails for nothing", [], [cut_return(1, 3, -1)], "I10"),
@@ -169,7 +183,8 @@ CASES = [
     ("a signal where a disk failed", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=-11)], "P"),
     ("a last delivery that no log names", [], [lambda b: b.deliver.update({3: (2, 77)})], "I7"),
     ("repeated after a crash", [], [crash_repeat()], None),
-    ("repeated after an isolation, overtaken by a stop", [], [stop_repeat("Isolating from cluster ...")], None),
+    ("repeated after a failed save, overtaken by a stop", [], [stop_repeat("write(/c/paxos_deliver.tmp) failed")], None),
+    ("repeated after an isolation for another save", [], [stop_repeat("Isolating from cluster ...")], "I2"),
     ("repeated after a stop", [], [stop_repeat()], "I2"),
     ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
     ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
@@ -205,16 +220,24 @@ class CheckerTest(unittest.TestCase):
     def test_a_lost_payload_excuses_only_after_its_line_and_only_with_restarts(self):
         hole = in_log(3, LOST)
 
+        def after_state(log):
+            return log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
+
         def at_place(builder):  # before the fifth delivery of node 3
-            log = builder.log[3]
-            log.insert(log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5, LOST)
+            builder.log[3].insert(after_state(builder.log[3]), LOST)
+
+        def restart_of_1(builder):  # when the fifth and sixth are submitted
+            for at_s, words in enumerate(("cleanup-call", "cleanup-return", "start-call", "start-return 0")):
+                builder.insert(1, 13.1 + at_s / 10, words)
+
+        def another(builder):
+            builder.log[3].insert(after_state(builder.log[3]), LOST.replace("3/2", "3/3"))
 
         def twice(builder):  # node 2 lost what node 3 has, node 3 what node 2 has, node 1 both
             for node, ids in ((1, ("3/2", "3/3")), (2, ("3/3",)), (3, ("3/2",))):
                 log = builder.log[node]
                 for one in ids:
-                    at = log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
-                    log.insert(at + 3 * (one == "3/3" and node == 2), LOST.replace("3/2", one))
+                    log.insert(after_state(log) + 3 * (one == "3/3" and node == 2), LOST.replace("3/2", one))
 
         def lose_both(builder):
             for node, gone in ((1, (4, 5)), (2, (5,)), (3, (4,))):
@@ -222,10 +245,12 @@ class CheckerTest(unittest.TestCase):
 
         unequal = {"I9"}  # the episode ends with the hole
         for what, lose, after, expected in (
-                ("in place", lose_fifth_on_3, [at_place, crash_repeat()], set()),
-                ("one after the other", lose_both, [twice, crash_repeat()], set()),
+                ("in place", lose_fifth_on_3, [at_place, restart_of_1], set()),
+                ("one after the other", lose_both, [twice, restart_of_1], set()),
                 ("no restart", lose_fifth_on_3, [at_place], {"I1", "I6"}),
-                ("after the fact", lose_fifth_on_3, [hole, crash_repeat()], {"I1", "I6"})):
+                ("no restart before it", lose_fifth_on_3, [at_place, crash_repeat()], {"I1", "I6"}),
+                ("another payload", lose_fifth_on_3, [another, restart_of_1], {"I6"}),
+                ("after the fact", lose_fifth_on_3, [hole, restart_of_1], {"I1", "I6"})):
             with self.subTest(what):
                 result = self.judge([lose], after)
                 self.assertEqual({one.invariant for one in result.violations} - unequal, expected,

@@ -7,7 +7,7 @@ import threading
 import time
 from dataclasses import dataclass, field
 
-from ..checker import check
+from ..checker import check, sanitizer_word
 from ..errors import LabError
 from ..waiting import wait_until
 from .broker_arena import BrokerArena
@@ -115,19 +115,22 @@ class Episode:
         """A cluster that has lived before the whole of it is configured anew. Its traces are not this episode's."""
         load = Load(arena.cluster, self.plan.load)
         stage = Stage(arena, self.plan, self.events, load)
-        self._start_nodes(stage, told=False)
+        self._start_nodes(stage)
         time.sleep(seconds)
         load.end()
         for node in arena.cluster.nodes.values():
-            node.stop()
+            if code := node.stop():
+                self.notes.append(f"first life: node {node.id} ended with {code}")
             arena.node_is_down(node.id)
         for node in arena.cluster.nodes.values():
             node.configure(self.plan.nodes)
+            if word := sanitizer_word(read_whole(node.path("output.log"))):
+                self.notes.append(f"first life: node {node.id} printed \"{word}\"")
             for name in ("trace", "kesh.log", "output.log"):
                 shutil.move(node.path(name), node.path("first_life_" + name))
         self.run_info["started_ns"] = now_ns()
 
-    def _start_nodes(self, stage, told=True):
+    def _start_nodes(self, stage):
         if not self.plan.options.get("keepalived"):
             stage.set_masters([stage.draw.choice(sorted(stage.cluster.nodes))])
         threads, failed = [], []

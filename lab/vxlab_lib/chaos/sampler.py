@@ -20,6 +20,8 @@ def process_figures(pid):
             rss_kb = int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
         with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as file:
             fields = file.read().rpartition(")")[2].split()
+        if fields[0] in "ZX":  # dead, though a frozen thread may still be buried
+            return {}
         tasks = {}
         for task in os.listdir(f"/proc/{pid}/task"):
             with open(f"/proc/{pid}/task/{task}/comm", encoding="utf-8", errors="replace") as file:

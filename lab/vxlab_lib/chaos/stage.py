@@ -4,6 +4,7 @@ import random
 import threading
 import time
 from contextlib import contextmanager
+from signal import SIGKILL
 
 from ..errors import LabError
 from ..waiting import wait_until
@@ -161,12 +162,15 @@ class Stage:
         deadline = time.monotonic() + timeout_s
         while self.is_running(node_id):
             if not self.pause(0.01) or time.monotonic() > deadline:
-                return now_ns() if not self.is_running(node_id) else None
-        return now_ns()
+                if self.is_running(node_id):
+                    return None
+        at_ns = now_ns()
+        self.ended(node_id, self.cluster.processes()[node_id])  # the sampler may miss it: it is started again at once
+        return at_ns
 
     def ended(self, node_id, process):
-        """Told by the sampler of every process that has ended."""
-        if process["pid"] not in self._down_on_purpose:
+        """Told of every process that has ended. To die of something else than the kill is no part of a plan."""
+        if process["pid"] not in self._down_on_purpose or process["exit_code"] not in (0, -SIGKILL):
             self.events.add("exit", node=node_id, pid=process["pid"], code=process["exit_code"])
 
     def told_by_fabric(self, event):

@@ -7,8 +7,10 @@
 """
 
 from .findings import Finding, Result
+from .invariants_process import sanitizer_word
 from .judge import CouldNotRun, check, check_journals
 from .model import write_acknowledged
 from .report import verdict as summary
 
-__all__ = ["CouldNotRun", "Finding", "Result", "check", "check_journals", "summary", "write_acknowledged"]
+__all__ = ["CouldNotRun", "Finding", "Result", "check", "check_journals", "sanitizer_word", "summary",
+           "write_acknowledged"]

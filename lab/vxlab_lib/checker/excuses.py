@@ -7,31 +7,36 @@ from .promises import INFINITE
 
 def hole(episode, hook):
     """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
-    if episode.level == "none" or hook is None:
-        return None
-    found = episode.hole_before(hook)
-    if found is None:
-        return None
-    life, before, hit = found
-    return (f"node {hook.node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1} after "
+    return _told(hook.node, *episode.holes_before(hook)[-1]) if hook and episode.holes_before(hook) else None
+
+
+def open_hole(episode, t):
+    """Some node's journal lacked a payload then."""
+    for node, trace in episode.traces.items():
+        hooks = [hook for hook in trace.hooks if hook.t <= t]
+        if hooks and (found := episode.holes_before(hooks[-1])):
+            return _told(node, *found[-1])
+    return None
+
+
+def _told(node, life, before, hit):
+    return (f"node {node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1} after "
             f"{before} hook calls, and was given no full state since")
 
 
 def lost(episode, tag, makers, later):
-    """A history lacks the payload of this tag. Its `makers`, hook calls, had skipped something: that payload, or the
-    full state that stood for it. Or the payload itself was skipped, before `later` where the node delivered that, by a
-    node whose history others took over since."""
-    if episode.level == "none":
-        return None
-    if proof := next(filter(None, (hole(episode, maker) for maker in makers)), None):
-        return proof
-    named = {entry for node, trace in episode.traces.items() for hook, entry in zip(trace.hooks, episode.entries[node])
-             if hook.kind == "deliver" and hook.tag == tag}
+    """A history lacks the payload of this tag. Its `makers`, hook calls, had skipped that payload, or the full state
+    that stood for it. Or the payload itself was skipped, before `later` where the node delivered that, by a node whose
+    history others took over since."""
+    for maker in filter(None, makers):
+        for life, before, hit in episode.holes_before(maker):
+            if tag in episode.tags_of.get((hit.sender, hit.number), (tag,)):
+                return _told(maker.node, life, before, hit)
     for node, trace in episode.traces.items():
         had_later = min(((hook.life, hook.index) for hook in trace.hooks if hook.kind == "deliver" and hook.tag == later),
                         default=(INFINITE, 0))
         for life, before, hit in episode.holes[node]:
-            if (hit.sender, hit.number) in named and (life, before) <= had_later:
+            if tag in episode.tags_of.get((hit.sender, hit.number), ()) and (life, before) <= had_later:
                 return f"node {node} logged \"data lost - skipped (id={hit.number}/{hit.sender})\" in life {life + 1}"
     return None
 
@@ -57,10 +62,10 @@ def forgotten_decision(episode, hook):
         return None
     origin = int(hook.tag.partition(".")[0])
     for node, trace in episode.traces.items():
-        proposes = bool(episode.logs[node].hits["attempt"])
         knows_since = [(other.life, other.index) for other in trace.hooks if (other.tag, other.attempt) == key]
         for hit, life, before in episode.hits_in_lives(node, "forward"):
-            if hit.number != origin or not proposes or not _stands_between(episode, trace, life, before, first, hook.t):
+            if hit.number != origin or not _stands_between(episode, trace, life, before, first, hook.t) or \
+                    not _proposes_behind(episode, node, life, hit):
                 continue
             known = [position for position in knows_since if position < (life, before)]
             if all(position < (life, _hooks_before_run(episode, node, life, hit)) for position in known):
@@ -68,6 +73,12 @@ def forgotten_decision(episode, hook):
                 return (f"node {node} accepted a FORWARD of node {origin} for what {how}; the log was replaced "
                         f"(full state on node {replaced.node})")
     return None
+
+
+def _proposes_behind(episode, node, life, hit):
+    """All hear a FORWARD, and only who leads orders it."""
+    segment, _ = episode.segments[node][life]
+    return any(hit.offset < attempt.offset < segment.end for attempt in episode.logs[node].hits["attempt"])
 
 
 def _hooks_before_run(episode, node, life, hit):
@@ -111,7 +122,8 @@ def carried_tail(episode, number, counts):
         for full in episode.hits(node, "full"):
             if full.number not in {number - count + 1 + carried for count in counts for carried in (0, 1, 2, 3)}:
                 continue
-            lost = [hit for hit in episode.hits(node, "lost") if hit.offset < full.offset]
+            began = max((other.offset for other in episode.hits(node, "full") if other.number < full.number), default=0)
+            lost = [hit for hit in episode.hits(node, "lost") if began < hit.offset < full.offset]
             if lost:
                 return (f"node {node} logged \"data lost - skipped (id={lost[-1].number}/{lost[-1].sender})\" before "
                         f"it proposed the full state {full.number}")

@@ -2,6 +2,7 @@
 
 from bisect import bisect_left
 
+from . import excuses
 from .evidence import Moment
 from .promises import INFINITE
 
@@ -25,14 +26,16 @@ def healing(episode, check):
         check.note("no faults were ended in this episode")
         return
     check.saw("ends of faults")
-    for event in episode.events_of("old-life"):
-        if not event["has_won"]:
-            check.violated(f"the node that missed a reset, with number {event['number']}, was not followed by all",
-                           t=event["t"], node=event["node"])
     equals = episode.events_of("equal")
     where = {"t": episode.end_t or None}
     for event in episode.events_of("not-healed"):
         check.violated(f"the cluster did not heal: {event.get('error')}", t=event["t"])
+    for event in episode.events_of("unequal"):
+        text = f"not equal before a new log began: {event.get('error')}"
+        if proof := excuses.open_hole(episode, event["t"]):
+            check.excuse("a lost payload", proof, text, t=event["t"])
+        else:
+            check.violated(text, t=event["t"])
     if not equals:
         check.violated("the journals never became equal after the faults", **where)
         return
@@ -51,6 +54,15 @@ def healing(episode, check):
             if journal.base == 0 and not any(line.tag == event["tag"] for line in journal.lines):
                 check.violated(f"the fresh message of node {event['node']} is not in the journal of node {node}",
                                node=node, tag=event["tag"], **where)
+
+
+def old_life(episode, check):
+    """Promised to nobody, but what is to be expected: the highest number wins."""
+    for event in episode.events_of("old-life"):
+        check.saw("missed resets")
+        if not event["has_won"]:
+            check.violated(f"the node that missed a reset, with number {event['number']}, was not followed by all",
+                           t=event["t"], node=event["node"])
 
 
 def _equal_ends(episode, check):

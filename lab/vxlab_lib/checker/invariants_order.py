@@ -86,17 +86,17 @@ def nothing_twice(episode, check):
 
 
 def _nothing_twice_on(episode, check, node, trace):
-    isolations = [(life, hooks) for _, life, hooks in episode.hits_in_lives(node, "isolating")]
+    failed_saves = [(life, hooks) for _, life, hooks in episode.hits_in_lives(node, "undelivered")]
     seen, crashed, is_first, before, began = set(), None, False, None, (0, 0)
     for event in trace.order:
         what = event.what if isinstance(event, Moment) else None
         if what == "begin" and event.life > 0:
             if episode.life_ended(node, event.life - 1)[1]:
                 crashed, is_first = "a kill", True
-        elif what == "start-call":  # not at the host's word: a stop may overtake the isolation
+        elif what == "start-call":  # not at the host's word of an isolation: a stop may overtake it
             here = (before.life, before.index + 1) if before else (0, 0)
-            if any(began < position <= here for position in isolations):
-                crashed, is_first = "an isolation", True
+            if any(began < position <= here for position in failed_saves):
+                crashed, is_first = "a failed save of paxos_deliver", True
             began = here
         if what:
             continue

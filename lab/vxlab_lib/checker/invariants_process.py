@@ -1,6 +1,7 @@
 """I13 and P: what the processes use, and how they end."""
 
 from datetime import datetime
+from signal import SIGKILL
 from statistics import median
 
 from .evidence import CouldNotRun, first_existing, read_bytes
@@ -121,10 +122,11 @@ def processes(episode, check):
     asked = {event.get("pid") for event in episode.events_of("term", "kill")} - {None}
     for event in episode.events_of("exit", "terminated"):
         node, t, code = event["node"], event["t"], event.get("code")
-        if event["what"] == "exit" and event.get("pid") in asked or event["what"] == "terminated" and code == 0:
+        if event["what"] == "exit" and event.get("pid") in asked and code in (None, 0, -SIGKILL) or \
+                event["what"] == "terminated" and code == 0:
             continue
         text = f"the process ended with {code}" + (", by itself" if event["what"] == "exit" else " when told to end")
-        if episode.events_of("disk", node=node) and code is not None and code > 0:
+        if code is not None and code > 0 and any(event["t"] <= t for event in episode.events_of("disk", node=node)):
             check.excuse("a failing disk", "a disk fault was made on that node", text, t=t, node=node)
         else:
             check.violated(text, t=t, node=node)
@@ -132,6 +134,10 @@ def processes(episode, check):
         printed = read_bytes(first_existing(files.path("stderr"), files.path("output.log")))
         if b"cannot be preloaded" in printed:
             raise CouldNotRun(f"node {node} ran without a library that was meant for it: see its stderr")
-        word = next((word for word in SANITIZERS if word in printed), None)
-        if word:
-            check.violated(f"printed \"{word.decode()}\"", node=node)
+        if word := sanitizer_word(printed):
+            check.violated(f"printed \"{word}\"", node=node)
+
+
+def sanitizer_word(printed):
+    """What a sanitizer has said in a process's output, or None."""
+    return next((word.decode() for word in SANITIZERS if word in printed), None)

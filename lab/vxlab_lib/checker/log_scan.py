@@ -15,6 +15,7 @@ WORDS = {
     "deliver": b"CONS: PAXOS: DELIVER (id=",
     "lost": b"data lost - skipped (id=",
     "isolating": b"Isolating from cluster",
+    "undelivered": b"paxos_deliver.tmp",  # its save failed
     "hashed": b"already hashed. This should never happen!",
     "corrupted": b"corrupted message set",
     "broadcast": b"DECIDE broadcast (batch_id=",

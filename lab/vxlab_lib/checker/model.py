@@ -11,10 +11,11 @@ from ..journal import Journal
 from .evidence import CouldNotRun, NodeFiles, Trace, read_bytes, read_json_lines, read_run, read_wire
 from .history import History
 from .log_scan import Log
-from .promises import INFINITE, fault_level
+from .promises import INFINITE, down_intervals, fault_level
 
 ACKNOWLEDGED = "acknowledged.json"
 ISOLATION_ENDS_NS = 5 * 10**9
+SNAPSHOT_AGE_NS = 10 * 10**9  # a full state may be older than the decision that names it
 CHAINS_MAX = 32  # more histories than these are a shambles; the first ones tell enough
 
 
@@ -172,16 +173,48 @@ class Episode:
 
     @cached_property
     def holes(self):
-        """node -> [(life, hook calls before, hit)]: payloads that the node skipped as lost, in order."""
-        return {node: sorted(((life, before, hit) for hit, life, before in self.hits_in_lives(node, "lost")),
-                             key=lambda hole: hole[:2]) for node in self.nodes}
+        """node -> [(life, hook calls before, hit)]: payloads that the node skipped as lost, in order. Only a restart
+        loses payloads: one between the submission and the skip."""
+        found = {node: [] for node in self.nodes}
+        for node in self.nodes:
+            for hit, life, before in self.hits_in_lives(node, "lost"):
+                since, until = self._submitted((hit.sender, hit.number)), self._next_hook_t(node, life, before)
+                if any(down <= until and since <= up for down, up in self._downs):
+                    found[node].append((life, before, hit))
+            found[node].sort(key=lambda hole: hole[:2])
+        return found
 
-    def hole_before(self, hook):
-        """The skipped payload after which this hook's journal may lack something: none since a full state."""
+    @cached_property
+    def _downs(self):
+        return [interval for node in self.nodes for interval in down_intervals(self, node)] if self.has_traces else []
+
+    def _next_hook_t(self, node, life, before):
+        hooks = self.traces[node].hooks
+        at = bisect_left(hooks, (life, before), key=lambda hook: (hook.life, hook.index))
+        return hooks[at].t if at < len(hooks) and hooks[at].life == life else self.life_ended(node, life)[0]
+
+    def _submitted(self, entry):
+        """No later than that the payload of this entry was in its submitter's memory; 0 where nothing tells."""
+        calls = [call.called for (tag, _), call in self.calls.items() if tag in self.tags_of.get(entry, ())]
+        states = [decide.t for decide in self.decides if tuple(decide.first) == entry]
+        return min(calls, default=min(states, default=SNAPSHOT_AGE_NS) - SNAPSHOT_AGE_NS)
+
+    @cached_property
+    def tags_of(self):
+        """entry -> tags of what was delivered under it; a full state has none."""
+        found = {}
+        for node, trace in self.traces.items():
+            for hook, entry in zip(trace.hooks, self.entries[node]):
+                if hook.kind == "deliver" and entry:
+                    found.setdefault(entry, set()).add(hook.tag)
+        return found
+
+    def holes_before(self, hook):
+        """The skipped payloads that this hook's journal may lack: those since the last full state."""
         position = (hook.life, hook.index)
         adopts = [adopt for adopt in self.full_states[hook.node] if adopt <= position]
         since = adopts[-1] if adopts else (-1, 0)
-        return next((hole for hole in reversed(self.holes[hook.node]) if since < hole[:2] <= position), None)
+        return [hole for hole in self.holes[hook.node] if since < hole[:2] <= position]
 
     @cached_property
     def full_states(self):

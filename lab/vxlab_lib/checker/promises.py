@@ -55,7 +55,7 @@ def fault_level(episode):
 
 def not_promised(level, invariant):
     """Why the invariant is not promised under these faults, or None."""
-    if level == "wiped" and invariant != "I3":
+    if level == "wiped" and invariant not in ("I3", "L", "P"):
         return "a node lost its files alone"
     if level == "several" and invariant == "I6":
         return "several nodes were down together, and payloads live in memory"
