@@ -24,9 +24,8 @@ extern "C" {
 #define VX_CONS_PAYLOAD_MAX 0xFFFFFFE3u
 
 /* Hooks run with locks of the library held, those for data on its threads, which have 64 KiB of stack: keep them
- * short, do not call the library from them, and do not wait in them for a lock that the caller of
- * vx_cons_stop, vx_cons_distribute or a register function holds. A slow deliver hook holds up the node's
- * deliveries; on the leader it holds up the cluster. */
+ * short, do not call the library from them, and do not wait in them for a lock that is held while the
+ * library is called. A slow deliver hook holds up the node's deliveries; on the leader it holds up the cluster. */
 
 /* Hands over a snapshot of all that was delivered of this data type. Stores a buffer allocated with malloc
  * (the library releases it with free) and its length, and returns 0; any other result means "no state" and
@@ -51,7 +50,7 @@ void vx_cons_cleanup(void);
 
 /* Reads the configuration and the node's durable state and starts the protocol. Returns 0, also when it runs
  * already; -1 if the library is not initialised, the configuration or a file is unusable (the log says
- * which), or a thread cannot be created. */
+ * which), a thread cannot be created, or a disk failure isolates the node meanwhile. */
 int vx_cons_start(void);
 
 /* Stops the protocol: every blocked vx_cons_distribute returns -1, every thread of the library ends. Takes as
