@@ -194,7 +194,7 @@ size_t node::open_calls()
 
 int node::result(std::future<int> &call)
 {
-  return call.wait_for(std::chrono::seconds(20)) == std::future_status::ready ? call.get() : -99;
+  return call.wait_for(std::chrono::seconds(60)) == std::future_status::ready ? call.get() : -99;
 }
 
 void node::stop_in_time()
