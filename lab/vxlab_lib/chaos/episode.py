@@ -198,8 +198,7 @@ class Episode:
                                    for node in stage.cluster.nodes.values()),
                        max(1.0, OPEN_CALLS_S - (now_ns() - heal_ns) / 1e9), "no call is open")
         except LabError as error:
-            self.notes.append(f"not healed: {error}")
-            self.events.add("not-healed", error=str(error))
+            self.events.add("not-healed", error=str(error))  # whether it was promised, the checker knows
 
     def _fresh(self, stage):
         """One new message of every node, acknowledged."""
