@@ -55,7 +55,8 @@ def add_command(subparsers):
                                    formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.set_defaults(run=run)
     parser.add_argument("--arena", choices=["broker", "wire"], default="broker",
-                        help="broker: every datagram through one program, fast; wire: real networks and file systems, as root")
+                        help="broker: every datagram through one program, fast; "
+                             "wire: real networks and file systems, as root")
     parser.add_argument("--seed", type=int, default=1, metavar="S", help="first seed (default 1)")
     parser.add_argument("--minutes", type=float, default=1.0, metavar="M",
                         help="begin episodes for so long (default 1)")

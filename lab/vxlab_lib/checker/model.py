@@ -194,7 +194,7 @@ class Episode:
         return hooks[at].t if at < len(hooks) and hooks[at].life == life else self.life_ended(node, life)[0]
 
     def _submitted(self, entry):
-        """No later than that the payload of this entry was in its submitter's memory; 0 where nothing tells."""
+        """Nobody had the payload of this entry before this time; 0 where nothing tells."""
         calls = [call.called for (tag, _), call in self.calls.items() if tag in self.tags_of.get(entry, ())]
         states = [decide.t for decide in self.decides if tuple(decide.first) == entry]
         return min(calls, default=min(states, default=SNAPSHOT_AGE_NS) - SNAPSHOT_AGE_NS)
