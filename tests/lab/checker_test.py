@@ -189,6 +189,8 @@ CASES = [
     ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
     ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
     ("ordered again by a leader that must know", [], [ordered_again], "I2"),
+    ("ordered again, and who missed it has proposed nothing since", [],
+     [protocol_restarts_on_1, ordered_again, lambda b: b.log[1].pop()], "I2"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]
 
