@@ -32,12 +32,12 @@ int get_state(uint8_t **state, uint32_t *length)
 // The pull-thread has nothing to do until an answer arrives or time passes, nor has the deliver-thread.
 bool is_delivered()
 {
-  cons_lock pull_lock(paxos_data.pull_xfer.lock);
+  cons_lock pull_lock(paxos_data.pull.lock);
   cons_lock queue_lock(paxos_data.deliver_queue_lock);
   bool is_waiting = paxos_data.pull_pos >= id_batch_count(paxos_data.pull_batch);
   if (!is_waiting) {
     const id_entry next = id_batch_entry(paxos_data.pull_batch, paxos_data.pull_pos);
-    is_waiting = paxos_data.pull_xfer.is_pulled && paxos_data_has_entry(next.msg_id, next.sender) == 0;
+    is_waiting = paxos_data.pull.is_pulled && paxos_data_has_entry(next.msg_id, next.sender) == 0;
   }
   return paxos_data.stopped || (is_waiting && paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch));
 }

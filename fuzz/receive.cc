@@ -147,9 +147,9 @@ void script::submit()
 // What only happens after seconds of silence happens now.
 void let_time_pass()
 {
-  xfer_state &pull = paxos_data.pull_xfer;
+  pull_record &pull = paxos_data.pull;
   cons_lock lock(pull.lock);
-  for (int64_t *time_us : {&pull.request_us, &pull.data_us, &pull.activity_us}) {
+  for (int64_t *time_us : {&pull.requested_us, &pull.data_us, &pull.claimed_us, &pull.damaged_until_us}) {
     *time_us -= *time_us != 0 ? 10000000 : 0;
   }
   pull.last = {};

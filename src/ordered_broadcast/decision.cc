@@ -1,8 +1,6 @@
 #include "ordered_broadcast/decision.h"
 
-#include <atomic>
-
-#include "common/monotonic_clock.h"
+#include "common/repetition_filter.h"
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/durable_state.h"
 #include "ordered_broadcast/paxos_messages.h"
@@ -18,9 +16,8 @@
 namespace
 {
 
-constinit std::atomic<uint32_t> messages_in_hand{0};
-constinit std::atomic<uint64_t> decisions_adopted{0};
-constinit std::atomic<int64_t> agreed_us[NODES_MAX];  // node - 1: its last DECIDE with our number, monotonic
+constinit repetition_filter decides_heard;
+constinit repetition_filter forwards_heard;
 
 // What an adoption replaced, and what goes on to the payload layer.
 struct adoption {
@@ -64,7 +61,6 @@ bool adopt_decision(const decide_message &message, adoption &result) CONS_REQUIR
     paxos_idle_release();
     return false;
   }
-  ++decisions_adopted;
   rb_reg_delete_up_to(paxos.batch_id);
   if (paxos.is_leader != 0) {
     paxos.propose_cond.signal();
@@ -133,10 +129,14 @@ void settle_waiting(const adoption &old, const decide_message &message)
   paxos.launch_cond.signal();
 }
 
-// Adopts a newer decision, answers an older one. True if it is the one that we have.
+// Adopts a newer decision, answers an older one. Returns whether it was adopted.
 bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
-  vx_log("CONS: PAXOS: DECIDE (sender=%u, batch_id=%u)\n", node_id_of_addr(sender_addr), message.batch_id);
+  const uint32_t sender = node_id_of_addr(sender_addr);
+  vx_log("CONS: PAXOS: DECIDE (sender=%u, batch_id=%u)\n", sender, message.batch_id);
+  if (is_member(sender) && decides_heard.is_new(sender, message.batch_id)) {
+    paxos_data_heard(sender);
+  }
   adoption old;
   {
     cons_lock lock(paxos.propose_lock);
@@ -144,11 +144,15 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
       return false;
     }
     if (message.batch_id < paxos.batch_id) {
+      paxos_data_is_not_ahead(sender);
       paxos_decide_update(sender_addr);
       return false;
     }
     if (message.batch_id == paxos.batch_id) {
-      return true;
+      if (first_entry(message.batch) == first_entry(paxos.decided_batch)) {
+        paxos_data_is_not_ahead(sender);
+      }
+      return false;
     }
     if (!adopt_decision(message, old)) {
       return false;
@@ -156,7 +160,7 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
   }
   settle_waiting(old, message);
   paxos_data_pull(message.batch, old.last_delivered, message.batch_id);
-  return false;
+  return true;
 }
 
 void recv_forward(id_entry entry, uint32_t sender_addr)
@@ -173,23 +177,16 @@ void recv_forward(id_entry entry, uint32_t sender_addr)
   paxos.launch_cond.signal();
 }
 
-// Whatever is being handled, a decision may wait behind it.
-class in_hand_mark
+// Behind any message that is being handled a decision may wait.
+class message_in_hand
 {
 public:
-  in_hand_mark() { ++messages_in_hand; }
-  ~in_hand_mark() { --messages_in_hand; }
-  in_hand_mark(const in_hand_mark &) = delete;
-  in_hand_mark &operator=(const in_hand_mark &) = delete;
+  message_in_hand() { paxos_data_message_begins(); }
+  ~message_in_hand() { paxos_data_message_ends(is_new_decision); }
+  message_in_hand(const message_in_hand &) = delete;
+  message_in_hand &operator=(const message_in_hand &) = delete;
+  bool is_new_decision = false;
 };
-
-// What the other nodes asked for lately and did not get: (sender << 32) | id, 0 = nothing.
-constinit std::atomic<uint64_t> asked_for[NODES_MAX];
-
-bool is_lacking(uint64_t asked)
-{
-  return asked != 0 && paxos_data_has_entry(static_cast<uint32_t>(asked), static_cast<uint8_t>(asked >> 32)) == 0;
-}
 
 }  // namespace
 
@@ -199,8 +196,7 @@ void paxos_recv(void *msg)
   if (!call.entered()) {
     return;
   }
-  const in_hand_mark mark;
-  const int64_t received_us = monotonic_us();
+  message_in_hand in_hand;
   const received_message received(msg);
   const auto payload = received.payload();
   if (!received.accepted() || payload.size() < 4) {
@@ -209,62 +205,19 @@ void paxos_recv(void *msg)
   const uint32_t type = get_le32(payload.data());
   if (type == PAXOS_DECIDE) {
     if (const auto message = decide_parse(payload)) {
-      const uint32_t sender = node_id_of_addr(received.sender_addr());
-      if (recv_decide(*message, received.sender_addr()) && is_member(sender)) {
-        agreed_us[sender - 1] = received_us;
-      }
+      in_hand.is_new_decision = recv_decide(*message, received.sender_addr());
     }
   } else if (type == PAXOS_FORWARD) {
-    const auto entry = forward_parse(payload);
-    if (entry && paxos.is_leader != 0) {
-      recv_forward(*entry, received.sender_addr());
+    if (const auto entry = forward_parse(payload)) {
+      const uint32_t sender = node_id_of_addr(received.sender_addr());
+      if (is_member(sender) && forwards_heard.is_new(sender, entry->msg_id)) {
+        paxos_data_heard(sender);
+      }
+      if (paxos.is_leader != 0) {
+        recv_forward(*entry, received.sender_addr());
+      }
     }
   } else {
     vx_log("CONS: PAXOS: unknown message type %u\n", type);
-  }
-}
-
-uint64_t paxos_decisions_received()
-{
-  return messages_in_hand != 0 ? 1 : 2 * decisions_adopted;
-}
-
-int64_t paxos_agreed_us(uint32_t node_id)
-{
-  return agreed_us[node_id - 1];
-}
-
-void paxos_help_newcomer(uint32_t node_addr)
-{
-  constexpr int64_t PAUSE_US = 1000000;
-  static int64_t next_help_us[NODES_MAX] = {};  // guarded by propose_lock
-  const uint32_t node_id = node_id_of_addr(node_addr);
-  const int64_t now_us = monotonic_us();
-  cons_lock lock(paxos.propose_lock);
-  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
-      now_us < next_help_us[node_id - 1]) {
-    return;
-  }
-  next_help_us[node_id - 1] = now_us + PAUSE_US;
-  paxos_decide_update(node_addr);
-}
-
-void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
-{
-  if (is_member(asking_node) && asking_node != cons_service.node_id && !is_lacking(asked_for[asking_node - 1])) {
-    asked_for[asking_node - 1] = uint64_t{sender} << 32 | msg_id;
-  }
-}
-
-void paxos_help_askers()
-{
-  for (uint32_t node_id = 1; node_id <= NODES_MAX; ++node_id) {
-    if (!is_lacking(asked_for[node_id - 1].exchange(0))) {
-      continue;
-    }
-    cons_lock lock(paxos.propose_lock);
-    if (!paxos.stopped && paxos.batch_id != 0) {
-      paxos_decide_update(node_addr_of_id(node_id));
-    }
   }
 }

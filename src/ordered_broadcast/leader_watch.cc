@@ -14,7 +14,7 @@
 #include "common/le_bytes.h"
 #include "common/monotonic_clock.h"
 #include "common/scoped_fd.h"
-#include "ordered_broadcast/decision.h"
+#include "ordered_broadcast/decision_help.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "service/envelope.h"
@@ -115,7 +115,13 @@ void wait_for_next_pass()
   const int64_t end_us = monotonic_us() + PERIOD_US;
   cons_lock lock(watch.lock);
   for (int64_t left_us = PERIOD_US; left_us > 0 && !paxos.stopped; left_us = end_us - monotonic_us()) {
-    watch.wake_cond.wait_for_us(watch.lock, left_us);
+    if (paxos_is_help_urgent()) {
+      lock.unlock();
+      paxos_help_askers();
+      lock.lock();
+    } else {
+      watch.wake_cond.wait_for_us(watch.lock, left_us);
+    }
   }
 }
 

@@ -4,5 +4,5 @@
 
 void *paxos_leader_watch_thread(void *);
 
-/// Ends the pause between two passes.
+/// Ends the pause between two passes on stop, and interrupts it to give urgent help. Any thread, any lock but leaves.
 void paxos_leader_watch_wake();

@@ -2,6 +2,7 @@
 
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/decision.h"
+#include "ordered_broadcast/decision_help.h"
 #include "ordered_broadcast/delivery.h"
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/durable_state.h"
@@ -134,8 +135,7 @@ int cons_layers_init()
                        .lost = paxos_skip_lost,
                        .handled = paxos_log_handled,
                        .lacking = paxos_note_asker,
-                       .decisions_received = paxos_decisions_received,
-                       .agreed_us = paxos_agreed_us}) != 0) {
+                       .uninformed = paxos_note_uninformed}) != 0) {
     paxos_data_cleanup();
     return -1;
   }

@@ -1,11 +1,5 @@
-#include <sys/time.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <span>
 
-#include "common/monotonic_clock.h"
-#include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_table.h"
@@ -16,22 +10,12 @@
 namespace
 {
 
-constexpr int64_t ABANDONED_US = 3000000;
-constexpr int64_t WRONG_SIZE_SILENCE_US = 1000000;
-
 struct data_header {
   uint16_t type;
   uint8_t from;
   uint8_t sender;
   uint32_t id;
-};
-
-// A piece whose place in a payload of its total is sound.
-struct data_piece {
-  uint32_t offset;
-  uint32_t total;
-  uint32_t length;
-  const uint8_t *bytes;
+  [[nodiscard]] id_entry entry() const { return {.sender = sender, .msg_id = id}; }
 };
 
 bool is_node(uint8_t id)
@@ -56,37 +40,25 @@ bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
          piece.length <= body.size() - DATA_HEADER_SIZE;
 }
 
-// Begun by an OFFER whose sender has gone: one that lives has us ask again after each second of silence. Nothing else
-// would end it while no message gets ordered, and none can be while offers find the record busy.
-bool is_abandoned(const xfer_state &pull) CONS_REQUIRES(pull.lock)
-{
-  return !pull.is_pulled && monotonic_us() - pull.activity_us > ABANDONED_US;
-}
-
 void paxos_data_recv_offer(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: OFFER (s=%u, id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
+  if (paxos_data.offers_heard.is_new(hdr.from, hdr.id)) {
+    paxos_data.losses.heard(hdr.from);
+  }
   if (paxos_data_has_entry(hdr.id, hdr.sender) != 0) {
     paxos_data_bcast_complete(hdr.id, hdr.sender);
     return;
   }
-  cons_lock lock(paxos_data.pull_xfer.lock);
-  paxos_data_note_holder(hdr.from, hdr.id, hdr.sender);
-  if (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && is_abandoned(paxos_data.pull_xfer)) {
-    xfer_reset(paxos_data.pull_xfer);
-  }
-  if (paxos_data.pull_xfer.id == 0 ||
-      (!xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender) && paxos_data_lend_record())) {
-    paxos_data.pull_xfer.id = hdr.id;
-    paxos_data.pull_xfer.sender = hdr.sender;
-  }
-  if (xfer_is_for(paxos_data.pull_xfer, hdr.id, hdr.sender)) {
-    paxos_data_request_missing(paxos_data.pull_xfer, hdr.id, hdr.sender);
+  cons_lock lock(paxos_data.pull.lock);
+  if (pull_record_claim_for_offer(paxos_data.pull, hdr.entry())) {
+    pull_record_request(paxos_data.pull);
   }
 }
 
 void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 {
+  paxos_data.losses.heard(hdr.from);
   const uint32_t offset = get_le32(body.data() + 8);
   const uint32_t length = get_le32(body.data() + 12);
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
@@ -102,115 +74,37 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
   payload_entry_release(entry);
 }
 
-// The first piece of a transfer says how large it is. If that was wrong the others never fit: after a silence, during
-// which none did, another size may begin anew.
-bool accepts_total(xfer_state &pull, uint32_t total) CONS_REQUIRES(pull.lock)
-{
-  if (pull.piece_map == nullptr || pull.total == total) {
-    return true;
-  }
-  if (monotonic_us() - pull.data_us <= WRONG_SIZE_SILENCE_US) {
-    return false;
-  }
-  std::free(pull.buffer);
-  std::free(pull.piece_map);
-  pull.buffer = nullptr;
-  pull.piece_map = nullptr;
-  return true;
-}
-
-bool begin_assembly(xfer_state &pull, uint32_t total) CONS_REQUIRES(pull.lock)
-{
-  const uint32_t pieces = total / DATA_PIECE_SIZE + (total % DATA_PIECE_SIZE != 0 ? 1 : 0);
-  auto *buffer = static_cast<uint8_t *>(std::calloc(total, 1));
-  auto *piece_map = static_cast<uint8_t *>(std::calloc(pieces, 1));
-  if (buffer == nullptr || piece_map == nullptr) {
-    std::free(buffer);
-    std::free(piece_map);
-    return false;
-  }
-  pull.buffer = buffer;
-  pull.piece_map = piece_map;
-  pull.total = total;
-  pull.pieces = pieces;
-  return true;
-}
-
-// What does not carry its own size was damaged, or encrypted with another pass phrase: it is fetched again.
-void finish_assembly(xfer_state &pull) CONS_REQUIRES(pull.lock)
-{
-  const uint32_t id = pull.id;
-  const uint8_t sender = pull.sender;
-  if (uint64_t{payload_byte_count(pull.buffer)} + PAYLOAD_HEADER_SIZE == pull.total) {
-    uint8_t *payload = pull.buffer;
-    pull.buffer = nullptr;
-    if (paxos_data_hash_entry(payload_entry_new(payload), id, sender)) {
-      paxos_data_bcast_complete(id, sender);
-      pull.changed_cond.broadcast();
-    }
-  }
-  xfer_reset(pull);
-}
-
-// Somebody holds it: what was answered before says nothing about a loss.
-void note_holder_answers(xfer_state &pull) CONS_REQUIRES(pull.lock)
-{
-  pull.data_us = monotonic_us();
-  pull.activity_us = pull.data_us;
-  pull.lost_us = 0;
-  xfer_forget_answers(pull);
-}
-
 void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
-  xfer_state &pull = paxos_data.pull_xfer;
+  paxos_data.losses.holds(hdr.from, hdr.entry());
+  pull_record &pull = paxos_data.pull;
   cons_lock lock(pull.lock);
-  if (!xfer_is_for(pull, hdr.id, hdr.sender) || !accepts_total(pull, piece.total)) {
+  if (!pull_record_accepts(pull, hdr.entry(), piece)) {
     return;
   }
   vx_log("CONS: PAXOS DATA: DATA (s=%u id=%u/%hhu, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, piece.offset,
          piece.length);
-  gettimeofday(&pull.last, nullptr);
-  note_holder_answers(pull);
-  if (pull.piece_map == nullptr && !begin_assembly(pull, piece.total)) {
-    return;
-  }
-  uint8_t &is_received = pull.piece_map[piece.offset / DATA_PIECE_SIZE];
-  if (is_received == 0) {
-    cons_crypt(pull.buffer + piece.offset, piece.bytes, piece.length, 0);
-    is_received = 1;
-  }
-  if (std::memchr(pull.piece_map, 0, pull.pieces) == nullptr) {
-    finish_assembly(pull);
+  payload_buf *payload = pull_record_add(pull, piece);
+  if (payload != nullptr && paxos_data_hash_entry(payload_entry_new(payload), hdr.id, hdr.sender)) {
+    paxos_data_bcast_complete(hdr.id, hdr.sender);
+    pull.changed_cond.broadcast();
   }
 }
 
-void unmark_node(const data_header &hdr)
+void paxos_data_recv_complete(const data_header &hdr)
 {
-  xfer_state &pull = paxos_data.pull_xfer;
-  cons_lock lock(pull.lock);
-  if (xfer_is_for(pull, hdr.id, hdr.sender) && hdr.from != 0) {
-    pull.node_state[hdr.from - 1] = 0;
-    pull.unanswered_requests = 0;
-    pull.lost_us = 0;
-  }
+  vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
+  paxos_data.losses.holds(hdr.from, hdr.entry());
+  offer_record_complete(paxos_data.offer, hdr.entry(), hdr.from);
 }
 
-// Marks the answering node, if it says which, and wakes who waits for the answers.
-void mark_node(xfer_state &record, const data_header &hdr, uint8_t mark)
+void paxos_data_recv_missing(const data_header &hdr)
 {
-  cons_lock lock(record.lock);
-  if (!xfer_is_for(record, hdr.id, hdr.sender)) {
-    return;
+  vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
+  if (paxos_data.losses.lacks(hdr.from, hdr.entry())) {
+    cons_lock lock(paxos_data.pull.lock);
+    paxos_data.pull.changed_cond.broadcast();
   }
-  if (hdr.from != 0) {
-    uint8_t &state = record.node_state[hdr.from - 1];
-    if (state != mark) {
-      record.marked_us[hdr.from - 1] = monotonic_us();
-    }
-    state = static_cast<uint8_t>(state | mark);
-  }
-  record.changed_cond.broadcast();
 }
 
 // Every field that is used as an index, a size or a key is in range. An id or a sender of 0 would equal a free record.
@@ -218,12 +112,6 @@ bool is_sound(const data_header &hdr)
 {
   const bool may_be_anonymous = hdr.type == PAXOS_DATA_COMPLETE || hdr.type == PAXOS_DATA_MISSING;
   return hdr.id != 0 && is_node(hdr.sender) && (is_node(hdr.from) || (hdr.from == 0 && may_be_anonymous));
-}
-
-void note_holder(const data_header &hdr)
-{
-  cons_lock lock(paxos_data.pull_xfer.lock);
-  paxos_data_note_holder(hdr.from, hdr.id, hdr.sender);
 }
 
 void dispatch(const data_header &hdr, std::span<const uint8_t> body)
@@ -240,19 +128,14 @@ void dispatch(const data_header &hdr, std::span<const uint8_t> body)
     break;
   case PAXOS_DATA_DATA:
     if (parse_piece(body, piece)) {
-      note_holder(hdr);
       paxos_data_recv_data(hdr, piece);
     }
     break;
   case PAXOS_DATA_COMPLETE:
-    vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-    mark_node(paxos_data.offer_xfer, hdr, XFER_NODE_HAS_IT);
-    note_holder(hdr);
-    unmark_node(hdr);
+    paxos_data_recv_complete(hdr);
     break;
   case PAXOS_DATA_MISSING:
-    vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-    mark_node(paxos_data.pull_xfer, hdr, XFER_NODE_LACKS_IT);
+    paxos_data_recv_missing(hdr);
     break;
   default:
     break;

@@ -1,10 +1,42 @@
-// The deliver-thread: hands the queued payloads, in decided order, to the layer above.
+// The queue of what is ready to be delivered, and the deliver-thread, which hands it, in decided order, to the layer
+// above.
+
+#include <cstring>
 
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_table.h"
 
 namespace
 {
+
+id_batch first_entries(const id_batch &batch, uint32_t count)
+{
+  id_batch prefix;
+  std::memcpy(prefix.bytes, batch.bytes, 4 + count * ID_ENTRY_SIZE);
+  put_le32(prefix.bytes, count);
+  return prefix;
+}
+
+bool is_queue_empty() CONS_REQUIRES(paxos_data.deliver_queue_lock)
+{
+  return paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch);
+}
+
+// Makes the queue mirror the log that is queued from now. False if the layer stops before the queue is empty.
+bool switch_queue() CONS_REQUIRES(paxos_data.pull.lock, paxos_data.deliver_queue_lock)
+{
+  while (!paxos_data.stopped && !is_queue_empty()) {
+    paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
+  }
+  if (paxos_data.stopped) {
+    return false;
+  }
+  paxos_data_unhash_batch(paxos_data.deliver_batch, paxos_data.pull_batch);
+  paxos_data.deliver_batch = first_entries(paxos_data.pull_batch, paxos_data.pull_pos);
+  paxos_data.deliver_pos = paxos_data.pull_pos;
+  paxos_data.switch_pending = false;
+  return true;
+}
 
 void paxos_data_deliver_one(uint32_t id, uint8_t sender, void *)
 {
@@ -17,12 +49,21 @@ void paxos_data_deliver_one(uint32_t id, uint8_t sender, void *)
   }
 }
 
-bool is_queue_empty() CONS_REQUIRES(paxos_data.deliver_queue_lock)
-{
-  return paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch);
-}
-
 }  // namespace
+
+void paxos_data_queue_next()
+{
+  cons_lock queue_lock(paxos_data.deliver_queue_lock);
+  if (paxos_data.switch_pending && !switch_queue()) {
+    return;
+  }
+  const id_entry entry = id_batch_entry(paxos_data.pull_batch, paxos_data.pull_pos);
+  ++paxos_data.pull_pos;
+  --paxos_data.still_to_queue;
+  id_batch_add(&paxos_data.deliver_batch, entry.msg_id, entry.sender);
+  paxos_data.last_queued = entry;
+  paxos_data.deliver_queue_cond.signal();
+}
 
 bool paxos_data_note_handled()
 {

@@ -9,7 +9,7 @@ namespace
 
 constexpr int64_t RECOUNT_PERIOD_US = 1000000;
 
-bool is_held_by_quorum(const xfer_state &offer) CONS_REQUIRES(offer.lock)
+bool is_held_by_quorum(const offer_record &offer) CONS_REQUIRES(offer.lock)
 {
   uint32_t count = 0;
   for (uint32_t i = 0; i < cons_service.node_count && i < NODES_MAX; ++i) {
@@ -20,34 +20,53 @@ bool is_held_by_quorum(const xfer_state &offer) CONS_REQUIRES(offer.lock)
 
 }  // namespace
 
+void offer_record_complete(offer_record &record, id_entry entry, uint8_t from)
+{
+  cons_lock lock(record.lock);
+  if (record.entry != entry) {
+    return;
+  }
+  if (from != 0) {
+    record.node_state[from - 1] = XFER_NODE_HAS_IT;
+  }
+  record.changed_cond.broadcast();
+}
+
+void offer_record_free(offer_record &record)
+{
+  record.entry = {};
+  for (uint8_t &state : record.node_state) {
+    state = 0;
+  }
+  record.changed_cond.broadcast();
+}
+
 void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 {
-  xfer_state &offer = paxos_data.offer_xfer;
-  const auto sender = static_cast<uint8_t>(cons_service.node_id);
+  offer_record &offer = paxos_data.offer;
+  const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
   // After a quick stop and start `stopped` is clear again, and the record may belong to another call.
   const auto goes_on = [&] { return !paxos_data.stopped && !ended; };
 
   cons_lock lock(offer.lock);
-  while (goes_on() && offer.id != 0) {
+  while (goes_on() && offer.entry.msg_id != 0) {
     offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
   }
   if (!goes_on()) {
     return;
   }
-  offer.id = id;
-  offer.sender = sender;
-  offer.node_state[sender - 1] = XFER_NODE_HAS_IT;
-  bool is_offered = paxos_data_bcast_offer(id, sender);
+  offer.entry = entry;
+  offer.node_state[entry.sender - 1] = XFER_NODE_HAS_IT;
+  bool is_offered = paxos_data_bcast_offer(id, entry.sender);
   while (goes_on() && !is_held_by_quorum(offer)) {
     offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
     if (!is_offered && goes_on()) {
-      is_offered = paxos_data_bcast_offer(id, sender);
+      is_offered = paxos_data_bcast_offer(id, entry.sender);
     }
   }
-  if (xfer_is_for(offer, id, sender)) {
+  if (offer.entry == entry) {
     // With the lock held: behind it, the dequeue could take the next call's OFFER away.
-    xfer_reset(offer);
-    offer.changed_cond.broadcast();
+    offer_record_free(offer);
     vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, 0);
   }
 }

@@ -1,11 +1,10 @@
 #include "payload_dissemination/paxos_data.h"
 
-#include <cstdlib>
-
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
+#include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
@@ -13,7 +12,7 @@ namespace
 
 void clear_batches()
 {
-  cons_lock pull_lock(paxos_data.pull_xfer.lock);
+  cons_lock pull_lock(paxos_data.pull.lock);
   cons_lock queue_lock(paxos_data.deliver_queue_lock);
   paxos_data.pull_batch = {};
   paxos_data.pull_pos = 0;
@@ -24,27 +23,16 @@ void clear_batches()
 // What is queued but not delivered will be handed over again, by the decision that start loads.
 void prepare_batches()
 {
-  cons_lock pull_lock(paxos_data.pull_xfer.lock);
+  cons_lock pull_lock(paxos_data.pull.lock);
   cons_lock queue_lock(paxos_data.deliver_queue_lock);
   put_le32(paxos_data.deliver_batch.bytes, paxos_data.deliver_pos);
   paxos_data.pull_batch = {};
   paxos_data.pull_pos = 0;
   paxos_data.switch_pending = true;
   paxos_data.last_queued = {};
-  paxos_data.pull_xfer.lost_us = 0;
-  paxos_data.quiet = {};
-  paxos_data.needs_base = false;
-  paxos_data.has_hole = false;
-  paxos_data.lent = {};
   paxos_data.handed_number = 0;
   paxos_data.still_to_queue = 0;
   paxos_data.handled = 0;
-}
-
-void wake(xfer_state &record)
-{
-  cons_lock lock(record.lock);
-  record.changed_cond.broadcast();
 }
 
 }  // namespace
@@ -88,6 +76,7 @@ int paxos_data_start()
     return 0;
   }
   prepare_batches();
+  paxos_data.losses.start(cons_service.node_count, cons_service.node_id);
   paxos_data.stopped = false;
   if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
       !library_thread_create(paxos_data.pull_thread, "paxos_data_start")) {
@@ -114,51 +103,47 @@ void paxos_data_stop()
     cons_lock lock(paxos_data.deliver_queue_lock);
     paxos_data.deliver_queue_cond.broadcast();
   }
-  wake(paxos_data.pull_xfer);
-  wake(paxos_data.offer_xfer);
+  {
+    cons_lock lock(paxos_data.pull.lock);
+    paxos_data.pull.changed_cond.broadcast();
+  }
+  {
+    cons_lock lock(paxos_data.offer.lock);
+    paxos_data.offer.changed_cond.broadcast();
+  }
   library_thread_join(paxos_data.pull_thread);
   library_thread_join(paxos_data.deliver_thread);
   paxos_data.recv_gate.wait_empty();
   {
-    cons_lock lock(paxos_data.pull_xfer.lock);
-    xfer_reset(paxos_data.pull_xfer);
+    cons_lock lock(paxos_data.pull.lock);
+    pull_record_reset(paxos_data.pull);
+    paxos_data.pull.is_awaited = false;
   }
-  cons_lock lock(paxos_data.offer_xfer.lock);
-  if (paxos_data.offer_xfer.id != 0) {
-    xfer_reset(paxos_data.offer_xfer);
+  cons_lock lock(paxos_data.offer.lock);
+  if (paxos_data.offer.entry.msg_id != 0) {
+    offer_record_free(paxos_data.offer);
     vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, 0);
   }
 }
 
-void xfer_reset(xfer_state &record)
+void paxos_data_heard(uint32_t node_id)
 {
-  std::free(record.buffer);
-  std::free(record.piece_map);
-  record.id = 0;
-  record.sender = 0;
-  record.buffer = nullptr;
-  record.total = 0;
-  record.piece_map = nullptr;
-  record.pieces = 0;
-  record.last = {};
-  record.is_pulled = false;
-  record.request_us = 0;
-  record.data_us = 0;
-  record.activity_us = 0;
-  xfer_forget_answers(record);
+  paxos_data.losses.heard(node_id);
 }
 
-void xfer_clear_marks(xfer_state &record)
+void paxos_data_is_not_ahead(uint32_t node_id)
 {
-  for (uint8_t &state : record.node_state) {
-    state = 0;
-  }
+  paxos_data.losses.is_not_ahead(node_id);
 }
 
-void xfer_forget_answers(xfer_state &record)
+void paxos_data_message_begins()
 {
-  xfer_clear_marks(record);
-  record.unanswered_requests = 0;
+  paxos_data.losses.message_begins();
+}
+
+void paxos_data_message_ends(bool is_new_decision)
+{
+  paxos_data.losses.message_ends(is_new_decision);
 }
 
 uint32_t paxos_data_handled()

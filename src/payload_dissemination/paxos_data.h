@@ -16,11 +16,9 @@ struct paxos_data_callbacks {
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
   /// A node asks for a payload that this one has not. Receive hook, no lock held; must not wait.
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
-  /// Odd while a message is being handled that a decision may wait behind; another even number after each new decision.
-  /// Pull record's lock held.
-  uint64_t (*decisions_received)() = nullptr;
-  /// When this node last heard that the other one knows no newer decision, monotonic. Pull record's lock held.
-  int64_t (*agreed_us)(uint32_t node_id) = nullptr;
+  /// These nodes (bit n - 1: node n) answered that they lack a payload without a word about their decision: they may
+  /// know none. Pull record's lock held; must not wait.
+  void (*uninformed)(uint32_t nodes) = nullptr;
 };
 
 /// Creates the tables. Returns 0; does nothing if initialised.
@@ -50,6 +48,13 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended);
 /// was queued last, or `last_delivered` if none was since start; at the first entry of a log that does not name it.
 /// Waits while a payload is being delivered: hold no lock that delivery takes.
 void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number);
+
+/// What channel 4 tells about the other nodes, for the judgement of losses. Any thread, any lock but leaves.
+void paxos_data_heard(uint32_t node_id);         ///< it lives: a message that is no repetition
+void paxos_data_is_not_ahead(uint32_t node_id);  ///< it has said that it knows no decision newer than ours
+/// Around the handling of each message: behind it a DECIDE may wait.
+void paxos_data_message_begins();
+void paxos_data_message_ends(bool is_new_decision);
 
 /// Number of the last hand-over of which every entry was delivered or skipped.
 uint32_t paxos_data_handled();

@@ -279,8 +279,9 @@ void peers::serve(uint32_t id, node &n, wire::entry e, uint32_t offset, uint32_t
 {
   const auto it = n.payloads.find(e);
   if (it == n.payloads.end()) {
-    inject(5, id, wire::data_header(wire::MISSING, id, e));
-    if (number_ != 0 && !n.lacked.insert(e).second) {
+    call_hook(5, id, wire::data_header(wire::MISSING, id, e));  // before the DECIDE, whichever threads carry them
+    if (number_ != 0 && (n.is_asked_in_vain || !n.lacked.insert(e).second)) {
+      n.is_asked_in_vain = true;
       inject(4, id, wire::decide(number_, entries_));
     }
     return;

@@ -64,7 +64,8 @@ private:
     std::map<uint32_t, acceptor> registers;
     std::map<wire::entry, bytes> payloads;
     std::map<wire::entry, assembly> fetching;
-    std::set<wire::entry> lacked;  ///< asked for in vain: who asks again is told what is decided
+    std::set<wire::entry> lacked;   ///< asked for in vain: a node that asks again is told what is decided,
+    bool is_asked_in_vain = false;  ///< and from then on with each answer
     uint32_t last_id = 1;
   };
 

@@ -139,20 +139,6 @@ TEST_P(node, carries_a_lost_tail_into_the_new_log)
   EXPECT_EQ(log[3].first, 1);
 }
 
-// All of the old log but its snapshot is gone: carried on, it would fill the new log from the beginning.
-TEST_P(node, carries_nothing_where_no_room_would_be_left)
-{
-  configure(1, 3);
-  const wire::log full = payload_log(250, {2, 3}, 3, 10);
-  set_decided(300, full, full[0]);
-  others->adopt(300, full);
-  ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
-  auto call = submit("mine");
-  ASSERT_EQ(result(call), 0);
-  EXPECT_EQ(fake::logged("data lost - skipped"), 249u);
-  EXPECT_EQ(decided(), std::pair(302u, wire::log{{1, 3}, {1, 2}}));
-}
-
 // What a log names that this node has loaded or adopted is never proposed again: not the waiting message of another
 // node, not one that is forwarded late, not the own.
 TEST_P(node, orders_nothing_that_stands_in_an_adopted_log)
