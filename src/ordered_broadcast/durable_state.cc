@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ordered_broadcast/isolation.h"
+#include "service/isolation.h"
 #include "ordered_broadcast/stored_record.h"
 #include "round_based_registers/register_table.h"
 #include "service/service_state.h"

@@ -178,10 +178,15 @@ int paxos_start()
   return 0;
 }
 
-void paxos_stop()
+void paxos_halt()
 {
   paxos.stopped = true;
   paxos_data_halt();
+}
+
+void paxos_stop()
+{
+  paxos_halt();
   paxos_gate.close();
   vx_msg_unregister_recv_hook(paxos_recv);
   wake_everybody();
