@@ -1,8 +1,10 @@
-/// Receipt of decisions and of forwarded identifiers on channel 4.
+/// The receive hook of channel 4, and the adoption of decisions.
 #pragma once
 
 #include <cstdint>
 
+#include "ordered_broadcast/decided_log.h"
+#include "ordered_broadcast/lagging_nodes.h"
 #include "service/entry_gate.h"
 
 inline constinit entry_gate paxos_gate{false};
@@ -16,14 +18,3 @@ uint64_t paxos_decisions_received();
 
 /// When the last DECIDE of the node came that had the number that we had, monotonic; 0: never. Any thread, any lock.
 int64_t paxos_agreed_us(uint32_t node_id);
-
-/// A node asks for register 1 although we hold a decision: it knows none, and whoever retired that register stays
-/// silent. Sends it ours, at most once a second per node. Messaging threads, no lock held.
-void paxos_help_newcomer(uint32_t node_addr);
-
-/// A node asks for a payload that we have not: it may be behind by a log, whose payloads are gone, and if it is not it
-/// must know so before it may skip the payload. Never waits.
-void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node);
-
-/// Sends our decision to those noted, unless the payload has come meanwhile. No lock held.
-void paxos_help_askers();

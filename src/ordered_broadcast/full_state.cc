@@ -3,7 +3,8 @@
 #include <cstdlib>
 
 #include "ordered_broadcast/data_hooks.h"
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/decided_log.h"
+#include "ordered_broadcast/message_ids.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/service_state.h"
 
@@ -83,7 +84,7 @@ bool paxos_begin_log(id_batch &batch, id_entry &state)
   batch = {};
   id_batch_add(&batch, state.msg_id, self);
   carry_context carry = {.target = &batch, .last_delivered = paxos.last_delivered, .is_found = false};
-  id_batch_foreach(&paxos.decided_batch, paxos_carry_undelivered, &carry);
+  id_batch_foreach(&paxos_log.batch(), paxos_carry_undelivered, &carry);
   if (id_batch_count(batch) == ID_BATCH_MAX) {
     // Nothing but the last log's state was delivered here: what follows it was lost, and a log that is full from the
     // beginning would be followed by the next at once.

@@ -1,14 +1,17 @@
 #include "ordered_broadcast/protocol.h"
 
 #include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/decision.h"
 #include "ordered_broadcast/delivery.h"
 #include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
 #include "ordered_broadcast/forward.h"
+#include "ordered_broadcast/lagging_nodes.h"
 #include "ordered_broadcast/leader_watch.h"
+#include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/proposer.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_table.h"
@@ -44,12 +47,9 @@ void clear_run_time_state()
   cons_lock propose_lock(paxos.propose_lock);
   cons_lock deliver_lock(paxos.deliver_lock);
   for (uint32_t i = 0; i < NODES_MAX; ++i) {
-    paxos.pending_id[i] = 0;
-    paxos.done_id[i] = 0;
     paxos.delivered_id[i] = 0;
   }
-  paxos.forward_active = false;
-  paxos.next_proposal = {};
+  paxos_waiting.clear();
   paxos.proposal_batch_id = 0;
   paxos.running_instance = nullptr;
   paxos.proposer_idle = false;
@@ -59,29 +59,24 @@ void clear_run_time_state()
 
 int load_durable_state()
 {
-  if (paxos_decide_load() != 0 || paxos_deliver_load() != 0) {
+  if (paxos_log.load() != 0 || paxos_deliver_load() != 0) {
     return -1;
   }
   cons_lock forward_lock(paxos.forward_lock);
   cons_lock propose_lock(paxos.propose_lock);
-  paxos_raise_done_ids(paxos.decided_batch);
+  paxos_waiting.seen_decided(paxos_log.batch());
   return 0;
 }
 
 // What a decision that arrives meanwhile hands over is newer and stays.
 void resume_delivery()
 {
-  id_batch batch;
-  id_entry last_delivered;
-  uint32_t number = 0;
+  installed_decision last;
   {
-    cons_lock propose_lock(paxos.propose_lock);
-    cons_lock deliver_lock(paxos.deliver_lock);
-    batch = paxos.decided_batch;
-    last_delivered = paxos.last_delivered;
-    number = paxos.batch_id;
+    cons_lock lock(paxos.propose_lock);
+    last = paxos_log.last();
   }
-  paxos_data_pull(batch, last_delivered, number);
+  paxos_hand_over(last);
 }
 
 void wake_everybody()
@@ -107,19 +102,9 @@ void wake_everybody()
 
 bool reset_records()
 {
-  bool is_saved = true;
-  {
-    cons_lock lock(paxos.propose_lock);
-    paxos.batch_id = 0;
-    paxos.decided_batch = {};
-    is_saved = paxos_decide_save() == 0;
-  }
-  {
-    cons_lock lock(paxos.deliver_lock);
-    paxos.last_delivered = {};
-    is_saved = paxos_deliver_save() == 0 && is_saved;
-  }
-  return msg_id_next(true) != 0 && is_saved;
+  const bool is_decision_saved = paxos_log.reset() == 0;
+  const bool is_delivery_saved = paxos_deliver_reset() == 0;
+  return msg_id_next(true) != 0 && is_decision_saved && is_delivery_saved;
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/message_ids.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
-#include "service/isolation.h"
+#include "common/cons_mutex.h"
 #include "ordered_broadcast/stored_record.h"
-#include "round_based_registers/register_table.h"
+#include "service/isolation.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -14,10 +12,7 @@ namespace
 {
 
 constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
-constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
-constexpr const char *DELIVER_FILE = "/flashdisk/cons/paxos_deliver";
 constexpr uint32_t MSG_ID_SIZE = 4;
-constexpr uint32_t DECIDE_SIZE = 4 + ID_BATCH_SIZE;
 
 struct msg_id_state {
   cons_mutex lock{lock_rank::leaf};
@@ -62,16 +57,6 @@ take_result take_next(bool reset, std::atomic<uint32_t> &taken)
   return take_result::taken;
 }
 
-// A decision once durable is never replaced by an older one; number 0 is a reset.
-void check_number_grows() CONS_REQUIRES(paxos.propose_lock)
-{
-#ifdef CONS_CHECK_LOCKS
-  if (paxos.batch_id != 0 && paxos.batch_id < paxos.durable_batch_id) {
-    std::abort();
-  }
-#endif
-}
-
 }  // namespace
 
 uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken)
@@ -96,64 +81,4 @@ void msg_id_raise_floor(const id_batch &batch)
   }
   cons_lock lock(msg_ids.lock);
   msg_ids.floor = std::max(msg_ids.floor, highest);
-}
-
-int paxos_decide_load()
-{
-  uint8_t record[DECIDE_SIZE];
-  if (store_read(DECIDE_FILE, record, sizeof record) != 0) {
-    paxos_isolate();
-    return -1;
-  }
-  id_batch batch;
-  std::memcpy(batch.bytes, record + 4, ID_BATCH_SIZE);
-  if (!id_batch_valid(batch)) {
-    vx_log("%s(): CRITICAL - %s holds no valid log\n", "paxos_decide_load", DECIDE_FILE);
-    paxos_isolate();
-    return -1;
-  }
-  cons_lock lock(paxos.propose_lock);
-  paxos.batch_id = get_le32(record);
-  paxos.decided_batch = batch;
-  paxos.durable_batch_id = paxos.batch_id;
-  rb_reg_set_floor(paxos.batch_id);
-  msg_id_raise_floor(batch);
-  return 0;
-}
-
-int paxos_decide_save()
-{
-  check_number_grows();
-  uint8_t record[DECIDE_SIZE];
-  put_le32(record, paxos.batch_id);
-  std::memcpy(record + 4, paxos.decided_batch.bytes, ID_BATCH_SIZE);
-  if (store_write(DECIDE_FILE, record, sizeof record) != 0) {
-    paxos_isolate();
-    return -1;
-  }
-  paxos.durable_batch_id = paxos.batch_id;
-  return 0;
-}
-
-int paxos_deliver_load()
-{
-  uint8_t record[ID_ENTRY_SIZE];
-  if (store_read(DELIVER_FILE, record, sizeof record) != 0) {
-    paxos_isolate();
-    return -1;
-  }
-  cons_lock lock(paxos.deliver_lock);
-  paxos.last_delivered = id_entry_get(record);
-  return 0;
-}
-
-int paxos_deliver_save()
-{
-  uint8_t record[ID_ENTRY_SIZE];
-  id_entry_put(record, paxos.last_delivered);
-  if (store_write(DELIVER_FILE, record, sizeof record) != 0) {
-    paxos_isolate();
-    return -1;
-  }
-  return 0;
 }
