@@ -38,7 +38,7 @@ void waiting_ids::enter(uint32_t own_id)
 bool waiting_ids::forwarded(id_entry entry)
 {
   uint32_t &pending_id = pending_id_[entry.sender - 1];
-  const bool is_taken = pending_id == 0 && !is_decided(entry);
+  const bool is_taken = entry.sender != cons_service.node_id && pending_id == 0 && !is_decided(entry);
   if (is_taken) {
     pending_id = entry.msg_id;
   }

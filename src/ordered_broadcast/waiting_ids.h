@@ -25,7 +25,8 @@ public:
   /// An identifier of this node enters; none of its own waits.
   void enter(uint32_t own_id) CONS_REQUIRES(paxos.forward_lock);
 
-  /// A node forwards its own. False if nothing changes: one of that node waits already, or this one was seen decided.
+  /// Another node forwards its own. False if nothing changes: one of that node waits already, this one was seen
+  /// decided, or it would be ours, which only this node enters.
   bool forwarded(id_entry entry) CONS_REQUIRES(paxos.forward_lock);
 
   /// Sends this node's identifier to the leader, repeated, in place of what was sent before. False if it could not be
