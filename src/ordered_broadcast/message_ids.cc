@@ -15,9 +15,9 @@ constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
 constexpr uint32_t MSG_ID_SIZE = 4;
 
 struct msg_id_state {
-  cons_mutex lock{lock_rank::leaf};
+  cons_mutex lock{lock_rank::leaf};            // held while the file is written
   uint32_t counter CONS_GUARDED_BY(lock) = 0;  // last one handed out; 0 = file not read yet
-  uint32_t floor CONS_GUARDED_BY(lock) = 0;    // highest of ours in any log seen
+  std::atomic<uint32_t> floor{0};              // highest of ours in any log seen
 };
 constinit msg_id_state msg_ids;
 
@@ -42,7 +42,7 @@ take_result take_next(bool reset, std::atomic<uint32_t> &taken)
   } else if (msg_ids.counter == 0 && !load_counter()) {
     return take_result::failed;
   }
-  const uint32_t last = std::max(msg_ids.counter, msg_ids.floor);
+  const uint32_t last = std::max(msg_ids.counter, msg_ids.floor.load());
   if (last == UINT32_MAX) {
     vx_log("%s(): CRITICAL - no message identifier is left\n", "msg_id_next");
     return take_result::exhausted;
@@ -79,6 +79,7 @@ void msg_id_raise_floor(const id_batch &batch)
       highest = std::max(highest, entry.msg_id);
     }
   }
-  cons_lock lock(msg_ids.lock);
-  msg_ids.floor = std::max(msg_ids.floor, highest);
+  uint32_t floor = msg_ids.floor;
+  while (floor < highest && !msg_ids.floor.compare_exchange_weak(floor, highest)) {
+  }
 }

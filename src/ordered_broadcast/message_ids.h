@@ -13,5 +13,6 @@
 /// get a higher one. Any thread.
 uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr);
 
-/// Identifiers of ours that stand in a log are never handed out again, whatever the file says. Any thread.
+/// Identifiers of ours that stand in a log are never handed out again, whatever the file says. Any thread, any lock;
+/// waits for nobody's save.
 void msg_id_raise_floor(const id_batch &batch);
