@@ -22,6 +22,7 @@ enum class lock_rank : uint8_t {
   register_layer,  ///< table of registers
   reg,             ///< one register
   register_store,  ///< staging buffer of the register files
+  payload_files,   ///< names of payload files
   payload_row,     ///< payload table, one sender
   payload_entry,   ///< reference count of one payload
   leaf             ///< nothing is taken inside

@@ -1,35 +1,19 @@
 #include "ordered_broadcast/decision.h"
 
 #include "common/repetition_filter.h"
-#include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/forward.h"
 #include "ordered_broadcast/paxos_messages.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
-#include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
-#include "round_based_registers/register_table.h"
 #include "service/envelope.h"
 #include "service/identity.h"
-#include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
 {
 
 constinit repetition_filter decides_heard;
-constinit repetition_filter forwards_heard;
-
-// What an adoption replaced, and what goes on to the payload layer.
-struct adoption {
-  uint32_t old_id = 0;
-  id_batch old_batch;
-  id_entry last_delivered;
-};
-
-id_entry first_entry(const id_batch &batch)
-{
-  return id_batch_count(batch) != 0 ? id_batch_entry(batch, 0) : id_entry{};
-}
 
 // Waits until the proposer is idle if it may be deciding number b or one before it.
 void paxos_cancel_proposal(uint32_t b) CONS_REQUIRES(paxos.propose_lock)
@@ -41,92 +25,35 @@ void paxos_cancel_proposal(uint32_t b) CONS_REQUIRES(paxos.propose_lock)
   paxos_wait_proposer_idle();
 }
 
-// Saves and announces a decision that we lag behind. False if nothing was adopted. On true the proposer stays held.
-bool adopt_decision(const decide_message &message, adoption &result) CONS_REQUIRES(paxos.propose_lock)
+// Nothing if the decision is not above ours, or cannot be saved. If something was adopted the proposer stays held.
+std::optional<installed_decision> adopt(const decide_message &message) CONS_REQUIRES(paxos.propose_lock)
 {
   paxos_idle_request();
   paxos_cancel_proposal(message.batch_id);
+  std::optional<installed_decision> adopted;
   // While we waited the proposer may have decided this number and more: a decision never goes back.
-  if (paxos.stopped || message.batch_id <= paxos.batch_id) {
+  if (!paxos.stopped && message.batch_id > paxos_log.number()) {
+    adopted = paxos_log.install(message.batch_id, message.batch);
+  }
+  if (!adopted) {
     paxos_idle_release();
-    paxos.propose_cond.signal();
-    return false;
   }
-  result.old_id = paxos.batch_id;
-  result.old_batch = paxos.decided_batch;
-  paxos.decided_batch = message.batch;
-  paxos.batch_id = message.batch_id;
-  msg_id_raise_floor(message.batch);
-  if (paxos_decide_save() != 0) {
-    paxos_idle_release();
-    return false;
-  }
-  rb_reg_delete_up_to(paxos.batch_id);
-  if (paxos.is_leader != 0) {
-    paxos.propose_cond.signal();
-  }
-  paxos_decide_bcast();
-  cons_lock lock(paxos.deliver_lock);
-  result.last_delivered = paxos.last_delivered;
-  return true;
+  paxos.propose_cond.signal();
+  return adopted;
 }
 
-void give_up_own() CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
-{
-  uint32_t &pending_id = paxos.pending_id[paxos_own_index()];
-  calls_give_up(pending_id);
-  pending_id = 0;
-  vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-}
-
-// Every decision adds one entry: a log of c entries at number b names the decisions from b - c + 1 on. Of earlier ones
-// that we have not seen, no log tells any more; what waits here may be among them, inside the snapshot.
-bool has_missed_decisions(const adoption &old, const decide_message &message)
-{
-  return uint64_t{old.old_id} + id_batch_count(message.batch) < message.batch_id;
-}
-
-void forget_doubtful(const decide_message &message) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
-{
-  const uint32_t self = paxos_own_index();
-  for (uint32_t i = 0; i < NODES_MAX; ++i) {
-    if (i != self) {
-      paxos.pending_id[i] = 0;  // its owner forwards it again
-    }
-  }
-  const uint32_t own = paxos.pending_id[self];
-  if (own > paxos.done_id[self] && id_batch_find(&message.batch, own, static_cast<uint8_t>(self + 1)) < 0) {
-    give_up_own();
-  }
-}
-
-// The waiting identifiers, seen from the new log. Until this is done the proposer starts nothing.
-void settle_waiting(const adoption &old, const decide_message &message)
+// What waits, seen from the new log. Until this is done the proposer starts nothing.
+void settle_waiting(const installed_decision &decision)
 {
   cons_lock forward_lock(paxos.forward_lock);
-  {
-    cons_lock propose_lock(paxos.propose_lock);
-    paxos_raise_done_ids(message.batch);
-    {
-      cons_lock deliver_lock(paxos.deliver_lock);
-      const uint32_t self = paxos_own_index();
-      const bool is_switch = first_entry(old.old_batch) != first_entry(message.batch);
-      if (is_switch) {
-        calls_mark_swallowed(old.old_batch, message.batch);
-      }
-      if (is_switch && has_missed_decisions(old, message)) {
-        forget_doubtful(message);
-      }
-      if (paxos.pending_id[self] != 0 && paxos.pending_id[self] < paxos.done_id[self]) {
-        give_up_own();
-      }
-      paxos.deliver_cond.broadcast();
-    }
-    paxos.next_proposal = {};
-    paxos_idle_release();
-  }
-  paxos.forward_free_cond.broadcast();
-  paxos.launch_cond.signal();
+  cons_lock propose_lock(paxos.propose_lock);
+  paxos_waiting.adopted(decision.batch, decision.has_gap);
+  paxos_idle_release();
+}
+
+bool begins_alike(const id_batch &a, const id_batch &b)
+{
+  return id_batch_count(a) != 0 && id_batch_count(b) != 0 && id_batch_entry(a, 0) == id_batch_entry(b, 0);
 }
 
 // Adopts a newer decision, answers an older one. Returns whether it was adopted.
@@ -137,44 +64,30 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
   if (is_member(sender) && decides_heard.is_new(sender, message.batch_id)) {
     paxos_data_heard(sender);
   }
-  adoption old;
+  std::optional<installed_decision> adopted;
   {
     cons_lock lock(paxos.propose_lock);
     if (paxos.stopped) {
       return false;
     }
-    if (message.batch_id < paxos.batch_id) {
+    if (message.batch_id < paxos_log.number()) {
       paxos_data_is_not_ahead(sender);
-      paxos_decide_update(sender_addr);
+      paxos_log.send_to(sender_addr);
       return false;
     }
-    if (message.batch_id == paxos.batch_id) {
-      if (first_entry(message.batch) == first_entry(paxos.decided_batch)) {
+    if (message.batch_id == paxos_log.number()) {
+      if (begins_alike(message.batch, paxos_log.batch())) {
         paxos_data_is_not_ahead(sender);
       }
       return false;
     }
-    if (!adopt_decision(message, old)) {
-      return false;
-    }
+    adopted = adopt(message);
   }
-  settle_waiting(old, message);
-  paxos_data_pull(message.batch, old.last_delivered, message.batch_id);
-  return true;
-}
-
-void recv_forward(id_entry entry, uint32_t sender_addr)
-{
-  const uint32_t sender = node_id_of_addr(sender_addr);
-  cons_lock lock(paxos.forward_lock);
-  const uint32_t index = entry.sender - 1u;
-  if (paxos.pending_id[index] == 0 && entry.msg_id > paxos.done_id[index]) {
-    vx_log("CONS: PAXOS: FORWARD (sender=%u)\n", sender);
-    paxos.pending_id[index] = entry.msg_id;
-  } else {
-    vx_log("CONS: PAXOS: FORWARD dupe/busy (sender=%u)\n", sender);
+  if (adopted) {
+    settle_waiting(*adopted);
+    paxos_hand_over(*adopted);
   }
-  paxos.launch_cond.signal();
+  return adopted.has_value();
 }
 
 // Behind any message that is being handled a decision may wait.
@@ -209,13 +122,7 @@ void paxos_recv(void *msg)
     }
   } else if (type == PAXOS_FORWARD) {
     if (const auto entry = forward_parse(payload)) {
-      const uint32_t sender = node_id_of_addr(received.sender_addr());
-      if (is_member(sender) && forwards_heard.is_new(sender, entry->msg_id)) {
-        paxos_data_heard(sender);
-      }
-      if (paxos.is_leader != 0) {
-        recv_forward(*entry, received.sender_addr());
-      }
+      paxos_recv_forward(*entry, received.sender_addr());
     }
   } else {
     vx_log("CONS: PAXOS: unknown message type %u\n", type);

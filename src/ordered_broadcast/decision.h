@@ -1,8 +1,9 @@
-/// Receipt of decisions and of forwarded identifiers on channel 4.
+/// The receive hook of channel 4, and the adoption of decisions.
 #pragma once
 
 #include <cstdint>
 
+#include "ordered_broadcast/decided_log.h"
 #include "service/entry_gate.h"
 
 inline constinit entry_gate paxos_gate{false};

@@ -4,12 +4,28 @@
 
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
-#include "ordered_broadcast/paxos_messages.h"
+#include "ordered_broadcast/stored_record.h"
+#include "ordered_broadcast/waiting_ids.h"
+#include "service/isolation.h"
 #include "vx_host.h"
 
 namespace
 {
+
+constexpr const char *DELIVER_FILE = "/flashdisk/cons/paxos_deliver";
+
+// Keeps the entry as the last one delivered here. False after isolating the node.
+bool save_last_delivered(id_entry entry) CONS_REQUIRES(paxos.deliver_lock)
+{
+  paxos.last_delivered = entry;
+  uint8_t record[ID_ENTRY_SIZE];
+  id_entry_put(record, entry);
+  const bool is_saved = store_write(DELIVER_FILE, record, sizeof record) == 0;
+  if (!is_saved) {
+    paxos_isolate();
+  }
+  return is_saved;
+}
 
 void call_hook(uint32_t type, const uint8_t *bytes, uint32_t length, uint32_t full_state)
 {
@@ -41,25 +57,12 @@ void deliver_records(const payload_buf *payload)
   }
 }
 
-// The node's slot holds this own message, or (of a node that lost its disk) one before it.
-void free_own_slot(uint32_t msg_id) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
-{
-  const uint32_t self = paxos_own_index();
-  uint32_t &pending_id = paxos.pending_id[self];
-  if (pending_id == 0 || pending_id > msg_id) {
-    return;
-  }
-  paxos_forward_withdraw();
-  paxos.done_id[self] = std::max(paxos.done_id[self], pending_id);
-  pending_id = 0;
-}
-
 void note_delivered(uint32_t msg_id, uint8_t sender) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
 {
   const uint32_t index = sender - 1u;
   paxos.delivered_id[index] = std::max(paxos.delivered_id[index], msg_id);
   if (index == paxos_own_index()) {
-    free_own_slot(msg_id);
+    paxos_waiting.delivered(msg_id);
     calls_delivered(msg_id);
     paxos.forward_free_cond.broadcast();
   }
@@ -68,16 +71,31 @@ void note_delivered(uint32_t msg_id, uint8_t sender) CONS_REQUIRES(paxos.forward
 // Calls whose message the state has swallowed end with it.
 void settle_state(id_entry state, int verdict) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
 {
-  uint32_t &pending_id = paxos.pending_id[paxos_own_index()];
-  if (calls_settle_state(state, verdict, pending_id)) {
-    paxos_forward_withdraw();
-    pending_id = 0;
-    paxos.forward_free_cond.broadcast();
+  if (calls_settle_state(state, verdict, paxos_waiting.own())) {
+    paxos_waiting.settled();
   }
   paxos.deliver_cond.broadcast();
 }
 
 }  // namespace
+
+int paxos_deliver_load()
+{
+  uint8_t record[ID_ENTRY_SIZE];
+  if (store_read(DELIVER_FILE, record, sizeof record) != 0) {
+    paxos_isolate();
+    return -1;
+  }
+  cons_lock lock(paxos.deliver_lock);
+  paxos.last_delivered = id_entry_get(record);
+  return 0;
+}
+
+int paxos_deliver_reset()
+{
+  cons_lock lock(paxos.deliver_lock);
+  return save_last_delivered({}) ? 0 : -1;
+}
 
 void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload)
 {
@@ -86,8 +104,7 @@ void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload)
   const id_entry entry = {.sender = sender, .msg_id = msg_id};
   cons_lock forward_lock(paxos.forward_lock);
   cons_lock deliver_lock(paxos.deliver_lock);
-  paxos.last_delivered = entry;
-  paxos_deliver_save();
+  save_last_delivered(entry);
   if (payload_full_state(payload) == 0) {
     note_delivered(msg_id, sender);
   }

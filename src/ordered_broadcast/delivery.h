@@ -1,9 +1,15 @@
-/// Delivery of ordered payloads to the host; the payload layer's callbacks.
+/// Delivery of ordered payloads to the host, and the record of the last one; the payload layer's callbacks.
+///
+///   /flashdisk/cons/paxos_deliver, 5 bytes: the last message delivered here, an id_entry; zero = none
 #pragma once
 
 #include <cstdint>
 
 #include "payload_dissemination/payload_buf.h"
+
+/// Return 0, or -1 after isolating the node: a load has changed nothing then.
+int paxos_deliver_load();
+int paxos_deliver_reset();
 
 /// Calls the hook of each record's type, then records the message as delivered and settles the calls that waited for
 /// it. Deliver-thread, with the queue's lock held.

@@ -1,8 +1,9 @@
 #include "ordered_broadcast/distribute.h"
 
 #include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/service_state.h"
@@ -26,7 +27,7 @@ payload_buf *copy_payload(const uint8_t *bytes, uint32_t length, uint32_t type)
   return payload;
 }
 
-// Returns the identifier, 0 if there is none or the payload could not be stored: nothing must be ordered then.
+// Returns the identifier, 0 if there is none or the payload could not be stored: nothing is offered or ordered then.
 uint32_t store_payload(payload_buf *payload, distribute_call &call)
 {
   const auto self = static_cast<uint8_t>(cons_service.node_id);
@@ -35,17 +36,24 @@ uint32_t store_payload(payload_buf *payload, distribute_call &call)
     std::free(payload);
     return 0;
   }
-  return paxos_data_hash_entry(payload_entry_new(payload), id, self) ? id : 0;
+  if (!paxos_data_hash_entry(payload_entry_new(payload), id, self)) {
+    return 0;
+  }
+  if (!paxos_data_make_durable({.sender = self, .msg_id = id})) {
+    paxos_data_unhash_entry(id, self);
+    return 0;
+  }
+  return id;
 }
 
 // Waits for the node's slot and fills it, unless the call has ended.
 void enter_slot(distribute_call &call)
 {
-  const uint32_t self = paxos_own_index();
+  const auto self = static_cast<uint8_t>(cons_service.node_id);
   cons_lock lock(paxos.forward_lock);
   while (!paxos.stopped && !call.ended) {
     cons_lock deliver_lock(paxos.deliver_lock);
-    if (paxos.pending_id[self] != 0 || !call_is_next(call)) {
+    if (paxos_waiting.own() != 0 || !call_is_next(call)) {
       deliver_lock.unlock();
       paxos.forward_free_cond.wait(paxos.forward_lock);
       continue;
@@ -53,13 +61,12 @@ void enter_slot(distribute_call &call)
     if (call.ended) {
       return;
     }
-    if (call.id <= paxos.done_id[self]) {
+    if (paxos_waiting.is_decided({.sender = self, .msg_id = call.id})) {
       call_end(call, -1);
       return;
     }
     call.has_entered = true;
-    paxos.pending_id[self] = call.id;
-    paxos.launch_cond.signal();
+    paxos_waiting.enter(call.id);
     vx_log("CONS: PAXOS: RECEIVE (id=%u)\n", call.id.load());
     return;
   }

@@ -1,9 +1,13 @@
 #include "ordered_broadcast/forward.h"
 
-#include "ordered_broadcast/paxos_messages.h"
+#include "common/repetition_filter.h"
+#include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/waiting_ids.h"
+#include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
-#include "service/envelope.h"
+#include "service/identity.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -12,93 +16,74 @@ namespace
 
 constexpr int64_t RETRY_US = 1000000;
 
-// What the thread remembers from pass to pass.
-struct launch_memory {
-  uint32_t last_served;
-  bool was_leader = false;
-};
+constinit repetition_filter forwards_heard;
 
 // Withdraws what the proposer has been given and waits until it is idle. Blocks: not with forward_lock held.
 void paxos_leave_leader()
 {
   cons_lock lock(paxos.propose_lock);
   paxos_idle_request();
-  while (paxos.next_proposal.msg_id != 0) {
-    paxos.next_proposal = {};
+  while (paxos_waiting.next_proposal().msg_id != 0) {
+    paxos_waiting.take_back();
     consensus_cancel(paxos.running_instance);
     paxos_wait_proposer_idle();
   }
   paxos_idle_release();
 }
 
-// What has been seen decided is never handed over again. A follower's own entry is freed by its delivery.
-void retire_decided(bool is_leader) CONS_REQUIRES(paxos.forward_lock)
-{
-  bool is_freed = false;
-  for (uint32_t i = 0; i < cons_service.node_count; ++i) {
-    const bool may_retire = is_leader || i != paxos_own_index();
-    if (may_retire && paxos.pending_id[i] != 0 && paxos.pending_id[i] <= paxos.done_id[i]) {
-      paxos.pending_id[i] = 0;
-      is_freed = true;
-    }
-  }
-  if (is_freed) {
-    paxos.forward_free_cond.broadcast();
-  }
-}
-
-void withdraw_forward_on_entering() CONS_REQUIRES(paxos.forward_lock)
-{
-  vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-  cons_lock lock(paxos.deliver_lock);
-  paxos.forward_active = false;
-}
-
-// One node at a time in turn.
-void hand_over_next(uint32_t &last_served) CONS_REQUIRES(paxos.forward_lock)
-{
-  const uint32_t node_count = cons_service.node_count;
-  for (uint32_t i = 0; i < node_count; ++i) {
-    const uint32_t index = (last_served + 1 + i) % node_count;
-    if (paxos.pending_id[index] == 0) {
-      continue;
-    }
-    cons_lock lock(paxos.propose_lock);
-    if (paxos.next_proposal.msg_id == 0) {
-      paxos.next_proposal = {.sender = static_cast<uint8_t>(index + 1), .msg_id = paxos.pending_id[index]};
-      last_served = index;
-      paxos.propose_cond.signal();
-    }
-    return;
-  }
-}
-
 // False if the FORWARD has to be tried again.
-bool forward_own() CONS_REQUIRES(paxos.forward_lock)
+bool serve_as_follower() CONS_REQUIRES(paxos.forward_lock)
 {
-  const uint32_t self = paxos_own_index();
-  const uint32_t pending_id = paxos.pending_id[self];
-  if (pending_id == 0) {
+  const uint32_t own_id = paxos_waiting.own();
+  if (own_id == 0) {
     return true;
   }
-  if (pending_id <= paxos.done_id[self]) {
-    cons_lock lock(paxos.deliver_lock);
-    paxos_forward_withdraw();
+  if (paxos_waiting.is_decided({.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = own_id})) {
+    paxos_waiting.withdraw_forward();
     return true;
   }
   {
     cons_lock lock(paxos.propose_lock);
-    vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_DECIDE, 0);
+    paxos_log.withdraw();
   }
+  return paxos_waiting.forward_own();
+}
+
+// With durable payloads the state that a log begins with says what was decided before it. A leader that does not know
+// that could order such a message again.
+bool knows_base(id_entry &known) CONS_REQUIRES(paxos.forward_lock)
+{
+  if (!cons_service.durable_payloads) {
+    return true;
+  }
+  id_entry base;
   {
-    cons_lock lock(paxos.deliver_lock);
-    paxos.forward_active = true;
+    cons_lock lock(paxos.propose_lock);
+    base = id_batch_count(paxos_log.batch()) != 0 ? id_batch_entry(paxos_log.batch(), 0) : id_entry{};
   }
-  vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_FORWARD, 0);
-  return paxos_forward_send({.sender = static_cast<uint8_t>(self + 1), .msg_id = pending_id});
+  if (base == known) {
+    return true;
+  }
+  if (payload_entry *entry = paxos_data_get_entry(base.msg_id, base.sender)) {
+    state_marks marks;
+    if (state_marks_get(entry->payload, marks)) {
+      paxos_waiting.seen_decided_before(marks);
+    }
+    payload_entry_release(entry);
+  } else if (!paxos_data_is_base_settled(base)) {
+    return false;
+  }
+  known = base;
+  return true;
 }
 
 enum class pass_result { done, start_over, retry_later };
+
+// What the thread remembers from pass to pass.
+struct launch_memory {
+  bool was_leader = false;
+  id_entry base;  // of the log whose earlier decisions are known; zero: the empty log's
+};
 
 pass_result serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
 {
@@ -114,22 +99,43 @@ pass_result serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
                                        // sent
     }
   }
-  retire_decided(is_leader);
+  const bool may_hand_over = knows_base(memory.base);
+  paxos_waiting.retire_decided(is_leader);
   if (!is_leader) {
-    return forward_own() ? pass_result::done : pass_result::retry_later;
+    return serve_as_follower() ? pass_result::done : pass_result::retry_later;
   }
-  if (is_changed) {
-    withdraw_forward_on_entering();
+  paxos_waiting.withdraw_forward();
+  if (may_hand_over) {
+    paxos_waiting.hand_over();
   }
-  hand_over_next(memory.last_served);
   return pass_result::done;
 }
 
 }  // namespace
 
+void paxos_recv_forward(id_entry entry, uint32_t sender_addr)
+{
+  const uint32_t sender = node_id_of_addr(sender_addr);
+  if (is_member(sender) && forwards_heard.is_new(sender, entry.msg_id)) {
+    paxos_data_heard(sender);
+  }
+  if (paxos.is_leader == 0) {
+    return;
+  }
+  cons_lock lock(paxos.forward_lock);
+  const bool is_taken = paxos_waiting.forwarded(entry);
+  vx_log("CONS: PAXOS: FORWARD%s (sender=%u)\n", is_taken ? "" : " dupe/busy", sender);
+}
+
+void paxos_look_for_base()
+{
+  cons_lock lock(paxos.forward_lock);
+  paxos.launch_cond.signal();
+}
+
 void *paxos_launch_thread(void *)
 {
-  launch_memory memory = {.last_served = cons_service.node_count - 1};
+  launch_memory memory;
   cons_lock lock(paxos.forward_lock);
   while (!paxos.stopped) {
     const pass_result result = serve_once(memory);

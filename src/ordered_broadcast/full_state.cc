@@ -3,8 +3,11 @@
 #include <cstdlib>
 
 #include "ordered_broadcast/data_hooks.h"
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/decided_log.h"
+#include "ordered_broadcast/message_ids.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/payload_table.h"
+#include "payload_dissemination/state_marks.h"
 #include "service/service_state.h"
 
 namespace
@@ -48,23 +51,31 @@ void paxos_carry_undelivered(uint32_t msg_id, uint8_t sender, void *context)
 
 }  // namespace
 
-payload_buf *paxos_full_state()
+payload_buf *paxos_full_state(uint32_t number)
 {
-  uint64_t room = UINT32_MAX - PAYLOAD_HEADER_SIZE - CONS_DATA_TYPES * RECORD_HEADER_SIZE;
-  uint64_t sum = 0;
+  const bool has_marks = cons_service.durable_payloads;
+  const uint32_t records = CONS_DATA_TYPES + (has_marks ? 1 : 0);
+  const uint32_t marks_size = has_marks ? STATE_MARKS_SIZE : 0;
+  uint64_t room = UINT32_MAX - PAYLOAD_HEADER_SIZE - records * RECORD_HEADER_SIZE - marks_size;
+  uint64_t sum = marks_size;
   state_buffer states[CONS_DATA_TYPES];
   for (uint32_t type = 0; type < CONS_DATA_TYPES; ++type) {
     states[type] = take_state(type, room);
     room -= states[type].length;
     sum += states[type].length;
   }
-  payload_buf *payload = payload_buf_new(CONS_DATA_TYPES, sum, 1);
+  payload_buf *payload = payload_buf_new(records, sum, 1);
   uint32_t offset = 0;
   for (uint32_t type = 0; type < CONS_DATA_TYPES; ++type) {
     if (payload != nullptr) {
       offset = payload_buf_append(payload, offset, states[type].bytes, states[type].length, type);
     }
     std::free(states[type].bytes);
+  }
+  if (payload != nullptr && has_marks) {
+    uint8_t marks[STATE_MARKS_SIZE];
+    state_marks_put(marks, {.number = number, .done_id = paxos_waiting.done_ids()});
+    payload_buf_append(payload, offset, marks, sizeof marks, STATE_MARKS_TYPE);
   }
   return payload;
 }
@@ -77,13 +88,16 @@ bool paxos_begin_log(id_batch &batch, id_entry &state)
   if (state.msg_id == 0) {
     return false;
   }
-  if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state()), state.msg_id, self)) {
+  if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state(paxos_log.number() + 1)), state.msg_id, self)) {
     return false;  // the layer stopped, or no memory: nobody could ever fetch it
   }
   batch = {};
   id_batch_add(&batch, state.msg_id, self);
+  if (cons_service.durable_payloads) {
+    return true;
+  }
   carry_context carry = {.target = &batch, .last_delivered = paxos.last_delivered, .is_found = false};
-  id_batch_foreach(&paxos.decided_batch, paxos_carry_undelivered, &carry);
+  id_batch_foreach(&paxos_log.batch(), paxos_carry_undelivered, &carry);
   if (id_batch_count(batch) == ID_BATCH_MAX) {
     // Nothing but the last log's state was delivered here: what follows it was lost, and a log that is full from the
     // beginning would be followed by the next at once.

@@ -14,8 +14,8 @@
 #include "common/le_bytes.h"
 #include "common/monotonic_clock.h"
 #include "common/scoped_fd.h"
-#include "ordered_broadcast/decision_help.h"
-#include "ordered_broadcast/paxos_messages.h"
+#include "ordered_broadcast/decided_log.h"
+#include "ordered_broadcast/lagging_nodes.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "service/envelope.h"
 #include "vx_host.h"
@@ -65,7 +65,7 @@ void enter_leader_mode() CONS_REQUIRES(paxos.forward_lock, paxos.propose_lock)
     vx_log("CONS: PAXOS: Entering Leader Mode\n");
   }
   paxos.is_leader = 1;
-  paxos_decide_bcast();
+  paxos_log.announce();
 }
 
 void leave_leader_mode() CONS_REQUIRES(paxos.forward_lock, paxos.propose_lock)
@@ -74,7 +74,7 @@ void leave_leader_mode() CONS_REQUIRES(paxos.forward_lock, paxos.propose_lock)
     vx_log("CONS: PAXOS: Leaving Leader Mode\n");
   }
   paxos.is_leader = 0;
-  vx_msg_dequeue(nullptr, PAXOS_CHANNEL, PAXOS_DECIDE, 0);
+  paxos_log.withdraw();
 }
 
 void follow_node_state(const node_state &state)
@@ -93,7 +93,7 @@ void retry_decide()
 {
   cons_lock lock(paxos.propose_lock);
   if (paxos.is_decide_unsent) {
-    paxos_decide_bcast();
+    paxos_log.announce();
   }
 }
 

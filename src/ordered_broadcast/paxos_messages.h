@@ -19,7 +19,6 @@
 #include <span>
 
 #include "common/id_batch.h"
-#include "ordered_broadcast/paxos_state.h"
 
 inline constexpr uint32_t PAXOS_DECIDE = 0;
 inline constexpr uint32_t PAXOS_FORWARD = 1;
@@ -36,15 +35,6 @@ struct decide_message {
 std::optional<decide_message> decide_parse(std::span<const uint8_t> payload);
 std::optional<id_entry> forward_parse(std::span<const uint8_t> payload);
 
-/// Replaces this node's queued DECIDE by one of the last decision, repeated to all nodes; a follower, a node that is
-/// stopped or one without a decision only withdraws. What could not be queued is noted in is_decide_unsent.
-void paxos_decide_bcast() CONS_REQUIRES(paxos.propose_lock);
-
-/// Sends the last decision once to one node.
-void paxos_decide_update(uint32_t node_addr) CONS_REQUIRES(paxos.propose_lock);
-
-/// Queues a FORWARD, repeated to all nodes. False if that was not possible.
-bool paxos_forward_send(id_entry waiting);
-
-/// Withdraws this node's FORWARD if there is one.
-void paxos_forward_withdraw() CONS_REQUIRES(paxos.deliver_lock);
+/// The messages, to be sent; null without memory.
+uint8_t *decide_message_new(uint32_t batch_id, const id_batch &batch);
+uint8_t *forward_message_new(id_entry waiting);

@@ -1,7 +1,6 @@
 #include "ordered_broadcast/paxos_state.h"
 
-#include <algorithm>
-
+#include "payload_dissemination/paxos_data.h"
 #include "service/service_state.h"
 
 uint32_t paxos_own_index()
@@ -9,19 +8,11 @@ uint32_t paxos_own_index()
   return cons_service.node_id - 1;
 }
 
-void paxos_raise_done_ids(const id_batch &batch)
-{
-  for (uint32_t i = 1; i < id_batch_count(batch); ++i) {
-    const id_entry entry = id_batch_entry(batch, i);
-    uint32_t &done_id = paxos.done_id[entry.sender - 1];
-    done_id = std::max(done_id, entry.msg_id);
-  }
-}
-
 void paxos_idle_request()
 {
   ++paxos.idle_waiters;
   paxos.propose_cond.signal();
+  paxos_data_wake_state_offer();
 }
 
 void paxos_wait_proposer_idle()

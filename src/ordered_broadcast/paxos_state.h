@@ -1,4 +1,5 @@
-/// Shared state of the ordered broadcast: one per process.
+/// Locks, conditions and flags of the ordered broadcast, and what its threads share but for the last decision
+/// (decided_log.h) and the identifiers that wait (waiting_ids.h): one per process.
 ///
 /// Lock order: forward_lock, propose_lock, deliver_lock; who holds one takes only later ones. The payload layer holds
 /// its queue's lock while it delivers, and delivery takes forward_lock and deliver_lock: so nobody waits for that
@@ -23,26 +24,18 @@ struct paxos_state {
   std::atomic<uint32_t> is_leader{0};
 
   cons_mutex forward_lock{lock_rank::forward};
-  cons_cond forward_free_cond;  // an entry of pending_id became 0, a call left the queue for it, or stop
+  cons_cond forward_free_cond;  // an identifier that waited is gone, a call left the queue for it, or stop
   cons_cond launch_cond;        // something for the launch-thread to look at
-  /// Per node (id - 1): the message that waits to be ordered, 0 = none. A follower uses its own only.
-  uint32_t pending_id[NODES_MAX] CONS_GUARDED_BY(forward_lock) = {};
-  /// Per node: the highest ordinary identifier that this node has seen decided. Never falls while the protocol runs;
-  /// what is at or below it is never handed to the proposer nor forwarded.
-  uint32_t done_id[NODES_MAX] CONS_GUARDED_BY(forward_lock) = {};
 
   cons_mutex propose_lock{lock_rank::propose};
-  cons_cond propose_cond;                                       // something for the propose-thread to look at
-  cons_cond propose_idle_cond;                                  // the propose-thread became idle, or stop
-  uint32_t batch_id CONS_GUARDED_BY(propose_lock) = 0;          // number of the last decision, 0 = none
-  uint32_t durable_batch_id CONS_GUARDED_BY(propose_lock) = 0;  // what the file holds
-  id_batch decided_batch CONS_GUARDED_BY(propose_lock);         // its log
-  id_entry next_proposal CONS_GUARDED_BY(propose_lock);         // msg_id 0 = empty; filled with forward_lock held too
+  cons_cond propose_cond;       // something for the propose-thread to look at
+  cons_cond propose_idle_cond;  // the propose-thread became idle, or stop
   uint32_t proposal_batch_id CONS_GUARDED_BY(propose_lock) = 0;
   consensus *running_instance CONS_GUARDED_BY(propose_lock) = nullptr;  // the one that a cancel reaches
   bool proposer_idle CONS_GUARDED_BY(propose_lock) = false;
   /// Who waits for the proposer to be idle, or has not finished what he waited for: it starts nothing meanwhile.
-  uint32_t idle_waiters CONS_GUARDED_BY(propose_lock) = 0;
+  /// Written with propose_lock held; a proposer that offers a state reads it without.
+  std::atomic<uint32_t> idle_waiters{0};
   bool is_decide_unsent CONS_GUARDED_BY(propose_lock) = false;  // no memory: the leader watch tries again
 
   cons_mutex deliver_lock{lock_rank::deliver};
@@ -50,7 +43,6 @@ struct paxos_state {
   id_entry last_delivered CONS_GUARDED_BY(deliver_lock);  // zero = none
   uint32_t
       delivered_id[NODES_MAX] CONS_GUARDED_BY(deliver_lock) = {};  // per sender, highest delivered here; for debuggers
-  bool forward_active CONS_GUARDED_BY(deliver_lock) = false;       // there is a FORWARD of ours to withdraw
   distribute_call *calls CONS_GUARDED_BY(deliver_lock) = nullptr;  // open calls of vx_cons_distribute
 
   std::atomic<bool> proposer_running{false};
@@ -59,9 +51,6 @@ inline constinit paxos_state paxos;
 
 /// This node's index in the per-node tables.
 uint32_t paxos_own_index();
-
-/// Raises done_id for every entry but the first, which names a state: state identifiers do not count.
-void paxos_raise_done_ids(const id_batch &batch) CONS_REQUIRES(paxos.forward_lock);
 
 /// Ask the proposer to be idle and to start nothing; wait until it is (or the protocol stops); let it go on.
 void paxos_idle_request() CONS_REQUIRES(paxos.propose_lock);

@@ -1,17 +1,17 @@
 #include "ordered_broadcast/proposer.h"
 
-#include <algorithm>
+#include <optional>
 
 #include "common/monotonic_clock.h"
-#include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/abandoned_states.h"
+#include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/full_state.h"
-#include "ordered_broadcast/paxos_messages.h"
 #include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
-#include "round_based_registers/register_table.h"
+#include "round_based_registers/register_protocol.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -28,43 +28,9 @@ struct proposal {
   id_entry entry;  // what is proposed
 };
 
-// States that this node proposed in vain. Another leader may have read one in the register and decide it; once its
-// number is decided and the log does not name it, nobody will ask for it any more.
-class abandoned_states
-{
-public:
-  // The oldest of too many stay stored.
-  void add(const proposal &p)
-  {
-    states_[next_] = {.entry = p.entry, .number = p.batch_id};
-    next_ = (next_ + 1) % STATES_MAX;
-  }
-  void release_superseded() CONS_REQUIRES(paxos.propose_lock)
-  {
-    for (state &s : states_) {
-      if (s.number == 0 || paxos.batch_id < s.number) {
-        continue;
-      }
-      if (id_batch_find(&paxos.decided_batch, s.entry.msg_id, s.entry.sender) < 0) {
-        paxos_data_unhash_entry(s.entry.msg_id, s.entry.sender);
-      }
-      s = {};
-    }
-  }
-
-private:
-  struct state {
-    id_entry entry;
-    uint32_t number = 0;
-  };
-  static constexpr size_t STATES_MAX = 8;
-  state states_[STATES_MAX];
-  size_t next_ = 0;
-};
-
 bool needs_full_state() CONS_REQUIRES(paxos.propose_lock)
 {
-  const uint32_t count = id_batch_count(paxos.decided_batch);
+  const uint32_t count = id_batch_count(paxos_log.batch());
   return count == 0 || count == ID_BATCH_MAX;
 }
 
@@ -72,7 +38,7 @@ bool needs_full_state() CONS_REQUIRES(paxos.propose_lock)
 // exactly the old log, and nothing of it is carried over.
 bool may_begin_log() CONS_REQUIRES(paxos.propose_lock)
 {
-  return id_batch_count(paxos.decided_batch) == 0 || paxos_data_handled() == paxos.batch_id;
+  return id_batch_count(paxos_log.batch()) == 0 || paxos_data_handled() == paxos_log.number();
 }
 
 bool may_go_on() CONS_REQUIRES(paxos.propose_lock)
@@ -82,7 +48,7 @@ bool may_go_on() CONS_REQUIRES(paxos.propose_lock)
 
 bool may_start() CONS_REQUIRES(paxos.propose_lock)
 {
-  return may_go_on() && paxos.next_proposal.msg_id != 0 && (!needs_full_state() || may_begin_log());
+  return may_go_on() && paxos_waiting.next_proposal().msg_id != 0 && (!needs_full_state() || may_begin_log());
 }
 
 // Idle until there is something to propose, or, after a proposal that could not begin, until the next wake-up.
@@ -97,7 +63,7 @@ bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(pa
     is_parked = false;
     paxos.proposer_idle = true;
     paxos.propose_idle_cond.broadcast();
-    if (paxos.next_proposal.msg_id != 0) {
+    if (paxos_waiting.next_proposal().msg_id != 0) {
       paxos.propose_cond.wait_for_us(paxos.propose_lock, RETRY_US);
     } else {
       paxos.propose_cond.wait(paxos.propose_lock);
@@ -107,21 +73,66 @@ bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(pa
   return false;
 }
 
-bool prepare(proposal &p) CONS_REQUIRES(paxos.propose_lock)
+// The state that this node made for a number. With durable payloads another attempt at the number proposes it again: a
+// leader that comes and goes spreads one.
+struct made_state {
+  id_entry entry;
+  uint32_t number = 0;
+};
+
+bool begin_log(proposal &p, made_state &made) CONS_REQUIRES(paxos.propose_lock)
 {
-  p.working_copy = paxos.next_proposal;
-  p.batch_id = paxos.batch_id + 1;
-  paxos.proposal_batch_id = p.batch_id;
-  p.is_full_state = needs_full_state();
-  if (p.is_full_state && !paxos_begin_log(p.batch, p.entry)) {
+  if (cons_service.durable_payloads && made.number == p.batch_id &&
+      paxos_data_has_entry(made.entry.msg_id, made.entry.sender) != 0) {
+    p.entry = made.entry;
+    p.batch = {};
+    id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
+    return true;
+  }
+  if (!paxos_begin_log(p.batch, p.entry)) {
     return false;
   }
-  if (!p.is_full_state) {
-    p.batch = paxos.decided_batch;
-    p.entry = p.working_copy;
+  made = {.entry = p.entry, .number = p.batch_id};
+  return true;
+}
+
+// What is proposed for the next number.
+bool choose(proposal &p, made_state &made) CONS_REQUIRES(paxos.propose_lock)
+{
+  p.working_copy = paxos_waiting.next_proposal();
+  p.batch_id = paxos_log.number() + 1;
+  paxos.proposal_batch_id = p.batch_id;
+  p.is_full_state = needs_full_state();
+  if (p.is_full_state) {
+    return begin_log(p, made);
   }
+  p.batch = paxos_log.batch();
+  p.entry = p.working_copy;
+  return true;
+}
+
+enum class spread_result { stored, refused, withdrawn };
+
+// A state goes to a quorum of disks before it is proposed: then every entry of a log is on one. Adoption, the end of
+// leader mode and stop end the wait.
+spread_result spread(const proposal &p)
+{
+  if (!paxos_data_make_durable(p.entry)) {
+    return spread_result::refused;
+  }
+  const auto goes_on = [] { return paxos.is_leader != 0 && !paxos.stopped && paxos.idle_waiters == 0; };
+  return paxos_data_offer_state(p.entry.msg_id, goes_on) ? spread_result::stored : spread_result::withdrawn;
+}
+
+bool still_holds(const proposal &p) CONS_REQUIRES(paxos.propose_lock)
+{
+  return may_start() && needs_full_state() == p.is_full_state && p.batch_id == paxos_log.number() + 1;
+}
+
+bool create_instance(const proposal &p) CONS_REQUIRES(paxos.propose_lock)
+{
   paxos.running_instance = consensus_create(p.batch_id);
-  if (paxos.running_instance == nullptr && p.is_full_state) {
+  if (paxos.running_instance == nullptr && p.is_full_state && !cons_service.durable_payloads) {
     paxos_data_unhash_entry(p.entry.msg_id, p.entry.sender);
   }
   return paxos.running_instance != nullptr;
@@ -168,28 +179,14 @@ int decide(consensus &instance, const proposal &p, cons_value &decision)
   return result;
 }
 
-// Saves and announces the new decision, unless one came from elsewhere meanwhile. True if there is something to hand
-// over to the payload layer.
-bool install(const proposal &p, id_entry &last_delivered)
+// Nothing if a decision came from elsewhere meanwhile, or this one cannot be saved.
+std::optional<installed_decision> install(const proposal &p)
 {
   cons_lock lock(paxos.propose_lock);
-  if (p.batch_id != paxos.batch_id + 1) {
-    return false;
+  if (p.batch_id != paxos_log.number() + 1) {
+    return std::nullopt;
   }
-  if (p.is_full_state) {
-    cons_lock deliver_lock(paxos.deliver_lock);
-    calls_mark_swallowed(paxos.decided_batch, p.batch);
-  }
-  paxos.decided_batch = p.batch;
-  paxos.batch_id = p.batch_id;
-  if (paxos_decide_save() != 0) {
-    return false;
-  }
-  rb_reg_delete_up_to(paxos.batch_id);
-  paxos_decide_bcast();
-  cons_lock deliver_lock(paxos.deliver_lock);
-  last_delivered = paxos.last_delivered;
-  return true;
+  return paxos_log.install(p.batch_id, p.batch);
 }
 
 // A message that was decided is not proposed again; after a full state the waiting one comes next, in the new log.
@@ -197,14 +194,8 @@ void retire_proposal(const proposal &p, id_entry decided)
 {
   cons_lock lock(paxos.forward_lock);
   if (!p.is_full_state) {
-    const uint32_t index = decided.sender - 1u;
-    paxos.done_id[index] = std::max(paxos.done_id[index], decided.msg_id);
-    if (paxos.pending_id[index] <= decided.msg_id) {
-      paxos.pending_id[index] = 0;
-      paxos.forward_free_cond.broadcast();
-    }
     cons_lock propose_lock(paxos.propose_lock);
-    paxos.next_proposal = {};
+    paxos_waiting.proposal_decided(decided);
   }
   paxos.launch_cond.signal();
 }
@@ -221,10 +212,13 @@ bool commit(proposal &p, const cons_value &decision)
   }
   if (!p.is_full_state) {
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
+  } else if (cons_service.durable_payloads) {
+    // Another leader's state may have been read back: the log of this number begins with that one on every node.
+    p.batch = {};
+    id_batch_add(&p.batch, decided.msg_id, decided.sender);
   }
-  id_entry last_delivered;
-  if (install(p, last_delivered)) {
-    paxos_data_pull(p.batch, last_delivered, p.batch_id);
+  if (const auto installed = install(p)) {
+    paxos_hand_over(*installed);
   }
   retire_proposal(p, decided);
   return true;
@@ -237,13 +231,13 @@ bool run(consensus &instance, proposal &p, abandoned_states &abandoned)
   cons_value decision;
   const int result = decide(instance, p, decision);
   if (result != RB_REG_COMMITTED) {
-    if (p.is_full_state) {
-      abandoned.add(p);
+    if (p.is_full_state && !cons_service.durable_payloads) {
+      abandoned.add(p.entry, p.batch_id);
     }
     return result == RB_REG_ERROR;
   }
   const bool is_entry = commit(p, decision);
-  if (!is_entry && p.is_full_state) {
+  if (!is_entry && p.is_full_state && !cons_service.durable_payloads) {
     paxos_data_unhash_entry(p.entry.msg_id, p.entry.sender);
   }
   return !is_entry;
@@ -255,10 +249,24 @@ void *paxos_propose_thread(void *)
 {
   cons_lock lock(paxos.propose_lock);
   abandoned_states abandoned;
+  made_state made;
   bool is_parked = false;
   while (wait_for_work(is_parked, abandoned)) {
     proposal p;
-    is_parked = !prepare(p);
+    is_parked = !choose(p, made);
+    if (is_parked) {
+      continue;
+    }
+    if (p.is_full_state && cons_service.durable_payloads) {
+      lock.unlock();
+      const spread_result result = spread(p);
+      lock.lock();
+      is_parked = result == spread_result::refused;
+      if (result != spread_result::stored || !still_holds(p)) {
+        continue;
+      }
+    }
+    is_parked = !create_instance(p);
     if (is_parked) {
       continue;
     }

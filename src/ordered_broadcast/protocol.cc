@@ -1,20 +1,23 @@
 #include "ordered_broadcast/protocol.h"
 
 #include "ordered_broadcast/data_hooks.h"
+#include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/decision.h"
-#include "ordered_broadcast/decision_help.h"
 #include "ordered_broadcast/delivery.h"
 #include "ordered_broadcast/distribute_call.h"
-#include "ordered_broadcast/durable_state.h"
 #include "ordered_broadcast/forward.h"
+#include "ordered_broadcast/lagging_nodes.h"
 #include "ordered_broadcast/leader_watch.h"
+#include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/proposer.h"
+#include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_table.h"
 #include "service/envelope.h"
 #include "service/library_thread.h"
+#include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
@@ -45,12 +48,9 @@ void clear_run_time_state()
   cons_lock propose_lock(paxos.propose_lock);
   cons_lock deliver_lock(paxos.deliver_lock);
   for (uint32_t i = 0; i < NODES_MAX; ++i) {
-    paxos.pending_id[i] = 0;
-    paxos.done_id[i] = 0;
     paxos.delivered_id[i] = 0;
   }
-  paxos.forward_active = false;
-  paxos.next_proposal = {};
+  paxos_waiting.clear();
   paxos.proposal_batch_id = 0;
   paxos.running_instance = nullptr;
   paxos.proposer_idle = false;
@@ -60,29 +60,24 @@ void clear_run_time_state()
 
 int load_durable_state()
 {
-  if (paxos_decide_load() != 0 || paxos_deliver_load() != 0) {
+  if (paxos_log.load() != 0 || paxos_deliver_load() != 0) {
     return -1;
   }
   cons_lock forward_lock(paxos.forward_lock);
   cons_lock propose_lock(paxos.propose_lock);
-  paxos_raise_done_ids(paxos.decided_batch);
+  paxos_waiting.seen_decided(paxos_log.batch());
   return 0;
 }
 
 // What a decision that arrives meanwhile hands over is newer and stays.
 void resume_delivery()
 {
-  id_batch batch;
-  id_entry last_delivered;
-  uint32_t number = 0;
+  installed_decision last;
   {
-    cons_lock propose_lock(paxos.propose_lock);
-    cons_lock deliver_lock(paxos.deliver_lock);
-    batch = paxos.decided_batch;
-    last_delivered = paxos.last_delivered;
-    number = paxos.batch_id;
+    cons_lock lock(paxos.propose_lock);
+    last = paxos_log.last();
   }
-  paxos_data_pull(batch, last_delivered, number);
+  paxos_hand_over(last);
 }
 
 void wake_everybody()
@@ -98,29 +93,13 @@ void wake_everybody()
     paxos.propose_cond.broadcast();
     paxos.propose_idle_cond.broadcast();
   }
+  paxos_data_wake_state_offer();
   {
     cons_lock lock(paxos.deliver_lock);
     calls_end_all();
     paxos.deliver_cond.broadcast();
   }
   paxos_leader_watch_wake();
-}
-
-bool reset_records()
-{
-  bool is_saved = true;
-  {
-    cons_lock lock(paxos.propose_lock);
-    paxos.batch_id = 0;
-    paxos.decided_batch = {};
-    is_saved = paxos_decide_save() == 0;
-  }
-  {
-    cons_lock lock(paxos.deliver_lock);
-    paxos.last_delivered = {};
-    is_saved = paxos_deliver_save() == 0 && is_saved;
-  }
-  return msg_id_next(true) != 0 && is_saved;
 }
 
 }  // namespace
@@ -135,7 +114,8 @@ int cons_layers_init()
                        .lost = paxos_skip_lost,
                        .handled = paxos_log_handled,
                        .lacking = paxos_note_asker,
-                       .uninformed = paxos_note_uninformed}) != 0) {
+                       .uninformed = paxos_note_uninformed,
+                       .base_settled = paxos_look_for_base}) != 0) {
     paxos_data_cleanup();
     return -1;
   }
@@ -167,6 +147,9 @@ int paxos_start()
   if (load_durable_state() != 0) {
     return -1;
   }
+  if (paxos_data_load(cons_service.durable_payloads) != 0) {
+    return -1;
+  }
   paxos.stopped = false;
   if (paxos_data_start() != 0 || !create_threads()) {
     paxos_stop();
@@ -178,10 +161,15 @@ int paxos_start()
   return 0;
 }
 
-void paxos_stop()
+void paxos_halt()
 {
   paxos.stopped = true;
   paxos_data_halt();
+}
+
+void paxos_stop()
+{
+  paxos_halt();
   paxos_gate.close();
   vx_msg_unregister_recv_hook(paxos_recv);
   wake_everybody();
@@ -199,7 +187,13 @@ int paxos_reset()
   if (!protocol.layers_initialised || !paxos.stopped) {
     return -1;
   }
-  const bool is_data_reset = paxos_data_reset() == 0;
-  const bool is_register_reset = rb_reg_reset() == 0;
-  return reset_records() && is_data_reset && is_register_reset ? 0 : -1;
+  // A crash in between leaves a node that does not start, and never one with records of two lives.
+  if (paxos_log.forget() != 0) {
+    return -1;
+  }
+  bool is_reset = paxos_data_reset() == 0;
+  is_reset = rb_reg_reset() == 0 && is_reset;
+  is_reset = paxos_deliver_reset() == 0 && is_reset;
+  is_reset = msg_id_next(true) != 0 && is_reset;
+  return is_reset ? paxos_log.reset() : -1;
 }

@@ -2,7 +2,7 @@
 /// lifecycle lock held; none with any other lock.
 #pragma once
 
-#include "ordered_broadcast/isolation.h"
+#include "service/isolation.h"
 
 /// Creates the layers' tables. Returns 0, also when that is done; -1 if a table cannot be created.
 int cons_layers_init() CONS_REQUIRES(lifecycle_lock);
@@ -11,6 +11,10 @@ void cons_layers_cleanup() CONS_REQUIRES(lifecycle_lock);
 /// Loads the durable state, starts the threads, opens channel 4 and resumes delivery. Returns 0, also when running; -1
 /// with everything stopped again (after a load that failed: by the isolation that it began).
 int paxos_start() CONS_REQUIRES(lifecycle_lock);
+
+/// Lowers the flags of the protocol and of the payload layer: nothing more is decided, delivered, sent or accepted.
+/// paxos_stop does the rest. Any thread, any lock.
+void paxos_halt();
 
 /// Ends every thread, wait and repeated message, on whatever network. Idempotent.
 void paxos_stop() CONS_REQUIRES(lifecycle_lock);

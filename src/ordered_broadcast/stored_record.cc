@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "common/scoped_fd.h"
+#include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
@@ -27,6 +28,10 @@ int replace_record(const char *temporary, const char *path, const uint8_t *buffe
   }
   if (static_cast<size_t>(written) != length) {
     vx_log("%s(): CRITICAL - write(%s) failed\n", "store_write", temporary);
+    return -1;
+  }
+  if (cons_service.durable_payloads && fdatasync(fd.get()) != 0) {
+    vx_log_err("%s(): CRITICAL - fdatasync(%s) failed", "store_write", temporary);
     return -1;
   }
   if (rename(temporary, path) != 0) {

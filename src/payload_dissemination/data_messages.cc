@@ -32,14 +32,14 @@ bool send_once(uint8_t *message, paxos_data_type type)
 
 }  // namespace
 
-bool paxos_data_bcast_offer(uint32_t id, uint8_t sender)
+void *paxos_data_bcast_offer(uint32_t id, uint8_t sender, uint32_t key)
 {
   uint8_t *message = paxos_data_msg_new(PAXOS_DATA_OFFER, id, sender, PAXOS_DATA_HDR_SIZE);
   if (message == nullptr) {
-    return false;
+    return nullptr;
   }
   vx_log("CONS: PAXOS DATA: OFFER bcast (id=%u/%hhu)\n", id, sender);
-  return cons_msg_send(message, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, CONS_MCAST_ADDR, -1, 1) != nullptr;
+  return cons_msg_send(message, PAXOS_DATA_CHANNEL, key, CONS_MCAST_ADDR, -1, 1);
 }
 
 bool paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length)

@@ -36,9 +36,14 @@ inline constexpr uint32_t DATA_HEADER_SIZE = 20;
 inline constexpr uint32_t DATA_PIECE_SIZE = 1400;
 inline constexpr uint32_t REQ_TO_THE_END = 0xffffffff;
 
+/// Keys of queued OFFERs: one for the calls of vx_cons_distribute, one for a new state, so that each is withdrawn
+/// alone.
+inline constexpr uint32_t OFFER_KEY = PAXOS_DATA_OFFER;
+inline constexpr uint32_t STATE_OFFER_KEY = 5;
+
 /// Each logs and sends one message (DATA: one per piece, until the layer stops); without memory nothing. OFFER is
-/// repeated until dequeued. False: not queued.
-bool paxos_data_bcast_offer(uint32_t id, uint8_t sender);
+/// repeated until dequeued; it returns its handle. False, null: not queued.
+void *paxos_data_bcast_offer(uint32_t id, uint8_t sender, uint32_t key);
 bool paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length);
 void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payload, uint32_t offset, uint32_t length);
 void paxos_data_bcast_complete(uint32_t id, uint8_t sender);

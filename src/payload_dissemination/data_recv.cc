@@ -2,6 +2,7 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
@@ -40,6 +41,15 @@ bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
          piece.length <= body.size() - DATA_HEADER_SIZE;
 }
 
+// To hold a payload means to have it on disk, with durable payloads: saves it, without a lock. If that fails the next
+// OFFER tries again.
+void complete_if_durable(const data_header &hdr)
+{
+  if (payload_files_make_durable(hdr.entry())) {
+    paxos_data_bcast_complete(hdr.id, hdr.sender);
+  }
+}
+
 void paxos_data_recv_offer(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: OFFER (s=%u, id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
@@ -47,7 +57,7 @@ void paxos_data_recv_offer(const data_header &hdr)
     paxos_data.losses.heard(hdr.from);
   }
   if (paxos_data_has_entry(hdr.id, hdr.sender) != 0) {
-    paxos_data_bcast_complete(hdr.id, hdr.sender);
+    complete_if_durable(hdr);
     return;
   }
   cons_lock lock(paxos_data.pull.lock);
@@ -63,6 +73,9 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
   const uint32_t length = get_le32(body.data() + 12);
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
   payload_entry *entry = paxos_data_get_entry(hdr.id, hdr.sender);
+  if (entry == nullptr && payload_table_knows(hdr.entry())) {
+    return;  // its file is damaged: this node did hold it, so it must not say that it lacks it
+  }
   if (entry == nullptr) {
     if (paxos_data.callbacks.lacking != nullptr) {
       paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
@@ -78,17 +91,20 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
   paxos_data.losses.holds(hdr.from, hdr.entry());
   pull_record &pull = paxos_data.pull;
-  cons_lock lock(pull.lock);
-  if (!pull_record_accepts(pull, hdr.entry(), piece)) {
-    return;
-  }
-  vx_log("CONS: PAXOS DATA: DATA (s=%u id=%u/%hhu, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, piece.offset,
-         piece.length);
-  payload_buf *payload = pull_record_add(pull, piece);
-  if (payload != nullptr && paxos_data_hash_entry(payload_entry_new(payload), hdr.id, hdr.sender)) {
-    paxos_data_bcast_complete(hdr.id, hdr.sender);
+  {
+    cons_lock lock(pull.lock);
+    if (!pull_record_accepts(pull, hdr.entry(), piece)) {
+      return;
+    }
+    vx_log("CONS: PAXOS DATA: DATA (s=%u id=%u/%hhu, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, piece.offset,
+           piece.length);
+    payload_buf *payload = pull_record_add(pull, piece);
+    if (payload == nullptr || !paxos_data_hash_entry(payload_entry_new(payload), hdr.id, hdr.sender)) {
+      return;
+    }
     pull.changed_cond.broadcast();
   }
+  complete_if_durable(hdr);
 }
 
 void paxos_data_recv_complete(const data_header &hdr)
@@ -96,6 +112,7 @@ void paxos_data_recv_complete(const data_header &hdr)
   vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
   paxos_data.losses.holds(hdr.from, hdr.entry());
   offer_record_complete(paxos_data.offer, hdr.entry(), hdr.from);
+  offer_record_complete(paxos_data.state_offer, hdr.entry(), hdr.from);
 }
 
 void paxos_data_recv_missing(const data_header &hdr)

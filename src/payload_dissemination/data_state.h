@@ -5,6 +5,7 @@
 /// wait for it, nor for pull.lock, whose holder may be waiting for the queue.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -29,7 +30,8 @@ struct paxos_data_state {
   repetition_filter offers_heard;
   loss_watch losses;
 
-  offer_record offer;
+  offer_record offer;        // of the calls of vx_cons_distribute
+  offer_record state_offer;  // of the propose-thread
   pull_record pull;
 
   // The latest decided log, and how far it is queued. pull_pos changes only with both locks held.
@@ -37,6 +39,16 @@ struct paxos_data_state {
   uint32_t pull_pos CONS_GUARDED_BY(pull.lock) = 0;
   bool switch_pending CONS_GUARDED_BY(pull.lock) = true;  // the queue still mirrors another log
   id_entry last_queued CONS_GUARDED_BY(pull.lock);        // since start; zero = nothing
+
+  // What the layer above knew with the last hand-over: decides which payloads are superseded.
+  std::array<uint32_t, NODES_MAX> done_ids CONS_GUARDED_BY(pull.lock) = {};
+  uint32_t pull_number CONS_GUARDED_BY(pull.lock) = 0;
+  bool is_sweep_due CONS_GUARDED_BY(pull.lock) = false;
+  int64_t swept_us CONS_GUARDED_BY(pull.lock) = 0;
+
+  // Entries of pull_batch before this one are here, or cannot be had any more.
+  uint32_t repair_pos CONS_GUARDED_BY(pull.lock) = 0;
+  std::atomic<uint64_t> settled_base{0};  // first entry that is one of them, packed
 
   // What is ready to be delivered: the first pull_pos entries of pull_batch, unless a switch is pending.
   cons_mutex deliver_queue_lock{lock_rank::deliver_queue};
@@ -52,6 +64,12 @@ struct paxos_data_state {
   library_thread pull_thread{"pull-thread", paxos_data_pull_thread};
 };
 inline constinit paxos_data_state paxos_data;
+
+/// An entry in one word.
+inline uint64_t paxos_data_packed(id_entry entry)
+{
+  return uint64_t{entry.sender} << 32 | entry.msg_id;
+}
 
 /// Notes in `handled` that nothing of the last hand-over is left. Returns true when that has just become so: then
 /// the caller tells the layer above (callbacks.handled).

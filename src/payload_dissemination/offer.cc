@@ -57,16 +57,44 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
   }
   offer.entry = entry;
   offer.node_state[entry.sender - 1] = XFER_NODE_HAS_IT;
-  bool is_offered = paxos_data_bcast_offer(id, entry.sender);
+  bool is_offered = paxos_data_bcast_offer(id, entry.sender, OFFER_KEY) != nullptr;
   while (goes_on() && !is_held_by_quorum(offer)) {
     offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
     if (!is_offered && goes_on()) {
-      is_offered = paxos_data_bcast_offer(id, entry.sender);
+      is_offered = paxos_data_bcast_offer(id, entry.sender, OFFER_KEY) != nullptr;
     }
   }
   if (offer.entry == entry) {
     // With the lock held: behind it, the dequeue could take the next call's OFFER away.
     offer_record_free(offer);
-    vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, 0);
+    vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, OFFER_KEY, 0);
   }
+}
+
+bool paxos_data_offer_state(uint32_t id, bool (*goes_on)())
+{
+  offer_record &offer = paxos_data.state_offer;
+  const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
+  cons_lock lock(offer.lock);
+  offer.entry = entry;
+  offer.node_state[entry.sender - 1] = XFER_NODE_HAS_IT;
+  void *handle = nullptr;
+  while (goes_on() && !is_held_by_quorum(offer)) {
+    if (handle == nullptr) {
+      handle = paxos_data_bcast_offer(id, entry.sender, STATE_OFFER_KEY);
+    }
+    offer.changed_cond.wait_for_us(offer.lock, RECOUNT_PERIOD_US);
+  }
+  const bool is_held = is_held_by_quorum(offer);
+  offer_record_free(offer);
+  if (handle != nullptr) {
+    vx_msg_dequeue(handle, 0, 0, 0);
+  }
+  return is_held;
+}
+
+void paxos_data_wake_state_offer()
+{
+  cons_lock lock(paxos_data.state_offer.lock);
+  paxos_data.state_offer.changed_cond.broadcast();
 }

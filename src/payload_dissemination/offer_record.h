@@ -1,4 +1,5 @@
-/// The payload that this node offers: which nodes hold it already. One call at a time; the others queue here.
+/// A payload that this node offers: which nodes hold it already. One record for the calls of vx_cons_distribute, which
+/// queue for it, and one for a new state, which never waits behind them.
 #pragma once
 
 #include <cstdint>

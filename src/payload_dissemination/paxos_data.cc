@@ -2,6 +2,7 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
@@ -30,6 +31,11 @@ void prepare_batches()
   paxos_data.pull_pos = 0;
   paxos_data.switch_pending = true;
   paxos_data.last_queued = {};
+  paxos_data.done_ids = {};
+  paxos_data.pull_number = 0;
+  paxos_data.is_sweep_due = false;
+  paxos_data.repair_pos = 0;
+  paxos_data.settled_base = 0;
   paxos_data.handed_number = 0;
   paxos_data.still_to_queue = 0;
   paxos_data.handled = 0;
@@ -64,7 +70,15 @@ int paxos_data_reset()
   }
   payload_table_clear();
   clear_batches();
-  return 0;
+  return payload_files_reset();
+}
+
+int paxos_data_load(bool is_durable)
+{
+  if (!paxos_data.initialised) {
+    return -1;
+  }
+  return payload_files_load(is_durable);
 }
 
 int paxos_data_start()
@@ -79,7 +93,7 @@ int paxos_data_start()
   paxos_data.losses.start(cons_service.node_count, cons_service.node_id);
   paxos_data.stopped = false;
   if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
-      !library_thread_create(paxos_data.pull_thread, "paxos_data_start")) {
+      !library_thread_create(paxos_data.pull_thread, "paxos_data_start") || !payload_files_start()) {
     paxos_data_stop();
     return -1;
   }
@@ -113,6 +127,7 @@ void paxos_data_stop()
   }
   library_thread_join(paxos_data.pull_thread);
   library_thread_join(paxos_data.deliver_thread);
+  payload_files_stop();
   paxos_data.recv_gate.wait_empty();
   {
     cons_lock lock(paxos_data.pull.lock);
@@ -122,7 +137,7 @@ void paxos_data_stop()
   cons_lock lock(paxos_data.offer.lock);
   if (paxos_data.offer.entry.msg_id != 0) {
     offer_record_free(paxos_data.offer);
-    vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, PAXOS_DATA_OFFER, 0);
+    vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, OFFER_KEY, 0);
   }
 }
 
@@ -144,6 +159,16 @@ void paxos_data_message_begins()
 void paxos_data_message_ends(bool is_new_decision)
 {
   paxos_data.losses.message_ends(is_new_decision);
+}
+
+bool paxos_data_make_durable(id_entry entry)
+{
+  return payload_files_make_durable(entry);
+}
+
+bool paxos_data_is_base_settled(id_entry base)
+{
+  return paxos_data.settled_base == paxos_data_packed(base);
 }
 
 uint32_t paxos_data_handled()

@@ -4,6 +4,8 @@
 #include <new>
 
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_files.h"
+#include "payload_dissemination/state_marks.h"
 #include "vx_host.h"
 
 namespace
@@ -32,6 +34,32 @@ payload_entry *find(payload_row &row, uint32_t id) CONS_REQUIRES(row.lock)
   return row.table != nullptr ? static_cast<payload_entry *>(vx_hash_get_entry_i(row.table, id)) : nullptr;
 }
 
+bool is_damaged(payload_entry &entry)
+{
+  cons_lock lock(entry.lock);
+  return entry.file == payload_file_state::damaged;
+}
+
+uint32_t number_of_state(const payload_buf *payload)
+{
+  state_marks marks;
+  return state_marks_get(payload, marks) ? marks.number : 0;
+}
+
+// Reads the bytes that only the file has. False if they cannot be had.
+bool read_file(payload_entry &entry, id_entry name) CONS_REQUIRES(entry.lock)
+{
+  if (entry.payload != nullptr || entry.file == payload_file_state::damaged) {
+    return entry.payload != nullptr;
+  }
+  const payload_load result = payload_store_load(name, entry.payload);
+  if (result == payload_load::damaged || result == payload_load::absent) {
+    entry.file = payload_file_state::damaged;
+    payload_files.needs_repair = true;
+  }
+  return result == payload_load::loaded;
+}
+
 bool store(payload_entry *entry, uint32_t id, uint8_t sender)
 {
   payload_row *row = row_of(sender);
@@ -42,11 +70,17 @@ bool store(payload_entry *entry, uint32_t id, uint8_t sender)
   if (row->table == nullptr || paxos_data.stopped) {
     return false;
   }
-  if (find(*row, id) != nullptr) {
+  payload_entry *present = find(*row, id);
+  if (present != nullptr && is_damaged(*present)) {
+    vx_hash_delete_entry_i(row->table, id);
+    present = nullptr;
+  }
+  if (present != nullptr) {
     vx_log("%s(): Message %u of node %u already hashed. This should never happen!\n", "paxos_data_hash_entry", id,
            static_cast<unsigned>(sender));
     return false;
   }
+  entry->id = id;
   return vx_hash_set_entry_i(row->table, id, entry, release_from_table) == 0;
 }
 
@@ -58,6 +92,17 @@ void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
 }
 
 }  // namespace
+
+payload_entry::payload_entry(payload_buf *owned)
+    : payload(owned), is_state(payload_full_state(owned) != 0), state_number(number_of_state(owned))
+{
+}
+
+payload_entry::payload_entry(payload_buf *owned, const payload_file &from)
+    : file(from.is_sound ? payload_file_state::saved : payload_file_state::damaged), payload(owned),
+      id(from.entry.msg_id), is_state(from.is_state), state_number(from.state_number)
+{
+}
 
 payload_entry *payload_entry_new(payload_buf *payload)
 {
@@ -127,14 +172,53 @@ bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender)
   return false;
 }
 
+bool payload_table_add_file(const payload_file &file)
+{
+  payload_row *row = row_of(file.entry.sender);
+  cons_lock lock(row->lock);
+  if (row->table == nullptr) {
+    return false;
+  }
+  if (find(*row, file.entry.msg_id) != nullptr) {
+    return true;
+  }
+  auto *entry = new (std::nothrow) payload_entry(nullptr, file);
+  if (entry == nullptr) {
+    return false;
+  }
+  if (vx_hash_set_entry_i(row->table, file.entry.msg_id, entry, release_from_table) != 0) {
+    payload_entry_release(entry);
+    return false;
+  }
+  return true;
+}
+
 int paxos_data_has_entry(uint32_t id, uint8_t sender)
 {
-  payload_row *row = row_of(sender);
+  payload_entry *entry = paxos_data_get_entry(id, sender);
+  payload_entry_release(entry);
+  return entry != nullptr ? 1 : 0;
+}
+
+bool payload_table_is_damaged(id_entry entry)
+{
+  payload_row *row = row_of(entry.sender);
   if (row == nullptr) {
-    return 0;
+    return false;
   }
   cons_lock lock(row->lock);
-  return find(*row, id) != nullptr ? 1 : 0;
+  payload_entry *present = find(*row, entry.msg_id);
+  return present != nullptr && is_damaged(*present);
+}
+
+bool payload_table_knows(id_entry entry)
+{
+  payload_row *row = row_of(entry.sender);
+  if (row == nullptr) {
+    return false;
+  }
+  cons_lock lock(row->lock);
+  return find(*row, entry.msg_id) != nullptr;
 }
 
 payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender)
@@ -143,11 +227,27 @@ payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender)
   if (row == nullptr) {
     return nullptr;
   }
-  cons_lock lock(row->lock);
-  payload_entry *entry = find(*row, id);
-  if (entry != nullptr) {
+  payload_entry *entry = nullptr;
+  {
+    cons_lock lock(row->lock);
+    entry = find(*row, id);
+    if (entry == nullptr) {
+      return nullptr;
+    }
     cons_lock entry_lock(entry->lock);
     ++entry->references;
+    if (entry->payload != nullptr) {
+      return entry;
+    }
+  }
+  bool is_here = false;
+  {
+    cons_lock entry_lock(entry->lock);
+    is_here = read_file(*entry, {.sender = sender, .msg_id = id});
+  }
+  if (!is_here) {
+    payload_entry_release(entry);
+    return nullptr;
   }
   return entry;
 }
@@ -158,14 +258,38 @@ void paxos_data_unhash_entry(uint32_t id, uint8_t sender)
   if (row == nullptr) {
     return;
   }
-  cons_lock lock(row->lock);
-  if (row->table != nullptr) {
-    vx_hash_delete_entry_i(row->table, id);
+  {
+    cons_lock lock(row->lock);
+    if (row->table != nullptr) {
+      vx_hash_delete_entry_i(row->table, id);
+    }
   }
+  payload_files_collect();
 }
 
 void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
 {
   const id_batch *context = &kept;
   id_batch_foreach(&batch, unhash_unless_kept, &context);
+}
+
+void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number)
+{
+  for (uint32_t i = 0; i < NODES_MAX; ++i) {
+    cons_lock lock(rows[i].lock);
+    if (rows[i].table == nullptr) {
+      continue;
+    }
+    void *cursor = nullptr;
+    for (void *value = vx_hash_get_first_entry_i(rows[i].table, &cursor); value != nullptr;
+         value = vx_hash_get_next_entry_i(rows[i].table, &cursor)) {
+      const auto *entry = static_cast<payload_entry *>(value);
+      const bool is_superseded =
+          entry->is_state ? entry->state_number != 0 && entry->state_number <= number : entry->id <= done_ids[i];
+      if (is_superseded && id_batch_find(&kept, entry->id, static_cast<uint8_t>(i + 1)) < 0) {
+        vx_hash_delete_entry_i(rows[i].table, entry->id);
+      }
+    }
+  }
+  payload_files_collect();
 }

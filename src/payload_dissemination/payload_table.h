@@ -1,19 +1,36 @@
 /// Every payload that this node holds, by sender and message id. The table holds one reference of each entry, every
-/// user another; a payload is never copied. Any thread; locks: a sender's row, then an entry.
+/// user another; a payload is never copied. With durable payloads an entry may stand for a file whose bytes are read
+/// and checked at first use. Any thread; locks: a sender's row, then an entry.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "common/cons_mutex.h"
 #include "common/id_batch.h"
 #include "payload_dissemination/payload_buf.h"
+#include "payload_dissemination/payload_store.h"
+
+enum class payload_file_state : uint8_t {
+  none,     ///< in memory only
+  saving,   ///< a thread writes the file
+  saved,    ///< on disk; the bytes that are used were checked
+  damaged,  ///< was saved by this node, and cannot be read: it held it once
+};
 
 struct payload_entry {
-  explicit payload_entry(payload_buf *owned) : payload(owned) {}
+  payload_entry(payload_buf *owned, const payload_file &file);
+  explicit payload_entry(payload_buf *owned);
 
   cons_mutex lock{lock_rank::payload_entry};
   uint32_t references CONS_GUARDED_BY(lock) = 1;
-  payload_buf *const payload;  // owned
+  payload_file_state file CONS_GUARDED_BY(lock) = payload_file_state::none;
+  int64_t tried_us CONS_GUARDED_BY(lock) = 0;  // last attempt to save it, monotonic; 0 = none
+  /// Owned. Null as long as only the file has it; whoever got the entry from the table has it set, and for good.
+  payload_buf *payload;
+  uint32_t id = 0;        // set when it is stored
+  bool is_state;          // a state, not an ordinary payload
+  uint32_t state_number;  // of a state with marks: the decision that begins its log; else 0
 };
 
 /// Takes the payload over (it is released without memory); null without memory or payload.
@@ -26,12 +43,23 @@ void payload_table_delete();
 void payload_table_clear();
 
 /// Stores the entry and takes the creator's reference over, in every case: an entry that is not stored (layer stopped,
-/// id taken, no row for the sender, no memory) is released. Returns whether it is stored.
+/// id taken, no row for the sender, no memory) is released. One whose file is damaged is replaced. Returns whether it
+/// is stored.
 bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender);
 
+/// An entry for a file, before the layer starts. One that is in the table already stays. False without memory.
+bool payload_table_add_file(const payload_file &file);
+
+/// Whether the payload is here, its bytes checked.
 int paxos_data_has_entry(uint32_t id, uint8_t sender);
 
-/// The entry with one more reference, or null.
+/// Whether its file is known to be damaged.
+bool payload_table_is_damaged(id_entry entry);
+
+/// Whether the table names it, be it damaged.
+bool payload_table_knows(id_entry entry);
+
+/// The entry, its payload read, with one more reference, or null.
 payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender);
 
 /// Takes the entry out of the table; whoever still uses it keeps it alive.
@@ -39,3 +67,7 @@ void paxos_data_unhash_entry(uint32_t id, uint8_t sender);
 
 /// The same for every entry of `batch` that `kept` does not name.
 void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept);
+
+/// Takes out what nobody will ask for any more: ordinary payloads that `kept` does not name, at or below their sender's
+/// identifier in `done_ids`; states, not named either, whose number is at or below `number`.
+void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number);

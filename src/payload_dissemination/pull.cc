@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "vx_host.h"
 
@@ -11,6 +12,7 @@ namespace
 {
 
 constexpr int64_t CHECK_PERIOD_US = 1000000;
+constexpr int64_t SWEEP_PERIOD_US = 1000000;
 
 id_batch entries_from(const id_batch &batch, uint32_t first)
 {
@@ -35,13 +37,25 @@ void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
 // network's speed. A node that answered MISSING without a word about its decision may know none: it is sent ours.
 void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
 {
-  if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_request(paxos_data.pull)) {
+  if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_may_request(paxos_data.pull)) {
     return;
   }
   if (advice.nodes_without_word != 0 && paxos_data.callbacks.uninformed != nullptr) {
     paxos_data.callbacks.uninformed(advice.nodes_without_word);
   }
-  paxos_data.losses.requested();
+  paxos_data.losses.requested();  // before the first answer
+  pull_record_request(paxos_data.pull);
+}
+
+// Fetches, or asks for, what is missing. Returns whether it is lost; else lowers wait_us to the time of the next look.
+bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
+{
+  const loss_watch::advice advice = paxos_data.losses.look(entry);
+  if (!advice.is_lost && advice.is_request_due) {
+    request(entry, advice);
+  }
+  wait_us = std::min(wait_us, advice.look_again_us);
+  return advice.is_lost;
 }
 
 // Context: int64_t, the longest time until the next check.
@@ -52,16 +66,53 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
     queue_next();
     return;
   }
-  const loss_watch::advice advice = paxos_data.losses.look(entry);
-  if (advice.is_lost) {
+  if (fetch(entry, *static_cast<int64_t *>(context))) {
     vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
     queue_next();
+  }
+}
+
+// With all of the log queued: fetches again what this node held once, so that a quorum goes on holding it, and the
+// state that the log begins with, which its leader needs. With durable payloads only.
+void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
+{
+  if (payload_files.needs_repair.exchange(false)) {
+    paxos_data.repair_pos = 0;
+  }
+  for (; paxos_data.repair_pos < paxos_data.pull_pos; ++paxos_data.repair_pos) {
+    const id_entry entry = id_batch_entry(paxos_data.pull_batch, paxos_data.repair_pos);
+    const bool is_wanted = paxos_data.repair_pos == 0 ? paxos_data_has_entry(entry.msg_id, entry.sender) == 0
+                                                      : payload_table_is_damaged(entry);
+    if (is_wanted && !fetch(entry, wait_us)) {
+      return;
+    }
+    if (paxos_data.repair_pos == 0) {
+      paxos_data.settled_base = paxos_data_packed(entry);
+      if (paxos_data.callbacks.base_settled != nullptr) {
+        paxos_data.callbacks.base_settled();
+      }
+    }
+  }
+  if (paxos_data.pull.is_pulled && paxos_data.pull.entry.msg_id != 0) {
+    pull_record_reset(paxos_data.pull);
+  }
+}
+
+// Takes out of the table what is superseded. While a switch is pending the queue still names the old log.
+void sweep_if_due(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
+{
+  if (!paxos_data.is_sweep_due || paxos_data.switch_pending) {
     return;
   }
-  if (advice.is_request_due) {
-    request(entry, advice);
+  const int64_t now_us = monotonic_us();
+  const int64_t left_us = paxos_data.swept_us + SWEEP_PERIOD_US - now_us;
+  if (left_us > 0) {
+    wait_us = std::min(wait_us, left_us);
+    return;
   }
-  *static_cast<int64_t *>(context) = advice.look_again_us;
+  payload_table_sweep(paxos_data.pull_batch, paxos_data.done_ids, paxos_data.pull_number);
+  paxos_data.swept_us = now_us;
+  paxos_data.is_sweep_due = false;
 }
 
 bool has_prefix(const id_batch &batch, const id_batch &of, uint32_t count)
@@ -80,6 +131,9 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
     paxos_data.switch_pending = true;
+    paxos_data.repair_pos = 0;
+    paxos_data.settled_base = 0;
+    paxos_data.swept_us = 0;
   }
   paxos_data.pull_batch = batch;
   paxos_data.still_to_queue = id_batch_count(batch) - paxos_data.pull_pos;
@@ -87,7 +141,8 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
 
 }  // namespace
 
-void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number)
+void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t number,
+                     const std::array<uint32_t, NODES_MAX> &done_ids)
 {
   bool is_handled = false;
   {
@@ -98,6 +153,9 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
     }
     adopt_batch(batch, last_delivered);
     paxos_data.handed_number = number;
+    paxos_data.pull_number = number;
+    paxos_data.done_ids = done_ids;
+    paxos_data.is_sweep_due = true;
     paxos_data.pull.changed_cond.broadcast();
     is_handled = paxos_data_note_handled();
   }
@@ -113,6 +171,10 @@ void *paxos_data_pull_thread(void *)
     const uint32_t pos = paxos_data.pull_pos;
     int64_t wait_us = CHECK_PERIOD_US;
     id_batch_call_at(&paxos_data.pull_batch, pos, paxos_data_pull_one, &wait_us);
+    if (payload_files.is_on && pos == id_batch_count(paxos_data.pull_batch)) {
+      repair(wait_us);
+    }
+    sweep_if_due(wait_us);
     if (paxos_data.pull_pos == pos && !paxos_data.stopped) {
       paxos_data.pull.changed_cond.wait_for_us(paxos_data.pull.lock, wait_us);
     }

@@ -130,18 +130,21 @@ bool pull_record_claim_for_offer(pull_record &record, id_entry entry)
   return true;
 }
 
-bool pull_record_request(pull_record &record)
+bool pull_record_may_request(const pull_record &record)
 {
-  const int64_t now_us = monotonic_us();
-  if (is_data_flowing(record) || (record.entry == record.damaged && now_us < record.damaged_until_us)) {
-    return false;
+  return !is_data_flowing(record) && (record.entry != record.damaged || monotonic_us() >= record.damaged_until_us);
+}
+
+void pull_record_request(pull_record &record)
+{
+  if (!pull_record_may_request(record)) {
+    return;
   }
-  record.requested_us = now_us;
+  record.requested_us = monotonic_us();
   const id_entry entry = record.entry;
   if (record.piece_map == nullptr) {
-    return paxos_data_bcast_req(entry.msg_id, entry.sender, 0, REQ_TO_THE_END);
+    paxos_data_bcast_req(entry.msg_id, entry.sender, 0, REQ_TO_THE_END);
   }
-  bool has_asked = false;
   for (uint32_t a = 0; a < record.pieces;) {
     if (record.piece_map[a] != 0) {
       ++a;
@@ -152,11 +155,10 @@ bool pull_record_request(pull_record &record)
       ++b;
     }
     const uint64_t length = uint64_t{DATA_PIECE_SIZE} * (b - a);
-    has_asked |= paxos_data_bcast_req(entry.msg_id, entry.sender, DATA_PIECE_SIZE * a,
-                                      static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
+    paxos_data_bcast_req(entry.msg_id, entry.sender, DATA_PIECE_SIZE * a,
+                         static_cast<uint32_t>(std::min(length, uint64_t{REQ_TO_THE_END})));
     a = b;
   }
-  return has_asked;
 }
 
 bool pull_record_accepts(pull_record &record, id_entry entry, const data_piece &piece)

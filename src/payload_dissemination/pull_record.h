@@ -51,9 +51,12 @@ bool pull_record_claim_for_log(pull_record &record, id_entry entry) CONS_REQUIRE
 /// entry.
 bool pull_record_claim_for_offer(pull_record &record, id_entry entry) CONS_REQUIRES(record.lock);
 
-/// Sends the REQs for what is missing of the record's payload, unless its DATA is still flowing or it has just arrived
-/// damaged: everything, or the missing runs once the size is known. Returns whether it asked.
-bool pull_record_request(pull_record &record) CONS_REQUIRES(record.lock);
+/// Whether its DATA is silent, and it has not just arrived damaged.
+bool pull_record_may_request(const pull_record &record) CONS_REQUIRES(record.lock);
+
+/// Sends the REQs for what is missing of the record's payload, if it may: everything, or the missing runs once the size
+/// is known. What cannot be sent is tried again with the next request.
+void pull_record_request(pull_record &record) CONS_REQUIRES(record.lock);
 
 /// Whether the piece fits what the record fetches. The first piece says how large the payload is. If that was wrong no
 /// other piece ever fits: after a second without one that did, another size begins the assembly anew.

@@ -73,6 +73,8 @@ int cluster_config_read()
     return -1;
   }
   cons_service.node_addr = node_addr_of_id(cons_service.node_id);
+  int is_durable = 0;
+  cons_service.durable_payloads = vx_cfg_is_enabled(&is_durable, "cluster.durable_payloads") == 0 && is_durable != 0;
   vx_log("CONS: Cluster node initialized (cnt=%u, quorum=%u, node_id=%u).\n", cons_service.node_count.load(),
          cons_service.quorum.load(), cons_service.node_id.load());
   return 0;

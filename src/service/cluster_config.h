@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-/// Reads the keys and sets node_count, cluster_id, quorum, node_id and node_addr of the service, in this order.
+/// Reads the keys and sets node_count, cluster_id, quorum, node_id, node_addr and durable_payloads (off if that key is
+/// absent or unreadable) of the service, in this order.
 /// Returns 0, or -1 with a line in the log at the first key that is not usable (what was read before stays set).
 int cluster_config_read();
 

@@ -14,6 +14,7 @@ struct cons_service_state {
   std::atomic<uint32_t> node_count{0};
   std::atomic<uint32_t> quorum{0};  ///< node_count / 2 + 1
   std::atomic<uint32_t> node_id{0};
+  std::atomic<bool> durable_payloads{false};
   std::atomic<uint32_t> node_addr{0};  ///< 127.1.0.node_id, network byte order
 };
 inline constinit cons_service_state cons_service;

@@ -118,6 +118,15 @@ bytes state_payload(const std::string &state)
   return payload(1, {{0, text(state)}, {1, {}}, {2, {}}, {3, {}}});
 }
 
+bytes durable_state_payload(const std::string &state, uint32_t number, entry done)
+{
+  bytes marks = words({number});
+  for (uint8_t node = 1; node <= 16; ++node) {
+    marks = marks + words({node == done.first ? done.second : 0});
+  }
+  return payload(1, {{0, text(state)}, {1, {}}, {2, {}}, {3, {}}, {4, marks}});
+}
+
 bytes clmsg(uint32_t type, uint32_t length, const bytes &data)
 {
   return words({type, length}) + data;

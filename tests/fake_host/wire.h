@@ -51,6 +51,8 @@ using record = std::pair<uint32_t, bytes>;  ///< data type, bytes
 bytes payload(uint32_t full_state, const std::vector<record> &records);
 /// A full state with these bytes as type 0 and nothing for the others.
 bytes state_payload(const std::string &state);
+/// With the marks of durable payloads: the decision that begins its log, and one node's highest identifier before it.
+bytes durable_state_payload(const std::string &state, uint32_t number, entry done);
 
 bytes clmsg(uint32_t type, uint32_t length, const bytes &data);
 

@@ -76,9 +76,11 @@ TEST_P(node, serves_waiting_nodes_in_turn)
   fake::inject(4, 2, wire::forward({2, 50}));
   ASSERT_TRUE(fake::wait_logged("PROPOSE full state (batch_id=1)"));
   fake::inject(4, 2, wire::forward({2, 51}));  // one at a time
+  fake::inject(4, 1, wire::forward({1, 60}));  // an echo of a call that was given up: nobody would ever free its slot
   fake::inject(4, 3, wire::forward({3, 50}));
   ASSERT_TRUE(fake::wait_logged("CONS: PAXOS: FORWARD (sender=3)\n"));
   EXPECT_EQ(fake::logged("CONS: PAXOS: FORWARD dupe/busy (sender=2)\n"), 1u);
+  EXPECT_EQ(fake::logged("CONS: PAXOS: FORWARD dupe/busy (sender=1)\n"), 1u);
   others->set_votes(true);
   fake::repeat_queued();
   ASSERT_TRUE(wait_decided(3));

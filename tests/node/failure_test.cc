@@ -108,6 +108,7 @@ TEST_P(node, is_not_active_after_an_isolation_while_it_starts)
   ASSERT_TRUE(fake::settle());
   fake::resume();
   EXPECT_EQ(result(start), -1);
+  EXPECT_EQ(fake::logged("CONS: PAXOS started\n"), 0u);
   expect_stopped();
 }
 

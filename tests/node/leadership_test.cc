@@ -116,6 +116,25 @@ TEST_P(node, orders_a_value_read_back_once)
   EXPECT_EQ(fake::logged("FORWARD dupe/busy (sender=3)"), 1u);
 }
 
+// As leader a node that lost its disk completes a message of its own earlier life. Its identifiers go on behind that
+// one: no call with a lower one would be ordered.
+TEST_P(node, goes_on_behind_an_own_message_of_an_earlier_life)
+{
+  configure(1, 3);
+  set_decided(5, {{2, 3}, {2, 4}}, {2, 4});
+  others->adopt(5, {{2, 3}, {2, 4}});
+  const entry earlier = {1, 90};
+  others->hold_payload(2, earlier, message("earlier"));
+  others->set_register(2, 6, 2, 2, wire::entry_bytes(earlier));
+  others->set_register(3, 6, 2, 2, wire::entry_bytes(earlier));
+  ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
+  auto overtaken = submit("overtaken");
+  EXPECT_EQ(result(overtaken), -1);
+  auto next = submit("next");
+  EXPECT_EQ(result(next), 0);
+  EXPECT_EQ(decided().second, (wire::log{{2, 3}, {2, 4}, earlier, {1, 91}}));
+}
+
 // The payloads of the last two messages of a full log are gone: what its leader could not deliver is not in the
 // snapshot, so the new log names it again, and the messages after it come through.
 TEST_P(node, carries_a_lost_tail_into_the_new_log)

@@ -1,10 +1,14 @@
 #include "ordered_broadcast/full_state.h"
 
 #include "layer_fixture.h"
+#include "ordered_broadcast/decided_log.h"
 #include "payload_dissemination/data_state.h"
 
 namespace
 {
+
+using wire::bytes;
+using wire::operator+;
 
 // What a leader could not deliver is not in its snapshot: the new log names it again. But a log that were full from the
 // beginning would be followed by the next at once.
@@ -24,8 +28,9 @@ TEST_F(layer_test, a_new_log_carries_what_was_not_delivered_where_it_leaves_room
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     files::write("msg_id", wire::words({1}));
+    files::write("paxos_decide", wire::words({300}) + bytes(full.bytes, full.bytes + ID_BATCH_SIZE));
+    ASSERT_EQ(paxos_log.load(), 0);
     cons_lock lock(paxos.propose_lock);
-    paxos.decided_batch = full;
     {
       cons_lock deliver_lock(paxos.deliver_lock);
       paxos.last_delivered = id_batch_entry(full, c.last_delivered);

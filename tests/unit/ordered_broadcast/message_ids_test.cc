@@ -1,4 +1,4 @@
-#include "ordered_broadcast/durable_state.h"
+#include "ordered_broadcast/message_ids.h"
 
 #include <set>
 #include <thread>

@@ -1,10 +1,10 @@
-#include "ordered_broadcast/decision_help.h"
+#include "ordered_broadcast/lagging_nodes.h"
 
 #include <atomic>
 
 #include "common/monotonic_clock.h"
+#include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/leader_watch.h"
-#include "ordered_broadcast/paxos_messages.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/identity.h"
@@ -21,12 +21,13 @@ struct asker {
   std::atomic<int64_t> in_need_until_us{0};  // it was told lately, and asks on: a row of payloads may be lost
 };
 
-struct help_state {
+struct lagging_nodes {
+  int64_t next_help_us[NODES_MAX] CONS_GUARDED_BY(paxos.propose_lock) = {};  // of newcomers
   asker askers[NODES_MAX];
   std::atomic<uint32_t> uninformed{0};
   std::atomic<bool> is_urgent{false};
 };
-constinit help_state help;
+constinit lagging_nodes lagging;
 
 bool is_lacking(uint64_t wanted)
 {
@@ -36,8 +37,8 @@ bool is_lacking(uint64_t wanted)
 void tell(uint32_t node_id)
 {
   cons_lock lock(paxos.propose_lock);
-  if (!paxos.stopped && paxos.batch_id != 0) {
-    paxos_decide_update(node_addr_of_id(node_id));
+  if (!paxos.stopped && paxos_log.number() != 0) {
+    paxos_log.send_to(node_addr_of_id(node_id));
   }
 }
 
@@ -45,16 +46,15 @@ void tell(uint32_t node_id)
 
 void paxos_help_newcomer(uint32_t node_addr)
 {
-  static int64_t next_help_us[NODES_MAX] = {};  // guarded by propose_lock
   const uint32_t node_id = node_id_of_addr(node_addr);
   const int64_t now_us = monotonic_us();
   cons_lock lock(paxos.propose_lock);
-  if (paxos.stopped || paxos.batch_id == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
-      now_us < next_help_us[node_id - 1]) {
+  if (paxos.stopped || paxos_log.number() == 0 || !is_member(node_id) || node_id == cons_service.node_id ||
+      now_us < lagging.next_help_us[node_id - 1]) {
     return;
   }
-  next_help_us[node_id - 1] = now_us + NEWCOMER_PAUSE_US;
-  paxos_decide_update(node_addr);
+  lagging.next_help_us[node_id - 1] = now_us + NEWCOMER_PAUSE_US;
+  paxos_log.send_to(node_addr);
 }
 
 void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
@@ -62,32 +62,32 @@ void paxos_note_asker(uint32_t msg_id, uint8_t sender, uint8_t asking_node)
   if (!is_member(asking_node) || asking_node == cons_service.node_id) {
     return;
   }
-  asker &asking = help.askers[asking_node - 1];
+  asker &asking = lagging.askers[asking_node - 1];
   if (!is_lacking(asking.wanted)) {
     asking.wanted = uint64_t{sender} << 32 | msg_id;
   }
   if (monotonic_us() < asking.in_need_until_us) {
-    help.is_urgent = true;
+    lagging.is_urgent = true;
     paxos_leader_watch_wake();
   }
 }
 
 void paxos_note_uninformed(uint32_t nodes)
 {
-  help.uninformed |= nodes;
+  lagging.uninformed |= nodes;
 }
 
 bool paxos_is_help_urgent()
 {
-  return help.is_urgent;
+  return lagging.is_urgent;
 }
 
 void paxos_help_askers()
 {
-  help.is_urgent = false;
-  const uint32_t uninformed = help.uninformed.exchange(0);
+  lagging.is_urgent = false;
+  const uint32_t uninformed = lagging.uninformed.exchange(0);
   for (uint32_t node_id = 1; node_id <= NODES_MAX; ++node_id) {
-    asker &asking = help.askers[node_id - 1];
+    asker &asking = lagging.askers[node_id - 1];
     const bool is_in_vain = is_lacking(asking.wanted.exchange(0));
     if (is_in_vain) {
       asking.in_need_until_us = monotonic_us() + IN_NEED_US;

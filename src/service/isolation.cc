@@ -1,8 +1,5 @@
-#include "ordered_broadcast/isolation.h"
+#include "service/isolation.h"
 
-#include "ordered_broadcast/paxos_state.h"
-#include "ordered_broadcast/protocol.h"
-#include "payload_dissemination/paxos_data.h"
 #include "service/library_thread.h"
 #include "service/service_state.h"
 #include "vx_host.h"
@@ -17,6 +14,7 @@ struct isolation_state {
   bool is_helper_active CONS_GUARDED_BY(lock) = false;  // a helper will look at is_unfinished again
   bool helper_exists CONS_GUARDED_BY(lock) = false;     // a helper is to be joined
   pthread_t helper CONS_GUARDED_BY(lock){};
+  isolation_duties duties CONS_GUARDED_BY(lock);
 };
 constinit isolation_state isolation;
 
@@ -64,6 +62,12 @@ void join_helper() CONS_EXCLUDES(lifecycle_lock)
 
 }  // namespace
 
+void isolation_init(const isolation_duties &duties)
+{
+  cons_lock lock(isolation.lock);
+  isolation.duties = duties;
+}
+
 void paxos_isolate()
 {
   vx_log("Isolating from cluster ...\n");
@@ -71,8 +75,9 @@ void paxos_isolate()
   isolation.is_isolated = true;
   isolation.is_unfinished = true;
   cons_service.stopped = true;
-  paxos.stopped = true;
-  paxos_data_halt();
+  if (isolation.duties.halt != nullptr) {
+    isolation.duties.halt();
+  }
   if (!inside_lifecycle_section && !isolation.is_helper_active) {
     create_helper();
   }
@@ -80,14 +85,18 @@ void paxos_isolate()
 
 void isolation_finish()
 {
+  void (*stop)() = nullptr;
   {
     cons_lock lock(isolation.lock);
     if (!isolation.is_unfinished) {
       return;
     }
     isolation.is_unfinished = false;
+    stop = isolation.duties.stop;
   }
-  paxos_stop();
+  if (stop != nullptr) {
+    stop();
+  }
 }
 
 lifecycle_section::lifecycle_section()

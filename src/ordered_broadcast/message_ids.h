@@ -1,0 +1,18 @@
+/// The identifiers of this node's messages, ascending and never used twice.
+///
+///   /flashdisk/cons/msg_id, 4 bytes: the last identifier handed out, little-endian
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "common/id_batch.h"
+
+/// The next message identifier of this node, durable before it is returned; 0 on failure, which isolates the node
+/// unless it is only that none is left. `reset` begins again at 1. `taken`, if given, is set before another caller can
+/// get a higher one. Any thread.
+uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr);
+
+/// Identifiers of ours that stand in a log are never handed out again, whatever the file says. Any thread, any lock;
+/// waits for nobody's save.
+void msg_id_raise_floor(const id_batch &batch);
