@@ -108,7 +108,7 @@ int open(const char *path, int flags, ...)
     return real(path, flags, mode);
   }
   const bool writes = (flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
-  const verdict given = writes ? judge(disk_call::open_write, name.data()) : verdict{};
+  const verdict given = judge(writes ? disk_call::open_write : disk_call::open_read, name.data());
   const int fd = carry_out(given, [&] { return real(path, flags, mode); });
   track(fd, name);
   return fd;

@@ -26,11 +26,22 @@ constexpr size_t NAME_SIZE = 64;
 constexpr size_t LINE_SIZE = 160;
 constexpr size_t FILE_SIZE_MAX = 8192;
 
-enum class fault { enospc, eio, readonly, cut_write, lost_write, slow_sync, kill_before, kill_after, count };
+enum class fault {
+  enospc,
+  eio,
+  readonly,
+  unreadable,
+  cut_write,
+  lost_write,
+  slow_sync,
+  kill_before,
+  kill_after,
+  count
+};
 
-constexpr const char *FAULT_NAMES[] = {"enospc",     "eio",       "readonly",    "cut_write",
+constexpr const char *FAULT_NAMES[] = {"enospc",     "eio",       "readonly",    "unreadable", "cut_write",
                                        "lost_write", "slow_sync", "kill_before", "kill_after"};
-constexpr const char *CALL_NAMES[] = {"open", "read", "write", "rename", "unlink", "sync"};
+constexpr const char *CALL_NAMES[] = {"open", "open_read", "read", "write", "rename", "unlink", "sync"};
 
 struct rule {
   fault kind = fault::count;
@@ -120,7 +131,8 @@ bool read_rule(const char *line, rule &result)
   }
   case fault::enospc:
   case fault::eio:
-  case fault::readonly: {
+  case fault::readonly:
+  case fault::unreadable: {
     const int words = sscanf(line, "%*s %63s skip %lu %1s", result.name, &result.skip, rest);
     return words == 2 || (words == 1 && sscanf(line, "%*s %*s %1s", rest) != 1);
   }
@@ -190,6 +202,8 @@ bool fits_call(const rule &one, disk_call call)
     return call == disk_call::write || call == disk_call::read;
   case fault::readonly:
     return call == disk_call::open_write || call == disk_call::rename || call == disk_call::unlink;
+  case fault::unreadable:
+    return call == disk_call::open_read;
   case fault::slow_sync:
     return call == disk_call::sync;
   case fault::kill_before:
@@ -215,6 +229,7 @@ void apply(const rule &one, verdict &result)
     result.error = ENOSPC;
     break;
   case fault::eio:
+  case fault::unreadable:
     result.error = EIO;
     break;
   case fault::readonly:

@@ -13,13 +13,14 @@
 ///   enospc NAME [skip N]            write fails with ENOSPC
 ///   eio NAME [skip N]               read and write fail with EIO
 ///   readonly NAME [skip N]          open for writing, rename and unlink fail with EROFS
+///   unreadable NAME [skip N]        open for reading fails with EIO
 ///   cut_write NAME BYTES [skip N]   only the first BYTES reach the file, and write says so
 ///   lost_write NAME BYTES [skip N]  only the first BYTES reach the file, but write claims all
 ///   slow_sync MILLISECONDS          sync takes so much longer
 ///   kill_before CALL:NAME N         SIGKILL to the process instead of the N-th such call
 ///   kill_after CALL:NAME N          SIGKILL right after the N-th such call
-/// skip N: the first N calls that the rule fits go well. CALL is open (for writing), read, write, rename, unlink or
-/// sync; the NAME of a sync is that of the rename before it on the same thread, if no other sync was between.
+/// skip N: the first N calls that the rule fits go well. CALL is open (for writing), open_read, read, write, rename,
+/// unlink or sync; the NAME of a sync is that of the rename before it on the same thread, if no other sync was between.
 ///
 /// What was done is told in the file of the rules' name with ".log" appended: "TIME PID CALL NAME RULE", the first time
 /// that a rule takes effect, and lines that are no rules. TIME is CLOCK_MONOTONIC in ns.
@@ -31,7 +32,7 @@
 namespace disk_faults
 {
 
-enum class disk_call { open_write, read, write, rename, unlink, sync, count };
+enum class disk_call { open_write, open_read, read, write, rename, unlink, sync, count };
 
 /// What is to become of a call.
 struct verdict {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -97,7 +98,11 @@ int store_load(uint32_t id, acceptor_state &state)
   std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
   const scoped_fd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (!fd.is_open()) {
-    return 0;
+    if (errno == ENOENT) {
+      return 0;
+    }
+    vx_log_err("%s(): open(%s) failed", "store_load", path);
+    return -1;
   }
   struct stat status;
   if (fstat(fd.get(), &status) != 0) {

@@ -21,8 +21,8 @@ struct acceptor_state {
   cons_value value;          ///< the accepted value
 };
 
-/// Returns 0 with the file's state, or with `state` unchanged if there is no file; -1 if the file is unusable
-/// (state unchanged).
+/// Returns 0 with the file's state, or with `state` unchanged if there is no file; -1 if the file is unusable or cannot
+/// be opened (state unchanged): what was promised there is then not known.
 int store_load(uint32_t id, acceptor_state &state);
 
 /// Returns 0 once the state is durable; -1 if not (the file is as it was). Any thread.

@@ -33,6 +33,12 @@ inline void write(const std::string &name, const bytes &content)
   out.write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));
 }
 
+/// A file that is there and cannot be opened, not even by root.
+inline void write_unopenable(const std::string &name)
+{
+  std::filesystem::create_symlink(path(name), path(name));
+}
+
 inline bytes read(const std::string &name)
 {
   std::ifstream in(path(name), std::ios::binary);

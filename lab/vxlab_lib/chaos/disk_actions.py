@@ -62,7 +62,7 @@ def do_forgetful_acceptor(stage, track, step):
         stage.down_on_purpose(pid)
         write_disk_rules(stage, acceptor, [step["rule"]])
         at_ns = stage.await_end(acceptor, timeout_s=6.0)
-        write_disk_rules(stage, acceptor, [])
+        write_disk_rules(stage, acceptor, step["rules_after"])
         stage.set_cuts(track, both_ways([leader, *voters[1:]], [acceptor, *ignorant]))
         stage.set_rules(track, [])
         stage.set_masters([ignorant[0]])
@@ -70,6 +70,7 @@ def do_forgetful_acceptor(stage, track, step):
             stage.events.add("kill", at_ns=at_ns, node=acceptor, pid=pid, point=step["rule"])
             restart_after(stage, acceptor, {})
         stage.pause(step["apart_s"])
+        write_disk_rules(stage, acceptor, [])
         stage.set_cuts(track, [])
         stage.settle(acceptor)
 

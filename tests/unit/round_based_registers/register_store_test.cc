@@ -57,6 +57,11 @@ TEST_F(register_store, reads_back_what_it_saved_or_refuses)
   acceptor_state fresh;
   files::write("rb_reg.8", words({3, 2, 0xfffffff8}));  // 12 + L wraps
   EXPECT_EQ(store_load(8, fresh), -1);
+
+  files::clear();
+  files::write_unopenable("rb_reg.8");
+  EXPECT_EQ(store_load(8, fresh), -1);
+  EXPECT_EQ(fake::logged("store_load(): open(/flashdisk/cons/rb_reg.8) failed"), 1u);
 }
 
 TEST_F(register_store, keeps_the_old_file_when_a_save_fails)

@@ -58,6 +58,8 @@ FAULTS = [
     Fault("disk-enospc", "disk", "writes of one file fail with ENOSPC", UNDONE, failing("enospc")),
     Fault("disk-eio", "disk", "writes of one file fail with EIO", UNDONE, failing("eio")),
     Fault("disk-readonly", "disk", "the disk turns read-only", UNDONE, failing("readonly", ["*"])),
+    Fault("disk-unreadable", "disk", "no register file can be opened for reading", UNDONE,
+          failing("unreadable", ["rb_reg"])),
     Fault("disk-two-threads", "disk", "all files fail at once, so that several threads meet it together", UNDONE,
           failing("eio", ["*"], 0)),
     Fault("disk-cut-write", "disk", "only the first bytes of a record can be written", UNDONE, cut_write),

@@ -42,10 +42,15 @@ def kill_near_save(rules, roles):
     return make
 
 
-def forgetful_acceptor(draw, _nodes, seconds):
-    return Made([at(moment, "forgetful-acceptor", rule=f"kill_before rename:rb_reg {draw.randint(1, 9)}",
-                    apart_s=round(draw.uniform(1.0, 3.0), 1)) for moment in times(draw, seconds, 6.0)],
-                options={"disk_faults": True})
+def forgetful_acceptor(rules_after):
+    """`rules_after`: for its disk, while it is alone with those who know of nothing."""
+
+    def make(draw, _nodes, seconds):
+        return Made([at(moment, "forgetful-acceptor", rule=f"kill_before rename:rb_reg {draw.randint(1, 9)}",
+                        rules_after=rules_after, apart_s=round(draw.uniform(1.0, 3.0), 1))
+                     for moment in times(draw, seconds, 6.0)], options={"disk_faults": True})
+
+    return make
 
 
 def pause_leader(draw, nodes, seconds):
@@ -111,7 +116,9 @@ FAULTS = [
                          ["leader", "follower", "last"])),
     Fault("forgetful-acceptor", "process", "an acceptor that a decision may hang on is killed before a save; when it "
           "is back, it and those who know of nothing are a majority, without the old leader",
-          "all run, the network is whole", forgetful_acceptor),
+          "all run, the network is whole", forgetful_acceptor([])),
+    Fault("unreadable-acceptor", "process", "the same, and the acceptor cannot open its register files any more",
+          "all run, the network is whole, the disk is well", forgetful_acceptor(["unreadable rb_reg"])),
     Fault("pause-leader", "process", "the leader is frozen, another one leads, the old one goes on", "it goes on",
           pause_leader),
     Fault("rolling-restart", "process", "clean restarts, one node after another", UNDONE, rolling_restart),
