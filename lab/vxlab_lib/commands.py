@@ -240,11 +240,12 @@ def run_demo(subparsers):
 def run_bench(subparsers):
     def run(options):
         progress = Progress()
-        plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds)
+        plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds,
+                          options.durable)
         with Cluster(options.dir, options.bin) as cluster:
-            rows, idle = bench.Bench(cluster, progress).run(plan)
+            rows, idle, roll_overs = bench.Bench(cluster, progress).run(plan)
         progress.close()
-        bench.print_table(rows, idle, sys.stdout)
+        bench.print_table(rows, idle, roll_overs, sys.stdout)
         path = options.csv or cluster.dir.file("bench.csv")
         bench.write_csv(rows, path)
         print(f"written to {path}")
@@ -257,6 +258,8 @@ def run_bench(subparsers):
     parser.add_argument("--sizes", default=[100, 10_000, 1_000_000, 10_000_000],
                         help="payload bytes (default 100,10000,1000000,10000000)", **numbers)
     parser.add_argument("--submitters", default=[1, 4, 16], help="lines under way at once (default 1,4,16)", **numbers)
+    parser.add_argument("--durable", action="store_true", help="each also with durable payloads, the ratios, and what "
+                        "a new log costs")
     parser.add_argument("--seconds", type=float, default=3.0, help="about so long for each combination (default 3)")
     parser.add_argument("--csv", metavar="FILE", help="where the figures go (default: bench.csv in the run directory)")
 
