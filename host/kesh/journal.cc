@@ -25,7 +25,7 @@ bool journal::open(const journal_settings &settings, std::string &error)
   status_.hash = kept_base_hash_ = HASH_START;
   uint64_t cut_bytes = 0;
   const auto visit = [this](const file_record &record) PLATFORM_REQUIRES(lock_) { return load_record(record); };
-  if (!file_.open(settings.path, visit, cut_bytes, error)) {
+  if (!file_.open(settings.path, settings.is_durable, visit, cut_bytes, error)) {
     return false;
   }
   if (cut_bytes != 0) {

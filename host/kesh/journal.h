@@ -22,6 +22,7 @@ struct journal_settings {
   std::string path;
   uint64_t keep_lines = 100000;
   uint64_t keep_bytes = 64 << 20;
+  bool is_durable = false;  ///< a delivery is on disk when its hook returns
 };
 
 struct journal_status {

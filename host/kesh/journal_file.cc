@@ -71,10 +71,11 @@ size_t visit_records(std::string_view bytes, const std::function<bool(const file
 
 }  // namespace
 
-bool journal_file::open(const std::string &path, const std::function<bool(const file_record &)> &visit,
+bool journal_file::open(const std::string &path, bool is_durable, const std::function<bool(const file_record &)> &visit,
                         uint64_t &cut_bytes, std::string &error)
 {
   path_ = path;
+  is_durable_ = is_durable;
   fd_ = platform::unique_fd(::open(path.c_str(), FILE_FLAGS, FILE_MODE));
   if (!fd_) {
     error = failure("cannot open", path);
@@ -82,6 +83,10 @@ bool journal_file::open(const std::string &path, const std::function<bool(const 
   }
   if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
     error = path + " is in use by another daemon";
+    return false;
+  }
+  if (is_durable_ && !flush_name()) {
+    error = failure("cannot flush the directory of", path);
     return false;
   }
   return read_records(visit, cut_bytes, error);
@@ -127,11 +132,12 @@ bool journal_file::read_records(const std::function<bool(const file_record &)> &
 bool journal_file::append(std::string_view records)
 {
   const ssize_t written = write(fd_.get(), records.data(), records.size());
-  if (written == static_cast<ssize_t>(records.size())) {
+  const bool is_whole = written == static_cast<ssize_t>(records.size());
+  if (is_whole && (!is_durable_ || fdatasync(fd_.get()) == 0)) {
     size_ += records.size();
     return true;
   }
-  const int error = written < 0 ? errno : ENOSPC;
+  const int error = written < 0 || is_whole ? errno : ENOSPC;
   if (written > 0 && ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0) {
     // What stays is a torn record, which the next start cuts.
   }
@@ -152,7 +158,15 @@ bool journal_file::replace(std::string_view records)
   }
   fd_ = std::move(fd);
   size_ = records.size();
-  return true;
+  return !is_durable_ || flush_name();
+}
+
+/// Flushes the directory that names the file.
+bool journal_file::flush_name() const
+{
+  const std::string directory = path_.substr(0, path_.rfind('/') + 1);
+  const platform::unique_fd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return fd && fsync(fd.get()) == 0;
 }
 
 bool journal_file::flush()

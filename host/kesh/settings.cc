@@ -64,6 +64,10 @@ bool settings_read(settings &result, std::string &error)
   // Left at 0 if unset; what the library does not accept, its start refuses.
   vx_cfg_get_uint(&result.node_id, "cluster.node_id");
   vx_cfg_get_uint(&result.node_count, "cluster.node._s_");
+  // The library keeps a payload on disk only until the hooks have returned.
+  int has_durable_payloads = 0;
+  result.journal.is_durable =
+      vx_cfg_is_enabled(&has_durable_payloads, "cluster.durable_payloads") == 0 && has_durable_payloads != 0;
   return true;
 }
 

@@ -7,12 +7,17 @@ import string
 import time
 from dataclasses import dataclass
 
+from .bench_durable import RollOvers, count_disk, find_library, print_ratios, print_roll_overs, read_counts
 from .durable_save import measure_save_us, percentile
 from .errors import UsageError
+from .programs import DURABLE
 from .waiting import wait_until
 
 # Durable saves that stand in series on the road of one submission, all of them on the critical path.
 SAVES_IN_SERIES = {"leader": 5, "follower": 6}
+SAVES_OF_PAYLOADS = 2  # more, where payloads are durable: at the submitter, and at the others
+HOST_FLUSHES = 1  # and then this host flushes its journal before the hook returns
+STATES = [0, 1_000_000, 20_000_000]
 COUNT_MIN = 10
 COUNT_MAX = 3000
 WARM_UP = 5
@@ -23,8 +28,9 @@ IDLE_S = 10.0
 # Small snapshots: the library is measured here, not a journal that travels with every new log.
 SETTINGS = {"journal.keep": 1000, "journal.keep_bytes": 1 << 20, "log.level": "warning"}
 
-COLUMNS = ["nodes", "role", "payload_bytes", "submitters", "submissions", "median_ms", "p99_ms", "per_s", "save_ms",
-           "save_at_once_ms", "saves_in_series", "ratio", "ratio_at_once", "all_nodes_median_ms"]
+COLUMNS = ["nodes", "durable", "role", "payload_bytes", "submitters", "submissions", "median_ms", "p99_ms", "per_s",
+           "save_ms", "save_at_once_ms", "saves_in_series", "ratio", "ratio_at_once", "all_nodes_median_ms",
+           "node_saves", "node_bytes"]
 
 
 @dataclass
@@ -34,6 +40,7 @@ class Plan:
     sizes: list
     submitters: list
     cell_s: float
+    durable: bool = False  # each combination also with durable payloads
 
 
 def payload(size, seed):
@@ -47,28 +54,43 @@ class Bench:
     def __init__(self, cluster, progress):
         self._cluster = cluster
         self._progress = progress
+        self._durable = False
+        self._counts_disk = False
 
     def run(self, plan):
-        """Rows (dictionaries by COLUMNS), one per combination; and the idle load in percent of one core, per size of
-        cluster."""
+        """Rows (dictionaries by COLUMNS), one per combination; the idle load in percent of one core, per size of
+        cluster; and, with durable payloads, what new logs cost (see print_roll_overs)."""
         warn_of_load(self._progress)
-        rows, idle = [], {}
+        self._counts_disk = plan.durable
+        kinds = [False, True] if plan.durable else [False]
+        rows, idle, roll_overs = [], {}, {}
         for count in plan.nodes:
-            self._progress.say(f"{count} nodes come up")
-            self._cluster.create(count, SETTINGS)
-            try:
-                self._cluster.start_all(master=1)
-                idle[count] = self._idle_percent()
-                for role in plan.roles:
-                    for size in plan.sizes:
-                        for submitters in plan.submitters:
-                            if size * submitters > BYTES_UNDER_WAY_MAX:
-                                self._progress.say(f"left out: {submitters} payloads of {size} bytes at once")
-                                continue
-                            rows.append(self._cell(count, role, size, submitters, plan.cell_s))
-            finally:
-                self._cluster.close()
-        return rows, idle
+            for self._durable in kinds:
+                idle[count] = self._one_cluster(plan, count, rows)
+            for state_bytes in STATES if plan.durable else []:
+                for durable in kinds:
+                    measured = RollOvers(self._cluster, self._progress, SETTINGS).measure(count, durable, state_bytes)
+                    roll_overs[count, durable, state_bytes] = measured
+        return rows, idle, roll_overs
+
+    def _one_cluster(self, plan, count, rows):
+        self._progress.say(f"{count} nodes come up{', with durable payloads' if self._durable else ''}")
+        self._cluster.create(count, {**SETTINGS, **(DURABLE if self._durable else {})})
+        for node in self._cluster.nodes.values() if self._counts_disk else []:
+            count_disk(node, find_library(self._cluster.programs.build_dir))
+        try:
+            self._cluster.start_all(master=1)
+            idle = self._idle_percent()
+            for role in plan.roles:
+                for size in plan.sizes:
+                    for submitters in plan.submitters:
+                        if size * submitters > BYTES_UNDER_WAY_MAX:
+                            self._progress.say(f"left out: {submitters} payloads of {size} bytes at once")
+                            continue
+                        rows.append(self._cell(count, role, size, submitters, plan.cell_s))
+        finally:
+            self._cluster.close()
+        return idle
 
     def _idle_percent(self):
         self._progress.say(f"idle load over {IDLE_S:g} s")
@@ -95,6 +117,7 @@ class Bench:
         submissions = max(COUNT_MIN, min(COUNT_MAX, wanted, BYTES_PER_CELL_MAX // size))
         before = self._yardsticks_us(node)
         everywhere_ms = None
+        counts_before = self._disk_counts()
         start = time.monotonic()
         if size >= BULK_SIZE and submitters == 1:
             times, everywhere_ms = self._one_by_one(node, size, submissions, name)
@@ -102,13 +125,20 @@ class Bench:
             times = self._submit(node, size, submitters, submissions, name).latencies_us()
         duration_s = time.monotonic() - start
         alone_us, at_once_us = (sum(each) / 2 for each in zip(before, self._yardsticks_us(node)))
+        node_saves, node_bytes = (
+            (after - earlier) / len(times) / count for after, earlier in zip(self._disk_counts(), counts_before))
         median_us = percentile(times, 50)
-        saves = SAVES_IN_SERIES[role]
+        saves = SAVES_IN_SERIES[role] + (SAVES_OF_PAYLOADS if self._durable else 0)
+        flushes = saves + (HOST_FLUSHES if self._durable else 0)
         return dict(zip(COLUMNS, [
-            count, role, size, submitters, len(times), round(median_us / 1000, 2),
+            count, "yes" if self._durable else "no", role, size, submitters, len(times), round(median_us / 1000, 2),
             round(percentile(times, 99) / 1000, 2), round(len(times) / duration_s, 1), round(alone_us / 1000, 3),
-            round(at_once_us / 1000, 3), saves, round(median_us / (saves * alone_us), 2),
-            round(median_us / (saves * at_once_us), 2), everywhere_ms]))
+            round(at_once_us / 1000, 3), saves, round(median_us / (flushes * alone_us), 2),
+            round(median_us / (flushes * at_once_us), 2), everywhere_ms,
+            *([round(node_saves, 1), round(node_bytes)] if self._counts_disk else [None, None])]))
+
+    def _disk_counts(self):
+        return read_counts(self._cluster.nodes.values()) if self._counts_disk else (0, 0)
 
     def _yardsticks_us(self, node):
         """One durable save of that node alone, and one while all nodes save."""
@@ -153,9 +183,9 @@ def warn_of_load(progress):
         progress.say(f"WARNING: this machine is busy (load {load:.1f} on {cores} cores): the figures will not be good")
 
 
-def print_table(rows, idle, stream):
-    titles = ["nodes", "role", "payload", "submitters", "n", "median ms", "p99 ms", "per s", "save ms", "at once",
-              "saves", "ratio", "at once", "all nodes ms"]
+def print_table(rows, idle, roll_overs, stream):
+    titles = ["nodes", "durable", "role", "payload", "submitters", "n", "median ms", "p99 ms", "per s", "save ms",
+              "at once", "saves", "ratio", "at once", "all nodes ms", "node saves", "node bytes"]
     table = [titles] + [["" if row[column] is None else str(row[column]) for column in COLUMNS] for row in rows]
     widths = [max(len(line[i]) for line in table) for i in range(len(titles))]
     for line in table:
@@ -163,6 +193,11 @@ def print_table(rows, idle, stream):
     print("\nratio = median / (saves in series x one durable save, measured just before and after on the same disk);\n"
           "at once: one while every node makes one, as most of those in series do (the nodes share this disk)",
           file=stream)
+    if roll_overs:
+        print("durable: and the host's flush of its journal counts as one save more\n"
+              "node saves, node bytes: the library's, per submission and node", file=stream)
+        print_ratios(rows, COLUMNS[:1] + COLUMNS[2:5], stream)
+        print_roll_overs(roll_overs, stream)
     for count, percent in idle.items():
         print(f"idle cluster of {count} nodes: {percent:.1f} % of one core", file=stream)
 

@@ -9,6 +9,7 @@ from . import bench, demo, network
 from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
+from .programs import DURABLE
 from .progress import Progress
 
 
@@ -42,7 +43,8 @@ def up(subparsers):
                 cluster.open(detached=True)
             else:
                 progress.say(f"{options.count} nodes are made in {cluster.dir.path}")
-                cluster.create(options.count, dict(options.set or []), detached=True)
+                settings = {**(DURABLE if options.durable else {}), **dict(options.set or [])}
+                cluster.create(options.count, settings, detached=True)
             for node_id in cluster.nodes:
                 progress.update(f"node {node_id} starts")
                 cluster.start(node_id)
@@ -59,6 +61,7 @@ def up(subparsers):
     parser.add_argument("count", type=int, nargs="?", default=3, metavar="N",
                         help=f"number of nodes, 1 to {NODES_MAX} (default 3)")
     parser.add_argument("--keep", action="store_true", help="start the cluster that is in the run directory again")
+    parser.add_argument("--durable", action="store_true", help="payloads survive all nodes: cluster.durable_payloads")
     parser.add_argument("--set", action="append", type=setting, metavar="KEY=VALUE",
                         help="a configuration key for every node; repeat it for more")
 
@@ -237,11 +240,12 @@ def run_demo(subparsers):
 def run_bench(subparsers):
     def run(options):
         progress = Progress()
-        plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds)
+        plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds,
+                          options.durable)
         with Cluster(options.dir, options.bin) as cluster:
-            rows, idle = bench.Bench(cluster, progress).run(plan)
+            rows, idle, roll_overs = bench.Bench(cluster, progress).run(plan)
         progress.close()
-        bench.print_table(rows, idle, sys.stdout)
+        bench.print_table(rows, idle, roll_overs, sys.stdout)
         path = options.csv or cluster.dir.file("bench.csv")
         bench.write_csv(rows, path)
         print(f"written to {path}")
@@ -254,6 +258,8 @@ def run_bench(subparsers):
     parser.add_argument("--sizes", default=[100, 10_000, 1_000_000, 10_000_000],
                         help="payload bytes (default 100,10000,1000000,10000000)", **numbers)
     parser.add_argument("--submitters", default=[1, 4, 16], help="lines under way at once (default 1,4,16)", **numbers)
+    parser.add_argument("--durable", action="store_true", help="each also with durable payloads, the ratios, and what "
+                        "a new log costs")
     parser.add_argument("--seconds", type=float, default=3.0, help="about so long for each combination (default 3)")
     parser.add_argument("--csv", metavar="FILE", help="where the figures go (default: bench.csv in the run directory)")
 
@@ -272,6 +278,8 @@ def run_soak(subparsers):
                         help=f"nodes of the cluster, 2 to {NODES_MAX} (default 3)")
     parser.add_argument("--transport", choices=["udp", "broker"], default="udp",
                         help="how the nodes talk (default udp)")
+    parser.add_argument("--durable", action="store_true", help="with durable payloads: their files stay few, also "
+                        "where submitters are killed")
     parser.add_argument("--library", metavar="FILE", help="another libvx_cons.so.1 than that of the build tree")
 
 

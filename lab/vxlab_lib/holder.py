@@ -141,6 +141,13 @@ class Holder:
         self._children[request["node"]].send_signal(request["signal"])
         return {}
 
+    def _do_kill_all(self, _connection, request):
+        """SIGKILL to all of these that run, at one moment."""
+        running = [node for node in request["nodes"] if self._is_running(node)]
+        for node in running:
+            self._children[node].send_signal(signal.SIGKILL)
+        return {"killed": running}
+
     def _do_wait(self, connection, request):
         self._waiters.append((connection, request["node"], time.monotonic() + request["timeout_s"]))
 

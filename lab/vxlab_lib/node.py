@@ -1,6 +1,7 @@
 """One node of the cluster: its directories, its process (a child of the holder), its daemon."""
 
 import os
+import shutil
 import signal
 
 from . import journal, programs
@@ -9,6 +10,7 @@ from .errors import LabError
 from .rundir import write_by_rename
 from .waiting import wait_until
 
+UNDO = ".undo"  # in /flashdisk: what a power cut may take away, see chaos/power_cut.py
 START_TIMEOUT_S = 30.0
 STOP_TIMEOUT_S = 20.0
 
@@ -35,6 +37,10 @@ class Node:
     def cons_dir(self):
         return self.path("flashdisk", "cons")
 
+    @property
+    def payload_dir(self):
+        return self.path("flashdisk", "cons", "payloads")
+
     def view(self, *command):
         """Command line that runs `command` in a new view like the daemon's: its files, its network."""
         network = ["--net-pid", str(self.net_pid)] if self.net_pid else []
@@ -56,6 +62,7 @@ class Node:
 
     def configure(self, node_count):
         """The node, which is down, becomes one of a cluster without a past."""
+        shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
         programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
                                str(node_count), "--id", str(self.id), "--yes"),
                      f"configure node {self.id}", cwd=self.dir)
@@ -89,6 +96,9 @@ class Node:
         """Starts the daemon and waits until it answers. A daemon that ends instead is an error that names its last log
         line."""
         self.spawn()
+        self.await_started()
+
+    def await_started(self):
         wait_until(self._started, START_TIMEOUT_S, f"node {self.id} answers (see {self.log_path})", poll_s=0.05)
 
     def spawn(self):

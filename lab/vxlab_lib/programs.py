@@ -6,6 +6,7 @@ import subprocess
 from .errors import LabError, UsageError
 
 COMMAND_TIMEOUT_S = 60.0
+DURABLE = {"cluster.durable_payloads": "yes"}  # keys of every node, for payloads that survive it
 
 CONFIG = """\
 # Node {node} of a laboratory; written by vxlab.

@@ -3,6 +3,7 @@ Does anything hang? Are the journals equal at the end?"""
 
 import os
 import time
+from collections import Counter
 from contextlib import contextmanager
 from types import SimpleNamespace
 
@@ -14,8 +15,9 @@ from .chaos.sampler import process_figures
 from .cluster import Cluster
 from .control import NodeUnreachable
 from .errors import CheckFailed, LabError, UsageError
+from .programs import DURABLE
 from .progress import bar
-from .soak_figures import JOURNAL_KEEP, PAYLOAD_BYTES, Figures, file_figures
+from .soak_figures import JOURNAL_KEEP, PAYLOAD_BYTES, Figures, file_figures, payload_figures
 from .waiting import WaitTimeout, wait_until
 
 LOAD = {"threads": 3, "sizes": PAYLOAD_BYTES, "pause_ms": 60}
@@ -27,6 +29,8 @@ MOVE_EVERY = 30  # seconds
 CALL_S = 5.0  # of leave, start and reinit; the hooks here take no time
 PROGRESS_S = 30.0  # until a node that has joined gets a line through
 REST_S = 60.0
+PAYLOADS_S = 5.0  # until payload files are gone that have to go
+KILLS_MIN = 6
 FURTHER_LINES = 260  # more than a log holds: a snapshot makes all journals equal
 
 ROLL_OVERS_MIN = 50
@@ -37,22 +41,23 @@ LOST = b"data lost - skipped"
 
 class SoakArena(BrokerArena):
     def settings(self, node):
-        return {"messaging.transport": "broker", "messaging.broker": self.broker, **SETTINGS}
+        return {"messaging.transport": "broker", "messaging.broker": self.broker, **self.plan.settings}
 
 
 @contextmanager
 def new_cluster(options):
     """All nodes configured, none started."""
     build = Build(options.bin, options.library)
+    settings = {**SETTINGS, **(DURABLE if options.durable else {})}
     if options.transport == "udp":
         with Cluster(options.dir, options.bin) as cluster:
-            cluster.create(options.nodes, SETTINGS)
+            cluster.create(options.nodes, settings)
             for node in cluster.nodes.values():
                 node.environment = {"LD_PRELOAD": ":".join(build.preload({}))} if options.library else {}
             yield cluster
         return
     os.makedirs(options.dir, exist_ok=True)
-    plan = SimpleNamespace(nodes=options.nodes, seed=1, options={})
+    plan = SimpleNamespace(nodes=options.nodes, seed=1, options={}, settings=settings)
     with SoakArena(os.path.realpath(options.dir), build, plan) as arena:
         arena.wire_log = os.devnull
         arena.open()
@@ -60,13 +65,15 @@ def new_cluster(options):
 
 
 class Soak:
-    def __init__(self, cluster, progress):
+    def __init__(self, cluster, progress, durable):
         self._cluster = cluster
         self._progress = progress
+        self._durable = durable
         self._load = Load(cluster, LOAD)
         self._leader = 1
         self._log = None  # number of the first decision in the log
-        self.figures = Figures(cluster.nodes)
+        self.figures = Figures(cluster.nodes, durable)
+        self._of_killed = Counter()  # what processes that were killed had counted of their submissions
         self.faults = []
         self.notes = []
 
@@ -93,6 +100,8 @@ class Soak:
         for calls in (("leave", "start"), ("reinit",)):
             for role, node_id in (("follower", follower), ("leader", self._leader)):
                 self._loop(f"{'/'.join(calls)}, {role} {node_id}", node_id, calls, cycles)
+        if self._durable:
+            self._kills(max(KILLS_MIN, cycles // 10))
 
     def _next(self, node_id):
         return node_id % len(self._cluster.nodes) + 1
@@ -141,6 +150,26 @@ class Soak:
             self._sample(phase)
             self._show(phase, bar(phase.cycles, cycles))
 
+    def _kills(self, cycles):
+        """Submitters die: what they had on its way is named by no log, and must not stay."""
+        phase = self._begin("kill -9, each in turn", (1 / 4, 1 / 2), (3 / 4, 1))
+        node_id = self._leader
+        for _ in range(cycles):
+            node = self._cluster.node(node_id)
+            self._of_killed.update(node.control.status()["submissions"])
+            node.kill()
+            node.start()
+            self._pids[node_id] = node.pid()
+            self._load.begin(node_id)
+            begun = time.monotonic()
+            wait_until(lambda node=node: node.control.status()["submissions"]["acknowledged"] > 0, PROGRESS_S,
+                       f"node {node_id} gets a line through")
+            phase.note_time("next line", time.monotonic() - begun)
+            phase.cycles += 1
+            self._sample(phase)
+            self._show(phase, bar(phase.cycles, cycles))
+            node_id = self._next(node_id)
+
     def _call(self, phase, node_id, call):
         control = self._cluster.node(node_id).control
         begun = time.monotonic()
@@ -164,11 +193,21 @@ class Soak:
         if acknowledged != FURTHER_LINES:
             raise CheckFailed(f"only {acknowledged} of {FURTHER_LINES} further lines were acknowledged")
         lines = self._cluster.await_equal()[0].count
-        acknowledged = sum(node.control.status()["submissions"]["acknowledged"] for node in nodes)
+        acknowledged = self._of_killed["acknowledged"] + sum(
+            node.control.status()["submissions"]["acknowledged"] for node in nodes)
         if lines < acknowledged:
             raise CheckFailed(f"{acknowledged} lines were acknowledged, the journals have {lines}")
         self.notes.append(f"{lines} lines in each journal, {acknowledged} of them acknowledged; the journals are equal")
+        self._await_few_payloads(len(nodes))  # at most a state of each for the next number
+        if self._durable and not all(phase.most_payloads() for phase in self.figures.phases):
+            self.faults.append("no payload was ever in a file")
         self._read_logs()
+
+    def _await_few_payloads(self, unnamed_max):
+        for node in self._cluster.nodes.values():
+            wait_until(lambda node=node: payload_figures(node.cons_dir)[1] <= unnamed_max, PAYLOADS_S,
+                       lambda node=node: f"node {node.id} has at most {unnamed_max} payload files that its log does not "
+                       f"name; it has {payload_figures(node.cons_dir)[1]}")
 
     def _read_logs(self):
         for node in self._cluster.nodes.values():
@@ -179,7 +218,7 @@ class Soak:
                     if worst is None and any(word in line for word in DESPAIR):
                         worst = line.decode(errors="replace").strip()
             if lost:  # the only node that had it, mostly a leader with a new snapshot, left or was cleaned up
-                self.notes.append(f"node {node.id} has skipped {lost} lost payloads")
+                (self.faults if self._durable else self.notes).append(f"node {node.id} has skipped {lost} lost payloads")
             if worst:
                 self.faults.append(f"node {node.id} logged: {worst}")
 
@@ -190,7 +229,9 @@ class Soak:
         return self.figures.begin(name, *arguments)
 
     def _sample(self, phase):
-        sample = {"t": time.monotonic(), "given_up": 0}
+        # States for the next number, calls under way, and calls that died since their node's last decided message.
+        self._await_few_payloads(len(self._cluster.nodes) * (1 + 2 * LOAD["threads"]))
+        sample = {"t": time.monotonic(), "given_up": self._of_killed["again"] + self._of_killed["failed"]}
         for node_id, node in self._cluster.nodes.items():
             figures = self._look_at_process(node_id)
             sample[node_id] = {"rss_kb": figures["rss_kb"], "fds": figures["fds"],
@@ -225,7 +266,7 @@ def run(options, progress):
     if not options.minutes and not options.cycles:
         raise UsageError("neither minutes nor cycles: there is nothing to do")
     with new_cluster(options) as cluster:
-        soak = Soak(cluster, progress)
+        soak = Soak(cluster, progress, options.durable)
         try:
             soak.run(options.minutes, options.cycles)
         finally:

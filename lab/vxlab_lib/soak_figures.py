@@ -9,11 +9,13 @@ import time
 from dataclasses import dataclass, field
 from statistics import mean, median
 
+from .chaos.decisions import read_decided
+
 JOURNAL_KEEP = 200  # lines of the journal in memory: few, so that it has to stay flat
 PAYLOAD_BYTES = [200, 200, 200, 3000]  # in turn; the long ones travel in pieces
-LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0}  # by how much a median may rise
+LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0, "unnamed": 3}  # by how much a median may rise
 TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
-          "stale": "temporary files left"}
+          "stale": "temporary files left", "unnamed": "payload files beyond the log"}
 GIVEN_UP_BYTES = mean(PAYLOAD_BYTES) + 400  # a payload in the library's table, and what belongs to it
 ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
 SAMPLES_MIN = 100  # of a phase whose memory is judged as strictly as that
@@ -27,6 +29,7 @@ class Phase:
     middle: tuple  # the shares of the samples whose medians are compared
     end: tuple
     roll_overs_min: int = 0
+    given_up_bytes: float = GIVEN_UP_BYTES + ATTEMPT_BYTES  # what may remain of an attempt
     cycles: int = 0
     samples: list = field(default_factory=list)  # {"t", "given_up", "number", "cycle", node: {figure: value}}
     roll_overs: int = 0
@@ -45,7 +48,7 @@ class Phase:
         return self.window(self.end, pick) - self.window(self.middle, pick)
 
     def subtracted_kb(self):
-        return max(0.0, self.rise(lambda sample: sample["given_up"])) * (GIVEN_UP_BYTES + ATTEMPT_BYTES) / 1024
+        return max(0.0, self.rise(lambda sample: sample["given_up"])) * self.given_up_bytes / 1024
 
     def note_time(self, what, seconds):
         self.longest_s[what] = max(self.longest_s.get(what, 0.0), seconds)
@@ -72,6 +75,11 @@ class Phase:
                 "GROWS: " + ", ".join(TITLES[figure] for figure in grown) if grown else
                 "flat" if self.is_long() else "flat, as far as so short a time tells"]
 
+    def most_payloads(self):
+        """Files on any node at any time."""
+        return max(figures["payloads"] for sample in self.samples for node_id, figures in sample.items()
+                   if isinstance(node_id, int))
+
     def in_words(self):
         times = ", ".join(f"{what} {seconds * 1000:.0f} ms" for what, seconds in self.longest_s.items())
         given_up = self.samples[-1]["given_up"] - self.samples[0]["given_up"]
@@ -79,7 +87,7 @@ class Phase:
                  for key, what in (("number", "decision"), ("cycle", "cycle"))}
         blind = " or ".join(f"{self.allowed('rss_kb') * 1024 / rise:.0f} bytes per {what}"
                             for what, rise in rises.items() if rise)
-        return (f"{self.name}: {self.cycles} cycles, {given_up} attempts given up; longest: {times or '-'}; a leak "
+        return (f"{self.name}: {self.cycles} cycles, at most {self.most_payloads()} payload files on a node, {given_up} attempts given up; longest: {times or '-'}; a leak "
                 f"below {blind or 'any size'} would not be seen")
 
 
@@ -97,17 +105,33 @@ def file_figures(directory):
                 stale += time.time() - os.stat(os.path.join(directory, name)).st_mtime > STALE_S
             except FileNotFoundError:
                 pass
-    return {"files": sum(not name.endswith(".tmp") for name in names), "stale": stale}
+    payloads, unnamed = payload_figures(directory)
+    return {"files": sum(not name.endswith(".tmp") for name in names), "stale": stale, "payloads": payloads,
+            "unnamed": unnamed}
+
+
+def payload_figures(directory):
+    """(payload files of the node, how many of them its log does not name). Its files change meanwhile."""
+    try:
+        names = {name for name in os.listdir(os.path.join(directory, "payloads")) if not name.endswith(".tmp")}
+    except FileNotFoundError:
+        return 0, 0
+    decided = read_decided(directory)
+    log = {"{}.{}".format(*decided.entry(index)) for index in range(decided.count)} if decided else set()
+    return len(names), len(names - log)
 
 
 class Figures:
-    def __init__(self, nodes):
+    def __init__(self, nodes, durable):
         self._nodes = list(nodes)
+        self._durable = durable
         self.phases = []
 
     def begin(self, *arguments):
         """A new Phase of these arguments."""
         self.phases.append(Phase(*arguments))
+        if self._durable:  # a payload goes with the next decision of its node
+            self.phases[-1].given_up_bytes = ATTEMPT_BYTES
         return self.phases[-1]
 
     def growing(self):
@@ -139,7 +163,7 @@ the first tenth / of the second quarter / of the last quarter. Allowed rise from
 {LIMITS['rss_kb']} KiB and what is subtracted ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of
 few roll-overs); {others}.
 Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes
-of a payload that stays until cleanup and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the
+of a payload that stays until cleanup (not of durable ones) and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the
 newest {JOURNAL_KEEP} lines; its file grows on disk.
 """)
         for phase in phases:

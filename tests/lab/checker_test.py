@@ -11,7 +11,7 @@ sys.dont_write_bytecode = True
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, os.environ.get("VX_LAB_DIR") or os.path.join(HERE, "../../lab"))
 
-from episode_builder import STATE, Builder, tag  # noqa: E402
+from episode_builder import STATE, THREADS, Builder, tag  # noqa: E402
 from vxlab_lib.checker import CouldNotRun, check  # noqa: E402
 
 LOST = "CONS: PAXOS DATA: data lost - skipped (id=3/2)"
@@ -130,6 +130,27 @@ def spin(at_s):
         [(at_s, "CONS: CONSENSOUS: propose ... (batch_id=10, round=2)")] * 100)
 
 
+def durable(builder):
+    builder.options["durable"] = True
+
+
+def not_on_disk(name, *nodes):
+    return lambda builder: [builder.payloads[node].remove(name) for node in nodes]
+
+
+def lost_on_3(builder):
+    """Its line in place, and node 1 had restarted: what live payloads in memory would excuse."""
+    at = builder.log[3].index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
+    builder.log[3].insert(at, LOST)
+    for at_s, words in enumerate(("cleanup-call", "cleanup-return", "start-call", "start-return 0")):
+        builder.insert(1, 13.1 + at_s / 10, words)
+
+
+def fall(cut_s):
+    """Power is cut, and the first sample of node 2 since then shows the decision before the last."""
+    return [event(cut_s, "power-cut"), sample(2, 12.7, batch=5, count=1, crc="00000005", first=STATE)]
+
+
 # what is wrong, [changes before make], [changes after], what is named (then what may follow; None: held)
 CASES = [
     ("nothing", [], [], None),
@@ -191,6 +212,25 @@ CASES = [
     ("ordered again by a leader that must know", [], [ordered_again], "I2"),
     ("ordered again, and who missed it has proposed nothing since", [],
      [protocol_restarts_on_1, ordered_again, lambda b: b.log[1].pop()], "I2"),
+    ("durable: nothing", [durable], [], None),
+    ("durable: a lost payload", [durable, lose_fifth_on_3], [lost_on_3], "I6 I1 I9 I12"),
+    ("durable: unequal for a lost payload", [durable], [lost_on_3, event(65, "unequal", error="")], "I9 I12"),
+    ("durable: skipped, and missed by nobody", [durable], [in_log(2, LOST)], "I12"),
+    ("durable: skipped where a disk was lost", [durable], [in_log(2, LOST), event(30, "wipe", node=3)], None),
+    ("durable: two states, two leaders", [durable], [other_state(1), *full_state_of(1, 2)], "I8"),
+    ("durable: a carried tail", [durable], [in_log(2, LOST), other_state(2), *full_state_of(1, 2)], "I14 I8 I12"),
+    ("durable: ordered again by a leader that a restart made forget", [durable], [leader_restarts, ordered_again], "I2"),
+    ("durable: late equal, several down", [durable, lambda b: b.events[5][2].update(after_s=31)],
+     [crash_repeat(), event(19.5, "kill", node=3)], "I9"),
+    ("durable: five threads", [durable], [sample(3, 10, tasks={name[:15]: 1 for name in THREADS})], "I11"),
+    ("six threads", [], [sample(3, 10, tasks={name[:15]: 1 for name in (*THREADS, "payload-file-thread")})], "I11"),
+    ("durable: on one disk", [durable], [not_on_disk("2.3", 1, 3)], "I7"),
+    ("durable: on two disks", [durable], [not_on_disk("2.3", 1)], None),
+    ("durable: files left", [durable], [lambda b: b.payloads[2].extend(["1.2", "2.2", "3.2", "1.9"])], "I7"),
+    ("durable: a temporary file left", [durable], [lambda b: b.payloads[2].append("1.9.tmp")], "I7"),
+    ("durable: the number fell by a power cut", [durable], fall(12.65), None),
+    ("durable: the number fell behind what was synced", [durable], fall(12.65)[:1] + [
+        sample(2, 12.7, batch=4, count=4, crc="00000004", first=(1, 2))], "I7"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]
 

@@ -34,6 +34,8 @@ class Builder:
         self.samples, self.wire = [], []
         self.decide = struct.pack("<II", 9, 5)
         self.deliver = {node: (2, 4) for node in (1, 2, 3)}
+        self.options = {}
+        self.payloads = {}  # node -> names of its files; default: what the log names
 
     def make(self):
         """Fills traces and logs from `order`, then samples and datagrams. Returns self."""
@@ -41,6 +43,8 @@ class Builder:
         for node in (1, 2, 3):
             self._make_node(node)
         entries = [STATE] + [(origin, sequence + 1) for origin, sequence, *_ in self.plan[4:]]
+        named = [f"{sender}.{msg_id}" for sender, msg_id in entries]
+        self.payloads = {node: list(named) for node in (1, 2, 3)} if self.options.get("durable") else {}
         self.decide += b"".join(struct.pack("<BI", *entry) for entry in entries)
         self.decide = self.decide[:1258].ljust(1258, b"\0")
         for number in range(1, 10):
@@ -49,7 +53,7 @@ class Builder:
             named = f"{first[0]}.{first[1]}"
             self.wire.append([number * 2.0, 1, "decide", number, count, f"{number:08x}", named, "once"])
             for node in (1, 2, 3):
-                tasks = {name[:15]: 1 for name in THREADS}
+                tasks = {name[:15]: 1 for name in THREADS + ("payload-file-thread",) * bool(self.options.get("durable"))}
                 self.samples.append({"t": number * 2.1, "node": node, "pid": 10, "batch": number, "count": count,
                                      "crc": f"{number:08x}", "first": first, "last": first, "msg_id": number + 1,
                                      "deliver": first, "regs": [], "fds": 9, "rss_kb": 9000, "tmp": 0, "cpu_ms": number,
@@ -102,7 +106,7 @@ class Builder:
             return int(seconds * SECOND)
 
         put("run.json", json.dumps({"seed": 7, "nodes": 3, "started_ns": 0, "faults_end_ns": ns(HEAL_S),
-                                    "end_ns": ns(END_S)}))
+                                    "end_ns": ns(END_S), "options": self.options}))
         put("events.jsonl", "".join(json.dumps({"t": ns(at), "what": what, **more}) + "\n"
                                     for at, what, more in sorted(self.events, key=lambda event: event[0])))
         put("samples.jsonl", "".join(json.dumps({**one, "t": ns(one["t"])}) + "\n" for one in self.samples))
@@ -120,4 +124,5 @@ class Builder:
             put(f"node{node}/flashdisk/cons/paxos_decide", self.decide)
             put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", *self.deliver[node]))
             put(f"node{node}/flashdisk/cons/msg_id", bytes(4))
+            put(f"node{node}/payloads.json", json.dumps(dict.fromkeys(self.payloads.get(node, []), 99)))
         return directory

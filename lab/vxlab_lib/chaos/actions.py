@@ -10,6 +10,10 @@ from . import decisions, disk_actions, exact_actions, strangers
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
 
+EXACT_MOMENT_S = 3.0
+SLOW_S = 0.3  # syncs are slow so long before the power is cut: more is not synced then
+
+
 def do_net(stage, track, step):
     stage.set_rules(track, step["rules"])
 
@@ -88,6 +92,50 @@ def do_kill_all(stage, _track, step):
     for node_id in running:
         if not stage.is_running(node_id):
             stage.start(node_id)
+
+
+def do_power_cut(stage, _track, step):
+    with stage.one_down(True) as may:
+        if not may:
+            return
+        slow = [f"slow_sync {step['slow_ms']}"] * bool(step["slow_ms"])
+        set_disk_rules(stage, slow)
+        stage.pause(SLOW_S)
+        if step.get("rule"):
+            await_exact_moment(stage, step["node"], [*slow, step["rule"]])
+        for number, up_s in enumerate([*step["again_s"], None]):
+            stage.cut_power(step["seed"] + number)
+            set_disk_rules(stage, slow if up_s is not None else [])
+            stage.pause(step["down_s"])
+            late = [] if up_s is not None or not step["late_s"] else [stage.node_id("last")]
+            stage.start_together([node_id for node_id in stage.cluster.nodes if node_id not in late])
+            if up_s is not None:
+                stage.pause(up_s)
+        if step["master"]:
+            stage.set_masters([step["master"]])
+        stage.pause(step["late_s"])
+        for node_id in late:
+            stage.start(node_id)
+        stage.settle(stage.node_id("leader"))
+
+
+def set_disk_rules(stage, rules):
+    for node_id in stage.cluster.nodes:
+        disk_actions.write_disk_rules(stage, node_id, rules)
+
+
+def await_exact_moment(stage, who, rules):
+    """Waits a while until the node's disk library kills it in the middle of a save."""
+    node_id = stage.node_id(who)
+    if not stage.is_running(node_id):
+        return
+    pid = stage.cluster.node(node_id).pid()
+    stage.down_on_purpose(pid)
+    disk_actions.write_disk_rules(stage, node_id, rules)
+    at_ns = stage.await_end(node_id, timeout_s=EXACT_MOMENT_S)
+    disk_actions.write_disk_rules(stage, node_id, [])
+    if at_ns is not None:
+        stage.events.add("kill", at_ns=at_ns, node=node_id, pid=pid, point=rules[-1])
 
 
 def do_wipe(stage, _track, step):

@@ -1,11 +1,13 @@
 """What both arenas have in common: a cluster, and a vx-fabric that carries its datagrams."""
 
+import json
 import os
 import shutil
 
 from .. import programs
 from ..cluster import Cluster
 from ..errors import LabError
+from ..node import UNDO
 from ..waiting import wait_until
 from .fabric_client import FabricClient
 
@@ -45,6 +47,8 @@ class Arena:
         found["ASAN_OPTIONS"] = "quarantine_size_mb=8:" + os.environ.get("ASAN_OPTIONS", "")
         if self.plan.options.get("disk_faults"):
             found["VX_DISK_FAULTS"] = node.path("disk_faults")
+        if self.plan.options.get("undo"):
+            found["VX_DISK_UNDO"] = f"/flashdisk/{UNDO}"
         if self.plan.options.get("clock"):
             found["VX_CLOCK_SHIFT"] = node.path("clock_shift")
             with open(node.path("clock_shift"), "wb") as file:
@@ -110,12 +114,15 @@ class Arena:
             for name, new_name in names.items():
                 copy(node.path(name), os.path.join(target, new_name))
             copy(node.path("flashdisk", "journal"), os.path.join(target, "journal"))
+            if os.path.isdir(node.payload_dir):  # as many bytes as there were payloads would be too many to keep
+                with open(os.path.join(target, "payloads.json"), "w", encoding="utf-8") as file:
+                    json.dump({entry.name: entry.stat().st_size for entry in os.scandir(node.payload_dir)}, file)
 
 
 def copy(source, target):
     """A file or a directory; nothing if there is none."""
     if os.path.isdir(source):
-        shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=shutil.ignore_patterns("journal*"))
+        shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=shutil.ignore_patterns("journal*", UNDO, "payloads"))
     elif os.path.exists(source):
         shutil.copyfile(source, target)
 

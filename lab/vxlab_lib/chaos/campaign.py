@@ -60,7 +60,8 @@ class Campaign:
 
     def _one(self, seed, evidence_root):
         options = self._options
-        plan = make_plan(seed, options.arena, options.nodes, choose_faults(seed, options.arena, options.faults))
+        faults = choose_faults(seed, options.arena, options.faults, options.durable)
+        plan = make_plan(seed, options.arena, options.nodes, faults, options.durable)
         for line in plan.lines():
             self._progress.say(line)
         work_dir = os.path.join(private_space.WORK_ROOT, "vxlab")
@@ -106,13 +107,15 @@ class Campaign:
         faults = "+".join(plan.faults) or "none"
         bin_dir = f" --bin {self._options.bin}" if self._options.bin else ""
         library = f" --library {self._options.library}" if self._options.library else ""
+        library += " --durable" if self._options.durable else ""
         return (f"vxlab{bin_dir} chaos --arena {plan.arena} --nodes {plan.nodes} --faults {faults} "
                 f"--replay {plan.seed}{library}")
 
     def row(self):
         options = self._options
         seeds = f"{self.seeds[0]}-{self.seeds[-1]}" if self.seeds else "-"
-        return [options.arena, options.nodes, ",".join(options.faults), seeds, f"{self.minutes:.1f}",
+        arena = options.arena + (", durable" if options.durable else "")
+        return [arena, options.nodes, ",".join(options.faults), seeds, f"{self.minutes:.1f}",
                 self.totals["submissions"], self.totals["acknowledged"], self.totals["roll_overs"],
                 self.totals["moved"], self.totals["faults"], self.totals["at_roll_over"], len(self.violated),
                 len(self.not_run)]

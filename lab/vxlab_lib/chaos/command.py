@@ -24,15 +24,18 @@ def list_faults():
             print(f"{group}:")
         where = "" if len(fault.arenas) == 2 else f" [{fault.arenas[0]} only]"
         where += " [not in all]" if fault.is_apart else ""
+        where += " [with --durable]" if fault.is_durable else ""
         print(f"  {name:<34} {fault.what}; undone: {fault.undone}{where}")
 
 
-def parse_faults(text, arena):
+def parse_faults(text, arena, durable):
     wanted = text.split(",")
     for name in (one for entry in wanted if entry not in ("all", "none") for one in entry.split("+")):
         if name not in FAULTS:
             raise UsageError(f"there is no fault {name}: `vxlab chaos --list` names them")
-        if name not in names_of(arena):
+        if FAULTS[name].is_durable and not durable:
+            raise UsageError(f"{name} is to be had with --durable alone")
+        if name not in names_of(arena, durable):
             raise UsageError(f"{name} is not to be had in the {arena} arena")
     if "all" in wanted and len(wanted) > 1:
         raise UsageError("all stands alone")
@@ -46,7 +49,7 @@ def add_command(subparsers):
 
         if options.list:
             return list_faults()
-        options.faults = parse_faults(options.faults, options.arena)
+        options.faults = parse_faults(options.faults, options.arena, options.durable)
         if options.replay is not None:
             options.seed, options.episodes = options.replay, 1
         return Campaign(options, Build(options.bin, options.library), Progress()).run()
@@ -64,6 +67,8 @@ def add_command(subparsers):
     parser.add_argument("--nodes", type=int, default=3, choices=[3, 5, 16], help="nodes of the cluster (default 3)")
     parser.add_argument("--faults", default="all", metavar="LIST", help="see below (default all)")
     parser.add_argument("--replay", type=int, metavar="SEED", help="one episode, with this seed")
+    parser.add_argument("--durable", action="store_true", help="payloads survive all nodes: nothing that was "
+                        "acknowledged may be lost, whatever is killed")
     parser.add_argument("--first", action="store_true", help="end with the first broken promise")
     parser.add_argument("--keep", metavar="DIR", help="keep all evidence, there (default: only of broken promises, in "
                         "chaos/ of the run directory)")

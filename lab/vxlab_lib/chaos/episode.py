@@ -108,7 +108,7 @@ class Episode:
                                        count for what, count in self.events.counts.items()
                                        if what in ("kill", "term", "pause", "master", "net", "cut", "hold", "disk",
                                                    "stop-call", "slow-hook", "clock", "state-file", "strangers",
-                                                   "reinit", "bulk", "keepalived", "freeze")))
+                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut")))
         self._end_nodes(stage)
 
     def _first_life(self, arena, seconds):
@@ -172,11 +172,19 @@ class Episode:
     def _heal(self, stage, load):
         self.progress("healing")
         load.end()
-        undo_all(stage)
+        trouble = None
+        try:
+            undo_all(stage)
+        except LabError as error:
+            if not self.plan.options.get("durable"):
+                raise
+            trouble = error  # after a power cut, too, every node comes back
         heal_ns = self.events.add("heal")
         self.run_info["faults_end_ns"] = heal_ns
         self.write_run_info()
         try:
+            if trouble:
+                raise trouble
             if self.plan.options.get("keepalived"):
                 wait_until(lambda: len(stage.cluster.masters()) == 1, HEAL_S, "keepalived agrees on one leader")
             self._fresh(stage)

@@ -9,6 +9,7 @@ has so many entries. A node is a number or a role, which is looked up at the mom
 import random
 from dataclasses import dataclass, field
 
+from ..programs import DURABLE
 from .faults import FAULTS, names_of
 
 DURATION_S = (15.0, 40.0)
@@ -39,11 +40,11 @@ class Plan:
                 yield f"  {step['at']:5.1f} s  {track['fault']}: {step['do']} {more}"
 
 
-def choose_faults(seed, arena, wanted):
+def choose_faults(seed, arena, wanted, durable=False):
     """Fault names of the episode with this seed, `wanted` as on the command line: names joined by + come together,
     "none" is no fault, "all" is each one alone first, by seed, then pairs."""
     if wanted == ["all"]:
-        names = [name for name in names_of(arena) if not FAULTS[name].is_apart]
+        names = [name for name in names_of(arena, durable) if not FAULTS[name].is_apart]
         if seed % (2 * len(names)) < len(names):
             return [names[seed % len(names)]]
         return sorted(random.Random(f"pair {seed} {arena}").sample(names, 2))
@@ -51,12 +52,12 @@ def choose_faults(seed, arena, wanted):
     return [] if entry == "none" else entry.split("+")
 
 
-def make_plan(seed, arena, nodes, faults):
+def make_plan(seed, arena, nodes, faults, durable=False):
     draw = random.Random(f"{seed} {arena} {nodes} {' '.join(faults)}")
     seconds = round(draw.uniform(*DURATION_S), 1)
     load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
             "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
-    tracks, settings, options = [], {}, {}
+    tracks, settings, options = [], {0: dict(DURABLE)} if durable else {}, {"durable": True} if durable else {}
     for name in faults:
         fault = FAULTS[name]
         made = fault.make(draw, nodes, seconds)

@@ -59,8 +59,16 @@ def file_figures(directory):
         "deliver": delivered,
         "regs": sorted(int(name[7:]) for name in sizes if name.startswith("rb_reg.") and name[7:].isdigit()),
         "sizes": sizes,
+        "payloads": count_files(os.path.join(directory, "payloads")),
         "tmp": sum(name.endswith(".tmp") for name in sizes),
     }
+
+
+def count_files(directory):
+    try:
+        return len(os.listdir(directory))
+    except OSError:
+        return None
 
 
 class Sampler:

@@ -10,6 +10,7 @@ from ..errors import LabError
 from ..waiting import wait_until
 from . import decisions
 from .events import now_ns
+from .power_cut import PowerCut
 from .sampler import await_log
 
 ROLL_OVER_WAIT_S = 8.0
@@ -36,6 +37,7 @@ class Stage:
         self._cuts = {}  # track -> pairs
         self._net_lock = threading.Lock()
         self._one_down = threading.Lock()
+        self._power = threading.Lock()  # held while there is none; no process begins then
         self._down_on_purpose = set()  # process ids
         self._marked = {}  # id of an armed kill -> its event
         self._marked_changed = threading.Condition()
@@ -197,6 +199,22 @@ class Stage:
         node.kill()
         self.arena.node_is_down(node_id)
 
+    def cut_power(self, seed):
+        """Ends all nodes at one moment, and leaves on each disk what had to be there, and more only by chance."""
+        with self._power:
+            processes = self.cluster.processes()
+            for process in processes.values():
+                self._down_on_purpose.add(process["pid"])
+            at_ns = self.events.add("power-cut", seed=seed)
+            killed = self.cluster.holder.ask("kill_all", nodes=sorted(self.cluster.nodes))["killed"]
+            for node_id in killed:
+                self.events.add("kill", at_ns=at_ns, node=node_id, pid=processes[node_id]["pid"], point="power")
+            for node_id, node in self.cluster.nodes.items():
+                node.await_end()
+                self.arena.node_is_down(node_id)
+                cut = PowerCut(node.path("flashdisk"), f"{seed} {node_id}").make()
+                self.events.add("disk-cut", node=node_id, lost=cut.lost, not_kept=cut.not_kept)
+
     def terminate(self, node_id):
         """Clean end of the daemon; returns its exit code."""
         node = self.cluster.node(node_id)
@@ -209,13 +227,21 @@ class Stage:
 
     def start(self, node_id):
         """Starts the daemon and its load. Raises LabError if it does not come up."""
-        node = self.cluster.node(node_id)
-        at_ns = now_ns()
-        node.start()
-        self.events.add("spawn", at_ns=at_ns, node=node_id, pid=node.pid())
-        if self.plan.options.get("keepalived") and not self.arena.has_keepalived(node_id):
-            self.arena.start_keepalived(node_id)
-        self.load.begin(node_id)
+        self.start_together([node_id])
+
+    def start_together(self, node_ids):
+        """As start, all at one moment."""
+        spawned = {}
+        with self._power:
+            for node_id in node_ids:
+                at_ns = now_ns()
+                spawned[node_id] = at_ns, self.cluster.node(node_id).spawn()
+        for node_id, (at_ns, pid) in spawned.items():
+            self.cluster.node(node_id).await_started()
+            self.events.add("spawn", at_ns=at_ns, node=node_id, pid=pid)
+            if self.plan.options.get("keepalived") and not self.arena.has_keepalived(node_id):
+                self.arena.start_keepalived(node_id)
+            self.load.begin(node_id)
 
     def is_running(self, node_id):
         process = self.cluster.processes().get(node_id)

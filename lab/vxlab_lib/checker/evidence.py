@@ -233,6 +233,14 @@ class NodeFiles:
                 older[int(middle)] = name
         return b"".join(read_bytes(older[number]) for number in sorted(older, reverse=True)) + read_bytes(path)
 
+    def payloads(self):
+        """Names of the payload files at the end; None if there is no directory of them."""
+        content = read_bytes(self.path("payloads.json"))
+        if content:
+            return set(json.loads(content))
+        directory = self.path("flashdisk", "cons", "payloads")
+        return set(os.listdir(directory)) if os.path.isdir(directory) else None
+
     def cons(self):
         """Directory with the library's files at the end."""
         return first_existing(self.path("flashdisk", "cons"), self.path("cons"))

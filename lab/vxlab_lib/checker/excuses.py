@@ -1,15 +1,26 @@
 """The excuses, each with the proof that it applies. A function here returns the proof as text, or None."""
 
 from bisect import bisect_left
+from functools import wraps
 
 from .promises import INFINITE
 
 
+def needs_memory(excuse):
+    """The excuse is that payloads or identifiers live in memory: none where they are durable."""
+    @wraps(excuse)
+    def found(episode, *arguments):
+        return None if episode.keeps_payloads else excuse(episode, *arguments)
+    return found
+
+
+@needs_memory
 def hole(episode, hook):
     """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
     return _told(hook.node, *episode.holes_before(hook)[-1]) if hook and episode.holes_before(hook) else None
 
 
+@needs_memory
 def open_hole(episode, t):
     """Some node's journal lacked a payload then."""
     for node, trace in episode.traces.items():
@@ -24,6 +35,7 @@ def _told(node, life, before, hit):
             f"{before} hook calls, and was given no full state since")
 
 
+@needs_memory
 def lost(episode, tag, makers, later):
     """A history lacks the payload of this tag. Its `makers`, hook calls, had skipped that payload, or the full state
     that stood for it. Or the payload itself was skipped, before `later` where the node delivered that, by a node whose
@@ -50,6 +62,7 @@ def crash_repeat(episode, hook, before, crashed):
     return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last else None
 
 
+@needs_memory
 def forgotten_decision(episode, hook):
     """A FORWARD was accepted by a leader that had missed, or by a restart forgotten, that message's decision, after
     the log that named it had been replaced."""
@@ -100,6 +113,7 @@ def _stands_between(episode, trace, life, before, after_t, until_t):
     return earliest <= until_t and (at == len(hooks) or hooks[at].t >= after_t)
 
 
+@needs_memory
 def two_states(episode, number, near_t):
     """Two leaders made a full state for one decision: it may differ in its first entry."""
     makers = [node for node in episode.nodes if any(hit.number == number for hit in episode.hits(node, "full"))]
@@ -116,6 +130,7 @@ def two_states(episode, number, near_t):
 SECOND = 10**9
 
 
+@needs_memory
 def carried_tail(episode, number, counts):
     """A leader had lost the tail of its log and carried it into the new one."""
     for node in episode.nodes:

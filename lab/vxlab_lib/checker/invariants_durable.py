@@ -11,6 +11,7 @@ from .evidence import read_bytes
 from .invariants_order import FINDINGS_MAX
 
 LOG_SIZE = 1254
+SYNCED_NS = 2 * 10**9  # what was written so long ago has been synced since
 SIZES = {"msg_id": 4, "paxos_decide": 1258, "paxos_deliver": 5}
 
 
@@ -118,17 +119,24 @@ def _in_every_end(episode, check, chains, wanted):
 
 
 def files(episode, check):
+    cuts = [event["t"] for event in episode.events_of("power-cut")]
     for node, samples in episode.samples.items():
-        _never_falls(check, node, samples, "batch", "the number of the decision")
-        _never_falls(check, node, samples, "msg_id", "the message id counter")
+        _never_falls(check, node, samples, "batch", "the number of the decision", cuts)
+        _never_falls(check, node, samples, "msg_id", "the message id counter", cuts)
         _sizes(episode, check, node, samples)
     for node in episode.files:
         _at_the_end(episode, check, node)
+    if episode.keeps_payloads and episode.events_of("equal"):
+        _payload_files(episode, check)
 
 
-def _never_falls(check, node, samples, name, what):
-    highest = 0
+def _never_falls(check, node, samples, name, what, cuts):
+    """`cuts`: of power. A sample may have seen a save that was not synced then."""
+    highest, synced, cuts = 0, [(0, 0)], list(cuts)
     for sample in samples:
+        if cuts and sample["t"] > cuts[0]:
+            highest = max(value for t, value in synced if t <= cuts[0] - SYNCED_NS)
+            cuts.pop(0)
         value = sample.get(name)
         if value is None or sample.get("crc") is None:  # unreadable at that moment: a fault cut it
             continue
@@ -138,6 +146,8 @@ def _never_falls(check, node, samples, name, what):
                            batch=sample.get("batch"))
             highest = value
         highest = max(highest, value)
+        if cuts:
+            synced.append((sample["t"], highest))
 
 
 def _is_cut(episode, node):
@@ -187,6 +197,35 @@ def _at_the_end(episode, check, node):
         check.saw("register directories")
         if old:
             check.violated(f"registers of old decisions are left: {', '.join(sorted(old)[:5])}", batch=number, **where)
+
+
+def _payload_files(episode, check):
+    """At rest, what the log names is on the disks of a quorum, and little else is there: states for the next number,
+    one per node."""
+    logs = [_decided_log(episode, node)[1] for node in episode.nodes]
+    names = {node: episode.files[node].payloads() or set() for node in episode.nodes}
+    quorum = len(episode.nodes) // 2 + 1
+    for sender, msg_id in max(logs, key=len):
+        check.saw("payloads of the log")
+        holders = [node for node in episode.nodes if f"{sender}.{msg_id}" in names[node]]
+        if len(holders) < quorum:
+            check.violated(f"the log names payload {msg_id}/{sender}, which only nodes {holders} have on disk",
+                           t=episode.end_t or None)
+            break
+    for node, log in zip(episode.nodes, logs):
+        left = sorted(names[node] - {f"{sender}.{msg_id}" for sender, msg_id in log})
+        if len(left) > len(episode.nodes) or any(name.endswith(".tmp") for name in left):
+            check.violated(f"{len(left)} payload files are left that the log does not name: {', '.join(left[:5])}",
+                           t=episode.end_t or None, node=node)
+
+
+def _decided_log(episode, node):
+    """(number, entries) of paxos_decide at the end; empty if it is none."""
+    content = read_bytes(os.path.join(episode.files[node].cons(), "paxos_decide"))
+    if len(content) != SIZES["paxos_decide"]:
+        return 0, []
+    number, count = struct.unpack_from("<II", content)
+    return number, [struct.unpack_from("<BI", content, 8 + 5 * index) for index in range(min(count, 250))]
 
 
 def _delivered_is_known(episode, check, node, number, entries, deliver):

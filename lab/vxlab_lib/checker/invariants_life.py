@@ -15,6 +15,7 @@ SAMPLE_GRACE_NS = SECOND // 2  # a sample takes its time
 FIGURES_AGE_NS = 2 * SECOND  # what a sample tells of threads may be so old
 FRESH_GRACE_NS = 5 * SECOND  # from a verdict to its line in the trace, on a machine with much to do
 THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread")
+DURABLE_THREAD = "payload-file-thread"  # where payloads are durable
 TASK_NAME_MAX = 15
 
 
@@ -42,7 +43,7 @@ def healing(episode, check):
     masters = episode.events_of("master")
     if masters and len(masters[-1]["nodes"]) != 1:
         check.note(f"MASTER at the end: {masters[-1]['nodes']}")
-    if episode.level != "several" and equals[0].get("after_s", 0) > CONVERGE_S:
+    if (episode.level != "several" or episode.keeps_payloads) and equals[0].get("after_s", 0) > CONVERGE_S:
         check.violated(f"the journals became equal only after {equals[0]['after_s']:.1f} s",
                        **{**where, "t": equals[0]["t"]})
     _equal_ends(episode, check)
@@ -190,7 +191,8 @@ def _names_threads(episode):
 
 
 def _threads(episode, check, node, start, stop_call, stopped, until):
-    names = [name[:TASK_NAME_MAX] for name in THREADS]
+    while_active = {**dict.fromkeys(THREADS, 1), DURABLE_THREAD: int(episode.has_durable_payloads)}
+    while_active = {name[:TASK_NAME_MAX]: count for name, count in while_active.items()}
     samples = episode.samples[node] if _names_threads(episode) else []
     has_isolated = bool(episode.hits(node, "isolating"))  # then the threads end at a moment that nobody noted
     for sample in samples[bisect_left(samples, start, key=lambda sample: sample["t"]):]:
@@ -204,7 +206,7 @@ def _threads(episode, check, node, start, stop_call, stopped, until):
         if not is_active and not is_stopped:
             continue
         check.saw("samples of threads")
-        wrong = [name for name in names if tasks.get(name, 0) != (1 if is_active else 0)]
+        wrong = [name for name, count in while_active.items() if tasks.get(name, 0) != (count if is_active else 0)]
         if wrong:
             state = "while active" if is_active else "after stop"
             check.violated(f"threads {state}: " + ", ".join(f"{tasks.get(name, 0)} {name}" for name in wrong), t=t,
@@ -221,6 +223,9 @@ def log_lines(episode, check):
             if log.hits[kind]:
                 check.violated(f"logged \"{text}\", {len(log.hits[kind])} times", node=node,
                                t=_time_of(episode, node, kind))
+        if log.hits["lost"] and episode.keeps_payloads:
+            check.violated(f"logged \"data lost - skipped\", {len(log.hits['lost'])} times", node=node,
+                           t=_time_of(episode, node, "lost"))
         last = 0
         for hit in episode.hits(node, "broadcast"):
             check.saw("DECIDE broadcasts")

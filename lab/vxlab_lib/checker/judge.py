@@ -57,10 +57,10 @@ def check_journals(journals, acknowledged=None):
 def judge(episode):
     checks = []
     for invariant, title, function in INVARIANTS:
-        one = Check(invariant, title, not_promised=not_promised(episode.level, invariant))
+        one = Check(invariant, title, not_promised=not_promised(episode, invariant))
         if not one.not_promised:
             function(episode, one)
         checks.append(one)
     needed = [name for name in (NEEDED if episode.has_traces else NEEDED_OF_JOURNALS)
-              if not not_promised(episode.level, name)]
+              if not not_promised(episode, name)]
     return Result(episode.directory, episode.seed, episode.started, episode.level, checks, tuple(needed))

@@ -160,6 +160,15 @@ class Episode:
                     yield hit, life, segment.hooks_before(hit.offset) + missing
 
     @cached_property
+    def has_durable_payloads(self):
+        return bool(self.run.get("options", {}).get("durable"))
+
+    @cached_property
+    def keeps_payloads(self):
+        """Nothing that was acknowledged may be lost: payloads are durable, and no node has lost its disk."""
+        return self.has_durable_payloads and self.level != "wiped"
+
+    @cached_property
     def level(self):
         return fault_level(self)
 

@@ -53,10 +53,11 @@ def fault_level(episode):
     return "single"
 
 
-def not_promised(level, invariant):
-    """Why the invariant is not promised under these faults, or None."""
+def not_promised(episode, invariant):
+    """Why the invariant is not promised under the episode's faults, or None."""
+    level = episode.level
     if level == "wiped" and invariant not in ("I3", "L", "P"):
         return "a node lost its files alone"
-    if level == "several" and invariant == "I6":
+    if level == "several" and invariant == "I6" and not episode.keeps_payloads:
         return "several nodes were down together, and payloads live in memory"
     return None

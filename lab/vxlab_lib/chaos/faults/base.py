@@ -23,6 +23,7 @@ class Fault:
     make: object  # (random.Random, node count, seconds) -> Made
     arenas: tuple = ("broker", "wire")
     is_apart: bool = False  # left out of "all": almost nothing is promised under it
+    is_durable: bool = False  # only where payloads are durable
 
 
 def at(seconds, action, **arguments):

@@ -54,6 +54,14 @@ def blocked_save(draw, nodes, seconds):
                     for_s=round(draw.uniform(0.5, 2.5), 2)) for moment in times(draw, seconds, 6.0)])
 
 
+def payload_files(draw, nodes, seconds):
+    """No save of a payload comes to its end; nobody leaves for that."""
+    kinds = ["enospc payloads/*", "eio payloads/*", "readonly payloads/*", f"cut_write payloads/* {draw.randint(0, 60)}"]
+    return Made([at(moment, "disk", node=any_node(draw, nodes), for_s=round(draw.uniform(0.5, 2.5), 2),
+                    rules=[f"{draw.choice(kinds)} skip {draw.randint(0, 10)}"])
+                 for moment in times(draw, seconds, 5.0)], options={"disk_faults": True})
+
+
 FAULTS = [
     Fault("disk-enospc", "disk", "writes of one file fail with ENOSPC", UNDONE, failing("enospc")),
     Fault("disk-eio", "disk", "writes of one file fail with EIO", UNDONE, failing("eio")),
@@ -66,6 +74,8 @@ FAULTS = [
     Fault("disk-slow-sync", "disk", "each sync takes 500 ms longer", "the delay ends", slow),
     Fault("disk-blocked-save", "disk", "a directory stands in the way of a record's temporary file", UNDONE,
           blocked_save),
+    Fault("disk-payload-files", "disk", "saves of payloads fail on one node, or it cannot read them", "the disk is well",
+          payload_files, is_durable=True),
     Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
           "the record is whole again", cut_records),

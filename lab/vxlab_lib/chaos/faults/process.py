@@ -86,6 +86,25 @@ def kill_all(draw, _nodes, seconds):
                  for moment in times(draw, seconds, 8.0, first=3.0)], options={"several_down": True})
 
 
+MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call, name in
+           [(call, name) for name in ("rb_reg", "paxos_decide", "paxos_deliver", "msg_id", "payloads/*")
+            for call in ("write", "rename", "sync")] + [("unlink", "payloads/*")]]
+
+
+def power_cut(draw, nodes, seconds):
+    """Some come in the middle of a save, some again before all is as before."""
+    steps = []
+    for index, moment in enumerate(times(draw, seconds, 6.0, first=2.0)):
+        step = at(moment, "power-cut", seed=draw.randint(0, 1 << 30), down_s=round(draw.choice([0.0, 0.5]), 1),
+                  again_s=[round(draw.uniform(0.0, 1.5), 2) for _ in range(draw.choice([0, 0, 1, 2]))],
+                  late_s=round(draw.choice([0.0, 0.0, draw.uniform(0.5, 3.0)]), 2),
+                  master=draw.choice([0, draw.randint(1, nodes)]), slow_ms=draw.choice([0, 5, 30]))
+        if draw.random() < 0.5:
+            step = {**step, "node": any_node(draw, nodes), "rule": f"{draw.choice(MOMENTS)} {draw.randint(1, 8)}"}
+        steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
+    return Made(steps, options={"disk_faults": True, "undo": True, "several_down": True})
+
+
 def wipe(draw, nodes, seconds):
     return Made([at(moment, "wipe", node=draw.choice(["follower", "last"])) for moment in times(draw, seconds, 9.0)])
 
@@ -126,6 +145,12 @@ FAULTS = [
           UNDONE, restart_acceptor),
     Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
           UNDONE, kill_all),
+    Fault("power-cut", "process", "all nodes are killed at one moment, and their files go back to what was synced; of "
+          "the rest, any part may be there", UNDONE, power_cut, is_durable=True),
+    Fault("kill-near-payload-save", "process", "a node is killed in the middle of a save, or a removal, of a payload",
+          UNDONE, kill_near_save([f"kill_{when} {call}:payloads/*" for when in ("before", "after")
+                                  for call in ("write", "rename", "sync", "unlink")], ["leader", "follower", "last"]),
+          is_durable=True),
     Fault("wiped-node", "process", "one node loses all its files and is configured alone: its old identifiers come "
           "again", UNDONE, wipe, is_apart=True),
     Fault("missed-reset", "process", "all nodes but one are configured anew: its old life's log becomes everybody's",

@@ -1,0 +1,84 @@
+"""What durable payloads cost: their rows beside the same without them, and how long a new log keeps ordering."""
+
+import os
+import struct
+from statistics import median
+
+from .chaos.decisions import LOG_ENTRIES_MAX
+from .programs import DURABLE
+
+ROLL_OVERS = 3
+LINE_BYTES = 100
+NEIGHBOURS = 2  # the submission that meets the new log, give or take so many
+LINE_TIMEOUT_S = 120.0
+COUNTS = struct.Struct("<QQQQ")  # lab/disk_faults/disk_counts.h
+STATE_TYPE = 1
+
+
+def count_disk(node, library):
+    """From its next start on the node counts its saves and bytes."""
+    node.environment = {"LD_PRELOAD": library, "VX_DISK_COUNTS": node.path("disk_counts")}
+
+
+def read_counts(nodes):
+    """(saves, bytes) of all these nodes: sync() calls and what was written below /flashdisk/cons; the host's own files
+    are left out."""
+    saves = written = 0
+    for node in nodes:
+        with open(node.path("disk_counts"), "rb") as file:
+            syncs, _, library_bytes, _ = COUNTS.unpack(file.read())
+        saves, written = saves + syncs, written + library_bytes
+    return saves, written
+
+
+class RollOvers:
+    """Ordering stands still while a new log begins: seen as the time of the submission that meets it."""
+
+    def __init__(self, cluster, progress, settings):
+        self._cluster = cluster
+        self._progress = progress
+        self._settings = settings
+
+    def measure(self, count, durable, state_bytes):
+        """(median ms of any submission, [ms of each that met a new log]), submitted at the leader one by one."""
+        name = f"{count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes"
+
+        def settings(node):
+            states = {f"trace.state_bytes[{STATE_TYPE}]": state_bytes, "trace.file": node.path("trace")}
+            return {**self._settings, **(DURABLE if durable else {}), **states}
+
+        self._progress.say(name)
+        self._cluster.create(count, settings)
+        try:
+            self._cluster.start_all(master=1)
+            # The first log has one place more: no state begins it.
+            places = [LOG_ENTRIES_MAX + (LOG_ENTRIES_MAX - 1) * number for number in range(ROLL_OVERS)]
+            lines = [f"{number:0{LINE_BYTES}}".encode() for number in range(places[-1] + NEIGHBOURS + 1)]
+            part = self._cluster.submit(1, lines).wait(LINE_TIMEOUT_S)
+        finally:
+            self._cluster.close()
+        times = [part.acknowledged[number].latency_us / 1000 for number in range(len(lines))]
+        return median(times), [max(times[place - NEIGHBOURS:place + NEIGHBOURS + 1]) for place in places]
+
+
+def print_ratios(rows, keys, stream):
+    """Rows with durable payloads over the same without."""
+    before = {tuple(row[key] for key in keys): row for row in rows if row["durable"] == "no"}
+    print("\ndurable over not durable:", file=stream)
+    for row in rows:
+        other = before.get(tuple(row[key] for key in keys))
+        if row["durable"] == "yes" and other:
+            ratios = [f"{name.replace('_ms', '')} x {row[name] / other[name]:.2f}" for name in ("median_ms", "p99_ms")]
+            print("  " + ", ".join(f"{key} {row[key]}" for key in keys) + ": " + ", ".join(ratios), file=stream)
+
+
+def print_roll_overs(found, stream):
+    """`found`: (nodes, durable, state bytes) -> what RollOvers.measure gave."""
+    print("\na new log, submitting at the leader one by one (ms):", file=stream)
+    for (count, durable, state_bytes), (usual, met) in found.items():
+        print(f"  {count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes: usual "
+              f"{usual:.1f}, with a new log " + ", ".join(f"{each:.0f}" for each in met), file=stream)
+
+
+def find_library(build_dir):
+    return os.path.join(build_dir, "lib", "libvx_disk_faults.so")
