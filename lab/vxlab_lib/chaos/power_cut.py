@@ -2,7 +2,7 @@
 
 Whatever was certain stays. Of the rest, as the seed has it:
 - names: the changes up to some moment are kept, all later ones never were; or none is lost, or all are.
-- content of each file, on its own: kept; lost; or the first bytes of it kept, and what was reserved behind them is zeros.
+- content of each file, on its own: kept; lost; or its first bytes kept, and what was reserved behind them is zeros.
 
 So a name may be there without its content, and the other way round. One thing is taken apart only on a careless file
 system: what was written to a file before a rename is there if its new name is, but for payload files, which have
