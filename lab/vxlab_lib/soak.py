@@ -206,8 +206,8 @@ class Soak:
     def _await_few_payloads(self, unnamed_max):
         for node in self._cluster.nodes.values():
             wait_until(lambda node=node: payload_figures(node.cons_dir)[1] <= unnamed_max, PAYLOADS_S,
-                       lambda node=node: f"node {node.id} has at most {unnamed_max} payload files that its log does not "
-                       f"name; it has {payload_figures(node.cons_dir)[1]}")
+                       lambda node=node: f"node {node.id} has at most {unnamed_max} payload files that its log does "
+                       f"not name; it has {payload_figures(node.cons_dir)[1]}")
 
     def _read_logs(self):
         for node in self._cluster.nodes.values():
@@ -218,7 +218,8 @@ class Soak:
                     if worst is None and any(word in line for word in DESPAIR):
                         worst = line.decode(errors="replace").strip()
             if lost:  # the only node that had it, mostly a leader with a new snapshot, left or was cleaned up
-                (self.faults if self._durable else self.notes).append(f"node {node.id} has skipped {lost} lost payloads")
+                found = self.faults if self._durable else self.notes
+                found.append(f"node {node.id} has skipped {lost} lost payloads")
             if worst:
                 self.faults.append(f"node {node.id} logged: {worst}")
 

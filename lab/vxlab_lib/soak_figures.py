@@ -87,7 +87,8 @@ class Phase:
                  for key, what in (("number", "decision"), ("cycle", "cycle"))}
         blind = " or ".join(f"{self.allowed('rss_kb') * 1024 / rise:.0f} bytes per {what}"
                             for what, rise in rises.items() if rise)
-        return (f"{self.name}: {self.cycles} cycles, at most {self.most_payloads()} payload files on a node, {given_up} attempts given up; longest: {times or '-'}; a leak "
+        return (f"{self.name}: {self.cycles} cycles, at most {self.most_payloads()} payload files on a node, "
+                f"{given_up} attempts given up; longest: {times or '-'}; a leak "
                 f"below {blind or 'any size'} would not be seen")
 
 
@@ -163,8 +164,8 @@ the first tenth / of the second quarter / of the last quarter. Allowed rise from
 {LIMITS['rss_kb']} KiB and what is subtracted ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of
 few roll-overs); {others}.
 Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes
-of a payload that stays until cleanup (not of durable ones) and {ATTEMPT_BYTES} of the journal's index. Of the journal, memory holds the
-newest {JOURNAL_KEEP} lines; its file grows on disk.
+of a payload that stays until cleanup (not of durable ones) and {ATTEMPT_BYTES} of the journal's index. Of the
+journal, memory holds the newest {JOURNAL_KEEP} lines; its file grows on disk.
 """)
         for phase in phases:
             print(f"- {phase.in_words()}")

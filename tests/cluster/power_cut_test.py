@@ -102,12 +102,12 @@ class Cut(unittest.TestCase):
         except FileNotFoundError:
             return None
 
-    def outcome(self, code, names, seed):
+    def outcome(self, code, names, seed, is_careless=False):
         os.makedirs(os.path.join(self.root, "cons", "payloads"))
         os.makedirs(os.path.join(self.path, "run"), exist_ok=True)
         for part in code.split(NEXT):
             self.run_driver(part)
-        cut = PowerCut(self.root, seed).make()
+        cut = PowerCut(self.root, seed, is_careless).make()
         self.assertEqual(cut.not_kept, 0)
         self.assertNotIn(".undo", os.listdir(self.root))
         found = tuple(self.content(name) for name in names)
@@ -123,6 +123,11 @@ class Cut(unittest.TestCase):
                     if found == possible and seed >= 12:
                         break
                 self.assertEqual(found, possible)
+
+    def test_a_careless_file_system_may_keep_a_name_without_its_content(self):
+        found = {self.outcome('save("cons/a", b"old"); save("cons/a", b"new", False)', ["cons/a"], seed, True)
+                 for seed in range(SEEDS)}
+        self.assertEqual(found, {(b"old",), *((part,) for part in PART)})
 
 
 if __name__ == "__main__":

@@ -104,7 +104,7 @@ def do_power_cut(stage, _track, step):
         if step.get("rule"):
             await_exact_moment(stage, step["node"], [*slow, step["rule"]])
         for number, up_s in enumerate([*step["again_s"], None]):
-            stage.cut_power(step["seed"] + number)
+            stage.cut_power(step["seed"] + number, step["is_careless"])
             set_disk_rules(stage, slow if up_s is not None else [])
             stage.pause(step["down_s"])
             late = [] if up_s is not None or not step["late_s"] else [stage.node_id("last")]

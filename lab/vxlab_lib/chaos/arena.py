@@ -122,7 +122,8 @@ class Arena:
 def copy(source, target):
     """A file or a directory; nothing if there is none."""
     if os.path.isdir(source):
-        shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=shutil.ignore_patterns("journal*", UNDO, "payloads"))
+        left_out = shutil.ignore_patterns("journal*", UNDO, "payloads")
+        shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=left_out)
     elif os.path.exists(source):
         shutil.copyfile(source, target)
 

@@ -2,11 +2,11 @@
 
 Whatever was certain stays. Of the rest, as the seed has it:
 - names: the changes up to some moment are kept, all later ones never were; or none is lost, or all are.
-- content of each file, on its own: kept; lost; or the first bytes of it kept, and what was reserved behind them is zeros.
+- content of each file, on its own: kept; lost; or its first bytes kept, and what was reserved behind them is zeros.
 
-So a name may be there without its content, and the other way round. One thing is not taken apart: a record that was
-replaced by a rename has the content that was written before the rename. The library's saves (a temporary file, rename,
-sync) need a file system of which that is true. Payload files are no such records: they have checksums.
+So a name may be there without its content, and the other way round. One thing is taken apart only on a careless file
+system: what was written to a file before a rename is there if its new name is, but for payload files, which have
+checksums. Saves that flush but once, behind the rename, need that.
 """
 
 import os
@@ -58,8 +58,9 @@ def read_log(path):
 class PowerCut:
     """Of one node, whose process is dead. `root`: what it sees as /flashdisk."""
 
-    def __init__(self, root, seed):
+    def __init__(self, root, seed, is_careless=False):
         self._root = root
+        self._is_careless = is_careless
         self._draw = random.Random(seed)
         self.lost = []  # sentences
         self.not_kept = 0
@@ -130,7 +131,7 @@ class PowerCut:
     def _cut_content(self, path, writes, kept_names):
         """`writes`: changes of one file, in their order."""
         renamed = max((change.sequence for change in kept_names
-                       if change.kind == RENAME and change.file == writes[0].file and
+                       if change.kind == RENAME and change.file == writes[0].file and not self._is_careless and
                        not change.new_name.startswith(FREE_TO_TEAR)), default=0)
         may_go = [change for change in writes if change.sequence > renamed]
         how = self._draw.choice(["kept", "lost", "cut"])

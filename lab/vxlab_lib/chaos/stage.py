@@ -199,20 +199,20 @@ class Stage:
         node.kill()
         self.arena.node_is_down(node_id)
 
-    def cut_power(self, seed):
+    def cut_power(self, seed, is_careless):
         """Ends all nodes at one moment, and leaves on each disk what had to be there, and more only by chance."""
         with self._power:
             processes = self.cluster.processes()
             for process in processes.values():
                 self._down_on_purpose.add(process["pid"])
-            at_ns = self.events.add("power-cut", seed=seed)
+            at_ns = self.events.add("power-cut", seed=seed, is_careless=is_careless)
             killed = self.cluster.holder.ask("kill_all", nodes=sorted(self.cluster.nodes))["killed"]
             for node_id in killed:
                 self.events.add("kill", at_ns=at_ns, node=node_id, pid=processes[node_id]["pid"], point="power")
             for node_id, node in self.cluster.nodes.items():
                 node.await_end()
                 self.arena.node_is_down(node_id)
-                cut = PowerCut(node.path("flashdisk"), f"{seed} {node_id}").make()
+                cut = PowerCut(node.path("flashdisk"), f"{seed} {node_id}", is_careless).make()
                 self.events.add("disk-cut", node=node_id, lost=cut.lost, not_kept=cut.not_kept)
 
     def terminate(self, node_id):

@@ -91,18 +91,23 @@ MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call
             for call in ("write", "rename", "sync")] + [("unlink", "payloads/*")]]
 
 
-def power_cut(draw, nodes, seconds):
+def power_cut(is_careless):
     """Some come in the middle of a save, some again before all is as before."""
-    steps = []
-    for index, moment in enumerate(times(draw, seconds, 6.0, first=2.0)):
-        step = at(moment, "power-cut", seed=draw.randint(0, 1 << 30), down_s=round(draw.choice([0.0, 0.5]), 1),
-                  again_s=[round(draw.uniform(0.0, 1.5), 2) for _ in range(draw.choice([0, 0, 1, 2]))],
-                  late_s=round(draw.choice([0.0, 0.0, draw.uniform(0.5, 3.0)]), 2),
-                  master=draw.choice([0, draw.randint(1, nodes)]), slow_ms=draw.choice([0, 5, 30]))
-        if draw.random() < 0.5:
-            step = {**step, "node": any_node(draw, nodes), "rule": f"{draw.choice(MOMENTS)} {draw.randint(1, 8)}"}
-        steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
-    return Made(steps, options={"disk_faults": True, "undo": True, "several_down": True})
+
+    def make(draw, nodes, seconds):
+        steps = []
+        for index, moment in enumerate(times(draw, seconds, 6.0, first=2.0)):
+            step = at(moment, "power-cut", seed=draw.randint(0, 1 << 30), down_s=round(draw.choice([0.0, 0.5]), 1),
+                      again_s=[round(draw.uniform(0.0, 1.5), 2) for _ in range(draw.choice([0, 0, 1, 2]))],
+                      late_s=round(draw.choice([0.0, 0.0, draw.uniform(0.5, 3.0)]), 2),
+                      master=draw.choice([0, draw.randint(1, nodes)]), slow_ms=draw.choice([0, 5, 30]),
+                      is_careless=is_careless)
+            if draw.random() < 0.5:
+                step = {**step, "node": any_node(draw, nodes), "rule": f"{draw.choice(MOMENTS)} {draw.randint(1, 8)}"}
+            steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
+        return Made(steps, options={"disk_faults": True, "undo": True, "several_down": True})
+
+    return make
 
 
 def wipe(draw, nodes, seconds):
@@ -146,7 +151,9 @@ FAULTS = [
     Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
           UNDONE, kill_all),
     Fault("power-cut", "process", "all nodes are killed at one moment, and their files go back to what was synced; of "
-          "the rest, any part may be there", UNDONE, power_cut, is_durable=True),
+          "the rest, any part may be there", UNDONE, power_cut(False), is_durable=True),
+    Fault("power-cut-careless", "process", "the same on a file system where a rename may be there without the content",
+          UNDONE, power_cut(True), is_apart=True, is_durable=True),
     Fault("kill-near-payload-save", "process", "a node is killed in the middle of a save, or a removal, of a payload",
           UNDONE, kill_near_save([f"kill_{when} {call}:payloads/*" for when in ("before", "after")
                                   for call in ("write", "rename", "sync", "unlink")], ["leader", "follower", "last"]),
