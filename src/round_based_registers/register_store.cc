@@ -14,6 +14,7 @@
 #include "common/cons_mutex.h"
 #include "common/le_bytes.h"
 #include "common/scoped_fd.h"
+#include "service/service_state.h"
 #include "vx_host.h"
 
 namespace
@@ -85,6 +86,11 @@ int write_file(const char *path, const uint8_t *bytes, size_t size)
   }
   if (static_cast<size_t>(written) != size) {
     vx_log("%s(): write(%s) failed\n", "store_save", path);
+    return -1;
+  }
+  // A rename that reaches the disk alone leaves a file that no acceptor can read, on all nodes at once.
+  if (cons_service.durable_payloads && fdatasync(fd.get()) != 0) {
+    vx_log_err("%s(): fdatasync(%s) failed", "store_save", path);
     return -1;
   }
   return 0;
