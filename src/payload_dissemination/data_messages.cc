@@ -1,6 +1,7 @@
 #include "payload_dissemination/data_messages.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_state.h"
@@ -69,7 +70,9 @@ void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payloa
     put_le32(body + 8, start + pos);
     put_le32(body + 12, size);
     put_le32(body + 16, n);
-    cons_crypt(body + DATA_HEADER_SIZE, payload + start + pos, n, 1);
+    if (cons_crypt(body + DATA_HEADER_SIZE, payload + start + pos, n, 1) != 0) {
+      std::memset(body + DATA_HEADER_SIZE, 0, n);  // sent all the same, but neither old memory nor plain text
+    }
     vx_log("CONS: PAXOS DATA: DATA bcast (id=%u/%hhu, o=%u, l=%u)\n", id, sender, start + pos, n);
     send_once(message, PAXOS_DATA_DATA);
     pos += n;

@@ -48,34 +48,37 @@ void begin(rb_reg &reg, quorum_count &count, const operation &op) CONS_REQUIRES(
   }
 }
 
-// The message is built last: one that is not sent could not be given back.
-int send_and_wait(rb_reg &reg, const quorum_count &count, const operation &op) CONS_REQUIRES(reg.lock)
+// Null if it cannot be sent: nobody would repeat it, and a lost one is never answered. The message is built last: one
+// that is not sent could not be given back.
+void *send(rb_reg &reg, const operation &op) CONS_REQUIRES(reg.lock)
 {
   if (op.request.type == WRITE_REQ && !rb_reg_cover_round(reg, op.request.round)) {
-    return RB_REG_ERROR;
+    return nullptr;
   }
   uint8_t *message = rb_reg_message_new(op.request);
   if (message == nullptr) {
-    return RB_REG_ERROR;
+    return nullptr;
   }
   vx_log("CONS: RB-REG: %s_REQ broadcast (id=%u, round=%u)\n", op.name, reg.id, op.request.round);
-  void *handle = cons_msg_send(message, RB_REG_CHANNEL, reg.id, CONS_MCAST_ADDR, -1, 1);
-  if (handle == nullptr) {
-    return RB_REG_ERROR;  // nobody would repeat it, and a lost one is never answered
-  }
-  const int result = wait_for_quorum(reg, count, op);
-  vx_msg_dequeue(handle, 0, 0, 0);
-  return result;
+  return cons_msg_send(message, RB_REG_CHANNEL, reg.id, CONS_MCAST_ADDR, -1, 1);
 }
 
 int run(rb_reg &reg, quorum_count &count, const operation &op) CONS_REQUIRES(reg.lock)
 {
   begin(reg, count, op);
-  const int result = is_cancelled(reg) ? RB_REG_CANCELLED : send_and_wait(reg, count, op);
+  int result = RB_REG_CANCELLED;
+  void *handle = nullptr;
+  if (!is_cancelled(reg)) {
+    handle = send(reg, op);
+    result = handle != nullptr ? wait_for_quorum(reg, count, op) : int{RB_REG_ERROR};
+  }
   if (result == RB_REG_CANCELLED) {
     vx_log("CONS: RB-REG: %s cancelled (id=%u, round=%u)\n", op.name, reg.id, op.request.round);
   }
   reg.flags &= ~RB_REG_CANCEL;
+  if (handle != nullptr) {
+    vx_msg_dequeue(handle, 0, 0, 0);
+  }
   return result;
 }
 

@@ -56,15 +56,12 @@ bool load_and_insert(rb_reg *reg) CONS_REQUIRES(layer.layer_lock)
 
 int create(uint32_t id) CONS_REQUIRES(layer.layer_lock)
 {
-  if (is_at_or_below_floor(id)) {
-    vx_log("RB-REG: Trying to create an old register (%u <= %u)\n", id, layer.decided_floor);
-    return -1;
-  }
-  if (find(id) != nullptr) {
+  if (!is_at_or_below_floor(id) && find(id) != nullptr) {
     return 0;
   }
   if (is_old(id)) {
-    vx_log("RB-REG: Trying to create an old register (%u <= %u)\n", id, layer.last_reg_id);
+    const uint32_t floor = layer.floor_known ? layer.decided_floor : 0;
+    vx_log("RB-REG: Trying to create an old register (%u <= %u)\n", id, std::max(layer.last_reg_id, floor));
     return -1;
   }
   if (layer.table == nullptr) {

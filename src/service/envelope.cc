@@ -9,14 +9,9 @@
 namespace
 {
 
-uint32_t cluster_id_low()
+uint64_t get_cluster_id(const uint8_t *envelope)
 {
-  return static_cast<uint32_t>(cons_service.cluster_id);
-}
-
-uint32_t cluster_id_high()
-{
-  return static_cast<uint32_t>(cons_service.cluster_id >> 32);
+  return uint64_t{get_le32(envelope + 4)} << 32 | get_le32(envelope);
 }
 
 }  // namespace
@@ -31,8 +26,9 @@ uint8_t *cons_msg_new(const uint8_t *payload, uint32_t length)
     return nullptr;
   }
   uint8_t *envelope = static_cast<uint8_t *>(msg) + MSG_WORD_SIZE;
-  put_le32(envelope, cluster_id_low());
-  put_le32(envelope + 4, cluster_id_high());
+  const uint64_t cluster_id = cons_service.cluster_id;
+  put_le32(envelope, static_cast<uint32_t>(cluster_id));
+  put_le32(envelope + 4, static_cast<uint32_t>(cluster_id >> 32));
   put_le32(envelope + 8, vx_firmware_dova_build_nr);
   const uint32_t node_addr = cons_service.node_addr;
   std::memcpy(envelope + 12, &node_addr, sizeof node_addr);
@@ -51,7 +47,7 @@ void *cons_msg_send(uint8_t *envelope, uint32_t channel, uint32_t msg_key, uint3
 
 bool received_message::accepted() const
 {
-  return get_le32(envelope_) == cluster_id_low() && get_le32(envelope_ + 4) == cluster_id_high() &&
+  return get_cluster_id(envelope_) == cons_service.cluster_id &&
          get_le32(envelope_ + 8) == vx_firmware_dova_build_nr;
 }
 

@@ -229,6 +229,8 @@ CASES = [
     ("durable: files left", [durable], [lambda b: b.payloads[2].extend(["1.2", "2.2", "3.2", "1.9"])], "I7"),
     ("durable: a temporary file left", [durable], [lambda b: b.payloads[2].append("1.9.tmp")], "I7"),
     ("durable: the number fell by a power cut", [durable], fall(12.65), None),
+    ("durable: a look between the cut and its end", [durable],
+     [event(12.4, "power-cut"), event(12.68, "disk-cut", node=2), *fall(12.4)[1:]], None),
     ("durable: the number fell behind what was synced", [durable], fall(12.65)[:1] + [
         sample(2, 12.7, batch=4, count=4, crc="00000004", first=(1, 2))], "I7"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),

@@ -119,8 +119,10 @@ def _in_every_end(episode, check, chains, wanted):
 
 
 def files(episode, check):
-    cuts = [event["t"] for event in episode.events_of("power-cut")]
+    power = [event["t"] for event in episode.events_of("power-cut")]
     for node, samples in episode.samples.items():
+        # The nodes die a moment after the first of these, and their files go back until the second.
+        cuts = sorted(power + [event["t"] for event in episode.events_of("disk-cut", node=node)])
         _never_falls(check, node, samples, "batch", "the number of the decision", cuts)
         _never_falls(check, node, samples, "msg_id", "the message id counter", cuts)
         _sizes(episode, check, node, samples)

@@ -40,6 +40,16 @@ TEST(cons_crypt, starts_afresh_with_every_piece)
   }
 }
 
+// Values of another implementation: a cipher that only understands itself splits a cluster at its next upgrade. With the
+// pass phrase in a file P, MD5 of P as the key K and MD5 of K and P as the vector V:
+//   printf 'acknowledged, never lost' | openssl enc -aes-128-cfb -K $K -iv $V
+TEST(cons_crypt, has_these_bytes)
+{
+  const bytes secret = {0xe4, 0xae, 0x9d, 0xa3, 0xb5, 0x41, 0x1e, 0xa6, 0xe3, 0x11, 0x80, 0x38,
+                        0xc7, 0xcb, 0x56, 0xa4, 0xb1, 0xea, 0x1f, 0x2a, 0x8f, 0x23, 0xd9, 0xe5};
+  EXPECT_EQ(crypt(wire::text("acknowledged, never lost"), 1), secret);
+}
+
 TEST(payload_buf, has_these_bytes)
 {
   payload_buf *payload = payload_buf_new(2, 3, 1);
