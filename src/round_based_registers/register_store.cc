@@ -168,25 +168,42 @@ int store_delete(uint32_t id)
   return 0;
 }
 
-int store_delete_up_to(uint32_t bound, std::span<const uint32_t> kept)
+bool store_delete_if_there(uint32_t id)
+{
+  char path[PATH_SIZE];
+  std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
+  if (unlink(path) != 0 && errno != ENOENT) {
+    vx_log_err("%s(): unlink() failed", "store_delete_up_to");
+    return false;
+  }
+  return true;
+}
+
+int store_delete_up_to(uint32_t bound, std::span<const uint32_t> kept, bool (*is_known)(uint32_t id))
 {
   DIR *directory = opendir(STORE_DIRECTORY);
   if (directory == nullptr) {
-    return 0;
+    return 1;
   }
+  int result = 0;
   while (const dirent *entry = readdir(directory)) {
     uint32_t id = 0;
     char rest = '\0';
-    if (std::sscanf(entry->d_name, "rb_reg.%u%c", &id, &rest) != 1 || id > bound ||
+    if (std::sscanf(entry->d_name, "rb_reg.%u%c", &id, &rest) != 1 ||
         std::find(kept.begin(), kept.end(), id) != kept.end()) {
+      continue;
+    }
+    if (id > bound) {
+      result = is_known != nullptr && is_known(id) ? result : 1;
       continue;
     }
     char path[sizeof entry->d_name + PATH_SIZE];
     std::snprintf(path, sizeof path, "%s/%s", STORE_DIRECTORY, entry->d_name);
     if (unlink(path) != 0) {
       vx_log_err("%s(): unlink() failed", "store_delete_up_to");
+      result = 1;
     }
   }
   closedir(directory);
-  return 0;
+  return result;
 }

@@ -21,6 +21,7 @@ struct register_layer {
   uint32_t last_reg_id CONS_GUARDED_BY(layer_lock) = 0;  // highest id created since init or reset
   bool floor_known CONS_GUARDED_BY(layer_lock) = false;
   uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0;  // last decision on this node's disk
+  bool may_have_strays CONS_GUARDED_BY(layer_lock) = true;  // files of an earlier life that no register here names
   std::atomic<rb_reg_newcomer_cb> newcomer{nullptr};
 };
 constinit register_layer layer;
@@ -46,6 +47,11 @@ bool is_old(uint32_t id) CONS_REQUIRES(layer.layer_lock)
 rb_reg *find(uint32_t id) CONS_REQUIRES(layer.layer_lock)
 {
   return layer.table != nullptr ? static_cast<rb_reg *>(vx_hash_get_entry_i(layer.table, id)) : nullptr;
+}
+
+bool is_in_table(uint32_t id) CONS_REQUIRES(layer.layer_lock)
+{
+  return find(id) != nullptr;
 }
 
 bool load_and_insert(rb_reg *reg) CONS_REQUIRES(layer.layer_lock)
@@ -114,6 +120,7 @@ int rb_reg_init(rb_reg_newcomer_cb newcomer)
   }
   layer.last_reg_id = 0;
   layer.floor_known = false;
+  layer.may_have_strays = true;
   layer.newcomer = newcomer;
   rb_reg_gate.open();
   vx_msg_register_recv_hook(rb_reg_recv, RB_REG_CHANNEL);
@@ -151,7 +158,7 @@ int rb_reg_reset()
   abandon_all();
   vx_hash_clear_i(layer.table);
   vx_msg_dequeue(nullptr, RB_REG_CHANNEL, MSG_KEY_ALL, 0);
-  store_delete_up_to(STORE_ALL, {});
+  layer.may_have_strays = store_delete_up_to(STORE_ALL, {}) != 0;
   layer.last_reg_id = 0;
   layer.floor_known = false;
   rb_reg_gate.open();
@@ -197,6 +204,7 @@ void rb_reg_delete_up_to(uint32_t bound)
   cons_lock lock(layer.layer_lock);
   uint32_t held[HELD_MAX];
   size_t held_count = 0;
+  bool is_deleted = true;
   if (layer.table != nullptr) {
     void *cursor = nullptr;
     for (void *value = vx_hash_get_first_entry_i(layer.table, &cursor); value != nullptr;
@@ -206,13 +214,20 @@ void rb_reg_delete_up_to(uint32_t bound)
       if (id > bound) {
         continue;
       }
-      if (abandon(reg, RB_REG_DELETED) && held_count < HELD_MAX) {
+      if (!abandon(reg, RB_REG_DELETED)) {
+        is_deleted = store_delete_if_there(id) && is_deleted;
+      } else if (held_count < HELD_MAX) {
         held[held_count++] = id;
       }
       vx_hash_delete_entry_i(layer.table, id);
     }
   }
-  store_delete_up_to(bound, {held, held_count});
+  // The files that this process made are those of its registers. The directory is read only as long as there may be
+  // others.
+  if (layer.may_have_strays || !is_deleted) {
+    layer.may_have_strays = store_delete_up_to(bound, {held, held_count}, is_in_table) != 0;
+  }
+  layer.may_have_strays = layer.may_have_strays || held_count != 0;  // who holds it may fail to delete its file
   layer.decided_floor = layer.floor_known ? std::max(layer.decided_floor, bound) : bound;
   layer.floor_known = true;
 }

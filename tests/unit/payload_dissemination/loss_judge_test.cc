@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <vector>
 
@@ -278,6 +279,16 @@ bool has_live_holder(const std::vector<event> &events, uint32_t nodes)
   return false;
 }
 
+// With durable payloads a quorum holds it, and none of them ever says that it lacks it.
+bool may_be_on_a_quorum_of_disks(const std::vector<event> &events, uint32_t nodes)
+{
+  uint32_t lacking = 0;  // bit n - 1: node n
+  for (const event &e : events) {
+    lacking |= e.what == kind::lacks ? 1u << (e.node - 1) : e.what == kind::thirty_seconds ? 0b110u : 0u;
+  }
+  return nodes - 1 - static_cast<uint32_t>(std::popcount(lacking)) >= nodes / 2 + 1;
+}
+
 // All sequences of up to `depth` events; nodes that have not acted yet are alike, so only the first of
 // them acts.
 class enumeration
@@ -298,6 +309,9 @@ private:
     ++count;
     if (has_live_holder(events_, nodes_)) {
       ASSERT_FALSE(s.is_lost()) << "lost while a holder was heard";
+    }
+    if (may_be_on_a_quorum_of_disks(events_, nodes_)) {
+      ASSERT_FALSE(s.is_lost()) << "lost though a quorum holds it";
     }
     // From now on a majority answers, and nobody else is heard: the entry is lost within a bound.
     if (events_.size() == depth_) {

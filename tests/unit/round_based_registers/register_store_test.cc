@@ -80,7 +80,8 @@ TEST_F(register_store, deletes_register_files_up_to_the_bound_and_nothing_else)
     files::write(name, {1});
   }
   const uint32_t kept[] = {3};
-  EXPECT_EQ(store_delete_up_to(5, kept), 0);
+  EXPECT_EQ(store_delete_up_to(5, kept, [](uint32_t id) { return id == 6; }), 0);
+  EXPECT_EQ(store_delete_up_to(5, kept), 1);  // a file that nobody knows has to be looked for again
   EXPECT_FALSE(files::exists("rb_reg.4") || files::exists("rb_reg.5"));
   EXPECT_EQ(files::all().size(), 5u);
   store_delete_up_to(STORE_ALL, {});

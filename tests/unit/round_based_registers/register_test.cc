@@ -197,6 +197,22 @@ TEST_F(registers, are_retired_with_their_files)
   EXPECT_EQ(rb_reg_create(1), 0);
 }
 
+// Every decision deletes: reading a directory of a thousand payloads each time costs more than the rest of it.
+TEST_F(registers, files_of_an_earlier_life_go_and_then_the_directory_is_read_no_more)
+{
+  files::write("rb_reg.7", wire::words({1, 0, 0}));
+  files::write("rb_reg.9", wire::words({1, 0, 0}));
+  rb_reg_set_floor(6);
+  rb_reg_delete_up_to(7);
+  EXPECT_FALSE(files::exists("rb_reg.7"));
+  EXPECT_TRUE(files::exists("rb_reg.9"));
+  rb_reg_delete_up_to(9);
+  EXPECT_FALSE(files::exists("rb_reg.9"));
+  files::write("rb_reg.10", wire::words({1, 0, 0}));  // by nobody: only a reader of the directory meets it
+  rb_reg_delete_up_to(10);
+  EXPECT_TRUE(files::exists("rb_reg.10"));
+}
+
 TEST_F(registers, decide_the_own_value_on_a_fresh_register)
 {
   consensus *instance = consensus_create(5);
