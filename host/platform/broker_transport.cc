@@ -56,10 +56,12 @@ private:
   }
   bool take(const frame_header &header, const uint8_t *bytes, size_t size, arrival &to);
 
+  // Written by open alone.
   messaging_settings settings_;
   unique_fd socket_;
   int input_fd_ = -1;
 
+  // The receiving thread's.
   std::array<mmsghdr, BATCH> headers_;
   std::array<iovec, 2 * BATCH> parts_;
   std::array<frame_header, BATCH> frames_;

@@ -27,10 +27,10 @@ constexpr size_t TAKEN_MAX = 1 << 18;
 void bulk_sender::start(size_t receive_buffer)
 {
   const size_t pieces = std::max<size_t>(receive_buffer / PIECE_CHARGE, 16);
-  cost_ = std::max<clock::duration>(clock::duration(READER_PAUSE) / static_cast<int64_t>(pieces), COST_MIN);
-  window_ = std::min(WINDOW_MAX, pieces / 2);
   {
     const lock_scope lock(lock_);
+    cost_ = std::max<clock::duration>(clock::duration(READER_PAUSE) / static_cast<int64_t>(pieces), COST_MIN);
+    window_ = std::min(WINDOW_MAX, pieces / 2);
     stopping_ = false;
     in_flight_ = 0;
     paid_until_ = {};

@@ -50,12 +50,12 @@ private:
   void send_batch(size_t count) PLATFORM_REQUIRES(lock_);
 
   transmitter &out_;
-  std::thread thread_;
-  clock::duration cost_{};  // time that one piece takes at our rate
-  size_t window_ = 0;
+  std::thread thread_;  // start and stop only
 
   mutex lock_;
   condition changed_;
+  clock::duration cost_ PLATFORM_GUARDED_BY(lock_){};  // time that one piece takes at our rate
+  size_t window_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool stopping_ PLATFORM_GUARDED_BY(lock_) = true;
   bool sending_batch_ PLATFORM_GUARDED_BY(lock_) = false;
   condition batch_ended_;

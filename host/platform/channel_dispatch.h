@@ -36,7 +36,7 @@ private:
 
   messaging_counters &counters_;
   const uint32_t channel_;
-  std::thread thread_;
+  std::thread thread_;  // start and stop only
 
   mutex lock_;
   condition changed_;

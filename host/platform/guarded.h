@@ -1,10 +1,11 @@
-/// Mutex and condition whose use clang's -Wthread-safety checks. Leaf locks of the host layer: nothing that holds
-/// one calls out of the layer.
+/// Mutexes and condition whose use clang's -Wthread-safety checks. The standard ones bear no attributes, so every lock
+/// of the host layer and of kesh is one of these.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <shared_mutex>
 
 #if defined(__clang__)
 #define PLATFORM_ATTRIBUTE(x) __attribute__((x))
@@ -13,6 +14,7 @@
 #endif
 #define PLATFORM_GUARDED_BY(x) PLATFORM_ATTRIBUTE(guarded_by(x))
 #define PLATFORM_REQUIRES(x) PLATFORM_ATTRIBUTE(requires_capability(x))
+#define PLATFORM_REQUIRES_SHARED(x) PLATFORM_ATTRIBUTE(requires_shared_capability(x))
 #define PLATFORM_EXCLUDES(x) PLATFORM_ATTRIBUTE(locks_excluded(x))
 
 namespace platform
@@ -40,6 +42,46 @@ public:
 
 private:
   mutex &held_;
+};
+
+/// Many may hold it shared, or one alone. It is not recursive: nobody takes it twice, not even shared.
+class PLATFORM_ATTRIBUTE(capability("mutex")) shared_mutex
+{
+public:
+  void lock() PLATFORM_ATTRIBUTE(acquire_capability()) { native_.lock(); }
+  void unlock() PLATFORM_ATTRIBUTE(release_capability()) { native_.unlock(); }
+  void lock_shared() PLATFORM_ATTRIBUTE(acquire_shared_capability()) { native_.lock_shared(); }
+  void unlock_shared() PLATFORM_ATTRIBUTE(release_shared_capability()) { native_.unlock_shared(); }
+
+private:
+  std::shared_mutex native_;
+};
+
+class PLATFORM_ATTRIBUTE(scoped_lockable) alone_scope
+{
+public:
+  explicit alone_scope(shared_mutex &held) PLATFORM_ATTRIBUTE(acquire_capability(held)) : held_(held) { held_.lock(); }
+  ~alone_scope() PLATFORM_ATTRIBUTE(release_capability()) { held_.unlock(); }
+  alone_scope(const alone_scope &) = delete;
+  alone_scope &operator=(const alone_scope &) = delete;
+
+private:
+  shared_mutex &held_;
+};
+
+class PLATFORM_ATTRIBUTE(scoped_lockable) shared_scope
+{
+public:
+  explicit shared_scope(shared_mutex &held) PLATFORM_ATTRIBUTE(acquire_shared_capability(held)) : held_(held)
+  {
+    held_.lock_shared();
+  }
+  ~shared_scope() PLATFORM_ATTRIBUTE(release_generic_capability()) { held_.unlock_shared(); }
+  shared_scope(const shared_scope &) = delete;
+  shared_scope &operator=(const shared_scope &) = delete;
+
+private:
+  shared_mutex &held_;
 };
 
 /// Waits may end without a reason: loop on a predicate.

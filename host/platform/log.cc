@@ -40,12 +40,16 @@ spdlog::logger *make_logger(spdlog::sink_ptr sink, spdlog::level::level_enum lev
 // Loggers are never deleted: a thread may be inside the old one, and threads may still log while the process exits.
 std::atomic<spdlog::logger *> opened_logger;
 
+struct logger_list {
+  mutex guard;
+  std::vector<spdlog::logger *> all PLATFORM_GUARDED_BY(guard);
+};
+
 void use_logger(spdlog::logger *opened)
 {
-  static mutex guard;
-  static auto *const every_logger = new std::vector<spdlog::logger *>;
-  const lock_scope lock(guard);
-  every_logger->push_back(opened);
+  static auto *const every_logger = new logger_list;
+  const lock_scope lock(every_logger->guard);
+  every_logger->all.push_back(opened);
   opened_logger.store(opened, std::memory_order_release);
 }
 

@@ -2,8 +2,8 @@
 
 #include "vx_host.h"
 
-#include <mutex>
 #include <system_error>
+#include <utility>
 
 namespace platform
 {
@@ -40,7 +40,7 @@ messaging::messaging()
 
 bool messaging::start(const messaging_settings &settings, std::string &error)
 {
-  const std::unique_lock lock(running_lock_);
+  const alone_scope lock(running_lock_);
   if (running_) {
     return true;
   }
@@ -62,7 +62,8 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
     receiver_.start();
   } catch (const std::system_error &failure) {
     error = std::string("messaging: cannot create a thread: ") + failure.what();
-    end_threads();
+    end_threads(*transport_);
+    transport_.reset();
     return false;
   }
   running_ = true;
@@ -71,20 +72,22 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
 
 void messaging::stop()
 {
+  std::shared_ptr<transport> over;
   {
-    const std::unique_lock lock(running_lock_);
+    const alone_scope lock(running_lock_);
     if (!running_) {
       return;
     }
     running_ = false;
+    over = std::move(transport_);
   }
   // A hook that runs may still call enqueue: it finds the service stopped.
-  end_threads();
+  end_threads(*over);
 }
 
-void messaging::end_threads()
+void messaging::end_threads(transport &over)
 {
-  transport_->end_marks();
+  over.end_marks();
   receiver_.stop();
   for (auto &channel : channels_) {
     channel->stop();
@@ -92,14 +95,13 @@ void messaging::end_threads()
   repeats_.stop();
   bulk_.stop();
   out_.close();
-  transport_.reset();
 }
 
 void messaging::mark(const char *kind)
 {
   std::shared_ptr<transport> over;
   {
-    const std::shared_lock lock(running_lock_);
+    const shared_scope lock(running_lock_);
     over = running_ ? transport_ : nullptr;
   }
   if (over) {
@@ -107,7 +109,7 @@ void messaging::mark(const char *kind)
   }
 }
 
-const char *messaging::refusal(const message &one) const
+const char *messaging::refusal(const message &one)
 {
   if (!running_) {
     return "messaging is not started";
@@ -135,7 +137,7 @@ void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint3
   sent->interval = interval;
   void *const handle = reinterpret_cast<void *>(sent->id);  // NOLINT(performance-no-int-to-ptr): no pointer
 
-  const std::shared_lock lock(running_lock_);
+  const shared_scope lock(running_lock_);
   if (const char *why = refusal(*sent)) {
     out_.report(*sent, 0, why);
     return nullptr;

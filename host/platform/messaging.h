@@ -4,6 +4,7 @@
 #include "bulk_sender.h"
 #include "channel_dispatch.h"
 #include "counters.h"
+#include "guarded.h"
 #include "messaging_settings.h"
 #include "receiver.h"
 #include "repeat_queue.h"
@@ -13,7 +14,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 namespace platform
@@ -28,13 +28,13 @@ public:
 
   /// Opens the transport and starts the threads. On failure returns false, `error` says what and why, and nothing
   /// is left open.
-  bool start(const messaging_settings &settings, std::string &error);
+  bool start(const messaging_settings &settings, std::string &error) PLATFORM_EXCLUDES(running_lock_);
   /// Waits for running hooks. What is queued is dropped. Hooks stay registered.
-  void stop();
+  void stop() PLATFORM_EXCLUDES(running_lock_);
 
   /// As vx_msg_enqueue and vx_msg_dequeue; a handle is a number that is used once, so an old one is harmless.
   void *enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint32_t destination, int32_t repeat,
-                uint32_t interval);
+                uint32_t interval) PLATFORM_EXCLUDES(running_lock_);
   void dequeue(void *handle, uint32_t channel, uint32_t key);
   void register_hook(channel_dispatch::hook_function hook, uint32_t channel);
   void unregister_hook(channel_dispatch::hook_function hook);
@@ -42,11 +42,11 @@ public:
   messaging_statistics statistics();
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
   /// As messaging_mark.
-  void mark(const char *kind);
+  void mark(const char *kind) PLATFORM_EXCLUDES(running_lock_);
 
 private:
-  void end_threads();
-  const char *refusal(const message &one) const;  // null: it can be sent
+  void end_threads(transport &over);
+  const char *refusal(const message &one) PLATFORM_REQUIRES_SHARED(running_lock_);  // null: it can be sent
 
   messaging_counters counters_;
   transmitter out_{counters_};
@@ -57,9 +57,9 @@ private:
   std::atomic<uint64_t> next_id_{1};
   // Shared while a message is sent, so that stop does not close a socket in use. A mark keeps the transport alive
   // by itself.
-  std::shared_mutex running_lock_;
-  std::shared_ptr<transport> transport_;
-  bool running_ = false;
+  shared_mutex running_lock_;
+  std::shared_ptr<transport> transport_ PLATFORM_GUARDED_BY(running_lock_);  // null while stopped
+  bool running_ PLATFORM_GUARDED_BY(running_lock_) = false;
 };
 
 }  // namespace platform

@@ -49,9 +49,10 @@ private:
   messaging_counters &counters_;
   channels &to_;
   bulk_sender &bulk_;
+  std::atomic<uint32_t> blocked_{0};
+  // Set before the thread starts, released after it has ended; read by the thread alone in between.
   messaging_settings settings_;
   transport *transport_ = nullptr;
-  std::atomic<uint32_t> blocked_{0};
   unique_fd poll_;
   unique_fd stop_event_;
   std::thread thread_;

@@ -20,9 +20,9 @@ int64_t now_us()
 
 void repeat_queue::start(uint32_t interval_ms)
 {
-  interval_us_ = int64_t{interval_ms} * 1000;
   {
     const lock_scope lock(lock_);
+    interval_us_ = int64_t{interval_ms} * 1000;
     stopping_ = false;
   }
   thread_ = std::thread([this] { run(); });

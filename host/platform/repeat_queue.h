@@ -32,15 +32,15 @@ private:
   void run();
   void send_due(int64_t now_us) PLATFORM_REQUIRES(lock_);
   int64_t next_due_us() PLATFORM_REQUIRES(lock_);
-  int64_t period_us(const message &one) const;
+  int64_t period_us(const message &one) const PLATFORM_REQUIRES(lock_);
 
   transmitter &out_;
-  int64_t interval_us_ = 0;
-  std::thread thread_;
+  std::thread thread_;  // start and stop only
 
   // Held while a message is sent: that is what remove waits for.
   mutex lock_;
   condition changed_;
+  int64_t interval_us_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool stopping_ PLATFORM_GUARDED_BY(lock_) = false;
   int64_t wakes_at_us_ PLATFORM_GUARDED_BY(lock_) = INT64_MAX;  // when the thread looks again by itself
   message_list queued_ PLATFORM_GUARDED_BY(lock_);

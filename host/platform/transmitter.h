@@ -46,6 +46,8 @@ private:
   void forget_reports(const message &sent);
 
   messaging_counters &counters_;
+  // Written by open and close alone, while nobody sends: the threads that send do not run yet or have ended, and
+  // messaging refuses everybody else.
   messaging_settings settings_;
   transport *transport_ = nullptr;
 

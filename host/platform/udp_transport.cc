@@ -92,6 +92,7 @@ private:
     return sent < 0 ? errno : 0;
   }
 
+  // Written by open alone, but for the counts of `sources_` and the batch, which are the receiving thread's.
   messaging_settings settings_;
   // Bulk has a socket of its own, so that what fills its send buffer is no obstacle to the rest.
   unique_fd control_;
