@@ -25,8 +25,8 @@ public:
 
 private:
   struct connection {
-    platform::unique_fd fd;
-    std::thread thread;
+    platform::unique_fd fd;  // set before the thread starts
+    std::thread thread;      // accept thread only, and stop() after it
     std::atomic<bool> done = false;
     std::atomic<bool> awaits_end = false;  // stays open until the process ends
   };
@@ -37,6 +37,7 @@ private:
   void serve(connection &peer);
 
   service &host_;
+  // Set before the accept thread starts, released after it has ended.
   platform::unique_fd listener_;
   platform::unique_fd stop_event_;
   std::thread thread_;

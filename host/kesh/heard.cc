@@ -40,7 +40,7 @@ void heard::add(uint8_t node, std::string_view text)
   if (messages_.size() > KEEP) {
     messages_.pop_front();
   }
-  added_.notify_all();
+  added_.signal_all();
 }
 
 std::vector<heard_message> heard::after(uint64_t number)
@@ -59,7 +59,7 @@ void heard::wait_after(uint64_t number, int wait_ms)
 {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
   lock_scope scope(lock_);
-  while (count_ <= number && added_.wait_until(lock_, deadline) == std::cv_status::no_timeout) {
+  while (count_ <= number && added_.wait_until(lock_, deadline)) {
   }
 }
 

@@ -1,7 +1,6 @@
 /// Cluster messages: the words that `kesh say` sends to every node, and the last ones heard here.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -40,7 +39,7 @@ public:
 
 private:
   platform::mutex lock_;
-  std::condition_variable_any added_;
+  platform::condition added_;
   std::deque<heard_message> messages_ PLATFORM_GUARDED_BY(lock_);
   uint64_t count_ PLATFORM_GUARDED_BY(lock_) = 0;
 };

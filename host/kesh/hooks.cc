@@ -19,7 +19,7 @@ namespace kesh
 namespace
 {
 
-// The hooks carry no argument of ours, hence a plain pointer; set before the hooks are registered.
+// Hooks take no argument of the host's, hence this pointer. Written while no hook is registered, so no hook runs.
 service *hooked = nullptr;
 
 std::string_view as_text(const uint8_t *data, uint32_t length)

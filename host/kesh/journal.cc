@@ -73,8 +73,7 @@ void journal::wait_change(const journal_view &seen, int wait_ms)
 {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
   lock_scope scope(lock_);
-  while (file_.size() == seen.size && generation_ == seen.generation &&
-         changed_.wait_until(lock_, deadline) == std::cv_status::no_timeout) {
+  while (file_.size() == seen.size && generation_ == seen.generation && changed_.wait_until(lock_, deadline)) {
   }
 }
 
@@ -180,7 +179,7 @@ void journal::append(const std::string &records)
     unwritten_ += records;
     fail("cannot write " + settings_.path + ": " + strerror(errno));
   }
-  changed_.notify_all();
+  changed_.signal_all();
 }
 
 void journal::fail(const std::string &why)
@@ -234,7 +233,7 @@ bool journal::repair()
     const platform::unique_fd marker(::open(marker_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   }
   log_line(log_level::info, "journal: " + settings_.path + " is whole again");
-  changed_.notify_all();
+  changed_.signal_all();
   return true;
 }
 

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -92,11 +91,11 @@ private:
   void extend(journal_state &state) PLATFORM_REQUIRES(lock_);
   void replace(journal_state &state) PLATFORM_REQUIRES(lock_);
   std::string whole_file() PLATFORM_REQUIRES(lock_);
-  std::string marker_path() const { return settings_.path + ".incomplete"; }
+  std::string marker_path() const PLATFORM_REQUIRES(lock_) { return settings_.path + ".incomplete"; }
 
-  journal_settings settings_;
   platform::mutex lock_;
-  std::condition_variable_any changed_;  // the file grew or was replaced
+  platform::condition changed_;  // the file grew or was replaced
+  journal_settings settings_ PLATFORM_GUARDED_BY(lock_);
   journal_file file_ PLATFORM_GUARDED_BY(lock_);
   uint64_t generation_ PLATFORM_GUARDED_BY(lock_) = 0;
   tag_index tags_ PLATFORM_GUARDED_BY(lock_);
@@ -110,7 +109,7 @@ private:
   std::string unwritten_ PLATFORM_GUARDED_BY(lock_);        // records that a failed write left out
   bool rewrite_needed_ PLATFORM_GUARDED_BY(lock_) = false;  // a failed replacement: the file is of no use
   bool broken_ PLATFORM_GUARDED_BY(lock_) = false;
-  std::atomic<bool> failed_ = false;
+  std::atomic<bool> failed_ = false;  // changed with the lock held, read by anybody
 };
 
 }  // namespace kesh

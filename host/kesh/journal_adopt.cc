@@ -104,7 +104,7 @@ void journal::replace(journal_state &state)
     rewrite_needed_ = true;
     fail("cannot replace " + settings_.path + ": " + strerror(errno));
   }
-  changed_.notify_all();
+  changed_.signal_all();
 }
 
 /// The kept lines as a file, with the record of what was before them.

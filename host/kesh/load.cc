@@ -84,7 +84,7 @@ bool load::wait(steady_time deadline)
 {
   const lock_scope scope(lock_);
   while (running_ > 0) {
-    if (changed_.wait_until(lock_, deadline) == std::cv_status::timeout) {
+    if (!changed_.wait_until(lock_, deadline)) {
       return running_ == 0;
     }
   }
@@ -124,7 +124,7 @@ void load::run(uint64_t first_size)
   }
   const lock_scope scope(lock_);
   running_--;
-  changed_.notify_all();
+  changed_.signal_all();
 }
 
 void load::take_verdict(const send_verdict &given)

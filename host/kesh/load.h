@@ -5,7 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -68,10 +67,10 @@ private:
   std::atomic<bool> ended_ = false;
   std::atomic<uint64_t> begun_ = 0;
   platform::mutex lock_;
-  std::condition_variable_any changed_;
+  platform::condition changed_;
   load_totals totals_ PLATFORM_GUARDED_BY(lock_);
   size_t running_ PLATFORM_GUARDED_BY(lock_) = 0;
-  std::vector<std::thread> threads_;
+  std::vector<std::thread> threads_;  // constructor and owner only
 };
 
 }  // namespace kesh

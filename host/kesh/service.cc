@@ -96,7 +96,7 @@ int service::start_locked(std::string &error)
   log_line(log_level::info, "node " + std::to_string(vx_cons_get_node_id()) + " of " +
                                 std::to_string(vx_cons_get_node_count()) + " is active");
   const lock_scope activity(activity_lock_);
-  activity_.notify_all();
+  activity_.signal_all();
   return EXIT_OK;
 }
 
@@ -139,7 +139,7 @@ void service::shut_down()
   stopping_ = true;
   {
     const lock_scope activity(activity_lock_);
-    activity_.notify_all();
+    activity_.signal_all();
   }
   lock_scope scope(lifecycle_lock_);
   note_isolation();
@@ -176,7 +176,7 @@ bool service::wait_active(steady_time deadline)
 {
   const lock_scope scope(activity_lock_);
   while (!stopping_ && vx_cons_cluster_active() == 0) {
-    if (activity_.wait_until(activity_lock_, deadline) == std::cv_status::timeout) {
+    if (!activity_.wait_until(activity_lock_, deadline)) {
       return false;
     }
   }
@@ -186,7 +186,7 @@ bool service::wait_active(steady_time deadline)
 bool service::pause(steady_time deadline)
 {
   const lock_scope scope(activity_lock_);
-  while (!stopping_ && activity_.wait_until(activity_lock_, deadline) == std::cv_status::no_timeout) {
+  while (!stopping_ && activity_.wait_until(activity_lock_, deadline)) {
   }
   return !stopping_;
 }

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <string>
 
@@ -91,8 +90,10 @@ private:
   std::atomic<uint32_t> threads_ = 0;
   platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
+  // Guards no field: what the waiters test is `stopping_` and the library's answer. Held to signal, so that none misses
+  // it between its test and its wait.
   platform::mutex activity_lock_;
-  std::condition_variable_any activity_;  // became active, or stopping
+  platform::condition activity_;  // became active, or stopping
 };
 
 }  // namespace kesh

@@ -45,8 +45,8 @@ public:
   int fd() const { return fd_; }
 
 private:
-  platform::mutex lock_;
-  int fd_;
+  platform::mutex lock_;  // held while a piece is sent
+  const int fd_;
 };
 
 /// Connects. Not open on failure, errno set.

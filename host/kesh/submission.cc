@@ -40,7 +40,7 @@ bool submission::push(std::string text)
     return false;
   }
   waiting_.push_back({++taken_, std::move(text)});
-  changed_.notify_all();
+  changed_.signal_all();
   return true;
 }
 
@@ -49,7 +49,7 @@ void submission::finish()
   {
     const lock_scope scope(lock_);
     finished_ = true;
-    changed_.notify_all();
+    changed_.signal_all();
   }
   for (std::thread &thread : threads_) {
     thread.join();
@@ -69,7 +69,7 @@ bool submission::pop(waiting_line &line, bool &tried)
   line = std::move(waiting_.front());
   waiting_.pop_front();
   tried = !failed_;
-  changed_.notify_all();
+  changed_.signal_all();
   return true;
 }
 
@@ -101,7 +101,7 @@ void submission::answer(const waiting_line &line, const send_verdict &given, int
   client_.send("failed " + head + std::to_string(given.attempts) + ' ' + given.reason + '\n');
   const lock_scope scope(lock_);
   failed_ = true;
-  changed_.notify_all();
+  changed_.signal_all();
 }
 
 }  // namespace kesh

@@ -8,7 +8,6 @@
 /// line "done" follows. After a failure the lines that wait are answered with a failure, too.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -53,12 +52,12 @@ private:
   const int64_t timeout_s_;
   const size_t room_;
   platform::mutex lock_;
-  std::condition_variable_any changed_;
+  platform::condition changed_;
   std::deque<waiting_line> waiting_ PLATFORM_GUARDED_BY(lock_);
   uint64_t taken_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool finished_ PLATFORM_GUARDED_BY(lock_) = false;
   bool failed_ PLATFORM_GUARDED_BY(lock_) = false;
-  std::vector<std::thread> threads_;
+  std::vector<std::thread> threads_;  // constructor and owner only
 };
 
 }  // namespace kesh

@@ -58,6 +58,7 @@ private:
   }
   void write_line(const std::string &event);
 
+  // Set by open, before other threads run.
   platform::unique_fd fd_;
   std::string life_;
 };
