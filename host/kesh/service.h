@@ -90,8 +90,8 @@ private:
   std::atomic<uint32_t> threads_ = 0;
   platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
-  // Guards no field: what the waiters test is `stopping_` and the library's answer. Held to signal, so that none misses
-  // it between its test and its wait.
+  // Guards no field: the waiters test `stopping_` and the library's answer. It is held to signal, so that no waiter
+  // misses the signal between its test and its wait.
   platform::mutex activity_lock_;
   platform::condition activity_;  // became active, or stopping
 };

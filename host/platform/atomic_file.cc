@@ -31,8 +31,8 @@ bool write_all(int fd, std::string_view content)
   return true;
 }
 
-// Failing to give the file to its old owner is no reason to lose a save: whoever is not root, or is root only of a
-// user namespace, cannot.
+// A process that is not root, or is root only of a user namespace, cannot give the file to its old owner. That is no
+// reason to lose a save.
 bool take_over_mode(int fd, const std::string &path)
 {
   struct stat old;

@@ -1,5 +1,4 @@
-/// What travels on the connection between a node and a broker: a Unix socket of type SOCK_SEQPACKET, one frame per
-/// packet.
+/// The connection between a node and a broker: a Unix socket of type SOCK_SEQPACKET, one frame per packet.
 ///
 ///   offset  width  field
 ///   0       1      kind

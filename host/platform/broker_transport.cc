@@ -1,4 +1,4 @@
-// All datagrams on one connection to a broker, which owns their delivery.
+// All datagrams travel on one connection to a broker, which owns their delivery.
 #include "broker_frame.h"
 #include "guarded.h"
 #include "platform.h"
@@ -47,8 +47,8 @@ public:
   void end_marks() override;
 
 private:
-  // Writable means to the kernel that three quarters of the buffer are free. Bulk sends only then, and so leaves room
-  // for everything else.
+  // The kernel calls a socket writable when three quarters of its buffer are free. Bulk is sent only then, and so
+  // leaves room for everything else.
   bool has_room(int wait_ms) const
   {
     pollfd room{socket_.get(), POLLOUT, 0};
@@ -56,12 +56,12 @@ private:
   }
   bool take(const frame_header &header, const uint8_t *bytes, size_t size, arrival &to);
 
-  // Written by open alone.
+  // Only open writes these.
   messaging_settings settings_;
   unique_fd socket_;
   int input_fd_ = -1;
 
-  // The receiving thread's.
+  // Only the receiving thread uses these.
   std::array<mmsghdr, BATCH> headers_;
   std::array<iovec, 2 * BATCH> parts_;
   std::array<frame_header, BATCH> frames_;
@@ -114,7 +114,7 @@ size_t broker_transport::send_bulk(message *first, size_t count, int &error)
 {
   error = EAGAIN;
   size_t sent = 0;
-  // One call per message, for the sake of the room: the way to the broker is meant to be exact, not fast.
+  // One call per message, to see the room before each: this transport is meant to be exact, not fast.
   for (message *one = first; one != nullptr && sent < std::min(count, BATCH); one = one->next, ++sent) {
     error = send_bulk(*one);
     if (error != 0) {
@@ -136,7 +136,7 @@ bool broker_transport::take(const frame_header &header, const uint8_t *bytes, si
   if (header[0] != static_cast<uint8_t>(frame_kind::datagram) || from < 1 || from > NODES_MAX) {
     return false;
   }
-  // What is no message of any channel is judged, and counted, as one of the first.
+  // A datagram of no channel is judged, and counted, as one of the first channel.
   const uint32_t channel = size >= WORD_SIZE ? bytes[3] : 0;
   const bool is_channel = channel >= CHANNEL_FIRST && channel < CHANNEL_FIRST + CHANNEL_COUNT;
   to = {bytes, size, is_channel ? channel : CHANNEL_FIRST, settings_.node_address[from - 1],
@@ -159,7 +159,7 @@ arrivals broker_transport::receive(size_t)
   size_t kept = 0;
   for (size_t i = 0; received > 0 && i < static_cast<size_t>(received) && !result.ended; ++i) {
     const size_t size = headers_[i].msg_len;
-    result.ended = size == 0;  // no frame is empty
+    result.ended = size == 0;  // a frame is never empty
     if (size >= FRAME_HEADER_SIZE &&
         take(frames_[i], slots_.get() + i * SLOT_SIZE, size - FRAME_HEADER_SIZE, arrived_[kept])) {
       ++kept;

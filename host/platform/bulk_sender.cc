@@ -16,7 +16,7 @@ constexpr size_t WINDOW_MAX = 512;
 constexpr size_t PIECE_CHARGE = 2304;
 constexpr std::chrono::milliseconds READER_PAUSE{10};
 constexpr std::chrono::nanoseconds COST_MIN{10'000};
-// A piece that is not back after that is not coming.
+// A piece that has not come back by then is lost.
 constexpr std::chrono::milliseconds COME_BACK_WAIT{20};
 // Shorter than the second after which a node that lost a piece asks for it again.
 constexpr std::chrono::milliseconds REPETITION_AGE{500};
@@ -51,7 +51,7 @@ void bulk_sender::stop()
   }
 }
 
-// Two pieces with one hash would cost one transmission, which may be lost anyway.
+// If two pieces had one hash, one transmission would be left out. Transmissions may be lost anyway.
 bool bulk_sender::is_repetition(const message &one, clock::time_point now)
 {
   if (one.destination != GROUP_ADDRESS) {

@@ -1,11 +1,11 @@
-/// Sends payload pieces, thousands in a burst, no faster than the receivers can take them.
+/// Sends payload pieces, which come in bursts of thousands, no faster than the receivers can take them.
 ///
-/// Two brakes. A rate: what a receive buffer like our own holds while its reader gets no processor for 10 ms. And
-/// a window: pieces sent to the group that have not come back to this node yet. A machine whose readers fall
-/// behind slows its senders down that way.
+/// There are two limits. The rate: what a receive buffer like our own can hold while its reader gets no processor for
+/// 10 ms. The window: how many pieces sent to the group have not come back to this node yet. So a machine whose readers
+/// fall behind slows its senders down.
 ///
-/// Every node that lacks a payload asks for it, and each request is answered to all. So while pieces wait, one that was
-/// taken a moment ago is not taken again: who asked later hears it too.
+/// Every node that lacks a payload asks for it, and each answer goes to all. So while pieces wait, a piece that was
+/// taken a moment ago is not taken again: a node that asked later hears the first one.
 #pragma once
 
 #include "guarded.h"
@@ -25,18 +25,18 @@ class bulk_sender
 public:
   explicit bulk_sender(transmitter &out) : out_(out) {}
 
-  /// `receive_buffer`: what the kernel granted, in its reckoning.
+  /// `receive_buffer`: what the kernel granted, as it counts.
   void start(size_t receive_buffer);
   /// Ends the thread and releases what waits.
   void stop();
 
-  /// Sends at once if nothing waits and both brakes allow it, else queues, or drops what it repeats. Never blocks.
-  /// False if the queue is full or the sender stopped; the message is released.
+  /// Sends at once if nothing waits and both limits allow it. Otherwise queues the message, or drops it as a
+  /// repetition. Never blocks. False if the queue is full or the sender is stopped; the message is released.
   bool submit(message_ptr added);
-  /// Takes back what still waits here. Waits for a batch that is being sent, which never blocks, so that none is
-  /// sent after the return.
+  /// Takes back what still waits here. Waits for a batch that is being sent, which never blocks. So none is sent after
+  /// the return.
   void remove(uint32_t channel, uint32_t key, bool any_key);
-  /// So many of our pieces came back.
+  /// `count` of our pieces came back.
   void came_back(size_t count);
 
 private:
@@ -59,9 +59,9 @@ private:
   bool stopping_ PLATFORM_GUARDED_BY(lock_) = true;
   bool sending_batch_ PLATFORM_GUARDED_BY(lock_) = false;
   condition batch_ended_;
-  uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0;  // threads that wait for the batch's end: begin no other
+  uint32_t removing_ PLATFORM_GUARDED_BY(lock_) = 0;  // threads that wait for the batch to end: no other may begin
   message_list waiting_ PLATFORM_GUARDED_BY(lock_);
-  // When each piece was taken, by a hash of its bytes; since the queue was last empty.
+  // When each piece was taken, by a hash of its bytes. Covers the time since the queue was last empty.
   std::unordered_map<size_t, clock::time_point> taken_ PLATFORM_GUARDED_BY(lock_);
   clock::time_point paid_until_ PLATFORM_GUARDED_BY(lock_);
   size_t in_flight_ PLATFORM_GUARDED_BY(lock_) = 0;

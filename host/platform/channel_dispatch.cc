@@ -93,7 +93,7 @@ void channel_dispatch::run()
       counters_.drop(drop_reason::no_hook);
       continue;
     }
-    // The decision to call stands from here on; the call itself is made with nothing held.
+    // From here on the call is decided; it is made with no lock held.
     const hook_function hook = hook_;
     lock_.unlock();
     counters_.received.fetch_add(1, std::memory_order_relaxed);

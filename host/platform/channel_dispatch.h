@@ -1,5 +1,5 @@
-/// Hands the messages of one channel to its hook, one at a time, on a thread of its own. What arrives while the
-/// hook runs is kept, control in front of bulk.
+/// Hands the messages of one channel to its hook, one at a time, on a thread of its own. Messages that arrive while the
+/// hook runs are queued, control messages before bulk.
 #pragma once
 
 #include "counters.h"
@@ -20,14 +20,14 @@ public:
   channel_dispatch(messaging_counters &counters, uint32_t channel) : counters_(counters), channel_(channel) {}
 
   void start();
-  /// Waits for a hook that runs, ends the thread and releases what waits. Not from a hook.
+  /// Waits for a hook that is running, ends the thread and releases the queue. Not to be called from a hook.
   void stop();
 
-  /// Null: none. A call of the old hook may still run, but none begins after the return. Never waits.
+  /// Null: no hook. A call of the old hook may still run, but none begins after the return. Never waits.
   void set_hook(hook_function hook);
   void clear_hook(hook_function hook);
 
-  /// Takes the received messages over. What exceeds the memory bound, or finds no hook, is counted and dropped.
+  /// Takes over the received messages. Those that exceed the memory bound, or find no hook, are counted and dropped.
   void put(message_list &control, message_list &bulk);
 
 private:

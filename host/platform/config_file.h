@@ -1,7 +1,7 @@
-/// The configuration file as text: what an operator wrote stays as it was, line by line.
+/// The configuration file as text. What an operator wrote stays as it was, line by line.
 ///
-///   # comment; blank lines are free
-///   key = value            # the value ends in front of a blank and '#'
+///   # comment; blank lines are allowed
+///   key = value            # the value ends before a blank and '#'
 ///   key = "  value\n"      # quoted: blanks and '#' count; \\ \" \n \r \t \xHH
 ///
 /// Keys consist of letters, digits and . _ - [ ] and appear once.

@@ -36,7 +36,7 @@ config_store &store()
   return *only;
 }
 
-// Where a key stands, for messages: "file:line: key: ".
+// The place of a key, for messages: "file:line: key: ".
 std::string place_of(const std::string &key)
 {
   config_store &config = store();
@@ -71,7 +71,7 @@ void change(const std::string &key, const std::optional<std::string> &value)
   apply(config.file, key, value);
 }
 
-// The file as it is now with our changes: what an operator edited since the load stays.
+// Merges our changes into the file as it is now, so that what an operator has edited since the load stays.
 bool save_locked(config_store &config, std::string &error) PLATFORM_REQUIRES(config.guard)
 {
   if (config.path.empty()) {
@@ -114,7 +114,7 @@ bool read_number(const std::string &text, int64_t low, int64_t high, int64_t &va
   return true;
 }
 
-// Exceptions, which can only be failed allocations here, end where C begins.
+// No exception may reach C. Here they can only be failed allocations.
 template <typename Body>
 int for_key(const char *format, va_list arguments, Body body)
 {

@@ -27,8 +27,8 @@ void release(const entry &gone)
   }
 }
 
-// A cursor names the entry that the walk returns next, so the one just returned may go: bit 32 and the key;
-// null at the end.
+// A cursor names the entry that the walk returns next, so the entry just returned may be deleted. It consists of bit 32
+// and the key; it is null at the end.
 static_assert(sizeof(void *) == 8, "a cursor holds a key and one more bit");
 constexpr uint64_t CURSOR_SET = uint64_t{1} << 32;
 
@@ -58,7 +58,7 @@ void *vx_hash_create_i(uint32_t buckets)
 
 void vx_hash_clear_i(void *table)
 {
-  // Off the table first: a destroy callback then finds it empty, whatever it does.
+  // The entries leave the table first: whatever a destroy callback does, it finds the table empty.
   table_map gone;
   gone.swap(map_of(table));
   for (const auto &[key, value] : gone) {

@@ -22,7 +22,7 @@ using namespace platform;
 namespace
 {
 
-// Lines are put together on library threads with 64 KiB of stack; a longer one is cut.
+// Lines are formatted on library threads with 64 KiB of stack. A longer line is cut.
 constexpr size_t LINE_MAX_BYTES = 1024;
 constexpr int64_t FILE_SIZE_DEFAULT = 16 << 20;
 constexpr int64_t FILES_DEFAULT = 4;
@@ -71,7 +71,7 @@ void write_line(spdlog::level::level_enum level, std::string_view text)
   logger().log(level, spdlog::string_view_t(text.data(), text.size()));
 }
 
-// `error` is the errno to add, 0 for none. errno is left alone.
+// `error` is the errno to add, 0 for none. errno stays unchanged.
 void format_line(spdlog::level::level_enum level, int error, const char *format, va_list arguments)
 {
   const int saved_errno = errno;
@@ -91,7 +91,7 @@ void format_line(spdlog::level::level_enum level, int error, const char *format,
       write_line(level, std::string_view(line, length));
     }
   } catch (...) {
-    // A line that cannot be written has nowhere to be reported, and the caller is C.
+    // There is nowhere to report a line that cannot be written, and the caller is C.
   }
   errno = saved_errno;
 }
@@ -172,7 +172,7 @@ void log_line(log_level level, const std::string &text)
   try {
     write_line(levels[static_cast<size_t>(level)], text);
   } catch (...) {
-    // As above.
+    // There is nowhere to report it.
   }
 }
 

@@ -1,4 +1,4 @@
-/// A message inside the service: our own fields, then the object that the library and the wire see.
+/// A message inside the service: our own fields, then the object that the library uses and that travels.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 namespace platform
 {
 
-/// What a datagram consists of, which is the object of vx_host.h as it is:
+/// A datagram is the object of vx_host.h, unchanged:
 ///
 ///   offset  width  content
 ///   0       2      magic, 'V' 'X'
@@ -26,14 +26,13 @@ inline constexpr size_t DATAGRAM_MAX = 65507;
 inline constexpr uint32_t CHANNEL_FIRST = 3;
 inline constexpr uint32_t CHANNEL_COUNT = 4;
 
-/// The pieces of payloads: channel 5, key 2. Thousands come at once, so they are paced and everything else
-/// overtakes them.
+/// Pieces of payloads: channel 5, key 2. They come in thousands, so they are paced, and everything else overtakes them.
 constexpr bool is_bulk(uint32_t channel, uint32_t key)
 {
   return channel == 5 && key == 2;
 }
 
-/// A piece of 1400 bytes behind its 20-byte header must not be fragmented on an Ethernet.
+/// A piece of 1400 bytes with its 20-byte header must fit into one Ethernet frame.
 inline constexpr size_t PIECE_DATAGRAM_MAX = WORD_SIZE + ENVELOPE_SIZE + 20 + 1400;
 static_assert(PIECE_DATAGRAM_MAX + 20 + 8 <= 1500, "IP and UDP headers and the largest piece exceed the MTU");
 
@@ -44,7 +43,7 @@ struct alignas(16) message {
   size_t data_size = 0;  // bytes behind the word
   uint32_t channel = 0;
   uint32_t key = 0;
-  uint32_t destination = 0;  // as the library named it, network order
+  uint32_t destination = 0;  // as the library gave it, network order
   uint32_t interval = 0;
   int32_t repeat = 0;  // repetitions left, -1 without end
 
@@ -69,7 +68,7 @@ inline message *message_of(void *object)
 void write_word(message &to);
 
 enum class datagram_check { good, bulk, foreign, damaged };
-/// Judges `size` received bytes, which may be anything, as a message of the channel. good and bulk: handed over.
+/// Judges `size` received bytes, which may be anything, as a message of the channel. good and bulk are handed over.
 datagram_check check_datagram(const uint8_t *bytes, size_t size, uint32_t channel);
 
 /// First in, first out; owns its messages and needs no memory for itself.
@@ -93,7 +92,7 @@ public:
   void prepend(message_list &others);
   void clear();
 
-  /// Releases what `matches`.
+  /// Releases every message that `matches`.
   template <typename Predicate>
   void remove_if(Predicate matches)
   {

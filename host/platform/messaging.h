@@ -1,4 +1,4 @@
-/// The messaging service of one node. The functions of vx_host.h work on the process's only one; tests make more.
+/// The messaging service of one node. The functions of vx_host.h use the process's only one; tests make more.
 #pragma once
 
 #include "bulk_sender.h"
@@ -19,7 +19,7 @@
 namespace platform
 {
 
-/// Any thread may call anything but start and stop. No call waits for a hook, and none but stop and mark for the
+/// Any thread may call everything except start and stop. Only stop waits for a hook; only stop and mark wait for the
 /// network.
 class messaging
 {
@@ -32,7 +32,7 @@ public:
   /// Waits for running hooks. What is queued is dropped. Hooks stay registered.
   void stop() PLATFORM_EXCLUDES(running_lock_);
 
-  /// As vx_msg_enqueue and vx_msg_dequeue; a handle is a number that is used once, so an old one is harmless.
+  /// As vx_msg_enqueue and vx_msg_dequeue. A handle is a number that is used once, so a stale one is harmless.
   void *enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint32_t destination, int32_t repeat,
                 uint32_t interval) PLATFORM_EXCLUDES(running_lock_);
   void dequeue(void *handle, uint32_t channel, uint32_t key);
@@ -55,8 +55,8 @@ private:
   receiver::channels channels_;
   receiver receiver_{counters_, channels_, bulk_};
   std::atomic<uint64_t> next_id_{1};
-  // Shared while a message is sent, so that stop does not close a socket in use. A mark keeps the transport alive
-  // by itself.
+  // Held shared while a message is sent, so that stop does not close a socket in use. A mark keeps the transport alive
+  // by its own reference.
   shared_mutex running_lock_;
   std::shared_ptr<transport> transport_ PLATFORM_GUARDED_BY(running_lock_);  // null while stopped
   bool running_ PLATFORM_GUARDED_BY(running_lock_) = false;

@@ -56,7 +56,7 @@ void *vx_msg_allocate(uint32_t size)
   return made ? made.release()->object() : nullptr;
 }
 
-// An allocation that fails on these roads can only be for a line of the log: the message is as good as lost.
+// Only a line of the log is allocated on these paths. If that fails, the message counts as lost.
 void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t destination, int32_t repeat,
                      uint32_t interval)
 {
@@ -85,7 +85,7 @@ void vx_msg_register_recv_hook(void (*hook)(void *msg), uint32_t channel)
   try {
     service().register_hook(hook, channel);
   } catch (...) {
-    // No memory for a line of the log.
+    // There was no memory for a line of the log.
   }
 }
 

@@ -1,4 +1,4 @@
-/// What the process itself needs of the host layer, beyond the functions of vx_host.h that the library calls.
+/// What the process itself needs of the host layer. The functions that the library calls are in vx_host.h.
 /// Order of use: config_load, log_open, messaging_start, then the library; messaging_stop after vx_cons_cleanup.
 #pragma once
 
@@ -49,10 +49,10 @@ bool messaging_start(std::string &error);
 /// Ends the threads and closes the sockets. The library must be cleaned up before.
 void messaging_stop();
 messaging_statistics messaging_read_statistics();
-/// Test aid: drops everything received from the nodes of the mask (bit n - 1 = node n). 0 ends it.
+/// Test aid: drops everything that comes from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
-/// Test aid: tells the broker that this process has come to the point `kind` and waits for its leave to go on, so that
-/// the process can be killed exactly there. Returns at once over UDP, when messaging is not started and when the
+/// Test aid: tells the broker that this process has reached the point `kind` and waits until the broker lets it go on.
+/// So the process can be killed exactly there. Returns at once over UDP, while messaging is not started, and when the
 /// broker has gone. Any thread.
 void messaging_mark(const char *kind);
 

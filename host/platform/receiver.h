@@ -1,5 +1,5 @@
-/// Reads every input of the transport on one thread, judges what came, and passes it to the channels' queues at
-/// once: a hook that blocks leaves the kernel's buffers free.
+/// Reads every input of the transport on one thread, judges the datagrams, and passes them to the channels' queues at
+/// once. So the kernel's buffers stay free while a hook blocks.
 #pragma once
 
 #include "bulk_sender.h"
@@ -50,7 +50,7 @@ private:
   channels &to_;
   bulk_sender &bulk_;
   std::atomic<uint32_t> blocked_{0};
-  // Set before the thread starts, released after it has ended; read by the thread alone in between.
+  // Set before the thread starts and released after it has ended. In between only the thread reads them.
   messaging_settings settings_;
   transport *transport_ = nullptr;
   unique_fd poll_;

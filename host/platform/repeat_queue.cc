@@ -51,7 +51,7 @@ void repeat_queue::add(message_ptr added)
   const lock_scope lock(lock_);
   const bool busy = out_.send(*added) == send_result::busy;
   added->due_us = now_us() + (busy ? BUSY_RETRY_US : period_us(*added));
-  // Most are taken back within milliseconds: waking the thread for each would cost more than sending it.
+  // Most messages are taken back within milliseconds. To wake the thread for each would cost more than to send it.
   if (added->due_us < wakes_at_us_) {
     changed_.signal();
   }
@@ -76,7 +76,7 @@ size_t repeat_queue::size()
   return queued_.count();
 }
 
-// A few messages are queued at a time: one per waiting submission and register.
+// Only a few messages are queued at a time: one per waiting submission and register.
 void repeat_queue::send_due(int64_t now)
 {
   bool ended = false;

@@ -1,4 +1,4 @@
-/// Messages that are sent again and again until they are taken back.
+/// Messages that are sent repeatedly until they are taken back.
 #pragma once
 
 #include "guarded.h"
@@ -22,8 +22,8 @@ public:
 
   /// Sends the message for the first time and keeps it, under its id.
   void add(message_ptr added);
-  /// Takes messages back. Waits for a transmission that is under way, which never blocks, so that none is
-  /// sent after the return.
+  /// Takes messages back. Waits for a transmission that is under way, which never blocks. So none is sent after the
+  /// return.
   void remove(uint64_t id);
   void remove(uint32_t channel, uint32_t key, bool any_key);
   size_t size();
@@ -37,7 +37,7 @@ private:
   transmitter &out_;
   std::thread thread_;  // start and stop only
 
-  // Held while a message is sent: that is what remove waits for.
+  // Held while a message is sent, so that remove waits for it.
   mutex lock_;
   condition changed_;
   int64_t interval_us_ PLATFORM_GUARDED_BY(lock_) = 0;

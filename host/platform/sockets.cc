@@ -11,7 +11,7 @@ namespace platform
 namespace
 {
 
-// Several nodes' worth of pieces may wait for a slow link; the kernel's limit holds in any case.
+// Room for the pieces of several nodes on a slow link. The kernel's limit applies anyway.
 constexpr int SEND_BUFFER = 1 << 20;
 
 template <typename Value>
@@ -48,7 +48,7 @@ ip_mreqn group_on_interface(const messaging_settings &settings)
   return membership;
 }
 
-// What the kernel does not grant shows in granted_receive_buffer.
+// The kernel may grant less: see granted_receive_buffer.
 void enlarge_receive_buffer(const unique_fd &fd, uint32_t size)
 {
   const int wanted = static_cast<int>(size);
@@ -63,7 +63,7 @@ unique_fd open_unicast_receiver(const messaging_settings &settings, uint32_t cha
 {
   const auto port = static_cast<uint16_t>(settings.port_base + channel);
   unique_fd fd = open_udp();
-  // No SO_REUSEADDR: two processes as one node would each get some of its messages.
+  // No SO_REUSEADDR: two processes that act as one node would each get some of its messages.
   if (!fd || !set_option(fd.get(), SOL_SOCKET, SO_RXQ_OVFL, 1) || !bind_to(fd, settings.own_address(), port)) {
     return failed("cannot receive on", settings.own_address(), port, error);
   }
@@ -75,7 +75,8 @@ unique_fd open_group_receiver(const messaging_settings &settings, uint32_t chann
 {
   const auto port = static_cast<uint16_t>(settings.port_base + channel);
   unique_fd fd = open_udp();
-  // Bound to the group, it hears only the group; IP_MULTICAST_ALL off: only on the interface that it joined.
+  // A socket bound to the group hears only the group. Without IP_MULTICAST_ALL it hears only the interface it joined
+  // on.
   if (!fd || !set_option(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1) || !set_option(fd.get(), SOL_SOCKET, SO_RXQ_OVFL, 1) ||
       !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) || !bind_to(fd, GROUP_ADDRESS, port) ||
       !set_option(fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, group_on_interface(settings))) {

@@ -12,12 +12,12 @@ namespace platform
 
 /// Receives what is sent to this node on the channel. Fails if another process has this node's address.
 unique_fd open_unicast_receiver(const messaging_settings &settings, uint32_t channel, std::string &error);
-/// Receives what is sent to the group on the channel, as every other node on this machine does.
+/// Receives what is sent to the group on the channel. All nodes on this machine can do so at once.
 unique_fd open_group_receiver(const messaging_settings &settings, uint32_t channel, std::string &error);
 /// Sends from the node's own address to nodes and to the group; what goes to the group comes back too.
 unique_fd open_sender(const messaging_settings &settings, std::string &error);
 
-/// The receive buffer that the kernel granted, in its own reckoning (about 2300 bytes for a datagram of 1444).
+/// The receive buffer that the kernel granted, as it counts (about 2300 bytes for a datagram of 1444).
 size_t granted_receive_buffer(const unique_fd &socket);
 /// The port that the socket is bound to, network order.
 uint16_t bound_port(const unique_fd &socket);

@@ -7,7 +7,7 @@
 namespace
 {
 #if defined(VX_SANITIZED)
-// Instrumented frames are several times larger, and a sanitizer keeps its own data of a thread there too.
+// Instrumented frames are several times larger, and a sanitizer keeps its own data on the stack too.
 constexpr size_t STACK_FACTOR = 64;
 #else
 constexpr size_t STACK_FACTOR = 1;

@@ -35,10 +35,10 @@ public:
   send_result send_bulk(message_list &list);
   send_result send_bulk(message &one);
 
-  /// Waits until there may be room for bulk again, at most that long.
+  /// Waits until there may be room for bulk again, at most `wait_ms`.
   void wait_for_room(int wait_ms) const { transport_->wait_for_room(wait_ms); }
 
-  /// Counts a message that is not sent, and says so once per channel, destination and error. 0: no errno.
+  /// Counts a message that is not sent, and logs it once per channel, destination and error. 0: no errno.
   void report(const message &lost, int error, const std::string &why);
 
 private:
@@ -46,8 +46,8 @@ private:
   void forget_reports(const message &sent);
 
   messaging_counters &counters_;
-  // Written by open and close alone, while nobody sends: the threads that send do not run yet or have ended, and
-  // messaging refuses everybody else.
+  // Only open and close write these, while nobody sends: the sending threads do not run then, and messaging refuses all
+  // other callers.
   messaging_settings settings_;
   transport *transport_ = nullptr;
 

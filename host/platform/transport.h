@@ -1,5 +1,5 @@
-/// How datagrams get from node to node. All that lies above, repetition, pacing, dispatch and counters, is the same
-/// for every kind.
+/// How datagrams get from node to node. Repetition, pacing, dispatch and counters lie above and are the same for every
+/// kind of transport.
 #pragma once
 
 #include "message.h"
@@ -27,7 +27,7 @@ struct arrival {
 struct arrivals {
   std::span<const arrival> all;  // valid until the next call
   uint32_t lost = 0;             // datagrams dropped for want of room since the last call
-  bool ended = false;            // nothing will come from this input any more
+  bool ended = false;            // nothing more will come from this input
 };
 
 /// Sending: any thread, and nothing blocks. Receiving: one thread. Errors are errno values; EAGAIN and ENOBUFS mean
@@ -48,13 +48,13 @@ public:
   /// Sends messages from `first` on, at most `count` (up to BATCH), until one fails. Returns how many were sent; if
   /// none, `error` says why the first was not.
   virtual size_t send_bulk(message *first, size_t count, int &error) = 0;
-  /// Waits until bulk may find room again, at most that long.
+  /// Waits until bulk may find room again, at most `wait_ms`.
   virtual void wait_for_room(int wait_ms) const = 0;
 
   /// Descriptors that become readable when something has come.
   virtual std::span<const int> inputs() const = 0;
   virtual arrivals receive(size_t input) = 0;
-  /// Of the smallest input, in the kernel's reckoning: twice the bytes that were asked for, if they were granted.
+  /// Of the smallest input, as the kernel counts: twice the bytes that were asked for, if it granted them.
   virtual size_t receive_buffer() const = 0;
 
   /// See messaging_mark. The second ends all waits, now and later.

@@ -1,4 +1,4 @@
-// One port per channel, on the own address and on the group.
+// UDP: one port per channel, on the node's own address and on the group.
 #include "sockets.h"
 #include "transport.h"
 
@@ -15,7 +15,7 @@ namespace platform
 namespace
 {
 
-constexpr size_t SLOT_SIZE = 65536;  // no datagram is longer, so none arrives cut
+constexpr size_t SLOT_SIZE = 65536;  // no datagram is longer, so none is cut
 
 struct receive_batch {
   struct overflow_control {
@@ -92,9 +92,9 @@ private:
     return sent < 0 ? errno : 0;
   }
 
-  // Written by open alone, but for the counts of `sources_` and the batch, which are the receiving thread's.
+  // Only open writes these, except the counts of `sources_` and the batch, which the receiving thread uses alone.
   messaging_settings settings_;
-  // Bulk has a socket of its own, so that what fills its send buffer is no obstacle to the rest.
+  // Bulk has its own socket, so that a full send buffer of bulk does not hold up the rest.
   unique_fd control_;
   unique_fd bulk_;
   uint16_t bulk_port_ = 0;  // network order
@@ -137,7 +137,7 @@ size_t udp_transport::send_bulk(message *first, size_t count, int &error)
     headers[filled].msg_hdr.msg_iov = &parts[filled];
     headers[filled].msg_hdr.msg_iovlen = 1;
   }
-  // An error is reported only for the first message; the next call brings that of a later one.
+  // sendmmsg reports an error only for its first message. That of a later one comes with the next call.
   const int sent = sendmmsg(bulk_.get(), headers, filled, MSG_NOSIGNAL);
   error = sent < 0 ? errno : 0;
   return sent < 0 ? 0 : static_cast<size_t>(sent);
