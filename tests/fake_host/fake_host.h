@@ -77,7 +77,7 @@ void repeat_queued();
 void inject(uint32_t channel, uint32_t from_node, const bytes &payload);
 /// The same with any envelope: 20 bytes as they come.
 void inject_with(uint32_t channel, const bytes &envelope, const bytes &payload);
-/// Calls the hook itself, on this thread: a host may have several threads for one channel.
+/// Calls the hook itself, if the channel has one, on this thread: a host may have several threads for one channel.
 void call_hook(uint32_t channel, uint32_t from_node, const bytes &payload);
 bytes envelope(uint32_t from_node, size_t length);
 /// Keeps what arrives on a channel until released.

@@ -270,7 +270,9 @@ void call_hook(uint32_t channel, uint32_t from_node, const bytes &payload)
     const std::lock_guard lock(host().lock);
     hook = hook_of(channel);
   }
-  hook(object.data());
+  if (hook != nullptr) {
+    hook(object.data());
+  }
 }
 
 void hold(uint32_t channel)
