@@ -20,8 +20,8 @@ extern "C" {
 #define VX_CONS_DATA_TYPES 4u
 /* Largest cluster. */
 #define VX_CONS_NODES_MAX 16u
-/* Longest payload that vx_cons_distribute takes, in bytes. */
-#define VX_CONS_PAYLOAD_MAX 0xFFFFFFE3u
+/* Longest payload that vx_cons_distribute takes, in bytes: with its two headers of 8 bytes it fits 32 bits. */
+#define VX_CONS_PAYLOAD_MAX 0xFFFFFFEFu
 
 /* Hooks run with locks of the library held, those for data on its threads, which have 64 KiB of stack: keep them
  * short, do not call the library from them, and do not wait in them for a lock that is held while the

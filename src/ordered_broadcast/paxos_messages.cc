@@ -32,7 +32,7 @@ std::optional<id_entry> forward_parse(std::span<const uint8_t> payload)
     return std::nullopt;
   }
   const id_entry entry = id_entry_get(payload.data() + 4);
-  if (!is_member(entry.sender) || entry.msg_id == 0) {
+  if (!is_member(entry.sender)) {
     return std::nullopt;
   }
   return entry;

@@ -31,7 +31,7 @@ struct decide_message {
 };
 
 /// Nothing if the payload is too short or names what cannot be: a log that is empty, too long, or holds invalid
-/// entries; a node outside the cluster; identifier 0.
+/// entries; a node outside the cluster. A FORWARD of identifier 0 is parsed: its receiver refuses it as an old one.
 std::optional<decide_message> decide_parse(std::span<const uint8_t> payload);
 std::optional<id_entry> forward_parse(std::span<const uint8_t> payload);
 

@@ -439,7 +439,7 @@ TEST_P(node, drops_hostile_decisions_and_forwards_whole)
   for (const bytes &hostile :
        {too_many, wire::decide(9, {{0, 3}}), wire::decide(9, {{17, 3}}), wire::decide(9, {{2, 0}}),
         wire::decide(9, {{2, 3}, {255, 1}}), wire::decide(9, {}), wire::forward({0, 5}), wire::forward({4, 5}),
-        wire::forward({17, 5}), wire::forward({255, 5}), wire::forward({2, 0})}) {
+        wire::forward({17, 5}), wire::forward({255, 5})}) {
     fake::inject(4, 2, hostile);
   }
   for (const bytes &whole : {wire::decide(9, {{2, 3}}), wire::forward({2, 5})}) {
@@ -455,8 +455,10 @@ TEST_P(node, drops_hostile_decisions_and_forwards_whole)
   EXPECT_EQ(fake::sent().size(), sent);
   EXPECT_EQ(fake::log_lines().size(), lines);
   fake::inject(4, 2, wire::words({7}));
+  fake::inject(4, 2, wire::forward({3, 0}));  // the line names who sent it
   ASSERT_TRUE(fake::settle());
   EXPECT_EQ(fake::logged("CONS: PAXOS: unknown message type 7\n"), 1u);
+  EXPECT_EQ(fake::logged("CONS: PAXOS: FORWARD dupe/busy (sender=2)\n"), 1u);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_table.h"
+#include "vx_cons.h"
 
 namespace
 {
@@ -58,7 +59,13 @@ TEST(payload_buf, has_these_bytes)
   EXPECT_EQ(payload_buf_append(payload, 11, nullptr, 0, 9), 19u);
   EXPECT_EQ(bytes(payload, payload + payload_size(payload)), wire::payload(1, {{0, {5, 6, 7}}, {9, {}}}));
   std::free(payload);
-  EXPECT_EQ(payload_buf_new(1, 0xfffffff0, 0), nullptr);  // a size that wraps allocates a few bytes
+  const uint32_t allocations = fake::calls(fake::call::memory);
+  EXPECT_EQ(payload_buf_new(1, uint64_t{VX_CONS_PAYLOAD_MAX} + 1, 0),
+            nullptr);  // a size that wraps allocates a few bytes
+  EXPECT_EQ(fake::calls(fake::call::memory), allocations);
+  fake::fail(fake::call::memory, 1);
+  std::free(payload_buf_new(1, VX_CONS_PAYLOAD_MAX, 0));
+  EXPECT_EQ(fake::calls(fake::call::memory), allocations + 1);  // the longest that a host may submit is tried
   EXPECT_EQ(payload_buf_new(4, UINT64_C(0x100000000), 0), nullptr);
 }
 
