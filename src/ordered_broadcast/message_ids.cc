@@ -31,30 +31,28 @@ bool load_counter() CONS_REQUIRES(msg_ids.lock)
   return true;
 }
 
-enum class take_result { taken, exhausted, failed };
-
-take_result take_next(bool reset, std::atomic<uint32_t> &taken)
+bool take_next(bool reset, std::atomic<uint32_t> &taken)
 {
   cons_lock lock(msg_ids.lock);
   if (reset) {
     msg_ids.counter = 0;
     msg_ids.floor = 0;
   } else if (msg_ids.counter == 0 && !load_counter()) {
-    return take_result::failed;
+    return false;
   }
   const uint32_t last = std::max(msg_ids.counter, msg_ids.floor.load());
   if (last == UINT32_MAX) {
     vx_log("%s(): CRITICAL - no message identifier is left\n", "msg_id_next");
-    return take_result::exhausted;
+    return false;
   }
   msg_ids.counter = last + 1;
   uint8_t record[MSG_ID_SIZE];
   put_le32(record, msg_ids.counter);
   if (store_write(MSG_ID_FILE, record, sizeof record) != 0) {
-    return take_result::failed;
+    return false;
   }
   taken = msg_ids.counter;
-  return take_result::taken;
+  return true;
 }
 
 }  // namespace
@@ -63,11 +61,11 @@ uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken)
 {
   std::atomic<uint32_t> own{0};
   std::atomic<uint32_t> &id = taken != nullptr ? *taken : own;
-  const take_result result = take_next(reset, id);
-  if (result == take_result::failed) {
+  if (!take_next(reset, id)) {
     paxos_isolate();
+    return 0;
   }
-  return result == take_result::taken ? id.load() : 0;
+  return id;
 }
 
 void msg_id_raise_floor(const id_batch &batch)

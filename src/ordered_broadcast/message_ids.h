@@ -8,8 +8,8 @@
 
 #include "common/id_batch.h"
 
-/// The next message identifier of this node, durable before it is returned; 0 on failure, which isolates the node
-/// unless it is only that none is left. `reset` begins again at 1. `taken`, if given, is set before another caller can
+/// The next message identifier of this node, durable before it is returned; 0 after isolating the node: the file fails,
+/// or none is left. `reset` begins again at 1. `taken`, if given, is set before another caller can
 /// get a higher one. Any thread.
 uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr);
 

@@ -55,6 +55,27 @@ TEST_P(node, isolates_itself_where_a_save_fails)
   EXPECT_EQ(result(call), 0);
 }
 
+// A node without identifiers that stays active refuses every call of its host, and as a leader it holds up the cluster:
+// it never begins another log. Let it wrap, and its messages are taken for old ones.
+TEST_P(node, isolates_itself_when_no_identifier_is_left)
+{
+  for (const uint32_t last : {wire::ALL, wire::ALL - 1}) {  // none for the caller; none for the next state
+    SCOPED_TRACE(last);
+    end_cluster();
+    configure(1, 3);
+    wire::log full = payload_log(250, {2, 3}, 3, 10);
+    full[100] = {1, last};
+    set_decided(300, full, full.back());
+    others->adopt(300, full);
+    ASSERT_TRUE(lead([] { return vx_cons_start() == 0; }));
+    auto call = submit("x");
+    EXPECT_EQ(result(call), -1);
+    expect_stopped();
+  }
+  EXPECT_EQ(fake::logged("msg_id_next(): CRITICAL - no message identifier is left\n"), 2u);
+  EXPECT_EQ(fake::logged("Isolating from cluster ...\n"), 2u);
+}
+
 // Several threads meet the failure at once, beside the host's own stop, start and cleanup: a thread joined twice, or
 // by itself, hangs or crashes.
 TEST_P(node, isolates_itself_on_several_threads_at_once)
