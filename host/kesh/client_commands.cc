@@ -29,7 +29,7 @@ int simple_command(const std::string &socket_path, const json &request)
   return client.request(socket_path, request, reply);
 }
 
-/// Hands each line to `print` until the daemon ends the stream or stdout is gone. `keep_up` flushes each.
+/// Hands each line to `print` until the daemon ends the stream or stdout is closed. `keep_up`: flushes each line.
 template <typename printer>
 int print_stream(const std::string &socket_path, const json &request, bool keep_up, printer print)
 {

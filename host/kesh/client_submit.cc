@@ -30,7 +30,7 @@ namespace
 
 constexpr size_t CHUNK_SIZE = 64 << 10;
 
-/// Copies the input to the daemon on a thread of its own, until its end or until stop().
+/// Copies the input to the daemon on its own thread, until the input ends or until stop().
 class input_sender
 {
 public:
@@ -162,7 +162,7 @@ void print_summary(tally &result, double elapsed_s, uint64_t lines, const json &
   printf(result.again > 0 ? ", %" PRIu64 " attempts repeated\n" : "\n", result.again);
 }
 
-/// The exit code, and on stderr why it is not 0.
+/// Returns the exit code, and prints to stderr why it is not 0.
 int judge(const tally &result, uint64_t lines, int read_error)
 {
   if (read_error != 0) {

@@ -1,4 +1,4 @@
-/// `kesh submit`: a file or stdin, line by line, to the daemon; verdicts and times back.
+/// `kesh submit`: sends a file or stdin to the daemon, line by line, and takes back verdicts and times.
 #pragma once
 
 #include <string>

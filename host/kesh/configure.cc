@@ -28,7 +28,7 @@ int fail(int code, const std::string &error)
   return code;
 }
 
-/// Locally administered addresses, one per node. Every node of a cluster has to be given the same ones.
+/// Locally administered addresses, one per node. Every node of a cluster must be given the same addresses.
 std::vector<std::string> made_up_macs(uint32_t count)
 {
   std::vector<std::string> macs;
@@ -72,7 +72,7 @@ bool file_has_bytes(const std::string &path)
   return stat(path.c_str(), &status) == 0 && status.st_size > 0;
 }
 
-/// What has to hold before anything is changed.
+/// Checks what must hold before anything is changed.
 int check_ready(const configure_options &options, settings &configured)
 {
   std::string error;

@@ -125,7 +125,7 @@ const std::map<std::string, handler> &handlers()
 bool control_serve(service &host, int fd)
 {
   control_peer peer(fd);
-  // Somebody who connects and says nothing does not keep a thread for ever.
+  // A client that connects and sends nothing must not occupy a thread for ever.
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &REQUEST_TIMEOUT, sizeof REQUEST_TIMEOUT);
   std::string line;
   const read_result result = peer.reader.read_line(line, SOCKET_REQUEST_MAX);

@@ -20,7 +20,7 @@ public:
 
   /// Opens the socket and starts the thread. False, and `error` says why, on failure.
   bool start(std::string &error);
-  /// Ends all connections, except those that asked for the stop and wait for it, and removes the socket file.
+  /// Ends all connections and removes the socket file. A connection that asked for the stop stays open.
   void stop();
 
 private:

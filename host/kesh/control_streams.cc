@@ -24,13 +24,13 @@ constexpr int FOLLOW_CHECK_MS = 500;
 constexpr int64_t TIMEOUT_S_MAX = 1'000'000;
 constexpr size_t READ_CHUNK_SIZE = 256 << 10;
 
-/// Walks the journal file at its own pace and sends the line records from a number on.
+/// Reads the journal file at its own pace and sends the line records from a given number on.
 class journal_sender
 {
 public:
   journal_sender(journal &lines, socket_writer &to, uint64_t from) : lines_(lines), to_(to), next_(from) {}
 
-  /// Sends what there is. False if the client is gone or the file cannot be read.
+  /// Sends what is there now. False if the client is gone or the file cannot be read.
   bool send_new()
   {
     journal_view view = lines_.view();

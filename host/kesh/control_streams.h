@@ -28,8 +28,8 @@ bool serve_submit(service &host, const nlohmann::json &request, control_peer &pe
 /// or seconds. Ends early when the client leaves. After the answer one line of JSON at the end: {"lines",
 /// "acknowledged", "failed", "attempts", "seconds"}.
 bool serve_load(service &host, const nlohmann::json &request, control_peer &peer);
-/// Sends records of the journal file as they stand there, from line "from" on; with "follow" until the client
-/// leaves. A line that begins with "# " tells what is not kept here.
+/// Sends records of the journal file, unchanged, from line "from" on; with "follow" until the client leaves. A line
+/// that begins with "# " tells which lines are not kept here.
 bool serve_journal(service &host, const nlohmann::json &request, control_peer &peer);
 /// Sends "TIME_S NODE TEXT", text escaped as in the journal.
 bool serve_heard(service &host, const nlohmann::json &request, control_peer &peer);

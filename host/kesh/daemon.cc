@@ -28,10 +28,10 @@ using platform::log_line;
 namespace
 {
 
-// The library does not tell when it leaves the cluster by itself; this is how soon the log says so.
+// The library does not report that it left the cluster by itself. The log says so within this time.
 constexpr int ISOLATION_CHECK_MS = 500;
 
-/// Blocks the signals of the daemon in all threads, to read them from a descriptor.
+/// Blocks the daemon's signals in all threads. They are read from the descriptor that this returns.
 platform::unique_fd open_signals()
 {
   sigset_t signals;
@@ -44,7 +44,7 @@ platform::unique_fd open_signals()
   return platform::unique_fd(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-/// Whoever starts the daemon by hand sees the reason too, not only the log.
+/// Reports the failure to the log, and also to stderr for an operator who starts the daemon by hand.
 int fail(int code, const std::string &error)
 {
   log_line(log_level::error, "kesh: " + error);
@@ -92,7 +92,7 @@ void main_loop(service &host, int signal_fd)
   }
 }
 
-/// Between messaging and its end.
+/// Runs the library while messaging is up.
 int run_library(service &host, int signal_fd, control_server &control)
 {
   if (!host.open_library()) {

@@ -7,7 +7,7 @@ namespace kesh
 {
 
 /// Runs until SIGTERM, SIGINT or `kesh stop`; SIGHUP opens the log again. `log_to_stderr` overrides log.file.
-/// Returns an exit code; what went wrong is in the log.
+/// Returns an exit code. The log says what went wrong.
 int daemon_run(const std::string &config_path, bool log_to_stderr);
 
 }  // namespace kesh

@@ -6,7 +6,7 @@ namespace kesh
 
 enum exit_code : int {
   EXIT_OK = 0,
-  EXIT_RUNTIME = 1,      ///< something failed while it ran
+  EXIT_RUNTIME = 1,      ///< something failed at run time
   EXIT_USAGE = 2,        ///< the command line is wrong
   EXIT_CONFIG = 3,       ///< the configuration, or what it names, cannot be used
   EXIT_UNREACHABLE = 4,  ///< no daemon answers on the control socket

@@ -22,10 +22,10 @@ namespace kesh
 
 enum class record_kind : char {
   line = 'L',         ///< a line, applied
-  repeated = 'R',     ///< delivered under a tag that was there, with another attempt: not applied
-  doubled = 'D',      ///< the same with an attempt that was there: a fault of whoever delivers
-  redelivered = 'A',  ///< as doubled, but the last one before a restart: not applied, no fault
-  base = 'S',         ///< first record of a file that came from the cluster: what was before its lines
+  repeated = 'R',     ///< its tag was known, with another attempt: not applied
+  doubled = 'D',      ///< its tag and attempt were known: a fault of the delivery; not applied
+  redelivered = 'A',  ///< as doubled, but it was the last before a restart: no fault
+  base = 'S',         ///< first record of a file that came from the cluster
 };
 
 struct file_record {

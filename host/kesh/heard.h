@@ -1,4 +1,4 @@
-/// Cluster messages: the words that `kesh say` sends to every node, and the last ones heard here.
+/// Cluster messages: what `kesh say` sends to every node, and the last messages heard here.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 namespace kesh
 {
 
-/// A cluster message of this daemon: "KS1", u8 node that speaks, text. One datagram, so the text is short.
+/// A cluster message of this daemon: "KS1", u8 sending node, text. It is one datagram, so the text is short.
 inline constexpr size_t SAY_TEXT_MAX = 1024;
 std::string say_message_encode(uint8_t node, std::string_view text);
 bool say_message_decode(std::string_view bytes, uint8_t &node, std::string_view &text);

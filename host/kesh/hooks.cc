@@ -19,7 +19,7 @@ namespace kesh
 namespace
 {
 
-// Hooks take no argument of the host's, hence this pointer. Written while no hook is registered, so no hook runs.
+// Hooks have no argument for the host, hence this pointer. Written only while no hook is registered, so none runs.
 service *hooked = nullptr;
 
 std::string_view as_text(const uint8_t *data, uint32_t length)
@@ -34,7 +34,7 @@ void mark(const char *point)
   }
 }
 
-/// Test aid: a hook that takes its time. 0 ends a pause that has begun, too.
+/// Test aid: makes a hook slow. 0 also ends a pause that has begun.
 void take_time(const std::atomic<uint32_t> &wait_ms)
 {
   using std::chrono::milliseconds;
@@ -48,7 +48,7 @@ void take_time(const std::atomic<uint32_t> &wait_ms)
   }
 }
 
-/// An event and where the journal stands after it.
+/// Notes an event, and the state of the journal after it.
 template <typename... words>
 void note_with_journal(std::string_view event, const words &...rest)
 {
@@ -75,7 +75,7 @@ void deliver_line(std::string_view bytes, uint64_t entered_ns)
   }
   const record_kind kind = hooked->lines.apply(line);
   if (hooked->events.on()) {
-    // One that comes again after a restart is doubled here: the trace tells what happened, not what it excuses.
+    // A line that is delivered again after a restart is "doubled" here: the trace tells what happened, not its excuse.
     const char *what = kind == record_kind::line ? "applied" : kind == record_kind::repeated ? "repeated" : "doubled";
     note_with_journal("deliver", entered_ns, tag_text(line.tag), line.attempt, what);
   }
@@ -92,7 +92,7 @@ void deliver_state(std::string_view bytes, uint32_t type, uint64_t entered_ns)
   note_with_journal("adopt", entered_ns, type, bytes.size());
 }
 
-/// A delivery that cannot be carried out would leave a hole: the journal is given up until a restart.
+/// A failed delivery would leave a hole, so the journal is given up until a restart.
 template <uint32_t type>
 void deliver_hook(const uint8_t *data, uint32_t length, uint32_t full_state)
 {
@@ -158,7 +158,7 @@ void clmsg_hook(const uint8_t *data, uint32_t length, uint32_t)
     text_escape(line, text);
     platform::log_line(platform::log_level::info, line);
   } catch (const std::exception &) {
-    // Cluster messages may get lost anyway.
+    // A cluster message may get lost anyway.
   }
 }
 

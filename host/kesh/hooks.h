@@ -1,8 +1,8 @@
 /// What the library calls: deliveries and states of data type 0 for the journal, cluster messages for the list. With
 /// a trace also types 1 to 3, whose states are a pattern.
 ///
-/// Hooks run on threads with 64 KiB of stack and with locks of the library held. So they are short, keep large
-/// things on the heap, let no exception out and never call the library.
+/// Hooks run on threads with 64 KiB of stack, with locks of the library held. So they are short, keep large objects on
+/// the heap, let no exception escape and never call the library.
 #pragma once
 
 namespace kesh

@@ -91,7 +91,7 @@ void journal::note_broken(const std::string &why)
   fail(why);
 }
 
-/// A file's records in their order rebuild everything that the journal knows.
+/// The records of a file, in their order, rebuild everything that the journal knows.
 bool journal::load_record(const file_record &record)
 {
   const journal_line line{record.tag, record.attempt, record.text};
@@ -172,7 +172,7 @@ record_kind journal::apply(const journal_line &line)
 
 void journal::append(const std::string &records)
 {
-  // After a failure memory goes on alone, so that a state handed over, and a repair, lack nothing.
+  // After a failure only memory goes on, so that a state that is handed over, and a repair, are complete.
   if (failed_) {
     unwritten_ += records;
   } else if (!file_.append(records)) {

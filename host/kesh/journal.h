@@ -1,6 +1,6 @@
 /// The replicated journal of this node: every line in the cluster's order, numbered, with a running hash.
-/// All functions may be called from any thread. The lock is a leaf: nothing is called with it that could come back
-/// here or into the library.
+/// All functions may be called from any thread. The lock is a leaf: with it held, nothing is called that could call the
+/// journal or the library.
 #pragma once
 
 #include <atomic>
@@ -28,7 +28,7 @@ struct journal_status {
   uint64_t lines = 0;
   uint64_t hash = 0;
   uint64_t first_line = 1;   ///< number of the oldest line in the file
-  uint64_t kept = 0;         ///< newest lines, that go into a state
+  uint64_t kept = 0;         ///< newest lines, which go into a state
   uint64_t repeated = 0;     ///< delivered again with another attempt
   uint64_t doubled = 0;      ///< delivered again with the same attempt: a fault
   uint64_t redelivered = 0;  ///< the last one before a restart, delivered again after it
@@ -37,7 +37,7 @@ struct journal_status {
   bool incomplete = false;   ///< lines are missing in the file, from an earlier failure
 };
 
-/// The file as it is now, for a reader of its own pace. Another generation means another file.
+/// The file as it is now, for a reader with its own pace. Another generation means another file.
 struct journal_view {
   platform::unique_fd fd;
   uint64_t size = 0;
@@ -53,18 +53,18 @@ public:
   /// Tries repair() if needed and closes the file.
   void close() PLATFORM_EXCLUDES(lock_);
 
-  /// Before each start of the protocol: the next delivery may be the last one of before, once more.
+  /// To be called before each start of the protocol: the next delivery may repeat the last one before.
   void expect_redelivery() PLATFORM_EXCLUDES(lock_);
 
-  /// One delivered line: to the file with one write, unless its tag is there already. Tells what it was.
+  /// Takes one delivered line. Writes it to the file with one write, unless its tag is known. Returns what it was.
   record_kind apply(const journal_line &line) PLATFORM_EXCLUDES(lock_);
-  /// One delivered state (no bytes: the empty journal): the journal is brought to it. False if it cannot be read.
+  /// Brings the journal to a delivered state (no bytes: the empty journal). False if the state cannot be read.
   bool adopt(std::string_view bytes) PLATFORM_EXCLUDES(lock_);
   /// The state for the others, see journal_state_encode.
   bool encode_state(uint8_t **bytes, uint32_t *size) PLATFORM_EXCLUDES(lock_);
-  /// A delivered payload that is no line.
+  /// Counts a delivered payload that is not a line.
   void note_damaged() PLATFORM_EXCLUDES(lock_);
-  /// Something went wrong that leaves the journal unusable until a restart.
+  /// Makes the journal unusable until a restart.
   void note_broken(const std::string &why) PLATFORM_EXCLUDES(lock_);
 
   /// After a failed write: writes what is missing. True if the journal is whole (again).
@@ -108,7 +108,7 @@ private:
   uint32_t last_attempt_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool redelivery_possible_ PLATFORM_GUARDED_BY(lock_) = true;
   std::string unwritten_ PLATFORM_GUARDED_BY(lock_);        // records that a failed write left out
-  bool rewrite_needed_ PLATFORM_GUARDED_BY(lock_) = false;  // a failed replacement: the file is of no use
+  bool rewrite_needed_ PLATFORM_GUARDED_BY(lock_) = false;  // a replacement failed: the file cannot be used
   bool broken_ PLATFORM_GUARDED_BY(lock_) = false;
   std::atomic<bool> failed_ = false;  // changed with the lock held, read by anybody
 };

@@ -1,4 +1,4 @@
-// A state of the cluster arrives: the journal is left alone, extended or replaced.
+// Adopts a state of the cluster: the journal stays as it is, is extended or is replaced.
 #include <cerrno>
 #include <cstring>
 
@@ -44,7 +44,7 @@ void journal::adopt_state(journal_state &state)
   }
 }
 
-/// Whether this journal is the beginning of the state's, and the state still has every line that follows.
+/// Whether this journal is a prefix of the state's, and the state still holds every line that follows.
 bool journal::extends_this(const journal_state &state) const
 {
   const uint64_t before_last = state.lines - state.last.size();
@@ -107,7 +107,7 @@ void journal::replace(journal_state &state)
   changed_.signal_all();
 }
 
-/// The kept lines as a file, with the record of what was before them.
+/// The kept lines as a file, after the record of what was before them.
 std::string journal::whole_file()
 {
   std::string records;

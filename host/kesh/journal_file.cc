@@ -36,7 +36,7 @@ bool write_all(int fd, std::string_view bytes)
   return true;
 }
 
-/// True if some whole record follows the first newline of `bytes`: then it is not a torn end.
+/// True if a whole record follows the first newline of `bytes`. Then this is not a torn end.
 bool record_follows(std::string_view bytes)
 {
   file_record record;
@@ -49,7 +49,7 @@ bool record_follows(std::string_view bytes)
   return false;
 }
 
-/// Reads records up to the first that is not whole. Returns the bytes read.
+/// Reads records up to the first one that is not whole. Returns the number of bytes read.
 size_t visit_records(std::string_view bytes, const std::function<bool(const file_record &)> &visit, bool &fits)
 {
   file_record record;
@@ -139,7 +139,7 @@ bool journal_file::append(std::string_view records)
   }
   const int error = written < 0 || is_whole ? errno : ENOSPC;
   if (written > 0 && ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0) {
-    // What stays is a torn record, which the next start cuts.
+    // A torn record stays, and the next start cuts it.
   }
   errno = error;
   return false;

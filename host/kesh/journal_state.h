@@ -1,4 +1,4 @@
-/// The journal as one node hands it to the others: the last lines, and enough about those before to go on.
+/// The journal as one node hands it to the others: the last lines, and what is needed of those before to go on.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ struct kept_line {
   journal_line view() const { return {tag, attempt, text}; }
 };
 
-/// More lines than any cluster applies. What claims more is damaged: counting on from there could wrap.
+/// More lines than any cluster applies. A state that claims more is damaged: counting on from there could wrap.
 inline constexpr uint64_t LINES_MAX = INT64_MAX;
 
 struct journal_state {
@@ -32,15 +32,15 @@ struct journal_state {
   std::vector<journal_line> last;  ///< the newest lines, oldest first; text points into the decoded bytes
 };
 
-/// Encodes into a buffer from malloc, for its taker to free. Returns false if there is no memory or the state is
-/// longer than 32 bits can say. All numbers little-endian.
+/// Encodes into a buffer from malloc, which the caller frees. Returns false if there is no memory, or if the size of
+/// the state does not fit into 32 bits. All numbers are little-endian.
 ///   4 magic and version, "KJS1"; u64 lines; u64 hash; u64 base_hash; u32 size and bytes of the tags (tag_index);
 ///   u32 count of last lines; for each: u8 origin, u64 life, u64 sequence, u32 attempt, u32 length, text;
 ///   u32 CRC-32 of everything before
 bool journal_state_encode(uint64_t lines, uint64_t hash, uint64_t base_hash, const tag_index &tags,
                           const std::deque<kept_line> &last, uint8_t **bytes, uint32_t *size);
 
-/// Decodes and recomputes the hash over the lines. False, and `state` of no use, if anything does not fit.
+/// Decodes, and recomputes the hash over the lines. False if anything does not fit; `state` is then undefined.
 bool journal_state_decode(std::string_view bytes, journal_state &state);
 
 /// Bytes of a line in the encoded state.

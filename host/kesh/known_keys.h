@@ -1,4 +1,4 @@
-/// Keys that nobody reads: most likely misspelt, and without effect.
+/// Warns of keys that nobody reads: they are most likely misspelt, and have no effect.
 #pragma once
 
 #include <string>

@@ -20,7 +20,7 @@ struct line_tag {
   auto operator<=>(const line_tag &) const = default;
 };
 
-/// A line; `text` points into memory of somebody else.
+/// A line. It does not own the memory of `text`.
 struct journal_line {
   line_tag tag;
   uint32_t attempt = 0;  ///< from 1
@@ -38,7 +38,7 @@ struct journal_line {
 ///   25 + n  4      CRC-32 of everything before
 std::string line_record_encode(const journal_line &line);
 
-/// False, and `line` unchanged, for anything that line_record_encode would not give.
+/// False, and `line` unchanged, for anything that line_record_encode cannot produce.
 bool line_record_decode(std::string_view bytes, journal_line &line);
 
 /// The running hash after this line: over tag, attempt, length and text, continued from the hash before it.

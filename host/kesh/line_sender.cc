@@ -17,7 +17,7 @@ bool is_given_up(const send_options &options)
   return options.given_up != nullptr && *options.given_up;
 }
 
-/// As service::wait_active, but sees soon that the line was given up.
+/// As service::wait_active, but notices soon that the line was given up.
 bool wait_active(service &host, steady_time deadline, const send_options &options)
 {
   constexpr std::chrono::milliseconds SLICE{200};
@@ -41,7 +41,7 @@ int distribute(service &host, const journal_line &line, uint32_t thread)
                                         static_cast<uint32_t>(payload.size()), DATA_TYPE_LINES);
   host.events.note("return", thread, line.tag.sequence, line.attempt, result);
   if (result != 0 && vx_cons_cluster_active() == 0) {
-    host.wake();  // an isolation is noticed sooner
+    host.wake();  // so that an isolation is noticed sooner
   }
   return result;
 }

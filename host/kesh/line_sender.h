@@ -1,4 +1,4 @@
-/// One line on its way through vx_cons_distribute, attempt after attempt under the same tag.
+/// Sends one line through vx_cons_distribute, attempt after attempt under the same tag.
 #pragma once
 
 #include <atomic>
@@ -23,7 +23,7 @@ struct send_verdict {
   const char *reason = "";  ///< why it is not acknowledged
 };
 
-/// A pause after a failed attempt: on an active node (no memory, say) it is not repeated at once.
+/// A pause after an attempt that failed on an active node, for example without memory.
 inline constexpr std::chrono::milliseconds RETRY_PAUSE{20};
 
 /// Blocks until the line is delivered here or is given up, and counts it in the service's submissions. `sequence` is

@@ -1,7 +1,7 @@
-/// A load generator inside the daemon: threads that submit lines of their own making, as fast as they are delivered.
+/// A load generator inside the daemon: threads that make lines and submit them as fast as they are delivered.
 ///
-/// The text of a line follows from its tag and its thread, so that whoever reads a journal can tell whether it is what
-/// was sent: "thread N " and then the tag and a blank, over and over, cut to the size.
+/// The text of a line follows from its tag and its thread, so a reader of a journal can tell whether it is what was
+/// sent. It is "thread N ", then the tag and a blank, again and again, cut to the size.
 #pragma once
 
 #include <atomic>
@@ -23,7 +23,7 @@ struct load_options {
   int threads = 1;
   std::vector<uint64_t> payload_bytes = {100};  ///< sizes of the payloads, in turn; record and text, see load_text
   uint64_t count = 0;                           ///< lines in all; 0: no end
-  double seconds = 0;                           ///< no line begins later; 0: no end
+  double seconds = 0;                           ///< no line begins after that; 0: no end
   uint32_t pause_ms = 0;                        ///< of each thread between two lines
   bool repeat = true;                           ///< whether a line without a result is tried again
   int64_t timeout_s = 60;                       ///< as in send_options

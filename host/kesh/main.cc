@@ -37,7 +37,7 @@ A first cluster of one node, as root:
   echo hello | kesh submit
   kesh journal)";
 
-/// Where the daemon listens, as a client command is told.
+/// The options by which a client command finds the daemon.
 struct address_options {
   std::string config_path;
   std::string socket_path;
@@ -152,10 +152,10 @@ struct command_line {
   {
     CLI::App &send = add_client("submit",
                                 "Submit lines to the journal. A line is acknowledged when it is delivered on this "
-                                "node; what ends without a result is submitted again under the same tag.",
+                                "node. A line that ends without a result is submitted again under the same tag.",
                                 [this](const std::string &path) { return kesh::submit_command(path, submit); });
     send.add_option("FILE", submit.input, "file with the lines, - for stdin")->capture_default_str();
-    send.add_option("--threads", submit.threads, "lines on their way at once")
+    send.add_option("--threads", submit.threads, "lines that are submitted at once")
         ->capture_default_str()
         ->check(CLI::Range(1, kesh::SUBMIT_THREADS_MAX));
     send.add_option("--timeout", submit.timeout_s,
@@ -169,14 +169,14 @@ struct command_line {
     CLI::App &show = add_client("journal", "Print the journal of this node.",
                                 [this](const std::string &path) { return kesh::journal_command(path, journal); });
     show.add_option("--from", journal.from, "number of the first line to print")->capture_default_str();
-    show.add_flag("--follow", journal.follow, "go on with lines as they come");
+    show.add_flag("--follow", journal.follow, "keep printing lines as they come");
     show.add_flag("--tags", journal.tags,
                   "print number, hash so far, tag (node.life.sequence), attempt and escaped text; tab between");
   }
 
   void add_other_commands()
   {
-    CLI::App &status = add_client("status", "Tell how the node stands.",
+    CLI::App &status = add_client("status", "Show the state of the node.",
                                   [this](const std::string &path) { return kesh::status_command(path, status_json); });
     status.add_flag("--json", status_json, "print as JSON");
 
@@ -186,7 +186,7 @@ struct command_line {
 
     CLI::App &listen = add_client("heard", "Print the last 1000 cluster messages heard by this node.",
                                   [this](const std::string &path) { return kesh::heard_command(path, heard_follow); });
-    listen.add_flag("--follow", heard_follow, "go on with messages as they come");
+    listen.add_flag("--follow", heard_follow, "keep printing messages as they come");
   }
 
   void add_test_aids()
@@ -201,19 +201,18 @@ struct command_line {
         ->capture_default_str()
         ->check(CLI::Range(1, kesh::LOAD_THREADS_MAX));
     send.add_option("--bytes", load.payload_bytes,
-                    "sizes of the payloads, taken in turn: N or N,N,..; what is shorter than a record without text "
-                    "gets that size")
+                    "sizes of the payloads, taken in turn: N or N,N,..; at least the size of a record without text")
         ->delimiter(',')
         ->check(CLI::Range(uint64_t{1}, kesh::LOAD_BYTES_MAX));
     send.add_option("--count", load.count, "lines in all; this or --seconds")->check(CLI::PositiveNumber);
     send.add_option("--seconds", load.seconds, "time during which lines begin")->check(CLI::PositiveNumber);
     send.add_option("--pause-ms", load.pause_ms, "pause of each thread between two lines");
-    send.add_option("--timeout", load.timeout_s, "as of submit")->capture_default_str();
-    send.add_flag("--no-repeat", load_no_repeat, "do not submit again what ended without a result");
+    send.add_option("--timeout", load.timeout_s, "as for submit")->capture_default_str();
+    send.add_flag("--no-repeat", load_no_repeat, "do not repeat a line that ended without a result");
     send.add_flag("--json", load_json, "print the result as JSON");
 
     CLI::App &slow =
-        add_client("slow", "Test aid: let a hook of the journal take this much longer than it does; 0 ends it.",
+        add_client("slow", "Test aid: make a hook of the journal this much slower; 0 ends it.",
                    [this](const std::string &path) { return kesh::slow_command(path, slow_hook, slow_ms); });
     slow.add_option("HOOK", slow_hook, "deliver or state")->required()->check(CLI::IsMember({"deliver", "state"}));
     slow.add_option("MILLISECONDS", slow_ms, "at most 600000")->required()->check(CLI::Range(0, 600'000));
@@ -232,7 +231,7 @@ struct command_line {
 
 int main(int argc, char **argv)
 {
-  // Else the first freed snapshot raises it, and malloc keeps later ones in its arenas.
+  // Otherwise the first freed snapshot raises the threshold, and malloc keeps later snapshots in its arenas.
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   try {
     command_line line;

@@ -1,4 +1,4 @@
-/// The small files that tell how the node stands: read only, for `kesh status` and before `kesh configure`.
+/// The small files that show the state of the node. They are only read, for `kesh status` and before `kesh configure`.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ std::optional<last_delivery> last_delivery_read();
 /// What /var/run/node_state says, its first six characters; empty if it is missing.
 std::string node_state_read();
 
-/// Whether the directory of the durable files is there and can be written; `error` says what to do if not.
+/// Whether the directory of the durable files exists and can be written; if not, `error` says what to do.
 bool cons_directory_usable(std::string &error);
 
 }  // namespace kesh

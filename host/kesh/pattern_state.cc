@@ -8,7 +8,7 @@ namespace kesh
 namespace
 {
 
-/// The high byte of a multiplicative sequence: no short period, so that exchanged pieces show.
+/// The high byte of a multiplicative sequence. It has no short period, so swapped pieces are noticed.
 uint8_t pattern_byte(uint32_t type, uint32_t size, uint32_t offset)
 {
   constexpr uint32_t MULTIPLIER = 2654435761u;

@@ -40,7 +40,7 @@ service::service(const settings &from)
 void service::wake() const
 {
   const uint64_t one = 1;
-  // It can only fail when it is full, and then the reader wakes anyway.
+  // This fails only when the counter is full, and then the reader wakes anyway.
   [[maybe_unused]] const ssize_t written = write(wake_fd_.get(), &one, sizeof one);
 }
 

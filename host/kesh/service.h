@@ -18,13 +18,13 @@ namespace kesh
 using steady_time = std::chrono::steady_clock::time_point;
 
 struct submission_counters {
-  std::atomic<uint64_t> open = 0;          ///< lines now on their way
+  std::atomic<uint64_t> open = 0;          ///< lines that are being submitted
   std::atomic<uint64_t> acknowledged = 0;  ///< lines delivered here
   std::atomic<uint64_t> failed = 0;        ///< lines given up
   std::atomic<uint64_t> again = 0;         ///< attempts after the first
 };
 
-/// Test aid: how long the hooks of the journal take on top of their work.
+/// Test aid: how much slower the hooks of the journal are.
 struct hook_delays {
   std::atomic<uint32_t> deliver_ms = 0;
   std::atomic<uint32_t> state_ms = 0;
@@ -37,7 +37,7 @@ public:
 
   /// Brings the library up, with our hooks. False if it does not come up.
   bool open_library();
-  /// Cleans the library up; before the end of the daemon.
+  /// Cleans the library up, before the daemon ends.
   void close_library();
 
   /// Starts the protocol. EXIT_OK, also if it runs; else `error` says why. Any thread.
@@ -50,7 +50,7 @@ public:
   void shut_down();
   /// Stops the protocol after the journal failed; a later start() may succeed.
   void stop_for_journal();
-  /// Notices that the library left the cluster by itself, and says so once in the log.
+  /// Checks whether the library left the cluster by itself, and logs it once.
   void watch_isolation();
 
   bool stopping() const { return stopping_; }
@@ -59,7 +59,7 @@ public:
   /// Waits until the deadline. False if the daemon stops.
   bool pause(steady_time deadline) PLATFORM_EXCLUDES(activity_lock_);
 
-  /// Asks the main thread to end the daemon, or to look at the journal. Safe in a hook.
+  /// Asks the main thread to end the daemon. Safe in a hook, as wake is, which makes it look at the journal.
   void request_stop() { stop_requested_ = true, wake(); }
   void wake() const;
   bool stop_requested() const { return stop_requested_; }

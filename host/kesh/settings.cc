@@ -61,7 +61,7 @@ bool settings_read(settings &result, std::string &error)
       !read_switch("kesh.start", true, result.start, error) || !read_trace(result.trace, error)) {
     return false;
   }
-  // Left at 0 if unset; what the library does not accept, its start refuses.
+  // 0 if not set. The library's start refuses a value that it does not accept.
   vx_cfg_get_uint(&result.node_id, "cluster.node_id");
   vx_cfg_get_uint(&result.node_count, "cluster.node._s_");
   // The library keeps a payload on disk only until the hooks have returned.

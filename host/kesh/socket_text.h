@@ -1,4 +1,4 @@
-/// Lines of text over a stream socket, as both ends of the control socket use them.
+/// Lines of text over a stream socket, for both ends of the control socket.
 ///
 /// A client sends one line of JSON, {"op": "..."}; the daemon answers with one, {"ok": true, ...} or
 /// {"ok": false, "code": exit code, "error": "..."}. Some operations go on with plain lines after that.
@@ -14,14 +14,14 @@
 namespace kesh
 {
 
-/// Longest line of either direction; what is longer ends the connection.
+/// Longest line in either direction. A longer one ends the connection.
 inline constexpr size_t SOCKET_LINE_MAX = 64 << 20;
 /// Longest first line of a client.
 inline constexpr size_t SOCKET_REQUEST_MAX = 64 << 10;
 
 enum class read_result { line, end, too_long };
 
-/// One reader per socket and thread. Half a line at the end is dropped: its sender died.
+/// One reader per socket and thread. An incomplete last line is dropped: its sender has died.
 class socket_reader
 {
 public:
@@ -35,7 +35,7 @@ private:
   size_t start_ = 0;  // first byte not handed out
 };
 
-/// Sends whole pieces, any thread.
+/// Sends each piece as a whole. Any thread.
 class socket_writer
 {
 public:

@@ -1,4 +1,4 @@
-/// What `kesh status` tells: gathered by the daemon as JSON, printed by the client.
+/// What `kesh status` shows: the daemon gathers it as JSON, the client prints it.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

@@ -4,8 +4,8 @@
 /// order in which they end,
 ///   ok LINE SEQUENCE MICROSECONDS ATTEMPTS
 ///   failed LINE SEQUENCE ATTEMPTS REASON
-/// LINE counts the lines of this client from 1, SEQUENCE is the tag's, 0 for a line that was not tried. A last
-/// line "done" follows. After a failure the lines that wait are answered with a failure, too.
+/// LINE counts the lines of this client from 1. SEQUENCE is the tag's, or 0 for a line that was not tried. A last line
+/// "done" follows. After a failure all waiting lines fail, too.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ public:
   /// Starts the threads; throws std::system_error if one cannot be started. `timeout_s` bounds the time that a line
   /// waits for the node to become active again.
   submission(service &host, socket_writer &client, int threads, int64_t timeout_s);
-  /// Lines not tried yet are given up.
+  /// Gives up the lines that were not tried yet.
   ~submission();
 
   /// Waits for room, then takes a line. False, and nothing taken, once a line has failed.

@@ -1,5 +1,5 @@
-/// The tags of all lines ever applied, also of those whose text is not kept any more. Small: the sequences of one
-/// process life are stored as ranges, attempts only where a line was not applied at its first one.
+/// The tags of all lines ever applied, even if their text is no longer kept. It is small: the sequences of one process
+/// life are stored as ranges, and attempts only for a line that was not applied at its first attempt.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ public:
   ///     u8 node, u64 life, u32 ranges, ranges x (u64 first, u64 last), u32 entries,
   ///     entries x (u64 sequence, u32 attempts, attempts x u32)
   void encode(std::string &to) const;
-  /// False, and the index unchanged, if the bytes are not what encode gives.
+  /// False, and the index unchanged, if encode cannot have produced the bytes.
   bool decode(std::string_view bytes);
 
   bool empty() const { return origins_.empty(); }

@@ -1,9 +1,9 @@
-/// The trace of a process: what it asked of the library and what the library asked of it. For those who check
-/// afterwards what a cluster did; off unless trace.file is set.
+/// The trace of a process: its calls of the library, and the library's calls of its hooks. Checkers read it afterwards.
+/// Off unless trace.file is set.
 ///
-/// One line per event, written with one write() before the process goes on, so that not even a kill -9 loses what
-/// happened before it. Words are separated by one blank; the first two are the time (CLOCK_MONOTONIC, ns) at which
-/// the line was written, and the process life as in tags. Lines of different threads may stand a little out of order.
+/// Each event is one line. It is written with one write() before the process goes on, so not even a kill -9 loses what
+/// happened before. Words are separated by one blank. The first two are the time at which the line was written
+/// (CLOCK_MONOTONIC, ns), and the process life as in tags. Lines of different threads may be slightly out of order.
 ///   begin PID
 ///   start-call | start-return RESULT | stop-call | stop-return QUEUED | cleanup-call | cleanup-return | isolated
 ///   call THREAD SEQUENCE ATTEMPT BYTES       vx_cons_distribute is about to be called; BYTES of payload
@@ -12,8 +12,8 @@
 ///   damaged ENTERED TYPE BYTES               a payload or state that cannot be read
 ///   adopt ENTERED TYPE BYTES LINES HASH      a full state, of any type
 ///   get-state TYPE BYTES LINES HASH          a state was asked for; 0 BYTES: there is none
-/// QUEUED counts the messages that are still being sent again and again.
-/// ENTERED is the time at which the hook was entered; LINES and HASH tell where the journal stands after the event.
+/// QUEUED counts the messages that are still being repeated. ENTERED is the time at which the hook was entered. LINES
+/// and HASH are those of the journal after the event.
 #pragma once
 
 #include <string>
@@ -28,11 +28,11 @@ namespace kesh
 class trace
 {
 public:
-  /// Opens the file, made if needed, to write at its end. No path: stays off. False, and `error` says why, on failure.
+  /// Opens or creates the file, to append to it. No path: stays off. False on failure; `error` says why.
   bool open(const std::string &path, uint64_t life, std::string &error);
   bool on() const { return static_cast<bool>(fd_); }
 
-  /// One event, as its words. Any thread; nothing while off.
+  /// Writes one event as its words. Any thread. Does nothing while off.
   template <typename... words>
   void note(std::string_view event, const words &...rest)
   {
