@@ -69,7 +69,8 @@ int load_durable_state()
   return 0;
 }
 
-// What a decision that arrives meanwhile hands over is newer and stays.
+// Before a newer decision can come: then nothing is queued yet, and start, which holds the lifecycle lock, does not
+// wait for the host's hooks.
 void resume_delivery()
 {
   installed_decision last;
@@ -155,9 +156,9 @@ int paxos_start()
     paxos_stop();
     return -1;
   }
+  resume_delivery();
   paxos_gate.open();
   vx_msg_register_recv_hook(paxos_recv, PAXOS_CHANNEL);
-  resume_delivery();
   return 0;
 }
 

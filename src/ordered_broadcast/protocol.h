@@ -8,8 +8,8 @@
 int cons_layers_init() CONS_REQUIRES(lifecycle_lock);
 void cons_layers_cleanup() CONS_REQUIRES(lifecycle_lock);
 
-/// Loads the durable state, starts the threads, opens channel 4 and resumes delivery. Returns 0, also when running; -1
-/// with everything stopped again (after a load that failed: by the isolation that it began).
+/// Loads the durable state, starts the threads, resumes delivery and opens channel 4; waits for no delivery. Returns 0,
+/// also when running; -1 with everything stopped again (after a load that failed: by the isolation that it began).
 int paxos_start() CONS_REQUIRES(lifecycle_lock);
 
 /// Lowers the flags of the protocol and of the payload layer: nothing more is decided, delivered, sent or accepted.

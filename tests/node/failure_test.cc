@@ -292,6 +292,33 @@ TEST_P(node, delivers_nothing_more_after_a_stop)
   EXPECT_TRUE(app.has({"state of the leader", "a", "b", "c", "d"}));
 }
 
+// A start that waits for deliveries keeps the lifecycle lock meanwhile: stop would wait for the whole queue.
+TEST_P(node, starts_while_a_long_queue_is_delivered)
+{
+  configure(1, 3);
+  others->lead(2);
+  fake::pause_at("register channel 4");
+  auto start = std::async(std::launch::async, vx_cons_start);
+  ASSERT_TRUE(fake::wait_paused());
+  app.hold();
+  others->order({others->submit(3, message("a")), others->submit(3, message("b"))});
+  ASSERT_TRUE(fake::wait_for([] { return app.deliveries_begun() == 1; }));
+  fake::resume();
+  EXPECT_EQ(start.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  auto stop = std::async(std::launch::async, [] {
+    vx_cons_stop();
+    return 0;
+  });
+  ASSERT_TRUE(fake::wait_for([] { return vx_cons_cluster_active() == 0; }));
+  app.let_go();
+  EXPECT_EQ(result(stop), 0);
+  EXPECT_EQ(result(start), 0);
+  EXPECT_EQ(app.lines(), std::vector<std::string>{"state of the leader"});
+  ASSERT_EQ(vx_cons_start(), 0);
+  others->announce(2);
+  EXPECT_TRUE(app.has({"state of the leader", "a", "b"}));
+}
+
 // A hook that was running when the channel was closed must not adopt into the next life of the cluster.
 TEST_P(node, adopts_nothing_after_a_stop)
 {
