@@ -23,11 +23,42 @@
 namespace
 {
 
+void wake_everybody()
+{
+  {
+    cons_lock lock(paxos.forward_lock);
+    paxos.forward_free_cond.broadcast();
+    paxos.launch_cond.broadcast();
+  }
+  {
+    cons_lock lock(paxos.propose_lock);
+    consensus_cancel(paxos.running_instance);
+    paxos.propose_cond.broadcast();
+    paxos.propose_idle_cond.broadcast();
+  }
+  paxos_data_wake_state_offer();
+  {
+    cons_lock lock(paxos.deliver_lock);
+    calls_end_all();
+    paxos.deliver_cond.broadcast();
+  }
+  paxos_leader_watch_wake();
+}
+
+// The leader-watch-thread looks at the flags once a second and sleeps with no lock held: an isolation that has no
+// helper leaves the waking to it.
+void *watch_and_wake(void *)
+{
+  paxos_leader_watch_thread(nullptr);
+  wake_everybody();
+  return nullptr;
+}
+
 struct protocol_threads {
   bool layers_initialised CONS_GUARDED_BY(lifecycle_lock) = false;
   library_thread proposer CONS_GUARDED_BY(lifecycle_lock){"propose-thread", paxos_propose_thread};
   library_thread launch CONS_GUARDED_BY(lifecycle_lock){"launch-thread", paxos_launch_thread};
-  library_thread leader_watch CONS_GUARDED_BY(lifecycle_lock){"leader-watch-thread", paxos_leader_watch_thread};
+  library_thread leader_watch CONS_GUARDED_BY(lifecycle_lock){"leader-watch-thread", watch_and_wake};
 };
 constinit protocol_threads protocol;
 
@@ -79,28 +110,6 @@ void resume_delivery()
     last = paxos_log.last();
   }
   paxos_hand_over(last);
-}
-
-void wake_everybody()
-{
-  {
-    cons_lock lock(paxos.forward_lock);
-    paxos.forward_free_cond.broadcast();
-    paxos.launch_cond.broadcast();
-  }
-  {
-    cons_lock lock(paxos.propose_lock);
-    consensus_cancel(paxos.running_instance);
-    paxos.propose_cond.broadcast();
-    paxos.propose_idle_cond.broadcast();
-  }
-  paxos_data_wake_state_offer();
-  {
-    cons_lock lock(paxos.deliver_lock);
-    calls_end_all();
-    paxos.deliver_cond.broadcast();
-  }
-  paxos_leader_watch_wake();
 }
 
 }  // namespace

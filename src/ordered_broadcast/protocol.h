@@ -13,7 +13,8 @@ void cons_layers_cleanup() CONS_REQUIRES(lifecycle_lock);
 int paxos_start() CONS_REQUIRES(lifecycle_lock);
 
 /// Lowers the flags of the protocol and of the payload layer: nothing more is decided, delivered, sent or accepted.
-/// paxos_stop does the rest. Any thread, any lock.
+/// paxos_stop does the rest; until it comes, the leader-watch-thread wakes who waits, within a second. Any thread, any
+/// lock.
 void paxos_halt();
 
 /// Ends every thread, wait and repeated message, on whatever network. Idempotent.

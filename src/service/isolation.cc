@@ -35,8 +35,8 @@ void *helper_thread(void *)
   }
 }
 
-// Without a helper the next lifecycle call does the work.
-void create_helper() CONS_REQUIRES(isolation.lock)
+// False without one: the next lifecycle call does the work then.
+bool create_helper() CONS_REQUIRES(isolation.lock)
 {
   if (isolation.helper_exists) {
     pthread_join(isolation.helper, nullptr);  // it only has to return
@@ -44,6 +44,20 @@ void create_helper() CONS_REQUIRES(isolation.lock)
   isolation.helper_exists =
       kesh_pthread_create(&isolation.helper, nullptr, LIBRARY_STACK_SIZE, helper_thread, nullptr) == 0;
   isolation.is_helper_active = isolation.helper_exists;
+  return isolation.helper_exists;
+}
+
+// False if nobody will finish it before the host's next lifecycle call.
+bool begin_isolation()
+{
+  cons_lock lock(isolation.lock);
+  isolation.is_isolated = true;
+  isolation.is_unfinished = true;
+  cons_service.stopped = true;
+  if (isolation.duties.halt != nullptr) {
+    isolation.duties.halt();
+  }
+  return inside_lifecycle_section || isolation.is_helper_active || create_helper();
 }
 
 void join_helper() CONS_EXCLUDES(lifecycle_lock)
@@ -71,15 +85,8 @@ void isolation_init(const isolation_duties &duties)
 void paxos_isolate()
 {
   vx_log("Isolating from cluster ...\n");
-  cons_lock lock(isolation.lock);
-  isolation.is_isolated = true;
-  isolation.is_unfinished = true;
-  cons_service.stopped = true;
-  if (isolation.duties.halt != nullptr) {
-    isolation.duties.halt();
-  }
-  if (!inside_lifecycle_section && !isolation.is_helper_active) {
-    create_helper();
+  if (!begin_isolation()) {
+    vx_log("%s(): Cannot create isolation-thread.\n", "paxos_isolate");
   }
 }
 

@@ -9,14 +9,16 @@ inline constinit cons_mutex lifecycle_lock{lock_rank::lifecycle};
 
 /// What an isolation does to the layers above, handed in by them.
 struct isolation_duties {
-  void (*halt)() = nullptr;  ///< makes every wait end and nothing more happen; any thread, any lock: takes none
+  /// Lets nothing more happen; calls of vx_cons_distribute return within two seconds. Any thread, any lock: takes none.
+  void (*halt)() = nullptr;
   void (*stop)() = nullptr;  ///< wakes and joins what is left; lifecycle_lock held, no other
 };
 void isolation_init(const isolation_duties &duties) CONS_REQUIRES(lifecycle_lock);
 
 /// Logs "Isolating from cluster ..." and lowers every flag at once, so that nothing more is delivered, sent or
 /// accepted. Waking and joining is left to a helper thread that holds nothing, or to the lifecycle call that is
-/// running on this very thread. Any thread, any lock but leaves.
+/// running on this very thread; if the helper cannot be created (a line says so), to the next lifecycle call. Any
+/// thread, any lock but leaves.
 void paxos_isolate();
 
 /// The scope of a lifecycle call. On entry and exit an isolation that is not finished gets finished, and its helper

@@ -76,6 +76,34 @@ TEST_P(node, isolates_itself_when_no_identifier_is_left)
   EXPECT_EQ(fake::logged("Isolating from cluster ...\n"), 2u);
 }
 
+// Nobody is left to wake the callers but a thread that runs anyway: until the host's next call they would hang.
+TEST_P(node, ends_its_calls_after_an_isolation_without_a_helper)
+{
+  start_as("BACKUP");
+  std::vector<std::future<int>> calls;
+  calls.push_back(submit("in the slot"));
+  ASSERT_TRUE(fake::wait_for([] { return fake::queued(4, 1).size() == 1; }));
+  calls.push_back(submit("behind it"));
+  ASSERT_TRUE(fake::wait_for([] { return fake::logged("OFFER bcast") == 2 && fake::queued(5, wire::OFFER).empty(); }));
+  others->set_fetches(false);
+  calls.push_back(submit("offered"));
+  ASSERT_TRUE(fake::wait_for([] { return fake::queued(5, wire::OFFER).size() == 1; }));
+  files::block_saves("paxos_decide");
+  fake::fail(fake::call::thread, 1);
+  fake::inject(4, 2, wire::decide(40, {{2, 7}, {2, 8}}));
+  for (auto &call : calls) {
+    EXPECT_EQ(result(call), -1);
+  }
+  EXPECT_TRUE(fake::in_order({"Isolating from cluster ...\n", "paxos_isolate(): Cannot create isolation-thread.\n"}));
+  EXPECT_EQ(fake::logged("isolation-thread"), 1u);
+  files::unblock_saves("paxos_decide");
+  ASSERT_EQ(vx_cons_start(), 0);
+  others->set_fetches(true);
+  others->lead(2);
+  auto call = submit("back again");
+  EXPECT_EQ(result(call), 0);
+}
+
 // Several threads meet the failure at once, beside the host's own stop, start and cleanup: a thread joined twice, or
 // by itself, hangs or crashes.
 TEST_P(node, isolates_itself_on_several_threads_at_once)
