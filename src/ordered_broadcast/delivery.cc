@@ -6,6 +6,7 @@
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/stored_record.h"
 #include "ordered_broadcast/waiting_ids.h"
+#include "service/host_hook.h"
 #include "service/isolation.h"
 #include "vx_host.h"
 
@@ -35,7 +36,10 @@ void call_hook(uint32_t type, const uint8_t *bytes, uint32_t length, uint32_t fu
   }
   if (const vx_cons_deliver_hook deliver = data_hooks.slots[type].deliver) {
     vx_log("CONS: PAXOS: DELIVER calling hook\n");
-    deliver(bytes, length, full_state);
+    {
+      const host_hook_call call;
+      deliver(bytes, length, full_state);
+    }
     vx_log("CONS: PAXOS: DELIVER hook returned\n");
   }
 }

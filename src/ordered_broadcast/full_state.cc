@@ -8,6 +8,7 @@
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/payload_table.h"
 #include "payload_dissemination/state_marks.h"
+#include "service/host_hook.h"
 #include "service/service_state.h"
 
 namespace
@@ -23,7 +24,11 @@ state_buffer take_state(uint32_t type, uint64_t room)
 {
   state_buffer state;
   const vx_cons_get_state_hook get_state = data_hooks.slots[type].get_state;
-  if (get_state == nullptr || get_state(&state.bytes, &state.length) != 0) {
+  if (get_state == nullptr) {
+    return {};
+  }
+  const host_hook_call call;
+  if (get_state(&state.bytes, &state.length) != 0) {
     return {};
   }
   if (state.length > room || state.bytes == nullptr) {

@@ -7,6 +7,7 @@
 #include "common/le_bytes.h"
 #include "service/entry_gate.h"
 #include "service/envelope.h"
+#include "service/host_hook.h"
 #include "vx_host.h"
 
 namespace
@@ -92,6 +93,7 @@ void clmsg_recv(void *msg)
   }
   cons_lock lock(clmsg.clmsg_lock);
   if (type == 0 && clmsg.hook != nullptr) {
+    const host_hook_call hook;
     clmsg.hook(payload.data() + CLMSG_HDR_SIZE, length, 0);
   }
 }
