@@ -39,7 +39,7 @@ bool is_delivered()
     const id_entry next = id_batch_entry(paxos_data.pull_batch, paxos_data.pull_pos);
     is_waiting = paxos_data.pull.is_pulled && paxos_data_has_entry(next.msg_id, next.sender) == 0;
   }
-  return paxos_data.stopped || (is_waiting && paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch));
+  return paxos_data_stopped || (is_waiting && paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch));
 }
 
 }  // namespace

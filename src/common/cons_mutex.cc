@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "common/monotonic_clock.h"
@@ -10,8 +11,37 @@
 #include <cstdio>
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+#define CONS_THREAD_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define CONS_THREAD_SANITIZER
+#endif
+#endif
+
 namespace
 {
+
+timespec time_of_us(int64_t us)
+{
+  constexpr int64_t US_PER_S = 1000000;
+  return {.tv_sec = us / US_PER_S, .tv_nsec = us % US_PER_S * 1000};
+}
+
+int lock_until(pthread_mutex_t &mutex, int64_t end_us)
+{
+#ifdef CONS_THREAD_SANITIZER
+  // It does not know pthread_mutex_clocklock.
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  const int64_t now_us = int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+  const timespec end = time_of_us(now_us + end_us - monotonic_us());
+  return pthread_mutex_timedlock(&mutex, &end);
+#else
+  const timespec end = time_of_us(end_us);
+  return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &end);
+#endif
+}
 
 #ifdef CONS_CHECK_LOCKS
 constexpr int HELD_MAX = 16;
@@ -57,6 +87,20 @@ void cons_mutex::lock()
   }
 }
 
+bool cons_mutex::try_lock_until_us(int64_t end_us)
+{
+  check_order_before_lock(rank_);
+  const int error = lock_until(mutex_, end_us);
+  if (error == 0) {
+    return true;
+  }
+  if (error != ETIMEDOUT) {
+    std::exit(1);
+  }
+  note_unlock(rank_);
+  return false;
+}
+
 void cons_mutex::unlock()
 {
   note_unlock(rank_);
@@ -72,9 +116,7 @@ void cons_cond::wait(cons_mutex &mutex)
 
 void cons_cond::wait_for_us(cons_mutex &mutex, int64_t wait_us)
 {
-  constexpr int64_t US_PER_S = 1000000;
-  const int64_t end_us = monotonic_us() + wait_us;
-  const timespec deadline = {.tv_sec = end_us / US_PER_S, .tv_nsec = end_us % US_PER_S * 1000};
+  const timespec deadline = time_of_us(monotonic_us() + wait_us);
   pthread_cond_clockwait(&cond_, &mutex.mutex_, CLOCK_MONOTONIC, &deadline);
 }
 

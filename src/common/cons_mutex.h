@@ -36,6 +36,8 @@ public:
   cons_mutex &operator=(const cons_mutex &) = delete;
 
   void lock() CONS_ACQUIRE();
+  /// Returns whether the mutex was free before that moment of the monotonic clock, and is held now.
+  [[nodiscard]] bool try_lock_until_us(int64_t end_us) CONS_TRY_ACQUIRE(true);
   void unlock() CONS_RELEASE();
 
 private:
@@ -44,11 +46,16 @@ private:
   lock_rank rank_;
 };
 
+struct cons_already_held {
+};
+
 /// Holds a mutex for a scope; may be released and taken again in between.
 class CONS_SCOPED_CAPABILITY cons_lock
 {
 public:
   explicit cons_lock(cons_mutex &mutex) CONS_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  /// After try_lock_until_us.
+  cons_lock(cons_mutex &mutex, cons_already_held) CONS_REQUIRES(mutex) : mutex_(mutex) {}
   ~cons_lock() CONS_RELEASE()
   {
     if (held_) {

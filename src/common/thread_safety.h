@@ -12,7 +12,7 @@
 #define CONS_SCOPED_CAPABILITY CONS_THREAD_ATTRIBUTE(scoped_lockable)
 #define CONS_GUARDED_BY(lock) CONS_THREAD_ATTRIBUTE(guarded_by(lock))
 #define CONS_ACQUIRE(...) CONS_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define CONS_TRY_ACQUIRE(...) CONS_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define CONS_RELEASE(...) CONS_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define CONS_REQUIRES(...) CONS_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define CONS_EXCLUDES(...) CONS_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
-#define CONS_NO_THREAD_SAFETY_ANALYSIS CONS_THREAD_ATTRIBUTE(no_thread_safety_analysis)

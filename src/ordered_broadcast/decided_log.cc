@@ -61,6 +61,7 @@ int decided_log::load()
   number_ = get_le32(record);
   batch_ = batch;
   durable_number_ = number_;
+  is_unsent_ = false;
   rb_reg_set_floor(number_);
   msg_id_raise_floor(batch_);
   return 0;
@@ -131,18 +132,25 @@ bool decided_log::save()
   return true;
 }
 
-void decided_log::announce() const
+void decided_log::announce()
 {
   withdraw();
-  paxos.is_decide_unsent = false;
+  is_unsent_ = false;
   // Stopped: by an isolation, perhaps because this very decision could not be saved.
   if (paxos.is_leader == 0 || number_ == 0 || paxos.stopped) {
     return;
   }
-  paxos.is_decide_unsent = true;
+  is_unsent_ = true;
   if (uint8_t *message = decide_message_new(number_, batch_)) {
     vx_log("CONS: PAXOS: DECIDE broadcast (batch_id=%u)\n", number_);
-    paxos.is_decide_unsent = cons_msg_send(message, PAXOS_CHANNEL, PAXOS_DECIDE, CONS_MCAST_ADDR, -1, 5) == nullptr;
+    is_unsent_ = cons_msg_send(message, PAXOS_CHANNEL, PAXOS_DECIDE, CONS_MCAST_ADDR, -1, 5) == nullptr;
+  }
+}
+
+void decided_log::retry_announce()
+{
+  if (is_unsent_) {
+    announce();
   }
 }
 

@@ -51,8 +51,10 @@ public:
   std::optional<installed_decision> install(uint32_t number, const id_batch &batch) CONS_REQUIRES(paxos.propose_lock);
 
   /// Replaces this node's queued DECIDE by one of this decision, repeated to all nodes; a follower, a node that is
-  /// stopped or one without a decision only withdraws. What could not be queued is noted in is_decide_unsent.
-  void announce() const CONS_REQUIRES(paxos.propose_lock);
+  /// stopped or one without a decision only withdraws.
+  void announce() CONS_REQUIRES(paxos.propose_lock);
+  /// Announces again if there was no memory for it.
+  void retry_announce() CONS_REQUIRES(paxos.propose_lock);
   void withdraw() const CONS_REQUIRES(paxos.propose_lock);
 
   /// Sends the decision once to one node.
@@ -65,5 +67,6 @@ private:
   uint32_t number_ CONS_GUARDED_BY(paxos.propose_lock) = 0;          // 0 = none
   uint32_t durable_number_ CONS_GUARDED_BY(paxos.propose_lock) = 0;  // what the file holds
   id_batch batch_ CONS_GUARDED_BY(paxos.propose_lock);
+  bool is_unsent_ CONS_GUARDED_BY(paxos.propose_lock) = false;
 };
 inline constinit decided_log paxos_log;

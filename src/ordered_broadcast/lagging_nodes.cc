@@ -4,8 +4,7 @@
 
 #include "common/monotonic_clock.h"
 #include "ordered_broadcast/decided_log.h"
-#include "ordered_broadcast/leader_watch.h"
-#include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/watch_pause.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/identity.h"
 #include "service/service_state.h"
@@ -34,9 +33,8 @@ bool is_lacking(uint64_t wanted)
   return wanted != 0 && paxos_data_has_entry(static_cast<uint32_t>(wanted), static_cast<uint8_t>(wanted >> 32)) == 0;
 }
 
-void tell(uint32_t node_id)
+void tell(uint32_t node_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  cons_lock lock(paxos.propose_lock);
   if (!paxos.stopped && paxos_log.number() != 0) {
     paxos_log.send_to(node_addr_of_id(node_id));
   }

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "ordered_broadcast/paxos_state.h"
+
 /// Sends ours, at most once a second per node. Messaging threads, no lock held.
 void paxos_help_newcomer(uint32_t node_addr);
 
@@ -19,5 +21,5 @@ void paxos_note_uninformed(uint32_t nodes);  ///< bit n - 1: node n
 /// Whether somebody waits to be told at once.
 bool paxos_is_help_urgent();
 
-/// Tells those noted, but for askers whose payload has come meanwhile. The leader-watch-thread, no lock held.
-void paxos_help_askers();
+/// Tells those noted, but for askers whose payload has come meanwhile. The leader-watch-thread.
+void paxos_help_askers() CONS_REQUIRES(paxos.propose_lock);

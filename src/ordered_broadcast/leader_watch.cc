@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "common/le_bytes.h"
 #include "common/monotonic_clock.h"
@@ -17,6 +16,7 @@
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/lagging_nodes.h"
 #include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/watch_pause.h"
 #include "service/envelope.h"
 #include "vx_host.h"
 
@@ -29,13 +29,6 @@ constexpr key_t KEEPALIVED_MSGQ_KEY = 0x64387148;
 constexpr size_t READ_SIZE = 10;
 constexpr size_t STATE_LENGTH = 6;  // characters that count
 constexpr int64_t PERIOD_US = 1000000;
-
-// The pause between two passes; nothing else waits here.
-struct watch_pause {
-  cons_mutex lock{lock_rank::leaf};
-  cons_cond wake_cond;
-};
-constinit watch_pause watch;
 
 struct node_state {
   char text[12] = "";
@@ -77,24 +70,36 @@ void leave_leader_mode() CONS_REQUIRES(paxos.forward_lock, paxos.propose_lock)
   paxos_log.withdraw();
 }
 
-void follow_node_state(const node_state &state)
+// Saves and snapshots are made with the protocol's locks held. What does not get them before the next sign of life is
+// due is left to the next pass.
+
+bool follow_node_state(const node_state &state, int64_t due_us)
 {
-  cons_lock forward_lock(paxos.forward_lock);
-  cons_lock propose_lock(paxos.propose_lock);
+  if (!paxos.forward_lock.try_lock_until_us(due_us)) {
+    return false;
+  }
+  cons_lock forward_lock(paxos.forward_lock, cons_already_held{});
+  if (!paxos.propose_lock.try_lock_until_us(due_us)) {
+    return false;
+  }
+  cons_lock propose_lock(paxos.propose_lock, cons_already_held{});
   if (std::strcmp(state.text, LEADER_STATE) == 0) {
     enter_leader_mode();
   } else {
     leave_leader_mode();
   }
   paxos.launch_cond.signal();
+  return true;
 }
 
-void retry_decide()
+void send_decisions(int64_t due_us)
 {
-  cons_lock lock(paxos.propose_lock);
-  if (paxos.is_decide_unsent) {
-    paxos_log.announce();
+  if (!paxos.propose_lock.try_lock_until_us(due_us)) {
+    return;
   }
+  cons_lock lock(paxos.propose_lock, cons_already_held{});
+  paxos_log.retry_announce();
+  paxos_help_askers();
 }
 
 void send_liveness(int queue, liveness_message &message)
@@ -110,17 +115,16 @@ void send_liveness(int queue, liveness_message &message)
   }
 }
 
-void wait_for_next_pass()
+void wait_until(int64_t due_us)
 {
-  const int64_t end_us = monotonic_us() + PERIOD_US;
-  cons_lock lock(watch.lock);
-  for (int64_t left_us = PERIOD_US; left_us > 0 && !paxos.stopped; left_us = end_us - monotonic_us()) {
+  cons_lock lock(paxos_watch_pause.lock);
+  for (int64_t left_us = 0; (left_us = due_us - monotonic_us()) > 0 && !paxos.stopped;) {
     if (paxos_is_help_urgent()) {
       lock.unlock();
-      paxos_help_askers();
+      send_decisions(due_us);
       lock.lock();
     } else {
-      watch.wake_cond.wait_for_us(watch.lock, left_us);
+      paxos_watch_pause.wake_cond.wait_for_us(paxos_watch_pause.lock, left_us);
     }
   }
 }
@@ -138,20 +142,14 @@ void *paxos_leader_watch_thread(void *)
   node_state current;
   node_state previous;
   while (!paxos.stopped) {
-    if (read_node_state(current) && std::strcmp(current.text, previous.text) != 0) {
-      follow_node_state(current);
-    }
-    retry_decide();
-    paxos_help_askers();
+    const int64_t due_us = monotonic_us() + PERIOD_US;
     send_liveness(queue, message);
-    wait_for_next_pass();
-    std::swap(current, previous);
+    if (read_node_state(current) && std::strcmp(current.text, previous.text) != 0 &&
+        follow_node_state(current, due_us)) {
+      previous = current;
+    }
+    send_decisions(due_us);
+    wait_until(due_us);
   }
   return nullptr;
-}
-
-void paxos_leader_watch_wake()
-{
-  cons_lock lock(watch.lock);
-  watch.wake_cond.broadcast();
 }

@@ -36,7 +36,6 @@ struct paxos_state {
   /// Who waits for the proposer to be idle, or has not finished what he waited for: it starts nothing meanwhile.
   /// Written with propose_lock held; a proposer that offers a state reads it without.
   std::atomic<uint32_t> idle_waiters{0};
-  bool is_decide_unsent CONS_GUARDED_BY(propose_lock) = false;  // no memory: the leader watch tries again
 
   cons_mutex deliver_lock{lock_rank::deliver};
   cons_cond deliver_cond;                                 // a call got its verdict, or stop

@@ -12,6 +12,7 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/proposer.h"
 #include "ordered_broadcast/waiting_ids.h"
+#include "ordered_broadcast/watch_pause.h"
 #include "payload_dissemination/paxos_data.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_table.h"
@@ -86,7 +87,6 @@ void clear_run_time_state()
   paxos.running_instance = nullptr;
   paxos.proposer_idle = false;
   paxos.idle_waiters = 0;
-  paxos.is_decide_unsent = false;
 }
 
 int load_durable_state()

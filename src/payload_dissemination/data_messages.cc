@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "payload_dissemination/cons_crypt.h"
-#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/data_stopped.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
 #include "vx_host.h"
@@ -60,7 +60,7 @@ void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payloa
   const uint32_t size = payload_size(payload);
   const uint32_t start = std::min(offset, size);
   const uint32_t count = std::min(length, size - start);
-  for (uint32_t pos = 0; pos < count && !paxos_data.stopped;) {
+  for (uint32_t pos = 0; pos < count && !paxos_data_stopped;) {
     const uint32_t n = std::min(count - pos, DATA_PIECE_SIZE);
     uint8_t *message = paxos_data_msg_new(PAXOS_DATA_DATA, id, sender, DATA_HEADER_SIZE + n);
     if (message == nullptr) {

@@ -12,9 +12,10 @@
 #include "common/cons_mutex.h"
 #include "common/id_batch.h"
 #include "common/repetition_filter.h"
+#include "payload_dissemination/data_callbacks.h"
+#include "payload_dissemination/data_stopped.h"
 #include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/offer_record.h"
-#include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/pull_record.h"
 #include "service/entry_gate.h"
 #include "service/library_thread.h"
@@ -24,8 +25,7 @@ void *paxos_data_deliver_thread(void *);
 
 struct paxos_data_state {
   std::atomic<bool> initialised{false};
-  std::atomic<bool> stopped{true};  // the threads must end, every wait must return
-  paxos_data_callbacks callbacks;   // set while nothing runs
+  paxos_data_callbacks callbacks;  // set while nothing runs
   entry_gate recv_gate{false};
   repetition_filter offers_heard;
   loss_watch losses;

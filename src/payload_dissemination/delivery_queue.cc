@@ -25,10 +25,10 @@ bool is_queue_empty() CONS_REQUIRES(paxos_data.deliver_queue_lock)
 // Makes the queue mirror the log that is queued from now. False if the layer stops before the queue is empty.
 bool switch_queue() CONS_REQUIRES(paxos_data.pull.lock, paxos_data.deliver_queue_lock)
 {
-  while (!paxos_data.stopped && !is_queue_empty()) {
+  while (!paxos_data_stopped && !is_queue_empty()) {
     paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
   }
-  if (paxos_data.stopped) {
+  if (paxos_data_stopped) {
     return false;
   }
   paxos_data_unhash_batch(paxos_data.deliver_batch, paxos_data.pull_batch);
@@ -78,12 +78,12 @@ bool paxos_data_note_handled()
 void *paxos_data_deliver_thread(void *)
 {
   cons_lock lock(paxos_data.deliver_queue_lock);
-  while (!paxos_data.stopped) {
-    while (is_queue_empty() && !paxos_data.stopped) {
+  while (!paxos_data_stopped) {
+    while (is_queue_empty() && !paxos_data_stopped) {
       paxos_data.deliver_queue_cond.broadcast();  // the pull-thread may be waiting for just that
       paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
     }
-    if (paxos_data.stopped) {
+    if (paxos_data_stopped) {
       break;
     }
     const uint32_t pos = paxos_data.deliver_pos++;

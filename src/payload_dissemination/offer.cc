@@ -46,7 +46,7 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
   offer_record &offer = paxos_data.offer;
   const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
   // After a quick stop and start `stopped` is clear again, and the record may belong to another call.
-  const auto goes_on = [&] { return !paxos_data.stopped && !ended; };
+  const auto goes_on = [&] { return !paxos_data_stopped && !ended; };
 
   cons_lock lock(offer.lock);
   while (goes_on() && offer.entry.msg_id != 0) {

@@ -65,7 +65,7 @@ void paxos_data_cleanup()
 
 int paxos_data_reset()
 {
-  if (!paxos_data.initialised || !paxos_data.stopped) {
+  if (!paxos_data.initialised || !paxos_data_stopped) {
     return -1;
   }
   payload_table_clear();
@@ -86,12 +86,12 @@ int paxos_data_start()
   if (!paxos_data.initialised) {
     return -1;
   }
-  if (!paxos_data.stopped) {
+  if (!paxos_data_stopped) {
     return 0;
   }
   prepare_batches();
   paxos_data.losses.start(cons_service.node_count, cons_service.node_id);
-  paxos_data.stopped = false;
+  paxos_data_stopped = false;
   if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
       !library_thread_create(paxos_data.pull_thread, "paxos_data_start") || !payload_files_start()) {
     paxos_data_stop();
@@ -104,7 +104,7 @@ int paxos_data_start()
 
 void paxos_data_halt()
 {
-  paxos_data.stopped = true;
+  paxos_data_stopped = true;
 }
 
 void paxos_data_stop()

@@ -3,9 +3,10 @@
 #include <algorithm>
 
 #include "common/monotonic_clock.h"
-#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/data_stopped.h"
 #include "payload_dissemination/payload_store.h"
 #include "payload_dissemination/payload_table.h"
+#include "payload_dissemination/payload_upkeep.h"
 #include "vx_host.h"
 
 namespace
@@ -75,14 +76,14 @@ bool remove_if_unnamed(const payload_file &file, void *context)
     }
     payload_store_remove(file.entry);
   }
-  return !paxos_data.stopped;
+  return !paxos_data_stopped;
 }
 
 }  // namespace
 
 int payload_files_load(bool is_on)
 {
-  payload_files.is_on = is_on;
+  payload_upkeep.is_on = is_on;
   if (!is_on) {
     payload_store_remove_all();
     return 0;
@@ -92,21 +93,21 @@ int payload_files_load(bool is_on)
 
 bool payload_files_start()
 {
-  return !payload_files.is_on || library_thread_create(payload_files.thread, "paxos_data_start");
+  return !payload_upkeep.is_on || library_thread_create(payload_files.thread, "paxos_data_start");
 }
 
 void payload_files_stop()
 {
   {
-    cons_lock lock(payload_files.collect_lock);
-    payload_files.collect_cond.broadcast();
+    cons_lock lock(payload_upkeep.lock);
+    payload_upkeep.cond.broadcast();
   }
   library_thread_join(payload_files.thread);
 }
 
 bool payload_files_make_durable(id_entry name)
 {
-  if (!payload_files.is_on) {
+  if (!payload_upkeep.is_on) {
     return true;
   }
   payload_entry *entry = paxos_data_get_entry(name.msg_id, name.sender);
@@ -125,18 +126,9 @@ bool payload_files_make_durable(id_entry name)
   }
   payload_entry_release(entry);
   if (!payload_table_knows(name)) {
-    payload_files_collect();  // it left the table meanwhile
+    payload_upkeep_collect();  // it left the table meanwhile
   }
   return is_saved;
-}
-
-void payload_files_collect()
-{
-  if (payload_files.is_on) {
-    cons_lock lock(payload_files.collect_lock);
-    payload_files.has_garbage = true;
-    payload_files.collect_cond.signal();
-  }
 }
 
 int payload_files_reset()
@@ -147,15 +139,15 @@ int payload_files_reset()
 void *payload_files_thread(void *)
 {
   bool is_first = true;  // what an earlier life left
-  while (!paxos_data.stopped) {
+  while (!paxos_data_stopped) {
     {
-      cons_lock lock(payload_files.collect_lock);
-      while (!payload_files.has_garbage && !paxos_data.stopped) {
-        payload_files.collect_cond.wait(payload_files.collect_lock);
+      cons_lock lock(payload_upkeep.lock);
+      while (!payload_upkeep.has_garbage && !paxos_data_stopped) {
+        payload_upkeep.cond.wait(payload_upkeep.lock);
       }
-      payload_files.has_garbage = false;
+      payload_upkeep.has_garbage = false;
     }
-    if (!paxos_data.stopped) {
+    if (!paxos_data_stopped) {
       payload_store_walk(false, remove_if_unnamed, &is_first);
       is_first = false;
     }

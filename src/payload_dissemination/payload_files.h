@@ -12,16 +12,10 @@
 void *payload_files_thread(void *);
 
 struct payload_files_state {
-  std::atomic<bool> is_on{false};         // set by start
-  std::atomic<bool> needs_repair{false};  // a file was found damaged: the pull-thread fetches it again
   std::atomic<uint32_t> last_state_size{0};
 
   /// Held while a file gets its name or is removed, together with the look at the table that decides it.
   cons_mutex name_lock{lock_rank::payload_files};
-
-  cons_mutex collect_lock{lock_rank::leaf};
-  cons_cond collect_cond;  // something may be garbage, or stop
-  bool has_garbage CONS_GUARDED_BY(collect_lock) = false;
 
   // Touched by start and stop only.
   library_thread thread{"payload-file-thread", payload_files_thread};
@@ -39,9 +33,6 @@ void payload_files_stop();
 /// Whether the payload is on this node's disk; saves it if it is not, once a second at most. True also without durable
 /// payloads. False if it cannot be saved, another thread is saving it, or the table does not have it. Hold no lock.
 bool payload_files_make_durable(id_entry entry);
-
-/// Something left the table. Any thread, any lock but leaves.
-void payload_files_collect();
 
 /// Removes every file, with durable payloads or without. Returns 0 or -1.
 int payload_files_reset();

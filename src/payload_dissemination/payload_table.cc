@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "payload_dissemination/data_state.h"
-#include "payload_dissemination/payload_files.h"
+#include "payload_dissemination/data_stopped.h"
+#include "payload_dissemination/payload_upkeep.h"
 #include "payload_dissemination/state_marks.h"
 #include "vx_host.h"
 
@@ -55,7 +55,7 @@ bool read_file(payload_entry &entry, id_entry name) CONS_REQUIRES(entry.lock)
   const payload_load result = payload_store_load(name, entry.payload);
   if (result == payload_load::damaged || result == payload_load::absent) {
     entry.file = payload_file_state::damaged;
-    payload_files.needs_repair = true;
+    payload_upkeep.needs_repair = true;
   }
   return result == payload_load::loaded;
 }
@@ -67,7 +67,7 @@ bool store(payload_entry *entry, uint32_t id, uint8_t sender)
     return false;
   }
   cons_lock lock(row->lock);
-  if (row->table == nullptr || paxos_data.stopped) {
+  if (row->table == nullptr || paxos_data_stopped) {
     return false;
   }
   payload_entry *present = find(*row, id);
@@ -264,7 +264,7 @@ void paxos_data_unhash_entry(uint32_t id, uint8_t sender)
       vx_hash_delete_entry_i(row->table, id);
     }
   }
-  payload_files_collect();
+  payload_upkeep_collect();
 }
 
 void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
@@ -291,5 +291,5 @@ void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_
       }
     }
   }
-  payload_files_collect();
+  payload_upkeep_collect();
 }

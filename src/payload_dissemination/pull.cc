@@ -6,6 +6,7 @@
 #include "payload_dissemination/data_state.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
+#include "payload_dissemination/payload_upkeep.h"
 #include "vx_host.h"
 
 namespace
@@ -76,7 +77,7 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
 // state that the log begins with, which its leader needs. With durable payloads only.
 void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
-  if (payload_files.needs_repair.exchange(false)) {
+  if (payload_upkeep.needs_repair.exchange(false)) {
     paxos_data.repair_pos = 0;
   }
   for (; paxos_data.repair_pos < paxos_data.pull_pos; ++paxos_data.repair_pos) {
@@ -167,15 +168,15 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
 void *paxos_data_pull_thread(void *)
 {
   cons_lock lock(paxos_data.pull.lock);
-  while (!paxos_data.stopped) {
+  while (!paxos_data_stopped) {
     const uint32_t pos = paxos_data.pull_pos;
     int64_t wait_us = CHECK_PERIOD_US;
     id_batch_call_at(&paxos_data.pull_batch, pos, paxos_data_pull_one, &wait_us);
-    if (payload_files.is_on && pos == id_batch_count(paxos_data.pull_batch)) {
+    if (payload_upkeep.is_on && pos == id_batch_count(paxos_data.pull_batch)) {
       repair(wait_us);
     }
     sweep_if_due(wait_us);
-    if (paxos_data.pull_pos == pos && !paxos_data.stopped) {
+    if (paxos_data.pull_pos == pos && !paxos_data_stopped) {
       paxos_data.pull.changed_cond.wait_for_us(paxos_data.pull.lock, wait_us);
     }
   }

@@ -47,8 +47,9 @@ void application::reset()
   const std::lock_guard lock(lock_);
   lines_.clear();
   faults_.clear();
-  is_held_ = false;
+  let_go();
   begun_ = 0;
+  snapshots_begun_ = 0;
   states_ = 0;
 }
 
@@ -80,6 +81,8 @@ void application::deliver(const std::string &text, uint32_t full_state)
 
 std::string application::snapshot()
 {
+  ++snapshots_begun_;
+  fake::wait_for([this] { return !is_snapshot_held_; });
   std::string text;
   const std::lock_guard lock(lock_);
   if (inside_ != 0) {

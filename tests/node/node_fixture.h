@@ -26,10 +26,12 @@ public:
   bool has(const std::vector<std::string> &expected) const;  ///< waits
   /// Deliver hooks wait while held.
   void hold() { is_held_ = true; }
-  void let_go() { is_held_ = false; }
+  void hold_snapshots() { is_snapshot_held_ = true; }
+  void let_go() { is_held_ = is_snapshot_held_ = false; }
   int states() const { return states_; }
   bool is_held() const { return is_held_; }
   int deliveries_begun() const { return begun_; }
+  int snapshots_begun() const { return snapshots_begun_; }
   /// What must not happen: a state other than the lines it replaces, a hook beside a snapshot.
   std::vector<std::string> faults() const;
 
@@ -42,7 +44,9 @@ private:
   std::vector<std::string> lines_;
   std::vector<std::string> faults_;
   std::atomic<bool> is_held_{false};
+  std::atomic<bool> is_snapshot_held_{false};
   std::atomic<int> begun_{0};
+  std::atomic<int> snapshots_begun_{0};
   std::atomic<int> states_{0};
   std::atomic<int> inside_{0};
 };

@@ -2,7 +2,8 @@
 
 #include "layer_fixture.h"
 #include "ordered_broadcast/decided_log.h"
-#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/data_stopped.h"
+#include "payload_dissemination/paxos_data.h"
 
 namespace
 {
@@ -15,7 +16,7 @@ using wire::operator+;
 TEST_F(layer_test, a_new_log_carries_what_was_not_delivered_where_it_leaves_room)
 {
   ASSERT_EQ(paxos_data_init({}), 0);
-  paxos_data.stopped = false;  // no threads: the table looks at the flag only
+  paxos_data_stopped = false;  // no threads: the table looks at the flag only
   id_batch full;
   for (uint32_t id = 3; id < 253; ++id) {
     id_batch_add(&full, id, id == 3 ? 2 : 3);

@@ -4,7 +4,8 @@
 
 #include "layer_fixture.h"
 #include "payload_dissemination/cons_crypt.h"
-#include "payload_dissemination/data_state.h"
+#include "payload_dissemination/data_stopped.h"
+#include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 #include "vx_cons.h"
 
@@ -90,7 +91,7 @@ protected:
   payload_table()
   {
     EXPECT_EQ(paxos_data_init({}), 0);
-    paxos_data.stopped = false;  // no threads: the table looks at the flag only
+    paxos_data_stopped = false;  // no threads: the table looks at the flag only
   }
   ~payload_table() override { paxos_data_cleanup(); }
 };
@@ -114,7 +115,7 @@ TEST_F(payload_table, stores_once_per_sender_and_identifier)
   fake::fail(fake::call::hash_insert, 1);
   paxos_data_hash_entry(entry_of(5), 10, 1);
   EXPECT_EQ(paxos_data_has_entry(10, 1), 0);
-  paxos_data.stopped = true;
+  paxos_data_stopped = true;
   paxos_data_hash_entry(entry_of(6), 11, 1);
   EXPECT_EQ(paxos_data_has_entry(11, 1), 0);
   paxos_data_hash_entry(nullptr, 12, 1);
@@ -137,7 +138,7 @@ TEST_F(payload_table, is_emptied_by_a_reset_of_a_stopped_layer)
   paxos_data_hash_entry(entry_of(1), 9, 1);
   EXPECT_EQ(paxos_data_reset(), -1);
   EXPECT_EQ(paxos_data_has_entry(9, 1), 1);
-  paxos_data.stopped = true;
+  paxos_data_stopped = true;
   EXPECT_EQ(paxos_data_reset(), 0);
   EXPECT_EQ(paxos_data_has_entry(9, 1), 0);
   EXPECT_EQ(fake::tables_created(), std::vector<uint32_t>(16, 100));
@@ -153,7 +154,7 @@ TEST_F(payload_table, lives_without_a_row)
   EXPECT_EQ(paxos_data_start(), -1);
   fake::fail(fake::call::hash_create, 3);
   ASSERT_EQ(paxos_data_init({}), 0);
-  paxos_data.stopped = false;
+  paxos_data_stopped = false;
   paxos_data_hash_entry(entry_of(1), 9, 3);
   paxos_data_hash_entry(entry_of(2), 9, 4);
   EXPECT_EQ(content_of(9, 3), -1);

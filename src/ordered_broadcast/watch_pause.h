@@ -1,0 +1,17 @@
+/// The pause of the leader-watch-thread between two passes; nothing else waits here.
+#pragma once
+
+#include "common/cons_mutex.h"
+
+struct watch_pause {
+  cons_mutex lock{lock_rank::leaf};
+  cons_cond wake_cond;
+};
+inline constinit watch_pause paxos_watch_pause;
+
+/// Makes the pause look whether it is to end. Any thread, any lock but leaves.
+inline void paxos_leader_watch_wake()
+{
+  cons_lock lock(paxos_watch_pause.lock);
+  paxos_watch_pause.wake_cond.broadcast();
+}
