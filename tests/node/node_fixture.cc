@@ -82,9 +82,12 @@ void application::deliver(const std::string &text, uint32_t full_state)
 std::string application::snapshot()
 {
   ++snapshots_begun_;
-  fake::wait_for([this] { return !is_snapshot_held_; });
+  const bool is_in_time = fake::wait_for([this] { return !is_snapshot_held_; });
   std::string text;
   const std::lock_guard lock(lock_);
+  if (!is_in_time) {
+    faults_.push_back("nobody lets a snapshot go");
+  }
   if (inside_ != 0) {
     faults_.push_back("a snapshot is taken while a hook runs");
   }
