@@ -71,7 +71,7 @@ TEST(messaging_burst, a_small_receive_buffer_slows_bulk_down_and_control_overtak
     EXPECT_EQ(pieces_in(got), COUNT);
     EXPECT_EQ(got.counts[CONTROL], 1u);
     EXPECT_LT(got.tags.back(), PIECES) << "the control message came last";
-    EXPECT_LT(got.tags.size(), COUNT + 100) << "more than what went out before anything waited";
+    EXPECT_LT(got.tags.size(), COUNT * 3 / 2) << "more than what went out before anything waited";
     return true;
   };
   // A busy machine may keep the receiver from its core for longer than it has room for, but not each time.
