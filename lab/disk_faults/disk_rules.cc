@@ -119,8 +119,10 @@ bool read_rule(const char *line, rule &result)
   }
   result.kind = find_name<fault>(FAULT_NAMES, kind);
   switch (result.kind) {
-  case fault::slow_sync:
-    return sscanf(line, "%*s %lu %1s", &result.number, rest) == 1;
+  case fault::slow_sync: {
+    const int words = sscanf(line, "%*s %lu %63s %1s", &result.number, result.name, rest);
+    return words == 1 || words == 2;
+  }
   case fault::kill_before:
   case fault::kill_after:
     return sscanf(line, "%*s %63s %lu %1s", name, &number, rest) == 2 && read_kill(name, number, result);

@@ -16,7 +16,7 @@
 ///   unreadable NAME [skip N]        open for reading fails with EIO
 ///   cut_write NAME BYTES [skip N]   only the first BYTES reach the file, and write says so
 ///   lost_write NAME BYTES [skip N]  only the first BYTES reach the file, but write claims all
-///   slow_sync MILLISECONDS          sync takes so much longer
+///   slow_sync MILLISECONDS [NAME]   sync takes so much longer
 ///   kill_before CALL:NAME N         SIGKILL to the process instead of the N-th such call
 ///   kill_after CALL:NAME N          SIGKILL right after the N-th such call
 /// skip N: the first N calls that the rule fits go well. CALL is open (for writing), open_read, read, write, rename,

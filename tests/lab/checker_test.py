@@ -151,6 +151,13 @@ def fall(cut_s):
     return [event(cut_s, "power-cut"), sample(2, 12.7, batch=5, count=1, crc="00000005", first=STATE)]
 
 
+def power_cut(holders):
+    """Node 1 alone knows the decision that names payload 7/3; only the holders have that on disk. All have the state."""
+    return [event(12.65, "power-cut"), *(
+        event(12.7, "disk-cut", node=node, number=9 if node == 1 else 8, log=[[1, 2], [3, 7]] if node == 1 else [[1, 2]],
+              payloads=[[1, 2]] + [[3, 7]] * (node in holders)) for node in (1, 2, 3))]
+
+
 # what is wrong, [changes before make], [changes after], what is named (then what may follow; None: held)
 CASES = [
     ("nothing", [], [], None),
@@ -231,6 +238,8 @@ CASES = [
     ("durable: the number fell by a power cut", [durable], fall(12.65), None),
     ("durable: a look between the cut and its end", [durable],
      [event(12.4, "power-cut"), event(12.68, "disk-cut", node=2), *fall(12.4)[1:]], None),
+    ("durable: on no quorum's disks after a power cut", [durable], power_cut([2]), "I7"),
+    ("durable: on a quorum's disks after a power cut", [durable], power_cut([1, 2]), None),
     ("durable: the number fell behind what was synced", [durable], fall(12.65)[:1] + [
         sample(2, 12.7, batch=4, count=4, crc="00000004", first=(1, 2))], "I7"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),

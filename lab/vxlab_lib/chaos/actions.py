@@ -98,7 +98,7 @@ def do_power_cut(stage, _track, step):
     with stage.one_down(True) as may:
         if not may:
             return
-        slow = [f"slow_sync {step['slow_ms']}"] * bool(step["slow_ms"])
+        slow = [step["slow"]] if step["slow"] else []
         set_disk_rules(stage, slow)
         stage.pause(SLOW_S)
         if step.get("rule"):

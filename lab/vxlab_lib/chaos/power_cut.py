@@ -6,9 +6,10 @@ Whatever was certain stays. Of the rest, as the seed has it:
 
 So a name may be there without its content, and the other way round. One thing is taken apart only on a careless file
 system: what was written to a file before a rename is there if its new name is, but for payload files, which have
-checksums. Saves that flush but once, behind the rename, need that.
+checksums. The library needs no such order with durable payloads: it flushes before it renames.
 """
 
+import hashlib
 import os
 import random
 import shutil
@@ -21,9 +22,23 @@ from ..node import UNDO
 MAGIC = 0x31304F444E555856
 HEADER = struct.Struct("<QQQ40x")
 SLOT = struct.Struct("<IIQQQQQII96s104s")
+PAYLOAD_HEADER = struct.Struct("<24xI4x32s")
 FREE, UNDER_WAY, DONE = range(3)
 CREATE, RENAME, UNLINK, DATA = range(1, 5)
 FREE_TO_TEAR = "cons/payloads/"
+
+
+def whole_payloads(directory):
+    """(sender, id) of each payload that a node has on its disk, all of it. The library checks them in the same way."""
+    for name in os.listdir(directory) if os.path.isdir(directory) else ():
+        if not name.endswith(".tmp"):
+            with open(os.path.join(directory, name), "rb") as file:
+                content = file.read()
+            header, payload = content[:PAYLOAD_HEADER.size], content[PAYLOAD_HEADER.size:]
+            if len(header) == PAYLOAD_HEADER.size:
+                length, digest = PAYLOAD_HEADER.unpack(header)
+                if len(payload) == length and hashlib.sha256(header[:32] + payload).digest() == digest:
+                    yield tuple(map(int, name.split(".")))
 
 
 @dataclass

@@ -10,7 +10,7 @@ from ..errors import LabError
 from ..waiting import wait_until
 from . import decisions
 from .events import now_ns
-from .power_cut import PowerCut
+from .power_cut import PowerCut, whole_payloads
 from .sampler import await_log
 
 ROLL_OVER_WAIT_S = 8.0
@@ -213,7 +213,11 @@ class Stage:
                 node.await_end()
                 self.arena.node_is_down(node_id)
                 cut = PowerCut(node.path("flashdisk"), f"{seed} {node_id}", is_careless).make()
-                self.events.add("disk-cut", node=node_id, lost=cut.lost, not_kept=cut.not_kept)
+                decided = decisions.read_decided(node.cons_dir)
+                log = [decided.entry(index) for index in range(decided.count)] if decided else []
+                self.events.add("disk-cut", node=node_id, lost=cut.lost, not_kept=cut.not_kept,
+                                number=decided.number if decided else 0, log=log,
+                                payloads=sorted(whole_payloads(node.payload_dir)))
 
     def terminate(self, node_id):
         """Clean end of the daemon; returns its exit code."""

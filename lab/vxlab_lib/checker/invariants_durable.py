@@ -128,8 +128,10 @@ def files(episode, check):
         _sizes(episode, check, node, samples)
     for node in episode.files:
         _at_the_end(episode, check, node)
-    if episode.keeps_payloads and episode.events_of("equal"):
-        _payload_files(episode, check)
+    if episode.keeps_payloads:
+        _payloads_after_cuts(episode, check)
+        if episode.events_of("equal"):
+            _payload_files(episode, check)
 
 
 def _never_falls(check, node, samples, name, what, cuts):
@@ -199,6 +201,24 @@ def _at_the_end(episode, check, node):
         check.saw("register directories")
         if old:
             check.violated(f"registers of old decisions are left: {', '.join(sorted(old)[:5])}", batch=number, **where)
+
+
+def _payloads_after_cuts(episode, check):
+    """What the newest log names was on a quorum of disks before it was decided. So a power cut leaves it there."""
+    cuts = [event["t"] for event in episode.events_of("power-cut")]
+    quorum = len(episode.nodes) // 2 + 1
+    for begin, end in zip(cuts, [*cuts[1:], float("inf")]):
+        disks = [event for event in episode.events_of("disk-cut") if begin <= event["t"] < end]
+        if len(disks) < len(episode.nodes):
+            continue  # the faults ended meanwhile
+        newest = max(disks, key=lambda disk: disk["number"])
+        for sender, msg_id in newest["log"]:
+            check.saw("payloads of the log after a power cut")
+            holders = [disk["node"] for disk in disks if [sender, msg_id] in disk["payloads"]]
+            if len(holders) < quorum:
+                check.violated(f"after a power cut the log names payload {msg_id}/{sender}, which only nodes {holders} "
+                               "have on disk", t=newest["t"], node=newest["node"], batch=newest["number"])
+                break
 
 
 def _payload_files(episode, check):

@@ -91,6 +91,10 @@ MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call
             for call in ("write", "rename", "sync")] + [("unlink", "payloads/*")]]
 
 
+# Where only payloads are slow, a decision overtakes a save that was promised too early.
+SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*"]
+
+
 def power_cut(is_careless):
     """Some come in the middle of a save, some again before all is as before."""
 
@@ -100,7 +104,7 @@ def power_cut(is_careless):
             step = at(moment, "power-cut", seed=draw.randint(0, 1 << 30), down_s=round(draw.choice([0.0, 0.5]), 1),
                       again_s=[round(draw.uniform(0.0, 1.5), 2) for _ in range(draw.choice([0, 0, 1, 2]))],
                       late_s=round(draw.choice([0.0, 0.0, draw.uniform(0.5, 3.0)]), 2),
-                      master=draw.choice([0, draw.randint(1, nodes)]), slow_ms=draw.choice([0, 5, 30]),
+                      master=draw.choice([0, draw.randint(1, nodes)]), slow=draw.choice(SLOW_SYNCS),
                       is_careless=is_careless)
             if draw.random() < 0.5:
                 step = {**step, "node": any_node(draw, nodes), "rule": f"{draw.choice(MOMENTS)} {draw.randint(1, 8)}"}
