@@ -233,6 +233,47 @@ def do_late_snapshot(stage, track, step):
         slow_deliver_hook(stage, node_id, 0)
 
 
+def do_late_forward(stage, track, step):
+    """A node does not hear that its message is decided, and goes on forwarding it. The leader restarts in the log after
+    that one: that the message is decided, only the state at the beginning of this log can tell it."""
+    with stage.one_down(True) as may:
+        leader, node_id = stage.node_id("leader"), stage.node_id("last")
+        if not may or not all_run(stage):
+            return
+        stage.set_rules(track, [lost(0, node_id, 4, "DECIDE")])
+        stage.pause(step["decided_s"])  # its message is in the log now
+        old = log_of(stage, leader)[0]
+        if stage.await_that(lambda: log_of(stage, leader)[0] not in (old, None), step["log_s"]):
+            stage.kill(leader)
+            restart_after(stage, leader, step)
+            stage.pause(step["lead_s"])
+        make_whole(stage, track, leader)
+
+
+def do_read_back_state(stage, track, step):
+    """The leader begins a log that nobody hears of. Another one, cut off from it, wants to begin that log with a state
+    of its own, and reads the first one's back from the register."""
+    first, second = stage.node_id("leader"), stage.node_id("last")
+    others = [node_id for node_id in sorted(stage.cluster.nodes) if node_id != first]
+    if not all_run(stage):
+        return
+    hold = stage.next_id()
+    stage.fabric.ask("hold", id=hold, match={"from": first, "channel": 4, "type": "DECIDE",
+                                             "count": [1, step["log"][0]]}, max=HELD_MAX)
+    try:
+        old = log_of(stage, first)[0]
+        if not stage.await_that(lambda: log_of(stage, first)[0] not in (old, None), step["log_s"]):
+            return
+        stage.set_cuts(track, both_ways([first], others))
+        stage.set_masters([second])
+        stage.pause(step["apart_s"])
+    finally:
+        released = stage.fabric.ask("release", id=hold, drop=True)["released"]
+        stage.events.add("release", id=hold, released=released, drop=True)
+        stage.set_cuts(track, [])
+    stage.settle(first)
+
+
 def do_freeze(stage, _track, step):
     node_id = stage.node_id(step["node"])
     if stage.is_running(node_id):

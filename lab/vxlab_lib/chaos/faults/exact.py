@@ -37,6 +37,17 @@ def late_snapshot(draw, _nodes, seconds):
                  for moment in times(draw, seconds, 6.0)], load={"sizes": [1, 40]})
 
 
+def late_forward(draw, _nodes, seconds):
+    return Made([at(moment, "late-forward", decided_s=round(draw.uniform(1.2, 2.0), 2), log_s=8.0, restart_s=0.0,
+                    lead_s=round(draw.uniform(2.0, 3.0), 2)) for moment in times(draw, seconds, 7.0)],
+                load={"sizes": [1, 40]})
+
+
+def read_back_state(draw, _nodes, seconds):
+    return Made([at(moment, "read-back-state", log_s=8.0, apart_s=round(draw.uniform(1.0, 3.0), 2), log=[130, 230])
+                 for moment in times(draw, seconds, 6.0)], load={"sizes": [1, 40]})
+
+
 def frozen_thread(draw, nodes, seconds):
     steps = []
     for index, moment in enumerate(times(draw, seconds, 2.5)):
@@ -59,6 +70,10 @@ FAULTS = [
           "no processor", "all active", stop_at_new_log),
     Fault("late-snapshot", "exact order", "a follower gets a snapshot late, and meanwhile hears of the next one, which "
           "has swallowed its message", UNDONE, late_snapshot),
+    Fault("late-forward", "exact order", "a leader restarts in a new log, while a node still forwards a message that was "
+          "decided in the log before", UNDONE, late_forward, is_durable=True),
+    Fault("read-back-state", "exact order", "a leader begins a log of which nobody hears; another one begins the same "
+          "log", UNDONE, read_back_state, is_durable=True),
     Fault("frozen-thread", "exact order", "one thread of the library stands still for up to 2 s, all others run",
           "it runs", frozen_thread),
 ]
