@@ -157,7 +157,7 @@ FAULTS = [
     Fault("power-cut", "process", "all nodes are killed at one moment, and their files go back to what was synced; of "
           "the rest, any part may be there", UNDONE, power_cut(False), is_durable=True),
     Fault("power-cut-careless", "process", "the same on a file system where a rename may be there without the content",
-          UNDONE, power_cut(True), is_apart=True, is_durable=True),
+          UNDONE, power_cut(True), is_durable=True),
     Fault("kill-near-payload-save", "process", "a node is killed in the middle of a save, or a removal, of a payload",
           UNDONE, kill_near_save([f"kill_{when} {call}:payloads/*" for when in ("before", "after")
                                   for call in ("write", "rename", "sync", "unlink")], ["leader", "follower", "last"]),
