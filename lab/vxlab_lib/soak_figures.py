@@ -1,22 +1,20 @@
 """What a soak has seen: figures of every node, phase by phase; whether they grow; a table of them.
 
-What may grow, and can be counted, is subtracted: a payload whose submission was given up stays until cleanup in every
-node that has it, and kesh remembers of each line which took more than one attempt that it did."""
+What may grow, and can be counted, is subtracted: kesh remembers of each line which took more than one attempt that it
+did."""
 
 import csv
 import os
 import time
 from dataclasses import dataclass, field
-from statistics import mean, median
+from statistics import median
 
 from .chaos.decisions import read_decided
 
 JOURNAL_KEEP = 200  # lines of the journal in memory: few, so that it has to stay flat
-PAYLOAD_BYTES = [200, 200, 200, 3000]  # in turn; the long ones travel in pieces
 LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0, "unnamed": 3}  # by how much a median may rise
 TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
           "stale": "temporary files left", "unnamed": "payload files beyond the log"}
-GIVEN_UP_BYTES = mean(PAYLOAD_BYTES) + 400  # a payload in the library's table, and what belongs to it
 ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
 SAMPLES_MIN = 100  # of a phase whose memory is judged as strictly as that
 WARM_UP_KB = 2048  # what memory may rise in a shorter one: allocators and caches fill for a while
@@ -29,7 +27,6 @@ class Phase:
     middle: tuple  # the shares of the samples whose medians are compared
     end: tuple
     roll_overs_min: int = 0
-    given_up_bytes: float = GIVEN_UP_BYTES + ATTEMPT_BYTES  # what may remain of an attempt
     cycles: int = 0
     samples: list = field(default_factory=list)  # {"t", "given_up", "number", "cycle", node: {figure: value}}
     roll_overs: int = 0
@@ -48,7 +45,7 @@ class Phase:
         return self.window(self.end, pick) - self.window(self.middle, pick)
 
     def subtracted_kb(self):
-        return max(0.0, self.rise(lambda sample: sample["given_up"])) * self.given_up_bytes / 1024
+        return max(0.0, self.rise(lambda sample: sample["given_up"])) * ATTEMPT_BYTES / 1024
 
     def note_time(self, what, seconds):
         self.longest_s[what] = max(self.longest_s.get(what, 0.0), seconds)
@@ -123,16 +120,13 @@ def payload_figures(directory):
 
 
 class Figures:
-    def __init__(self, nodes, durable):
+    def __init__(self, nodes):
         self._nodes = list(nodes)
-        self._durable = durable
         self.phases = []
 
     def begin(self, *arguments):
         """A new Phase of these arguments."""
         self.phases.append(Phase(*arguments))
-        if self._durable:  # a payload goes with the next decision of its node
-            self.phases[-1].given_up_bytes = ATTEMPT_BYTES
         return self.phases[-1]
 
     def growing(self):
@@ -163,9 +157,8 @@ Each figure: median of the first tenth / of the second third / of the last third
 the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
 {LIMITS['rss_kb']} KiB and what is subtracted ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of
 few roll-overs); {others}.
-Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {GIVEN_UP_BYTES:.0f} bytes
-of a payload that stays until cleanup (not of durable ones) and {ATTEMPT_BYTES} of the journal's index. Of the
-journal, memory holds the newest {JOURNAL_KEEP} lines; its file grows on disk.
+Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {ATTEMPT_BYTES} bytes of the
+journal's index. Of the journal, memory holds the newest {JOURNAL_KEEP} lines; its file grows on disk.
 """)
         for phase in phases:
             print(f"- {phase.in_words()}")
