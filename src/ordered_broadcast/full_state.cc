@@ -4,7 +4,6 @@
 
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/decided_log.h"
-#include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/payload_table.h"
 #include "payload_dissemination/state_marks.h"
@@ -85,19 +84,14 @@ payload_buf *paxos_full_state(uint32_t number)
   return payload;
 }
 
-bool paxos_begin_log(id_batch &batch, id_entry &state)
+bool paxos_begin_log(id_batch &batch, id_entry state)
 {
   cons_lock lock(paxos.deliver_lock);
-  const auto self = static_cast<uint8_t>(cons_service.node_id);
-  state = {.sender = self, .msg_id = msg_id_next(false)};
-  if (state.msg_id == 0) {
-    return false;
-  }
-  if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state(paxos_log.number() + 1)), state.msg_id, self)) {
+  if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state(paxos_log.number() + 1)), state.msg_id, state.sender)) {
     return false;  // the layer stopped, or no memory: nobody could ever fetch it
   }
   batch = {};
-  id_batch_add(&batch, state.msg_id, self);
+  id_batch_add(&batch, state.msg_id, state.sender);
   if (cons_service.durable_payloads) {
     return true;
   }
@@ -107,7 +101,7 @@ bool paxos_begin_log(id_batch &batch, id_entry &state)
     // Nothing but the last log's state was delivered here: what follows it was lost, and a log that is full from the
     // beginning would be followed by the next at once.
     batch = {};
-    id_batch_add(&batch, state.msg_id, self);
+    id_batch_add(&batch, state.msg_id, state.sender);
   }
   return true;
 }

@@ -8,8 +8,8 @@
 /// With durable payloads a record of marks follows. Null without memory. Runs the hooks.
 payload_buf *paxos_full_state(uint32_t number);
 
-/// A new log that begins with a new state message of this node, stored in the payload table, followed by the entries
+/// A new log that begins with a new message `state` of this node, stored in the payload table, followed by the entries
 /// of the last log behind this node's last delivered one (none with durable payloads, or if the log were full at once).
 /// False if the message could not be made. Runs the hooks: the caller knows that this node has handled its whole log,
 /// if there is one, so that no deliver hook runs meanwhile.
-bool paxos_begin_log(id_batch &batch, id_entry &state) CONS_REQUIRES(paxos.propose_lock);
+bool paxos_begin_log(id_batch &batch, id_entry state) CONS_REQUIRES(paxos.propose_lock);

@@ -7,11 +7,13 @@
 #include <cstdint>
 
 #include "common/id_batch.h"
+#include "ordered_broadcast/paxos_state.h"
 
 /// The next message identifier of this node, durable before it is returned; 0 after isolating the node: the file fails,
 /// or none is left. `reset` begins again at 1. `taken`, if given, is set before another caller can
 /// get a higher one. Any thread.
-uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr);
+uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr)
+    CONS_EXCLUDES(paxos.forward_lock, paxos.propose_lock, paxos.deliver_lock);
 
 /// Identifiers of ours that stand in a log are never handed out again, whatever the file says. Any thread, any lock;
 /// waits for nobody's save.

@@ -6,6 +6,7 @@
 #include "ordered_broadcast/abandoned_states.h"
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/full_state.h"
+#include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
@@ -76,23 +77,34 @@ bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(pa
 // The state that this node made for a number. With durable payloads another attempt at the number proposes it again: a
 // leader that comes and goes spreads one.
 struct made_state {
-  id_entry entry;
-  uint32_t number = 0;
+  uint32_t msg_id = 0;  // 0 = none
+  uint32_t number = 0;  // 0 = not made yet: the identifier is free
 };
+
+bool is_made(const made_state &made, uint32_t number)
+{
+  return cons_service.durable_payloads && made.number == number &&
+         paxos_data_has_entry(made.msg_id, static_cast<uint8_t>(cons_service.node_id)) != 0;
+}
+
+bool needs_identifier(const made_state &made) CONS_REQUIRES(paxos.propose_lock)
+{
+  const bool is_free = made.msg_id != 0 && made.number == 0;
+  return needs_full_state() && !is_free && !is_made(made, paxos_log.number() + 1);
+}
 
 bool begin_log(proposal &p, made_state &made) CONS_REQUIRES(paxos.propose_lock)
 {
-  if (cons_service.durable_payloads && made.number == p.batch_id &&
-      paxos_data_has_entry(made.entry.msg_id, made.entry.sender) != 0) {
-    p.entry = made.entry;
-    p.batch = {};
-    id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
+  p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made.msg_id};
+  if (!is_made(made, p.batch_id)) {
+    if (!paxos_begin_log(p.batch, p.entry)) {
+      return false;
+    }
+    made.number = p.batch_id;
     return true;
   }
-  if (!paxos_begin_log(p.batch, p.entry)) {
-    return false;
-  }
-  made = {.entry = p.entry, .number = p.batch_id};
+  p.batch = {};
+  id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
   return true;
 }
 
@@ -252,6 +264,13 @@ void *paxos_propose_thread(void *)
   made_state made;
   bool is_parked = false;
   while (wait_for_work(is_parked, abandoned)) {
+    if (needs_identifier(made)) {
+      lock.unlock();  // the identifier is saved: no lock waits for that
+      made = {.msg_id = msg_id_next(false)};
+      lock.lock();
+      is_parked = made.msg_id == 0;
+      continue;
+    }
     proposal p;
     is_parked = !choose(p, made);
     if (is_parked) {

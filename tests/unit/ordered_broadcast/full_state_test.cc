@@ -28,7 +28,6 @@ TEST_F(layer_test, a_new_log_carries_what_was_not_delivered_where_it_leaves_room
   } cases[] = {{"the last two are lost", 247, 3}, {"all but the state are lost", 0, 1}, {"nothing is lost", 249, 1}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    files::write("msg_id", wire::words({1}));
     files::write("paxos_decide", wire::words({300}) + bytes(full.bytes, full.bytes + ID_BATCH_SIZE));
     ASSERT_EQ(paxos_log.load(), 0);
     cons_lock lock(paxos.propose_lock);
@@ -37,7 +36,7 @@ TEST_F(layer_test, a_new_log_carries_what_was_not_delivered_where_it_leaves_room
       paxos.last_delivered = id_batch_entry(full, c.last_delivered);
     }
     id_batch batch;
-    id_entry state;
+    const id_entry state = {.sender = 1, .msg_id = 1000 + c.last_delivered};
     ASSERT_TRUE(paxos_begin_log(batch, state));
     EXPECT_EQ(id_batch_count(batch), c.count);
     EXPECT_EQ(id_batch_entry(batch, 0), state);
