@@ -11,8 +11,9 @@ void loss_judge::start(uint32_t node_count, uint32_t own_node)
   own_node_ = own_node;
 }
 
-void loss_judge::seeks(id_entry entry)
+void loss_judge::seeks(id_entry entry, bool is_held)
 {
+  is_held_ = is_held;
   if (entry_ != entry) {
     entry_ = entry;
     request_us_ = 0;
@@ -126,6 +127,13 @@ uint32_t loss_judge::lacking_count() const
     count += is_other(i) && is_lacking(i) ? 1 : 0;
   }
   return count;
+}
+
+// Every other node is enough, whatever this one held.
+bool loss_judge::has_quorum_answered() const
+{
+  const uint32_t others = lacking_count();
+  return others + 1 == node_count_ || others + (is_held_ ? 0 : 1) >= node_count_ / 2 + 1;
 }
 
 bool loss_judge::are_the_rest_silent() const

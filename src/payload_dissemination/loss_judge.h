@@ -6,7 +6,8 @@
 ///
 /// The entry is *lost*
 /// - when every other node lacks it, or
-/// - when this node and those that lack it are a quorum and each of the rest has been silent through 30 requests, a
+/// - when this node and those that lack it are a quorum (without this one if it has a file of it that it cannot read)
+///   and each of the rest has been silent through 30 requests, a
 ///   second apart, each answered by such a quorum. A second in which the quorum did not answer, or in which this node
 ///   did not run, counts nothing.
 /// and only while channel 4 is idle: since the last request no decision came for 100 ms, and no message that one may
@@ -38,7 +39,9 @@ public:
   void start(uint32_t node_count, uint32_t own_node);
 
   /// What the pull-thread does.
-  void seeks(id_entry entry);      ///< the entry that comes next is missing; the same again changes nothing
+  /// The entry that comes next is missing, or is_held: on this node's disk, but unreadable. The same again changes
+  /// nothing.
+  void seeks(id_entry entry, bool is_held = false);
   void looked(int64_t now_us);     ///< it runs
   void requested(int64_t now_us);  ///< a request for the entry went out
 
@@ -68,7 +71,7 @@ private:
   [[nodiscard]] bool is_other(uint32_t index) const { return index + 1 != own_node_; }
   [[nodiscard]] bool is_lacking(uint32_t index) const { return nodes_[index].is_missing && nodes_[index].has_word; }
   [[nodiscard]] uint32_t lacking_count() const;
-  [[nodiscard]] bool has_quorum_answered() const { return lacking_count() + 1 >= node_count_ / 2 + 1; }
+  [[nodiscard]] bool has_quorum_answered() const;
   [[nodiscard]] bool are_the_rest_silent() const;
   void forget_answers();
 
@@ -76,6 +79,7 @@ private:
   uint32_t own_node_ = 0;
   node_view nodes_[NODES_MAX];
   id_entry entry_;
+  bool is_held_ = false;
   int64_t request_us_ = 0;  // 0: none for this entry
   int64_t looked_us_ = 0;
   int64_t resumed_us_ = 0;  // after the last gap

@@ -55,18 +55,18 @@ public:
     judge_.requested(monotonic_us());
   }
 
-  /// What the pull-thread, which lacks `entry`, is to do.
+  /// What the pull-thread is to do, which lacks `entry`, or holds it and cannot read it.
   struct advice {
     bool is_lost;
     bool is_request_due;
     uint32_t nodes_without_word;  ///< bit n - 1 = node n; of the second that the next request ends
     int64_t look_again_us;
   };
-  advice look(id_entry entry)
+  advice look(id_entry entry, bool is_held)
   {
     cons_lock lock(lock_);
     const int64_t now_us = monotonic_us();
-    judge_.seeks(entry);
+    judge_.seeks(entry, is_held);
     judge_.looked(now_us);
     const loss_judge::verdict verdict = judge_.judge(now_us);
     return {.is_lost = verdict.is_lost,

@@ -85,6 +85,7 @@ int payload_files_load(bool is_on)
 {
   payload_upkeep.is_on = is_on;
   if (!is_on) {
+    payload_table_forget_files();
     payload_store_remove_all();
     return 0;
   }

@@ -91,6 +91,26 @@ void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
   }
 }
 
+// Takes out of the table what `is_to_go`, called with the entry, its sender, and the row locked, says.
+template <class predicate>
+void remove_if(predicate is_to_go)
+{
+  for (uint32_t i = 0; i < NODES_MAX; ++i) {
+    cons_lock lock(rows[i].lock);
+    if (rows[i].table == nullptr) {
+      continue;
+    }
+    void *cursor = nullptr;
+    for (void *value = vx_hash_get_first_entry_i(rows[i].table, &cursor); value != nullptr;
+         value = vx_hash_get_next_entry_i(rows[i].table, &cursor)) {
+      auto *entry = static_cast<payload_entry *>(value);
+      if (is_to_go(*entry, static_cast<uint8_t>(i + 1))) {
+        vx_hash_delete_entry_i(rows[i].table, entry->id);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 payload_entry::payload_entry(payload_buf *owned)
@@ -275,21 +295,20 @@ void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
 
 void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number)
 {
-  for (uint32_t i = 0; i < NODES_MAX; ++i) {
-    cons_lock lock(rows[i].lock);
-    if (rows[i].table == nullptr) {
-      continue;
-    }
-    void *cursor = nullptr;
-    for (void *value = vx_hash_get_first_entry_i(rows[i].table, &cursor); value != nullptr;
-         value = vx_hash_get_next_entry_i(rows[i].table, &cursor)) {
-      const auto *entry = static_cast<payload_entry *>(value);
-      const bool is_superseded =
-          entry->is_state ? entry->state_number != 0 && entry->state_number <= number : entry->id <= done_ids[i];
-      if (is_superseded && id_batch_find(&kept, entry->id, static_cast<uint8_t>(i + 1)) < 0) {
-        vx_hash_delete_entry_i(rows[i].table, entry->id);
-      }
-    }
-  }
+  remove_if([&](const payload_entry &entry, uint8_t sender) {
+    const bool is_superseded =
+        entry.is_state ? entry.state_number != 0 && entry.state_number <= number : entry.id <= done_ids[sender - 1];
+    return is_superseded && id_batch_find(&kept, entry.id, sender) < 0;
+  });
   payload_upkeep_collect();
+}
+
+void payload_table_forget_files()
+{
+  remove_if([](payload_entry &entry, uint8_t sender) {
+    cons_lock lock(entry.lock);
+    const bool is_here = read_file(entry, {.sender = sender, .msg_id = entry.id});
+    entry.file = payload_file_state::none;
+    return !is_here;
+  });
 }

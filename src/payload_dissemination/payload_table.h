@@ -50,6 +50,9 @@ bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender);
 /// An entry for a file, before the layer starts. One that is in the table already stays. False without memory.
 bool payload_table_add_file(const payload_file &file);
 
+/// Before the files go: reads what only they have. What cannot be read leaves the table. Before the layer starts.
+void payload_table_forget_files();
+
 /// Whether the payload is here, its bytes checked.
 int paxos_data_has_entry(uint32_t id, uint8_t sender);
 

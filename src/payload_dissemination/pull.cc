@@ -51,7 +51,7 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
 // Fetches, or asks for, what is missing. Returns whether it is lost; else lowers wait_us to the time of the next look.
 bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
-  const loss_watch::advice advice = paxos_data.losses.look(entry);
+  const loss_watch::advice advice = paxos_data.losses.look(entry, payload_table_knows(entry));
   if (!advice.is_lost && advice.is_request_due) {
     request(entry, advice);
   }

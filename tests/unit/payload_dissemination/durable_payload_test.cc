@@ -153,6 +153,27 @@ TEST_F(durable_payload, comes_back_with_the_very_bytes)
 
 // What is served from a damaged file is not what was acknowledged; and a node that held a payload must not say that it
 // lacks it, or the others may take it for lost.
+// A process that goes on without durable payloads loses its files, but nothing that it had.
+TEST_F(durable_payload, keeps_in_memory_what_the_files_had_when_they_go)
+{
+  const bytes payload = payload_of(2000);
+  store(A, payload);
+  store(B, payload);
+  for (const entry &e : {A, B}) {
+    ASSERT_TRUE(paxos_data_make_durable({.sender = e.first, .msg_id = e.second}));
+  }
+  restart();
+  paxos_data_stop();
+  bytes damaged = files::read(name_of(B));
+  damaged.back() ^= 1;
+  files::write(name_of(B), damaged);
+  ASSERT_EQ(paxos_data_load(false), 0);
+  ASSERT_EQ(paxos_data_start(), 0);
+  EXPECT_FALSE(files::exists("payloads"));
+  EXPECT_EQ(paxos_data_has_entry(A.second, A.first), 1);
+  EXPECT_FALSE(payload_table_knows({.sender = B.first, .msg_id = B.second}));
+}
+
 TEST_F(durable_payload, fetches_a_damaged_file_again_and_is_silent_until_then)
 {
   const bytes payload = payload_of(3000);

@@ -117,6 +117,18 @@ TEST(loss_judge, tells_the_lost_from_the_late)
        [](scene &s) { return s.run(60000 * MS) || s.seconds(29, {2}); }, false},
       {"a dead leader's payload: the other live node lacks it, through 30 requests", 3,
        [](scene &s) { return !s.seconds(28, {2}) && s.seconds(2, {2}); }, true},
+      {"the same, but this node has a file of it that it cannot read: half a quorum held it", 3,
+       [](scene &s) {
+         s.judge.seeks(ENTRY, true);
+         return s.seconds(100, {2});
+       },
+       false},
+      {"all others lack what this node cannot read", 3,
+       [](scene &s) {
+         s.judge.seeks(ENTRY, true);
+         return s.seconds(1, {2, 3});
+       },
+       true},
       {"the next entry of the same dead node takes one request, not 30", 3,
        [](scene &s) {
          if (!s.seconds(30, {2})) {

@@ -42,8 +42,8 @@ TEST(cons_crypt, starts_afresh_with_every_piece)
   }
 }
 
-// Values of another implementation: a cipher that only understands itself splits a cluster at its next upgrade. With the
-// pass phrase in a file P, MD5 of P as the key K and MD5 of K and P as the vector V:
+// Values of another implementation: a cipher that only understands itself splits a cluster at its next upgrade. With
+// the pass phrase in a file P, MD5 of P as the key K and MD5 of K and P as the vector V:
 //   printf 'acknowledged, never lost' | openssl enc -aes-128-cfb -K $K -iv $V
 TEST(cons_crypt, has_these_bytes)
 {
