@@ -36,7 +36,7 @@ bool store_delete_if_there(uint32_t id);
 
 inline constexpr uint32_t STORE_ALL = 0xffffffff;
 
-/// Deletes every register file with an id up to the bound, but for the ids in `kept`. Returns 0 if no other file is left
-/// but those for which `is_known`, if given, answers true; else 1: there is something to delete later. Reads the
+/// Deletes every register file with an id up to the bound, but for the ids in `kept`. Returns 0 if no other file is
+/// left but those for which `is_known`, if given, answers true; else 1: there is something to delete later. Reads the
 /// directory.
 int store_delete_up_to(uint32_t bound, std::span<const uint32_t> kept, bool (*is_known)(uint32_t id) = nullptr);

@@ -20,7 +20,7 @@ struct register_layer {
   void *table CONS_GUARDED_BY(layer_lock) = nullptr;
   uint32_t last_reg_id CONS_GUARDED_BY(layer_lock) = 0;  // highest id created since init or reset
   bool floor_known CONS_GUARDED_BY(layer_lock) = false;
-  uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0;  // last decision on this node's disk
+  uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0;   // last decision on this node's disk
   bool may_have_strays CONS_GUARDED_BY(layer_lock) = true;  // files of an earlier life that no register here names
   std::atomic<rb_reg_newcomer_cb> newcomer{nullptr};
 };

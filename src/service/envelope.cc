@@ -47,8 +47,7 @@ void *cons_msg_send(uint8_t *envelope, uint32_t channel, uint32_t msg_key, uint3
 
 bool received_message::accepted() const
 {
-  return get_cluster_id(envelope_) == cons_service.cluster_id &&
-         get_le32(envelope_ + 8) == vx_firmware_dova_build_nr;
+  return get_cluster_id(envelope_) == cons_service.cluster_id && get_le32(envelope_ + 8) == vx_firmware_dova_build_nr;
 }
 
 uint32_t received_message::sender_addr() const
