@@ -71,10 +71,10 @@ TEST(messaging_burst, a_small_receive_buffer_slows_bulk_down_and_control_overtak
     EXPECT_EQ(pieces_in(got), COUNT);
     EXPECT_EQ(got.counts[CONTROL], 1u);
     EXPECT_LT(got.tags.back(), PIECES) << "the control message came last";
-    EXPECT_LT(got.tags.size(), COUNT * 3 / 2) << "more than what went out before anything waited";
-    return true;
+    return got.tags.size() < COUNT + 100;  // what goes out before anything waits is sent twice
   };
-  // A busy machine may keep the receiver from its core for longer than it has room for, but not each time.
+  // A busy machine may keep the receiver from its core for longer than it has room for, or the sender for longer than
+  // the pieces take, but not each time.
   EXPECT_TRUE(is_whole() || is_whole() || is_whole() || is_whole());
 }
 
