@@ -74,49 +74,41 @@ bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(pa
   return false;
 }
 
-// The state that this node made for a number. With durable payloads another attempt at the number proposes it again: a
-// leader that comes and goes spreads one.
-struct made_state {
-  uint32_t msg_id = 0;  // 0 = none
-  uint32_t number = 0;  // 0 = not made yet: the identifier is free
-};
-
-bool is_made(const made_state &made, uint32_t number)
+// With durable payloads another attempt at a number proposes the same state again, also after a restart: a leader that
+// comes and goes spreads one. 0 = this node has made none.
+uint32_t made_state(uint32_t number)
 {
-  return cons_service.durable_payloads && made.number == number &&
-         paxos_data_has_entry(made.msg_id, static_cast<uint8_t>(cons_service.node_id)) != 0;
+  const auto self = static_cast<uint8_t>(cons_service.node_id);
+  const uint32_t msg_id = cons_service.durable_payloads ? payload_table_find_state(self, number) : 0;
+  return msg_id != 0 && paxos_data_has_entry(msg_id, self) != 0 ? msg_id : 0;
 }
 
-bool needs_identifier(const made_state &made) CONS_REQUIRES(paxos.propose_lock)
+// `free_id` is an identifier that nothing was made under yet.
+bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  const bool is_free = made.msg_id != 0 && made.number == 0;
-  return needs_full_state() && !is_free && !is_made(made, paxos_log.number() + 1);
-}
-
-bool begin_log(proposal &p, made_state &made) CONS_REQUIRES(paxos.propose_lock)
-{
-  p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made.msg_id};
-  if (!is_made(made, p.batch_id)) {
-    if (!paxos_begin_log(p.batch, p.entry)) {
-      return false;
-    }
-    made.number = p.batch_id;
+  p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made_state(p.batch_id)};
+  if (p.entry.msg_id != 0) {
+    p.batch = {};
+    id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
     return true;
   }
-  p.batch = {};
-  id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
+  p.entry.msg_id = free_id;
+  if (!paxos_begin_log(p.batch, p.entry)) {
+    return false;
+  }
+  free_id = 0;
   return true;
 }
 
 // What is proposed for the next number.
-bool choose(proposal &p, made_state &made) CONS_REQUIRES(paxos.propose_lock)
+bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
   p.working_copy = paxos_waiting.next_proposal();
   p.batch_id = paxos_log.number() + 1;
   paxos.proposal_batch_id = p.batch_id;
   p.is_full_state = needs_full_state();
   if (p.is_full_state) {
-    return begin_log(p, made);
+    return begin_log(p, free_id);
   }
   p.batch = paxos_log.batch();
   p.entry = p.working_copy;
@@ -261,18 +253,18 @@ void *paxos_propose_thread(void *)
 {
   cons_lock lock(paxos.propose_lock);
   abandoned_states abandoned;
-  made_state made;
+  uint32_t free_id = 0;
   bool is_parked = false;
   while (wait_for_work(is_parked, abandoned)) {
-    if (needs_identifier(made)) {
+    if (free_id == 0 && needs_full_state() && made_state(paxos_log.number() + 1) == 0) {
       lock.unlock();  // the identifier is saved: no lock waits for that
-      made = {.msg_id = msg_id_next(false)};
+      free_id = msg_id_next(false);
       lock.lock();
-      is_parked = made.msg_id == 0;
+      is_parked = free_id == 0;
       continue;
     }
     proposal p;
-    is_parked = !choose(p, made);
+    is_parked = !choose(p, free_id);
     if (is_parked) {
       continue;
     }

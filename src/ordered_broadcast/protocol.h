@@ -21,5 +21,5 @@ void paxos_halt();
 void paxos_stop() CONS_REQUIRES(lifecycle_lock);
 
 /// Back to the state of a new cluster, in memory and on disk. Returns 0; -1 if the layers are not up, the protocol runs
-/// or a step failed (the others are done all the same).
+/// or a step failed. The other steps are done all the same, unless the last decision cannot be made unreadable.
 int paxos_reset() CONS_REQUIRES(lifecycle_lock);

@@ -15,7 +15,7 @@ namespace
 constexpr int64_t RETRY_US = 1000000;
 constexpr uint64_t RESERVE = 1000000;  // for the three records and the registers
 
-// A state must still find room where ordinary payloads do not: it ends the log whose payloads fill the disk.
+// The state that ends a log must still find room where ordinary payloads do not.
 uint64_t reserve_for(const payload_entry &entry)
 {
   return entry.is_state ? RESERVE : RESERVE + 2 * uint64_t{payload_files.last_state_size};

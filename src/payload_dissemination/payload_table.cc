@@ -91,22 +91,20 @@ void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
   }
 }
 
-// Takes out of the table what `is_to_go`, called with the entry, its sender, and the row locked, says.
+// Calls `is_to_go` with each entry, the row locked, and takes out of the table what it says.
 template <class predicate>
-void remove_if(predicate is_to_go)
+void remove_if(payload_row &row, predicate is_to_go)
 {
-  for (uint32_t i = 0; i < NODES_MAX; ++i) {
-    cons_lock lock(rows[i].lock);
-    if (rows[i].table == nullptr) {
-      continue;
-    }
-    void *cursor = nullptr;
-    for (void *value = vx_hash_get_first_entry_i(rows[i].table, &cursor); value != nullptr;
-         value = vx_hash_get_next_entry_i(rows[i].table, &cursor)) {
-      auto *entry = static_cast<payload_entry *>(value);
-      if (is_to_go(*entry, static_cast<uint8_t>(i + 1))) {
-        vx_hash_delete_entry_i(rows[i].table, entry->id);
-      }
+  cons_lock lock(row.lock);
+  if (row.table == nullptr) {
+    return;
+  }
+  void *cursor = nullptr;
+  for (void *value = vx_hash_get_first_entry_i(row.table, &cursor); value != nullptr;
+       value = vx_hash_get_next_entry_i(row.table, &cursor)) {
+    auto *entry = static_cast<payload_entry *>(value);
+    if (is_to_go(*entry)) {
+      vx_hash_delete_entry_i(row.table, entry->id);
     }
   }
 }
@@ -231,6 +229,18 @@ bool payload_table_is_damaged(id_entry entry)
   return present != nullptr && is_damaged(*present);
 }
 
+uint32_t payload_table_find_state(uint8_t sender, uint32_t number)
+{
+  uint32_t msg_id = 0;
+  remove_if(rows[sender - 1], [&](const payload_entry &entry) {
+    if (entry.is_state && entry.state_number == number) {
+      msg_id = entry.id;
+    }
+    return false;
+  });
+  return msg_id;
+}
+
 bool payload_table_knows(id_entry entry)
 {
   payload_row *row = row_of(entry.sender);
@@ -295,20 +305,24 @@ void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
 
 void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number)
 {
-  remove_if([&](const payload_entry &entry, uint8_t sender) {
-    const bool is_superseded =
-        entry.is_state ? entry.state_number != 0 && entry.state_number <= number : entry.id <= done_ids[sender - 1];
-    return is_superseded && id_batch_find(&kept, entry.id, sender) < 0;
-  });
+  for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
+    remove_if(rows[sender - 1], [&](const payload_entry &entry) {
+      const bool is_superseded =
+          entry.is_state ? entry.state_number != 0 && entry.state_number <= number : entry.id <= done_ids[sender - 1];
+      return is_superseded && id_batch_find(&kept, entry.id, sender) < 0;
+    });
+  }
   payload_upkeep_collect();
 }
 
 void payload_table_forget_files()
 {
-  remove_if([](payload_entry &entry, uint8_t sender) {
-    cons_lock lock(entry.lock);
-    const bool is_here = read_file(entry, {.sender = sender, .msg_id = entry.id});
-    entry.file = payload_file_state::none;
-    return !is_here;
-  });
+  for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
+    remove_if(rows[sender - 1], [&](payload_entry &entry) {
+      cons_lock lock(entry.lock);
+      const bool is_here = read_file(entry, {.sender = sender, .msg_id = entry.id});
+      entry.file = payload_file_state::none;
+      return !is_here;
+    });
+  }
 }

@@ -62,6 +62,9 @@ bool payload_table_is_damaged(id_entry entry);
 /// Whether the table names it, be it damaged.
 bool payload_table_knows(id_entry entry);
 
+/// The identifier of a state of that sender for that number, or 0.
+uint32_t payload_table_find_state(uint8_t sender, uint32_t number);
+
 /// The entry, its payload read, with one more reference, or null.
 payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender);
 

@@ -25,9 +25,16 @@ id_batch entries_from(const id_batch &batch, uint32_t first)
   return rest;
 }
 
+// Whether the record fetches what was queued before and is needed again.
+bool is_repairing() CONS_REQUIRES(paxos_data.pull.lock)
+{
+  return payload_upkeep.is_on && paxos_data.repair_pos < paxos_data.pull_pos &&
+         id_batch_entry(paxos_data.pull_batch, paxos_data.repair_pos) == paxos_data.pull.entry;
+}
+
 void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
 {
-  if (paxos_data.pull.is_pulled) {
+  if (paxos_data.pull.is_pulled && !is_repairing()) {
     pull_record_reset(paxos_data.pull);
   }
   paxos_data.pull.is_awaited = false;
@@ -51,11 +58,15 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
 // Fetches, or asks for, what is missing. Returns whether it is lost; else lowers wait_us to the time of the next look.
 bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
-  const loss_watch::advice advice = paxos_data.losses.look(entry, payload_table_knows(entry));
+  const bool is_held = payload_table_knows(entry);
+  const loss_watch::advice advice = paxos_data.losses.look(entry, is_held);
   if (!advice.is_lost && advice.is_request_due) {
     request(entry, advice);
   }
   wait_us = std::min(wait_us, advice.look_again_us);
+  if (advice.is_lost && is_held) {
+    paxos_data_unhash_entry(entry.msg_id, entry.sender);  // from now on this node lacks it too, and says so
+  }
   return advice.is_lost;
 }
 
@@ -97,6 +108,7 @@ void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
   if (paxos_data.pull.is_pulled && paxos_data.pull.entry.msg_id != 0) {
     pull_record_reset(paxos_data.pull);
   }
+  paxos_data.pull.is_awaited = false;
 }
 
 // Takes out of the table what is superseded. While a switch is pending the queue still names the old log.

@@ -38,6 +38,12 @@ TEST_P(durable_node, spreads_a_state_before_it_is_proposed)
   fake::inject(4, 3, wire::forward(foreign));
   ASSERT_TRUE(fake::wait_for([] { return state_offers().size() == 1; }));
   EXPECT_EQ(state_offers()[0].payload, wire::data_header(wire::OFFER, 1, {1, 2}));
+  vx_cons_cleanup();  // and after a crash, or each one would leave a state on every disk
+  init();
+  ASSERT_TRUE(start_leading());
+  fake::inject(4, 3, wire::forward(foreign));
+  ASSERT_TRUE(fake::wait_for([] { return state_offers().size() == 1; }));
+  EXPECT_EQ(state_offers()[0].payload, wire::data_header(wire::OFFER, 1, {1, 2}));
   EXPECT_EQ(fake::logged("PROPOSE"), 0u);
   others->set_fetches(true);
   fake::repeat_queued();

@@ -236,6 +236,48 @@ TEST_F(durable_payload, repairs_what_was_delivered_long_ago)
   EXPECT_TRUE(has(A));
 }
 
+// Decisions that come faster than a transfer must not end it each time; and when all is repaired, OFFERs are served.
+TEST_F(durable_payload, repairs_while_decisions_come)
+{
+  const bytes payload = payload_of(3 * 1400);
+  save(S, state_of(1, 0));
+  save(A, payload);
+  end();
+  bytes file = files::read(name_of(A));
+  file[80] ^= 1;
+  files::write(name_of(A), file);
+  begin();
+  id_batch batch;
+  for (const entry &e : {S, A}) {
+    id_batch_add(&batch, e.second, e.first);
+  }
+  paxos_data_pull(batch, {.sender = A.first, .msg_id = A.second}, 2);
+  EXPECT_FALSE(has(A));
+  ASSERT_TRUE(wait_sent(wire::REQ, 1));
+  for (uint32_t k = 0; k < 3; ++k) {
+    bytes secret(1400);
+    cons_crypt(secret.data(), payload.data() + 1400 * k, 1400, 1);
+    {
+      cons_lock lock(paxos_data.pull.lock);
+      paxos_data.pull.is_awaited = true;  // as if the record had fetched another payload
+    }
+    fake::inject(5, 2, wire::data(2, A, 1400 * k, 3 * 1400, secret));
+    ASSERT_TRUE(fake::settle());
+    if (k < 2) {
+      const entry e = {2, 100 + k};
+      store(e, payload_of(20));
+      id_batch_add(&batch, e.second, e.first);
+      paxos_data_pull(batch, {}, 3 + k);
+      ASSERT_TRUE(fake::wait_for([&] { return paxos_data_handled() == 3 + k; }));
+    }
+  }
+  EXPECT_TRUE(has(A));
+  EXPECT_TRUE(fake::wait_for([] {
+    offer(C);
+    return sent(wire::REQ) >= 2;
+  }));
+}
+
 // Files that stay would fill the disk; files that go too early take an acknowledged payload away.
 TEST_F(durable_payload, files_go_when_their_payload_is_superseded)
 {
