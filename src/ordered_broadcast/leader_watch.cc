@@ -1,23 +1,18 @@
 #include "ordered_broadcast/leader_watch.h"
 
 #include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/msg.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
-#include "common/le_bytes.h"
 #include "common/monotonic_clock.h"
 #include "common/scoped_fd.h"
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/lagging_nodes.h"
 #include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/sign_of_life.h"
 #include "ordered_broadcast/watch_pause.h"
-#include "service/envelope.h"
 #include "vx_host.h"
 
 namespace
@@ -25,19 +20,12 @@ namespace
 
 constexpr const char *NODE_STATE_FILE = "/var/run/node_state";
 constexpr const char *LEADER_STATE = "MASTER";
-constexpr key_t KEEPALIVED_MSGQ_KEY = 0x64387148;
 constexpr size_t READ_SIZE = 10;
 constexpr size_t STATE_LENGTH = 6;  // characters that count
 constexpr int64_t PERIOD_US = 1000000;
 
 struct node_state {
   char text[12] = "";
-};
-
-// A System V message: type, then the time in seconds and the build number.
-struct liveness_message {
-  long mtype;
-  uint8_t mtext[8];
 };
 
 // False if the file cannot be opened: the state is then unchanged.
@@ -102,19 +90,6 @@ void send_decisions(int64_t due_us)
   paxos_help_askers();
 }
 
-void send_liveness(int queue, liveness_message &message)
-{
-  put_le32(message.mtext, static_cast<uint32_t>(time(nullptr)));
-  if (msgsnd(queue, &message, sizeof message.mtext, IPC_NOWAIT) == 0) {
-    return;
-  }
-  if (errno == EAGAIN) {
-    vx_log("CONS: PAXOS: Cannot send message to keepalived: %s\n", strerror(errno));
-  } else {
-    vx_log_err("Cannot send message to keepalived");
-  }
-}
-
 void wait_until(int64_t due_us)
 {
   cons_lock lock(paxos_watch_pause.lock);
@@ -133,17 +108,12 @@ void wait_until(int64_t due_us)
 
 void *paxos_leader_watch_thread(void *)
 {
-  liveness_message message = {.mtype = 1, .mtext = {}};
-  put_le32(message.mtext + 4, vx_firmware_dova_build_nr);
-  const int queue = msgget(KEEPALIVED_MSGQ_KEY, IPC_CREAT | 0600);
-  if (queue == -1) {
-    vx_log_err("Cannot get/create msg queue for watching kesh process by keepalived");
-  }
+  const sign_of_life sign;
   node_state current;
   node_state previous;
   while (!paxos.stopped) {
     const int64_t due_us = monotonic_us() + PERIOD_US;
-    send_liveness(queue, message);
+    sign.send();
     if (read_node_state(current) && std::strcmp(current.text, previous.text) != 0 &&
         follow_node_state(current, due_us)) {
       previous = current;

@@ -1,5 +1,6 @@
 #include "ordered_broadcast/protocol.h"
 
+#include "common/monotonic_clock.h"
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/decision.h"
@@ -11,6 +12,7 @@
 #include "ordered_broadcast/message_ids.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/proposer.h"
+#include "ordered_broadcast/sign_of_life.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "ordered_broadcast/watch_pause.h"
 #include "payload_dissemination/paxos_data.h"
@@ -23,6 +25,8 @@
 
 namespace
 {
+
+constexpr int64_t SIGN_PERIOD_US = 1000000;
 
 void wake_everybody()
 {
@@ -100,6 +104,22 @@ int load_durable_state()
   return 0;
 }
 
+// Reading the headers of many payload files takes seconds, and the leader watch does not run yet.
+int load_payloads()
+{
+  if (!cons_service.durable_payloads) {
+    return paxos_data_load(false);
+  }
+  const sign_of_life sign;
+  int64_t due_us = 0;
+  return paxos_data_load(true, [&] {
+    if (monotonic_us() >= due_us) {
+      sign.send();
+      due_us = monotonic_us() + SIGN_PERIOD_US;
+    }
+  });
+}
+
 // Before a newer decision can come: then nothing is queued yet, and start, which holds the lifecycle lock, does not
 // wait for the host's hooks.
 void resume_delivery()
@@ -157,7 +177,7 @@ int paxos_start()
   if (load_durable_state() != 0) {
     return -1;
   }
-  if (paxos_data_load(cons_service.durable_payloads) != 0) {
+  if (load_payloads() != 0) {
     return -1;
   }
   paxos.stopped = false;

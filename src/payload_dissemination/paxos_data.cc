@@ -73,12 +73,12 @@ int paxos_data_reset()
   return payload_files_reset();
 }
 
-int paxos_data_load(bool is_durable)
+int paxos_data_load(bool is_durable, const std::function<void()> &progress)
 {
   if (!paxos_data.initialised) {
     return -1;
   }
-  return payload_files_load(is_durable);
+  return payload_files_load(is_durable, progress);
 }
 
 int paxos_data_start()

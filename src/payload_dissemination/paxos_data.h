@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "common/id_batch.h"
 #include "payload_dissemination/data_callbacks.h"
@@ -19,8 +20,9 @@ void paxos_data_cleanup();
 int paxos_data_reset();
 
 /// With durable payloads fills the table with what this node's files hold, without removes such files. Before each
-/// start, for a node whose identity is set. Returns 0; -1 if not initialised or the files cannot be listed.
-int paxos_data_load(bool is_durable);
+/// start, for a node whose identity is set. Calls `progress` before each file. Returns 0; -1 if not initialised or the
+/// files cannot be listed.
+int paxos_data_load(bool is_durable, const std::function<void()> &progress = {});
 
 /// Starts the two threads and opens channel 5. Returns 0, also when running; -1 if not initialised or a thread cannot
 /// be created.

@@ -47,8 +47,13 @@ bool save(const payload_entry &entry, id_entry name)
   return payload_store_commit(name) == 0;
 }
 
-bool add_file(const payload_file &file, void *)
+// Context: what to call before each file.
+bool add_file(const payload_file &file, void *context)
 {
+  const auto &progress = *static_cast<const std::function<void()> *>(context);
+  if (progress) {
+    progress();
+  }
   if (file.is_foreign) {
     vx_log("CONS: PAXOS DATA: payload (id=%u/%hhu) on disk is of another cluster - removed\n", file.entry.msg_id,
            file.entry.sender);
@@ -81,7 +86,7 @@ bool remove_if_unnamed(const payload_file &file, void *context)
 
 }  // namespace
 
-int payload_files_load(bool is_on)
+int payload_files_load(bool is_on, std::function<void()> progress)
 {
   payload_upkeep.is_on = is_on;
   if (!is_on) {
@@ -89,7 +94,7 @@ int payload_files_load(bool is_on)
     payload_store_remove_all();
     return 0;
   }
-  return payload_store_open() == 0 && payload_store_walk(true, add_file, nullptr) == 0 ? 0 : -1;
+  return payload_store_open() == 0 && payload_store_walk(true, add_file, &progress) == 0 ? 0 : -1;
 }
 
 bool payload_files_start()

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "common/cons_mutex.h"
 #include "common/id_batch.h"
@@ -24,7 +25,7 @@ inline constinit payload_files_state payload_files;
 
 /// With durable payloads: fills the table with what the files hold, headers only; removes what is foreign. Without:
 /// removes all files. The table may hold payloads of an earlier run. Returns 0 or -1, with a line.
-int payload_files_load(bool is_on);
+int payload_files_load(bool is_on, std::function<void()> progress);
 
 /// Starts (false: it cannot be created) and ends the thread.
 bool payload_files_start();
