@@ -31,7 +31,7 @@ timespec time_of_us(int64_t us)
 int lock_until(pthread_mutex_t &mutex, int64_t end_us)
 {
 #ifdef CONS_THREAD_SANITIZER
-  // It does not know pthread_mutex_clocklock.
+  // ThreadSanitizer does not know pthread_mutex_clocklock.
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   const int64_t now_us = int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;

@@ -1,6 +1,6 @@
 /// Mutex, scoped lock and condition variable of the library. All are statically initialised and trivially
-/// destructible, so that process-wide state survives exit() beside running threads. A failing lock or unlock
-/// ends the process with exit(1).
+/// destructible, so that process-wide state stays usable for threads that still run during exit(). If a lock or
+/// unlock fails, the process ends with exit(1).
 #pragma once
 
 #include <pthread.h>
@@ -9,8 +9,8 @@
 
 #include "common/thread_safety.h"
 
-/// The order of locks: who holds one takes only locks of a higher rank. Builds with CONS_CHECK_LOCKS stop with a
-/// message on stderr when a thread does otherwise.
+/// The order of locks: a thread that holds one takes only locks of a higher rank (listed later). Builds with
+/// CONS_CHECK_LOCKS abort with a message on stderr when a thread breaks this rule.
 enum class lock_rank : uint8_t {
   lifecycle,       ///< taken with no other lock held
   pull_record,     ///< transfer record of the payload being fetched
@@ -25,7 +25,7 @@ enum class lock_rank : uint8_t {
   payload_files,   ///< names of payload files
   payload_row,     ///< payload table, one sender
   payload_entry,   ///< reference count of one payload
-  leaf             ///< nothing is taken inside
+  leaf             ///< no lock is taken while it is held
 };
 
 class CONS_CAPABILITY("mutex") cons_mutex
@@ -36,7 +36,7 @@ public:
   cons_mutex &operator=(const cons_mutex &) = delete;
 
   void lock() CONS_ACQUIRE();
-  /// Returns whether the mutex was free before that moment of the monotonic clock, and is held now.
+  /// Waits until `end_us` on the monotonic clock at the latest. Returns whether the mutex is now held.
   [[nodiscard]] bool try_lock_until_us(int64_t end_us) CONS_TRY_ACQUIRE(true);
   void unlock() CONS_RELEASE();
 
@@ -49,12 +49,12 @@ private:
 struct cons_already_held {
 };
 
-/// Holds a mutex for a scope; may be released and taken again in between.
+/// Holds a mutex for a scope. It may be released and taken again in between.
 class CONS_SCOPED_CAPABILITY cons_lock
 {
 public:
   explicit cons_lock(cons_mutex &mutex) CONS_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  /// After try_lock_until_us.
+  /// Takes over a mutex that try_lock_until_us has locked.
   cons_lock(cons_mutex &mutex, cons_already_held) CONS_REQUIRES(mutex) : mutex_(mutex) {}
   ~cons_lock() CONS_RELEASE()
   {
@@ -81,7 +81,7 @@ private:
   bool held_ = true;
 };
 
-/// Waits may end early: loop on the predicate. Everybody who changes a predicate holds the mutex.
+/// Waits may end early: loop on the predicate. Hold the mutex to change a predicate.
 class cons_cond
 {
 public:
@@ -90,7 +90,7 @@ public:
   cons_cond &operator=(const cons_cond &) = delete;
 
   void wait(cons_mutex &mutex) CONS_REQUIRES(mutex);
-  /// At most that long, on the monotonic clock.
+  /// Waits at most `wait_us`, on the monotonic clock.
   void wait_for_us(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
   void signal();
   void broadcast();

@@ -21,7 +21,7 @@ public:
   }
   ~cons_value() { std::free(bytes_); }
 
-  /// Replaces the value by a copy; false without memory, the value is unchanged then.
+  /// Replaces the value by a copy. Returns false, with the value unchanged, if memory runs out.
   [[nodiscard]] bool assign(std::span<const uint8_t> from)
   {
     uint8_t *copy = nullptr;

@@ -1,5 +1,5 @@
-/// References to messages and the ordered log made of them, in the byte layout in which they are kept in memory,
-/// sent and stored. Changing it breaks every stored file.
+/// References to messages and the ordered log made of them. The byte layout is the same in memory, on the wire and on
+/// disk. Changing it breaks every stored file.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 #include "common/le_bytes.h"
 
-/// Nodes of a cluster are numbered 1 to at most this.
+/// Largest number of nodes in a cluster. Node ids begin with 1.
 inline constexpr uint32_t NODES_MAX = 16;
 
 /// Reference to one message.
@@ -35,13 +35,13 @@ inline void id_entry_put(uint8_t *to, id_entry entry)
   put_le32(to + 1, entry.msg_id);
 }
 
-/// Could name a message: sender 1 to 16, identifier not 0.
+/// Whether the entry could name a message: sender 1 to 16, msg_id not 0.
 inline bool id_entry_valid(id_entry entry)
 {
   return entry.sender >= 1 && entry.sender <= NODES_MAX && entry.msg_id != 0;
 }
 
-/// The ordered log since the last full state, which is its first entry.
+/// The ordered log since the last snapshot, which is its first entry.
 ///   offset   width  field
 ///   0        4      count    entries in use, 0..250, little-endian
 ///   4 + 5i   5      entry i  in decided order; slots from count on mean nothing
@@ -58,25 +58,25 @@ inline uint32_t id_batch_count(const id_batch &batch)
   return get_le32(batch.bytes);
 }
 
-/// Entry i; the caller knows that i is below the count and the count at most ID_BATCH_MAX.
+/// Entry i. The caller guarantees that i is below the count, and the count at most ID_BATCH_MAX.
 inline id_entry id_batch_entry(const id_batch &batch, uint32_t i)
 {
   return id_entry_get(batch.bytes + 4 + i * ID_ENTRY_SIZE);
 }
 
-/// Bytes from a file or a message: the count is at most 250 and every entry in use is valid.
+/// Checks bytes from a file or a message: the count is at most 250 and every entry in use is valid.
 bool id_batch_valid(const id_batch &batch);
 
-/// Appends an entry; a full batch and a null one are left as they are, without a word.
+/// Appends an entry. Does nothing, and reports nothing, if the batch is full or null.
 void id_batch_add(id_batch *batch, uint32_t msg_id, uint8_t sender);
 
-/// Index of the first entry that equals both, or -1 (also for null).
+/// Returns the index of the first entry with this msg_id and sender, or -1 (also for a null batch).
 int id_batch_find(const id_batch *batch, uint32_t msg_id, uint8_t sender);
 
-/// Receives each entry with the context given to the walk.
+/// Receives one entry and the context that was passed to the walk.
 using id_batch_cb = void (*)(uint32_t msg_id, uint8_t sender, void *context);
 
-/// Calls back for entry `index` if there is one.
+/// Calls back for entry `index`, if it exists.
 void id_batch_call_at(const id_batch *batch, uint32_t index, id_batch_cb callback, void *context);
 
 /// Calls back for every entry in order. The count is read again after each call, so that a callback that appends to

@@ -1,4 +1,4 @@
-/// Time that no step of the wall clock moves.
+/// Time in microseconds that steps of the wall clock do not affect.
 #pragma once
 
 #include <time.h>

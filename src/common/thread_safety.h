@@ -1,5 +1,5 @@
-/// Names for clang's thread-safety attributes; nothing under other compilers. A field names its guard, a function
-/// names the locks it expects, and -Wthread-safety finds who forgot.
+/// Names for clang's thread-safety attributes; empty under other compilers. A field names its guard, a function names
+/// the locks that it requires, and -Wthread-safety reports every use without them.
 #pragma once
 
 #if defined(__clang__)

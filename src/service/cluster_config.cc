@@ -10,7 +10,7 @@
 namespace
 {
 
-// "00:11:22:33:44:55" as 0x001122334455; 0 if there is no number in it.
+// "00:11:22:33:44:55" becomes 0x001122334455; a text without a number becomes 0.
 uint64_t mac_number(char *text)
 {
   char *to = text;

@@ -1,5 +1,5 @@
-/// Counts the threads inside a piece of code and keeps others out, so that a tear-down can wait for those in flight:
-/// unregistering a receive hook does not wait for a call that is running.
+/// Counts the threads inside a piece of code and keeps others out, so that a tear-down can wait until it is empty.
+/// Unregistering a receive hook alone does not wait for a call that is running.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@ public:
   void leave();
   void open();
   void close();
-  /// Blocks until nobody is inside; hold no lock that they may need. Returns at once on a thread that is inside a
-  /// receive hook, which would wait for itself.
+  /// Blocks until no thread is inside. Hold no lock that these threads may need. Returns at once on a thread that is
+  /// inside a receive hook, since it would wait for itself.
   void wait_empty();
 
 private:
@@ -26,7 +26,7 @@ private:
   uint32_t inside_ CONS_GUARDED_BY(lock_) = 0;
 };
 
-/// One call of a receive hook.
+/// The scope of one call of a receive hook.
 class hook_call
 {
 public:

@@ -26,27 +26,27 @@ inline constexpr uint32_t CLMSG_CHANNEL = 6;
 inline constexpr uint32_t CONS_MCAST_ADDR = 0x510000e0;
 inline constexpr uint32_t MSG_KEY_ALL = 0xffffffff;
 
-/// Returns the envelope of a new message with our identity in it and `length` payload bytes behind it: copied
-/// from `payload`, or left for the caller to fill if that is null. Null without memory.
+/// Returns the envelope of a new message, with this node's identity in it and `length` payload bytes behind it. They
+/// are copied from `payload`, or left for the caller to fill if that is null. Returns null if memory runs out.
 uint8_t *cons_msg_new(const uint8_t *payload, uint32_t length);
 
-/// Payload of a message made by cons_msg_new.
+/// The payload of a message that cons_msg_new returned.
 inline uint8_t *cons_msg_payload(uint8_t *envelope)
 {
   return envelope + ENVELOPE_SIZE;
 }
 
-/// Hands a message made by cons_msg_new to the messaging service. Returns its handle.
+/// Hands a message that cons_msg_new returned to the messaging service. Returns its handle.
 void *cons_msg_send(uint8_t *envelope, uint32_t channel, uint32_t msg_key, uint32_t destination, int32_t repeat,
                     uint32_t interval);
 
-/// A message object as a receive hook gets it; valid during the call.
+/// A message object as a receive hook gets it. Valid during the call only.
 class received_message
 {
 public:
   explicit received_message(const void *msg) : envelope_(static_cast<const uint8_t *>(msg) + MSG_WORD_SIZE) {}
 
-  /// From our cluster and our build. Any sender address passes.
+  /// Whether it has this node's cluster id and build number. The sender address is not checked.
   bool accepted() const;
   uint32_t sender_addr() const;
   std::span<const uint8_t> payload() const;

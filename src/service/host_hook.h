@@ -1,10 +1,10 @@
-/// Who is inside a hook of the host must not call back in: the hook holds locks that the call may need. Builds with
-/// CONS_CHECK_LOCKS stop with a message on stderr when one does, also where it would have gone well this time.
+/// A hook of the host must not call the library: it runs with locks held that the call may need. Builds with
+/// CONS_CHECK_LOCKS abort with a message on stderr at such a call, even if it would not have deadlocked this time.
 #pragma once
 
 #ifdef CONS_CHECK_LOCKS
 
-/// The scope of one call of a host's hook, on the thread that makes it.
+/// The scope of one call of a host's hook, on the calling thread.
 class host_hook_call
 {
 public:
@@ -14,7 +14,7 @@ public:
   host_hook_call &operator=(const host_hook_call &) = delete;
 };
 
-/// Stops the process if this thread is inside such a call.
+/// Aborts the process if this thread is inside such a call.
 void check_outside_host_hooks(const char *function);
 
 #else

@@ -9,5 +9,5 @@ uint32_t node_addr_of_id(uint32_t node_id);
 /// The last octet of an address.
 uint32_t node_id_of_addr(uint32_t node_addr);
 
-/// 1 to the number of nodes of this cluster.
+/// Whether the id is 1 to the number of nodes of this cluster.
 bool is_member(uint32_t node_id);

@@ -10,9 +10,9 @@ namespace
 struct isolation_state {
   cons_mutex lock{lock_rank::leaf};
   bool is_isolated CONS_GUARDED_BY(lock) = false;       // since the last start began
-  bool is_unfinished CONS_GUARDED_BY(lock) = false;     // nobody has woken and joined the run's threads yet
-  bool is_helper_active CONS_GUARDED_BY(lock) = false;  // a helper will look at is_unfinished again
-  bool helper_exists CONS_GUARDED_BY(lock) = false;     // a helper is to be joined
+  bool is_unfinished CONS_GUARDED_BY(lock) = false;     // the run's threads are not woken and joined yet
+  bool is_helper_active CONS_GUARDED_BY(lock) = false;  // the helper will read is_unfinished again
+  bool helper_exists CONS_GUARDED_BY(lock) = false;     // the helper must be joined
   pthread_t helper CONS_GUARDED_BY(lock){};
   isolation_duties duties CONS_GUARDED_BY(lock);
 };
@@ -35,11 +35,11 @@ void *helper_thread(void *)
   }
 }
 
-// False without one: the next lifecycle call does the work then.
+// Returns false if there is no helper. The next lifecycle call does its work then.
 bool create_helper() CONS_REQUIRES(isolation.lock)
 {
   if (isolation.helper_exists) {
-    pthread_join(isolation.helper, nullptr);  // it only has to return
+    pthread_join(isolation.helper, nullptr);  // it has done its work and is about to return
   }
   isolation.helper_exists =
       kesh_pthread_create(&isolation.helper, nullptr, LIBRARY_STACK_SIZE, helper_thread, nullptr) == 0;
@@ -47,7 +47,7 @@ bool create_helper() CONS_REQUIRES(isolation.lock)
   return isolation.helper_exists;
 }
 
-// False if nobody will finish it before the host's next lifecycle call.
+// Returns false if the isolation stays unfinished until the host's next lifecycle call.
 bool begin_isolation()
 {
   cons_lock lock(isolation.lock);

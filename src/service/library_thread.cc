@@ -4,7 +4,7 @@
 
 #include "vx_host.h"
 
-// What the kernel keeps of a thread's name, for ps and debuggers.
+// Bytes of a thread's name that the kernel keeps for ps and debuggers, the final zero included.
 constexpr size_t TASK_NAME_SIZE = 16;
 
 bool library_thread_create(library_thread &thread, const char *function)

@@ -14,8 +14,8 @@ struct library_thread {
   bool is_created = false;
 };
 
-/// False, with a line that names `function`, if the host cannot create it.
+/// Returns false, with a log line that names `function`, if the host cannot create the thread.
 bool library_thread_create(library_thread &thread, const char *function);
 
-/// Does nothing for a thread that does not exist.
+/// Does nothing if the thread does not exist.
 void library_thread_join(library_thread &thread);

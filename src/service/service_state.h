@@ -6,10 +6,10 @@
 
 struct cons_service_state {
   std::atomic<bool> initialised{false};
-  /// Clear while the service is active. Set by stop and, on any thread, by isolation.
+  /// False while the service is active. Set by stop and, on any thread, by isolation.
   std::atomic<bool> stopped{true};
 
-  /// MAC address of node 0 read as a hexadecimal number; 0 before the first start.
+  /// MAC address cluster.node[0].mac read as a hexadecimal number; 0 before the first start.
   std::atomic<uint64_t> cluster_id{0};
   std::atomic<uint32_t> node_count{0};
   std::atomic<uint32_t> quorum{0};  ///< node_count / 2 + 1
