@@ -10,7 +10,7 @@
 namespace
 {
 
-// Stopped, every call has its verdict: they only have to leave. None must touch what comes next.
+// While the service is stopped every call has its verdict and only has to return. None may touch the next life's state.
 void wait_for_callers() CONS_REQUIRES(lifecycle_lock)
 {
   caller_gate.close();
@@ -27,7 +27,7 @@ int start() CONS_REQUIRES(lifecycle_lock)
   return 0;
 }
 
-// Whether the service is stopped, and then with no thread of the last run left.
+// Returns whether the service is stopped. If it is, no thread of the last run is left afterwards.
 bool is_at_rest() CONS_REQUIRES(lifecycle_lock)
 {
   if (!cons_service.stopped) {

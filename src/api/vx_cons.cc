@@ -1,4 +1,4 @@
-// The exported functions and the flags that guard them.
+// The exported functions and the checks that guard them.
 
 #include "vx_cons.h"
 

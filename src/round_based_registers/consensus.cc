@@ -42,7 +42,7 @@ int consensus_propose(consensus &instance, uint32_t round, const cons_value &pro
     result = rb_reg_write(instance.id, round, instance.value);
   }
   if (result == RB_REG_COMMITTED && !decision.assign(instance.value.bytes())) {
-    result = RB_REG_ERROR;  // decided, but we cannot say what: the next attempt reads it back
+    result = RB_REG_ERROR;  // decided, but there is no memory for the value: the next attempt reads it back
   }
   if (result == RB_REG_COMMITTED) {
     vx_log("CONS: CONSENSOUS: proposal commited (batch_id=%u, round=%u)\n", instance.id, round);

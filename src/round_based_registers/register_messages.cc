@@ -8,7 +8,7 @@
 namespace
 {
 
-// Where the value begins, 0 for a type that has none; the value's length stands in the four bytes before it.
+// Offset of the value, or 0 for a type without one. The four bytes before it hold the value's length.
 size_t value_offset(uint32_t type)
 {
   return type == READ_ACK ? READ_ACK_HEADER_SIZE : type == WRITE_REQ ? WRITE_REQ_HEADER_SIZE : 0;

@@ -28,8 +28,8 @@ struct rb_reg_message {
   std::span<const uint8_t> value = {};  ///< READ_ACK, WRITE_REQ
 };
 
-/// Nothing if the payload is shorter than its fields or its value.
+/// Returns nothing if the payload is too short for its fields or its value.
 std::optional<rb_reg_message> rb_reg_parse(std::span<const uint8_t> payload);
 
-/// Returns the envelope of a new message, or null without memory.
+/// Returns the envelope of a new message, or null if memory runs out.
 uint8_t *rb_reg_message_new(const rb_reg_message &message);

@@ -18,7 +18,7 @@ void log_retired(const rb_reg_message &message)
          message.type == READ_REQ ? "READ" : "WRITE", message.id);
 }
 
-// The register for a request, created if it is new here; null if the request gets no answer.
+// The register for a request, created if this node has none yet. Null if the request gets no answer.
 rb_reg *register_for_request(const rb_reg_message &message, uint32_t sender_addr)
 {
   switch (rb_reg_admit(message.id)) {
@@ -70,7 +70,7 @@ void count_read_ack(rb_reg &reg, const rb_reg_message &message, uint32_t sender)
   const bool is_newer = message.write_round > reg.read_result_round;
   cons_value value;
   if (is_newer && !value.assign(message.value)) {
-    return;  // not counted without its value: the READ would miss what was written
+    return;  // counted without its value, it would make the READ miss what was written
   }
   if (count_ack(reg, reg.read, RB_NODE_READ_ACKED, message.round, sender) && is_newer) {
     reg.read_result_round = message.write_round;
@@ -94,7 +94,7 @@ void handle(rb_reg &reg, const rb_reg_message &message, uint32_t sender, uint32_
   }
   vx_log("CONS: RB-REG: %s (id=%u, sender=%u, round=%u)\n", TYPE_NAMES[message.type], reg.id, sender, message.round);
   if ((reg.flags & RB_REG_DELETED) != 0) {
-    return;  // retired since we looked it up: neither vote nor file may come after that
+    return;  // retired since the lookup: it must neither vote nor write its file any more
   }
   switch (static_cast<rb_reg_type>(message.type)) {
   case READ_REQ:

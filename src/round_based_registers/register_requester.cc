@@ -48,8 +48,8 @@ void begin(rb_reg &reg, quorum_count &count, const operation &op) CONS_REQUIRES(
   }
 }
 
-// Null if it cannot be sent: nobody would repeat it, and a lost one is never answered. The message is built last: one
-// that is not sent could not be given back.
+// Returns null if the request cannot be queued. It is not sent once instead, for a lost one would never be answered.
+// The message is built last, because there is no way to give back one that is not sent.
 void *send(rb_reg &reg, const operation &op) CONS_REQUIRES(reg.lock)
 {
   if (op.request.type == WRITE_REQ && !rb_reg_cover_round(reg, op.request.round)) {
@@ -94,7 +94,7 @@ int rb_reg_read(uint32_t id, uint32_t round, cons_value &output)
   cons_lock lock(reg.lock);
   const operation op = {"READ", RB_NODE_READ_ACKED, {.type = READ_REQ, .id = id, .round = round}};
   const int result = run(reg, reg.read, op);
-  // A value that cannot be copied must not pass for "nothing written yet".
+  // Without memory for the copy an empty output would mean "nothing written yet".
   return result == RB_REG_COMMITTED && !output.assign(reg.read_result.bytes()) ? RB_REG_ERROR : result;
 }
 

@@ -25,7 +25,7 @@ constexpr const char *RB_REG_FILE = "/flashdisk/cons/rb_reg";
 constexpr size_t HEADER_SIZE = 12;
 constexpr size_t PATH_SIZE = 64;
 
-// Reused from save to save; never given back.
+// Reused by every save and never freed.
 struct staging_buffer {
   cons_mutex lock{lock_rank::register_store};
   uint8_t *bytes CONS_GUARDED_BY(lock) = nullptr;
@@ -88,7 +88,7 @@ int write_file(const char *path, const uint8_t *bytes, size_t size)
     vx_log("%s(): write(%s) failed\n", "store_save", path);
     return -1;
   }
-  // A rename that reaches the disk alone leaves a file that no acceptor can read, on all nodes at once.
+  // If a power cut leaves the rename on disk without the data, no acceptor can read its file, perhaps on all nodes.
   if (cons_service.durable_payloads && fdatasync(fd.get()) != 0) {
     vx_log_err("%s(): fdatasync(%s) failed", "store_save", path);
     return -1;

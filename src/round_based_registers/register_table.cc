@@ -21,7 +21,7 @@ struct register_layer {
   uint32_t last_reg_id CONS_GUARDED_BY(layer_lock) = 0;  // highest id created since init or reset
   bool floor_known CONS_GUARDED_BY(layer_lock) = false;
   uint32_t decided_floor CONS_GUARDED_BY(layer_lock) = 0;   // last decision on this node's disk
-  bool may_have_strays CONS_GUARDED_BY(layer_lock) = true;  // files of an earlier life that no register here names
+  bool may_have_strays CONS_GUARDED_BY(layer_lock) = true;  // files that no register in the table owns
   std::atomic<rb_reg_newcomer_cb> newcomer{nullptr};
 };
 constinit register_layer layer;
@@ -36,8 +36,8 @@ bool is_at_or_below_floor(uint32_t id) CONS_REQUIRES(layer.layer_lock)
   return layer.floor_known && id <= layer.decided_floor;
 }
 
-// The register right after the floor was passed over, never retired: without it a majority that lost one DECIDE
-// would stand still until a process restarts.
+// Ids below last_reg_id were passed over, but the id right after the floor stays usable. Without it a majority that
+// lost one DECIDE could decide nothing until a process restarts.
 bool is_old(uint32_t id) CONS_REQUIRES(layer.layer_lock)
 {
   const bool is_next = layer.floor_known && id != 0 && id - 1 == layer.decided_floor;
@@ -85,7 +85,7 @@ int create(uint32_t id) CONS_REQUIRES(layer.layer_lock)
   return 0;
 }
 
-// A READ or WRITE that waits gets no more answers. Returns whether somebody besides the table holds the register.
+// Cancels a READ or WRITE that waits. Returns whether anything besides the table holds the register.
 bool abandon(rb_reg *reg, uint32_t deleted)
 {
   cons_lock lock(reg->lock);
@@ -148,7 +148,7 @@ void rb_reg_cleanup()
 
 int rb_reg_reset()
 {
-  // A hook that holds a register would save it behind our back, into the new life of the cluster.
+  // A receive hook that still holds a register could save it after the files are deleted, into the new cluster life.
   rb_reg_gate.close();
   rb_reg_gate.wait_empty();
   cons_lock lock(layer.layer_lock);
@@ -222,12 +222,11 @@ void rb_reg_delete_up_to(uint32_t bound)
       vx_hash_delete_entry_i(layer.table, id);
     }
   }
-  // The files that this process made are those of its registers. The directory is read only as long as there may be
-  // others.
+  // The files of this process's own registers are deleted above. Read the directory only while there may be others.
   if (layer.may_have_strays || !is_deleted) {
     layer.may_have_strays = store_delete_up_to(bound, {held, held_count}, is_in_table) != 0;
   }
-  layer.may_have_strays = layer.may_have_strays || held_count != 0;  // who holds it may fail to delete its file
+  layer.may_have_strays = layer.may_have_strays || held_count != 0;  // the last holder may fail to delete the file
   layer.decided_floor = layer.floor_known ? std::max(layer.decided_floor, bound) : bound;
   layer.floor_known = true;
 }
