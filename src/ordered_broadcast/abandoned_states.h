@@ -1,5 +1,5 @@
-/// States that this node proposed in vain. Another leader may have read one in the register and decide it; once its
-/// number is decided and the log does not name it, nobody will ask for it any more.
+/// Abandoned snapshots: this node's proposals of them failed. Another leader may have read one back and may decide it.
+/// Once its number is decided and the log does not name it, no node will ask for it any more.
 #pragma once
 
 #include <cstddef>
@@ -11,9 +11,9 @@
 class abandoned_states
 {
 public:
-  /// The oldest of too many stay stored.
+  /// Keeps the newest eight. A snapshot that falls out stays in the payload table.
   void add(id_entry entry, uint32_t number);
-  /// Takes out of the payload table what nobody will ask for.
+  /// Removes the snapshots that no node will ask for from the payload table.
   void release_superseded() CONS_REQUIRES(paxos.propose_lock);
 
 private:

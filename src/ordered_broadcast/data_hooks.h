@@ -1,5 +1,5 @@
-/// The host's hooks per data type. Writes are made under data_hooks_lock, which is also held while a deliver hook runs;
-/// the proposer, which may not take it, reads the get_state hooks without.
+/// The host's hooks per data type. They are written under data_hooks_lock, which is also held while a deliver hook
+/// runs. The propose-thread may not take that lock and reads the get_state hooks without it.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,7 @@ struct data_hook_table {
 };
 inline constinit data_hook_table data_hooks;
 
-/// Types above 3 are ignored; null clears. Waits for a deliver hook that runs.
+/// Types above 3 are ignored. Null removes a hook. Waits for a deliver hook that runs.
 void paxos_register_data_hooks(uint32_t type, vx_cons_get_state_hook get_state, vx_cons_deliver_hook deliver);
 
 void data_hooks_clear();

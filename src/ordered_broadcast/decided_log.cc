@@ -24,7 +24,7 @@ namespace
 constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
 constexpr uint32_t DECIDE_SIZE = 4 + ID_BATCH_SIZE;
 
-// A log without an entry begins with none.
+// The zero entry for an empty log.
 id_entry first_entry(const id_batch &batch)
 {
   return id_batch_count(batch) != 0 ? id_batch_entry(batch, 0) : id_entry{};
@@ -89,7 +89,7 @@ int decided_log::reset()
 std::optional<installed_decision> decided_log::install(uint32_t number, const id_batch &batch)
 {
   const bool is_switch = first_entry(batch_) != first_entry(batch);
-  // Every decision adds one entry: a log of c entries at number b names the decisions from b - c + 1 on.
+  // Every decision adds one entry, so a log of c entries with decision number b names the decisions from b - c + 1 on.
   const bool has_gap = is_switch && uint64_t{number_} + id_batch_count(batch) < number;
   if (is_switch) {
     cons_lock lock(paxos.deliver_lock);
@@ -108,7 +108,7 @@ std::optional<installed_decision> decided_log::install(uint32_t number, const id
   return result;
 }
 
-// A decision once durable is never replaced by an older one; number 0 is a reset.
+// An older decision never replaces a durable one. Number 0 is a reset.
 void decided_log::check_number_grows() const
 {
 #ifdef CONS_CHECK_LOCKS
@@ -136,7 +136,7 @@ void decided_log::announce()
 {
   withdraw();
   is_unsent_ = false;
-  // Stopped: by an isolation, perhaps because this very decision could not be saved.
+  // An isolation may have stopped the node because this decision could not be saved.
   if (paxos.is_leader == 0 || number_ == 0 || paxos.stopped) {
     return;
   }

@@ -15,7 +15,7 @@ namespace
 
 constinit repetition_filter decides_heard;
 
-// Waits until the proposer is idle if it may be deciding number b or one before it.
+// Cancels the proposal and waits until the proposer is idle, unless it proposes a number above b.
 void paxos_cancel_proposal(uint32_t b) CONS_REQUIRES(paxos.propose_lock)
 {
   if (b < paxos.proposal_batch_id) {
@@ -25,13 +25,14 @@ void paxos_cancel_proposal(uint32_t b) CONS_REQUIRES(paxos.propose_lock)
   paxos_wait_proposer_idle();
 }
 
-// Nothing if the decision is not above ours, or cannot be saved. If something was adopted the proposer stays held.
+// Returns nothing if the decision is not above the last one, or cannot be saved. After an adoption the proposer stays
+// idle until paxos_idle_release.
 std::optional<installed_decision> adopt(const decide_message &message) CONS_REQUIRES(paxos.propose_lock)
 {
   paxos_idle_request();
   paxos_cancel_proposal(message.batch_id);
   std::optional<installed_decision> adopted;
-  // While we waited the proposer may have decided this number and more: a decision never goes back.
+  // During the wait the proposer may have decided this number or higher ones. The last decision never goes back.
   if (!paxos.stopped && message.batch_id > paxos_log.number()) {
     adopted = paxos_log.install(message.batch_id, message.batch);
   }
@@ -42,7 +43,7 @@ std::optional<installed_decision> adopt(const decide_message &message) CONS_REQU
   return adopted;
 }
 
-// What waits, seen from the new log. Until this is done the proposer starts nothing.
+// Settles the waiting identifiers by the new log. Until this is done the proposer starts nothing.
 void settle_waiting(const installed_decision &decision)
 {
   cons_lock forward_lock(paxos.forward_lock);
@@ -56,7 +57,7 @@ bool begins_alike(const id_batch &a, const id_batch &b)
   return id_batch_count(a) != 0 && id_batch_count(b) != 0 && id_batch_entry(a, 0) == id_batch_entry(b, 0);
 }
 
-// Adopts a newer decision, answers an older one. Returns whether it was adopted.
+// Adopts a newer decision and answers an older one. Returns whether it was adopted.
 bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
   const uint32_t sender = node_id_of_addr(sender_addr);
@@ -90,7 +91,7 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
   return adopted.has_value();
 }
 
-// Behind any message that is being handled a decision may wait.
+// While a message is being handled, a DECIDE may wait behind it. The judgement of losses must know.
 class message_in_hand
 {
 public:

@@ -8,5 +8,5 @@
 
 inline constinit entry_gate paxos_gate{false};
 
-/// Receive hook of channel 4. Blocks until the proposer is idle when it adopts a decision.
+/// Receive hook of channel 4. To adopt a decision it waits until the proposer is idle.
 void paxos_recv(void *msg);

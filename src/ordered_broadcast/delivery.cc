@@ -15,7 +15,7 @@ namespace
 
 constexpr const char *DELIVER_FILE = "/flashdisk/cons/paxos_deliver";
 
-// Keeps the entry as the last one delivered here. False after isolating the node.
+// Records the entry as the last one delivered here. Returns false after isolating the node.
 bool save_last_delivered(id_entry entry) CONS_REQUIRES(paxos.deliver_lock)
 {
   paxos.last_delivered = entry;
@@ -44,7 +44,7 @@ void call_hook(uint32_t type, const uint8_t *bytes, uint32_t length, uint32_t fu
   }
 }
 
-// A record that does not fit ends the walk; those before it have been delivered.
+// A record that does not fit ends the walk. The records before it are delivered.
 void deliver_records(const payload_buf *payload)
 {
   const uint32_t size = payload_byte_count(payload);
@@ -72,7 +72,7 @@ void note_delivered(uint32_t msg_id, uint8_t sender) CONS_REQUIRES(paxos.forward
   }
 }
 
-// Calls whose message the state has swallowed end with it.
+// Ends the calls whose message this snapshot has swallowed.
 void settle_state(id_entry state, int verdict) CONS_REQUIRES(paxos.forward_lock, paxos.deliver_lock)
 {
   if (calls_settle_state(state, verdict, paxos_waiting.own())) {

@@ -1,4 +1,4 @@
-/// Delivery of ordered payloads to the host, and the record of the last one; the payload layer's callbacks.
+/// Callbacks of the payload layer: delivery of ordered payloads to the host, and the record of the last delivery.
 ///
 ///   /flashdisk/cons/paxos_deliver, 5 bytes: the last message delivered here, an id_entry; zero = none
 #pragma once
@@ -7,7 +7,7 @@
 
 #include "payload_dissemination/payload_buf.h"
 
-/// Return 0, or -1 after isolating the node: a load has changed nothing then.
+/// Return 0, or -1 after isolating the node. A load that fails changes nothing.
 int paxos_deliver_load();
 int paxos_deliver_reset();
 
@@ -15,8 +15,8 @@ int paxos_deliver_reset();
 /// it. Deliver-thread, with the queue's lock held.
 void paxos_deliver(uint32_t msg_id, uint8_t sender, const payload_buf *payload);
 
-/// The message was skipped: its payload was lost. Deliver-thread, with the queue's lock held.
+/// The message was skipped because its payload is lost. Deliver-thread, with the queue's lock held.
 void paxos_skip_lost(uint32_t msg_id, uint8_t sender);
 
-/// The decided log is handled to its end: a proposer that waits to begin a new one may.
+/// The decided log is handled: wakes a proposer that waits to begin a new one.
 void paxos_log_handled();

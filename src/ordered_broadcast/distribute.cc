@@ -27,7 +27,7 @@ payload_buf *copy_payload(const uint8_t *bytes, uint32_t length, uint32_t type)
   return payload;
 }
 
-// Returns the identifier, 0 if there is none or the payload could not be stored: nothing is offered or ordered then.
+// Returns the identifier, or 0 if there is none or the payload could not be stored.
 uint32_t store_payload(payload_buf *payload, distribute_call &call)
 {
   const auto self = static_cast<uint8_t>(cons_service.node_id);
@@ -46,7 +46,7 @@ uint32_t store_payload(payload_buf *payload, distribute_call &call)
   return id;
 }
 
-// Waits for the node's slot and fills it, unless the call has ended.
+// Waits for this node's slot and fills it, unless the call has ended.
 void enter_slot(distribute_call &call)
 {
   const auto self = static_cast<uint8_t>(cons_service.node_id);

@@ -25,7 +25,7 @@ distribute_call_scope::~distribute_call_scope()
     *link = call_.next;
   }
   if (!has_entered) {
-    // A call with a higher identifier may be waiting for this one to enter the slot before it.
+    // A call with a higher identifier may wait for this one to enter the slot first.
     cons_lock lock(paxos.forward_lock);
     paxos.forward_free_cond.broadcast();
   }

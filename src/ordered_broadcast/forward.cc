@@ -18,7 +18,7 @@ constexpr int64_t RETRY_US = 1000000;
 
 constinit repetition_filter forwards_heard;
 
-// Withdraws what the proposer has been given and waits until it is idle. Blocks: not with forward_lock held.
+// Takes back what the proposer was given and waits until it is idle. Blocks: do not hold forward_lock.
 void paxos_leave_leader()
 {
   cons_lock lock(paxos.propose_lock);
@@ -31,7 +31,7 @@ void paxos_leave_leader()
   paxos_idle_release();
 }
 
-// False if the FORWARD has to be tried again.
+// Returns false if the FORWARD could not be queued and must be tried again.
 bool serve_as_follower() CONS_REQUIRES(paxos.forward_lock)
 {
   const uint32_t own_id = paxos_waiting.own();
@@ -49,8 +49,8 @@ bool serve_as_follower() CONS_REQUIRES(paxos.forward_lock)
   return paxos_waiting.forward_own();
 }
 
-// With durable payloads the state that a log begins with says what was decided before it. A leader that does not know
-// that could order such a message again.
+// With durable payloads the snapshot that begins a log says what was decided before it. A leader that does not know
+// this could order such a message again.
 bool knows_base(id_entry &known) CONS_REQUIRES(paxos.forward_lock)
 {
   if (!cons_service.durable_payloads) {
@@ -79,10 +79,10 @@ bool knows_base(id_entry &known) CONS_REQUIRES(paxos.forward_lock)
 
 enum class pass_result { done, start_over, retry_later };
 
-// What the thread remembers from pass to pass.
+// What the launch-thread remembers from pass to pass.
 struct launch_memory {
   bool was_leader = false;
-  id_entry base;  // of the log whose earlier decisions are known; zero: the empty log's
+  id_entry base;  // first entry of the log whose earlier decisions are known; zero = empty log
 };
 
 pass_result serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
@@ -95,8 +95,7 @@ pass_result serve_once(launch_memory &memory) CONS_REQUIRES(paxos.forward_lock)
     paxos_leave_leader();
     paxos.forward_lock.lock();
     if (paxos.is_leader != 0) {
-      return pass_result::start_over;  // leader again meanwhile: going on as a follower would withdraw the DECIDE just
-                                       // sent
+      return pass_result::start_over;  // leader again: going on as a follower would withdraw the DECIDE just sent
     }
   }
   const bool may_hand_over = knows_base(memory.base);

@@ -1,13 +1,14 @@
-/// Forwarding: the launch-thread hands waiting identifiers to the proposer on the leader and forwards this node's own
-/// on a follower; a FORWARD that arrives waits on the leader.
+/// Forwarding. On the leader the launch-thread hands waiting identifiers to the proposer, those of received FORWARDs
+/// included. On a follower it forwards this node's own identifier.
 #pragma once
 
 #include "common/id_batch.h"
 
-/// The state that the log begins with is here, or lost: a leader may hand over. Pull record's lock held.
+/// The snapshot that begins the log is here, or lost: a leader may hand identifiers over. Call it with the pull
+/// record's lock held.
 void paxos_look_for_base();
 
 void *paxos_launch_thread(void *);
 
-/// A FORWARD came. A follower drops it. Messaging threads, no lock held.
+/// Handles a FORWARD. A follower drops it. Messaging threads, no lock held.
 void paxos_recv_forward(id_entry entry, uint32_t sender_addr);

@@ -18,7 +18,7 @@ struct state_buffer {
   uint32_t length = 0;
 };
 
-// What does not fit beside the states before it counts as no state.
+// A state that does not fit after those of the lower types counts as no state.
 state_buffer take_state(uint32_t type, uint64_t room)
 {
   state_buffer state;
@@ -98,8 +98,8 @@ bool paxos_begin_log(id_batch &batch, id_entry state)
   carry_context carry = {.target = &batch, .last_delivered = paxos.last_delivered, .is_found = false};
   id_batch_foreach(&paxos_log.batch(), paxos_carry_undelivered, &carry);
   if (id_batch_count(batch) == ID_BATCH_MAX) {
-    // Nothing but the last log's state was delivered here: what follows it was lost, and a log that is full from the
-    // beginning would be followed by the next at once.
+    // Only the last log's snapshot was delivered here, and all other entries were lost. A log that begins full would
+    // force the next roll-over at once.
     batch = {};
     id_batch_add(&batch, state.msg_id, state.sender);
   }

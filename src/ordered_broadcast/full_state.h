@@ -1,11 +1,12 @@
-/// The message that begins a new log: a snapshot of the hosts' state.
+/// The message that begins a new log: a snapshot of the host's state.
 #pragma once
 
 #include "ordered_broadcast/paxos_state.h"
 #include "payload_dissemination/payload_buf.h"
 
-/// A payload with one record per data type, in order, with what the type's get_state hook handed over, or empty.
-/// With durable payloads a record of marks follows. Null without memory. Runs the hooks.
+/// Makes the payload: one record per data type, in order, with the state from the type's get_state hook, or empty.
+/// With durable payloads a record of marks for decision `number` follows. Returns null if memory runs out. Runs the
+/// hooks.
 payload_buf *paxos_full_state(uint32_t number);
 
 /// A new log that begins with a new message `state` of this node, stored in the payload table, followed by the entries

@@ -16,12 +16,12 @@ constexpr int64_t NEWCOMER_PAUSE_US = 1000000;
 constexpr int64_t IN_NEED_US = 3000000;
 
 struct asker {
-  std::atomic<uint64_t> wanted{0};           // (sender << 32) | id of what it asked for in vain; 0 = nothing
-  std::atomic<int64_t> in_need_until_us{0};  // it was told lately, and asks on: a row of payloads may be lost
+  std::atomic<uint64_t> wanted{0};           // (sender << 32) | id of a payload that it asked for in vain; 0 = none
+  std::atomic<int64_t> in_need_until_us{0};  // until then it is told at once: several payloads in a row may be lost
 };
 
 struct lagging_nodes {
-  int64_t next_help_us[NODES_MAX] CONS_GUARDED_BY(paxos.propose_lock) = {};  // of newcomers
+  int64_t next_help_us[NODES_MAX] CONS_GUARDED_BY(paxos.propose_lock) = {};  // per newcomer
   asker askers[NODES_MAX];
   std::atomic<uint32_t> uninformed{0};
   std::atomic<bool> is_urgent{false};

@@ -21,7 +21,7 @@ namespace
 constexpr const char *NODE_STATE_FILE = "/var/run/node_state";
 constexpr const char *LEADER_STATE = "MASTER";
 constexpr size_t READ_SIZE = 10;
-constexpr size_t STATE_LENGTH = 6;  // characters that count
+constexpr size_t STATE_LENGTH = 6;  // characters that are compared
 constexpr int64_t PERIOD_US = 1000000;
 
 struct node_state {
@@ -58,8 +58,8 @@ void leave_leader_mode() CONS_REQUIRES(paxos.forward_lock, paxos.propose_lock)
   paxos_log.withdraw();
 }
 
-// Saves and snapshots are made with the protocol's locks held. What does not get them before the next sign of life is
-// due is left to the next pass.
+// Other threads hold the protocol's locks during saves and snapshots. If a step below does not get them before the next
+// sign of life is due, the next pass tries again.
 
 bool follow_node_state(const node_state &state, int64_t due_us)
 {

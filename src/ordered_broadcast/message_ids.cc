@@ -17,7 +17,7 @@ constexpr uint32_t MSG_ID_SIZE = 4;
 struct msg_id_state {
   cons_mutex lock{lock_rank::leaf};            // held while the file is written
   uint32_t counter CONS_GUARDED_BY(lock) = 0;  // last one handed out; 0 = file not read yet
-  std::atomic<uint32_t> floor{0};              // highest of ours in any log seen
+  std::atomic<uint32_t> floor{0};              // this node's highest in any log seen
 };
 constinit msg_id_state msg_ids;
 

@@ -1,4 +1,4 @@
-/// The identifiers of this node's messages, ascending and never used twice.
+/// The identifiers of this node's messages. They ascend and are never used twice.
 ///
 ///   /flashdisk/cons/msg_id, 4 bytes: the last identifier handed out, little-endian
 #pragma once
@@ -15,6 +15,6 @@
 uint32_t msg_id_next(bool reset, std::atomic<uint32_t> *taken = nullptr)
     CONS_EXCLUDES(paxos.forward_lock, paxos.propose_lock, paxos.deliver_lock);
 
-/// Identifiers of ours that stand in a log are never handed out again, whatever the file says. Any thread, any lock;
-/// waits for nobody's save.
+/// Makes msg_id_next stay above this node's identifiers in the log, even if the file holds a lower one. Any thread, any
+/// lock. Does not wait for a save.
 void msg_id_raise_floor(const id_batch &batch);

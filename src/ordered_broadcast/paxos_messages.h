@@ -3,7 +3,7 @@
 /// DECIDE, 1268 bytes
 ///   offset  width  field
 ///   0       4      type      0
-///   4       4      batch_id  number of the decision
+///   4       4      batch_id  decision number
 ///   8       5      reserved, 0
 ///   13      1254   batch     the log
 ///   1267    1      padding, 0
@@ -30,11 +30,11 @@ struct decide_message {
   id_batch batch;
 };
 
-/// Nothing if the payload is too short or names what cannot be: a log that is empty, too long, or holds invalid
-/// entries; a node outside the cluster. A FORWARD of identifier 0 is parsed: its receiver refuses it as an old one.
+/// Return nothing if the payload is too short, if a log is empty, too long or has an invalid entry, or if a FORWARD
+/// names a node outside the cluster. A FORWARD of identifier 0 is parsed; its receiver refuses it as already decided.
 std::optional<decide_message> decide_parse(std::span<const uint8_t> payload);
 std::optional<id_entry> forward_parse(std::span<const uint8_t> payload);
 
-/// The messages, to be sent; null without memory.
+/// Return the envelope of a new message, or null if memory runs out.
 uint8_t *decide_message_new(uint32_t batch_id, const id_batch &batch);
 uint8_t *forward_message_new(id_entry waiting);

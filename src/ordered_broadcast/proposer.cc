@@ -24,7 +24,7 @@ constexpr int64_t RETRY_US = 1000000;
 struct proposal {
   id_entry working_copy;  // of next_proposal
   uint32_t batch_id = 0;
-  id_batch batch;  // the log if it commits; a normal proposal's decided entry is still to be added
+  id_batch batch;  // the log once decided; without the decided entry unless is_full_state
   bool is_full_state = false;
   id_entry entry;  // what is proposed
 };
@@ -35,8 +35,8 @@ bool needs_full_state() CONS_REQUIRES(paxos.propose_lock)
   return count == 0 || count == ID_BATCH_MAX;
 }
 
-// A new log begins when this node has delivered, or skipped as lost, all of the old one: the snapshot then holds
-// exactly the old log, and nothing of it is carried over.
+// A new log begins when this node has delivered, or skipped as lost, every entry of the old one. The snapshot then
+// holds all that this node has of the old log.
 bool may_begin_log() CONS_REQUIRES(paxos.propose_lock)
 {
   return id_batch_count(paxos_log.batch()) == 0 || paxos_data_handled() == paxos_log.number();
@@ -52,12 +52,12 @@ bool may_start() CONS_REQUIRES(paxos.propose_lock)
   return may_go_on() && paxos_waiting.next_proposal().msg_id != 0 && (!needs_full_state() || may_begin_log());
 }
 
-// Idle until there is something to propose, or, after a proposal that could not begin, until the next wake-up.
-// False when the protocol stops.
+// Idle until there is something to propose. After a proposal that could not begin (is_parked), idle at least until the
+// next wake-up. Returns false when the protocol stops.
 bool wait_for_work(bool is_parked, abandoned_states &abandoned) CONS_REQUIRES(paxos.propose_lock)
 {
   while (!paxos.stopped) {
-    abandoned.release_superseded();  // each adoption wakes us, also where we lead no more
+    abandoned.release_superseded();  // each adoption wakes this thread, also on a follower
     if (may_start() && !is_parked) {
       return true;
     }
@@ -117,8 +117,8 @@ bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 
 enum class spread_result { stored, refused, withdrawn };
 
-// A state goes to a quorum of disks before it is proposed: then every entry of a log is on one. Adoption, the end of
-// leader mode and stop end the wait.
+// A snapshot goes to a quorum of disks before it is proposed, so that every entry of a log is on a quorum of disks.
+// Adoption, the end of leader mode and stop end the wait.
 spread_result spread(const proposal &p)
 {
   if (!paxos_data_make_durable(p.entry)) {
@@ -148,7 +148,7 @@ bool may_attempt()
   return may_go_on();
 }
 
-// Something is wrong here that the next attempt would meet too: no memory, no disk, no round left.
+// An immediate attempt would fail as well: there is no memory, no disk or no round left.
 void pause_after_error()
 {
   const int64_t end_us = monotonic_us() + RETRY_US;
@@ -158,8 +158,8 @@ void pause_after_error()
   }
 }
 
-// Node k of n uses the rounds k, k + n, k + 2n, .. which no other node uses, from the first on that this node's
-// acceptor has not seen.
+// Node k of n uses the rounds k, k + n, k + 2n and so on, which no other node uses. It begins above every round that
+// its acceptor has seen.
 int decide(consensus &instance, const proposal &p, cons_value &decision)
 {
   uint8_t bytes[ID_ENTRY_SIZE];
@@ -183,7 +183,7 @@ int decide(consensus &instance, const proposal &p, cons_value &decision)
   return result;
 }
 
-// Nothing if a decision came from elsewhere meanwhile, or this one cannot be saved.
+// Returns nothing if another decision was adopted meanwhile, or if this one cannot be saved.
 std::optional<installed_decision> install(const proposal &p)
 {
   cons_lock lock(paxos.propose_lock);
@@ -193,7 +193,7 @@ std::optional<installed_decision> install(const proposal &p)
   return paxos_log.install(p.batch_id, p.batch);
 }
 
-// A message that was decided is not proposed again; after a full state the waiting one comes next, in the new log.
+// A decided message is not proposed again. After a snapshot the waiting identifier comes next, in the new log.
 void retire_proposal(const proposal &p, id_entry decided)
 {
   cons_lock lock(paxos.forward_lock);
@@ -204,7 +204,7 @@ void retire_proposal(const proposal &p, id_entry decided)
   paxos.launch_cond.signal();
 }
 
-// False if the register holds what cannot be an entry: no proposal for this number can go on.
+// Returns false if the decided value is not a valid entry. No proposal for this number can go on then.
 bool commit(proposal &p, const cons_value &decision)
 {
   if (decision.length() != ID_ENTRY_SIZE) {
@@ -217,7 +217,7 @@ bool commit(proposal &p, const cons_value &decision)
   if (!p.is_full_state) {
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
   } else if (cons_service.durable_payloads) {
-    // Another leader's state may have been read back: the log of this number begins with that one on every node.
+    // Another leader's snapshot may have been read back. The log of this number begins with that one on every node.
     p.batch = {};
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
   }
@@ -228,7 +228,7 @@ bool commit(proposal &p, const cons_value &decision)
   return true;
 }
 
-// Returns whether the thread has to pause before it tries again.
+// Returns whether the thread must pause before it tries again.
 bool run(consensus &instance, proposal &p, abandoned_states &abandoned)
 {
   vx_log("CONS: PAXOS: PROPOSE%s (batch_id=%u)\n", p.is_full_state ? " full state" : "", p.batch_id);

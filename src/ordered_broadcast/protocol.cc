@@ -50,8 +50,8 @@ void wake_everybody()
   paxos_leader_watch_wake();
 }
 
-// The leader-watch-thread looks at the flags once a second and sleeps with no lock held: an isolation that has no
-// helper leaves the waking to it.
+// An isolation that has no helper leaves the waking to this thread: it checks the flags once a second and waits for no
+// lock of the protocol longer than that.
 void *watch_and_wake(void *)
 {
   paxos_leader_watch_thread(nullptr);
@@ -77,7 +77,7 @@ bool create_threads() CONS_REQUIRES(lifecycle_lock)
          library_thread_create(protocol.leader_watch, "paxos_start");
 }
 
-// No thread of the protocol exists.
+// Call it while no thread of the protocol exists.
 void clear_run_time_state()
 {
   cons_lock forward_lock(paxos.forward_lock);
@@ -217,7 +217,7 @@ int paxos_reset()
   if (!protocol.layers_initialised || !paxos.stopped) {
     return -1;
   }
-  // A crash in between leaves a node that does not start, and never one with records of two lives.
+  // After a crash in between the node does not start; it must never run with records of two cluster lives.
   if (paxos_log.forget() != 0) {
     return -1;
   }

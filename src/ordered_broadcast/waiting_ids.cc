@@ -157,7 +157,7 @@ void waiting_ids::adopted(const id_batch &log, bool has_gap)
   const uint32_t done_id = done_id_[self];
   const bool is_doubtful =
       has_gap && own_id > done_id && id_batch_find(&log, own_id, static_cast<uint8_t>(self + 1)) < 0;
-  // Overtaken: only a node that lost its disk asks for what lies below what it had ordered before.
+  // Only a node that lost its disk submits an identifier below one that was already decided for it.
   const bool is_overtaken = own_id < done_id;
   {
     cons_lock lock(paxos.deliver_lock);

@@ -1,4 +1,4 @@
-/// The pause of the leader-watch-thread between two passes; nothing else waits here.
+/// The pause of the leader-watch-thread between two passes. No other thread waits here.
 #pragma once
 
 #include "common/cons_mutex.h"
@@ -9,7 +9,7 @@ struct watch_pause {
 };
 inline constinit watch_pause paxos_watch_pause;
 
-/// Makes the pause look whether it is to end. Any thread, any lock but leaves.
+/// Makes the pause check whether it must end. Any thread, any lock but leaves.
 inline void paxos_leader_watch_wake()
 {
   cons_lock lock(paxos_watch_pause.lock);
