@@ -11,7 +11,7 @@ namespace
 
 constexpr int PASSPHRASE_LENGTH = 93;
 
-// The shared secret of all nodes: those whose pass phrases differ cannot read each other's payloads.
+// Shared by all nodes. Nodes with different pass phrases cannot read each other's payloads.
 constexpr uint8_t cons_passphrase[] = {
     0x91, 0x6f, 0x8d, 0x87, 0x7e, 0x1f, 0x9c, 0x40, 0x93, 0xcc, 0x3c, 0x2e, 0xbe, 0x58, 0x21, 0xbb, 0x49, 0x07, 0xe9,
     0xaa, 0x98, 0xe3, 0xa7, 0x71, 0xeb, 0xb6, 0x99, 0x80, 0xdf, 0x0c, 0x4e, 0x89, 0x8e, 0x38, 0x2d, 0x19, 0x3b, 0x2e,
@@ -21,7 +21,7 @@ constexpr uint8_t cons_passphrase[] = {
 };
 static_assert(sizeof cons_passphrase == PASSPHRASE_LENGTH);
 
-// Derived at the first call, kept for the life of the process.
+// Derived at the first call and kept for the life of the process.
 struct cipher_state {
   cons_mutex lock{lock_rank::leaf};
   bool is_derived CONS_GUARDED_BY(lock) = false;
@@ -34,7 +34,7 @@ constinit cipher_state state;
 
 void derive() CONS_REQUIRES(state.lock)
 {
-  // The exit handler would free what a messaging thread uses while the process ends.
+  // The exit handler would free memory that a messaging thread still uses while the process ends.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   state.cipher = EVP_aes_128_cfb128();
   EVP_BytesToKey(state.cipher, EVP_md5(), nullptr, cons_passphrase, PASSPHRASE_LENGTH, 1, state.key, state.iv);

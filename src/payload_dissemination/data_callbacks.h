@@ -1,21 +1,21 @@
-/// What the payload layer tells the layer above.
+/// The callbacks of the payload layer into the layer above.
 #pragma once
 
 #include <cstdint>
 
 #include "payload_dissemination/payload_buf.h"
 
-/// How the payload layer reaches the one above. `deliver`, `lost` and `handled` run on the deliver-thread with the
-/// queue's lock held, `handled` also on the thread that handed a batch over, with no lock.
+/// `deliver`, `lost` and `handled` run on the deliver-thread with the queue's lock held. `handled` also runs on the
+/// thread that hands a decision over, with no lock of this layer held.
 struct paxos_data_callbacks {
   void (*deliver)(uint32_t id, uint8_t sender, const payload_buf *payload) = nullptr;
-  void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped: its payload was lost
+  void (*lost)(uint32_t id, uint8_t sender) = nullptr;  ///< the entry is skipped because its payload is lost
   void (*handled)() = nullptr;                          ///< paxos_data_handled has changed
-  /// A node asks for a payload that this one has not. Receive hook, no lock held; must not wait.
+  /// A node asks for a payload that this node lacks. Runs in the receive hook with no lock held; must not wait.
   void (*lacking)(uint32_t id, uint8_t sender, uint8_t asking_node) = nullptr;
-  /// These nodes (bit n - 1: node n) answered that they lack a payload without a word about their decision: they may
-  /// know none. Pull record's lock held; must not wait.
+  /// These nodes (bit n - 1 = node n) answered MISSING but did not say which decision they know. They may know none.
+  /// Runs with the pull record's lock held; must not wait.
   void (*uninformed)(uint32_t nodes) = nullptr;
-  /// paxos_data_is_base_settled has become true for the log. Pull record's lock held.
+  /// paxos_data_is_base_settled is now true for the log. Runs with the pull record's lock held.
   void (*base_settled)() = nullptr;
 };

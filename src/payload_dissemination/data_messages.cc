@@ -71,7 +71,7 @@ void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payloa
     put_le32(body + 12, size);
     put_le32(body + 16, n);
     if (cons_crypt(body + DATA_HEADER_SIZE, payload + start + pos, n, 1) != 0) {
-      std::memset(body + DATA_HEADER_SIZE, 0, n);  // sent all the same, but neither old memory nor plain text
+      std::memset(body + DATA_HEADER_SIZE, 0, n);  // sent all the same, but without old memory or plain text
     }
     vx_log("CONS: PAXOS DATA: DATA bcast (id=%u/%hhu, o=%u, l=%u)\n", id, sender, start + pos, n);
     send_once(message, PAXOS_DATA_DATA);

@@ -3,7 +3,7 @@
 ///   offset  width  field
 ///   0       2      type    0 OFFER, 1 REQ, 2 DATA, 3 COMPLETE, 4 MISSING
 ///   2       1      from    node that sent this message
-///   3       1      sender  node that distributed the payload
+///   3       1      sender  node that submitted the payload
 ///   4       4      id      its message id, never 0
 /// REQ
 ///   8       4      offset  first byte wanted
@@ -32,17 +32,17 @@ inline constexpr uint32_t PAXOS_DATA_HDR_SIZE = 8;
 inline constexpr uint32_t REQ_SIZE = 16;
 inline constexpr uint32_t DATA_HEADER_SIZE = 20;
 
-/// Largest piece in one DATA message and the unit of the piece map.
+/// Largest piece in one DATA message, and the unit of the piece map. In bytes.
 inline constexpr uint32_t DATA_PIECE_SIZE = 1400;
 inline constexpr uint32_t REQ_TO_THE_END = 0xffffffff;
 
-/// Keys of queued OFFERs: one for the calls of vx_cons_distribute, one for a new state, so that each is withdrawn
-/// alone.
+/// Keys of queued OFFERs: one for the calls of vx_cons_distribute, one for a new snapshot, so that each can be
+/// withdrawn without the other.
 inline constexpr uint32_t OFFER_KEY = PAXOS_DATA_OFFER;
 inline constexpr uint32_t STATE_OFFER_KEY = 5;
 
-/// Each logs and sends one message (DATA: one per piece, until the layer stops); without memory nothing. OFFER is
-/// repeated until dequeued; it returns its handle. False, null: not queued.
+/// Each logs and sends one message (DATA: one per piece, until the layer stops), or nothing if memory runs out. OFFER
+/// is repeated until it is dequeued with the returned handle. False or null means that nothing was queued.
 void *paxos_data_bcast_offer(uint32_t id, uint8_t sender, uint32_t key);
 bool paxos_data_bcast_req(uint32_t id, uint8_t sender, uint32_t offset, uint32_t length);
 void paxos_data_send_data(uint32_t id, uint8_t sender, const payload_buf *payload, uint32_t offset, uint32_t length);

@@ -41,8 +41,8 @@ bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
          piece.length <= body.size() - DATA_HEADER_SIZE;
 }
 
-// To hold a payload means to have it on disk, with durable payloads: saves it, without a lock. If that fails the next
-// OFFER tries again.
+// With durable payloads a node holds a payload only once it is on disk. Hold no lock. If the save fails, the next OFFER
+// tries again.
 void complete_if_durable(const data_header &hdr)
 {
   if (payload_files_make_durable(hdr.entry())) {
@@ -74,7 +74,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
   payload_entry *entry = paxos_data_get_entry(hdr.id, hdr.sender);
   if (entry == nullptr && payload_table_knows(hdr.entry())) {
-    return;  // its file is damaged: this node did hold it, so it must not say that it lacks it
+    return;  // the file cannot be read, but this node held the payload: it must not say that it lacks it
   }
   if (entry == nullptr) {
     if (paxos_data.callbacks.lacking != nullptr) {
@@ -124,7 +124,8 @@ void paxos_data_recv_missing(const data_header &hdr)
   }
 }
 
-// Every field that is used as an index, a size or a key is in range. An id or a sender of 0 would equal a free record.
+// Whether every field that is used as an index, a size or a key is in range. An id or a sender of 0 would match a free
+// record.
 bool is_sound(const data_header &hdr)
 {
   const bool may_be_anonymous = hdr.type == PAXOS_DATA_COMPLETE || hdr.type == PAXOS_DATA_MISSING;

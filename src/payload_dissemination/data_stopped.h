@@ -1,5 +1,5 @@
-/// Whether the payload layer is stopped: its threads must end, every wait must return. A header of its own, for the
-/// table and the files too look at it.
+/// Whether the payload layer is stopped: its threads must end, and every wait must return. In its own header because
+/// the table and the files read it too.
 #pragma once
 
 #include <atomic>

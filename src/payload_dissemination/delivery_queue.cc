@@ -1,5 +1,5 @@
-// The queue of what is ready to be delivered, and the deliver-thread, which hands it, in decided order, to the layer
-// above.
+// The queue of entries that are ready to be delivered. The deliver-thread hands them to the layer above in decided
+// order.
 
 #include <cstring>
 
@@ -22,7 +22,7 @@ bool is_queue_empty() CONS_REQUIRES(paxos_data.deliver_queue_lock)
   return paxos_data.deliver_pos >= id_batch_count(paxos_data.deliver_batch);
 }
 
-// Makes the queue mirror the log that is queued from now. False if the layer stops before the queue is empty.
+// Waits until the queue is empty and makes it hold the new log. Returns false if the layer stops before that.
 bool switch_queue() CONS_REQUIRES(paxos_data.pull.lock, paxos_data.deliver_queue_lock)
 {
   while (!paxos_data_stopped && !is_queue_empty()) {
@@ -80,7 +80,7 @@ void *paxos_data_deliver_thread(void *)
   cons_lock lock(paxos_data.deliver_queue_lock);
   while (!paxos_data_stopped) {
     while (is_queue_empty() && !paxos_data_stopped) {
-      paxos_data.deliver_queue_cond.broadcast();  // the pull-thread may be waiting for just that
+      paxos_data.deliver_queue_cond.broadcast();  // the pull-thread may wait for an empty queue
       paxos_data.deliver_queue_cond.wait(paxos_data.deliver_queue_lock);
     }
     if (paxos_data_stopped) {

@@ -4,7 +4,7 @@
 
 void loss_judge::start(uint32_t node_count, uint32_t own_node)
 {
-  const uint32_t in_hand = in_hand_;  // a message that is being handled ends in the new life
+  const uint32_t in_hand = in_hand_;  // a message that is being handled now ends after the start
   *this = {};
   in_hand_ = in_hand;
   node_count_ = std::min(node_count, NODES_MAX);
@@ -31,7 +31,7 @@ void loss_judge::looked(int64_t now_us)
 
 void loss_judge::requested(int64_t now_us)
 {
-  // The second that ends here counts if a quorum answered in it and this node ran through it.
+  // The second that ends here counts if a quorum answered and this node ran all the time.
   if (request_us_ != 0 && request_us_ >= resumed_us_ && has_quorum_answered()) {
     for (uint32_t i = 0; i < node_count_; ++i) {
       if (!nodes_[i].is_heard) {
@@ -103,7 +103,7 @@ loss_judge::verdict loss_judge::judge(int64_t now_us) const
   const int64_t idle_since_us = std::max({request_us_, resumed_us_, decided_us_});
   int64_t ready_us = idle_since_us + IDLE_US;
   if (lacking_count() + 1 < node_count_) {
-    // The rest have this whole second, too, to be heard in.
+    // The silent nodes may still be heard during the rest of this second.
     ready_us = std::max(ready_us, request_us_ + REQUEST_PERIOD_US);
     if (request_us_ < resumed_us_ || !are_the_rest_silent()) {
       return {.is_lost = false, .look_again_us = LOOK_PERIOD_US};

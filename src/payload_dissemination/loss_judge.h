@@ -1,8 +1,9 @@
-/// Whether the payload of a decided entry is lost: an event comes in with its time, one question comes out.
+/// Judges whether the payload of a decided entry is lost. Events go in, some with their time; judge() gives the
+/// verdict.
 ///
 /// A node *lacks* the entry if it answered this node's last request with MISSING and has said since, by DECIDE, that it
-/// knows no newer decision: a node that has gone on to the next log drops the payloads of the old one, so its MISSING
-/// alone says nothing. The latest of DATA, COMPLETE and MISSING counts.
+/// knows no newer decision. MISSING alone proves nothing, for a node that has gone on to the next log drops the
+/// payloads of the old one. The latest of DATA, COMPLETE and MISSING counts.
 ///
 /// The entry is *lost*
 /// - when every other node lacks it, or
@@ -46,26 +47,26 @@ public:
   void requested(int64_t now_us);  ///< a request for the entry went out
 
   /// What the nodes do. A node out of range is ignored.
-  void heard(uint32_t node);                              ///< any sign of life
-  void holds(uint32_t node, id_entry entry);              ///< OFFER, DATA or COMPLETE
+  void heard(uint32_t node);                              ///< the node showed that it is alive
+  void holds(uint32_t node, id_entry entry);              ///< DATA or COMPLETE
   void lacks(uint32_t node, id_entry entry);              ///< MISSING
-  void is_not_ahead(uint32_t node);                       ///< DECIDE with a number not above ours
+  void is_not_ahead(uint32_t node);                       ///< DECIDE with a number not above this node's
   void message_begins() { ++in_hand_; }                   ///< channel 4
   void message_ends() { --in_hand_; }                     ///< channel 4
-  void decided(int64_t now_us) { decided_us_ = now_us; }  ///< a DECIDE changed our number
+  void decided(int64_t now_us) { decided_us_ = now_us; }  ///< a DECIDE was adopted
 
   [[nodiscard]] bool is_sought(id_entry entry) const { return entry == entry_; }
   [[nodiscard]] bool is_request_due(int64_t now_us) const;
-  /// Nodes that answered MISSING without a word about their decision: bit n - 1 = node n.
+  /// Nodes that answered MISSING but did not say which decision they know: bit n - 1 = node n.
   [[nodiscard]] uint32_t nodes_without_word() const;
   [[nodiscard]] verdict judge(int64_t now_us) const;
 
 private:
   struct node_view {
     bool is_missing = false;       // answered the last request with MISSING
-    bool has_word = false;         // and said since that it is not ahead
+    bool has_word = false;         // and has said since that it is not ahead
     bool is_heard = false;         // since the last request
-    uint32_t silent_requests = 0;  // counted ones, since it was heard last
+    uint32_t silent_requests = 0;  // counted requests since it was last heard
   };
   node_view *other(uint32_t node);
   [[nodiscard]] bool is_other(uint32_t index) const { return index + 1 != own_node_; }
@@ -82,7 +83,7 @@ private:
   bool is_held_ = false;
   int64_t request_us_ = 0;  // 0: none for this entry
   int64_t looked_us_ = 0;
-  int64_t resumed_us_ = 0;  // after the last gap
+  int64_t resumed_us_ = 0;  // end of the last gap
   int64_t decided_us_ = 0;
   uint32_t in_hand_ = 0;
 };

@@ -1,5 +1,6 @@
-/// The judge of losses, shared by the threads that feed it: the pull-thread, the receive hooks of channels 4 and 5.
-/// Its lock is a leaf that is held for a few instructions, so that nobody who feeds it waits for a transfer or a hook.
+/// The judge of losses, shared by the threads that feed it: the pull-thread and the receive hooks of channels 4 and 5.
+/// Its lock is a leaf, held for a few instructions only, so that no thread that feeds it waits for a transfer or a
+/// hook.
 #pragma once
 
 #include "common/cons_mutex.h"
@@ -24,7 +25,7 @@ public:
     cons_lock lock(lock_);
     judge_.holds(node, entry);
   }
-  /// Returns whether the entry is the one that the pull-thread seeks.
+  /// Returns whether the pull-thread seeks this entry.
   bool lacks(uint32_t node, id_entry entry)
   {
     cons_lock lock(lock_);
@@ -59,7 +60,7 @@ public:
   struct advice {
     bool is_lost;
     bool is_request_due;
-    uint32_t nodes_without_word;  ///< bit n - 1 = node n; of the second that the next request ends
+    uint32_t nodes_without_word;  ///< bit n - 1 = node n; since the last request
     int64_t look_again_us;
   };
   advice look(id_entry entry, bool is_held)

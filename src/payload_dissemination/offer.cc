@@ -45,7 +45,8 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 {
   offer_record &offer = paxos_data.offer;
   const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
-  // After a quick stop and start `stopped` is clear again, and the record may belong to another call.
+  // `stopped` alone is not enough: after a quick stop and start it is false again, and the record may belong to another
+  // call.
   const auto goes_on = [&] { return !paxos_data_stopped && !ended; };
 
   cons_lock lock(offer.lock);
@@ -65,7 +66,7 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
     }
   }
   if (offer.entry == entry) {
-    // With the lock held: behind it, the dequeue could take the next call's OFFER away.
+    // Keep the lock: without it the dequeue could remove the next call's OFFER.
     offer_record_free(offer);
     vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, OFFER_KEY, 0);
   }

@@ -1,5 +1,5 @@
-/// A payload that this node offers: which nodes hold it already. One record for the calls of vx_cons_distribute, which
-/// queue for it, and one for a new state, which never waits behind them.
+/// A payload that this node offers, and the nodes that hold it already. One record serves the calls of
+/// vx_cons_distribute, which queue for it. Another serves a new snapshot, which so never waits behind them.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,9 @@ struct offer_record {
   uint8_t node_state[NODES_MAX] CONS_GUARDED_BY(lock) = {};
 };
 
-/// COMPLETE: marks the node (0: it does not say which) if the record offers that payload, and wakes who waits.
+/// Handles a COMPLETE. If the record offers that payload, marks node `from` (0 = unknown, marks none) and wakes the
+/// waiters.
 void offer_record_complete(offer_record &record, id_entry entry, uint8_t from) CONS_EXCLUDES(record.lock);
 
-/// Frees the record and wakes who waits for it.
+/// Frees the record and wakes the threads that wait for it.
 void offer_record_free(offer_record &record) CONS_REQUIRES(record.lock);

@@ -21,7 +21,7 @@ void clear_batches()
   paxos_data.deliver_pos = 0;
 }
 
-// What is queued but not delivered will be handed over again, by the decision that start loads.
+// Drops what is queued but not delivered. The decision that start loads hands it over again.
 void prepare_batches()
 {
   cons_lock pull_lock(paxos_data.pull.lock);
@@ -113,7 +113,7 @@ void paxos_data_stop()
   paxos_data.recv_gate.close();
   vx_msg_unregister_recv_hook(paxos_data_recv);
   {
-    // First the queue: the pull-thread may be waiting for it with the pull record's lock held.
+    // The queue comes first, since the pull-thread may wait for it with the pull record's lock held.
     cons_lock lock(paxos_data.deliver_queue_lock);
     paxos_data.deliver_queue_cond.broadcast();
   }

@@ -70,7 +70,7 @@ bool add_file(const payload_file &file, void *context)
   return true;
 }
 
-// Context: bool, whether to say so.
+// `context` is a bool: whether to log each removal.
 bool remove_if_unnamed(const payload_file &file, void *context)
 {
   cons_lock lock(payload_files.name_lock);
@@ -132,7 +132,7 @@ bool payload_files_make_durable(id_entry name)
   }
   payload_entry_release(entry);
   if (!payload_table_knows(name)) {
-    payload_upkeep_collect();  // it left the table meanwhile
+    payload_upkeep_collect();  // the payload left the table meanwhile
   }
   return is_saved;
 }
@@ -144,7 +144,7 @@ int payload_files_reset()
 
 void *payload_files_thread(void *)
 {
-  bool is_first = true;  // what an earlier life left
+  bool is_first = true;  // files left by an earlier run are reported
   while (!paxos_data_stopped) {
     {
       cons_lock lock(payload_upkeep.lock);

@@ -1,5 +1,5 @@
-/// Durable payloads: which payloads are on disk, and when their files go. A file is garbage as soon as the table does
-/// not name its payload: a thread of its own removes it, since that may take seconds, and never at stop.
+/// Durable payloads: which payloads are on disk, and when their files are removed. A file is garbage as soon as its
+/// payload is not in the table. A thread removes garbage, since that may take seconds; it removes none at stop.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,7 @@ void *payload_files_thread(void *);
 struct payload_files_state {
   std::atomic<uint32_t> last_state_size{0};
 
-  /// Held while a file gets its name or is removed, together with the look at the table that decides it.
+  /// Held while a file is renamed to its final name, and from the table lookup that makes it garbage until its removal.
   cons_mutex name_lock{lock_rank::payload_files};
 
   // Touched by start and stop only.
@@ -27,13 +27,14 @@ inline constinit payload_files_state payload_files;
 /// removes all files. The table may hold payloads of an earlier run. Returns 0 or -1, with a line.
 int payload_files_load(bool is_on, std::function<void()> progress);
 
-/// Starts (false: it cannot be created) and ends the thread.
+/// Start and end the thread. Without durable payloads there is none. False: it cannot be created.
 bool payload_files_start();
 void payload_files_stop();
 
-/// Whether the payload is on this node's disk; saves it if it is not, once a second at most. True also without durable
-/// payloads. False if it cannot be saved, another thread is saving it, or the table does not have it. Hold no lock.
+/// Returns whether the payload is on this node's disk; saves it if it is not, at most once a second. Always true
+/// without durable payloads. False if it cannot be saved, another thread is saving it, or the table does not have it.
+/// Blocks during the save: hold no lock.
 bool payload_files_make_durable(id_entry entry);
 
-/// Removes every file, with durable payloads or without. Returns 0 or -1.
+/// Removes every file, with or without durable payloads. Returns 0, or -1 if some remain.
 int payload_files_reset();

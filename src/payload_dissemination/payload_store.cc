@@ -133,7 +133,7 @@ bool write_file(int fd, const char *path, const uint8_t *header, const payload_b
   return true;
 }
 
-// The header of the file under that name, if it is one that this node can have written for it.
+// Whether this node could have written this header for the entry and this file size.
 bool is_header_of(const uint8_t *header, id_entry entry, uint64_t file_size)
 {
   uint8_t expected[PAYLOAD_FILE_HEADER_SIZE];
@@ -160,7 +160,7 @@ void read_header(payload_file &file)
   }
 }
 
-// "<sender>.<id>", as this file writes it.
+// Accepts "<sender>.<id>" only in the form that file_path writes.
 bool parse_name(const char *name, id_entry &entry)
 {
   unsigned sender = 0;

@@ -5,15 +5,15 @@
 ///   8       8       cluster id
 ///   16      4       id
 ///   20      1       sender
-///   21      1       1 = a state, 0 = ordinary payload
+///   21      1       1 = snapshot, 0 = ordinary payload
 ///   22      2       0
 ///   24      4       length of the payload
-///   28      4       of a state: the number of the decision that begins its log
+///   28      4       of a snapshot with marks: number of the decision that begins its log; else 0
 ///   32      32      SHA-256 over bytes 0 to 31 and the payload
-///   64      length  the payload, as it travels
+///   64      length  the payload, as the nodes transfer it
 ///
-/// Written whole: to <sender>.<id>.tmp, its space reserved first, flushed, renamed, sync(). Failures are logged here.
-/// No lock; nobody saves and removes one payload at the same time.
+/// A file is written whole: to <sender>.<id>.tmp with its space reserved first, flushed, renamed, sync(). Failures are
+/// logged here. No lock: the caller makes sure that no two threads save or remove the same payload at once.
 #pragma once
 
 #include <cstdint>
@@ -23,20 +23,21 @@
 
 inline constexpr uint32_t PAYLOAD_FILE_HEADER_SIZE = 64;
 
-/// Creates the directory if it is not there. Returns 0 or -1.
+/// Creates the directory if it does not exist. Returns 0 or -1.
 int payload_store_open();
 
-/// Writes the temporary file. Fails where less than `reserve` bytes would stay free on the file system, so that
-/// payloads never take the room of the records. Returns 0; -1 with no temporary file left.
-/// `state_number` is that of a state with marks, else 0.
+/// Writes the temporary file. Fails if less than `reserve` bytes would stay free on the file system, so that payloads
+/// never take the room of the records. `state_number` is that of a snapshot with marks, else 0. Returns 0; on failure
+/// -1, with no temporary file left.
 int payload_store_write(id_entry entry, const payload_buf *payload, uint32_t state_number, uint64_t reserve);
 
-/// The temporary file becomes the payload's, durably. Returns 0 or -1.
+/// Renames the temporary file to the payload's name and makes that durable. Returns 0 or -1.
 int payload_store_commit(id_entry entry);
 
 enum class payload_load { loaded, absent, damaged, failed };
 
-/// Reads and checks a payload; `payload` is the caller's on `loaded`. `failed`: it may succeed later (no memory).
+/// Reads and checks a payload. On `loaded` the caller owns `payload`. `failed` means that a later try may succeed, as
+/// when memory runs out.
 payload_load payload_store_load(id_entry entry, payload_buf *&payload);
 
 struct payload_file {
@@ -44,17 +45,17 @@ struct payload_file {
   bool is_state = false;  // as the header says
   uint32_t state_number = 0;
   uint32_t length = 0;      // of the payload
-  bool is_sound = false;    // the header fits the name, the cluster and the file's size; the bytes are not checked
+  bool is_sound = false;    // the header matches name, cluster and file size; the payload is unchecked
   bool is_foreign = false;  // of another cluster
 };
 
-/// Calls back for each payload file, by name. With `is_start` the headers are read, and what is left of a save or not
-/// named like a payload is removed with a line. Returns 0; -1 if the directory cannot be read or a callback returned
-/// false.
+/// Calls back for each file that is named like a payload. With `is_start`, also reads its header, and removes other
+/// files, such as those of an unfinished save, with a line in the log each. Returns 0; -1 if the directory cannot be
+/// read or a callback returned false.
 using payload_file_cb = bool (*)(const payload_file &file, void *context);
 int payload_store_walk(bool is_start, payload_file_cb callback, void *context);
 
 void payload_store_remove(id_entry entry);
 
-/// Removes every file of the directory and the directory. Returns 0, also where there is none; -1 if some stay.
+/// Removes the directory and every file in it. Returns 0, also if it does not exist; -1 if something remains.
 int payload_store_remove_all();

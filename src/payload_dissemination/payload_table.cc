@@ -46,7 +46,7 @@ uint32_t number_of_state(const payload_buf *payload)
   return state_marks_get(payload, marks) ? marks.number : 0;
 }
 
-// Reads the bytes that only the file has. False if they cannot be had.
+// Reads the payload from the file, unless it is in memory. Returns false if it cannot be read.
 bool read_file(payload_entry &entry, id_entry name) CONS_REQUIRES(entry.lock)
 {
   if (entry.payload != nullptr || entry.file == payload_file_state::damaged) {

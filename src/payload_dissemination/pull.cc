@@ -1,4 +1,4 @@
-// The pull-thread: walks the decided log, queues what is present, fetches what is missing, skips what is lost.
+// The pull-thread walks the decided log. It queues the entries that are here, fetches missing ones and skips lost ones.
 
 #include <algorithm>
 #include <cstring>
@@ -41,8 +41,8 @@ void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
   paxos_data_queue_next();
 }
 
-// Each MISSING wakes this thread: a second must pass between two requests, or the next MISSING would come at the
-// network's speed. A node that answered MISSING without a word about its decision may know none: it is sent ours.
+// Each MISSING wakes this thread. Without a second between two requests, requests and MISSINGs would follow each other
+// at network speed. A node that answered MISSING but did not say which decision it knows may know none: it gets ours.
 void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_may_request(paxos_data.pull)) {
@@ -55,7 +55,7 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
   pull_record_request(paxos_data.pull);
 }
 
-// Fetches, or asks for, what is missing. Returns whether it is lost; else lowers wait_us to the time of the next look.
+// Requests the entry if a request is due. Returns whether it is lost. Lowers wait_us to the time of the next look.
 bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
   const bool is_held = payload_table_knows(entry);
@@ -70,7 +70,7 @@ bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
   return advice.is_lost;
 }
 
-// Context: int64_t, the longest time until the next check.
+// `context` is an int64_t: the longest time until the next check.
 void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIRES(paxos_data.pull.lock)
 {
   const id_entry entry = {.sender = sender, .msg_id = id};
@@ -84,8 +84,8 @@ void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIR
   }
 }
 
-// With all of the log queued: fetches again what this node held once, so that a quorum goes on holding it, and the
-// state that the log begins with, which its leader needs. With durable payloads only.
+// With durable payloads, once all of the log is queued: fetches damaged payloads again, so that a quorum still holds
+// them, and the snapshot that begins the log, which a leader needs.
 void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (payload_upkeep.needs_repair.exchange(false)) {
@@ -111,7 +111,7 @@ void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
   paxos_data.pull.is_awaited = false;
 }
 
-// Takes out of the table what is superseded. While a switch is pending the queue still names the old log.
+// Removes superseded payloads from the table. Not while a switch is pending, for the queue still names the old log.
 void sweep_if_due(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (!paxos_data.is_sweep_due || paxos_data.switch_pending) {
@@ -133,12 +133,12 @@ bool has_prefix(const id_batch &batch, const id_batch &of, uint32_t count)
   return id_batch_count(batch) >= count && std::memcmp(batch.bytes + 4, of.bytes + 4, count * ID_ENTRY_SIZE) == 0;
 }
 
-// Where to go on in the new log. One that does not begin with what is queued is another log.
+// Finds the position in the new batch. A batch that does not begin with the queued entries is another log.
 void adopt_batch(const id_batch &batch, id_entry last_delivered)
     CONS_REQUIRES(paxos_data.pull.lock, paxos_data.deliver_queue_lock)
 {
   if (paxos_data.pull_pos == 0 || !has_prefix(batch, paxos_data.pull_batch, paxos_data.pull_pos)) {
-    // What was still to be queued will not be.
+    // The entries not queued yet never will be.
     paxos_data_unhash_batch(entries_from(paxos_data.pull_batch, paxos_data.pull_pos), batch);
     const bool is_queued = paxos_data.last_queued.msg_id != 0;
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;

@@ -15,10 +15,10 @@ namespace
 constexpr int64_t SILENCE_US = 999999;  // a request needs a longer silence
 constexpr int64_t ABANDONED_US = 3000000;
 constexpr int64_t DAMAGED_PAUSE_US = 1000000;
-// A live node has answered a request by then, and the pull-thread asks again after a second.
+// A live node answers a request within this time. The pull-thread asks again after a second.
 constexpr int64_t ANSWER_US = 300000;
 
-// Silence on either clock counts: the wall clock may be set back.
+// Silence on either clock counts, since the wall clock may be set back.
 bool is_data_flowing(const pull_record &record) CONS_REQUIRES(record.lock)
 {
   if (record.data_us == 0 || monotonic_us() - record.data_us > SILENCE_US) {
@@ -34,7 +34,7 @@ bool is_free(const pull_record &record) CONS_REQUIRES(record.lock)
   return record.entry.msg_id == 0;
 }
 
-// The owner of an OFFER may have died. Our own requests prove nothing: only DATA does.
+// The node that sent the OFFER may have died. Only DATA proves that it is alive.
 bool is_abandoned(const pull_record &record) CONS_REQUIRES(record.lock)
 {
   return !record.is_pulled && monotonic_us() - std::max(record.claimed_us, record.data_us) > ABANDONED_US;

@@ -1,5 +1,5 @@
-/// The one transfer by which this node fetches a payload: claimed by the pull-thread for what the log needs next, or by
-/// an OFFER. Pieces are assembled in place.
+/// The transfer by which this node fetches a payload; there is one at a time. The pull-thread claims it for the entry
+/// that the log needs next, or an OFFER claims it. Pieces are assembled in place.
 #pragma once
 
 #include <sys/time.h>
@@ -12,7 +12,7 @@
 
 struct pull_record {
   cons_mutex lock{lock_rank::pull_record};
-  cons_cond changed_cond;  // an answer arrived, a transfer ended, a batch was handed over, or stop
+  cons_cond changed_cond;  // an answer arrived, a transfer ended, a decision was handed over, or stop
   id_entry entry CONS_GUARDED_BY(lock);
   bool is_pulled CONS_GUARDED_BY(lock) = false;        // claimed by the pull-thread, not by an OFFER
   uint8_t *buffer CONS_GUARDED_BY(lock) = nullptr;     // owned; `total` bytes, from the first DATA piece on
@@ -27,11 +27,11 @@ struct pull_record {
 
   // These outlive a transfer.
   bool is_awaited CONS_GUARDED_BY(lock) = false;  // the pull-thread waits for the record: no OFFER may claim it
-  id_entry damaged CONS_GUARDED_BY(lock);         // arrived damaged: not asked for again until then
+  id_entry damaged CONS_GUARDED_BY(lock);         // arrived damaged: not requested before damaged_until_us
   int64_t damaged_until_us CONS_GUARDED_BY(lock) = 0;
 };
 
-/// A DATA piece whose place in a payload of `total` bytes is sound.
+/// A DATA piece with a valid place in a payload of `total` bytes.
 struct data_piece {
   uint32_t offset;
   uint32_t total;
@@ -39,29 +39,29 @@ struct data_piece {
   const uint8_t *bytes;  // encrypted
 };
 
-/// Ends the transfer: the record is free.
+/// Ends the transfer and frees the record.
 void pull_record_reset(pull_record &record) CONS_REQUIRES(record.lock);
 
-/// Claims the record for what the log needs, unless it fetches another payload whose DATA flowed within a second:
-/// then it is kept for the pull-thread. Returns whether the record is for the entry.
+/// Claims the record for an entry that the log needs. If DATA of another payload arrived within the last second, only
+/// marks the record as awaited by the pull-thread. Returns whether the record is now for the entry.
 bool pull_record_claim_for_log(pull_record &record, id_entry entry) CONS_REQUIRES(record.lock);
 
-/// Claims the record for an OFFER if it is free, if it was claimed by another OFFER of which no DATA came for three
-/// seconds, or if the pull-thread waits in vain for an answer to its request. Returns whether the record is for the
-/// entry.
+/// Claims the record for an OFFER if it is free, if another OFFER claimed it and no DATA came for three seconds, or if
+/// the pull-thread waits in vain for an answer to its request. Returns whether the record is now for the entry.
 bool pull_record_claim_for_offer(pull_record &record, id_entry entry) CONS_REQUIRES(record.lock);
 
-/// Whether its DATA is silent, and it has not just arrived damaged.
+/// Whether no DATA flows and the payload has not just arrived damaged.
 bool pull_record_may_request(const pull_record &record) CONS_REQUIRES(record.lock);
 
-/// Sends the REQs for what is missing of the record's payload, if it may: everything, or the missing runs once the size
-/// is known. What cannot be sent is tried again with the next request.
+/// If pull_record_may_request, sends the REQs for the missing pieces of the record's payload: one for everything, or
+/// one per missing run once the size is known. A REQ that cannot be sent is tried again with the next request.
 void pull_record_request(pull_record &record) CONS_REQUIRES(record.lock);
 
-/// Whether the piece fits what the record fetches. The first piece says how large the payload is. If that was wrong no
-/// other piece ever fits: after a second without one that did, another size begins the assembly anew.
+/// Returns whether the piece belongs to the record's payload. The first piece sets the payload's size. If that size was
+/// wrong no other piece would ever fit, so after a second without a fitting piece another size begins the assembly
+/// anew.
 bool pull_record_accepts(pull_record &record, id_entry entry, const data_piece &piece) CONS_REQUIRES(record.lock);
 
-/// Stores an accepted piece. Returns the whole payload with the last piece, for the caller to own, with
-/// the record free; else null. What does not carry its own size was damaged: it is dropped.
+/// Stores an accepted piece. With the last piece it frees the record and returns the whole payload, which the caller
+/// owns; else returns null. A payload whose header does not match its size is damaged and is dropped.
 payload_buf *pull_record_add(pull_record &record, const data_piece &piece) CONS_REQUIRES(record.lock);

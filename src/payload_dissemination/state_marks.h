@@ -1,8 +1,8 @@
-/// What a state says about the log that it begins, so that identifiers survive the replacement of a log: a record of
-/// type 4, which no hook gets, behind those of the data types.
+/// What a snapshot says about the log that it begins, so that the decided identifiers stay known when a log is
+/// replaced. It is a record of type 4 after those of the data types. No hook gets it.
 ///
 ///   offset  width  field (little-endian)
-///   0       4      number    the decision that begins the log
+///   0       4      number    of the decision that begins the log
 ///   4       64     done_id   per node (id - 1): the highest identifier that was decided before
 #pragma once
 
@@ -22,5 +22,5 @@ struct state_marks {
 
 void state_marks_put(uint8_t *to, const state_marks &marks);
 
-/// False, with `marks` unchanged, if the payload is no state or has no such record.
+/// Returns false, with `marks` unchanged, if the payload is no snapshot or has no such record.
 bool state_marks_get(const payload_buf *payload, state_marks &marks);
