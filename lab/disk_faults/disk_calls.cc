@@ -1,5 +1,5 @@
-// The calls that stand in front of the C library's. What each does is judged by the rules, what it changes is recorded
-// for a power cut, and it is counted.
+// The calls that replace those of the C library. The rules judge each call, its changes are recorded for a power cut,
+// and it is counted.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -40,14 +40,14 @@ using file_name = std::array<char, 48>;
 
 struct tracked_file {
   std::atomic<bool> in_use;
-  path_text path;  // written by the opener before in_use
-  file_name name;  // for the rules; empty: they do not concern this one
+  path_text path;  // written before in_use is set
+  file_name name;  // for the rules; empty: no rule applies
 };
 constinit std::array<tracked_file, FD_MAX> files{};
-// For the sync that follows.
+// Names the next sync of this thread for the rules.
 constinit thread_local file_name renamed_last{};
 
-/// The next definition of a function: a sanitizer's, or the C library's.
+/// The next definition of a function: a sanitizer's or the C library's.
 template <typename function>
 function *next(const char *name)
 {
@@ -59,7 +59,7 @@ bool is_ours(const char *path)
   return strncmp(path, ROOT, ROOT_LENGTH) == 0 && (path[ROOT_LENGTH] == '/' || path[ROOT_LENGTH] == '\0');
 }
 
-/// False, and an empty name, for a path outside the directory of the records.
+/// Returns false, with an empty name, for a path outside the directory of the records.
 bool name_of(const char *path, file_name &name)
 {
   name = {};
@@ -76,7 +76,7 @@ bool name_of(const char *path, file_name &name)
 
 tracked_file *file_of(int fd);
 
-/// The absolute path of one that is given beside a directory's descriptor, as far as we have seen that opened.
+/// The absolute path of `path` below the directory. Returns `path` itself if the directory is not tracked.
 const char *whole_path(int directory, const char *path, path_text &whole)
 {
   const tracked_file *parent = *path != '/' ? file_of(directory) : nullptr;
@@ -106,13 +106,13 @@ void track(int fd, const char *path, const file_name &name)
   }
 }
 
-/// A call on a file outside the directory of the records always passes.
+/// Calls on files outside the directory of the records always pass.
 verdict judge_named(disk_call call, const file_name &name)
 {
   return name[0] != '\0' ? judge(call, name.data()) : verdict{};
 }
 
-/// Carries out a call that passed the rules or fails as they say; -1 and errno then.
+/// Carries out the call, or fails it with -1 and the errno of the verdict.
 template <typename call>
 auto carry_out(const verdict &given, call what) -> decltype(what())
 {
@@ -127,7 +127,7 @@ auto carry_out(const verdict &given, call what) -> decltype(what())
   return result;
 }
 
-/// `real` opens for good.
+/// `real` makes the system call.
 template <typename call>
 int open_path(const char *path, int flags, call real)
 {
@@ -144,7 +144,7 @@ int open_path(const char *path, int flags, call real)
   return fd;
 }
 
-/// `real(size)` writes so many bytes. `offset` below 0: where the descriptor stands.
+/// `real(size)` writes that many bytes. `offset` below 0 means the descriptor's own position.
 template <typename call>
 ssize_t write_bytes(int fd, int64_t offset, size_t size, call real)
 {

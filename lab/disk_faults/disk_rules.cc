@@ -45,11 +45,11 @@ constexpr const char *CALL_NAMES[] = {"open", "open_read", "read", "write", "ren
 
 struct rule {
   fault kind = fault::count;
-  disk_call call = disk_call::count;  // of a kill
+  disk_call call = disk_call::count;  // for kill_before and kill_after only
   char name[NAME_SIZE] = "*";
   unsigned long number = 0;  // bytes, milliseconds or the number of the call
   unsigned long skip = 0;
-  unsigned long fitted = 0;  // calls so far
+  unsigned long fitted = 0;  // matching calls so far
   bool told = false;
 };
 
@@ -63,7 +63,7 @@ struct rule_book {
 };
 constinit rule_book book;
 
-// The system's calls themselves: those of the C library come back to us.
+// Direct system calls: this library replaces those of the C library.
 int raw_open(const char *path, int flags)
 {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | O_CLOEXEC, 0644));
@@ -171,7 +171,7 @@ void read_rules()
   }
 }
 
-/// False if there are no rules and never will be.
+/// Reads the rules again if they have changed. Returns false if VX_DISK_FAULTS names no file.
 bool refresh()
 {
   if (book.path == nullptr) {
@@ -223,7 +223,7 @@ bool fits_name(const rule &one, const char *name)
   return fnmatch(one.name, name, 0) == 0 || (strncmp(one.name, name, length) == 0 && name[length] == '.');
 }
 
-/// The fitting rule's turn has come: adds what it demands.
+/// Adds the effect of a rule that is due.
 void apply(const rule &one, verdict &result)
 {
   switch (one.kind) {

@@ -32,7 +32,7 @@ constexpr size_t HOLES_MAX = 16;
 
 enum state : uint32_t { FREE, UNDER_WAY, DONE };
 
-/// Bytes that were reserved and not written since.
+/// Bytes that were reserved and have not been written since.
 struct hole {
   uint64_t file = 0;
   uint64_t from = 0, to = 0;
@@ -45,14 +45,14 @@ struct undo_book {
   undo_slot *slots PLATFORM_GUARDED_BY(lock) = nullptr;
   std::array<uint32_t, UNDO_SLOTS> used PLATFORM_GUARDED_BY(lock) = {};  // indices, in the order of their sequences
   size_t used_count PLATFORM_GUARDED_BY(lock) = 0;
-  uint32_t next_free PLATFORM_GUARDED_BY(lock) = 0;        // where a free slot is looked for
-  uint64_t last_sync_began PLATFORM_GUARDED_BY(lock) = 0;  // changes from this sequence on are not in it
+  uint32_t next_free PLATFORM_GUARDED_BY(lock) = 0;        // where the search for a free slot begins
+  uint64_t last_sync_began PLATFORM_GUARDED_BY(lock) = 0;  // the last sync does not cover changes from this sequence on
   std::array<hole, HOLES_MAX> holes PLATFORM_GUARDED_BY(lock) = {};
   size_t next_hole PLATFORM_GUARDED_BY(lock) = 0;
 };
 constinit undo_book book;
 
-// The system's calls themselves: those of the C library come back to us.
+// Direct system calls: this library replaces those of the C library.
 int raw_open(const char *path, int flags)
 {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | O_CLOEXEC, 0600));
@@ -118,14 +118,14 @@ void beside_log(char (&path)[PATH_MAX], const char *what, const undo_slot &slot)
   snprintf(path, sizeof path, "%s/%s.%llu", book.directory, what, static_cast<unsigned long long>(slot.sequence));
 }
 
-/// False for what does not lie below the root, or has a name that does not fit.
+/// Returns false if the path is not below the root or its name does not fit.
 bool put_name(char *name, size_t size, const char *path)
 {
   return strncmp(path, ROOT, ROOT_LENGTH) == 0 &&
          static_cast<size_t>(snprintf(name, size, "%s", path + ROOT_LENGTH)) < size;
 }
 
-/// Null, and counted, if no slot is free.
+/// Returns null, and counts the change as not kept, if no slot is free.
 undo_slot *new_slot(undo_kind kind) PLATFORM_REQUIRES(book.lock)
 {
   if (book.used_count == UNDO_SLOTS) {
@@ -143,7 +143,7 @@ undo_slot *new_slot(undo_kind kind) PLATFORM_REQUIRES(book.lock)
   return &slot;
 }
 
-/// Everything in the slot is true now; the change may begin.
+/// The slot is complete: the change may begin.
 void begin(undo_slot *slot)
 {
   if (slot != nullptr) {
@@ -165,7 +165,7 @@ void free_slot(undo_slot &slot) PLATFORM_REQUIRES(book.lock)
   }
 }
 
-/// Frees all slots of which `is_certain` is true.
+/// Frees all slots for which `is_certain` returns true.
 template <typename predicate>
 void free_slots(predicate is_certain) PLATFORM_REQUIRES(book.lock)
 {
@@ -210,7 +210,7 @@ void add_hole(uint64_t file, uint64_t from, uint64_t to) PLATFORM_REQUIRES(book.
   }
 }
 
-/// Whether these bytes are reserved and not written; from now on they count as written.
+/// Returns whether these bytes are reserved and not written. From now on they count as written.
 bool takes_of_hole(uint64_t file, uint64_t from, uint64_t to) PLATFORM_REQUIRES(book.lock)
 {
   for (hole &one : book.holes) {
@@ -225,7 +225,7 @@ bool takes_of_hole(uint64_t file, uint64_t from, uint64_t to) PLATFORM_REQUIRES(
   return false;
 }
 
-/// A second name for the file that is about to lose this one. False if it cannot be had.
+/// Gives a second name to the file that is about to lose this one. Returns false if that fails.
 bool keep_link(undo_slot &slot, const char *path) PLATFORM_REQUIRES(book.lock)
 {
   char link[PATH_MAX];
@@ -247,7 +247,7 @@ bool keep_copy(undo_slot &slot, int source, uint64_t size) PLATFORM_REQUIRES(boo
   return static_cast<uint64_t>(done) == size;
 }
 
-/// A slot of which something is missing is of no use: the change counts as certain.
+/// An incomplete slot is useless: frees it and counts the change as not kept.
 undo_slot *unless_incomplete(undo_slot *slot, bool is_complete) PLATFORM_REQUIRES(book.lock)
 {
   if (!is_complete) {
@@ -258,7 +258,7 @@ undo_slot *unless_incomplete(undo_slot *slot, bool is_complete) PLATFORM_REQUIRE
   return slot;
 }
 
-/// A slot for a change of content. `copied`: descriptor for reading, if the content before has to be kept.
+/// Makes a slot for a change of content. `copied` is a descriptor to read the old content from, or -1 to keep none.
 undo_slot *new_data_slot(const struct stat &before, uint64_t from, uint64_t to, bool had_zeros, int copied)
     PLATFORM_REQUIRES(book.lock)
 {
@@ -275,7 +275,7 @@ undo_slot *new_data_slot(const struct stat &before, uint64_t from, uint64_t to, 
   return slot;
 }
 
-/// The newest change of this file, if that is a write which goes on right here and no sync has begun since; or null.
+/// Returns the newest change of this file if it is a write that ended at `from` and no sync has begun since; else null.
 undo_slot *continued_slot(uint64_t file, uint64_t from, bool had_zeros) PLATFORM_REQUIRES(book.lock)
 {
   for (size_t i = book.used_count; i > 0; i--) {
@@ -290,7 +290,7 @@ undo_slot *continued_slot(uint64_t file, uint64_t from, bool had_zeros) PLATFORM
   return nullptr;
 }
 
-/// Descriptor for reading of a file that is open, maybe for writing alone.
+/// Returns a descriptor for reading an open file, even if that one is open for writing only.
 int reopen(int fd)
 {
   char path[64];
@@ -312,7 +312,7 @@ undo_slot *slot_of_write(const struct stat &before, int fd, uint64_t from, uint6
   return slot;
 }
 
-/// The directory part of a name, the name after it left out.
+/// Whether the name is directly in the directory; both are relative to the root.
 bool lies_in(const char *name, const char *directory)
 {
   const char *slash = strrchr(name, '/');
@@ -357,7 +357,7 @@ ssize_t undo_open(const char *path, int flags, system_call make)
   struct stat after;
   if (slot != nullptr && slot->kind == undo_kind::create && fd >= 0 && fstat(static_cast<int>(fd), &after) == 0) {
     slot->file = after.st_ino;
-    // What is left of a file that had this number and is gone for certain.
+    // The inode number is reused: forget the changes of the earlier file, which is certainly gone.
     free_slots([&after](const undo_slot &one) { return one.kind == undo_kind::data && one.file == after.st_ino; });
   }
   end(slot, fd >= 0);
@@ -498,7 +498,7 @@ ssize_t undo_fsync(int fd, const char *directory, system_call make)
   if (result != 0 || !is_on() || fstat(fd, &file) != 0) {
     return result;
   }
-  const size_t root_length = ROOT_LENGTH - 1;  // "/flashdisk" itself may be given with its slash or without
+  const size_t root_length = ROOT_LENGTH - 1;  // "/flashdisk" itself may come with or without its slash
   const char *below = directory == nullptr ? "" : directory + std::min(strlen(directory), root_length);
   below += *below == '/' ? 1 : 0;
   char parent[PATH_MAX];
