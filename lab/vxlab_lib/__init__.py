@@ -1,1 +1,1 @@
-"""The cluster laboratory: `cluster.Cluster` is the way in for programs, `cli.main` for people."""
+"""The cluster laboratory. Programs begin with `cluster.Cluster`, people with `cli.main`."""

@@ -1,4 +1,4 @@
-"""Measures a cluster: submissions by role, payload and number of submitters, against the cost of one durable save."""
+"""Measures a cluster: submissions by role, payload size and number of submitters, relative to the cost of a save."""
 
 import csv
 import os
@@ -13,19 +13,19 @@ from .errors import UsageError
 from .programs import DURABLE
 from .waiting import wait_until
 
-# Durable saves that stand in series on the road of one submission, all of them on the critical path.
+# Durable saves in series on the critical path of one submission.
 SAVES_IN_SERIES = {"leader": 5, "follower": 6}
-SAVES_OF_PAYLOADS = 2  # more, where payloads are durable: at the submitter, and at the others
-HOST_FLUSHES = 1  # and then this host flushes its journal before the hook returns
+SAVES_OF_PAYLOADS = 2  # further ones with durable payloads: at the submitter, and at the others
+HOST_FLUSHES = 1  # with durable payloads the host also flushes its journal before the hook returns
 STATES = [0, 1_000_000, 20_000_000]
 COUNT_MIN = 10
 COUNT_MAX = 3000
 WARM_UP = 5
-BULK_SIZE = 1_000_000  # from here on each payload is also watched until all nodes have it
+BULK_SIZE = 1_000_000  # from this size on each payload is also watched until all nodes have it
 BYTES_PER_CELL_MAX = 400_000_000
 BYTES_UNDER_WAY_MAX = 40_000_000
 IDLE_S = 10.0
-# Small snapshots: the library is measured here, not a journal that travels with every new log.
+# Small snapshots, so that the library is measured and not the journal that each new log carries.
 SETTINGS = {"journal.keep": 1000, "journal.keep_bytes": 1 << 20, "log.level": "warning"}
 
 COLUMNS = ["nodes", "durable", "role", "payload_bytes", "submitters", "submissions", "median_ms", "p99_ms", "per_s",
@@ -40,11 +40,11 @@ class Plan:
     sizes: list
     submitters: list
     cell_s: float
-    durable: bool = False  # each combination also with durable payloads
+    durable: bool = False  # measure each combination with durable payloads too
 
 
 def payload(size, seed):
-    """A line of `size` bytes that no compressor would like."""
+    """A line of `size` bytes that does not compress."""
     source = random.Random(seed)
     block = "".join(source.choices(string.ascii_letters + string.digits, k=min(size, 4096))).encode()
     return (block * (size // len(block) + 1))[:size]
@@ -58,8 +58,8 @@ class Bench:
         self._counts_disk = False
 
     def run(self, plan):
-        """Rows (dictionaries by COLUMNS), one per combination; the idle load in percent of one core, per size of
-        cluster; and, with durable payloads, what new logs cost (see print_roll_overs)."""
+        """Returns the rows (dictionaries by COLUMNS), one per combination; the idle load in percent of one core, per
+        size of cluster; and, with durable payloads, the cost of new logs (see print_roll_overs)."""
         warn_of_load(self._progress)
         self._counts_disk = plan.durable
         kinds = [False, True] if plan.durable else [False]
@@ -141,7 +141,7 @@ class Bench:
         return read_counts(self._cluster.nodes.values()) if self._counts_disk else (0, 0)
 
     def _yardsticks_us(self, node):
-        """One durable save of that node alone, and one while all nodes save."""
+        """Median cost in us of a durable save of this node alone, and of one while all nodes save."""
         everywhere = [each.path("flashdisk") for each in self._cluster.nodes.values()]
         return measure_save_us([self._cluster.node(node).path("flashdisk")]), measure_save_us(everywhere)
 
@@ -158,8 +158,8 @@ class Bench:
         return part.wait(1.0)
 
     def _one_by_one(self, node, size, submissions, name):
-        """(sorted latencies in us, median ms until every node has delivered the payload). Nodes are asked every few
-        milliseconds, so the second figure is no finer than that."""
+        """Returns (sorted latencies in us, median ms until every node has delivered the payload). The nodes are polled
+        every few milliseconds, which limits the precision of the second figure."""
         times, everywhere = [], []
         for number in range(submissions):
             self._progress.update(f"{name}: {number}/{submissions}")
@@ -177,7 +177,7 @@ class Bench:
 
 
 def warn_of_load(progress):
-    """A save waits for kernel threads, so a busy machine makes it many times dearer, and the ratio worthless."""
+    """A save waits for kernel threads. A busy machine makes it many times dearer, and the ratio worthless."""
     load, cores = os.getloadavg()[0], os.cpu_count() or 1
     if load > cores / 2:
         progress.say(f"WARNING: this machine is busy (load {load:.1f} on {cores} cores): the figures will not be good")

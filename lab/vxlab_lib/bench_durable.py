@@ -1,4 +1,4 @@
-"""What durable payloads cost: their rows beside the same without them, and how long a new log keeps ordering."""
+"""What durable payloads cost: the same rows with and without them, and how long a new log delays ordering."""
 
 import os
 import struct
@@ -9,20 +9,20 @@ from .programs import DURABLE
 
 ROLL_OVERS = 3
 LINE_BYTES = 100
-NEIGHBOURS = 2  # the submission that meets the new log, give or take so many
+NEIGHBOURS = 2  # the submission that meets a new log is searched this far around the expected one
 LINE_TIMEOUT_S = 120.0
 COUNTS = struct.Struct("<QQQQ")  # lab/disk_faults/disk_counts.h
 STATE_TYPE = 1
 
 
 def count_disk(node, library):
-    """From its next start on the node counts its saves and bytes."""
+    """Makes the node count its saves and bytes from its next start on."""
     node.environment = {"LD_PRELOAD": library, "VX_DISK_COUNTS": node.path("disk_counts")}
 
 
 def read_counts(nodes):
-    """(saves, bytes) of all these nodes: sync() calls and what was written below /flashdisk/cons; the host's own files
-    are left out."""
+    """Returns (saves, bytes) of all these nodes: the sync() calls, and the bytes written below /flashdisk/cons. The
+    host's own files are not counted."""
     saves = written = 0
     for node in nodes:
         with open(node.path("disk_counts"), "rb") as file:
@@ -32,7 +32,7 @@ def read_counts(nodes):
 
 
 class RollOvers:
-    """Ordering stands still while a new log begins: seen as the time of the submission that meets it."""
+    """Ordering stops while a new log begins. The latency of the submission that meets it shows for how long."""
 
     def __init__(self, cluster, progress, settings):
         self._cluster = cluster
@@ -40,7 +40,7 @@ class RollOvers:
         self._settings = settings
 
     def measure(self, count, durable, state_bytes):
-        """(median ms of any submission, [ms of each that met a new log]), submitted at the leader one by one."""
+        """Submits at the leader one by one. Returns (median ms of all submissions, [ms of each that met a new log])."""
         name = f"{count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes"
 
         def settings(node):
@@ -51,7 +51,7 @@ class RollOvers:
         self._cluster.create(count, settings)
         try:
             self._cluster.start_all(master=1)
-            # The first log has one place more: no state begins it.
+            # Index of the submission that meets each new log, give or take NEIGHBOURS.
             places = [LOG_ENTRIES_MAX + (LOG_ENTRIES_MAX - 1) * number for number in range(ROLL_OVERS)]
             lines = [f"{number:0{LINE_BYTES}}".encode() for number in range(places[-1] + NEIGHBOURS + 1)]
             part = self._cluster.submit(1, lines).wait(LINE_TIMEOUT_S)
@@ -62,7 +62,7 @@ class RollOvers:
 
 
 def print_ratios(rows, keys, stream):
-    """Rows with durable payloads over the same without."""
+    """Prints the ratio of each row with durable payloads to the same row without."""
     before = {tuple(row[key] for key in keys): row for row in rows if row["durable"] == "no"}
     print("\ndurable over not durable:", file=stream)
     for row in rows:
@@ -73,7 +73,7 @@ def print_ratios(rows, keys, stream):
 
 
 def print_roll_overs(found, stream):
-    """`found`: (nodes, durable, state bytes) -> what RollOvers.measure gave."""
+    """`found`: (nodes, durable, state bytes) -> result of RollOvers.measure."""
     print("\na new log, submitting at the leader one by one (ms):", file=stream)
     for (count, durable, state_bytes), (usual, met) in found.items():
         print(f"  {count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes: usual "

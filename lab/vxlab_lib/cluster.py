@@ -6,7 +6,7 @@
         cluster.submit(2, ["one line", "another"]).wait()
         cluster.await_equal()
 
-Use one object from one thread: the nodes die with the thread that opened the laboratory.
+Use an object from one thread only: the nodes die with the thread that opened the laboratory.
 """
 
 import struct
@@ -26,7 +26,7 @@ ACTIVE_TIMEOUT_S = 30.0
 
 class Cluster:
     def __init__(self, run_dir, build_dir=None):
-        """An existing laboratory in `run_dir`, up or not, or the place for a new one (`create`)."""
+        """Uses the laboratory in `run_dir`, up or not, or the place for a new one (`create`)."""
         self.dir = RunDir(run_dir)
         self.holder = HolderClient(self.dir)
         self.nodes = {}
@@ -44,9 +44,9 @@ class Cluster:
         }
 
     def create(self, count, settings=None, detached=False):
-        """Makes a cluster without a past, of `count` nodes, and opens it. `settings` are further configuration keys,
-        the same for all nodes, or a function that gives those of a node object. A laboratory that was in the run
-        directory is gone then. `detached`: it stays up when the caller ends."""
+        """Makes a new cluster of `count` nodes and opens it. `settings` are further configuration keys, the same for
+        all nodes, or a function that returns those of a node object. Replaces a laboratory in the run directory. With
+        `detached` it stays up when the caller ends."""
         if not 1 <= count <= NODES_MAX:
             raise UsageError(f"a cluster has 1 to {NODES_MAX} nodes, not {count}")
         found = programs.Programs(self._build_dir or programs.default_build_dir())
@@ -107,11 +107,11 @@ class Cluster:
         return [node_id for node_id, state in self.processes().items() if state["running"]]
 
     def processes(self):
-        """Node id -> {"pid", "running", "exit_code"} of the process started last."""
+        """Returns node id -> {"pid", "running", "exit_code"} of the process started last."""
         return {int(node): state for node, state in self.holder.ask("state")["nodes"].items() if node.isdigit()}
 
     def set_master(self, *node_ids):
-        """These nodes' state files say MASTER, all others BACKUP; BACKUP is written first."""
+        """Writes MASTER to these nodes' state files and BACKUP to all others, BACKUP first."""
         for node_id in node_ids:
             self.node(node_id)
         for node_id, node in self.nodes.items():
@@ -127,7 +127,7 @@ class Cluster:
         return [set(part) for part in self.dir.read_settings()["partition"]]
 
     def partition(self, *parts):
-        """From now on nodes of different parts do not hear each other. No part: all hear all."""
+        """From now on nodes of different parts do not hear each other. Without a part all nodes hear all."""
         settings = self.dir.read_settings()
         settings["partition"] = [sorted(part) for part in parts]
         self.dir.write_settings(settings)
@@ -138,14 +138,14 @@ class Cluster:
         self.partition()
 
     def submit(self, node_id, lines, threads=1, timeout_s=60):
-        """Starts a Submission. `timeout_s`: how long a line waits for a node that is not active to become so again."""
+        """Starts a Submission. `timeout_s`: how long a line waits for an inactive node to become active again."""
         return Submission(self.node(node_id), lines, threads, timeout_s)
 
     def status(self, node_id):
         return self.node(node_id).control.status()
 
     def last_decision(self, node_id):
-        """(number of the last decision, entries in its log) of the node, from its file."""
+        """Returns (number of the last decision, entries in its log) of the node, from its file."""
         return struct.unpack_from("<II", self.node(node_id).durable("paxos_decide"))
 
     def await_active(self, node_ids=None, timeout_s=ACTIVE_TIMEOUT_S):
@@ -153,7 +153,7 @@ class Cluster:
             wait_until(lambda node_id=node_id: self.status(node_id)["active"], timeout_s, f"node {node_id} is active")
 
     def await_equal(self, node_ids=None, timeout_s=60.0):
-        """Waits until the journals have the same length, then compares them; returns them."""
+        """Waits until the journals have the same length, compares them, and returns them."""
         node_ids = list(node_ids or self.nodes)
         counts = {}
 

@@ -1,4 +1,4 @@
-"""The commands of vxlab, one function each that adds its parser and says what it does."""
+"""The commands of vxlab. One function per command adds its parser."""
 
 import json
 import os
@@ -14,7 +14,7 @@ from .progress import Progress
 
 
 def lab(options):
-    """The laboratory of the run directory; it must be up."""
+    """Returns the laboratory of the run directory, which must be up."""
     cluster = Cluster(options.dir, options.bin)
     if not cluster.dir.holder_pid():
         raise NoLabError(f"no laboratory is up in {cluster.dir.path}: `vxlab up 3` starts one")
@@ -266,7 +266,7 @@ def run_bench(subparsers):
 
 def run_soak(subparsers):
     def run(options):
-        from . import soak  # only here: all other commands do without
+        from . import soak  # imported here because no other command needs it
 
         soak.run(options, Progress())
 

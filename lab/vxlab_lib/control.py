@@ -1,4 +1,4 @@
-"""A node's control socket: one line of JSON there, one back; some operations go on with plain lines."""
+"""A node's control socket: one line of JSON as request, one as answer. Some operations go on with plain lines."""
 
 import json
 import os
@@ -12,12 +12,12 @@ ANSWER_TIMEOUT_S = 20.0
 
 
 class NodeUnreachable(LabError):
-    """No daemon answers: not running, not up yet, or gone in the middle."""
+    """No daemon answers: it does not run, is not up yet, or ended during the request."""
 
 
 @contextmanager
 def connect(directory, what, request, timeout_s=ANSWER_TIMEOUT_S):
-    """Sends the request to the socket kesh.sock in `directory`; gives (answer, stream, socket). `what` names the node
+    """Sends the request to the socket kesh.sock in `directory`; returns (answer, stream, socket). `what` names the node
     in errors. Raises NodeUnreachable, or LabError if the node refuses."""
     fd = -1
     try:
@@ -60,13 +60,13 @@ class ControlClient:
             pass
 
     def heard(self):
-        """[(node, text)] of the cluster messages heard so far, text escaped as in the journal."""
+        """Returns [(node, text)] of the cluster messages heard so far, with text escaped as in the journal."""
         with self.open({"op": "heard"}) as (_, stream, _):
             rows = [line.decode("utf-8", "replace").rstrip("\n").split(" ", 2) for line in stream]
         return [(int(row[1]), row[2]) for row in rows]
 
     def block(self, nodes):
-        """Test aid: the node drops whatever these nodes send, and hears all others."""
+        """Test aid: the node drops all that these nodes send, and hears all others."""
         with self.open({"op": "block", "mask": sum(1 << (node - 1) for node in nodes)}):
             pass
 
@@ -81,20 +81,20 @@ class ControlClient:
             pass
 
     def reinit(self):
-        """Cleans the library up and initialises it again; starts it if it was active."""
+        """Cleans the library up, initialises it again, and starts it if it was active."""
         with self.open({"op": "reinit"}, 60.0):
             pass
 
     def slow(self, hook, wait_ms):
-        """Test aid: the hook "deliver" or "state" takes so much longer from now on."""
+        """Test aid: from now on the hook "deliver" or "state" takes `wait_ms` longer."""
         with self.open({"op": "slow", "hook": hook, "ms": wait_ms}):
             pass
 
     @contextmanager
     def load(self, **options):
-        """Lines that the daemon makes itself; gives the stream on which it tells its totals at the end, one line of
-        JSON. Leaving the context ends the load. Options: threads, bytes (list of payload sizes), count, seconds,
-        pause_ms, timeout_s (of a line), repeat (under the same tag after a -1)."""
+        """Makes the daemon submit lines of its own. Gives the stream on which it reports its totals at the end, as one
+        line of JSON. Leaving the context ends the load. Options: threads, bytes (list of payload sizes), count,
+        seconds, pause_ms, timeout_s (per line), repeat (submit again under the same tag after a -1)."""
         with self.open({"op": "load", **options}) as (_, stream, sock):
             sock.settimeout(None)
             yield stream, sock

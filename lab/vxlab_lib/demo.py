@@ -1,4 +1,4 @@
-"""The demo: three nodes agree on the order of a real text, lose their leader, go on, and take it back."""
+"""The demo: three nodes agree on the order of a real text, lose their leader, go on, and take it back in."""
 
 import glob
 import os
@@ -15,7 +15,7 @@ NODES = 3
 LINES_MIN = 640  # fewer would not fill two logs of 250 entries
 LINES_MAX = 3000
 SUBMIT_BUDGET_S = 45.0
-SAVES_PER_LINE = 12  # what an ordered line costs, all nodes on one disk
+SAVES_PER_LINE = 12  # per ordered line, with all nodes on one disk
 THREADS = 4  # submitters at each node
 TIMEOUT_S = 240.0
 TEXT_FILES = "/usr/lib/python3*/pydoc_data/topics.py"  # some ten thousand lines of plain documentation
@@ -49,7 +49,7 @@ class Demo:
         self._submissions = []
 
     def run(self, path, lines_max=None):
-        """Returns the summary, [(what, value)]. Raises LabError when something does not hold."""
+        """Returns the summary, [(what, value)]. Raises LabError if a promise does not hold."""
         lines = read_lines(path)
         self._progress.say(f"{NODES} nodes come up in {self._cluster.dir.path}")
         self._cluster.create(NODES)
@@ -77,7 +77,7 @@ class Demo:
         self._submissions.append(self._cluster.submit(node, lines, THREADS))
 
     def _exchange_messages(self):
-        """One cluster message from each node; all must hear all three, their own included."""
+        """Sends one cluster message from each node. Every node must hear all three, its own included."""
         for node in self._cluster.nodes.values():
             node.control.say(f"node {node.id} greets the cluster")
         for node in self._cluster.nodes.values():
@@ -89,7 +89,7 @@ class Demo:
         return sum(len(part.acknowledged) for part in self._submissions)
 
     def _watch(self):
-        """Called while lines go in: shows how far it is, counts logs, and notices a client that failed."""
+        """Called while lines are submitted: shows the progress and counts logs."""
         number, entries = self._cluster.last_decision(2)
         if entries:
             self._log_starts.add(number - entries + 1)
@@ -110,14 +110,14 @@ class Demo:
         wait_until(is_reached, TIMEOUT_S, f"{wanted} lines acknowledged")
 
     def _lose_leader(self):
-        """kill -9 of node 1. Seconds from there to the first line that is acknowledged afterwards."""
+        """Kills node 1 with SIGKILL. Returns the seconds from then to the first line acknowledged by the new leader."""
         log_size = os.path.getsize(self._cluster.node(2).log_path)
         killed_at = time.monotonic()
         self._cluster.kill(1)
         self._cluster.set_master(2)
         self._progress.say(f"a third is through: the leader, node 1, was killed (-9) with "
                            f"{self._acknowledged_count()} lines acknowledged; node 2 becomes MASTER")
-        # What is acknowledged before node 2 leads was still decided by the old leader.
+        # A line acknowledged before node 2 leads was decided by the old leader.
         wait_until(lambda: self._leads_since(log_size), 30.0, "node 2 enters leader mode")
         leads_at = time.monotonic()
 
@@ -137,7 +137,7 @@ class Demo:
             return b"Entering Leader Mode" in log.read()
 
     def _take_back(self):
-        """Starts node 1 again. Seconds until it has what the cluster had when it was started."""
+        """Starts node 1 again. Returns the seconds until it has all that the cluster had at its start."""
         wanted = self._cluster.status(2)["journal"]["lines"]
         had = self._cluster.node(1).journal().count
         self._progress.say(f"two thirds are through: node 1 starts again with {had} lines, the cluster has {wanted}")
@@ -154,8 +154,8 @@ class Demo:
         return catch_up_s
 
     def _submit_rest(self, broken):
-        """Lines that node 1 had taken when it died are in doubt: some are in the journal, without an acknowledgement.
-        Only what is not there goes in again."""
+        """Lines that node 1 had taken when it died are in doubt: some are in the journal without an acknowledgement.
+        Submits only those again that are not."""
         broken.join(10.0)
         front = next(iter(broken.acknowledged.values())).tag.rpartition(".")[0] + "."
         known = {entry.tag for entry in broken.acknowledged.values()}

@@ -1,4 +1,4 @@
-"""What one durable save costs on a directory's disk: the yardstick for everything the cluster does."""
+"""What one durable save costs on a directory's disk. All that the cluster does is measured against it."""
 
 import itertools
 import os
@@ -11,7 +11,7 @@ SAVE_SIZE = 1258  # bytes of the largest of the library's records
 
 
 def _save_again_and_again(directory, count, ready):
-    """Microseconds of each save."""
+    """Returns the microseconds that each save took."""
     path = os.path.join(directory, "save_probe")
     content = b"\0" * SAVE_SIZE
     times = []
@@ -29,8 +29,8 @@ def _save_again_and_again(directory, count, ready):
 
 
 def measure_save_us(directories, count=50):
-    """Median microseconds of: write a temporary file, rename it, sync(). With several directories that many save at the
-    same moment, as the nodes do when they vote."""
+    """Returns the median microseconds to write a temporary file, rename it and sync(). With several directories, one
+    thread per directory saves at the same moment, as the nodes do when they vote."""
     ready = threading.Barrier(len(directories), timeout=60)
     with ThreadPoolExecutor(len(directories)) as savers:
         under_way = [savers.submit(_save_again_and_again, each, count, ready) for each in directories]
@@ -38,5 +38,5 @@ def measure_save_us(directories, count=50):
 
 
 def percentile(ordered, percent):
-    """Of a sorted list that is not empty."""
+    """Returns the percentile of a sorted list, which must not be empty."""
     return ordered[min(len(ordered) - 1, len(ordered) * percent // 100)]

@@ -1,8 +1,8 @@
-"""The holder: the one process of a laboratory that lives on between commands. Parent of all nodes.
+"""The holder: the process of a laboratory that stays between commands, and the parent of all nodes.
 
-It sits in the cluster's network namespace, starts the nodes there as its children, and answers one-line JSON requests
-on lab.sock. When it dies, however it dies, the kernel kills the nodes, and with the last process the namespaces go.
-One thread, because a node's death is tied to the thread that started it.
+It runs in the cluster's network namespace, starts the nodes there as its children, and answers one-line JSON requests
+on lab.sock. However it dies, the kernel then kills the nodes; the namespaces end with the last process. It has a single
+thread, because the kernel kills a node when the thread that started it ends.
 """
 
 import json
@@ -18,7 +18,7 @@ from .rundir import RunDir, short_path
 from .waiting import WaitTimeout, wait_until
 
 STOP_TIMEOUT_S = 10.0
-LOCK_TIMEOUT_S = 1.0  # somebody may be looking whether it is held
+LOCK_TIMEOUT_S = 1.0  # another process may hold it for a moment to see whether it is free
 REQUEST_MAX = 1 << 20
 
 
@@ -118,7 +118,7 @@ class Holder:
         try:
             connection.sock.sendall(json.dumps(answer).encode() + b"\n")
         except OSError:
-            pass  # the asker has gone; the next read sees that too
+            pass  # the client has gone; the next read notices it too
 
     def _is_running(self, node):
         child = self._children.get(node)
@@ -137,12 +137,12 @@ class Holder:
     def _do_signal(self, _connection, request):
         if not self._is_running(request["node"]):
             return {"error": f"node {request['node']} is not running"}
-        # Nobody but us reaps the child, so the number still means it.
+        # Only this process reaps the child, so the number still means it.
         self._children[request["node"]].send_signal(request["signal"])
         return {}
 
     def _do_kill_all(self, _connection, request):
-        """SIGKILL to all of these that run, at one moment."""
+        """Sends SIGKILL to all of these nodes that run, at one moment."""
         running = [node for node in request["nodes"] if self._is_running(node)]
         for node in running:
             self._children[node].send_signal(signal.SIGKILL)
@@ -180,7 +180,7 @@ class Holder:
         self._waiters = remaining
 
     def _stop_children(self):
-        """SIGTERM for all at once, SIGKILL for those that do not heed it."""
+        """Sends SIGTERM to all at once, then SIGKILL to those that do not end."""
         running = [child for child in self._children.values() if child.poll() is None]
         for child in running:
             child.send_signal(signal.SIGTERM)

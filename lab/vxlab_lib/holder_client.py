@@ -1,4 +1,4 @@
-"""Starts the holder, asks it, ends it."""
+"""Starts the holder, sends it requests and ends it."""
 
 import json
 import os
@@ -25,7 +25,7 @@ class HolderClient:
         return self._process is not None
 
     def start(self, node_view, detached):
-        """`detached`: the holder outlives the caller; else the kernel kills it with the calling thread."""
+        """If `detached`, the holder outlives the caller; else the kernel kills it when the calling thread ends."""
         if self._dir.holder_pid():
             raise LabError(f"a laboratory is up in {self._dir.path} already: `vxlab down` ends it")
         library_parent = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
@@ -53,7 +53,7 @@ class HolderClient:
             return False
 
     def ask(self, what, answer_timeout_s=ANSWER_TIMEOUT_S, **arguments):
-        """The answer to one request. Raises NoLabError if nobody is there, LabError if the holder refuses."""
+        """Returns the answer to one request. Raises NoLabError if there is no holder, LabError if it refuses."""
         path, fd = "", -1
         try:
             path, fd = short_path(self._dir.path, "lab.sock")
@@ -76,7 +76,7 @@ class HolderClient:
 
     def end(self, timeout_s=25.0):
         """Ends the holder and with it every node; no error if there is none. A holder that does not answer is killed,
-        and the kernel kills the nodes with it."""
+        and the kernel then kills the nodes."""
         pid = self._dir.holder_pid()
         if pid is not None:
             self._end(pid, timeout_s)
@@ -88,7 +88,7 @@ class HolderClient:
     def _end(self, pid, timeout_s):
         with open_pidfd(pid) as process:
             if self._dir.holder_pid() != pid:
-                return  # it ended by itself, and the descriptor may mean somebody else
+                return  # it ended by itself, and the descriptor may mean another process
             try:
                 self.ask("end")
                 self._await_end(timeout_s)

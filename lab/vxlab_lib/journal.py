@@ -1,4 +1,4 @@
-"""A node's journal file, read with no help of the program that wrote it."""
+"""Reads a node's journal file independently of the program that wrote it."""
 
 import re
 import zlib
@@ -20,10 +20,10 @@ class Line:
 class Journal:
     node: int
     lines: list = field(default_factory=list)
-    base: int = 0  # lines applied before the first one that the file holds
+    base: int = 0  # lines applied before the first one in the file
     base_hash: str = ""
-    repeated: int = 0  # delivered again under a later attempt: no fault
-    redelivered: int = 0  # the one line before a crash, again after it: no fault
+    repeated: int = 0  # delivered again under a later attempt: not a fault
+    redelivered: int = 0  # the last line before a crash, again after it: not a fault
     doubled: int = 0  # delivered twice: a fault
 
     @property
@@ -36,7 +36,7 @@ class Journal:
 
 
 def parse_record(raw, where):
-    """(kind, Line) of one record without its newline."""
+    """Returns (kind, Line) of one record without its newline."""
     crc, _, rest = raw.partition(b" ")
     if len(crc) != 8 or int(crc, 16) != zlib.crc32(rest):
         raise CheckFailed(f"{where}: the record is damaged")
@@ -53,7 +53,7 @@ def unescape(text):
 
 
 def read_journal(path, node):
-    """Reads the file. A record without its newline is still being written, and left out."""
+    """Reads the file. Leaves out a record without its newline, which is still being written."""
     journal = Journal(node)
     try:
         with open(path, "rb") as file:

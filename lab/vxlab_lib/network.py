@@ -1,10 +1,10 @@
-"""Which nodes hear which: partitions, made by letting each node drop what it receives."""
+"""Partitions: which nodes hear which. Each node drops what it must not hear."""
 
 from .errors import UsageError
 
 
 def parse_nodes(text, count):
-    """Node ids of "1,3" or "1-3"."""
+    """Returns the node ids of "1,3" or "1-3"."""
     nodes = set()
     for word in text.split(","):
         first, _, last = word.strip().partition("-")
@@ -19,7 +19,7 @@ def parse_nodes(text, count):
 
 
 def parse_partition(text, count):
-    """List of sets of nodes from "1,2|3". Nodes that are not named form one more part."""
+    """Returns a list of sets of nodes from "1,2|3". Nodes that are not named form one more part."""
     parts = [parse_nodes(part, count) for part in text.split("|")]
     named = [node for part in parts for node in part]
     if len(named) != len(set(named)):
@@ -32,6 +32,6 @@ def parse_partition(text, count):
 
 
 def blocked_by(parts, node):
-    """The nodes that `node` must not hear."""
+    """Returns the nodes that `node` must not hear."""
     own = next((part for part in parts if node in part), None)
     return set() if own is None else {other for part in parts if part is not own for other in part}

@@ -10,7 +10,7 @@ from .errors import LabError
 from .rundir import write_by_rename
 from .waiting import wait_until
 
-UNDO = ".undo"  # in /flashdisk: what a power cut may take away, see chaos/power_cut.py
+UNDO = ".undo"  # in /flashdisk: what a power cut may undo, see chaos/power_cut.py
 START_TIMEOUT_S = 30.0
 STOP_TIMEOUT_S = 20.0
 
@@ -23,8 +23,8 @@ class Node:
         self._holder = holder
         self.control = ControlClient(node_id, self.path("run"))
         self.net_pid = None  # a process whose network the node shares; None: the laboratory's
-        self.environment = {}  # of the daemon, on top of the laboratory's
-        self.on_spawn = lambda pid: None  # called as soon as a process of the daemon is there
+        self.environment = {}  # of the daemon, in addition to the laboratory's
+        self.on_spawn = lambda pid: None  # called as soon as a process of the daemon exists
 
     def path(self, *parts):
         return os.path.join(self.dir, *parts)
@@ -42,7 +42,7 @@ class Node:
         return self.path("flashdisk", "cons", "payloads")
 
     def view(self, *command):
-        """Command line that runs `command` in a new view like the daemon's: its files, its network."""
+        """Returns a command line that runs `command` in a new view with the daemon's files and network."""
         network = ["--net-pid", str(self.net_pid)] if self.net_pid else []
         return [self._programs.node_view, "--flashdisk", self.path("flashdisk"), "--run", self.path("run"), *network,
                 "--", *command]
@@ -52,7 +52,7 @@ class Node:
         return self.view(*setting, self._programs.kesh, "run", "--config", self.path("kesh.conf"))
 
     def create(self, node_count, settings):
-        """New directories, configuration and durable files: a node that belongs to a cluster without a past."""
+        """Makes new directories, configuration and durable files for a node of a new cluster."""
         os.makedirs(self.cons_dir, exist_ok=True)
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
@@ -61,14 +61,14 @@ class Node:
         self.configure(node_count)
 
     def configure(self, node_count):
-        """The node, which is down, becomes one of a cluster without a past."""
+        """Makes the node, which must be down, a node of a new cluster."""
         shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
         programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
                                str(node_count), "--id", str(self.id), "--yes"),
                      f"configure node {self.id}", cwd=self.dir)
 
     def write_state(self, state):
-        """What keepalived would write. By rename: a half-written state would read as another one."""
+        """Writes what keepalived would write. By rename, for a half-written state would read as another one."""
         write_by_rename(self.path("run", "node_state"), state + "\n")
 
     def state(self):
@@ -79,7 +79,7 @@ class Node:
             return ""
 
     def process(self):
-        """{"pid", "running", "exit_code"} of the process started last; None if there was none."""
+        """Returns {"pid", "running", "exit_code"} of the process started last; None if there was none."""
         return self._holder.ask("state")["nodes"].get(str(self.id))
 
     def is_running(self):
@@ -93,8 +93,7 @@ class Node:
         return process["pid"]
 
     def start(self):
-        """Starts the daemon and waits until it answers. A daemon that ends instead is an error that names its last log
-        line."""
+        """Starts the daemon and waits until it answers. If it ends instead, the error names its last log line."""
         self.spawn()
         self.await_started()
 
@@ -102,7 +101,7 @@ class Node:
         wait_until(self._started, START_TIMEOUT_S, f"node {self.id} answers (see {self.log_path})", poll_s=0.05)
 
     def spawn(self):
-        """Starts the daemon; does not wait. Returns its process id."""
+        """Starts the daemon without waiting. Returns its process id."""
         answer = self._holder.ask("spawn", node=self.id, dir=self.dir, output=self.path("output.log"),
                                   command=self._daemon())
         self.on_spawn(answer["pid"])
@@ -133,12 +132,12 @@ class Node:
         return "no word of it"
 
     def stop(self):
-        """Clean shutdown; returns the exit code."""
+        """Shuts the daemon down cleanly. Returns the exit code."""
         self.signal(signal.SIGTERM)
         return self.await_end()
 
     def kill(self):
-        """kill -9: nothing is saved that is not saved already."""
+        """kill -9: the daemon saves nothing more."""
         self.signal(signal.SIGKILL)
         self.await_end()
 
@@ -152,7 +151,7 @@ class Node:
         self._holder.ask("signal", node=self.id, signal=int(number))
 
     def await_end(self, timeout_s=STOP_TIMEOUT_S):
-        """Exit code of the process once it has ended; negative: the signal that killed it."""
+        """Waits until the process has ended. Returns its exit code; negative means the signal that killed it."""
         answer = self._holder.ask("wait", timeout_s + 5.0, node=self.id, timeout_s=timeout_s)
         if "timeout" in answer:
             raise LabError(f"node {self.id} has not ended within {timeout_s:g} s (see {self.log_path})")
@@ -162,19 +161,19 @@ class Node:
         return journal.read_journal(self.path("flashdisk", "journal"), self.id)
 
     def durable(self, name):
-        """Bytes of one of the library's files in /flashdisk/cons."""
+        """Returns the bytes of one of the library's files in /flashdisk/cons."""
         with open(self.path("flashdisk", "cons", name), "rb") as file:
             return file.read()
 
     def kesh(self, subcommand, *arguments):
-        """Command line of a kesh subcommand for this daemon, to be run in the node's directory: the socket's address
-        then fits, however deep that lies."""
+        """Returns the command line of a kesh subcommand for this daemon. Run it in the node's directory: the socket's
+        address then fits, however deep that directory is."""
         return [self._programs.kesh, subcommand, "--socket", "run/kesh.sock", *arguments]
 
     def inside(self, command):
-        """Command line that runs `command` in the node's own view, network and queues."""
+        """Returns a command line that runs `command` in the node's own view, network and queues."""
         return [self._programs.node_view, "--join", str(self.pid()), "--", *command]
 
     def run_inside(self, command, timeout_s=programs.COMMAND_TIMEOUT_S):
-        """Its standard output; it must succeed."""
+        """Returns the command's standard output. The command must succeed."""
         return programs.run(self.inside(command), f"node {self.id}: {command[0]}", timeout_s)

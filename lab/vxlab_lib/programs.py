@@ -6,7 +6,7 @@ import subprocess
 from .errors import LabError, UsageError
 
 COMMAND_TIMEOUT_S = 60.0
-DURABLE = {"cluster.durable_payloads": "yes"}  # keys of every node, for payloads that survive it
+DURABLE = {"cluster.durable_payloads": "yes"}  # keys of every node for durable payloads
 
 CONFIG = """\
 # Node {node} of a laboratory; written by vxlab.
@@ -39,14 +39,14 @@ def default_build_dir():
 
 
 def config_text(node, log, settings):
-    """Text of a configuration file; `settings` (key -> value) come on top."""
+    """Returns the text of a configuration file. `settings` (key -> value) override the defaults."""
     log_level = settings.get("log.level", "info")
     text = CONFIG.format(node=node, log=log, log_level=log_level)
     return text + "".join(f"{key} = {value}\n" for key, value in settings.items() if key != "log.level")
 
 
 def run(command, what, timeout_s=COMMAND_TIMEOUT_S, **options):
-    """Standard output of a command that must succeed. `what` names it in the error."""
+    """Returns the standard output of a command that must succeed. `what` names it in the error."""
     try:
         result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout_s, text=True,
                                 errors="replace", **options)

@@ -1,4 +1,4 @@
-"""Tells what is going on: one live line on a terminal, a line now and then elsewhere."""
+"""Shows the progress: one live line on a terminal, a line now and then elsewhere."""
 
 import sys
 import time
@@ -16,12 +16,12 @@ class Progress:
         self._start = time.monotonic()
 
     def say(self, text):
-        """A line that stays."""
+        """Prints a line that stays."""
         self._wipe()
         print(f"[{time.monotonic() - self._start:5.1f} s] {text}", file=self._stream, flush=True)
 
     def update(self, text):
-        """A line that the next one replaces; may be called as often as you like."""
+        """Prints a line that the next one replaces. May be called as often as you like."""
         now = time.monotonic()
         if now - self._shown_at < (LIVE_PERIOD_S if self._is_terminal else PLAIN_PERIOD_S):
             return

@@ -1,8 +1,8 @@
-"""The run directory: everything that a laboratory ever writes.
+"""The run directory: all that a laboratory writes.
 
-    lab.json            marks the directory as ours; what `up` was asked for
+    lab.json            marks the directory as a laboratory's; the arguments of `up`
     lab.sock            the holder's socket
-    lab.lock            locked by the holder while it lives; its process id
+    lab.lock            locked by the holder while it runs; its process id
     holder.log          what the holder and its children print
     nodeK/kesh.conf     configuration of node K
     nodeK/kesh.log      its log
@@ -21,7 +21,7 @@ MARKER = "lab.json"
 
 
 def write_by_rename(path, text):
-    """Whole or not at all: a reader never sees half a file."""
+    """Writes the file whole or not at all, so that a reader never sees half of it."""
     temporary = f"{path}.new"
     with open(temporary, "w", encoding="utf-8") as file:
         file.write(text)
@@ -54,7 +54,7 @@ class RunDir:
         write_by_rename(self.file(MARKER), json.dumps(settings, indent=2) + "\n")
 
     def prepare(self, fresh):
-        """Makes the directory; `fresh` empties one that held a laboratory before. Never touches what is not ours."""
+        """Makes the directory. `fresh` empties one that held a laboratory before. Never touches any other directory."""
         try:
             os.makedirs(self.path, exist_ok=True)
             entries = os.listdir(self.path)
@@ -74,8 +74,8 @@ class RunDir:
             shutil.rmtree(self.path)
 
     def take_lock(self):
-        """Locks the directory for the calling process, whose id stands in the file then. Returns the open file, or None
-        when somebody else has it. The kernel lets go of the lock with its owner."""
+        """Locks the directory for the calling process and writes its id into the lock file. Returns the open file, or
+        None if another process holds the lock. The kernel releases the lock when its owner ends."""
         file = open(self.file("lab.lock"), "a+", encoding="utf-8")
         try:
             fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -88,7 +88,7 @@ class RunDir:
         return file
 
     def holder_pid(self):
-        """Process id of the living holder, or None. A number left by a dead one is never taken for it."""
+        """Returns the process id of the running holder, or None. Ignores a number that a dead one left."""
         try:
             with open(self.file("lab.lock"), encoding="utf-8") as file:
                 try:
@@ -101,7 +101,7 @@ class RunDir:
 
 
 def short_path(directory, name):
-    """A path to directory/name that fits the 107 bytes of a socket address, however deep the directory lies. The
-    returned descriptor keeps it valid; close it afterwards."""
+    """Returns a path to directory/name that fits the 107 bytes of a socket address, however deep the directory is, and
+    a descriptor that keeps the path valid. Close it afterwards."""
     fd = os.open(directory, os.O_PATH | os.O_DIRECTORY)
     return f"/proc/self/fd/{fd}/{name}", fd

@@ -1,5 +1,5 @@
-"""Long life: a cluster under steady load, then loops of leaving and joining and of beginning anew. Does anything grow?
-Does anything hang? Are the journals equal at the end?"""
+"""A long run: a cluster under steady load, then loops in which nodes leave and join or are initialised anew. Does
+anything grow? Does anything hang? Are the journals equal at the end?"""
 
 import os
 import time
@@ -24,17 +24,17 @@ LOAD = {"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}  # the lon
 SETTINGS = {"journal.keep": JOURNAL_KEEP, "log.max_size": LOG_BYTES_MAX}
 
 PERIOD_S = 1.0
-LEAVE_EVERY = 8  # seconds; a node leaves for one of them
+LEAVE_EVERY = 8  # seconds; a node leaves for one second
 MOVE_EVERY = 30  # seconds
-CALL_S = 5.0  # of leave, start and reinit; the hooks here take no time
-PROGRESS_S = 30.0  # until a node that has joined gets a line through
+CALL_S = 5.0  # limit for leave, start and reinit; the hooks here take no time
+PROGRESS_S = 30.0  # limit until a line of a node that has joined is acknowledged
 REST_S = 60.0
-PAYLOADS_S = 5.0  # until payload files are gone that have to go
+PAYLOADS_S = 5.0  # limit until superseded payload files are removed
 KILLS_MIN = 6
 FURTHER_LINES = 260  # more than a log holds: a snapshot makes all journals equal
 
 ROLL_OVERS_MIN = 50
-LONG_MINUTES = 10  # a soak of that length with fewer roll-overs says nothing
+LONG_MINUTES = 10  # a soak of this length with fewer roll-overs proves nothing
 DESPAIR = [b"This should never happen", b"corrupted message set", b"Isolating"]
 LOST = b"data lost - skipped"
 
@@ -46,7 +46,7 @@ class SoakArena(BrokerArena):
 
 @contextmanager
 def new_cluster(options):
-    """All nodes configured, none started."""
+    """Gives a cluster with all nodes configured and none started."""
     build = Build(options.bin, options.library)
     settings = {**SETTINGS, **(DURABLE if options.durable else {})}
     if options.transport == "udp":
@@ -79,7 +79,7 @@ class Soak:
         self.notes = []
 
     def run(self, minutes, cycles):
-        """Fills figures, faults and notes. Raises CheckFailed where something hangs or differs."""
+        """Fills figures, faults and notes. Raises CheckFailed if something hangs or differs."""
         self._cluster.start_all(master=self._leader)
         self._pids = {node_id: state["pid"] for node_id, state in self._cluster.processes().items()}
         for node_id in self._cluster.nodes:
@@ -90,7 +90,7 @@ class Soak:
             if cycles:
                 self._loops(cycles)
             self._rest()
-        except (NodeUnreachable, WaitTimeout) as error:  # nobody made a fault: whoever is mute or late hangs
+        except (NodeUnreachable, WaitTimeout) as error:  # no fault was made: a mute or late node hangs
             phase = self.figures.phases[-1]
             ended = [f"node {node_id} has ended with {state['exit_code']}"
                      for node_id, state in self._cluster.processes().items() if not state["running"]]
@@ -107,7 +107,7 @@ class Soak:
     def _next(self, node_id):
         return node_id % len(self._cluster.nodes) + 1
 
-    # ---- what is done to the cluster
+    # ---- actions
 
     def _soak(self, minutes):
         phase = self._begin("soak", (1 / 3, 2 / 3), (2 / 3, 1), ROLL_OVERS_MIN)
@@ -152,7 +152,7 @@ class Soak:
             self._show(phase, bar(phase.cycles, cycles))
 
     def _kills(self, cycles):
-        """Submitters die: what they had on its way is named by no log, and must not stay."""
+        """Kills submitters. No log names the payloads that they were about to submit, so these must not stay."""
         phase = self._begin("kill -9, each in turn", (1 / 4, 1 / 2), (3 / 4, 1))
         node_id = self._leader
         for _ in range(cycles):
@@ -183,7 +183,7 @@ class Soak:
                                f"{CALL_S:g} are allowed")
 
     def _rest(self):
-        """The load ends, all journals become equal."""
+        """Ends the load and waits until all journals are equal."""
         self._progress.say("the load ends; now the journals are compared")
         self._load.end()
         if self._load.refused:
@@ -200,7 +200,7 @@ class Soak:
         if lines < acknowledged:
             raise CheckFailed(f"{acknowledged} lines were acknowledged, the journals have {lines}")
         self.notes.append(f"{lines} lines in each journal, {acknowledged} of them acknowledged; the journals are equal")
-        self._await_few_payloads(len(nodes))  # at most a state of each for the next number
+        self._await_few_payloads(len(nodes))  # at most one snapshot of each node for the next decision
         if self._durable and not all(phase.most_payloads() for phase in self.figures.phases):
             self.faults.append("no payload was ever in a file")
         self._read_logs()
@@ -221,20 +221,20 @@ class Soak:
                     lost += LOST in line
                     if worst is None and any(word in line for word in DESPAIR):
                         worst = line.decode(errors="replace").strip()
-            if lost:  # the only node that had it, mostly a leader with a new snapshot, left or was cleaned up
+            if lost:  # the only node that had it (mostly a leader with a new snapshot) left or was cleaned up
                 found = self.faults if self._durable else self.notes
                 found.append(f"node {node.id} has skipped {lost} lost payloads")
             if worst:
                 self.faults.append(f"node {node.id} logged: {worst}")
 
-    # ---- what is seen of it
+    # ---- observations
 
     def _begin(self, name, *arguments):
         self._progress.say(name)
         return self.figures.begin(name, *arguments)
 
     def _sample(self, phase):
-        # States for the next number, calls under way, and calls that died since their node's last decided message.
+        # Snapshots for the next decision, open calls, and calls that died since their node's last decided message.
         self._await_few_payloads(len(self._cluster.nodes) * (1 + 2 * LOAD["threads"]))
         sample = {"t": time.monotonic(), "given_up": self._of_killed["again"] + self._of_killed["failed"]}
         for node_id, node in self._cluster.nodes.items():
@@ -254,7 +254,7 @@ class Soak:
             figures = process_figures(self._pids[node_id])
             if figures:
                 return figures
-            process = self._cluster.node(node_id).process()  # it has ended, or just one of its threads
+            process = self._cluster.node(node_id).process()  # the process has ended, or only one of its threads
             if not process["running"]:
                 raise CheckFailed(f"the process of node {node_id} has ended with {process['exit_code']}: "
                                   f"{self._cluster.node(node_id).last_words()}")

@@ -1,4 +1,4 @@
-"""What a soak has seen: figures of every node, phase by phase; whether they grow; a table of them.
+"""The figures of a soak: of every node, phase by phase; whether they grow; a table of them.
 
 What may grow, and can be counted, is subtracted: kesh remembers of each line which took more than one attempt that it
 did."""
@@ -16,15 +16,15 @@ LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0, "unnam
 TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
           "stale": "temporary files left", "unnamed": "payload files beyond the log"}
 ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
-SAMPLES_MIN = 100  # of a phase whose memory is judged as strictly as that
-WARM_UP_KB = 2048  # what memory may rise in a shorter one: allocators and caches fill for a while
-STALE_S = 5.0  # a save takes less
+SAMPLES_MIN = 100  # of a phase whose memory is judged by LIMITS
+WARM_UP_KB = 2048  # allowed rise in a shorter phase, while allocators and caches fill
+STALE_S = 5.0  # a save takes less time
 
 
 @dataclass
 class Phase:
     name: str
-    middle: tuple  # the shares of the samples whose medians are compared
+    middle: tuple  # (begin, end) as shares of the samples; the medians of `middle` and `end` are compared
     end: tuple
     roll_overs_min: int = 0
     cycles: int = 0
@@ -36,7 +36,7 @@ class Phase:
         return len(self.samples) >= SAMPLES_MIN and self.roll_overs >= self.roll_overs_min
 
     def window(self, share, pick):
-        """Median over a part of the phase."""
+        """Returns the median over a part of the phase."""
         count = len(self.samples)
         begin = min(int(share[0] * count), count - 1)
         return median(pick(sample) for sample in self.samples[begin:max(begin + 1, int(share[1] * count))])
@@ -60,7 +60,7 @@ class Phase:
                 if self.rise(lambda sample: sample[node_id][figure]) > self.allowed(figure)]
 
     def cells(self, node_id):
-        """One row of the table: every figure at the start, in the middle and at the end."""
+        """Returns one row of the table: every figure at the start, in the middle and at the end."""
         def course(figure):
             shares = ((0, 0.1), self.middle, self.end)
             return " / ".join(f"{self.window(share, lambda one: one[node_id][figure]):.0f}" for share in shares)
@@ -73,7 +73,7 @@ class Phase:
                 "flat" if self.is_long() else "flat, as far as so short a time tells"]
 
     def most_payloads(self):
-        """Files on any node at any time."""
+        """Returns the most payload files on any node at any time."""
         return max(figures["payloads"] for sample in self.samples for node_id, figures in sample.items()
                    if isinstance(node_id, int))
 
@@ -94,7 +94,7 @@ COLUMNS = ["phase", "node", "samples", "roll-overs", TITLES["rss_kb"], "rise", "
 
 
 def file_figures(directory):
-    """Number of files, and of temporary ones that nobody is writing any more."""
+    """Returns the numbers of files, of stale temporary files, and of payload files (see payload_figures)."""
     names = os.listdir(directory)
     stale = 0
     for name in names:
@@ -109,7 +109,7 @@ def file_figures(directory):
 
 
 def payload_figures(directory):
-    """(payload files of the node, how many of them its log does not name). Its files change meanwhile."""
+    """Returns (payload files of the node, how many of them its log does not name). The files change meanwhile."""
     try:
         names = {name for name in os.listdir(os.path.join(directory, "payloads")) if not name.endswith(".tmp")}
     except FileNotFoundError:
@@ -125,12 +125,12 @@ class Figures:
         self.phases = []
 
     def begin(self, *arguments):
-        """A new Phase of these arguments."""
+        """Begins and returns a new Phase with these arguments."""
         self.phases.append(Phase(*arguments))
         return self.phases[-1]
 
     def growing(self):
-        """Sentences."""
+        """Returns a sentence for each figure that grows."""
         return [f"{phase.name}: {TITLES[figure]} of node {node_id}: growth" for phase in self.phases if phase.samples
                 for node_id in self._nodes for figure in phase.grown(node_id)]
 

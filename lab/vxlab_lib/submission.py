@@ -1,4 +1,4 @@
-"""Lines on their way into the cluster through one node."""
+"""Submits lines to the cluster through one node."""
 
 import threading
 import time
@@ -33,18 +33,18 @@ class Submission:
         return not self._thread.is_alive()
 
     def left_over(self):
-        """Indices of lines without an acknowledgement: not submitted, or in doubt when their node died."""
+        """Returns the indices of lines without an acknowledgement: not submitted, or in doubt when their node died."""
         return [index for index in range(len(self.lines)) if index not in self.acknowledged]
 
     def join(self, timeout_s):
-        """Waits for the end, good or bad."""
+        """Waits for the end, with or without success."""
         self._thread.join(timeout_s)
         if self._thread.is_alive():
             raise LabError(f"node {self.node.id}: {len(self.left_over())} of {len(self.lines)} lines not acknowledged "
                            f"within {timeout_s:g} s")
 
     def wait(self, timeout_s=120.0):
-        """Waits until every line is acknowledged; raises LabError if that does not happen. Returns self."""
+        """Waits until every line is acknowledged, or raises LabError. Returns self."""
         self.join(timeout_s)
         if self.error:
             raise LabError(f"node {self.node.id}: {len(self.left_over())} of {len(self.lines)} lines not acknowledged: "
@@ -52,7 +52,7 @@ class Submission:
         return self
 
     def texts(self):
-        """tag -> text of the acknowledged lines."""
+        """Returns tag -> text of the acknowledged lines."""
         return {entry.tag: self.lines[index] for index, entry in list(self.acknowledged.items())}
 
     def latencies_us(self):
@@ -77,10 +77,10 @@ class Submission:
                 sock.sendall(line + b"\n")
             sock.shutdown(1)
         except OSError:
-            pass  # the receiving side tells why
+            pass  # the receiving side reports why
 
     def _receive(self, stream, tag_front):
-        """True if the daemon has answered for every line."""
+        """Returns whether the daemon has answered for every line."""
         for raw in stream:
             words = raw.decode("utf-8", "replace").split(maxsplit=4)
             if words[0] == "ok":

@@ -1,4 +1,4 @@
-"""Waiting for a state instead of sleeping."""
+"""Waits for a state instead of sleeping."""
 
 import time
 
@@ -12,8 +12,8 @@ class WaitTimeout(LabError):
 
 
 def wait_until(predicate, timeout_s, what, poll_s=POLL_S):
-    """Calls `predicate` until it returns something true, and returns that. After `timeout_s` seconds raises
-    WaitTimeout, which names `what` (text, or a function that gives the text at that moment)."""
+    """Calls `predicate` until it returns a true value, and returns that. After `timeout_s` seconds raises WaitTimeout,
+    which names `what` (text, or a function that returns the text at that moment)."""
     deadline = time.monotonic() + timeout_s
     while True:
         result = predicate()
