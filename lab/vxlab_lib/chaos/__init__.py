@@ -1,1 +1,1 @@
-"""Seeded faults on a whole cluster, all promises checked afterwards: `vxlab chaos --help`."""
+"""Seeded faults on a whole cluster, after which all promises are checked: `vxlab chaos --help`."""

@@ -1,5 +1,5 @@
-"""What the steps of a plan do. One function per action, `do_...(stage, track, step)`; those of disks, and
-those that are whole plots, have files of their own."""
+"""What the steps of a plan do. One function per action: `do_...(stage, track, step)`. disk_actions.py has those on
+disks, exact_actions.py those that produce one exact order of events."""
 
 import contextlib
 import os
@@ -11,7 +11,7 @@ from .recovery import ensure_active, restart_after, start_protocol, stop_protoco
 
 
 EXACT_MOMENT_S = 3.0
-SLOW_S = 0.3  # syncs are slow so long before the power is cut: more is not synced then
+SLOW_S = 0.3  # syncs are slow for this long before the power cut, so that more is not synced
 
 
 def do_net(stage, track, step):
@@ -53,7 +53,7 @@ def do_state_file(stage, _track, step):
         with contextlib.suppress(FileNotFoundError):  # absent twice
             os.unlink(path)
     else:
-        with open(path, "w", encoding="ascii") as file:  # in place, which is the fault
+        with open(path, "w", encoding="ascii") as file:  # written in place: this is the fault
             file.write({"empty": "", "garbage": "\0\1?"}.get(step["how"], step["how"]))
     stage.events.add("state-file", node=node_id, how=step["how"])
 
@@ -87,7 +87,7 @@ def do_kill_all(stage, _track, step):
         try:
             stage.kill(node_id)
         except LabError:
-            pass  # somebody else's fault has ended it meanwhile
+            pass  # another fault has ended it meanwhile
     stage.pause(step["restart_s"])
     for node_id in running:
         if not stage.is_running(node_id):
@@ -125,7 +125,7 @@ def set_disk_rules(stage, rules):
 
 
 def await_exact_moment(stage, who, rules):
-    """Waits a while until the node's disk library kills it in the middle of a save."""
+    """Waits up to EXACT_MOMENT_S until the node's disk library kills it in the middle of a save."""
     node_id = stage.node_id(who)
     if not stage.is_running(node_id):
         return

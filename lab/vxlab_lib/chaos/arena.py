@@ -1,4 +1,4 @@
-"""What both arenas have in common: a cluster, and a vx-fabric that carries its datagrams."""
+"""What both arenas share: a cluster, and a vx-fabric that carries its datagrams."""
 
 import json
 import os
@@ -12,14 +12,14 @@ from ..waiting import wait_until
 from .fabric_client import FabricClient
 
 FABRIC_TIMEOUT_S = 10.0
-JOURNAL_KEEP = 10_000_000  # above the length of any run: a snapshot then holds all of it
+JOURNAL_KEEP = 10_000_000  # more lines than any run has, so that a snapshot holds them all
 JOURNAL_KEEP_BYTES = 1 << 30
-LOG_BYTES_MAX = 1 << 32  # one piece, so that it can be read against the trace
+LOG_BYTES_MAX = 1 << 32  # no rotation, so that the whole log can be matched with the trace
 
 
 class Arena:
-    """One cluster in the fresh directory `work_dir`. `build` is a chaos build, `plan` tells what has to
-    be prepared. Use as a context; `close` leaves nothing running."""
+    """One cluster in the new directory `work_dir`. `build` is a Build, `plan` says what to prepare. Use it as a
+    context; `close` leaves nothing running."""
 
     name = ""
     cluster_class = Cluster
@@ -34,14 +34,14 @@ class Arena:
         self.fabric = FabricClient(self.fabric_control)
 
     def settings(self, node):
-        """Configuration keys of one node."""
+        """Returns the configuration keys of one node."""
         keys = {"journal.keep": JOURNAL_KEEP, "journal.keep_bytes": JOURNAL_KEEP_BYTES,
                 "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX}
         return {**keys, **self.plan.settings.get(0, {}), **self.plan.settings.get(node.id, {})}
 
     def environment(self, node):
-        """Environment of one node's daemon: the libraries that stand between it and the system; and a sanitizer keeps
-        little of what was freed, which would look like growth."""
+        """Returns the environment of one node's daemon. It preloads the libraries that make faults, and limits the
+        freed memory that a sanitizer keeps, since that would look like growth."""
         preload = self.build.preload(self.plan.options)
         found = {"LD_PRELOAD": ":".join(preload)} if preload else {}
         found["ASAN_OPTIONS"] = "quarantine_size_mb=8:" + os.environ.get("ASAN_OPTIONS", "")
@@ -56,7 +56,7 @@ class Arena:
         return found
 
     def open(self):
-        """All nodes configured, none started."""
+        """Configures all nodes; starts the fabric, but no node."""
         self.cluster.create(self.plan.nodes, self.settings)
         for node in self.cluster.nodes.values():
             node.environment = self.environment(node)
@@ -85,14 +85,14 @@ class Arena:
         return bool(program and program["running"])
 
     def stop_fabric(self):
-        """So that wire.log is whole."""
+        """Stops the fabric, so that wire.log is complete."""
         if self.program_runs("fabric"):
             self.fabric.ask("quit")
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
         self.fabric.close()
 
     def node_is_down(self, node_id):
-        """Told when a node's process has been ended on purpose, before it is started again."""
+        """Called when a node's process was ended on purpose, before it is started again."""
 
     def close(self):
         self.fabric.close()
@@ -105,7 +105,7 @@ class Arena:
         self.close()
 
     def collect(self, evidence):
-        """Brings what the nodes wrote into the layout that the checker reads: evidence/nodeK/..."""
+        """Copies what the nodes wrote into the layout that the checker reads: evidence/nodeK/..."""
         for node in self.cluster.nodes.values():
             target = os.path.join(evidence, f"node{node.id}")
             os.makedirs(target)
@@ -114,13 +114,13 @@ class Arena:
             for name, new_name in names.items():
                 copy(node.path(name), os.path.join(target, new_name))
             copy(node.path("flashdisk", "journal"), os.path.join(target, "journal"))
-            if os.path.isdir(node.payload_dir):  # as many bytes as there were payloads would be too many to keep
+            if os.path.isdir(node.payload_dir):  # names only: the payloads themselves would be too large to keep
                 with open(os.path.join(target, "payloads.json"), "w", encoding="utf-8") as file:
                     json.dump({entry.name: entry.stat().st_size for entry in os.scandir(node.payload_dir)}, file)
 
 
 def copy(source, target):
-    """A file or a directory; nothing if there is none."""
+    """Copies a file or a directory. Does nothing if there is none."""
     if os.path.isdir(source):
         left_out = shutil.ignore_patterns("journal*", UNDO, "payloads")
         shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=left_out)
@@ -137,7 +137,7 @@ def find_program(directory, name):
 
 
 class Build:
-    """The programs of a run. `library`: another libvx_cons.so.1 than that of the build tree."""
+    """The programs of a run. `library` is a libvx_cons.so.1 to use instead of the build tree's."""
 
     def __init__(self, directory=None, library=None):
         self.directory = os.path.realpath(directory or programs.default_build_dir())
@@ -147,7 +147,7 @@ class Build:
         self.fabric = self._need("vx-fabric")
 
     def pin_library(self, directory):
-        """A copy of `library` is what all nodes load from now on: somebody may be building it anew."""
+        """Makes all nodes load a copy of `library` from now on, since a build may replace the original."""
         if self.library:
             copy(self.library, os.path.join(directory, "libvx_cons.so.1"))
             self.library = os.path.join(directory, "libvx_cons.so.1")
@@ -159,7 +159,7 @@ class Build:
         return path
 
     def _sanitizer_runtime(self):
-        """The runtime that has to be loaded before anything else of ours, or None."""
+        """Returns the sanitizer runtime that must be loaded before all our libraries, or None."""
         try:
             with open(os.path.join(self.directory, "CMakeCache.txt"), encoding="utf-8") as file:
                 cache = dict(line.rstrip("\n").split("=", 1) for line in file if "=" in line)
@@ -172,7 +172,7 @@ class Build:
         return programs.run([compiler, f"-print-file-name={name}"], "find the sanitizer's runtime").strip()
 
     def preload(self, options):
-        """Shared objects that the daemon loads first."""
+        """Returns the shared objects that the daemon preloads."""
         found = [self.library] if self.library else []
         for option, name in (("disk_faults", "libvx_disk_faults.so"), ("clock", "libvx_clock_shift.so")):
             if options.get(option):

@@ -1,4 +1,5 @@
-"""The broker arena: nodes hand every datagram to vx-fabric over a Unix socket. Fast, exact, no privileges needed."""
+"""The broker arena: nodes hand every datagram to vx-fabric over a Unix socket. It is fast and exact and needs no
+privileges."""
 
 import os
 

@@ -1,4 +1,4 @@
-"""Episode after episode until the time is over; what they found, live and as one row of a table."""
+"""Runs episode after episode until the time is over. Shows what they find, live and as one row of a table."""
 
 import os
 import shutil
@@ -31,13 +31,13 @@ class Campaign:
         self.seeds = []
 
     def run(self):
-        """Exit code: violated before could not run before held."""
+        """Returns the exit code: violated takes precedence over could not run, and that over held."""
         options = self._options
         evidence_root = os.path.abspath(options.keep or os.path.join(options.dir, "chaos"))
         os.makedirs(evidence_root, exist_ok=True)
         private_space.enter(WORK_SIZE)
         self._build.pin_library(private_space.WORK_ROOT)
-        for number in (signal.SIGINT, signal.SIGTERM):  # also where a shell has started us in the background
+        for number in (signal.SIGINT, signal.SIGTERM):  # a shell may have started this in the background
             signal.signal(number, signal.default_int_handler)
         begun = time.monotonic()
         seed = options.seed

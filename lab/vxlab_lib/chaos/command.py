@@ -44,7 +44,7 @@ def parse_faults(text, arena, durable):
 
 def add_command(subparsers):
     def run(options):
-        from .arena import Build  # only here: all other commands do without
+        from .arena import Build  # imported here because no other command needs it
         from .campaign import Campaign
 
         if options.list:

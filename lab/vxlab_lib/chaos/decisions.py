@@ -1,4 +1,4 @@
-"""The library's durable files, read from outside while it writes them (each is replaced whole, by rename)."""
+"""Reads the library's durable files while it writes them (each is replaced whole, by rename)."""
 
 import os
 import struct
@@ -22,7 +22,7 @@ class Decided:
         return zlib.crc32(self.log)
 
     def number_of(self, entry):
-        """The decision that added `entry`; 0 if this log does not name it."""
+        """Returns the number of the decision that added `entry`; 0 if this log does not name it."""
         for index in range(self.count - 1, -1, -1):
             if self.entry(index) == entry:
                 return self.number - self.count + 1 + index
@@ -38,7 +38,7 @@ def read_file(directory, name, size):
 
 
 def read_decided(directory):
-    """The node's last decision, or None without a whole record."""
+    """Returns the node's last decision, or None if there is no whole record."""
     content = read_file(directory, "paxos_decide", 1259)
     if len(content) != 1258:
         return None
@@ -47,18 +47,18 @@ def read_decided(directory):
 
 
 def read_position(directory):
-    """(number, count) of the last decision; (0, 0) without one."""
+    """Returns (number, count) of the last decision; (0, 0) if there is none."""
     content = read_file(directory, "paxos_decide", 8)
     return struct.unpack("<II", content) if len(content) == 8 else (0, 0)
 
 
 def read_delivered(directory):
-    """(sender, message id) of the last delivery, or None."""
+    """Returns (sender, message id) of the last delivery, or None."""
     content = read_file(directory, "paxos_deliver", 6)
     return ENTRY.unpack(content) if len(content) == ENTRY.size else None
 
 
 def delivered_number(directory):
-    """The decision that the node has delivered last, as far as its own log names it; else 0."""
+    """Returns the number of the decision that the node delivered last, or 0 if its own log does not name it."""
     decided, delivered = read_decided(directory), read_delivered(directory)
     return decided.number_of(delivered) if decided and delivered else 0

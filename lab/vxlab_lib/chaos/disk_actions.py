@@ -1,4 +1,4 @@
-"""What the steps of a plan do to disks, and by means of them. One node at a time, a minority."""
+"""The steps of a plan that make faults of disks or use them. One node at a time, so always a minority."""
 
 import os
 
@@ -8,7 +8,7 @@ from .recovery import ensure_active, restart_after
 
 
 def write_disk_rules(stage, node_id, rules):
-    """For libvx_disk_faults.so in the node's daemon."""
+    """Writes the rules for libvx_disk_faults.so in the node's daemon."""
     path = stage.cluster.node(node_id).path("disk_faults")
     with open(path + ".new", "w", encoding="ascii") as file:
         file.writelines(rule + "\n" for rule in rules)
@@ -87,7 +87,7 @@ def do_fill_disk(stage, _track, step):
                 while True:
                     file.write(b"\0" * 4096)
         except OSError:
-            pass  # full, as it should be
+            pass  # full, as intended
         stage.pause(step["for_s"])
         disk_is_well(stage, node_id, lambda: os.unlink(filler))
 
@@ -123,7 +123,7 @@ def do_cut_record(stage, _track, step):
             with open(path, "wb") as file:
                 file.write(whole[:step["keep_bytes"]])
             stage.events.add("disk", node=node_id, fault={"kind": "cut-record", "file": names[-1]})
-        # A node whose record is short does not take part; with that known, it gets its file back.
+        # A node with a short record must not take part. After that was seen, the node gets its file back.
         try:
             stage.start(node_id)
             stage.pause(1.0)

@@ -1,4 +1,4 @@
-"""One episode: a fresh cluster, load, faults, healing, a judgement; evidence kept if a promise was broken."""
+"""One episode: a new cluster, load, faults, healing, a judgement. The evidence is kept if a promise was broken."""
 
 import json
 import os
@@ -22,7 +22,7 @@ from .wire_arena import WireArena
 
 ARENAS = {"broker": BrokerArena, "wire": WireArena}
 HEAL_S = 30.0
-FURTHER_MESSAGES = 260  # more than a log holds: a new one has to begin
+FURTHER_MESSAGES = 260  # more than a log holds, so that a new one must begin
 OPEN_CALLS_S = 60.0
 SILENCE_S = 1.5
 TRACKS_END_S = 60.0
@@ -33,25 +33,25 @@ class Outcome:
     plan: object
     verdict: str = "could not run"  # held, violated, could not run
     reason: str = ""
-    evidence: str = None  # where it was kept
+    evidence: str = None  # directory in which it was kept
     seconds: float = 0.0
     figures: dict = field(default_factory=dict)
-    result: object = None  # of the checker
+    result: object = None  # the checker's Result
 
 
 class Episode:
-    """Runs in `work_dir`, which it fills and empties. `progress(text)` hears what is going on."""
+    """Runs in `work_dir`, which it fills and empties. `progress(text)` is called with what is going on."""
 
     def __init__(self, plan, build, work_dir, progress):
         self.plan = plan
         self.build = build
         self.dir = work_dir
         self.progress = progress
-        self.notes = []  # promises that the orchestrator itself saw broken
-        self.troubles = []  # why the episode may say nothing
+        self.notes = []  # broken promises that the orchestrator saw itself
+        self.troubles = []  # reasons why the episode may prove nothing
 
     def run(self):
-        """Returns an Outcome; its evidence lies in `self.dir` then. Raises LabError if the episode could not run."""
+        """Returns an Outcome, with its evidence in `self.dir`. Raises LabError if the episode could not run."""
         begun = time.monotonic()
         outcome = Outcome(self.plan)
         shutil.rmtree(self.dir, ignore_errors=True)
@@ -112,7 +112,7 @@ class Episode:
         self._end_nodes(stage)
 
     def _first_life(self, arena, seconds):
-        """A cluster that has lived before the whole of it is configured anew. Its traces are not this episode's."""
+        """Runs the cluster for a while before all of it is configured anew. The traces of this time are dropped."""
         load = Load(arena.cluster, self.plan.load)
         stage = Stage(arena, self.plan, self.events, load)
         self._start_nodes(stage)
@@ -160,7 +160,7 @@ class Episode:
                           f"decision {max((number for number, _ in sampler.position.values()), default=0)}")
             time.sleep(0.1)
         stage.over.set()
-        stage.clear_network()  # a fault may be waiting for an answer that the network kept
+        stage.clear_network()  # a fault may wait for an answer that the network holds
         tracks.join(TRACKS_END_S)
         if tracks.error:
             raise LabError(f"a fault could not be made: {tracks.error!r}")
@@ -178,7 +178,7 @@ class Episode:
         except LabError as error:
             if not self.plan.options.get("durable"):
                 raise
-            trouble = error  # after a power cut, too, every node comes back
+            trouble = error  # even after a power cut every node must come back
         heal_ns = self.events.add("heal")
         self.run_info["faults_end_ns"] = heal_ns
         self.write_run_info()
@@ -191,7 +191,7 @@ class Episode:
             try:
                 self._await_equal(stage, heal_ns, HEAL_S)
             except LabError as error:
-                # A payload that died with its holders leaves a hole until the next log begins.
+                # A payload that was lost with its holders leaves a hole until the next log begins.
                 if not any(b"data lost - skipped" in read_whole(node.log_path) for node in
                            stage.cluster.nodes.values()):
                     raise
@@ -206,10 +206,10 @@ class Episode:
                                    for node in stage.cluster.nodes.values()),
                        max(1.0, OPEN_CALLS_S - (now_ns() - heal_ns) / 1e9), "no call is open")
         except LabError as error:
-            self.events.add("not-healed", error=str(error))  # whether it was promised, the checker knows
+            self.events.add("not-healed", error=str(error))  # the checker knows whether this was promised
 
     def _fresh(self, stage):
-        """One new message of every node, acknowledged."""
+        """Submits one new message at every node. Each must be acknowledged."""
         missing = []
 
         def send(node_id):
@@ -250,7 +250,7 @@ class Episode:
                     stop_protocol(stage, node_id)
                 except LabError as error:
                     self.notes.append(f"node {node_id} does not stop: {error}")
-        time.sleep(SILENCE_S)  # long enough to hear one who is not silent
+        time.sleep(SILENCE_S)  # long enough to hear a node that is not silent
 
     def _end_nodes(self, stage):
         for node_id in stage.cluster.nodes:
@@ -295,7 +295,7 @@ def read_whole(path):
 
 
 def drop_before(path, since_ns):
-    """Leaves out of wire.log what a first life of the cluster said."""
+    """Removes the datagrams of a first cluster life from wire.log."""
     with open(path, encoding="utf-8") as source, open(path + ".new", "w", encoding="utf-8") as target:
         for line in source:
             first = line.split(" ", 1)[0]
@@ -305,7 +305,7 @@ def drop_before(path, since_ns):
 
 
 def count_calls(evidence, nodes):
-    """Submissions of all traces, and how many of them were acknowledged."""
+    """Counts the submissions of all traces, and how many of them were acknowledged."""
     calls = acknowledged = 0
     for node_id in range(1, nodes + 1):
         try:

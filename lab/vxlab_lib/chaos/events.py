@@ -1,4 +1,4 @@
-"""What the orchestrator did and saw, one JSON object per line, in the order of their times."""
+"""What the orchestrator did and saw: one JSON object per line, in the order of their times."""
 
 import json
 import threading
@@ -18,7 +18,7 @@ class EventLog:
         self.counts = {}
 
     def add(self, what, at_ns=None, **fields):
-        """Returns the time that the event got, in ns."""
+        """Adds an event and returns its time in ns."""
         with self._lock:
             at_ns = at_ns or now_ns()
             self.counts[what] = self.counts.get(what, 0) + 1

@@ -1,5 +1,5 @@
-"""Steps that are whole plots: they wait for what they need in the cluster's files, and so meet one certain order of
-events that chance meets once in a thousand times. Each leaves off where the order cannot be had any more."""
+"""Steps that produce one exact order of events, which chance would meet once in a thousand times. They watch the
+cluster's files for the right moments. Each gives up when the order can no longer be reached."""
 
 import threading
 
@@ -9,19 +9,19 @@ from .faults.network import both_ways
 from .frozen_thread import frozen
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
-STOP_MAX_S = 20.0  # far longer than a stop may take; who has not ended then never will
+STOP_MAX_S = 20.0  # far longer than a stop may take; a node that has not stopped by then hangs
 HELD_MAX = 10_000
 
 
 def sides(stage):
-    """(leader, those who with it are a majority, all others, who with one of those or with it are one too)."""
+    """Returns (leader, nodes that are a majority with it, the rest, which is one with the leader or one of those)."""
     leader = stage.node_id("leader")
     others = [node_id for node_id in sorted(stage.cluster.nodes) if node_id != leader]
     return leader, others[:len(others) // 2], others[len(others) // 2:]
 
 
 def log_of(stage, node_id):
-    """(its first entry, number of the last decision, Decided) of a node; the first entry tells logs apart."""
+    """Returns (first entry, number of the last decision, Decided) of a node. The first entry identifies the log."""
     decided = decisions.read_decided(stage.cluster.nodes[node_id].cons_dir)
     return (decided.entry(0), decided.number, decided) if decided and decided.count else (None, 0, None)
 
@@ -47,16 +47,16 @@ def slow_deliver_hook(stage, node_id, wait_ms):
 
 
 def do_reused_round(stage, track, step):
-    """The leader does not hear its own requests, so its acceptor need not know the round in which it writes. It dies
-    in a write that only `witnesses` heard, comes back, and decides that number with the others, who heard nothing of
-    it. At last the witnesses lead, and the leader is away: what they read from the others has to win."""
+    """The leader does not hear its own requests, so its acceptor may not know the round in which it writes. It dies in
+    a WRITE that only `witnesses` heard. It comes back and decides that number with the others, which did not hear the
+    WRITE. In the end a witness leads and the old leader is away: the value read back from the others must win."""
     with stage.one_down(True) as may:
         leader, witnesses, others = sides(stage)
         if not may or not all_run(stage):
             return
         alone = [lost(leader, leader, 3, "*"), *(lost(other, leader, 4, "FORWARD") for other in others)]
         stage.set_rules(track, alone)
-        stage.pause(0.4)  # what the others had forwarded is decided now: after its death it proposes something else
+        stage.pause(0.4)  # forwarded messages are decided now, so after its restart it proposes another one
         stage.set_rules(track, [*(lost(leader, other, 3, "WRITE_REQ") for other in others), *alone])
         stage.pause(step["write_s"])
         stage.kill(leader)
@@ -74,15 +74,15 @@ def do_reused_round(stage, track, step):
 
 
 def do_crossed_writes(stage, track, step):
-    """Two leaders, apart from each other, want the votes of the same nodes for one number: these hear the READ of the
-    second before the WRITE of the first, and that before the WRITE of the second."""
+    """Two leaders that do not hear each other want the votes of the same nodes for one number. These nodes hear the
+    READ of the second before the WRITE of the first, and that before the WRITE of the second."""
     first, voters, rest = sides(stage)
     if not all_run(stage):
         return
     second = rest[0]
     holds = [stage.next_id(), stage.next_id()]
     open_holds = []
-    # Each proposes what the other has not been told of, and nobody learns what was decided.
+    # Each proposes a message that the other does not know, and no node learns what was decided.
     stage.set_rules(track, [*(lost(node_id, first, 4, "FORWARD") for node_id in rest),
                             *(lost(node_id, second, 4, "FORWARD") for node_id in [first, *voters])])
     stage.pause(0.4)
@@ -90,7 +90,7 @@ def do_crossed_writes(stage, track, step):
         for hold, leader in zip(holds, (first, second)):
             stage.fabric.ask("hold", id=hold, match={"from": leader, "channel": 3, "type": "WRITE_REQ"}, max=HELD_MAX)
             open_holds.append(hold)
-        stage.pause(0.3)  # the first one is in a WRITE now, and all know what was decided before
+        stage.pause(0.3)  # the first is in a WRITE now, and all nodes know the earlier decisions
         stage.set_cuts(track, both_ways([first], rest))
         stage.set_rules(track, [lost(leader, 0, 4, kind) for leader in (first, second)
                                 for kind in ("DECIDE", "FORWARD")])
@@ -110,7 +110,7 @@ def do_crossed_writes(stage, track, step):
 
 
 def do_full_log_unhandled(stage, track, step):
-    """A node that has heard of a whole log, but lacks its snapshot, leads when the next one has to begin."""
+    """A node that knows a full log but lacks its snapshot leads when the next log must begin."""
     node_id = stage.node_id("last")
     leader = stage.node_id("leader")
     holds = [stage.next_id(), stage.next_id()]
@@ -140,8 +140,8 @@ def do_full_log_unhandled(stage, track, step):
 
 
 def do_restarted_voter(stage, track, step):
-    """Nodes that missed decisions lead, and need the vote of one that helped to make them and has restarted since. It
-    does not tell them what was decided."""
+    """A node that missed decisions leads. It needs the vote of a node that helped to make them and has restarted since,
+    and whose DECIDEs are lost."""
     with stage.one_down(True) as may:
         leader, voters, ignorant = sides(stage)
         if not may or not all_run(stage):
@@ -151,7 +151,7 @@ def do_restarted_voter(stage, track, step):
         stage.set_cuts(track, both_ways([leader, *voters], ignorant))
         stage.pause(step["ahead_s"])
         stage.set_cuts(track, both_ways(nodes, nodes))
-        stage.pause(0.5)  # all that was decided is delivered: the restart shall not cost payloads
+        stage.pause(0.5)  # all decided messages are delivered now, so the restart loses no payloads
         stage.kill(voter)
         stage.set_rules(track, [lost(voter, 0, 4, "DECIDE")])
         stage.set_masters([ignorant[0]])
@@ -162,12 +162,12 @@ def do_restarted_voter(stage, track, step):
 
 
 def do_stop_at_new_log(stage, _track, step):
-    """A node is stopped while its pull-thread waits, for the new log, until the queue of the old one is empty."""
+    """A node is stopped while its pull-thread waits for the old log's queue to be empty, to begin the new log."""
     node_id = stage.node_id(step["node"])
     while not stage.over.is_set() and stage.is_running(node_id):
         with frozen(stage.cluster.node(node_id).pid(), "deliver-thread"):
             old, number, _ = log_of(stage, node_id)
-            # It may have been met with the queue's lock: then the node adopts at most one decision more.
+            # The frozen thread may hold the queue's lock. Then the node adopts at most one more decision: try again.
             if not stage.await_that(lambda: log_of(stage, node_id)[1] > number + 3, 0.5):
                 continue
             if not stage.await_that(lambda: log_of(stage, node_id)[0] != old, step["log_s"]):
@@ -190,17 +190,17 @@ def _stop(stage, node_id):
     try:
         stop_protocol(stage, node_id)
     except LabError:
-        pass  # it was killed, for it did not stop
+        pass  # killed because it did not stop
 
 
 def do_late_snapshot(stage, track, step):
-    """A follower hears of a new log but has to wait for its snapshot; a message of its own is decided in that log.
-    While it delivers the snapshot at last, it hears of the next log, whose snapshot has swallowed the message."""
+    """A follower adopts a new log but must wait for its snapshot. A message of its own is decided in that log. While it
+    delivers the snapshot at last, it hears of the next log, whose snapshot has swallowed the message."""
     node_id = stage.node_id("last")
     leader = stage.node_id("leader")
     hold = stage.next_id()
     stage.set_rules(track, [lost(node_id, 0, 4, "FORWARD")])
-    stage.pause(0.4)  # what it had forwarded is delivered now: its next message waits for the new log
+    stage.pause(0.4)  # its forwarded message is delivered now, and its next one waits for the new log
     stage.fabric.ask("hold", id=hold, match={"to": node_id, "channel": 5, "type": "DATA"}, max=HELD_MAX)
     is_held = True
     try:

@@ -1,4 +1,4 @@
-"""Talks to vx-fabric, the program that carries every datagram of a cluster and does the network's faults."""
+"""Talks to vx-fabric, the program that carries every datagram of a cluster and makes the network's faults."""
 
 import json
 import socket
@@ -11,7 +11,7 @@ AWAIT_MS = 500
 
 
 class FabricClient:
-    """One connection; requests from any thread, one at a time. Raises LabError when it is gone or refuses."""
+    """One connection. Any thread may send requests, one at a time. Raises LabError if the fabric is gone or refuses."""
 
     def __init__(self, path):
         self._path = path
@@ -19,7 +19,7 @@ class FabricClient:
         self._sock = self._stream = None
 
     def connect(self):
-        """False while nobody listens there."""
+        """Returns False while the fabric does not listen yet."""
         sock = socket.socket(socket.AF_UNIX)
         sock.settimeout(ANSWER_TIMEOUT_S)
         try:
@@ -49,7 +49,7 @@ class FabricClient:
 
 
 class FabricWatch:
-    """Hands every event of the fabric to `told(event)`, on a thread of its own, until `close`."""
+    """Calls `told(event)` for every event of the fabric, on a thread of its own, until `close`."""
 
     def __init__(self, path, told):
         self._client = FabricClient(path)
@@ -74,4 +74,4 @@ class FabricWatch:
                 for event in answer["events"]:
                     self._told(event)
         except LabError:
-            pass  # it has ended; who asks it next gets told
+            pass  # the fabric has ended; the next request reports it

@@ -1,4 +1,4 @@
-"""One thread of a process that stands still while all others run, as one does that the scheduler has forgotten."""
+"""Stops one thread of a process while all others run, as if the scheduler did not run it."""
 
 import ctypes
 import os
@@ -7,8 +7,8 @@ from contextlib import contextmanager
 from ..errors import LabError
 
 PTRACE_DETACH, PTRACE_SEIZE, PTRACE_INTERRUPT = 17, 0x4206, 0x4207
-WALL = 0x40000000  # of waitpid: threads of other processes too
-NAME_MAX = 15  # what the kernel keeps of a thread's name
+WALL = 0x40000000  # for waitpid: also wait for threads of other processes
+NAME_MAX = 15  # characters of a thread's name that the kernel keeps
 
 libc = ctypes.CDLL(None, use_errno=True)
 libc.ptrace.restype = ctypes.c_long
@@ -22,7 +22,7 @@ def _ptrace(request, task, data=None):
 
 
 def find_task(pid, name):
-    """The thread of that name. Raises LabError if there is none."""
+    """Returns the thread of that name. Raises LabError if there is none."""
     try:
         for task in os.listdir(f"/proc/{pid}/task"):
             with open(f"/proc/{pid}/task/{task}/comm", encoding="utf-8", errors="replace") as file:
@@ -35,7 +35,7 @@ def find_task(pid, name):
 
 @contextmanager
 def frozen(pid, name):
-    """Within the context, which is one thread's alone, the named thread stands still wherever it was."""
+    """Within the context the named thread stands still wherever it was. Enter and leave it on the same thread."""
     task = find_task(pid, name)
     _ptrace(PTRACE_SEIZE, task)
     status = None
@@ -48,7 +48,7 @@ def frozen(pid, name):
 
 
 def _let_go(task, status):
-    """A signal that came in the way of the stop goes to the thread; one that was killed meanwhile is buried."""
+    """Lets the thread run. Passes on a signal that arrived instead of the stop. Reaps a thread that was killed."""
     is_signal = status is not None and os.WIFSTOPPED(status) and status >> 16 == 0
     try:
         _ptrace(PTRACE_DETACH, task, os.WSTOPSIG(status) if is_signal else 0)

@@ -7,7 +7,7 @@ from ..control import NodeUnreachable
 from ..errors import LabError
 
 LINE_TIMEOUT_S = 120
-ENDLESS_S = 100_000  # until somebody ends it
+ENDLESS_S = 100_000  # until it is ended
 FRESH_BYTES = 120
 
 
@@ -17,18 +17,18 @@ class Load:
         self._cluster = cluster
         self._shape = shape
         self._lock = threading.Lock()
-        self._open = []  # sockets whose end ends a load
+        self._open = []  # sockets; closing one ends its load
         self._ended = False
         self._threads = []
         self.refused = []  # loads that a node did not take
 
     def begin(self, node_id):
-        """The node's daemon has just been started. Its load ends with it, or with `end`."""
+        """Starts the load of a node whose daemon has just been started. It ends with the daemon, or with `end`."""
         self._start(node_id, threads=self._shape["threads"], bytes=self._shape["sizes"],
                     pause_ms=self._shape["pause_ms"], seconds=ENDLESS_S)
 
     def bulk(self, node_id, size):
-        """Two payloads of that size beside the others."""
+        """Submits two payloads of that size in addition to the others."""
         self._start(node_id, threads=1, bytes=[size], count=2)
 
     def _start(self, node_id, **options):
@@ -49,13 +49,13 @@ class Load:
                     self._open.append(sock)
                 stream.readline()
         except NodeUnreachable:
-            pass  # the daemon has gone; its trace tells how far it came
+            pass  # the daemon has gone; its trace shows how far it came
         except (LabError, OSError) as error:
             if not self._ended:
                 self.refused.append(f"node {node_id}: {error}")
 
     def end(self):
-        """No call begins after this; those that are open go on."""
+        """Ends the load. No call begins after this; open calls go on."""
         with self._lock:
             self._ended = True
             for sock in self._open:

@@ -1,9 +1,10 @@
 """The plan of an episode: which faults come when. A pure function of seed, arena, number of nodes and fault names.
 
 A plan has one track per fault. A step of a track is a dictionary: "at" (seconds after the load has begun), "do" (an
-action, see actions.py), its arguments, and for faults at a roll-over "log" [low, high]: it waits until the longest log
-has so many entries. A node is a number or a role, which is looked up at the moment of the step: "leader", "follower"
-(the lowest that is not leader), "follower2" (the next), "lagging", "last" (the highest that is not leader).
+action, see actions.py) and its arguments. For faults at a roll-over there is also "log" [low, high]: the step waits
+until the longest log has low to high entries. A node is a number or a role, which is looked up at the moment of the
+step: "leader", "follower" (the lowest that is not leader), "follower2" (the next), "lagging", "last" (the highest that
+is not leader).
 """
 
 import random
@@ -26,7 +27,7 @@ class Plan:
     tracks: list  # per fault: {"fault", "steps"}
     load: dict  # {"threads", "sizes", "pause_ms"}
     settings: dict = field(default_factory=dict)  # node id, or 0 for all -> configuration keys
-    options: dict = field(default_factory=dict)  # what the arena has to prepare
+    options: dict = field(default_factory=dict)  # what the arena must prepare
 
     def as_json(self):
         return [{"fault": track["fault"], "steps": track["steps"]} for track in self.tracks]
@@ -41,8 +42,8 @@ class Plan:
 
 
 def choose_faults(seed, arena, wanted, durable=False):
-    """Fault names of the episode with this seed, `wanted` as on the command line: names joined by + come together,
-    "none" is no fault, "all" is each one alone first, by seed, then pairs."""
+    """Returns the fault names of the episode with this seed. `wanted` is as on the command line: names joined by + come
+    together, "none" is no fault, and "all" means, by seed, first each fault alone, then pairs."""
     if wanted == ["all"]:
         names = [name for name in names_of(arena, durable) if not FAULTS[name].is_apart]
         if seed % (2 * len(names)) < len(names):

@@ -1,8 +1,8 @@
-"""What a power cut leaves of a node's files, from what libvx_disk_faults.so has recorded (disk_undo.h has the formats).
+"""What a power cut leaves of a node's files, from the records of libvx_disk_faults.so (disk_undo.h has the formats).
 
-Whatever was certain stays. Of the rest, as the seed has it:
-- names: the changes up to some moment are kept, all later ones never were; or none is lost, or all are.
-- content of each file, on its own: kept; lost; or its first bytes kept, and what was reserved behind them is zeros.
+All certain changes stay. The seed decides about the others:
+- names: the changes up to some moment are kept and all later ones are undone; or all are kept, or all undone.
+- content, for each file separately: kept; lost; or kept up to some byte, with zeros in the reserved space after it.
 
 So a name may be there without its content, and the other way round. One thing is taken apart only on a careless file
 system: what was written to a file before a rename is there if its new name is, but for payload files, which have
@@ -57,7 +57,7 @@ class Change:
 
 
 def read_log(path):
-    """(the changes that are not certain, in their order; how many could not be recorded)."""
+    """Returns (the changes that are not certain, in their order; how many could not be recorded)."""
     with open(path, "rb") as file:
         content = file.read()
     magic, _, not_kept = HEADER.unpack_from(content)
@@ -71,7 +71,7 @@ def read_log(path):
 
 
 class PowerCut:
-    """Of one node, whose process is dead. `root`: what it sees as /flashdisk."""
+    """The power cut of one node, whose process is dead. `root` is the directory that the node sees as /flashdisk."""
 
     def __init__(self, root, seed, is_careless=False):
         self._root = root
@@ -81,7 +81,7 @@ class PowerCut:
         self.not_kept = 0
 
     def make(self):
-        """Leaves what a power cut could have left, all of it certain. Returns self."""
+        """Changes the files to what a power cut could have left. All of that is certain afterwards. Returns self."""
         log = self._beside("log")
         if not os.path.exists(log):
             return self
@@ -108,7 +108,7 @@ class PowerCut:
         return os.path.join(self._root, name)
 
     def _paths(self):
-        """inode -> one of its paths"""
+        """Returns inode -> one of its paths."""
         found = {}
         for directory, _, names in os.walk(self._root):
             for name in names:
@@ -125,7 +125,7 @@ class PowerCut:
     # ---- names
 
     def _undo_name(self, change):
-        """Nothing if it did not come to it before the kill."""
+        """Undoes a change of a name. Does nothing if the kill came before the change."""
         link = self._beside(f"link.{change.sequence}")
         if change.kind == CREATE:
             inode = self._inode(change.name)
@@ -144,7 +144,7 @@ class PowerCut:
     # ---- content
 
     def _cut_content(self, path, writes, kept_names):
-        """`writes`: changes of one file, in their order."""
+        """Undoes some of `writes`, the changes of one file in their order."""
         renamed = max((change.sequence for change in kept_names
                        if change.kind == RENAME and change.file == writes[0].file and not self._is_careless and
                        not change.new_name.startswith(FREE_TO_TEAR)), default=0)

@@ -1,6 +1,6 @@
-"""A mount namespace of our own, so that whatever a run mounts goes with the run, however it ends.
+"""A private mount namespace, so that all mounts of a run end with it, however it ends.
 
-Call before any thread is started. Works as root, and without where user namespaces are allowed.
+Call it before any thread is started. It works as root, and without root if user namespaces are allowed.
 """
 
 import ctypes
@@ -13,7 +13,7 @@ CLONE_NEWUSER = 0x10000000
 MS_REC = 0x4000
 MS_PRIVATE = 1 << 18
 
-WORK_ROOT = "/dev/shm"  # on every machine; our own tmpfs hides it from here on
+WORK_ROOT = "/dev/shm"  # exists on every machine; a private tmpfs hides it after `enter`
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -29,11 +29,11 @@ def mount(source, target, kind, flags=0, data=""):
 
 
 def unmount(target):
-    _check(_libc.umount2(target.encode(), 2), f"unmount {target}")  # 2: let go now, end when the last user has gone
+    _check(_libc.umount2(target.encode(), 2), f"unmount {target}")  # 2: detach now, unmount with the last user
 
 
 def enter(size):
-    """Moves this process into mounts of its own, with an empty tmpfs of at most `size` (such as "2g") at WORK_ROOT."""
+    """Moves this process into a private mount namespace, with an empty tmpfs of at most `size` ("2g") at WORK_ROOT."""
     uid, gid = os.geteuid(), os.getegid()
     if uid == 0:
         _check(_libc.unshare(CLONE_NEWNS), "mount namespace")

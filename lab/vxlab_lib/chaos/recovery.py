@@ -4,7 +4,7 @@ from ..errors import LabError
 
 
 def stop_protocol(stage, node_id):
-    """The library's stop alone; the daemon goes on."""
+    """Stops the library; the daemon goes on."""
     stage.events.add("stop-call", node=node_id)
     stage.cluster.node(node_id).control.stop_protocol()
     stage.events.add("stop-return", node=node_id)
@@ -17,7 +17,7 @@ def start_protocol(stage, node_id):
 
 
 def restart_after(stage, node_id, step):
-    """`failover`: if it led, another node does from now on."""
+    """Restarts the node as the step says. With `failover`, another node leads from now on if this one did."""
     if step.get("failover") and stage.leaders() == [node_id]:
         stage.pause(0.3)
         stage.set_masters([stage.node_id("follower")])
@@ -32,7 +32,7 @@ def restart_after(stage, node_id, step):
 
 
 def ensure_active(stage, node_id):
-    """The node runs and takes part, whatever has happened to it."""
+    """Makes the node run and take part, whatever has happened to it."""
     node = stage.cluster.node(node_id)
     if not stage.is_running(node_id):
         stage.start(node_id)

@@ -1,4 +1,4 @@
-"""What every node looks like from outside, ten times a second: files, memory, descriptors, threads."""
+"""Samples every node from outside ten times a second: files, memory, descriptors, threads."""
 
 import json
 import os
@@ -9,18 +9,18 @@ from . import decisions
 from .events import now_ns
 
 PERIOD_S = 0.1
-PROCESS_EVERY = 5  # looks at /proc once in so many rounds: that costs more than the files
+PROCESS_EVERY = 5  # reads /proc once in so many rounds, since that costs more than the files
 CLOCK_TICK_MS = 1000 // os.sysconf("SC_CLK_TCK")
 
 
 def process_figures(pid):
-    """Memory, descriptors, threads by name and processor time of a process; {} if it is gone."""
+    """Returns memory, descriptors, threads by name and processor time of a process; {} if it is gone."""
     try:
         with open(f"/proc/{pid}/statm", encoding="ascii") as file:
             rss_kb = int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
         with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as file:
             fields = file.read().rpartition(")")[2].split()
-        if fields[0] in "ZX":  # dead, though a frozen thread may still be buried
+        if fields[0] in "ZX":  # dead, even if a frozen thread is not reaped yet
             return {}
         tasks = {}
         for task in os.listdir(f"/proc/{pid}/task"):
@@ -34,7 +34,7 @@ def process_figures(pid):
 
 
 def file_figures(directory):
-    """The library's files of a node, as one sample's fields."""
+    """Returns the state of the library's files of a node, as the fields of a sample."""
     decided = decisions.read_decided(directory)
     counter = decisions.read_file(directory, "msg_id", 5)
     delivered = decisions.read_delivered(directory)
@@ -72,8 +72,8 @@ def count_files(directory):
 
 
 class Sampler:
-    """Writes samples.jsonl. `processes()` gives node -> {"pid", "running", "exit_code"}; `ended(node, process)` is
-    told once of every process that has ended; `look()` is called every time."""
+    """Writes samples.jsonl. `processes()` returns node -> {"pid", "running", "exit_code"}. `ended(node, process)` is
+    called once for every process that has ended. `look()` is called in every round."""
 
     def __init__(self, path, nodes, processes, ended, look):
         self._file = open(path, "w", encoding="utf-8")
@@ -81,16 +81,16 @@ class Sampler:
         self._processes = processes
         self._ended = ended
         self._look = look
-        self._seen = {}  # node -> pid of the process whose end is known
+        self._seen = {}  # node -> pid of the process whose end was reported
         self._round = 0
         self._stop = threading.Event()
-        self.logs = []  # first entries of the logs seen, in their order; the newest last
+        self.logs = []  # first entries of the logs seen, the newest last
         self.position = {}  # node -> (number, count)
         self._thread = threading.Thread(target=self._run, name="sampler", daemon=True)
         self._thread.start()
 
     def close(self):
-        """One more sample of every node, running or not."""
+        """Takes one more sample of every node, running or not, and ends."""
         self._stop.set()
         self._thread.join()
         self._sample(all_nodes=True)

@@ -1,4 +1,4 @@
-"""The running episode as its parts share it: who leads, who is down, which rules are in force, when faults end."""
+"""The running episode, shared by its parts: who leads, who is down, which rules are in force, when faults end."""
 
 import random
 import threading
@@ -18,7 +18,7 @@ SETTLE_S = 20.0
 
 
 class Stage:
-    """Any thread, one per track of the plan."""
+    """May be used by any thread; there is one per track of the plan."""
 
     def __init__(self, arena, plan, events, load):
         self.arena = arena
@@ -32,12 +32,12 @@ class Stage:
         self.masters = []
         self.longest_hook_ms = 0
         self.moved = 0  # leader changes
-        self.at_roll_over = 0  # faults that met one
+        self.at_roll_over = 0  # faults that met a roll-over
         self._rules = {}  # track -> rules
         self._cuts = {}  # track -> pairs
         self._net_lock = threading.Lock()
         self._one_down = threading.Lock()
-        self._power = threading.Lock()  # held while there is none; no process begins then
+        self._power = threading.Lock()  # held during a power cut, so that no process starts
         self._down_on_purpose = set()  # process ids
         self._marked = {}  # id of an armed kill -> its event
         self._marked_changed = threading.Condition()
@@ -46,18 +46,18 @@ class Stage:
     # ---- time
 
     def pause(self, seconds):
-        """False if the faults are over."""
+        """Waits. Returns False if the faults are over."""
         return not self.over.wait(max(0.0, seconds))
 
     def await_log(self, low, high):
-        """Waits a while for the longest log to have low to high entries; its length, or None."""
+        """Waits a while for the longest log to have low to high entries. Returns its length, or None."""
         nodes = [self.cluster.nodes[node_id] for node_id in self.cluster.nodes]
         found = await_log(nodes, low, high, time.monotonic() + ROLL_OVER_WAIT_S, self.over.is_set)
         self.at_roll_over += found is not None
         return found
 
     def await_that(self, predicate, timeout_s):
-        """Whether `predicate` came true in time, before the faults end."""
+        """Returns whether `predicate` came true in time and before the end of the faults."""
         deadline = time.monotonic() + timeout_s
         while not predicate():
             if time.monotonic() > deadline or not self.pause(0.005):
@@ -70,7 +70,7 @@ class Stage:
         return self.cluster.masters() if self.plan.options.get("keepalived") else self.masters
 
     def node_id(self, who):
-        """The number behind a role."""
+        """Returns the number of a node that is given as a number or a role."""
         if not isinstance(who, str):
             return who
         nodes = sorted(self.cluster.nodes)
@@ -89,7 +89,7 @@ class Stage:
         self.events.add("master", nodes=self.masters)
 
     def look_for_masters(self):
-        """Notes whom keepalived has chosen."""
+        """Notes the leaders that keepalived has chosen."""
         if self.plan.options.get("keepalived"):
             masters = self.cluster.masters()
             if masters != self.masters:
@@ -135,7 +135,8 @@ class Stage:
 
     @contextmanager
     def one_down(self, wanted):
-        """Only one node at a time is down or behind after a restart. Gives False if it cannot be had any more."""
+        """Keeps other nodes from being down, or behind after a restart, at the same time. Gives False if the faults end
+        before it is this node's turn."""
         if not wanted:
             yield True
             return
@@ -150,8 +151,8 @@ class Stage:
 
     @contextmanager
     def claim(self, who, alone=True):
-        """The number of a running node that may be made ill now, `alone` as in one_down; None if it does not run, or
-        cannot be had any more."""
+        """Gives the number of a running node that a fault may hit now, or None if it does not run or the faults are
+        over. With `alone`, one_down holds meanwhile."""
         with self.one_down(alone) as may:
             node_id = self.node_id(who)
             yield node_id if may and self.is_running(node_id) else None
@@ -160,7 +161,8 @@ class Stage:
         self._down_on_purpose.add(pid)
 
     def await_end(self, node_id, timeout_s=3600.0):
-        """About when the node's process ended, in ns; None if it still runs then, or as the faults end."""
+        """Returns about when the node's process ended, in ns. None if it still runs after `timeout_s` or at the end of
+        the faults."""
         deadline = time.monotonic() + timeout_s
         while self.is_running(node_id):
             if not self.pause(0.01) or time.monotonic() > deadline:
@@ -171,7 +173,7 @@ class Stage:
         return at_ns
 
     def ended(self, node_id, process):
-        """Told of every process that has ended. To die of something else than the kill is no part of a plan."""
+        """Called for every process that has ended. Any end but a planned one is a failure."""
         if process["pid"] not in self._down_on_purpose or process["exit_code"] not in (0, -SIGKILL):
             self.events.add("exit", node=node_id, pid=process["pid"], code=process["exit_code"])
 
@@ -185,7 +187,7 @@ class Stage:
                 self._marked_changed.notify_all()
 
     def await_marked(self, identity):
-        """The event of an armed kill, or None when the faults end first."""
+        """Waits for an armed kill. Returns its event, or None if the faults end first."""
         with self._marked_changed:
             while identity not in self._marked and not self.over.is_set():
                 self._marked_changed.wait(0.2)
@@ -200,7 +202,7 @@ class Stage:
         self.arena.node_is_down(node_id)
 
     def cut_power(self, seed, is_careless):
-        """Ends all nodes at one moment, and leaves on each disk what had to be there, and more only by chance."""
+        """Kills all nodes at one moment. On each disk all certain changes stay; the seed decides about the others."""
         with self._power:
             processes = self.cluster.processes()
             for process in processes.values():
@@ -220,7 +222,7 @@ class Stage:
                                 payloads=sorted(whole_payloads(node.payload_dir)))
 
     def terminate(self, node_id):
-        """Clean end of the daemon; returns its exit code."""
+        """Ends the daemon cleanly. Returns its exit code."""
         node = self.cluster.node(node_id)
         pid = node.pid()
         self._down_on_purpose.add(pid)
@@ -234,7 +236,7 @@ class Stage:
         self.start_together([node_id])
 
     def start_together(self, node_ids):
-        """As start, all at one moment."""
+        """As start, for several nodes at one moment."""
         spawned = {}
         with self._power:
             for node_id in node_ids:
@@ -252,8 +254,8 @@ class Stage:
         return bool(process and process["running"])
 
     def settle(self, node_id):
-        """Waits until every running node has delivered what was decided when this was called. False if the faults end
-        first, or it takes too long."""
+        """Waits until every running node has delivered what was decided at the time of the call. Returns False if the
+        faults end first or it takes too long."""
         wanted = max(decisions.read_position(node.cons_dir)[0] for node in self.cluster.nodes.values())
 
         def is_settled():

@@ -1,7 +1,7 @@
-"""Strangers on the cluster's group: sound messages, but of another cluster or of another build. Were one believed, it
-would tear the log: its numbers are far above ours.
+"""Strangers on the cluster's multicast group: valid messages, but of another cluster or build. A node that accepted one
+would diverge, since the numbers in them are far above the cluster's own.
 
-Run as a program inside a node's network: ADDRESS BUILD COUNT SEED.
+Run it as a program inside a node's network: ADDRESS BUILD COUNT SEED.
 """
 
 import os
@@ -22,7 +22,7 @@ NUMBER = 1_000_000
 
 
 def payloads():
-    """(channel, payload) of messages that change whoever believes them."""
+    """Yields (channel, payload) of messages that would change the state of a node that accepts them."""
     log = struct.pack("<I", 2) + struct.pack("<BI", 1, NUMBER) + struct.pack("<BI", 2, NUMBER + 1) + bytes(248 * 5)
     yield 4, struct.pack("<II", 0, NUMBER) + bytes(5) + log + b"\0"
     yield 4, struct.pack("<IBI", 1, 1, NUMBER) + bytes(3)
@@ -38,7 +38,7 @@ def datagram(channel, payload, cluster_id, build):
 
 
 def main(address, build, count, seed):
-    """`address`: of the device on which the group is."""
+    """`address` is that of the device that reaches the group."""
     draw = random.Random(seed)
     others = [(CLUSTER_ID ^ 1, build), (CLUSTER_ID ^ (1 << 40), build), (CLUSTER_ID ^ (1 << 31), build),
               (CLUSTER_ID, build + 1), (CLUSTER_ID, build ^ (1 << 24))]
@@ -60,7 +60,7 @@ def build_number(log_path):
 
 
 def send(cluster, address_of, count, seed):
-    """From inside the network of the lowest running node."""
+    """Sends the messages from inside the network of the lowest running node."""
     node = cluster.node(min(cluster.running()))
     lab_parent = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
     command = [sys.executable, "-B", "-m", "vxlab_lib.chaos.strangers", address_of(node.id),

@@ -1,4 +1,4 @@
-"""Runs the tracks of a plan, and undoes all that they did."""
+"""Runs the tracks of a plan and undoes all that they did."""
 
 import signal
 import threading
@@ -11,7 +11,7 @@ from .recovery import ensure_active
 
 
 class Tracks:
-    """One thread per track of the plan; each goes through its steps in their order."""
+    """One thread per track of the plan. Each carries out its steps in their order."""
 
     def __init__(self, stage):
         self._stage = stage
@@ -40,23 +40,23 @@ class Tracks:
             if "log" in step:
                 waits_since = time.monotonic()
                 found = stage.await_log(*step["log"])
-                begun += time.monotonic() - waits_since  # so that what ends this fault keeps its distance
+                begun += time.monotonic() - waits_since  # keeps the distance to the step that ends this fault
                 if stage.over.is_set():
                     return
                 stage.events.add("at-log", fault=track["fault"], entries=found)
             try:
                 ACTIONS[step["do"]](stage, index, step)
             except LabError as error:
-                # A node that is down, paused or isolated by another fault cannot have this one too.
+                # Another fault may have brought the node down, paused or isolated it.
                 stage.events.add("step-refused", fault=track["fault"], do=step["do"], error=str(error))
-            except Exception as error:  # a mistake of ours must not pass for a quiet episode
+            except Exception as error:  # a bug in the laboratory must not look like a quiet episode
                 self.error = error
                 stage.events.add("step-broken", fault=track["fault"], do=step["do"], error=repr(error))
                 return
 
 
 def undo_all(stage):
-    """Every fault off: the network whole, every node running, its disk and clock well, one MASTER."""
+    """Ends every fault: the network is whole, every node runs with a good disk and clock, and one is MASTER."""
     stage.clear_network()
     for node_id, node in stage.cluster.nodes.items():
         if stage.is_running(node_id):

@@ -1,5 +1,5 @@
-"""The wire arena: each node has a network namespace with one Ethernet device, a TAP port of vx-fabric; its files lie on
-an ext4 image of the run. keepalived elects the leader where the plan says so. Needs root."""
+"""The wire arena. Each node has a network namespace with one Ethernet device, a TAP port of vx-fabric. Its files are on
+an ext4 image made for the run. keepalived elects the leader if the plan says so. Needs root."""
 
 import os
 import shutil
@@ -44,12 +44,12 @@ echo "$3" > /run/node_state.new && mv /run/node_state.new /run/node_state
 
 
 class WireCluster(Cluster):
-    """Each node's network is held by a process that does nothing else, so that it outlives the daemon."""
+    """A process that does nothing else holds each node's network, so that it outlives the daemon."""
 
     small_disk = None  # the node whose /flashdisk is a small file system
 
     def open(self, detached=False):
-        if self.small_disk:  # the laboratory's programs see only what was mounted before them
+        if self.small_disk:  # the laboratory's programs see only earlier mounts
             target = self.node(self.small_disk).path("flashdisk")
             os.makedirs(target)
             private_space.mount("tmpfs", target, "tmpfs", 0, f"mode=0755,size={SMALL_DISK_SIZE}")
@@ -115,9 +115,9 @@ class WireArena(Arena):
         os.chmod(node.path("notify"), 0o700)
 
     def start_keepalived(self, node_id):
-        """In the node's view, with process ids of its own: its helpers end with it."""
+        """Starts keepalived in the node's view. In its own process id namespace, so that its helpers end with it."""
         node = self.cluster.node(node_id)
-        for name in ("keepalived.pid", "vrrp.pid"):  # one that was killed leaves them, and its numbers come again
+        for name in ("keepalived.pid", "vrrp.pid"):  # a killed one leaves them, and its process ids are used again
             if os.path.exists(node.path("run", name)):
                 os.unlink(node.path("run", name))
         command = ["unshare", "--pid", "--fork", "--kill-child=KILL", self._keepalived_path, "--dont-fork",
@@ -130,7 +130,7 @@ class WireArena(Arena):
         return self.program_runs(f"keepalived{node_id}")
 
     def stop_keepalived(self, node_id):
-        """As its machine's death would: without a word to the others."""
+        """Kills keepalived as its machine's death would, without a message to the others."""
         try:
             self.cluster.holder.ask("signal", node=f"keepalived{node_id}", signal=9)
             self.cluster.holder.ask("wait", 10.0, node=f"keepalived{node_id}", timeout_s=5.0)
@@ -143,7 +143,7 @@ class WireArena(Arena):
             self.cluster.node(node_id).write_state("BACKUP")
 
     def close(self):
-        if self.keepalived:  # what it runs under heeds no SIGTERM
+        if self.keepalived:  # its parent process ignores SIGTERM
             for node_id in self.cluster.nodes:
                 self.stop_keepalived(node_id)
         super().close()

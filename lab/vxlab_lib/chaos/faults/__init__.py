@@ -1,4 +1,4 @@
-"""All faults by name. Each group is a file: what a fault does is a list of steps, drawn from a seed."""
+"""All faults by name, one file per group. A fault is a list of steps drawn from a seed."""
 
 from . import disk, exact, host, leadership, lifecycle, network, process
 

@@ -11,19 +11,19 @@ class Made:
     settings: dict = field(default_factory=dict)  # node id, 0 for all -> configuration keys
     load: dict = field(default_factory=dict)
     options: dict = field(default_factory=dict)
-    seconds: float = 0.0  # how long faults last at least
+    seconds: float = 0.0  # how long the faults must last at least
 
 
 @dataclass(frozen=True)
 class Fault:
     name: str
     group: str
-    what: str  # what it does
-    undone: str  # how it ends
+    what: str  # text: what it does
+    undone: str  # text: how it ends
     make: object  # (random.Random, node count, seconds) -> Made
     arenas: tuple = ("broker", "wire")
     is_apart: bool = False  # left out of "all": almost nothing is promised under it
-    is_durable: bool = False  # only where payloads are durable
+    is_durable: bool = False  # only with durable payloads
 
 
 def at(seconds, action, **arguments):
@@ -31,7 +31,7 @@ def at(seconds, action, **arguments):
 
 
 def times(draw, seconds, every, first=1.0):
-    """Moments about `every` seconds apart, the last one with time left for its effect."""
+    """Returns moments about `every` seconds apart. After the last one there is time left for its effect."""
     moments, moment = [], first + draw.uniform(0.0, every / 2)
     while moment < seconds - 1.0:
         moments.append(moment)
@@ -40,10 +40,10 @@ def times(draw, seconds, every, first=1.0):
 
 
 def any_node(draw, nodes):
-    """A role more often than a number: the leader and the others are in different trouble."""
+    """Returns a role more often than a number, since a fault hits the leader and the followers differently."""
     return draw.choice(["leader", "leader", "follower", "last", draw.randint(1, nodes)])
 
 
 def near_roll_over(draw):
-    """Log lengths just before a new log begins, at it, or in its first decisions."""
+    """Returns log lengths just before a new log begins, at that moment, or in its first decisions."""
     return draw.choice([[249, 250], [250, 250], [1, 1], [1, 2], [2, 3]])

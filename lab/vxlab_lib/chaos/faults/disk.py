@@ -1,4 +1,4 @@
-"""Faults of the disk of one node, a minority. The node isolates itself; it is started again when its disk is well."""
+"""Faults of the disk of one node, a minority. The node isolates itself. It is started again when its disk is well."""
 
 from .base import Fault, Made, any_node, at, times
 
@@ -7,7 +7,7 @@ FILES = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg", "*"]
 
 
 def failing(kind, names=FILES, skip_max=10):
-    """Rules of libvx_disk_faults.so."""
+    """Returns a fault that writes one rule of this kind for libvx_disk_faults.so."""
 
     def make(draw, nodes, seconds):
         steps = []
@@ -35,27 +35,27 @@ def cut_write(draw, nodes, seconds):
 
 
 def full_disk(draw, nodes, seconds):
-    """The node's own small file system, filled for real."""
+    """The node has a small file system of its own, which is really filled."""
     node = draw.randint(1, nodes)
     return Made([at(moment, "fill-disk", node=node, for_s=round(draw.uniform(1.0, 3.0), 1))
                  for moment in times(draw, seconds, 7.0)], options={"small_disk": node})
 
 
 def cut_records(draw, nodes, seconds):
-    """What a power cut on a careless file system leaves: a short record, found at the next start."""
+    """A power cut on a careless file system leaves a short record, which the next start finds."""
     names = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg"]
     return Made([at(moment, "cut-record", node=any_node(draw, nodes), file=draw.choice(names),
                     keep_bytes=draw.randint(0, 3), settle=True) for moment in times(draw, seconds, 7.0)])
 
 
 def blocked_save(draw, nodes, seconds):
-    """A directory stands where a record's temporary file would be made."""
+    """A directory has the name of a record's temporary file."""
     return Made([at(moment, "block-save", node=any_node(draw, nodes), file=draw.choice(FILES[:3]),
                     for_s=round(draw.uniform(0.5, 2.5), 2)) for moment in times(draw, seconds, 6.0)])
 
 
 def payload_files(draw, nodes, seconds):
-    """No save of a payload comes to its end; nobody leaves for that."""
+    """No save of a payload succeeds. No node isolates itself for that."""
     kinds = ["enospc payloads/*", "eio payloads/*", "readonly payloads/*", f"cut_write payloads/* {draw.randint(0, 60)}"]
     return Made([at(moment, "disk", node=any_node(draw, nodes), for_s=round(draw.uniform(0.5, 2.5), 2),
                     rules=[f"{draw.choice(kinds)} skip {draw.randint(0, 10)}"])

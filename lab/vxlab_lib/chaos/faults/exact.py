@@ -1,4 +1,4 @@
-"""Faults that aim at one certain order of events."""
+"""Faults that aim at one exact order of events."""
 
 from .base import Fault, Made, any_node, at, near_roll_over, times
 
@@ -32,7 +32,7 @@ def stop_at_new_log(draw, _nodes, seconds):
 
 
 def late_snapshot(draw, _nodes, seconds):
-    # Small lines: what the follower has to be sent at once is all that is in the journal by then.
+    # Small lines, because the snapshot that the follower fetches contains the whole journal.
     return Made([at(moment, "late-snapshot", hook_ms=draw.choice([1000, 2000]), log_s=8.0, log=[100, 230])
                  for moment in times(draw, seconds, 6.0)], load={"sizes": [1, 40]})
 

@@ -33,7 +33,7 @@ def states(size):
 
 
 def bulk(draw, nodes, seconds):
-    """A few very large payloads beside the steady small ones."""
+    """Submits a few very large payloads in addition to the steady small ones."""
     return Made([at(moment, "bulk", node=draw.randint(1, nodes), bytes=draw.choice([100_000, 1_000_000, 10_000_000]))
                  for moment in times(draw, seconds, 5.0)])
 

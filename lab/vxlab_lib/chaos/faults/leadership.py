@@ -51,7 +51,7 @@ def lagging(draw, nodes, seconds):
 
 
 def one_behind(draw, _nodes, seconds):
-    """The next leader has not heard of the newest decisions while messages wait."""
+    """The next leader has not heard the newest decisions while messages wait."""
     steps = []
     for moment in times(draw, seconds, 4.0):
         steps += [at(moment, "net", rules=[{"from": 0, "to": "follower", "channel": 4, "type": "DECIDE", "loss": 1.0}],
@@ -71,7 +71,7 @@ def state_file(draw, nodes, seconds):
 
 
 def keepalived(draw, nodes, seconds):
-    """keepalived chooses; leaders die with theirs, or lose the network."""
+    """keepalived chooses the leader. Leaders die together with their keepalived, or lose the network."""
     steps = []
     for moment in times(draw, seconds, 9.0, first=3.0):
         kind = draw.choice(["kill", "cut", "stop-keepalived"])

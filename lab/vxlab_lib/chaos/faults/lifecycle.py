@@ -12,7 +12,7 @@ def stop_start(draw, nodes, seconds):
 
 
 def stop_alone(draw, _nodes, seconds):
-    """The leader hears nobody for far longer than a stop may take, with a proposal on its way."""
+    """The leader is stopped with a proposal under way. It hears no other node for longer than a stop may take."""
     steps = []
     for moment in times(draw, seconds, 13.0):
         steps += [at(moment, "cut", pairs=[["leader", 0], [0, "leader"]]),
@@ -23,7 +23,7 @@ def stop_alone(draw, _nodes, seconds):
 
 
 def reinit(draw, nodes, seconds):
-    """cleanup and init; memory is forgotten, so one node at a time."""
+    """Calls cleanup and init. The node's memory is lost, so one node at a time."""
     return Made([at(moment, "reinit", node=any_node(draw, nodes), down_s=draw.choice([0.0, 0.1, 1.0]), settle=True)
                  for moment in times(draw, seconds, 3.0)])
 
@@ -42,7 +42,7 @@ def clock_step(draw, nodes, seconds):
 
 
 def strangers(draw, _nodes, seconds):
-    """Valid messages of another cluster, and of another build, with numbers far above ours."""
+    """Sends valid messages of another cluster and of another build, with numbers far above the cluster's own."""
     return Made([at(moment, "strangers", count=draw.randint(20, 200), seed=draw.randint(0, 1 << 30))
                  for moment in times(draw, seconds, 2.0)], options={"strangers": True})
 

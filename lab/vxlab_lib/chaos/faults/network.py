@@ -1,4 +1,4 @@
-"""Faults of the network. All of them are the fabric's doing and end with its rules."""
+"""Faults of the network. The fabric makes all of them, and they end with its rules."""
 
 from .base import Fault, Made, any_node, at, near_roll_over, times
 
@@ -7,7 +7,7 @@ UNDONE = "the rules are taken away"
 
 
 def rule(draw, nodes, **what):
-    """A rule for everything, or for one channel and perhaps one direction."""
+    """Returns a rule for all datagrams, or for one channel and perhaps one direction."""
     found = {"from": 0, "to": 0, "channel": draw.choice(CHANNELS), "type": "*"}
     if draw.random() < 0.4:
         found[draw.choice(["from", "to"])] = draw.choice(["leader", draw.randint(1, nodes)])
@@ -15,7 +15,7 @@ def rule(draw, nodes, **what):
 
 
 def shifting(**what):
-    """The same kind of rule on other channels and directions every few seconds; first on everything."""
+    """Changes the channels and directions of a rule every few seconds. The first rule is for all datagrams."""
 
     def make(draw, nodes, seconds):
         steps = [at(0.5, "net", rules=[{"from": 0, "to": 0, "channel": 0, "type": "*", **what}])]
@@ -75,7 +75,7 @@ def lose_decide(draw, _nodes, seconds):
 
 
 def lose_decide_update(draw, nodes, seconds):
-    """Nodes that were away, or lead too early, are not told what they missed."""
+    """Nodes that were away or that lead too early do not get the decisions that they missed."""
     steps = [at(0.5, "net", rules=[{"from": 0, "to": 0, "channel": 4, "type": "DECIDE_UPDATE",
                                     "loss": draw.choice([0.5, 0.9, 1.0])}])]
     return Made(steps + cut_at_roll_over(draw, nodes, seconds).steps)
@@ -110,7 +110,7 @@ def cut_at_roll_over(draw, nodes, seconds):
 
 def delay_all(draw, nodes, seconds):
     made = shifting(delay_ms=[0, 3000])(draw, nodes, seconds)
-    # Late messages matter when the leader has changed meanwhile.
+    # Late messages matter only if the leader has changed meanwhile.
     made.steps += [at(moment, "master", nodes=[any_node(draw, nodes)])
                    for moment in times(draw, seconds, 8.0, first=4.0)]
     return made

@@ -1,4 +1,4 @@
-"""Faults of processes. Without a word to the contrary a node is killed only when the one before has caught up."""
+"""Faults of processes. Unless a fault says otherwise, a node is killed only when the last one has caught up."""
 
 from .base import Fault, Made, any_node, at, near_roll_over, times
 
@@ -15,7 +15,7 @@ def kill_random(draw, nodes, seconds):
 
 
 def kill_at(point, roles):
-    """The fabric kills the node at a marked point: what it was about to say there is lost with it."""
+    """The fabric kills the node at a marked point. The message that it was about to send there is lost."""
 
     def make(draw, nodes, seconds):
         steps = []
@@ -29,7 +29,7 @@ def kill_at(point, roles):
 
 
 def kill_near_save(rules, roles):
-    """The node's disk library kills it at the n-th such call from now."""
+    """The node's disk library kills it at the n-th call of a kind from now on."""
 
     def make(draw, _nodes, seconds):
         steps = []
@@ -43,7 +43,7 @@ def kill_near_save(rules, roles):
 
 
 def forgetful_acceptor(rules_after):
-    """`rules_after`: for its disk, while it is alone with those who know of nothing."""
+    """`rules_after` are for the acceptor's disk while it hears only nodes that do not know the decision."""
 
     def make(draw, _nodes, seconds):
         return Made([at(moment, "forgetful-acceptor", rule=f"kill_before rename:rb_reg {draw.randint(1, 9)}",
@@ -54,7 +54,7 @@ def forgetful_acceptor(rules_after):
 
 
 def pause_leader(draw, nodes, seconds):
-    """Frozen while another one leads, then it goes on as if nothing had happened."""
+    """The leader is frozen while another node leads. Then it goes on as if nothing had happened."""
     steps = []
     for moment in times(draw, seconds, 8.0):
         steps.append(at(moment, "pause", node="leader", for_s=round(draw.uniform(2.0, 6.0), 1),
@@ -71,7 +71,7 @@ def rolling_restart(draw, nodes, seconds):
 
 
 def restart_acceptor(draw, _nodes, seconds):
-    """A node that has missed decisions leads while one that helped to make them restarts."""
+    """A node that has missed decisions leads while a node that helped to make them restarts."""
     steps = []
     for moment in times(draw, seconds, 8.0):
         steps += [at(moment, "cut", pairs=[[0, "last"]]),
@@ -96,7 +96,7 @@ SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*"]
 
 
 def power_cut(is_careless):
-    """Some come in the middle of a save, some again before all is as before."""
+    """Some cuts come in the middle of a save, some before the cluster has recovered from the last one."""
 
     def make(draw, nodes, seconds):
         steps = []
