@@ -42,7 +42,7 @@ void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
 }
 
 // Each MISSING wakes this thread. Without a second between two requests, requests and MISSINGs would follow each other
-// at network speed. A node that answered MISSING but did not say which decision it knows may know none: it gets ours.
+// at network speed. A node that answered MISSING but did not say which decision it knows may know none: tell it.
 void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_may_request(paxos_data.pull)) {

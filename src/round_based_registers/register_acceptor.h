@@ -15,5 +15,5 @@ void rb_reg_accept_write(rb_reg &reg, const rb_reg_message &request, uint32_t se
 /// register is retired.
 bool rb_reg_cover_round(rb_reg &reg, uint32_t round) CONS_REQUIRES(reg.lock);
 
-/// Sends an answer once. Returns 0, or -1 without memory.
+/// Sends an answer once. Returns 0, or -1 if memory runs out.
 int rb_reg_send_reply(const rb_reg_message &reply, uint32_t destination);

@@ -1,4 +1,4 @@
-"""Reads the files of an episode. Nothing here judges; what cannot be read is CouldNotRun."""
+"""Reads the files of an episode and judges nothing. Raises CouldNotRun for a file that cannot be read."""
 
 import glob
 import json
@@ -18,7 +18,7 @@ class CouldNotRun(LabError):
 
 @dataclass(slots=True)
 class Hook:
-    """One call of a deliver hook. kind: deliver, adopt (a full state), damaged."""
+    """One call of a deliver hook. `kind` is deliver, adopt (part of a snapshot) or damaged. Times are in ns."""
 
     node: int
     life: int  # index of the process life on its node
@@ -50,7 +50,7 @@ class Call:
 
 @dataclass(slots=True)
 class Moment:
-    """Another line of the trace: begin, start-call, .., isolated, get-state."""
+    """Any other line of the trace but the calls: begin, start-call, isolated, get-state and so on."""
 
     t: int
     life: int
@@ -59,11 +59,11 @@ class Moment:
 
 
 class Trace:
-    """What one node's process lives did, in the order of the file."""
+    """What one node's processes did, in the order of the file. A life is one process."""
 
     def __init__(self, node):
         self.node = node
-        self.lives = []  # name of each, in order
+        self.lives = []  # their names, in order
         self.pids = []
         self.hooks = []
         self.calls = []
@@ -71,7 +71,7 @@ class Trace:
         self.order = []  # hooks and moments, in the order of the file
         self._open = {}
         self._hook_count = 0
-        self.last_t = []  # per life
+        self.last_t = []  # time of the last line, per life
 
     def add(self, words):
         t, life_name, what = int(words[0]), words[1], words[2]
@@ -114,16 +114,16 @@ class Trace:
 
 
 def read_trace(path, node):
-    """A line that a kill tore is left out; any other that cannot be read is CouldNotRun."""
+    """Reads the trace. Leaves out lines that a kill cut short. Raises CouldNotRun for any other bad line."""
     trace = Trace(node)
     content = read_bytes(path).decode("utf-8", "replace")
     lines = content.split("\n")
-    lines.pop()  # the end of the last line, or one that a kill tore
+    lines.pop()  # empty after the last newline, or a line that a kill cut short
     for number, line in enumerate(lines, 1):
         try:
             trace.add(line.split(" "))
         except (ValueError, IndexError, KeyError) as error:
-            begin = re.search(r"\d{6,} [0-9a-f]{16} begin \d+$", line)  # the next life wrote behind a torn line
+            begin = re.search(r"\d{6,} [0-9a-f]{16} begin \d+$", line)  # the next life began after a cut line
             if not begin:
                 raise CouldNotRun(f"{path}:{number}: no line of a trace: {line[:80]!r}") from error
             trace.add(begin[0].split(" "))
@@ -132,7 +132,7 @@ def read_trace(path, node):
 
 @dataclass(slots=True)
 class Decide:
-    """A DECIDE as the fabric saw it leave its sender."""
+    """A DECIDE as the fabric saw it when it was sent."""
 
     t: int
     node: int
@@ -149,7 +149,7 @@ def entry_of(text):
 
 
 def read_wire(path):
-    """(decides, sends: [(t, node, channel)])."""
+    """Returns (decides, sends), where sends is a list of (t, node, channel)."""
     decides, sends = [], []
     for line in read_bytes(path).decode("utf-8", "replace").split("\n")[:-1]:
         words = line.split()
@@ -160,7 +160,7 @@ def read_wire(path):
                                   entry_of(words[6]), words[7]))
         elif words[2] in ("send4", "send5"):
             sends.append((int(words[0]), int(words[1]), int(words[2][4:])))
-    # The fabric writes sums in decimal, the keeper of the evidence rewrites all of a file to eight hexadecimal digits.
+    # The fabric writes checksums in decimal. Kept evidence has them all as eight hexadecimal digits.
     base = 16 if all(len(decide.crc) == 8 for decide in decides) else 10
     for decide in decides:
         decide.crc = int(decide.crc, base)
@@ -188,7 +188,7 @@ def read_json_lines(path):
 
 
 def read_run(directory):
-    """run.json, or what a plain run directory of the laboratory tells."""
+    """Returns the content of run.json, or of lab.json in a plain run directory of the laboratory."""
     for name in ("run.json", "lab.json"):
         content = read_bytes(os.path.join(directory, name))
         if content:
@@ -204,7 +204,7 @@ def first_existing(*paths):
 
 
 class NodeFiles:
-    """Where the evidence of one node lies, in an episode or in a plain run directory."""
+    """Finds the evidence of one node, in an episode or in a plain run directory."""
 
     def __init__(self, directory, node):
         self.node = node
@@ -223,7 +223,7 @@ class NodeFiles:
         return read_journal(path, self.node)
 
     def log(self):
-        """The bytes of the log, its older parts first."""
+        """Returns the bytes of the log, older parts first."""
         path = first_existing(self.path("log"), self.path("kesh.log"))
         stem, extension = os.path.splitext(path)
         older = {}
@@ -234,7 +234,7 @@ class NodeFiles:
         return b"".join(read_bytes(older[number]) for number in sorted(older, reverse=True)) + read_bytes(path)
 
     def payloads(self):
-        """Names of the payload files at the end; None if there is no directory of them."""
+        """Returns the names of the payload files at the end; None if there is no directory of them."""
         content = read_bytes(self.path("payloads.json"))
         if content:
             return set(json.loads(content))
@@ -242,5 +242,5 @@ class NodeFiles:
         return set(os.listdir(directory)) if os.path.isdir(directory) else None
 
     def cons(self):
-        """Directory with the library's files at the end."""
+        """Returns the directory with the library's files at the end."""
         return first_existing(self.path("flashdisk", "cons"), self.path("cons"))

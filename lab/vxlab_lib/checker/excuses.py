@@ -1,4 +1,4 @@
-"""The excuses, each with the proof that it applies. A function here returns the proof as text, or None."""
+"""The excuses for broken promises. Each function returns the proof that its excuse applies as text, or None."""
 
 from bisect import bisect_left
 from functools import wraps
@@ -7,7 +7,7 @@ from .promises import INFINITE
 
 
 def needs_memory(excuse):
-    """The excuse is that payloads or identifiers live in memory: none where they are durable."""
+    """For an excuse that holds only if payloads and identifiers live in memory. With durable payloads it never does."""
     @wraps(excuse)
     def found(episode, *arguments):
         return None if episode.keeps_payloads else excuse(episode, *arguments)
@@ -16,13 +16,13 @@ def needs_memory(excuse):
 
 @needs_memory
 def hole(episode, hook):
-    """The journal that this hook call led to lacks a payload, which its node had skipped as lost."""
+    """The journal after this hook call lacks a payload that its node had skipped as lost."""
     return _told(hook.node, *episode.holes_before(hook)[-1]) if hook and episode.holes_before(hook) else None
 
 
 @needs_memory
 def open_hole(episode, t):
-    """Some node's journal lacked a payload then."""
+    """At time `t` some node's journal lacked a payload."""
     for node, trace in episode.traces.items():
         hooks = [hook for hook in trace.hooks if hook.t <= t]
         if hooks and (found := episode.holes_before(hooks[-1])):
@@ -37,9 +37,9 @@ def _told(node, life, before, hit):
 
 @needs_memory
 def lost(episode, tag, makers, later):
-    """A history lacks the payload of this tag. Its `makers`, hook calls, had skipped that payload, or the full state
-    that stood for it. Or the payload itself was skipped, before `later` where the node delivered that, by a node whose
-    history others took over since."""
+    """A history lacks the payload of this tag. The nodes of the hook calls `makers`, which made the history, had
+    skipped that payload or a snapshot that contains it. Or any node skipped the payload itself and others took its
+    history over since; if that node delivered `later`, it skipped the payload before."""
     for maker in filter(None, makers):
         for life, before, hit in episode.holes_before(maker):
             if tag in episode.tags_of.get((hit.sender, hit.number), (tag,)):
@@ -54,18 +54,18 @@ def lost(episode, tag, makers, later):
 
 
 def crash_repeat(episode, hook, before, crashed):
-    """`crashed`: how the run before ended, None for in good order or for a hook call that is not the first of its
-    run; `before`: the hook call before. The last line before a crash may be delivered once more."""
+    """The last line before a crash may be delivered once more. `crashed` says how the previous run crashed; it is None
+    if it did not, or if this hook call is not the first of its run. `before` is the previous hook call."""
     key = (hook.tag, hook.attempt)
-    state = episode.history.states.get((hook.lines, hook.hash))  # a kill may have left no trace of the line before
+    state = episode.history.states.get((hook.lines, hook.hash))  # a kill may have left no trace of the previous line
     is_last = (state and (state.tag, state.attempt) == key) or (before and (before.tag, before.attempt) == key)
     return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last else None
 
 
 @needs_memory
 def forgotten_decision(episode, hook):
-    """A FORWARD was accepted by a leader that had missed, or by a restart forgotten, that message's decision, after
-    the log that named it had been replaced."""
+    """A leader accepted a FORWARD of a message that was already decided, after the log that named it was replaced. The
+    leader had missed that decision or had forgotten it in a restart."""
     key = (hook.tag, hook.attempt)
     first = min((other.t for trace in episode.traces.values() for other in trace.hooks
                  if (other.tag, other.attempt) == key), default=hook.t)
@@ -89,14 +89,14 @@ def forgotten_decision(episode, hook):
 
 
 def _proposes_behind(episode, node, life, hit):
-    """All hear a FORWARD, and only who leads orders it."""
+    """Whether the node proposed after this FORWARD. All nodes hear a FORWARD, but only a leader proposes."""
     segment, _ = episode.segments[node][life]
     return any(hit.offset < attempt.offset < segment.end for attempt in episode.logs[node].hits["attempt"])
 
 
 def _hooks_before_run(episode, node, life, hit):
-    """Hook calls of that life before the run of the library in which the line was logged. A run knows no more than the
-    log that it began with."""
+    """Returns the number of hook calls in that life before the run of the library that logged the line. A run knows
+    only the log that it began with."""
     log = episode.logs[node]
     segment, missing = episode.segments[node][life]
     begins = [mark.offset for kind in ("active", "isolating") for mark in log.hits[kind]
@@ -105,7 +105,7 @@ def _hooks_before_run(episode, node, life, hit):
 
 
 def _stands_between(episode, trace, life, before, after_t, until_t):
-    """Whether a log line behind `before` hook calls of that life can have been written in that time."""
+    """Whether a log line after `before` hook calls of that life may have been written from after_t to until_t."""
     hooks = trace.hooks
     at = bisect_left(hooks, (life, before), key=lambda hook: (hook.life, hook.index))
     in_life = at > 0 and hooks[at - 1].life == life
@@ -115,7 +115,7 @@ def _stands_between(episode, trace, life, before, after_t, until_t):
 
 @needs_memory
 def two_states(episode, number, near_t):
-    """Two leaders made a full state for one decision: it may differ in its first entry."""
+    """Two leaders made a snapshot for the same decision, so the decided logs may differ in their first entry."""
     makers = [node for node in episode.nodes if any(hit.number == number for hit in episode.hits(node, "full"))]
     if len(makers) > 1:
         return f"nodes {makers} both logged \"PROPOSE full state (batch_id={number})\""
@@ -132,7 +132,7 @@ SECOND = 10**9
 
 @needs_memory
 def carried_tail(episode, number, counts):
-    """A leader had lost the tail of its log and carried it into the new one."""
+    """A leader had skipped the tail of its log as lost and carried it into the new one."""
     for node in episode.nodes:
         for full in episode.hits(node, "full"):
             if full.number not in {number - count + 1 + carried for count in counts for carried in (0, 1, 2, 3)}:

@@ -1,4 +1,4 @@
-"""What a check looked at, and what it found."""
+"""What a check examined and what it found."""
 
 from collections import Counter
 from dataclasses import asdict, dataclass, field
@@ -12,7 +12,7 @@ class Finding:
     node: int | None = None
     tag: str | None = None  # the entry: origin.life.sequence
     line: int | None = None  # its number in the journal
-    batch: int | None = None  # number of the decision, or the next one that was seen
+    batch: int | None = None  # decision number, or the next one that was seen
     excuse: str | None = None  # None: a violation
     proof: str | None = None
 
@@ -26,7 +26,7 @@ class Check:
     examined: Counter = field(default_factory=Counter)
     violations: list = field(default_factory=list)
     excused: list = field(default_factory=list)
-    notes: list = field(default_factory=list)  # what could not be looked at, and why
+    notes: list = field(default_factory=list)  # what could not be examined, and why
     not_promised: str | None = None
 
     def saw(self, what, count=1):
@@ -61,10 +61,10 @@ class Check:
 class Result:
     directory: str
     seed: object
-    started: int  # ns; times are told relative to it
+    started: int  # ns; reported times are relative to it
     level: str  # see promises.py
     checks: list
-    needed: tuple = ()  # invariants without which the episode says nothing
+    needed: tuple = ()  # invariants that must be examined, or the episode proves nothing
 
     @property
     def violations(self):
@@ -73,12 +73,12 @@ class Result:
 
     @property
     def first(self):
-        """The first violation in time, or None."""
+        """The earliest violation, or None."""
         return next(iter(self.violations), None)
 
     @property
     def unexamined(self):
-        """Needed invariants of which nothing was seen."""
+        """The needed invariants for which nothing was examined."""
         return [check.invariant for check in self.checks
                 if check.invariant in self.needed and check.verdict == "nothing examined"]
 

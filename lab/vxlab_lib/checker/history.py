@@ -1,7 +1,7 @@
 """All states that the journals of an episode ever had, as one tree.
 
-A state is (number of lines, running hash); the hash covers everything before, so equal states are equal histories. As
-long as the tree is one chain, all nodes at all times agree.
+A state is (number of lines, running hash). The hash covers all lines so far, so equal states mean equal histories. If
+the tree is a single chain, all nodes agreed at all times.
 """
 
 from dataclasses import dataclass
@@ -16,9 +16,9 @@ class State:
     hash: str
     tag: str | None = None  # of the last line
     attempt: int = 0
-    parent: tuple | None = None  # (lines, hash), None: not known
-    maker: object = None  # the Hook that applied the line first, of all nodes
-    seen: object = None  # the first Hook after which a journal stood there
+    parent: tuple | None = None  # (lines, hash); None: unknown
+    maker: object = None  # the first Hook on any node that applied the line
+    seen: object = None  # the first Hook after which a journal had this state
 
     @property
     def key(self):
@@ -29,7 +29,7 @@ class History:
     def __init__(self, journals, traces):
         self.states = {(0, HASH_START): State(0, HASH_START)}
         self.finals = {}  # node -> state key at the end
-        self.faults = []  # (node, line, text): what is wrong within one journal
+        self.faults = []  # (node, line, text): faults within one journal
         self._texts = {}  # state key -> CRC-32 of its last line
         self.observations = 0
         for journal in journals.values():
@@ -88,8 +88,8 @@ class History:
             at = state.key
 
     def forks(self):
-        """Lists of states, two or more each, that follow one and the same state (or an unknown one): after these the
-        histories differ. In the order of their line numbers."""
+        """Returns lists of two or more states that follow the same state (or an unknown one), where histories part. In
+        the order of their line numbers."""
         found = []
         for lines in sorted(self.by_lines):
             states = self.by_lines[lines]
@@ -106,7 +106,7 @@ class History:
         return found
 
     def chain(self, key):
-        """The states from the first known one up to `key`."""
+        """Returns the states from the first known one up to `key`."""
         found = []
         while key is not None and key in self.states:
             state = self.states[key]
@@ -117,10 +117,10 @@ class History:
         return found
 
     def leaves(self):
-        """Keys of the states after which nothing came; the longest first."""
+        """Returns the keys of the states that no other state follows, the longest first."""
         return sorted((key for key in self.states if key not in self.children), reverse=True)
 
     def main(self):
-        """The state in which most journals ended; the longest of those."""
+        """Returns the key of the state in which most journals ended; of several, the longest."""
         keys = list(self.finals.values()) or [max(self.states)]
         return max(keys, key=lambda key: (keys.count(key), key))

@@ -1,4 +1,4 @@
-"""I6 to I8 and I14: what was acknowledged, and what the files and decisions say of it."""
+"""I6 to I8 and I14: acknowledged lines, the library's files and the decisions."""
 
 import os
 import re
@@ -11,7 +11,7 @@ from .evidence import read_bytes
 from .invariants_order import FINDINGS_MAX
 
 LOG_SIZE = 1254
-SYNCED_NS = 2 * 10**9  # what was written so long ago has been synced since
+SYNCED_NS = 2 * 10**9  # a write this old has been synced
 SIZES = {"msg_id": 4, "paxos_decide": 1258, "paxos_deliver": 5}
 
 
@@ -38,7 +38,7 @@ class _Chain:
         self.hidden = states[0].lines - 1 if states else 0  # lines before the first known one
 
     def parts_at(self, other):
-        """Index of the first state that the other one does not have."""
+        """Returns the index of the first state that the other history does not have."""
         low, high = 0, len(self.states)
         while low < high:
             middle = (low + high) // 2
@@ -50,12 +50,12 @@ class _Chain:
 
 
 def _own_journal_has_it(episode, check, chains, returned):
-    """The moment a call returned 0 its node's journal had the line."""
+    """When a call returned 0, its node's journal had the line."""
     for node, trace in episode.traces.items():
         hooks = [hook for hook in trace.hooks if hook.kind != "damaged"]
         at = -1
         for call in sorted((call for call in returned.values() if call.node == node), key=lambda call: call.returned):
-            # The line of a hook call is written within it, so before the call that waited for it returns.
+            # A hook call writes its line before it returns, so before the call that waited for it returns.
             while at + 1 < len(hooks) and hooks[at + 1].t <= call.returned:
                 at += 1
             if at < 0 or not _holds(chains, (hooks[at].lines, hooks[at].hash), call.tag):
@@ -69,7 +69,7 @@ def _holds(chains, key, tag):
 
 
 def _later_means_this(episode, check, this, other, returned):
-    """An acknowledged line of `this` history is in the `other` too if that has a later one of `this`."""
+    """If the `other` history has a line of `this`, it also has every earlier acknowledged line of `this`."""
     start = this.parts_at(other)
     shared = [index for index, state in enumerate(this.states[start:], start) if state.tag in other.place]
     if not shared:
@@ -121,7 +121,7 @@ def _in_every_end(episode, check, chains, wanted):
 def files(episode, check):
     power = [event["t"] for event in episode.events_of("power-cut")]
     for node, samples in episode.samples.items():
-        # The nodes die a moment after the first of these, and their files go back until the second.
+        # The nodes die just after the first of these events, and their files may change back until the second.
         cuts = sorted(power + [event["t"] for event in episode.events_of("disk-cut", node=node)])
         _never_falls(check, node, samples, "batch", "the number of the decision", cuts)
         _never_falls(check, node, samples, "msg_id", "the message id counter", cuts)
@@ -135,14 +135,14 @@ def files(episode, check):
 
 
 def _never_falls(check, node, samples, name, what, cuts):
-    """`cuts`: of power. A sample may have seen a save that was not synced then."""
+    """The value never falls, except at a power cut (`cuts`), before which a sample may have seen an unsynced save."""
     highest, synced, cuts = 0, [(0, 0)], list(cuts)
     for sample in samples:
         if cuts and sample["t"] > cuts[0]:
             highest = max(value for t, value in synced if t <= cuts[0] - SYNCED_NS)
             cuts.pop(0)
         value = sample.get(name)
-        if value is None or sample.get("crc") is None:  # unreadable at that moment: a fault cut it
+        if value is None or sample.get("crc") is None:  # unreadable at that moment: a fault cut the file
             continue
         check.saw(f"samples of {name}")
         if value < highest:
@@ -155,7 +155,7 @@ def _never_falls(check, node, samples, name, what, cuts):
 
 
 def _is_cut(episode, node):
-    """A fault cut this node's records."""
+    """Whether a fault cut this node's records."""
     return any("cut" in str(event.get("fault", "")) for event in episode.events_of("disk", node=node))
 
 
@@ -222,8 +222,8 @@ def _payloads_after_cuts(episode, check):
 
 
 def _payload_files(episode, check):
-    """At rest, what the log names is on the disks of a quorum, and little else is there: states for the next number,
-    one per node."""
+    """At rest all payloads that the log names are on the disks of a quorum. Other payload files are few: at most one
+    snapshot per node for the next decision."""
     logs = [_decided_log(episode, node)[1] for node in episode.nodes]
     names = {node: episode.files[node].payloads() or set() for node in episode.nodes}
     quorum = len(episode.nodes) // 2 + 1
@@ -242,7 +242,7 @@ def _payload_files(episode, check):
 
 
 def _decided_log(episode, node):
-    """(number, entries) of paxos_decide at the end; empty if it is none."""
+    """Returns (number, entries) of paxos_decide at the end; (0, []) if the file is no whole record."""
     content = read_bytes(os.path.join(episode.files[node].cons(), "paxos_decide"))
     if len(content) != SIZES["paxos_decide"]:
         return 0, []
@@ -251,7 +251,7 @@ def _decided_log(episode, node):
 
 
 def _delivered_is_known(episode, check, node, number, entries, deliver):
-    """paxos_deliver names an entry of the log or one of an older log, never one to come."""
+    """paxos_deliver names an entry of the log or of an older log, never one that is not decided yet."""
     if len(deliver) != SIZES["paxos_deliver"]:
         return
     sender, msg_id = struct.unpack("<BI", deliver)
@@ -267,7 +267,7 @@ def _delivered_is_known(episode, check, node, number, entries, deliver):
 
 
 def _decisions(episode):
-    """number -> {crc: (t, node, count, first entry)}, the earliest sight of each, from datagrams and files."""
+    """Returns number -> {crc: (t, node, count, first entry)} from datagrams and files, each as first seen."""
     found = {}
     for decide in episode.decides:
         found.setdefault(decide.number, {}).setdefault(
@@ -283,7 +283,8 @@ def _decisions(episode):
 
 
 def _differ_in_first_entry_alone(variants, crcs):
-    """CRC-32 is affine: that of a difference is the difference of those of the logs and of a log of zeros."""
+    """Whether the logs differ in their first entry only. CRC-32 is affine, so the XOR of the checksums of two logs is
+    that of the checksums of their XOR and of a log of zeros."""
     crc_of = {variant: crc for crc, variant in crcs.items()}
     one, zeros = variants[0], crc32(bytes(LOG_SIZE))
     for other in variants[1:]:
@@ -308,7 +309,7 @@ def one_decision(episode, check):
             f"{count} entries from {'/'.join(map(str, reversed(first)))} on node {node}"
             for _, node, count, first in variants)
         proof = None
-        if len(firsts) == len(variants):  # each begins with a state of its own: else they differ behind it
+        if len(firsts) == len(variants):  # each begins with its own snapshot; else they differ after it
             base = number - min(counts) + 1
             if len(counts) > 1 or _differ_in_first_entry_alone(variants, decisions[number]):
                 proof = excuses.two_states(episode, base, variants[0][0])

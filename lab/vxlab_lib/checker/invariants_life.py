@@ -10,12 +10,12 @@ SECOND = 10**9
 CONVERGE_S = 30
 CALL_S = 60
 STOP_S = 5
-SEND_GRACE_NS = SECOND  # datagrams under way when stop returned
-SAMPLE_GRACE_NS = SECOND // 2  # a sample takes its time
-FIGURES_AGE_NS = 2 * SECOND  # what a sample tells of threads may be so old
-FRESH_GRACE_NS = 5 * SECOND  # from a verdict to its line in the trace, on a machine with much to do
+SEND_GRACE_NS = SECOND  # for datagrams under way when stop returned
+SAMPLE_GRACE_NS = SECOND // 2  # a sample takes some time
+FIGURES_AGE_NS = 2 * SECOND  # a sample's figures on threads may be this old
+FRESH_GRACE_NS = 5 * SECOND  # from a verdict to its line in the trace, on a busy machine
 THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread")
-DURABLE_THREAD = "payload-file-thread"  # where payloads are durable
+DURABLE_THREAD = "payload-file-thread"  # with durable payloads
 TASK_NAME_MAX = 15
 
 
@@ -58,7 +58,7 @@ def healing(episode, check):
 
 
 def old_life(episode, check):
-    """Promised to nobody, but what is to be expected: the highest number wins."""
+    """Not a promise, but expected: the highest decision number wins."""
     for event in episode.events_of("old-life"):
         check.saw("missed resets")
         if not event["has_won"]:
@@ -108,7 +108,7 @@ def _open_calls(episode, check, node, trace):
 def _may_fail(trace, call):
     if any(moment.what == "isolated" and moment.life == call.life and moment.t > call.called
            for moment in trace.moments):
-        return True  # noted when the host looks, which may be later
+        return True  # the host may note an isolation only after the call has failed
     return any(call.called <= event.t and _start_of(event) <= call.returned + SECOND and event.life == call.life
                for event in trace.order
                if (event.what in ("stop-call", "cleanup-call") if isinstance(event, Moment) else event.kind == "adopt")
@@ -120,7 +120,8 @@ def _start_of(event):
 
 
 def _jumped(trace, call):
-    """The state of the jump may be delivered after the verdict, which comes when the log is adopted."""
+    """Whether a snapshot was delivered next. The call gets its verdict when the node adopts a log, which may be before
+    the delivery of that log's snapshot."""
     following = [hook for hook in trace.hooks if hook.life == call.life and hook.t >= call.returned]
     return bool(following) and following[0].kind == "adopt"
 
@@ -194,7 +195,7 @@ def _threads(episode, check, node, start, stop_call, stopped, until):
     while_active = {**dict.fromkeys(THREADS, 1), DURABLE_THREAD: int(episode.has_durable_payloads)}
     while_active = {name[:TASK_NAME_MAX]: count for name, count in while_active.items()}
     samples = episode.samples[node] if _names_threads(episode) else []
-    has_isolated = bool(episode.hits(node, "isolating"))  # then the threads end at a moment that nobody noted
+    has_isolated = bool(episode.hits(node, "isolating"))  # then the time at which the threads end is unknown
     for sample in samples[bisect_left(samples, start, key=lambda sample: sample["t"]):]:
         t, tasks = sample["t"], sample.get("tasks")
         if t >= until:
@@ -239,7 +240,7 @@ def log_lines(episode, check):
 
 
 def _time_of(episode, node, kind, wanted=None):
-    """About when a line was logged: the hook call before it."""
+    """Returns about when a line was logged: the time of the hook call before it."""
     for hit, life, before in episode.hits_in_lives(node, kind):
         if wanted is None or hit is wanted:
             times = [hook.t for hook in episode.traces[node].hooks if hook.life == life and hook.index == before - 1]

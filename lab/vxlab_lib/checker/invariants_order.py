@@ -1,4 +1,4 @@
-"""I1 to I6: what stands in the journals, and in which order."""
+"""I1 to I5: which lines the journals contain, and in which order."""
 
 from zlib import crc32
 
@@ -6,7 +6,7 @@ from . import excuses
 from .evidence import Moment
 from .promises import INFINITE
 
-FINDINGS_MAX = 20  # of one kind; more tell nothing new
+FINDINGS_MAX = 20  # of one kind; more of them show nothing new
 
 
 def agreement(episode, check):
@@ -29,7 +29,7 @@ def _first_seen(state):
 
 
 def _judge_fork(episode, check, group, is_first):
-    """All but one of the histories that part here need an excuse."""
+    """All but one of the histories that part at this point need an excuse."""
     group = sorted(group, key=_first_seen)
     proofs = {state.key: excuses.hole(episode, state.maker) for state in group}
     sound = [state for state in group if not proofs[state.key]]
@@ -37,7 +37,7 @@ def _judge_fork(episode, check, group, is_first):
     for state in group:
         hook = state.maker or state.seen
         if state is trunk or (hook is state.seen and state.parent is None and state.maker is None and not is_first):
-            continue  # a state that came whole, of a history whose parting is told already
+            continue  # reached by a snapshot only; where its history parts is reported already
         where = episode.where(hook) if hook else {"line": state.lines}
         where.update(tag=state.tag, line=state.lines)
         text = f"line {state.lines} is {state.tag} with hash {state.hash}, elsewhere {trunk.tag} with {trunk.hash}"
@@ -48,8 +48,8 @@ def _judge_fork(episode, check, group, is_first):
 
 
 def _common_order(episode, check):
-    """Whatever is missing: lines that two histories share stand in the same order in both. A line that one of them
-    lost and took from a later attempt is another message there."""
+    """Even if lines are missing, those that a history shares with the main one are in the same order in both. A line of
+    another attempt is a different message and not compared."""
     chains = episode.chains
     for chain in chains[1:]:
         place = {state.tag: (state.lines, _attempt(state)) for state in chains[0]}
@@ -93,7 +93,7 @@ def _nothing_twice_on(episode, check, node, trace):
         if what == "begin" and event.life > 0:
             if episode.life_ended(node, event.life - 1)[1]:
                 crashed, is_first = "a kill", True
-        elif what == "start-call":  # not at the host's word of an isolation: a stop may overtake it
+        elif what == "start-call":  # not at "isolated", which the host may note only after a stop
             here = (before.life, before.index + 1) if before else (0, 0)
             if any(began < position <= here for position in failed_saves):
                 crashed, is_first = "a failed save of paxos_deliver", True
@@ -150,7 +150,7 @@ def _submitted(episode, check, trace):
 
 
 def _journal_tags(episode, check):
-    """Also lines that came with a state were submitted once."""
+    """Lines that came with a snapshot were submitted too."""
     for node, journal in episode.journals.items():
         check.saw("lines of journals", len(journal.lines))
         for line in journal.lines:
@@ -160,7 +160,7 @@ def _journal_tags(episode, check):
 
 
 def _whole_states(episode, check, trace):
-    """A full state is four calls, types 0 to 3 in order; only a kill ends it early."""
+    """A snapshot is delivered in four calls, types 0 to 3 in order. Only a kill ends it early."""
     expected = 0
     for event in trace.order:
         if isinstance(event, Moment):
@@ -182,7 +182,7 @@ def _whole_states(episode, check, trace):
 
 
 def _one_entry_one_tag(episode, check):
-    """An identifier of the log names the same payload on every node, of the node that submitted it."""
+    """An identifier names the same payload on every node, and its sender is the node that submitted the payload."""
     known = {}
     for node, trace in episode.traces.items():
         for hook, entry in zip(trace.hooks, episode.entries[node]):
@@ -199,7 +199,7 @@ def _one_entry_one_tag(episode, check):
 
 
 def _texts(episode, check):
-    """What was acknowledged stands in the journals as it was submitted, where a list says what that was."""
+    """The journals contain acknowledged lines as they were submitted, if a list of their checksums is given."""
     for node, journal in episode.journals.items():
         for line in journal.lines:
             wanted = episode.acknowledged.get(line.tag)
@@ -210,7 +210,7 @@ def _texts(episode, check):
 
 
 def _inversions(chain, span_of):
-    """Pairs (x, y) of the chain where y stands before x although x had ended before y was called. `span_of` gives
+    """Yields pairs (x, y) of the chain where y precedes x although x had ended before y was called. `span_of` returns
     (called, ended) of a state, or None."""
     earliest, of = INFINITE, None
     for state in reversed(chain):
@@ -273,14 +273,14 @@ def _receive_order(episode, check):
 
 
 def _identifier_order(episode, check):
-    """On each node the identifiers of one sender are delivered in rising order: that is the order of RECEIVE."""
+    """On each node the identifiers of one sender are delivered in ascending order, which is the order of RECEIVE."""
     for node, trace in episode.traces.items():
         highest, seen = {}, set()
         for hook, entry in zip(trace.hooks, episode.entries[node]):
             if hook.kind != "deliver" or entry is None:
                 continue
             check.saw("identifiers")
-            is_known = (hook.tag, hook.attempt) in seen or hook.outcome == "doubled"  # that is for another check
+            is_known = (hook.tag, hook.attempt) in seen or hook.outcome == "doubled"  # another check judges this
             if not is_known and entry[1] <= highest.get(entry[0], 0):
                 proof = excuses.forgotten_decision(episode, hook)
                 text = f"identifier {entry[1]}/{entry[0]} was delivered after {highest[entry[0]]}/{entry[0]}"

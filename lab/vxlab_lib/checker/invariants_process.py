@@ -1,4 +1,4 @@
-"""I13 and P: what the processes use, and how they end."""
+"""I13 and P: the resources that the processes use, and how they end."""
 
 from datetime import datetime
 from signal import SIGKILL
@@ -44,8 +44,8 @@ def _flat(episode, check, node, samples):
     tenth = max(1, len(samples) // 10)
     early, late = samples[tenth:2 * tenth], samples[-tenth:]
     where = {"t": samples[-1]["t"], "node": node}
-    # Not a leak: the journal is kept in memory, and so are whole copies of it: the snapshot of the log, the next one as
-    # it is made, one on its way. And a payload whose call was given up stays until cleanup.
+    # Not a leak: the journal in memory, and whole copies of it: the log's snapshot, the next one while it is made, and
+    # one in transfer. A payload whose call was given up also stays until cleanup.
     kept = sum(len(line.text) + 200 for line in episode.journals[node].lines) // 1024
     left = sum(call.size for trace in episode.traces.values() for call in trace.calls if call.result != 0) // 1024
     for name, allowed in (("rss_kb", RSS_GROWTH_KB + JOURNAL_COPIES * kept + left), ("fds", DESCRIPTOR_GROWTH),
@@ -57,7 +57,7 @@ def _flat(episode, check, node, samples):
 
 
 def _quorumless(episode):
-    """Times in which fewer than a majority of the processes ran and were not stopped."""
+    """Returns the times in which less than a majority of the processes ran and were not stopped."""
     ups, found, since = {node: False for node in episode.nodes}, [], None
     known = episode.events_of("spawn", "kill", "exit", "term", "pause", "cont")
     if not any(event["what"] == "spawn" for event in known):
@@ -76,9 +76,9 @@ def _quorumless(episode):
 
 
 def _alone(episode):
-    """(node, start, end): times in which a node heard fewer than a majority, itself included, because of cuts."""
+    """(node, start, end) of the times in which cuts left a node hearing less than a majority, itself included."""
     since = {}
-    for event in episode.events_of("cut", "heal"):  # which ends all cuts
+    for event in episode.events_of("cut", "heal"):  # heal ends all cuts
         for node in episode.nodes:
             deaf_to = {source for source, target in event.get("pairs", []) if target == node}
             is_alone = len(episode.nodes) - len(deaf_to) <= len(episode.nodes) // 2
@@ -117,7 +117,7 @@ def wall_ns(stamp):
 
 
 def processes(episode, check):
-    """No process ends by itself, or badly, or with a word of a sanitizer."""
+    """No process ends by itself, with an error, or with a report of a sanitizer."""
     check.saw("processes", len(episode.events_of("spawn")))
     asked = {event.get("pid") for event in episode.events_of("term", "kill")} - {None}
     for event in episode.events_of("exit", "terminated"):
@@ -139,5 +139,5 @@ def processes(episode, check):
 
 
 def sanitizer_word(printed):
-    """What a sanitizer has said in a process's output, or None."""
+    """Returns a sanitizer's report in a process's output, or None."""
     return next((word.decode() for word in SANITIZERS if word in printed), None)

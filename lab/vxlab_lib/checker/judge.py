@@ -31,8 +31,8 @@ INVARIANTS = [
     ("L", "who missed a reset is followed by all", life.old_life),
     ("P", "no process ends by itself", process.processes),
 ]
-# Of these something must have been seen, or the evidence says nothing. I13 needs long lives, or nodes alone, L a fault
-# of its own.
+# For each of these something must be examined, or the evidence proves nothing. I13 needs long lives or nodes that are
+# alone, and L needs a fault of its own.
 NEEDED_OF_JOURNALS = ("I1", "I3", "I6")
 NEEDED = tuple(name for name, *_ in INVARIANTS if name not in ("I13", "L"))
 
@@ -47,8 +47,8 @@ def check(directory, acknowledged=None):
 
 
 def check_journals(journals, acknowledged=None):
-    """The journals of a cluster at rest, alone: CheckFailed if they do not agree and end alike, or lack a line of
-    `acknowledged` (tag -> text)."""
+    """Checks the journals of a cluster at rest and nothing else. Raises CheckFailed if they do not agree, do not end
+    alike, or lack a line of `acknowledged` (tag -> text)."""
     result = judge(Episode.of_journals(journals, {tag: crc32(text) for tag, text in (acknowledged or {}).items()}))
     if result.first:
         raise CheckFailed(report.verdict(result))

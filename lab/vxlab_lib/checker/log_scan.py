@@ -1,6 +1,6 @@
-"""Finds the lines of a log that say something about the promises, and where they stand among the hook calls.
+"""Finds the lines of a log that matter for the promises, and their places among the hook calls.
 
-Wall clocks may be set, so a line's place is told by counting: each hook call has its line in the log and its line in
+The wall clock may be set, so a line's place is found by counting: each hook call has a line in the log and a line in
 the trace, in the same order.
 """
 
@@ -15,7 +15,7 @@ WORDS = {
     "deliver": b"CONS: PAXOS: DELIVER (id=",
     "lost": b"data lost - skipped (id=",
     "isolating": b"Isolating from cluster",
-    "undelivered": b"paxos_deliver.tmp",  # its save failed
+    "undelivered": b"paxos_deliver.tmp",  # a save of paxos_deliver failed
     "hashed": b"already hashed. This should never happen!",
     "corrupted": b"corrupted message set",
     "broadcast": b"DECIDE broadcast (batch_id=",
@@ -48,10 +48,10 @@ class Segment:
     pid: int
     start: int
     end: int
-    is_whole: bool  # False: its beginning was rotated away
+    is_whole: bool  # False: the beginning was rotated away
     stamp: bytes  # wall clock of its first line
     hooks: list = field(default_factory=list)  # offsets of the hook calls
-    entries: list = field(default_factory=list)  # (sender, id) that each hook call was for, as far as the log tells
+    entries: list = field(default_factory=list)  # (sender, id) of each hook call, as far as the log shows it
 
     def hooks_before(self, offset):
         return bisect_right(self.hooks, offset)
@@ -112,12 +112,12 @@ class Log:
         return next((segment for segment in self.segments if segment.start <= offset < segment.end), None)
 
     def match(self, trace):
-        """Gives `segments` their place among the trace's lives: life index -> Segment."""
+        """Assigns the segments to the trace's lives. Returns life index -> Segment."""
         by_pid = {}
         for segment in self.segments:
             by_pid.setdefault(segment.pid, []).append(segment)
         matched = {}
-        for life in reversed(range(len(trace.pids))):  # process ids come again: the last ones first
+        for life in reversed(range(len(trace.pids))):  # process ids are reused, so the last lives come first
             if by_pid.get(trace.pids[life]):
                 matched[life] = by_pid[trace.pids[life]].pop()
         if self.segments and not self.segments[0].is_whole:

@@ -1,4 +1,4 @@
-"""The episode: everything that the evidence tells, read once, in the shapes that the checks need."""
+"""The episode: all of the evidence, read once, in the shapes that the checks need."""
 
 import json
 import os
@@ -15,20 +15,20 @@ from .promises import INFINITE, down_intervals, fault_level
 
 ACKNOWLEDGED = "acknowledged.json"
 ISOLATION_ENDS_NS = 5 * 10**9
-SNAPSHOT_AGE_NS = 10 * 10**9  # a full state may be older than the decision that names it
-CHAINS_MAX = 32  # more histories than these are a shambles; the first ones tell enough
+SNAPSHOT_AGE_NS = 10 * 10**9  # a snapshot may be this much older than the decision that names it
+CHAINS_MAX = 32  # if there are more histories, the first ones show enough
 
 
 def write_acknowledged(directory, texts):
-    """`texts` (tag -> bytes) into the evidence, for later checks."""
+    """Writes the checksums of `texts` (tag -> bytes) into the evidence, for later checks."""
     with open(os.path.join(directory, ACKNOWLEDGED), "w", encoding="utf-8") as file:
         json.dump({tag: crc32(text) for tag, text in texts.items()}, file)
 
 
 class Episode:
     def __init__(self, directory, acknowledged=None):
-        """`acknowledged`: tag -> CRC-32 of the text, where no trace tells what was acknowledged; the file
-        acknowledged.json (see write_acknowledged) holds the same. With it the cluster is at rest: all is delivered."""
+        """`acknowledged` is tag -> CRC-32 of the text, if no trace shows what was acknowledged. Without it, the file
+        acknowledged.json (see write_acknowledged) is read. If it is given, the cluster is at rest: all is delivered."""
         self.directory = directory
         self.run = read_run(directory)
         self.seed = self.run.get("seed")
@@ -50,7 +50,7 @@ class Episode:
 
     @classmethod
     def of_journals(cls, journals, acknowledged):
-        """Nothing but the journals of a cluster at rest."""
+        """Makes an episode from the journals of a cluster at rest alone."""
         self = cls.__new__(cls)
         self.directory, self.run, self.seed = "the journals", {}, None
         self.journals = {journal.node: journal for journal in journals}
@@ -90,7 +90,7 @@ class Episode:
 
     @cached_property
     def heal_t(self):
-        """End of the faults, or None."""
+        """The end of the faults, or None."""
         heals = [event["t"] for event in self.events if event["what"] == "heal"]
         return self.run.get("faults_end_ns") or (heals[-1] if heals else None)
 
@@ -110,7 +110,7 @@ class Episode:
 
     @cached_property
     def segments(self):
-        """node -> life index -> (its Segment of the log, hook calls missing at the segment's front)"""
+        """node -> life index -> (its Segment of the log, number of hook calls missing at the segment's beginning)"""
         found = {}
         for node, log in self.logs.items():
             trace = self.traces[node]
@@ -132,7 +132,7 @@ class Episode:
 
     @cached_property
     def entries(self):
-        """node -> for each hook of its trace (sender, id) of what was delivered, or None where the log does not tell
+        """node -> for each hook of its trace, the (sender, id) that was delivered, or None if the log does not show it
         for certain."""
         found = {}
         for node, trace in self.traces.items():
@@ -140,20 +140,20 @@ class Episode:
             for life, (segment, _) in self.segments[node].items():
                 surplus = len(segment.hooks) - self.hook_counts[node][life]
                 cleaned = any(moment.life == life and moment.what == "cleanup-return" for moment in trace.moments)
-                if segment.is_whole and (surplus == 0 or surplus == 1 and not cleaned):  # 1: the end inside a hook
+                if segment.is_whole and (surplus == 0 or surplus == 1 and not cleaned):  # 1: ended inside a hook
                     sure[life] = segment.entries
             found[node] = [sure[hook.life][hook.index] if hook.life in sure else None for hook in trace.hooks]
         return found
 
     def hits(self, node, kind):
-        """The lines of that kind, in order; of the lives that the trace knows, if there is one."""
+        """Returns the lines of that kind, in order. If there is a trace, only those of the lives in it."""
         if not self.has_traces:
             return self.logs[node].hits[kind]
         bounds = [(segment.start, segment.end) for segment, _ in self.segments[node].values()]
         return [hit for hit in self.logs[node].hits[kind] if any(a <= hit.offset < b for a, b in bounds)]
 
     def hits_in_lives(self, node, kind):
-        """(hit, life, hook calls of that life before it) of each line of that kind."""
+        """Yields (hit, life, number of hook calls of that life before it) for each line of that kind."""
         for life, (segment, missing) in self.segments[node].items():
             for hit in self.logs[node].hits[kind]:
                 if segment.start <= hit.offset < segment.end:
@@ -165,7 +165,7 @@ class Episode:
 
     @cached_property
     def keeps_payloads(self):
-        """Nothing that was acknowledged may be lost: payloads are durable, and no node has lost its disk."""
+        """Whether no acknowledged payload may be lost: payloads are durable, and no node has lost its disk."""
         return self.has_durable_payloads and self.level != "wiped"
 
     @cached_property
@@ -174,7 +174,7 @@ class Episode:
 
     @cached_property
     def chains(self):
-        """The histories that differ at their ends, each a list of states; first the one of most journals' ends."""
+        """The histories that differ at their ends, each a list of states. First the one in which most journals end."""
         keys = self.history.leaves()
         main = self.history.main()
         found = [self.history.chain(key) for key in keys[:CHAINS_MAX]]
@@ -182,8 +182,8 @@ class Episode:
 
     @cached_property
     def holes(self):
-        """node -> [(life, hook calls before, hit)]: payloads that the node skipped as lost, in order. Only a restart
-        loses payloads: one between the submission and the skip."""
+        """node -> [(life, hook calls before, hit)]: the payloads that the node skipped as lost, in order. Only those
+        with a restart between the submission and the skip, since nothing else loses payloads."""
         found = {node: [] for node in self.nodes}
         for node in self.nodes:
             for hit, life, before in self.hits_in_lives(node, "lost"):
@@ -203,14 +203,14 @@ class Episode:
         return hooks[at].t if at < len(hooks) and hooks[at].life == life else self.life_ended(node, life)[0]
 
     def _submitted(self, entry):
-        """Nobody had the payload of this entry before this time; 0 where nothing tells."""
+        """Returns the earliest time at which any node can have had the payload of this entry; 0 if unknown."""
         calls = [call.called for (tag, _), call in self.calls.items() if tag in self.tags_of.get(entry, ())]
         states = [decide.t for decide in self.decides if tuple(decide.first) == entry]
         return min(calls, default=min(states, default=SNAPSHOT_AGE_NS) - SNAPSHOT_AGE_NS)
 
     @cached_property
     def tags_of(self):
-        """entry -> tags of what was delivered under it; a full state has none."""
+        """entry -> tags of the lines delivered under it; a snapshot has none."""
         found = {}
         for node, trace in self.traces.items():
             for hook, entry in zip(trace.hooks, self.entries[node]):
@@ -219,7 +219,7 @@ class Episode:
         return found
 
     def holes_before(self, hook):
-        """The skipped payloads that this hook's journal may lack: those since the last full state."""
+        """Returns the skipped payloads that this hook's journal may lack: those since the last snapshot."""
         position = (hook.life, hook.index)
         adopts = [adopt for adopt in self.full_states[hook.node] if adopt <= position]
         since = adopts[-1] if adopts else (-1, 0)
@@ -227,23 +227,23 @@ class Episode:
 
     @cached_property
     def full_states(self):
-        """node -> [(life, index)] of the full states of the journal that it was given."""
+        """node -> [(life, index)] of the hook calls in which it was given a snapshot of the journal."""
         return {node: [(hook.life, hook.index) for hook in trace.hooks if hook.kind == "adopt" and hook.type == 0]
                 for node, trace in self.traces.items()}
 
     def batch_at(self, node, t):
-        """Number of the decision that the first sample of the node at or after t shows."""
+        """Returns the decision number in the node's first sample at or after t."""
         samples = self.samples.get(node, [])
         at = bisect_left(samples, t, key=lambda sample: sample["t"])
         return next((sample["batch"] for sample in samples[at:] if sample.get("batch")), None)
 
     def where(self, hook):
-        """What a finding about this hook call says of its place."""
+        """Returns the fields that give the place of a finding about this hook call."""
         return {"t": hook.t, "node": hook.node, "tag": hook.tag, "line": hook.lines,
                 "batch": self.batch_at(hook.node, hook.t)}
 
     def life_ended(self, node, life):
-        """(time, was it killed) of a process life. One that still ran at the end: (end of the episode, False)."""
+        """Returns (time of the end, whether it was killed) of a life. If it still ran: (end of the episode, False)."""
         return self._life_ends[node][life]
 
     @cached_property
@@ -265,7 +265,7 @@ class Episode:
         return last_t, not cleaned
 
     def kills(self, node):
-        """Times; an armed kill may have come too late for its process."""
+        """Returns the times of kills that hit a process; an armed kill may have come too late for its process."""
         return [event["t"] for event in self.events_of("kill", node=node) if event.get("killed") is not False]
 
     def begins(self, node):
@@ -277,9 +277,9 @@ class Episode:
                 for node, trace in self.traces.items()}
 
     def spans(self, node):
-        """Times in which the library ran: (life, from start-return, to stop-call or isolation or end of the life, t of
-        stop-return, or when an isolation is over at the latest, or None, t of the next start-call in the same life or
-        of the life's end)."""
+        """Returns the times in which the library ran, as (life, start, end, stopped, next). `start` is the
+        start-return; `end` the stop-call, isolation or end of the life; `stopped` the stop-return, the latest time at
+        which an isolation is over, or None; `next` the next start-call in the same life, or the end of the life."""
         found, life, start, stop_call, stopped = [], 0, None, None, None
         for moment in self.traces[node].moments + [None]:
             what = moment.what if moment else "begin"
@@ -295,7 +295,7 @@ class Episode:
                 start, stop_call, stopped = moment.t, None, None
             elif what in ("stop-call", "isolated", "cleanup-call") and start is not None:
                 stop_call = stop_call or moment.t
-                if what == "isolated":  # its threads end soon, at a moment that nobody notes
+                if what == "isolated":  # its threads end soon, at an unknown time
                     stopped = stopped or moment.t + ISOLATION_ENDS_NS
             elif what == "stop-return" and start is not None:
                 stopped = stopped or moment.t

@@ -1,16 +1,16 @@
-"""What can be promised under which faults. Taken from what happened in the episode, not from what was planned.
+"""What can be promised under which faults. Decided by what happened in the episode, not by its plan. The levels:
 
     none     no process was restarted
-    single   restarts, one node at a time, the next only when the last had caught up
+    single   restarts, one node at a time, the next only after the last had caught up
     several  several nodes were down or catching up together
-    wiped    a node lost its files alone
+    wiped    one node alone lost its files
 """
 
 INFINITE = 1 << 62  # a time that never comes
 
 
 def down_intervals(episode, node):
-    """(went down, had caught up) of each restart, and of a kill that nobody mended."""
+    """Returns (went down, had caught up) of each restart, and of a kill without a restart."""
     trace = episode.traces[node]
     found = []
     for life in range(1, len(trace.lives)):
@@ -27,7 +27,7 @@ def down_intervals(episode, node):
 
 
 def _caught_up(episode, node, t):
-    """When the node, started at t, had what any other had at t."""
+    """Returns when the node, started at t, had as many lines as any other had at t."""
     wanted = max((hook.lines for other, trace in episode.traces.items() if other != node
                   for hook in trace.hooks if hook.t <= t), default=0)
     own = [hook for hook in episode.traces[node].hooks if hook.t <= t and hook.kind != "damaged"]
@@ -54,7 +54,7 @@ def fault_level(episode):
 
 
 def not_promised(episode, invariant):
-    """Why the invariant is not promised under the episode's faults, or None."""
+    """Returns why the invariant is not promised under the episode's faults, or None."""
     level = episode.level
     if level == "wiped" and invariant not in ("I3", "L", "P"):
         return "a node lost its files alone"

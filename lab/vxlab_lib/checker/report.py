@@ -1,6 +1,6 @@
-"""A Result, told to people."""
+"""Shows a Result to people."""
 
-SHOWN_MAX = 5  # findings of one invariant
+SHOWN_MAX = 5  # findings per invariant
 
 
 def place(result, finding):
