@@ -52,7 +52,7 @@ class RollOvers:
         try:
             self._cluster.start_all(master=1)
             # Index of the submission that meets each new log, give or take NEIGHBOURS.
-            places = [LOG_ENTRIES_MAX + (LOG_ENTRIES_MAX - 1) * number for number in range(ROLL_OVERS)]
+            places = [(LOG_ENTRIES_MAX - 1) * (number + 1) for number in range(ROLL_OVERS)]  # each begins with a snapshot
             lines = [f"{number:0{LINE_BYTES}}".encode() for number in range(places[-1] + NEIGHBOURS + 1)]
             part = self._cluster.submit(1, lines).wait(LINE_TIMEOUT_S)
         finally:

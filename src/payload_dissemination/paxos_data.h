@@ -29,7 +29,8 @@ int paxos_data_load(bool is_durable, const std::function<void()> &progress = {})
 /// cannot be created.
 int paxos_data_start();
 
-/// Ends the threads, every wait and every transfer. The payloads stay. Hold no lock.
+/// Ends the threads, every wait of the layer's own threads and of calls, and every transfer. The wait for a state's
+/// offer ends with paxos_data_wake_state_offer, or within a second. The payloads stay. Hold no lock.
 void paxos_data_stop();
 
 /// Sets the stop flag: nothing more is delivered, and every wait ends at its next wake-up. paxos_data_stop does the

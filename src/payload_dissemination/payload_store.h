@@ -13,7 +13,8 @@
 ///   64      length  the payload, as the nodes transfer it
 ///
 /// A file is written whole: to <sender>.<id>.tmp with its space reserved first, flushed, renamed, sync(). Failures are
-/// logged here. No lock: the caller makes sure that no two threads save or remove the same payload at once.
+/// logged here, but for a directory that cannot be listed for its removal. No lock: the caller makes sure that no two
+/// threads save or remove the same payload at once.
 #pragma once
 
 #include <cstdint>
