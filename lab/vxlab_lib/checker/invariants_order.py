@@ -1,5 +1,6 @@
 """I1 to I5: which lines the journals contain, and in which order."""
 
+import itertools
 from zlib import crc32
 
 from . import excuses
@@ -48,20 +49,18 @@ def _judge_fork(episode, check, group, is_first):
 
 
 def _common_order(episode, check):
-    """Even if lines are missing, those that a history shares with the main one are in the same order in both. A line of
-    another attempt is a different message and not compared."""
-    chains = episode.chains
-    for chain in chains[1:]:
-        place = {state.tag: (state.lines, _attempt(state)) for state in chains[0]}
+    """Even if lines are missing, those that two histories share are in the same order in both. A line of another attempt
+    is a different message and not compared."""
+    for first, second in itertools.combinations(episode.chains, 2):
+        place = {state.tag: (state.lines, _attempt(state)) for state in first}
         last = None
-        for state in chain:
+        for state in second:
             here, attempt = place.get(state.tag, (None, None))
             if here is None or attempt != _attempt(state):
                 continue
             if last is not None and here < last[0]:
                 where = episode.where(state.maker) if state.maker else {"tag": state.tag, "line": state.lines}
-                check.violated(f"{state.tag} stands behind {last[1]} here, before it in the history of most nodes",
-                               **where)
+                check.violated(f"{state.tag} stands behind {last[1]} here, before it in another history", **where)
                 break
             last = (here, state.tag)
 
