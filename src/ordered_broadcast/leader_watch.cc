@@ -22,7 +22,6 @@ constexpr const char *NODE_STATE_FILE = "/var/run/node_state";
 constexpr const char *LEADER_STATE = "MASTER";
 constexpr size_t READ_SIZE = 10;
 constexpr size_t STATE_LENGTH = 6;  // characters that are compared
-constexpr int64_t PERIOD_US = 1000000;
 
 struct node_state {
   char text[12] = "";
@@ -112,7 +111,7 @@ void *paxos_leader_watch_thread(void *)
   node_state current;
   node_state previous;
   while (!paxos.stopped) {
-    const int64_t due_us = monotonic_us() + PERIOD_US;
+    const int64_t due_us = monotonic_us() + sign_of_life::PERIOD_US;
     sign.send();
     if (read_node_state(current) && std::strcmp(current.text, previous.text) != 0 &&
         follow_node_state(current, due_us)) {

@@ -42,7 +42,7 @@ bool may_begin_log() CONS_REQUIRES(paxos.propose_lock)
   return id_batch_count(paxos_log.batch()) == 0 || paxos_data_handled() == paxos_log.number();
 }
 
-bool may_go_on() CONS_REQUIRES(paxos.propose_lock)
+bool may_go_on()
 {
   return paxos.is_leader != 0 && !paxos.stopped && paxos.idle_waiters == 0;
 }
@@ -124,8 +124,7 @@ spread_result spread(const proposal &p)
   if (!paxos_data_make_durable(p.entry)) {
     return spread_result::refused;
   }
-  const auto goes_on = [] { return paxos.is_leader != 0 && !paxos.stopped && paxos.idle_waiters == 0; };
-  return paxos_data_offer_state(p.entry.msg_id, goes_on) ? spread_result::stored : spread_result::withdrawn;
+  return paxos_data_offer_state(p.entry.msg_id, may_go_on) ? spread_result::stored : spread_result::withdrawn;
 }
 
 bool still_holds(const proposal &p) CONS_REQUIRES(paxos.propose_lock)

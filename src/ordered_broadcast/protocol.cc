@@ -26,8 +26,6 @@
 namespace
 {
 
-constexpr int64_t SIGN_PERIOD_US = 1000000;
-
 void wake_everybody()
 {
   {
@@ -115,7 +113,7 @@ int load_payloads()
   return paxos_data_load(true, [&] {
     if (monotonic_us() >= due_us) {
       sign.send();
-      due_us = monotonic_us() + SIGN_PERIOD_US;
+      due_us = monotonic_us() + sign_of_life::PERIOD_US;
     }
   });
 }

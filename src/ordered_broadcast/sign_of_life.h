@@ -5,9 +5,13 @@
 ///   4       4      build number
 #pragma once
 
+#include <cstdint>
+
 class sign_of_life
 {
 public:
+  static constexpr int64_t PERIOD_US = 1000000;
+
   /// Gets or creates the queue. Without it each sign fails, with a line.
   sign_of_life();
   /// Never waits. One thread.

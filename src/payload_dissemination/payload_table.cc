@@ -91,9 +91,9 @@ void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
   }
 }
 
-// Calls `is_to_go` with each entry, the row locked, and takes out of the table what it says.
+// Calls `is_to_go` with each entry, with the row locked, and takes out those for which it returns true.
 template <class predicate>
-void remove_if(payload_row &row, predicate is_to_go)
+void visit_row(payload_row &row, predicate is_to_go)
 {
   cons_lock lock(row.lock);
   if (row.table == nullptr) {
@@ -232,7 +232,7 @@ bool payload_table_is_damaged(id_entry entry)
 uint32_t payload_table_find_state(uint8_t sender, uint32_t number)
 {
   uint32_t msg_id = 0;
-  remove_if(rows[sender - 1], [&](const payload_entry &entry) {
+  visit_row(rows[sender - 1], [&](const payload_entry &entry) {
     if (entry.is_state && entry.state_number == number) {
       msg_id = entry.id;
     }
@@ -306,7 +306,7 @@ void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
 void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number)
 {
   for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
-    remove_if(rows[sender - 1], [&](const payload_entry &entry) {
+    visit_row(rows[sender - 1], [&](const payload_entry &entry) {
       const bool is_superseded =
           entry.is_state ? entry.state_number != 0 && entry.state_number <= number : entry.id <= done_ids[sender - 1];
       return is_superseded && id_batch_find(&kept, entry.id, sender) < 0;
@@ -318,7 +318,7 @@ void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_
 void payload_table_forget_files()
 {
   for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
-    remove_if(rows[sender - 1], [&](payload_entry &entry) {
+    visit_row(rows[sender - 1], [&](payload_entry &entry) {
       cons_lock lock(entry.lock);
       const bool is_here = read_file(entry, {.sender = sender, .msg_id = entry.id});
       entry.file = payload_file_state::none;

@@ -63,6 +63,14 @@ protected:
     end();
     begin();
   }
+  static void restart_with_damaged(entry e)
+  {
+    end();
+    bytes file = files::read(name_of(e));
+    file[80] ^= 1;
+    files::write(name_of(e), file);
+    begin();
+  }
   static void store(entry e, const bytes &payload)
   {
     auto *copy = static_cast<uint8_t *>(std::malloc(payload.size()));
@@ -217,11 +225,7 @@ TEST_F(durable_payload, repairs_what_was_delivered_long_ago)
 {
   save(S, state_of(1, 0));
   save(A, payload_of(100));
-  end();
-  bytes file = files::read(name_of(A));
-  file[80] ^= 1;
-  files::write(name_of(A), file);
-  begin();
+  restart_with_damaged(A);
   id_batch batch;
   for (const auto &[sender, id] : {S, A, B}) {
     id_batch_add(&batch, id, sender);
@@ -242,11 +246,7 @@ TEST_F(durable_payload, repairs_while_decisions_come)
   const bytes payload = payload_of(3 * 1400);
   save(S, state_of(1, 0));
   save(A, payload);
-  end();
-  bytes file = files::read(name_of(A));
-  file[80] ^= 1;
-  files::write(name_of(A), file);
-  begin();
+  restart_with_damaged(A);
   id_batch batch;
   for (const entry &e : {S, A}) {
     id_batch_add(&batch, e.second, e.first);
