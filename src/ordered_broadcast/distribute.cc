@@ -5,6 +5,7 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/service_state.h"
 #include "vx_cons.h"
@@ -39,7 +40,7 @@ uint32_t store_payload(payload_buf *payload, distribute_call &call)
   if (!paxos_data_hash_entry(payload_entry_new(payload), id, self)) {
     return 0;
   }
-  if (!paxos_data_make_durable({.sender = self, .msg_id = id})) {
+  if (!payload_files_make_durable({.sender = self, .msg_id = id})) {
     paxos_data_unhash_entry(id, self);
     return 0;
   }

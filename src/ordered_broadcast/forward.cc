@@ -4,6 +4,7 @@
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
@@ -116,7 +117,7 @@ void paxos_recv_forward(id_entry entry, uint32_t sender_addr)
 {
   const uint32_t sender = node_id_of_addr(sender_addr);
   if (is_member(sender) && forwards_heard.is_new(sender, entry.msg_id)) {
-    paxos_data_heard(sender);
+    paxos_data_losses->heard(sender);
   }
   if (paxos.is_leader == 0) {
     return;

@@ -10,6 +10,7 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_protocol.h"
@@ -121,7 +122,7 @@ enum class spread_result { stored, refused, withdrawn };
 // Adoption, the end of leader mode and stop end the wait.
 spread_result spread(const proposal &p)
 {
-  if (!paxos_data_make_durable(p.entry)) {
+  if (!payload_files_make_durable(p.entry)) {
     return spread_result::refused;
   }
   return paxos_data_offer_state(p.entry.msg_id, may_go_on) ? spread_result::stored : spread_result::withdrawn;

@@ -2,6 +2,7 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
@@ -54,7 +55,7 @@ void paxos_data_recv_offer(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: OFFER (s=%u, id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
   if (paxos_data.offers_heard.is_new(hdr.from, hdr.id)) {
-    paxos_data.losses.heard(hdr.from);
+    paxos_data_losses->heard(hdr.from);
   }
   if (paxos_data_has_entry(hdr.id, hdr.sender) != 0) {
     complete_if_durable(hdr);
@@ -68,7 +69,7 @@ void paxos_data_recv_offer(const data_header &hdr)
 
 void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 {
-  paxos_data.losses.heard(hdr.from);
+  paxos_data_losses->heard(hdr.from);
   const uint32_t offset = get_le32(body.data() + 8);
   const uint32_t length = get_le32(body.data() + 12);
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
@@ -89,7 +90,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 
 void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
-  paxos_data.losses.holds(hdr.from, hdr.entry());
+  paxos_data_losses->holds(hdr.from, hdr.entry());
   pull_record &pull = paxos_data.pull;
   {
     cons_lock lock(pull.lock);
@@ -110,7 +111,7 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 void paxos_data_recv_complete(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-  paxos_data.losses.holds(hdr.from, hdr.entry());
+  paxos_data_losses->holds(hdr.from, hdr.entry());
   offer_record_complete(paxos_data.offer, hdr.entry(), hdr.from);
   offer_record_complete(paxos_data.state_offer, hdr.entry(), hdr.from);
 }
@@ -118,7 +119,7 @@ void paxos_data_recv_complete(const data_header &hdr)
 void paxos_data_recv_missing(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-  if (paxos_data.losses.lacks(hdr.from, hdr.entry())) {
+  if (paxos_data_losses->lacks(hdr.from, hdr.entry())) {
     cons_lock lock(paxos_data.pull.lock);
     paxos_data.pull.changed_cond.broadcast();
   }

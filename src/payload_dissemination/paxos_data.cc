@@ -2,7 +2,9 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
+#include "payload_dissemination/payload_store.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
@@ -70,7 +72,7 @@ int paxos_data_reset()
   }
   payload_table_clear();
   clear_batches();
-  return payload_files_reset();
+  return payload_store_remove_all();
 }
 
 int paxos_data_load(bool is_durable, const std::function<void()> &progress)
@@ -90,7 +92,7 @@ int paxos_data_start()
     return 0;
   }
   prepare_batches();
-  paxos_data.losses.start(cons_service.node_count, cons_service.node_id);
+  paxos_data_losses->start(cons_service.node_count, cons_service.node_id);
   paxos_data_stopped = false;
   if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
       !library_thread_create(paxos_data.pull_thread, "paxos_data_start") || !payload_files_start()) {
@@ -139,31 +141,6 @@ void paxos_data_stop()
     offer_record_free(paxos_data.offer);
     vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, OFFER_KEY, 0);
   }
-}
-
-void paxos_data_heard(uint32_t node_id)
-{
-  paxos_data.losses.heard(node_id);
-}
-
-void paxos_data_is_not_ahead(uint32_t node_id)
-{
-  paxos_data.losses.is_not_ahead(node_id);
-}
-
-void paxos_data_message_begins()
-{
-  paxos_data.losses.message_begins();
-}
-
-void paxos_data_message_ends(bool is_new_decision)
-{
-  paxos_data.losses.message_ends(is_new_decision);
-}
-
-bool paxos_data_make_durable(id_entry entry)
-{
-  return payload_files_make_durable(entry);
 }
 
 bool paxos_data_is_base_settled(id_entry base)

@@ -137,11 +137,6 @@ bool payload_files_make_durable(id_entry name)
   return is_saved;
 }
 
-int payload_files_reset()
-{
-  return payload_store_remove_all();
-}
-
 void *payload_files_thread(void *)
 {
   bool is_first = true;  // files left by an earlier run are reported

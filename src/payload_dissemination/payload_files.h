@@ -36,6 +36,3 @@ void payload_files_stop();
 /// without durable payloads. False if it cannot be saved, another thread is saving it, or the table does not have it.
 /// Blocks during the save: hold no lock.
 bool payload_files_make_durable(id_entry entry);
-
-/// Removes every file, with or without durable payloads. Returns 0, or -1 if some remain.
-int payload_files_reset();

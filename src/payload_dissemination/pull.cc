@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/monotonic_clock.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "payload_dissemination/payload_upkeep.h"
@@ -43,7 +45,7 @@ void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
 
 // Each MISSING wakes this thread. Without a second between two requests, requests and MISSINGs would follow each other
 // at network speed. A node that answered MISSING but did not say which decision it knows may know none: tell it.
-void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
+void request(id_entry entry, const loss_judge::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_may_request(paxos_data.pull)) {
     return;
@@ -51,7 +53,7 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
   if (advice.nodes_without_word != 0 && paxos_data.callbacks.uninformed != nullptr) {
     paxos_data.callbacks.uninformed(advice.nodes_without_word);
   }
-  paxos_data.losses.requested();  // before the first answer
+  paxos_data_losses->requested(monotonic_us());  // before the first answer
   pull_record_request(paxos_data.pull);
 }
 
@@ -59,7 +61,7 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
 bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
   const bool is_held = payload_table_knows(entry);
-  const loss_watch::advice advice = paxos_data.losses.look(entry, is_held);
+  const loss_judge::advice advice = paxos_data_losses->look(entry, is_held, monotonic_us());
   if (!advice.is_lost && advice.is_request_due) {
     request(entry, advice);
   }
