@@ -53,11 +53,6 @@ void settle_waiting(const installed_decision &decision)
   paxos_idle_release();
 }
 
-bool begins_alike(const id_batch &a, const id_batch &b)
-{
-  return id_batch_count(a) != 0 && id_batch_count(b) != 0 && id_batch_entry(a, 0) == id_batch_entry(b, 0);
-}
-
 // Adopts a newer decision and answers an older one. Returns whether it was adopted.
 bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
@@ -78,7 +73,7 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
       return false;
     }
     if (message.batch_id == paxos_log.number()) {
-      if (begins_alike(message.batch, paxos_log.batch())) {
+      if (id_batch_first(message.batch) == id_batch_first(paxos_log.batch())) {
         paxos_data_losses->is_not_ahead(sender);
       }
       return false;

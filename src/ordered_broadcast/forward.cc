@@ -60,7 +60,7 @@ bool knows_base(id_entry &known) CONS_REQUIRES(paxos.forward_lock)
   id_entry base;
   {
     cons_lock lock(paxos.propose_lock);
-    base = id_batch_count(paxos_log.batch()) != 0 ? id_batch_entry(paxos_log.batch(), 0) : id_entry{};
+    base = id_batch_first(paxos_log.batch());
   }
   if (base == known) {
     return true;

@@ -23,7 +23,6 @@ namespace
 constexpr int64_t RETRY_US = 1000000;
 
 struct proposal {
-  id_entry working_copy;  // of next_proposal
   uint32_t batch_id = 0;
   id_batch batch;  // the log once decided; without the decided entry unless is_full_state
   bool is_full_state = false;
@@ -89,8 +88,7 @@ bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
   p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made_state(p.batch_id)};
   if (p.entry.msg_id != 0) {
-    p.batch = {};
-    id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
+    p.batch = id_batch_of(p.entry);
     return true;
   }
   p.entry.msg_id = free_id;
@@ -104,7 +102,6 @@ bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 // What is proposed for the next number.
 bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  p.working_copy = paxos_waiting.next_proposal();
   p.batch_id = paxos_log.number() + 1;
   paxos.proposal_batch_id = p.batch_id;
   p.is_full_state = needs_full_state();
@@ -112,7 +109,7 @@ bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
     return begin_log(p, free_id);
   }
   p.batch = paxos_log.batch();
-  p.entry = p.working_copy;
+  p.entry = paxos_waiting.next_proposal();
   return true;
 }
 
@@ -218,8 +215,7 @@ bool commit(proposal &p, const cons_value &decision)
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
   } else if (cons_service.durable_payloads) {
     // Another leader's snapshot may have been read back. The log of this number begins with that one on every node.
-    p.batch = {};
-    id_batch_add(&p.batch, decided.msg_id, decided.sender);
+    p.batch = id_batch_of(decided);
   }
   if (const auto installed = install(p)) {
     paxos_hand_over(*installed);

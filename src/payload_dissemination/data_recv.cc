@@ -20,11 +20,6 @@ struct data_header {
   [[nodiscard]] id_entry entry() const { return {.sender = sender, .msg_id = id}; }
 };
 
-bool is_node(uint8_t id)
-{
-  return id >= 1 && id <= NODES_MAX;
-}
-
 bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
 {
   if (body.size() < DATA_HEADER_SIZE) {
@@ -78,9 +73,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
     return;  // the file cannot be read, but this node held the payload: it must not say that it lacks it
   }
   if (entry == nullptr) {
-    if (paxos_data.callbacks.lacking != nullptr) {
-      paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
-    }
+    paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
     paxos_data_bcast_missing(hdr.id, hdr.sender);
     return;
   }
@@ -130,7 +123,7 @@ void paxos_data_recv_missing(const data_header &hdr)
 bool is_sound(const data_header &hdr)
 {
   const bool may_be_anonymous = hdr.type == PAXOS_DATA_COMPLETE || hdr.type == PAXOS_DATA_MISSING;
-  return hdr.id != 0 && is_node(hdr.sender) && (is_node(hdr.from) || (hdr.from == 0 && may_be_anonymous));
+  return id_entry_valid(hdr.entry()) && hdr.from <= NODES_MAX && (hdr.from != 0 || may_be_anonymous);
 }
 
 void dispatch(const data_header &hdr, std::span<const uint8_t> body)

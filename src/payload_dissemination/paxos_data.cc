@@ -13,12 +13,9 @@
 namespace
 {
 
-void clear_batches()
+void clear_queue()
 {
-  cons_lock pull_lock(paxos_data.pull.lock);
-  cons_lock queue_lock(paxos_data.deliver_queue_lock);
-  paxos_data.pull_batch = {};
-  paxos_data.pull_pos = 0;
+  cons_lock lock(paxos_data.deliver_queue_lock);
   paxos_data.deliver_batch = {};
   paxos_data.deliver_pos = 0;
 }
@@ -51,7 +48,7 @@ int paxos_data_init(const paxos_data_callbacks &callbacks)
     return 0;
   }
   payload_table_create();
-  clear_batches();
+  clear_queue();
   paxos_data.callbacks = callbacks;
   paxos_data.initialised = true;
   return 0;
@@ -71,7 +68,7 @@ int paxos_data_reset()
     return -1;
   }
   payload_table_clear();
-  clear_batches();
+  clear_queue();
   return payload_store_remove_all();
 }
 
