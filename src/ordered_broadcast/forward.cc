@@ -39,7 +39,7 @@ bool serve_as_follower() CONS_REQUIRES(paxos.forward_lock)
   if (own_id == 0) {
     return true;
   }
-  if (paxos_waiting.is_decided({.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = own_id})) {
+  if (paxos_waiting.is_decided(own_entry(own_id))) {
     paxos_waiting.withdraw_forward();
     return true;
   }

@@ -14,6 +14,7 @@
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_protocol.h"
+#include "service/identity.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -86,7 +87,7 @@ uint32_t made_state(uint32_t number)
 // `free_id` is an identifier that nothing was made under yet.
 bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made_state(p.batch_id)};
+  p.entry = own_entry(made_state(p.batch_id));
   if (p.entry.msg_id != 0) {
     p.batch = id_batch_of(p.entry);
     return true;

@@ -113,8 +113,7 @@ void paxos_data_recv_missing(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
   if (paxos_data_losses->lacks(hdr.from, hdr.entry())) {
-    cons_lock lock(paxos_data.pull.lock);
-    paxos_data.pull.changed_cond.broadcast();
+    paxos_data.pull.changed_cond.wake_all(paxos_data.pull.lock);
   }
 }
 

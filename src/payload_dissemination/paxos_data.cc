@@ -111,19 +111,10 @@ void paxos_data_stop()
   paxos_data_halt();
   paxos_data.recv_gate.close();
   vx_msg_unregister_recv_hook(paxos_data_recv);
-  {
-    // The queue comes first, since the pull-thread may wait for it with the pull record's lock held.
-    cons_lock lock(paxos_data.deliver_queue_lock);
-    paxos_data.deliver_queue_cond.broadcast();
-  }
-  {
-    cons_lock lock(paxos_data.pull.lock);
-    paxos_data.pull.changed_cond.broadcast();
-  }
-  {
-    cons_lock lock(paxos_data.offer.lock);
-    paxos_data.offer.changed_cond.broadcast();
-  }
+  // The queue comes first, since the pull-thread may wait for it with the pull record's lock held.
+  paxos_data.deliver_queue_cond.wake_all(paxos_data.deliver_queue_lock);
+  paxos_data.pull.changed_cond.wake_all(paxos_data.pull.lock);
+  paxos_data.offer.changed_cond.wake_all(paxos_data.offer.lock);
   library_thread_join(paxos_data.pull_thread);
   library_thread_join(paxos_data.deliver_thread);
   payload_files_stop();

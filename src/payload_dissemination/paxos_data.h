@@ -23,7 +23,8 @@ int paxos_data_reset();
 /// With durable payloads fills the table with what this node's files hold, without removes such files. Before each
 /// start, for a node whose identity is set. Calls `progress` before each file. Returns 0; -1 if not initialised or the
 /// files cannot be listed.
-int paxos_data_load(bool is_durable, const std::function<void()> &progress = {});
+int paxos_data_load(
+    bool is_durable, const std::function<void()> &progress = [] {});
 
 /// Starts the threads and opens channel 5. Returns 0, also if the layer runs already; -1 if not initialised or a thread
 /// cannot be created.

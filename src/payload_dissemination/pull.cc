@@ -91,7 +91,7 @@ void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
       paxos_data.callbacks.base_settled();
     }
   }
-  if (paxos_data.pull.is_pulled && paxos_data.pull.entry.msg_id != 0) {
+  if (paxos_data.pull.is_pulled) {
     pull_record_reset(paxos_data.pull);
   }
   paxos_data.pull.is_awaited = false;
