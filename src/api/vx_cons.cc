@@ -1,41 +1,127 @@
-// The exported functions and the checks that guard them.
+// The exported functions, the checks that guard them, and the life of the library: down, ready, active.
 
 #include "vx_cons.h"
 
-#include "api/lifecycle.h"
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/distribute.h"
+#include "ordered_broadcast/paxos_state.h"
+#include "ordered_broadcast/protocol.h"
 #include "service/clmsg.h"
 #include "service/cluster_config.h"
+#include "service/entry_gate.h"
 #include "service/host_hook.h"
+#include "service/isolation.h"
 #include "service/service_state.h"
+#include "vx_host.h"
+
+namespace
+{
+
+// Holds the threads that submit or send. Until they have left, the tables stay and nothing is unregistered.
+constinit entry_gate caller_gate{true};
+
+bool is_active()
+{
+  return cons_service.initialised && !cons_service.stopped;
+}
+
+// While the service is stopped every call has its verdict and only has to return. None may touch the next life's state.
+void wait_for_callers() CONS_REQUIRES(lifecycle_lock)
+{
+  caller_gate.close();
+  caller_gate.wait_empty();
+}
+
+// Returns whether the service is stopped. If it is, no thread of the last run is left afterwards.
+bool is_at_rest() CONS_REQUIRES(lifecycle_lock)
+{
+  if (!cons_service.stopped) {
+    return false;
+  }
+  isolation_finish();
+  return true;
+}
+
+void stop() CONS_REQUIRES(lifecycle_lock)
+{
+  cons_service.stopped = true;
+  paxos_stop();
+}
+
+void cleanup() CONS_REQUIRES(lifecycle_lock)
+{
+  stop();
+  wait_for_callers();
+  cons_layers_cleanup();
+  clmsg_cleanup();
+  cons_service.initialised = false;
+  caller_gate.open();
+}
+
+int reset() CONS_REQUIRES(lifecycle_lock)
+{
+  vx_log("CONS: Reset PAXOS ...\n");
+  wait_for_callers();
+  const int result = paxos_reset();
+  caller_gate.open();
+  vx_log(result == 0 ? "CONS: PAXOS reset successful.\n" : "PAXOS reset failed.\n");
+  return result;
+}
+
+}  // namespace
 
 int vx_cons_init(void)
 {
   check_outside_host_hooks(__func__);
   lifecycle_section section;
-  return lifecycle_init();
+  if (cons_service.initialised) {
+    return 0;
+  }
+  isolation_init({.halt = paxos_halt, .stop = paxos_stop});
+  cons_service.cluster_id = 0;
+  paxos.is_leader = 0;
+  cons_service.node_count = 0;
+  cons_service.quorum = 0;
+  cons_service.node_id = 0;
+  clmsg_init();
+  if (cons_layers_init() != 0) {
+    cleanup();
+    return -1;
+  }
+  cons_service.initialised = true;
+  return 0;
 }
 
 void vx_cons_cleanup(void)
 {
   check_outside_host_hooks(__func__);
   lifecycle_section section;
-  lifecycle_cleanup();
+  cleanup();
 }
 
 int vx_cons_start(void)
 {
   check_outside_host_hooks(__func__);
   lifecycle_section section;
-  return lifecycle_start();
+  if (!cons_service.initialised) {
+    return -1;
+  }
+  if (!is_at_rest()) {
+    return 0;
+  }
+  isolation_begin_run();
+  if (cluster_config_read() != 0 || paxos_start() != 0 || !isolation_activate()) {
+    return -1;
+  }
+  vx_log("CONS: PAXOS started\n");
+  return 0;
 }
 
 void vx_cons_stop(void)
 {
   check_outside_host_hooks(__func__);
   lifecycle_section section;
-  lifecycle_stop();
+  stop();
 }
 
 int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gateway, const char *const *node_macs,
@@ -43,7 +129,14 @@ int vx_cons_configure(const char *ipaddr, const char *netmask, const char *gatew
 {
   check_outside_host_hooks(__func__);
   lifecycle_section section;
-  return lifecycle_configure(ipaddr, netmask, gateway, node_macs, node_count, node_id, mtime);
+  if (!cons_service.initialised || !is_at_rest()) {
+    vx_log("Cannot reconfigure cluster when it is active.\n");
+    return -1;
+  }
+  if (cluster_config_write(ipaddr, netmask, gateway, node_macs, node_count, node_id, mtime) != 0 || reset() != 0) {
+    return -1;
+  }
+  return vx_cfg_save(1) == 0 ? 0 : -1;
 }
 
 void vx_cons_register_data_hooks(uint32_t type, vx_cons_get_state_hook get_state, vx_cons_deliver_hook deliver)
@@ -97,15 +190,15 @@ int vx_cons_cluster_enabled(void)
 
 int vx_cons_cluster_active(void)
 {
-  return lifecycle_is_active() ? 1 : 0;
+  return is_active() ? 1 : 0;
 }
 
 uint32_t vx_cons_get_node_count(void)
 {
-  return lifecycle_is_active() ? cons_service.node_count.load() : 1;
+  return is_active() ? cons_service.node_count.load() : 1;
 }
 
 uint32_t vx_cons_get_node_id(void)
 {
-  return lifecycle_is_active() ? cons_service.node_id.load() : 1;
+  return is_active() ? cons_service.node_id.load() : 1;
 }

@@ -129,3 +129,9 @@ void cons_cond::broadcast()
 {
   pthread_cond_broadcast(&cond_);
 }
+
+void cons_cond::wake_all(cons_mutex &mutex)
+{
+  cons_lock lock(mutex);
+  broadcast();
+}

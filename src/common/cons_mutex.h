@@ -94,6 +94,8 @@ public:
   void wait_for_us(cons_mutex &mutex, int64_t wait_us) CONS_REQUIRES(mutex);
   void signal();
   void broadcast();
+  /// Broadcasts with the mutex held, for a predicate that is a flag of its own.
+  void wake_all(cons_mutex &mutex) CONS_EXCLUDES(mutex);
 
 private:
   pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;

@@ -27,36 +27,23 @@ void id_batch_add(id_batch *batch, uint32_t msg_id, uint8_t sender)
   put_le32(batch->bytes, count + 1);
 }
 
+id_batch id_batch_of(id_entry entry)
+{
+  id_batch batch;
+  id_batch_add(&batch, entry.msg_id, entry.sender);
+  return batch;
+}
+
 int id_batch_find(const id_batch *batch, uint32_t msg_id, uint8_t sender)
 {
   if (batch == nullptr) {
     return -1;
   }
   const id_entry wanted = {.sender = sender, .msg_id = msg_id};
-  const uint32_t count = id_batch_count(*batch);
-  for (uint32_t i = 0; i < count; ++i) {
+  for (uint32_t i = 0; i < id_batch_count(*batch); ++i) {
     if (id_batch_entry(*batch, i) == wanted) {
       return static_cast<int>(i);
     }
   }
   return -1;
-}
-
-void id_batch_call_at(const id_batch *batch, uint32_t index, id_batch_cb callback, void *context)
-{
-  if (batch != nullptr && index < id_batch_count(*batch)) {
-    const id_entry entry = id_batch_entry(*batch, index);
-    callback(entry.msg_id, entry.sender, context);
-  }
-}
-
-void id_batch_foreach(const id_batch *batch, id_batch_cb callback, void *context)
-{
-  if (batch == nullptr) {
-    return;
-  }
-  for (uint32_t i = 0; i < id_batch_count(*batch); ++i) {
-    const id_entry entry = id_batch_entry(*batch, i);
-    callback(entry.msg_id, entry.sender, context);
-  }
 }

@@ -64,21 +64,40 @@ inline id_entry id_batch_entry(const id_batch &batch, uint32_t i)
   return id_entry_get(batch.bytes + 4 + i * ID_ENTRY_SIZE);
 }
 
+/// The first entry: the snapshot that begins the log. Zero for an empty log.
+inline id_entry id_batch_first(const id_batch &batch)
+{
+  return id_batch_count(batch) != 0 ? id_batch_entry(batch, 0) : id_entry{};
+}
+
 /// Checks bytes from a file or a message: the count is at most 250 and every entry in use is valid.
 bool id_batch_valid(const id_batch &batch);
 
 /// Appends an entry. Does nothing, and reports nothing, if the batch is full or null.
 void id_batch_add(id_batch *batch, uint32_t msg_id, uint8_t sender);
 
+/// A log of one entry.
+id_batch id_batch_of(id_entry entry);
+
 /// Returns the index of the first entry with this msg_id and sender, or -1 (also for a null batch).
 int id_batch_find(const id_batch *batch, uint32_t msg_id, uint8_t sender);
 
-/// Receives one entry and the context that was passed to the walk.
-using id_batch_cb = void (*)(uint32_t msg_id, uint8_t sender, void *context);
+/// Calls `callback(msg_id, sender)` for entry `index`, if it exists.
+template <class function>
+void id_batch_call_at(const id_batch *batch, uint32_t index, function callback)
+{
+  if (batch != nullptr && index < id_batch_count(*batch)) {
+    const id_entry entry = id_batch_entry(*batch, index);
+    callback(entry.msg_id, entry.sender);
+  }
+}
 
-/// Calls back for entry `index`, if it exists.
-void id_batch_call_at(const id_batch *batch, uint32_t index, id_batch_cb callback, void *context);
-
-/// Calls back for every entry in order. The count is read again after each call, so that a callback that appends to
-/// the batch extends the walk.
-void id_batch_foreach(const id_batch *batch, id_batch_cb callback, void *context);
+/// Calls `callback(msg_id, sender)` for every entry in order. The count is read again after each call, so that a
+/// callback that appends to the batch extends the walk.
+template <class function>
+void id_batch_foreach(const id_batch *batch, function callback)
+{
+  for (uint32_t i = 0; batch != nullptr && i < id_batch_count(*batch); ++i) {
+    id_batch_call_at(batch, i, callback);
+  }
+}

@@ -14,6 +14,11 @@ inline uint32_t get_le32(const uint8_t *from)
          static_cast<uint32_t>(from[3]) << 24;
 }
 
+inline uint64_t get_le64(const uint8_t *from)
+{
+  return uint64_t{get_le32(from + 4)} << 32 | get_le32(from);
+}
+
 inline void put_le16(uint8_t *to, uint16_t value)
 {
   to[0] = static_cast<uint8_t>(value);
@@ -26,4 +31,10 @@ inline void put_le32(uint8_t *to, uint32_t value)
   to[1] = static_cast<uint8_t>(value >> 8);
   to[2] = static_cast<uint8_t>(value >> 16);
   to[3] = static_cast<uint8_t>(value >> 24);
+}
+
+inline void put_le64(uint8_t *to, uint64_t value)
+{
+  put_le32(to, static_cast<uint32_t>(value));
+  put_le32(to + 4, static_cast<uint32_t>(value >> 32));
 }

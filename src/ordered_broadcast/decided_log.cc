@@ -24,12 +24,6 @@ namespace
 constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
 constexpr uint32_t DECIDE_SIZE = 4 + ID_BATCH_SIZE;
 
-// The zero entry for an empty log.
-id_entry first_entry(const id_batch &batch)
-{
-  return id_batch_count(batch) != 0 ? id_batch_entry(batch, 0) : id_entry{};
-}
-
 }  // namespace
 
 void paxos_hand_over(const installed_decision &decision)
@@ -88,7 +82,7 @@ int decided_log::reset()
 
 std::optional<installed_decision> decided_log::install(uint32_t number, const id_batch &batch)
 {
-  const bool is_switch = first_entry(batch_) != first_entry(batch);
+  const bool is_switch = id_batch_first(batch_) != id_batch_first(batch);
   // Every decision adds one entry, so a log of c entries with decision number b names the decisions from b - c + 1 on.
   const bool has_gap = is_switch && uint64_t{number_} + id_batch_count(batch) < number;
   if (is_switch) {

@@ -1,10 +1,11 @@
 #include "ordered_broadcast/decision.h"
 
+#include "common/monotonic_clock.h"
 #include "common/repetition_filter.h"
 #include "ordered_broadcast/forward.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "ordered_broadcast/waiting_ids.h"
-#include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/loss_watch.h"
 #include "round_based_registers/consensus.h"
 #include "service/envelope.h"
 #include "service/identity.h"
@@ -52,18 +53,13 @@ void settle_waiting(const installed_decision &decision)
   paxos_idle_release();
 }
 
-bool begins_alike(const id_batch &a, const id_batch &b)
-{
-  return id_batch_count(a) != 0 && id_batch_count(b) != 0 && id_batch_entry(a, 0) == id_batch_entry(b, 0);
-}
-
 // Adopts a newer decision and answers an older one. Returns whether it was adopted.
 bool recv_decide(const decide_message &message, uint32_t sender_addr)
 {
   const uint32_t sender = node_id_of_addr(sender_addr);
   vx_log("CONS: PAXOS: DECIDE (sender=%u, batch_id=%u)\n", sender, message.batch_id);
   if (is_member(sender) && decides_heard.is_new(sender, message.batch_id)) {
-    paxos_data_heard(sender);
+    paxos_data_losses->heard(sender);
   }
   std::optional<installed_decision> adopted;
   {
@@ -72,13 +68,13 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
       return false;
     }
     if (message.batch_id < paxos_log.number()) {
-      paxos_data_is_not_ahead(sender);
+      paxos_data_losses->is_not_ahead(sender);
       paxos_log.send_to(sender_addr);
       return false;
     }
     if (message.batch_id == paxos_log.number()) {
-      if (begins_alike(message.batch, paxos_log.batch())) {
-        paxos_data_is_not_ahead(sender);
+      if (id_batch_first(message.batch) == id_batch_first(paxos_log.batch())) {
+        paxos_data_losses->is_not_ahead(sender);
       }
       return false;
     }
@@ -95,8 +91,14 @@ bool recv_decide(const decide_message &message, uint32_t sender_addr)
 class message_in_hand
 {
 public:
-  message_in_hand() { paxos_data_message_begins(); }
-  ~message_in_hand() { paxos_data_message_ends(is_new_decision); }
+  message_in_hand() { paxos_data_losses->message_begins(); }
+  ~message_in_hand()
+  {
+    if (is_new_decision) {
+      paxos_data_losses->decided(monotonic_us());
+    }
+    paxos_data_losses->message_ends();
+  }
   message_in_hand(const message_in_hand &) = delete;
   message_in_hand &operator=(const message_in_hand &) = delete;
   bool is_new_decision = false;

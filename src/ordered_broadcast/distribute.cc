@@ -5,8 +5,9 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
-#include "service/service_state.h"
+#include "service/identity.h"
 #include "vx_cons.h"
 #include "vx_host.h"
 
@@ -30,17 +31,17 @@ payload_buf *copy_payload(const uint8_t *bytes, uint32_t length, uint32_t type)
 // Returns the identifier, or 0 if there is none or the payload could not be stored.
 uint32_t store_payload(payload_buf *payload, distribute_call &call)
 {
-  const auto self = static_cast<uint8_t>(cons_service.node_id);
   const uint32_t id = call.ended ? 0 : msg_id_next(false, &call.id);
   if (id == 0) {
     std::free(payload);
     return 0;
   }
-  if (!paxos_data_hash_entry(payload_entry_new(payload), id, self)) {
+  const id_entry name = own_entry(id);
+  if (!paxos_data_hash_entry(payload_entry_new(payload), id, name.sender)) {
     return 0;
   }
-  if (!paxos_data_make_durable({.sender = self, .msg_id = id})) {
-    paxos_data_unhash_entry(id, self);
+  if (!payload_files_make_durable(name)) {
+    paxos_data_unhash_entry(id, name.sender);
     return 0;
   }
   return id;
@@ -49,7 +50,6 @@ uint32_t store_payload(payload_buf *payload, distribute_call &call)
 // Waits for this node's slot and fills it, unless the call has ended.
 void enter_slot(distribute_call &call)
 {
-  const auto self = static_cast<uint8_t>(cons_service.node_id);
   cons_lock lock(paxos.forward_lock);
   while (!paxos.stopped && !call.ended) {
     cons_lock deliver_lock(paxos.deliver_lock);
@@ -61,7 +61,7 @@ void enter_slot(distribute_call &call)
     if (call.ended) {
       return;
     }
-    if (paxos_waiting.is_decided({.sender = self, .msg_id = call.id})) {
+    if (paxos_waiting.is_decided(own_entry(call.id))) {
       call_end(call, -1);
       return;
     }

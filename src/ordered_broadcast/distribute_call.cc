@@ -26,8 +26,7 @@ distribute_call_scope::~distribute_call_scope()
   }
   if (!has_entered) {
     // A call with a higher identifier may wait for this one to enter the slot first.
-    cons_lock lock(paxos.forward_lock);
-    paxos.forward_free_cond.broadcast();
+    paxos.forward_free_cond.wake_all(paxos.forward_lock);
   }
 }
 

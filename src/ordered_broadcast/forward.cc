@@ -4,6 +4,7 @@
 #include "ordered_broadcast/decided_log.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
@@ -38,7 +39,7 @@ bool serve_as_follower() CONS_REQUIRES(paxos.forward_lock)
   if (own_id == 0) {
     return true;
   }
-  if (paxos_waiting.is_decided({.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = own_id})) {
+  if (paxos_waiting.is_decided(own_entry(own_id))) {
     paxos_waiting.withdraw_forward();
     return true;
   }
@@ -59,7 +60,7 @@ bool knows_base(id_entry &known) CONS_REQUIRES(paxos.forward_lock)
   id_entry base;
   {
     cons_lock lock(paxos.propose_lock);
-    base = id_batch_count(paxos_log.batch()) != 0 ? id_batch_entry(paxos_log.batch(), 0) : id_entry{};
+    base = id_batch_first(paxos_log.batch());
   }
   if (base == known) {
     return true;
@@ -116,7 +117,7 @@ void paxos_recv_forward(id_entry entry, uint32_t sender_addr)
 {
   const uint32_t sender = node_id_of_addr(sender_addr);
   if (is_member(sender) && forwards_heard.is_new(sender, entry.msg_id)) {
-    paxos_data_heard(sender);
+    paxos_data_losses->heard(sender);
   }
   if (paxos.is_leader == 0) {
     return;

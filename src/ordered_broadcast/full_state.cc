@@ -37,20 +37,17 @@ state_buffer take_state(uint32_t type, uint64_t room)
   return state;
 }
 
-struct carry_context {
-  id_batch *target;
-  id_entry last_delivered;
-  bool is_found;
-};
-
-void paxos_carry_undelivered(uint32_t msg_id, uint8_t sender, void *context)
+void paxos_carry_undelivered(id_batch &target) CONS_REQUIRES(paxos.propose_lock, paxos.deliver_lock)
 {
-  auto &carry = *static_cast<carry_context *>(context);
-  if (carry.is_found) {
-    id_batch_add(carry.target, msg_id, sender);
-  } else {
-    carry.is_found = carry.last_delivered == id_entry{.sender = sender, .msg_id = msg_id};
-  }
+  const id_entry last = paxos.last_delivered;
+  bool is_found = false;
+  id_batch_foreach(&paxos_log.batch(), [&](uint32_t msg_id, uint8_t sender) {
+    if (is_found) {
+      id_batch_add(&target, msg_id, sender);
+    } else {
+      is_found = last == id_entry{.sender = sender, .msg_id = msg_id};
+    }
+  });
 }
 
 }  // namespace
@@ -90,18 +87,15 @@ bool paxos_begin_log(id_batch &batch, id_entry state)
   if (!paxos_data_hash_entry(payload_entry_new(paxos_full_state(paxos_log.number() + 1)), state.msg_id, state.sender)) {
     return false;  // the layer stopped, or no memory: nobody could ever fetch it
   }
-  batch = {};
-  id_batch_add(&batch, state.msg_id, state.sender);
+  batch = id_batch_of(state);
   if (cons_service.durable_payloads) {
     return true;
   }
-  carry_context carry = {.target = &batch, .last_delivered = paxos.last_delivered, .is_found = false};
-  id_batch_foreach(&paxos_log.batch(), paxos_carry_undelivered, &carry);
+  paxos_carry_undelivered(batch);
   if (id_batch_count(batch) == ID_BATCH_MAX) {
     // Only the last log's snapshot was delivered here, and all other entries were lost. A log that begins full would
     // force the next roll-over at once.
-    batch = {};
-    id_batch_add(&batch, state.msg_id, state.sender);
+    batch = id_batch_of(state);
   }
   return true;
 }

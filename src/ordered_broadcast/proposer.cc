@@ -10,9 +10,11 @@
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/waiting_ids.h"
 #include "payload_dissemination/paxos_data.h"
+#include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "round_based_registers/consensus.h"
 #include "round_based_registers/register_protocol.h"
+#include "service/identity.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -22,7 +24,6 @@ namespace
 constexpr int64_t RETRY_US = 1000000;
 
 struct proposal {
-  id_entry working_copy;  // of next_proposal
   uint32_t batch_id = 0;
   id_batch batch;  // the log once decided; without the decided entry unless is_full_state
   bool is_full_state = false;
@@ -86,10 +87,9 @@ uint32_t made_state(uint32_t number)
 // `free_id` is an identifier that nothing was made under yet.
 bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  p.entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = made_state(p.batch_id)};
+  p.entry = own_entry(made_state(p.batch_id));
   if (p.entry.msg_id != 0) {
-    p.batch = {};
-    id_batch_add(&p.batch, p.entry.msg_id, p.entry.sender);
+    p.batch = id_batch_of(p.entry);
     return true;
   }
   p.entry.msg_id = free_id;
@@ -103,7 +103,6 @@ bool begin_log(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 // What is proposed for the next number.
 bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
 {
-  p.working_copy = paxos_waiting.next_proposal();
   p.batch_id = paxos_log.number() + 1;
   paxos.proposal_batch_id = p.batch_id;
   p.is_full_state = needs_full_state();
@@ -111,7 +110,7 @@ bool choose(proposal &p, uint32_t &free_id) CONS_REQUIRES(paxos.propose_lock)
     return begin_log(p, free_id);
   }
   p.batch = paxos_log.batch();
-  p.entry = p.working_copy;
+  p.entry = paxos_waiting.next_proposal();
   return true;
 }
 
@@ -121,7 +120,7 @@ enum class spread_result { stored, refused, withdrawn };
 // Adoption, the end of leader mode and stop end the wait.
 spread_result spread(const proposal &p)
 {
-  if (!paxos_data_make_durable(p.entry)) {
+  if (!payload_files_make_durable(p.entry)) {
     return spread_result::refused;
   }
   return paxos_data_offer_state(p.entry.msg_id, may_go_on) ? spread_result::stored : spread_result::withdrawn;
@@ -217,8 +216,7 @@ bool commit(proposal &p, const cons_value &decision)
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
   } else if (cons_service.durable_payloads) {
     // Another leader's snapshot may have been read back. The log of this number begins with that one on every node.
-    p.batch = {};
-    id_batch_add(&p.batch, decided.msg_id, decided.sender);
+    p.batch = id_batch_of(decided);
   }
   if (const auto installed = install(p)) {
     paxos_hand_over(*installed);

@@ -172,10 +172,7 @@ int paxos_start()
     return 0;
   }
   clear_run_time_state();
-  if (load_durable_state() != 0) {
-    return -1;
-  }
-  if (load_payloads() != 0) {
+  if (load_durable_state() != 0 || load_payloads() != 0) {
     return -1;
   }
   paxos.stopped = false;

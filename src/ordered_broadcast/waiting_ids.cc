@@ -5,6 +5,7 @@
 #include "ordered_broadcast/distribute_call.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "service/envelope.h"
+#include "service/identity.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -49,7 +50,7 @@ bool waiting_ids::forwarded(id_entry entry)
 bool waiting_ids::forward_own()
 {
   withdraw_forward();
-  uint8_t *message = forward_message_new({.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = own()});
+  uint8_t *message = forward_message_new(own_entry(own()));
   if (message == nullptr) {
     return false;
   }
@@ -173,7 +174,7 @@ void waiting_ids::adopted(const id_batch &log, bool has_gap)
 void waiting_ids::delivered(uint32_t own_id)
 {
   if (own() != 0 && own() <= own_id) {
-    raise_done({.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = own()});
+    raise_done(own_entry(own()));
     settled();
   }
 }

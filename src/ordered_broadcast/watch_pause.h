@@ -12,6 +12,5 @@ inline constinit watch_pause paxos_watch_pause;
 /// Makes the pause check whether it must end. Any thread, any lock but leaves.
 inline void paxos_leader_watch_wake()
 {
-  cons_lock lock(paxos_watch_pause.lock);
-  paxos_watch_pause.wake_cond.broadcast();
+  paxos_watch_pause.wake_cond.wake_all(paxos_watch_pause.lock);
 }

@@ -2,6 +2,7 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
@@ -18,11 +19,6 @@ struct data_header {
   uint32_t id;
   [[nodiscard]] id_entry entry() const { return {.sender = sender, .msg_id = id}; }
 };
-
-bool is_node(uint8_t id)
-{
-  return id >= 1 && id <= NODES_MAX;
-}
 
 bool parse_piece(std::span<const uint8_t> body, data_piece &piece)
 {
@@ -54,7 +50,7 @@ void paxos_data_recv_offer(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: OFFER (s=%u, id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
   if (paxos_data.offers_heard.is_new(hdr.from, hdr.id)) {
-    paxos_data.losses.heard(hdr.from);
+    paxos_data_losses->heard(hdr.from);
   }
   if (paxos_data_has_entry(hdr.id, hdr.sender) != 0) {
     complete_if_durable(hdr);
@@ -68,7 +64,7 @@ void paxos_data_recv_offer(const data_header &hdr)
 
 void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 {
-  paxos_data.losses.heard(hdr.from);
+  paxos_data_losses->heard(hdr.from);
   const uint32_t offset = get_le32(body.data() + 8);
   const uint32_t length = get_le32(body.data() + 12);
   vx_log("CONS: PAXOS DATA: REQ (s=%u id=%u/%u, o=%u, l=%u)\n", hdr.from, hdr.id, hdr.sender, offset, length);
@@ -77,9 +73,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
     return;  // the file cannot be read, but this node held the payload: it must not say that it lacks it
   }
   if (entry == nullptr) {
-    if (paxos_data.callbacks.lacking != nullptr) {
-      paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
-    }
+    paxos_data.callbacks.lacking(hdr.id, hdr.sender, hdr.from);
     paxos_data_bcast_missing(hdr.id, hdr.sender);
     return;
   }
@@ -89,7 +83,7 @@ void paxos_data_recv_req(const data_header &hdr, std::span<const uint8_t> body)
 
 void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 {
-  paxos_data.losses.holds(hdr.from, hdr.entry());
+  paxos_data_losses->holds(hdr.from, hdr.entry());
   pull_record &pull = paxos_data.pull;
   {
     cons_lock lock(pull.lock);
@@ -110,7 +104,7 @@ void paxos_data_recv_data(const data_header &hdr, const data_piece &piece)
 void paxos_data_recv_complete(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: COMPLETE (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-  paxos_data.losses.holds(hdr.from, hdr.entry());
+  paxos_data_losses->holds(hdr.from, hdr.entry());
   offer_record_complete(paxos_data.offer, hdr.entry(), hdr.from);
   offer_record_complete(paxos_data.state_offer, hdr.entry(), hdr.from);
 }
@@ -118,9 +112,8 @@ void paxos_data_recv_complete(const data_header &hdr)
 void paxos_data_recv_missing(const data_header &hdr)
 {
   vx_log("CONS: PAXOS DATA: MISSING (s=%u id=%u/%u)\n", hdr.from, hdr.id, hdr.sender);
-  if (paxos_data.losses.lacks(hdr.from, hdr.entry())) {
-    cons_lock lock(paxos_data.pull.lock);
-    paxos_data.pull.changed_cond.broadcast();
+  if (paxos_data_losses->lacks(hdr.from, hdr.entry())) {
+    paxos_data.pull.changed_cond.wake_all(paxos_data.pull.lock);
   }
 }
 
@@ -129,7 +122,7 @@ void paxos_data_recv_missing(const data_header &hdr)
 bool is_sound(const data_header &hdr)
 {
   const bool may_be_anonymous = hdr.type == PAXOS_DATA_COMPLETE || hdr.type == PAXOS_DATA_MISSING;
-  return hdr.id != 0 && is_node(hdr.sender) && (is_node(hdr.from) || (hdr.from == 0 && may_be_anonymous));
+  return id_entry_valid(hdr.entry()) && hdr.from <= NODES_MAX && (hdr.from != 0 || may_be_anonymous);
 }
 
 void dispatch(const data_header &hdr, std::span<const uint8_t> body)

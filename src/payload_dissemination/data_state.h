@@ -14,7 +14,6 @@
 #include "common/repetition_filter.h"
 #include "payload_dissemination/data_callbacks.h"
 #include "payload_dissemination/data_stopped.h"
-#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/offer_record.h"
 #include "payload_dissemination/pull_record.h"
 #include "service/entry_gate.h"
@@ -28,7 +27,6 @@ struct paxos_data_state {
   paxos_data_callbacks callbacks;  // set while nothing runs
   entry_gate recv_gate{false};
   repetition_filter offers_heard;
-  loss_watch losses;
 
   offer_record offer;        // of the calls of vx_cons_distribute
   offer_record state_offer;  // of the propose-thread

@@ -31,20 +31,20 @@ bool switch_queue() CONS_REQUIRES(paxos_data.pull.lock, paxos_data.deliver_queue
   if (paxos_data_stopped) {
     return false;
   }
-  paxos_data_unhash_batch(paxos_data.deliver_batch, paxos_data.pull_batch);
+  paxos_data_unhash_batch(paxos_data.deliver_batch, 0, paxos_data.pull_batch);
   paxos_data.deliver_batch = first_entries(paxos_data.pull_batch, paxos_data.pull_pos);
   paxos_data.deliver_pos = paxos_data.pull_pos;
   paxos_data.switch_pending = false;
   return true;
 }
 
-void paxos_data_deliver_one(uint32_t id, uint8_t sender, void *)
+void paxos_data_deliver_one(uint32_t id, uint8_t sender)
 {
   payload_entry *entry = paxos_data_get_entry(id, sender);
   if (entry != nullptr) {
     paxos_data.callbacks.deliver(id, sender, entry->payload);
     payload_entry_release(entry);
-  } else if (paxos_data.callbacks.lost != nullptr) {
+  } else {
     paxos_data.callbacks.lost(id, sender);
   }
 }
@@ -87,8 +87,8 @@ void *paxos_data_deliver_thread(void *)
       break;
     }
     const uint32_t pos = paxos_data.deliver_pos++;
-    id_batch_call_at(&paxos_data.deliver_batch, pos, paxos_data_deliver_one, nullptr);
-    if (paxos_data_note_handled() && paxos_data.callbacks.handled != nullptr) {
+    id_batch_call_at(&paxos_data.deliver_batch, pos, paxos_data_deliver_one);
+    if (paxos_data_note_handled()) {
       paxos_data.callbacks.handled();
     }
   }

@@ -43,6 +43,17 @@ void loss_judge::requested(int64_t now_us)
   forget_answers();
 }
 
+loss_judge::advice loss_judge::look(id_entry entry, bool is_held, int64_t now_us)
+{
+  seeks(entry, is_held);
+  looked(now_us);
+  const verdict now = judge(now_us);
+  return {.is_lost = now.is_lost,
+          .is_request_due = is_request_due(now_us),
+          .nodes_without_word = nodes_without_word(),
+          .look_again_us = now.look_again_us};
+}
+
 void loss_judge::heard(uint32_t node)
 {
   if (node_view *view = other(node)) {
@@ -61,13 +72,14 @@ void loss_judge::holds(uint32_t node, id_entry entry)
   }
 }
 
-void loss_judge::lacks(uint32_t node, id_entry entry)
+bool loss_judge::lacks(uint32_t node, id_entry entry)
 {
   heard(node);
   node_view *view = other(node);
   if (view != nullptr && entry == entry_ && request_us_ != 0) {
     view->is_missing = true;
   }
+  return entry == entry_;
 }
 
 void loss_judge::is_not_ahead(uint32_t node)

@@ -36,6 +36,14 @@ public:
     int64_t look_again_us;  ///< from now; at least 0
   };
 
+  /// What the pull-thread is to do, which lacks an entry, or holds it and cannot read it.
+  struct advice {
+    bool is_lost;
+    bool is_request_due;
+    uint32_t nodes_without_word;  ///< bit n - 1 = node n; since the last request
+    int64_t look_again_us;        ///< as in the verdict
+  };
+
   /// Forgets everything; node numbers are 1 to node_count.
   void start(uint32_t node_count, uint32_t own_node);
 
@@ -43,19 +51,19 @@ public:
   /// The entry that comes next is missing, or is_held: on this node's disk, but unreadable. The same again changes
   /// nothing.
   void seeks(id_entry entry, bool is_held = false);
-  void looked(int64_t now_us);     ///< it runs
-  void requested(int64_t now_us);  ///< a request for the entry went out
+  void looked(int64_t now_us);                                ///< it runs
+  void requested(int64_t now_us);                             ///< a request for the entry went out
+  advice look(id_entry entry, bool is_held, int64_t now_us);  ///< seeks and runs
 
   /// What the nodes do. A node out of range is ignored.
   void heard(uint32_t node);                              ///< the node showed that it is alive
   void holds(uint32_t node, id_entry entry);              ///< DATA or COMPLETE
-  void lacks(uint32_t node, id_entry entry);              ///< MISSING
+  bool lacks(uint32_t node, id_entry entry);              ///< MISSING; returns whether it is the entry sought
   void is_not_ahead(uint32_t node);                       ///< DECIDE with a number not above this node's
   void message_begins() { ++in_hand_; }                   ///< channel 4
   void message_ends() { --in_hand_; }                     ///< channel 4
   void decided(int64_t now_us) { decided_us_ = now_us; }  ///< a DECIDE was adopted
 
-  [[nodiscard]] bool is_sought(id_entry entry) const { return entry == entry_; }
   [[nodiscard]] bool is_request_due(int64_t now_us) const;
   /// Nodes that answered MISSING but did not say which decision they know: bit n - 1 = node n.
   [[nodiscard]] uint32_t nodes_without_word() const;

@@ -1,6 +1,7 @@
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
 #include "service/envelope.h"
+#include "service/identity.h"
 #include "service/service_state.h"
 #include "vx_host.h"
 
@@ -44,7 +45,7 @@ void offer_record_free(offer_record &record)
 void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 {
   offer_record &offer = paxos_data.offer;
-  const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
+  const id_entry entry = own_entry(id);
   // `stopped` alone is not enough: after a quick stop and start it is false again, and the record may belong to another
   // call.
   const auto goes_on = [&] { return !paxos_data_stopped && !ended; };
@@ -75,7 +76,7 @@ void paxos_data_offer(uint32_t id, const std::atomic<bool> &ended)
 bool paxos_data_offer_state(uint32_t id, bool (*goes_on)())
 {
   offer_record &offer = paxos_data.state_offer;
-  const id_entry entry = {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = id};
+  const id_entry entry = own_entry(id);
   cons_lock lock(offer.lock);
   offer.entry = entry;
   offer.node_state[entry.sender - 1] = XFER_NODE_HAS_IT;
@@ -96,6 +97,5 @@ bool paxos_data_offer_state(uint32_t id, bool (*goes_on)())
 
 void paxos_data_wake_state_offer()
 {
-  cons_lock lock(paxos_data.state_offer.lock);
-  paxos_data.state_offer.changed_cond.broadcast();
+  paxos_data.state_offer.changed_cond.wake_all(paxos_data.state_offer.lock);
 }

@@ -2,7 +2,9 @@
 
 #include "payload_dissemination/data_messages.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
+#include "payload_dissemination/payload_store.h"
 #include "payload_dissemination/payload_table.h"
 #include "service/envelope.h"
 #include "service/service_state.h"
@@ -11,12 +13,9 @@
 namespace
 {
 
-void clear_batches()
+void clear_queue()
 {
-  cons_lock pull_lock(paxos_data.pull.lock);
-  cons_lock queue_lock(paxos_data.deliver_queue_lock);
-  paxos_data.pull_batch = {};
-  paxos_data.pull_pos = 0;
+  cons_lock lock(paxos_data.deliver_queue_lock);
   paxos_data.deliver_batch = {};
   paxos_data.deliver_pos = 0;
 }
@@ -49,7 +48,7 @@ int paxos_data_init(const paxos_data_callbacks &callbacks)
     return 0;
   }
   payload_table_create();
-  clear_batches();
+  clear_queue();
   paxos_data.callbacks = callbacks;
   paxos_data.initialised = true;
   return 0;
@@ -69,8 +68,8 @@ int paxos_data_reset()
     return -1;
   }
   payload_table_clear();
-  clear_batches();
-  return payload_files_reset();
+  clear_queue();
+  return payload_store_remove_all();
 }
 
 int paxos_data_load(bool is_durable, const std::function<void()> &progress)
@@ -90,7 +89,7 @@ int paxos_data_start()
     return 0;
   }
   prepare_batches();
-  paxos_data.losses.start(cons_service.node_count, cons_service.node_id);
+  paxos_data_losses->start(cons_service.node_count, cons_service.node_id);
   paxos_data_stopped = false;
   if (!library_thread_create(paxos_data.deliver_thread, "paxos_data_start") ||
       !library_thread_create(paxos_data.pull_thread, "paxos_data_start") || !payload_files_start()) {
@@ -112,19 +111,10 @@ void paxos_data_stop()
   paxos_data_halt();
   paxos_data.recv_gate.close();
   vx_msg_unregister_recv_hook(paxos_data_recv);
-  {
-    // The queue comes first, since the pull-thread may wait for it with the pull record's lock held.
-    cons_lock lock(paxos_data.deliver_queue_lock);
-    paxos_data.deliver_queue_cond.broadcast();
-  }
-  {
-    cons_lock lock(paxos_data.pull.lock);
-    paxos_data.pull.changed_cond.broadcast();
-  }
-  {
-    cons_lock lock(paxos_data.offer.lock);
-    paxos_data.offer.changed_cond.broadcast();
-  }
+  // The queue comes first, since the pull-thread may wait for it with the pull record's lock held.
+  paxos_data.deliver_queue_cond.wake_all(paxos_data.deliver_queue_lock);
+  paxos_data.pull.changed_cond.wake_all(paxos_data.pull.lock);
+  paxos_data.offer.changed_cond.wake_all(paxos_data.offer.lock);
   library_thread_join(paxos_data.pull_thread);
   library_thread_join(paxos_data.deliver_thread);
   payload_files_stop();
@@ -139,31 +129,6 @@ void paxos_data_stop()
     offer_record_free(paxos_data.offer);
     vx_msg_dequeue(nullptr, PAXOS_DATA_CHANNEL, OFFER_KEY, 0);
   }
-}
-
-void paxos_data_heard(uint32_t node_id)
-{
-  paxos_data.losses.heard(node_id);
-}
-
-void paxos_data_is_not_ahead(uint32_t node_id)
-{
-  paxos_data.losses.is_not_ahead(node_id);
-}
-
-void paxos_data_message_begins()
-{
-  paxos_data.losses.message_begins();
-}
-
-void paxos_data_message_ends(bool is_new_decision)
-{
-  paxos_data.losses.message_ends(is_new_decision);
-}
-
-bool paxos_data_make_durable(id_entry entry)
-{
-  return payload_files_make_durable(entry);
 }
 
 bool paxos_data_is_base_settled(id_entry base)

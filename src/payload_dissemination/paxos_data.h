@@ -23,7 +23,8 @@ int paxos_data_reset();
 /// With durable payloads fills the table with what this node's files hold, without removes such files. Before each
 /// start, for a node whose identity is set. Calls `progress` before each file. Returns 0; -1 if not initialised or the
 /// files cannot be listed.
-int paxos_data_load(bool is_durable, const std::function<void()> &progress = {});
+int paxos_data_load(
+    bool is_durable, const std::function<void()> &progress = [] {});
 
 /// Starts the threads and opens channel 5. Returns 0, also if the layer runs already; -1 if not initialised or a thread
 /// cannot be created.
@@ -36,10 +37,6 @@ void paxos_data_stop();
 /// Sets the stop flag: nothing more is delivered, and every wait ends at its next wake-up. paxos_data_stop does the
 /// rest. Any thread, any lock.
 void paxos_data_halt();
-
-/// Returns whether the stored payload is on this node's disk; saves it if it is not. Always true without durable
-/// payloads. Blocks during the save: hold no lock.
-bool paxos_data_make_durable(id_entry entry);
 
 /// Offers a new snapshot of this node, independent of the offers of calls. Blocks until a quorum holds it (true) or
 /// `goes_on` returns false (false). `goes_on` is called after each wake-up, at least once a second, with a leaf lock
@@ -60,13 +57,6 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
 
 /// Whether `base`, the first entry of the log handed over last, is here or lost. Any thread.
 bool paxos_data_is_base_settled(id_entry base);
-
-/// What channel 4 tells about the other nodes, for the judgement of losses. Any thread, any lock but leaves.
-void paxos_data_heard(uint32_t node_id);         ///< it is alive: it sent a message that is no repetition
-void paxos_data_is_not_ahead(uint32_t node_id);  ///< by its DECIDE it knows no newer decision than this node
-/// Called around the handling of each message of channel 4, since a DECIDE may wait behind it.
-void paxos_data_message_begins();
-void paxos_data_message_ends(bool is_new_decision);
 
 /// Number of the last decision handed over whose every entry was delivered or skipped.
 uint32_t paxos_data_handled();

@@ -47,13 +47,8 @@ bool save(const payload_entry &entry, id_entry name)
   return payload_store_commit(name) == 0;
 }
 
-// Context: what to call before each file.
-bool add_file(const payload_file &file, void *context)
+bool add_file(const payload_file &file)
 {
-  const auto &progress = *static_cast<const std::function<void()> *>(context);
-  if (progress) {
-    progress();
-  }
   if (file.is_foreign) {
     vx_log("CONS: PAXOS DATA: payload (id=%u/%hhu) on disk is of another cluster - removed\n", file.entry.msg_id,
            file.entry.sender);
@@ -70,12 +65,11 @@ bool add_file(const payload_file &file, void *context)
   return true;
 }
 
-// `context` is a bool: whether to log each removal.
-bool remove_if_unnamed(const payload_file &file, void *context)
+bool remove_if_unnamed(const payload_file &file, bool is_logged)
 {
   cons_lock lock(payload_files.name_lock);
   if (!payload_table_knows(file.entry)) {
-    if (*static_cast<const bool *>(context)) {
+    if (is_logged) {
       vx_log("CONS: PAXOS DATA: payload (id=%u/%hhu) on disk is superseded - removed\n", file.entry.msg_id,
              file.entry.sender);
     }
@@ -86,7 +80,7 @@ bool remove_if_unnamed(const payload_file &file, void *context)
 
 }  // namespace
 
-int payload_files_load(bool is_on, std::function<void()> progress)
+int payload_files_load(bool is_on, const std::function<void()> &progress)
 {
   payload_upkeep.is_on = is_on;
   if (!is_on) {
@@ -94,7 +88,11 @@ int payload_files_load(bool is_on, std::function<void()> progress)
     payload_store_remove_all();
     return 0;
   }
-  return payload_store_open() == 0 && payload_store_walk(true, add_file, &progress) == 0 ? 0 : -1;
+  const auto add = [&](const payload_file &file) {
+    progress();
+    return add_file(file);
+  };
+  return payload_store_open() == 0 && payload_store_walk(true, add) == 0 ? 0 : -1;
 }
 
 bool payload_files_start()
@@ -104,10 +102,7 @@ bool payload_files_start()
 
 void payload_files_stop()
 {
-  {
-    cons_lock lock(payload_upkeep.lock);
-    payload_upkeep.cond.broadcast();
-  }
+  payload_upkeep.cond.wake_all(payload_upkeep.lock);
   library_thread_join(payload_files.thread);
 }
 
@@ -137,11 +132,6 @@ bool payload_files_make_durable(id_entry name)
   return is_saved;
 }
 
-int payload_files_reset()
-{
-  return payload_store_remove_all();
-}
-
 void *payload_files_thread(void *)
 {
   bool is_first = true;  // files left by an earlier run are reported
@@ -154,7 +144,7 @@ void *payload_files_thread(void *)
       payload_upkeep.has_garbage = false;
     }
     if (!paxos_data_stopped) {
-      payload_store_walk(false, remove_if_unnamed, &is_first);
+      payload_store_walk(false, [=](const payload_file &file) { return remove_if_unnamed(file, is_first); });
       is_first = false;
     }
   }

@@ -26,7 +26,7 @@ inline constinit payload_files_state payload_files;
 /// With durable payloads: fills the table with what the files hold, headers only; removes what is foreign. Without:
 /// removes all files. The table may hold payloads of an earlier run. Returns 0; with durable payloads -1, with a line,
 /// if the files cannot be listed.
-int payload_files_load(bool is_on, std::function<void()> progress);
+int payload_files_load(bool is_on, const std::function<void()> &progress);
 
 /// Start and end the thread. Without durable payloads there is none. False: it cannot be created.
 bool payload_files_start();
@@ -36,6 +36,3 @@ void payload_files_stop();
 /// without durable payloads. False if it cannot be saved, another thread is saving it, or the table does not have it.
 /// Blocks during the save: hold no lock.
 bool payload_files_make_durable(id_entry entry);
-
-/// Removes every file, with or without durable payloads. Returns 0, or -1 if some remain.
-int payload_files_reset();

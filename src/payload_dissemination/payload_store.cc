@@ -47,25 +47,11 @@ bool put_digest(uint8_t *to, const uint8_t *header, const payload_buf *payload, 
   return is_made;
 }
 
-void put_cluster(uint8_t *to)
-{
-  const uint64_t cluster_id = cons_service.cluster_id;
-  put_le32(to, static_cast<uint32_t>(cluster_id));
-  put_le32(to + 4, static_cast<uint32_t>(cluster_id >> 32));
-}
-
-bool is_our_cluster(const uint8_t *header)
-{
-  uint8_t ours[8];
-  put_cluster(ours);
-  return std::memcmp(header + 8, ours, sizeof ours) == 0;
-}
-
 void put_header(uint8_t *to, id_entry entry, bool is_state, uint32_t length, uint32_t state_number)
 {
   std::memset(to, 0, PAYLOAD_FILE_HEADER_SIZE);
   std::memcpy(to, MAGIC, sizeof MAGIC);
-  put_cluster(to + 8);
+  put_le64(to + 8, cons_service.cluster_id);
   put_le32(to + 16, entry.msg_id);
   to[20] = entry.sender;
   to[21] = is_state ? 1 : 0;
@@ -152,7 +138,7 @@ void read_header(payload_file &file)
     return;
   }
   file.is_sound = is_header_of(header, file.entry, static_cast<uint64_t>(status.st_size));
-  file.is_foreign = std::memcmp(header, MAGIC, sizeof MAGIC) == 0 && !is_our_cluster(header);
+  file.is_foreign = std::memcmp(header, MAGIC, sizeof MAGIC) == 0 && get_le64(header + 8) != cons_service.cluster_id;
   if (file.is_sound) {
     file.is_state = header[21] != 0;
     file.length = get_le32(header + 24);
@@ -269,7 +255,7 @@ payload_load payload_store_load(id_entry entry, payload_buf *&payload)
   return payload_load::loaded;
 }
 
-int payload_store_walk(bool is_start, payload_file_cb callback, void *context)
+int payload_store_walk(bool is_start, const payload_file_cb &callback)
 {
   DIR *directory = opendir(DIRECTORY);
   if (directory == nullptr) {
@@ -292,7 +278,7 @@ int payload_store_walk(bool is_start, payload_file_cb callback, void *context)
     if (is_start) {
       read_header(file);
     }
-    if (!callback(file, context)) {
+    if (!callback(file)) {
       result = -1;
       break;
     }

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "common/id_batch.h"
 #include "payload_dissemination/payload_buf.h"
@@ -53,8 +54,8 @@ struct payload_file {
 /// Calls back for each file that is named like a payload. With `is_start`, also reads its header, and removes other
 /// files, such as those of an unfinished save, with a line in the log each. Returns 0; -1 if the directory cannot be
 /// read or a callback returned false.
-using payload_file_cb = bool (*)(const payload_file &file, void *context);
-int payload_store_walk(bool is_start, payload_file_cb callback, void *context);
+using payload_file_cb = std::function<bool(const payload_file &file)>;
+int payload_store_walk(bool is_start, const payload_file_cb &callback);
 
 void payload_store_remove(id_entry entry);
 

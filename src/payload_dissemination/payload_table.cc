@@ -17,11 +17,11 @@ struct payload_row {
   cons_mutex lock{lock_rank::payload_row};
   void *table CONS_GUARDED_BY(lock) = nullptr;
 };
-constinit payload_row rows[NODES_MAX];
+constinit payload_row rows[1 + NODES_MAX];  // by sender; row 0, of those that are no node, has no table
 
-payload_row *row_of(uint8_t sender)
+payload_row &row_of(uint8_t sender)
 {
-  return sender >= 1 && sender <= NODES_MAX ? &rows[sender - 1] : nullptr;
+  return rows[sender <= NODES_MAX ? sender : 0];
 }
 
 void release_from_table(void *value)
@@ -62,33 +62,21 @@ bool read_file(payload_entry &entry, id_entry name) CONS_REQUIRES(entry.lock)
 
 bool store(payload_entry *entry, uint32_t id, uint8_t sender)
 {
-  payload_row *row = row_of(sender);
-  if (row == nullptr) {
+  payload_row &row = row_of(sender);
+  cons_lock lock(row.lock);
+  if (row.table == nullptr || paxos_data_stopped) {
     return false;
   }
-  cons_lock lock(row->lock);
-  if (row->table == nullptr || paxos_data_stopped) {
-    return false;
-  }
-  payload_entry *present = find(*row, id);
+  payload_entry *present = find(row, id);
   if (present != nullptr && is_damaged(*present)) {
-    vx_hash_delete_entry_i(row->table, id);
-    present = nullptr;
-  }
-  if (present != nullptr) {
+    vx_hash_delete_entry_i(row.table, id);
+  } else if (present != nullptr) {
     vx_log("%s(): Message %u of node %u already hashed. This should never happen!\n", "paxos_data_hash_entry", id,
            static_cast<unsigned>(sender));
     return false;
   }
   entry->id = id;
-  return vx_hash_set_entry_i(row->table, id, entry, release_from_table) == 0;
-}
-
-void unhash_unless_kept(uint32_t id, uint8_t sender, void *kept)
-{
-  if (id_batch_find(*static_cast<const id_batch **>(kept), id, sender) < 0) {
-    paxos_data_unhash_entry(id, sender);
-  }
+  return vx_hash_set_entry_i(row.table, id, entry, release_from_table) == 0;
 }
 
 // Calls `is_to_go` with each entry, with the row locked, and takes out those for which it returns true.
@@ -116,8 +104,8 @@ payload_entry::payload_entry(payload_buf *owned)
 {
 }
 
-payload_entry::payload_entry(payload_buf *owned, const payload_file &from)
-    : file(from.is_sound ? payload_file_state::saved : payload_file_state::damaged), payload(owned),
+payload_entry::payload_entry(const payload_file &from)
+    : file(from.is_sound ? payload_file_state::saved : payload_file_state::damaged), payload(nullptr),
       id(from.entry.msg_id), is_state(from.is_state), state_number(from.state_number)
 {
 }
@@ -152,7 +140,8 @@ void payload_entry_release(payload_entry *entry)
 
 void payload_table_create()
 {
-  for (payload_row &row : rows) {
+  for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
+    payload_row &row = rows[sender];
     cons_lock lock(row.lock);
     if (row.table == nullptr) {
       row.table = vx_hash_create_i(ROW_BUCKETS);
@@ -192,19 +181,19 @@ bool paxos_data_hash_entry(payload_entry *entry, uint32_t id, uint8_t sender)
 
 bool payload_table_add_file(const payload_file &file)
 {
-  payload_row *row = row_of(file.entry.sender);
-  cons_lock lock(row->lock);
-  if (row->table == nullptr) {
+  payload_row &row = row_of(file.entry.sender);
+  cons_lock lock(row.lock);
+  if (row.table == nullptr) {
     return false;
   }
-  if (find(*row, file.entry.msg_id) != nullptr) {
+  if (find(row, file.entry.msg_id) != nullptr) {
     return true;
   }
-  auto *entry = new (std::nothrow) payload_entry(nullptr, file);
+  auto *entry = new (std::nothrow) payload_entry(file);
   if (entry == nullptr) {
     return false;
   }
-  if (vx_hash_set_entry_i(row->table, file.entry.msg_id, entry, release_from_table) != 0) {
+  if (vx_hash_set_entry_i(row.table, file.entry.msg_id, entry, release_from_table) != 0) {
     payload_entry_release(entry);
     return false;
   }
@@ -220,19 +209,16 @@ int paxos_data_has_entry(uint32_t id, uint8_t sender)
 
 bool payload_table_is_damaged(id_entry entry)
 {
-  payload_row *row = row_of(entry.sender);
-  if (row == nullptr) {
-    return false;
-  }
-  cons_lock lock(row->lock);
-  payload_entry *present = find(*row, entry.msg_id);
+  payload_row &row = row_of(entry.sender);
+  cons_lock lock(row.lock);
+  payload_entry *present = find(row, entry.msg_id);
   return present != nullptr && is_damaged(*present);
 }
 
 uint32_t payload_table_find_state(uint8_t sender, uint32_t number)
 {
   uint32_t msg_id = 0;
-  visit_row(rows[sender - 1], [&](const payload_entry &entry) {
+  visit_row(row_of(sender), [&](const payload_entry &entry) {
     if (entry.is_state && entry.state_number == number) {
       msg_id = entry.id;
     }
@@ -243,70 +229,60 @@ uint32_t payload_table_find_state(uint8_t sender, uint32_t number)
 
 bool payload_table_knows(id_entry entry)
 {
-  payload_row *row = row_of(entry.sender);
-  if (row == nullptr) {
-    return false;
-  }
-  cons_lock lock(row->lock);
-  return find(*row, entry.msg_id) != nullptr;
+  payload_row &row = row_of(entry.sender);
+  cons_lock lock(row.lock);
+  return find(row, entry.msg_id) != nullptr;
 }
 
 payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender)
 {
-  payload_row *row = row_of(sender);
-  if (row == nullptr) {
-    return nullptr;
-  }
+  payload_row &row = row_of(sender);
   payload_entry *entry = nullptr;
   {
-    cons_lock lock(row->lock);
-    entry = find(*row, id);
+    cons_lock lock(row.lock);
+    entry = find(row, id);
     if (entry == nullptr) {
       return nullptr;
     }
     cons_lock entry_lock(entry->lock);
     ++entry->references;
-    if (entry->payload != nullptr) {
+  }
+  {
+    cons_lock entry_lock(entry->lock);
+    if (read_file(*entry, {.sender = sender, .msg_id = id})) {
       return entry;
     }
   }
-  bool is_here = false;
-  {
-    cons_lock entry_lock(entry->lock);
-    is_here = read_file(*entry, {.sender = sender, .msg_id = id});
-  }
-  if (!is_here) {
-    payload_entry_release(entry);
-    return nullptr;
-  }
-  return entry;
+  payload_entry_release(entry);
+  return nullptr;
 }
 
 void paxos_data_unhash_entry(uint32_t id, uint8_t sender)
 {
-  payload_row *row = row_of(sender);
-  if (row == nullptr) {
-    return;
-  }
+  payload_row &row = row_of(sender);
   {
-    cons_lock lock(row->lock);
-    if (row->table != nullptr) {
-      vx_hash_delete_entry_i(row->table, id);
+    cons_lock lock(row.lock);
+    if (row.table != nullptr) {
+      vx_hash_delete_entry_i(row.table, id);
     }
   }
   payload_upkeep_collect();
 }
 
-void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept)
+void paxos_data_unhash_batch(const id_batch &batch, uint32_t first, const id_batch &kept)
 {
-  const id_batch *context = &kept;
-  id_batch_foreach(&batch, unhash_unless_kept, &context);
+  for (uint32_t i = first; i < id_batch_count(batch); ++i) {
+    const id_entry entry = id_batch_entry(batch, i);
+    if (id_batch_find(&kept, entry.msg_id, entry.sender) < 0) {
+      paxos_data_unhash_entry(entry.msg_id, entry.sender);
+    }
+  }
 }
 
 void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_MAX> &done_ids, uint32_t number)
 {
   for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
-    visit_row(rows[sender - 1], [&](const payload_entry &entry) {
+    visit_row(rows[sender], [&](const payload_entry &entry) {
       const bool is_superseded =
           entry.is_state ? entry.state_number != 0 && entry.state_number <= number : entry.id <= done_ids[sender - 1];
       return is_superseded && id_batch_find(&kept, entry.id, sender) < 0;
@@ -318,7 +294,7 @@ void payload_table_sweep(const id_batch &kept, const std::array<uint32_t, NODES_
 void payload_table_forget_files()
 {
   for (uint8_t sender = 1; sender <= NODES_MAX; ++sender) {
-    visit_row(rows[sender - 1], [&](payload_entry &entry) {
+    visit_row(rows[sender], [&](payload_entry &entry) {
       cons_lock lock(entry.lock);
       const bool is_here = read_file(entry, {.sender = sender, .msg_id = entry.id});
       entry.file = payload_file_state::none;

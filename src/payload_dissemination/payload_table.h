@@ -19,7 +19,7 @@ enum class payload_file_state : uint8_t {
 };
 
 struct payload_entry {
-  payload_entry(payload_buf *owned, const payload_file &file);
+  explicit payload_entry(const payload_file &file);
   explicit payload_entry(payload_buf *owned);
 
   cons_mutex lock{lock_rank::payload_entry};
@@ -72,8 +72,8 @@ payload_entry *paxos_data_get_entry(uint32_t id, uint8_t sender);
 /// Takes the entry out of the table. Its users keep it alive.
 void paxos_data_unhash_entry(uint32_t id, uint8_t sender);
 
-/// The same for every entry of `batch` that `kept` does not name.
-void paxos_data_unhash_batch(const id_batch &batch, const id_batch &kept);
+/// The same for every entry of `batch` from index `first` on that `kept` does not name.
+void paxos_data_unhash_batch(const id_batch &batch, uint32_t first, const id_batch &kept);
 
 /// Takes out the superseded payloads, which no node will ask for any more. Of those that `kept` does not name, these
 /// are the ordinary ones at or below their sender's identifier in `done_ids`, and the snapshots with marks whose number

@@ -17,4 +17,11 @@ struct payload_upkeep_state {
 inline constinit payload_upkeep_state payload_upkeep;
 
 /// An entry left the table: wakes the payload-file-thread. Any thread, any lock but leaves.
-void payload_upkeep_collect();
+inline void payload_upkeep_collect()
+{
+  if (payload_upkeep.is_on) {
+    cons_lock lock(payload_upkeep.lock);
+    payload_upkeep.has_garbage = true;
+    payload_upkeep.cond.signal();
+  }
+}

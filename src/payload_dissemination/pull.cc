@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/monotonic_clock.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
 #include "payload_dissemination/payload_upkeep.h"
@@ -14,16 +16,6 @@ namespace
 
 constexpr int64_t CHECK_PERIOD_US = 1000000;
 constexpr int64_t SWEEP_PERIOD_US = 1000000;
-
-id_batch entries_from(const id_batch &batch, uint32_t first)
-{
-  id_batch rest;
-  for (uint32_t i = first; i < id_batch_count(batch); ++i) {
-    const id_entry entry = id_batch_entry(batch, i);
-    id_batch_add(&rest, entry.msg_id, entry.sender);
-  }
-  return rest;
-}
 
 // Whether the record fetches what was queued before and is needed again.
 bool is_repairing() CONS_REQUIRES(paxos_data.pull.lock)
@@ -43,15 +35,15 @@ void queue_next() CONS_REQUIRES(paxos_data.pull.lock)
 
 // Each MISSING wakes this thread. Without a second between two requests, requests and MISSINGs would follow each other
 // at network speed. A node that answered MISSING but did not say which decision it knows may know none: tell it.
-void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
+void request(id_entry entry, const loss_judge::advice &advice) CONS_REQUIRES(paxos_data.pull.lock)
 {
   if (!pull_record_claim_for_log(paxos_data.pull, entry) || !pull_record_may_request(paxos_data.pull)) {
     return;
   }
-  if (advice.nodes_without_word != 0 && paxos_data.callbacks.uninformed != nullptr) {
+  if (advice.nodes_without_word != 0) {
     paxos_data.callbacks.uninformed(advice.nodes_without_word);
   }
-  paxos_data.losses.requested();  // before the first answer
+  paxos_data_losses->requested(monotonic_us());  // before the first answer
   pull_record_request(paxos_data.pull);
 }
 
@@ -59,7 +51,7 @@ void request(id_entry entry, const loss_watch::advice &advice) CONS_REQUIRES(pax
 bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
   const bool is_held = payload_table_knows(entry);
-  const loss_watch::advice advice = paxos_data.losses.look(entry, is_held);
+  const loss_judge::advice advice = paxos_data_losses->look(entry, is_held, monotonic_us());
   if (!advice.is_lost && advice.is_request_due) {
     request(entry, advice);
   }
@@ -70,16 +62,12 @@ bool fetch(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
   return advice.is_lost;
 }
 
-// `context` is an int64_t: the longest time until the next check.
-void paxos_data_pull_one(uint32_t id, uint8_t sender, void *context) CONS_REQUIRES(paxos_data.pull.lock)
+void paxos_data_pull_one(id_entry entry, int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
 {
-  const id_entry entry = {.sender = sender, .msg_id = id};
-  if (paxos_data_has_entry(id, sender) != 0) {
+  if (paxos_data_has_entry(entry.msg_id, entry.sender) != 0) {
     queue_next();
-    return;
-  }
-  if (fetch(entry, *static_cast<int64_t *>(context))) {
-    vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", id, sender);
+  } else if (fetch(entry, wait_us)) {
+    vx_log("CONS: PAXOS DATA: data lost - skipped (id=%u/%hhu)\n", entry.msg_id, entry.sender);
     queue_next();
   }
 }
@@ -100,12 +88,10 @@ void repair(int64_t &wait_us) CONS_REQUIRES(paxos_data.pull.lock)
     }
     if (paxos_data.repair_pos == 0) {
       paxos_data.settled_base = paxos_data_packed(entry);
-      if (paxos_data.callbacks.base_settled != nullptr) {
-        paxos_data.callbacks.base_settled();
-      }
+      paxos_data.callbacks.base_settled();
     }
   }
-  if (paxos_data.pull.is_pulled && paxos_data.pull.entry.msg_id != 0) {
+  if (paxos_data.pull.is_pulled) {
     pull_record_reset(paxos_data.pull);
   }
   paxos_data.pull.is_awaited = false;
@@ -139,7 +125,7 @@ void adopt_batch(const id_batch &batch, id_entry last_delivered)
 {
   if (paxos_data.pull_pos == 0 || !has_prefix(batch, paxos_data.pull_batch, paxos_data.pull_pos)) {
     // The entries not queued yet never will be.
-    paxos_data_unhash_batch(entries_from(paxos_data.pull_batch, paxos_data.pull_pos), batch);
+    paxos_data_unhash_batch(paxos_data.pull_batch, paxos_data.pull_pos, batch);
     const bool is_queued = paxos_data.last_queued.msg_id != 0;
     const id_entry behind = is_queued ? paxos_data.last_queued : last_delivered;
     paxos_data.pull_pos = static_cast<uint32_t>(id_batch_find(&batch, behind.msg_id, behind.sender) + 1);
@@ -172,7 +158,7 @@ void paxos_data_pull(const id_batch &batch, id_entry last_delivered, uint32_t nu
     paxos_data.pull.changed_cond.broadcast();
     is_handled = paxos_data_note_handled();
   }
-  if (is_handled && paxos_data.callbacks.handled != nullptr) {
+  if (is_handled) {
     paxos_data.callbacks.handled();
   }
 }
@@ -183,8 +169,9 @@ void *paxos_data_pull_thread(void *)
   while (!paxos_data_stopped) {
     const uint32_t pos = paxos_data.pull_pos;
     int64_t wait_us = CHECK_PERIOD_US;
-    id_batch_call_at(&paxos_data.pull_batch, pos, paxos_data_pull_one, &wait_us);
-    if (payload_upkeep.is_on && pos == id_batch_count(paxos_data.pull_batch)) {
+    if (pos < id_batch_count(paxos_data.pull_batch)) {
+      paxos_data_pull_one(id_batch_entry(paxos_data.pull_batch, pos), wait_us);
+    } else if (payload_upkeep.is_on) {
       repair(wait_us);
     }
     sweep_if_due(wait_us);

@@ -25,6 +25,14 @@ constexpr const char *RB_REG_FILE = "/flashdisk/cons/rb_reg";
 constexpr size_t HEADER_SIZE = 12;
 constexpr size_t PATH_SIZE = 64;
 
+struct file_path {
+  char text[PATH_SIZE];
+  explicit file_path(uint32_t id, const char *suffix = "")
+  {
+    std::snprintf(text, sizeof text, "%s.%u%s", RB_REG_FILE, id, suffix);
+  }
+};
+
 // Reused by every save and never freed.
 struct staging_buffer {
   cons_mutex lock{lock_rank::register_store};
@@ -100,24 +108,23 @@ int write_file(const char *path, const uint8_t *bytes, size_t size)
 
 int store_load(uint32_t id, acceptor_state &state)
 {
-  char path[PATH_SIZE];
-  std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
-  const scoped_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  const file_path path(id);
+  const scoped_fd fd(open(path.text, O_RDONLY | O_CLOEXEC));
   if (!fd.is_open()) {
     if (errno == ENOENT) {
       return 0;
     }
-    vx_log_err("%s(): open(%s) failed", "store_load", path);
+    vx_log_err("%s(): open(%s) failed", "store_load", path.text);
     return -1;
   }
   struct stat status;
   if (fstat(fd.get(), &status) != 0) {
-    vx_log_err("%s(): fstat(%s) failed", "store_load", path);
+    vx_log_err("%s(): fstat(%s) failed", "store_load", path.text);
     return -1;
   }
   const auto size = static_cast<size_t>(status.st_size);
   if (size < HEADER_SIZE) {
-    vx_log("%s(): file %s truncated\n", "store_load", path);
+    vx_log("%s(): file %s truncated\n", "store_load", path.text);
     return -1;
   }
   auto *bytes = static_cast<uint8_t *>(std::malloc(size));
@@ -125,7 +132,7 @@ int store_load(uint32_t id, acceptor_state &state)
     vx_log_err("%s(): malloc() failed", "store_load");
     return -1;
   }
-  const int result = load_bytes(path, fd.get(), bytes, size, state);
+  const int result = load_bytes(path.text, fd.get(), bytes, size, state);
   std::free(bytes);
   return result;
 }
@@ -143,15 +150,13 @@ int store_save(uint32_t id, const acceptor_state &state)
   if (!state.value.empty()) {
     std::memcpy(staging.bytes + HEADER_SIZE, state.value.bytes().data(), state.value.length());
   }
-  char temporary[PATH_SIZE];
-  char path[PATH_SIZE];
-  std::snprintf(temporary, sizeof temporary, "%s.%u.tmp", RB_REG_FILE, id);
-  std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
-  if (write_file(temporary, staging.bytes, size) != 0) {
+  const file_path temporary(id, ".tmp");
+  const file_path path(id);
+  if (write_file(temporary.text, staging.bytes, size) != 0) {
     return -1;
   }
-  if (rename(temporary, path) != 0) {
-    vx_log("%s(): rename(%s, %s) failed\n", "store_save", temporary, path);
+  if (rename(temporary.text, path.text) != 0) {
+    vx_log("%s(): rename(%s, %s) failed\n", "store_save", temporary.text, path.text);
     return -1;
   }
   sync();
@@ -160,9 +165,7 @@ int store_save(uint32_t id, const acceptor_state &state)
 
 int store_delete(uint32_t id)
 {
-  char path[PATH_SIZE];
-  std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
-  if (unlink(path) != 0) {
+  if (unlink(file_path(id).text) != 0) {
     vx_log_err("%s(): unlink() failed", "store_delete");
   }
   return 0;
@@ -170,9 +173,7 @@ int store_delete(uint32_t id)
 
 bool store_delete_if_there(uint32_t id)
 {
-  char path[PATH_SIZE];
-  std::snprintf(path, sizeof path, "%s.%u", RB_REG_FILE, id);
-  if (unlink(path) != 0 && errno != ENOENT) {
+  if (unlink(file_path(id).text) != 0 && errno != ENOENT) {
     vx_log_err("%s(): unlink() failed", "store_delete_up_to");
     return false;
   }

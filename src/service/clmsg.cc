@@ -1,6 +1,5 @@
 #include "service/clmsg.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "common/cons_mutex.h"
@@ -52,24 +51,22 @@ void clmsg_register_hook(uint32_t index, vx_cons_clmsg_hook hook)
 
 void clmsg_bcast(uint32_t type, const uint8_t *data, uint32_t length)
 {
-  if (length > UINT32_MAX - CLMSG_HDR_SIZE - ENVELOPE_SIZE) {
+  if (length > UINT32_MAX - CLMSG_HDR_SIZE) {
     return;
   }
-  const auto size = static_cast<uint32_t>(CLMSG_HDR_SIZE + length);
-  auto *payload = static_cast<uint8_t *>(std::calloc(1, size));
-  if (payload == nullptr) {
+  uint8_t *message = cons_msg_new(nullptr, static_cast<uint32_t>(CLMSG_HDR_SIZE + length));
+  if (message == nullptr) {
     return;
   }
+  uint8_t *payload = cons_msg_payload(message);
   put_le32(payload, type);
   put_le32(payload + 4, length);
   if (data != nullptr && length > 0) {
     std::memcpy(payload + CLMSG_HDR_SIZE, data, length);
+  } else {
+    std::memset(payload + CLMSG_HDR_SIZE, 0, length);
   }
-  uint8_t *message = cons_msg_new(payload, size);
-  std::free(payload);
-  if (message != nullptr) {
-    cons_msg_send(message, CLMSG_CHANNEL, type, CONS_MCAST_ADDR, 0, 0);
-  }
+  cons_msg_send(message, CLMSG_CHANNEL, type, CONS_MCAST_ADDR, 0, 0);
 }
 
 void clmsg_recv(void *msg)

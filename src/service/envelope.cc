@@ -6,16 +6,6 @@
 #include "service/service_state.h"
 #include "vx_host.h"
 
-namespace
-{
-
-uint64_t get_cluster_id(const uint8_t *envelope)
-{
-  return uint64_t{get_le32(envelope + 4)} << 32 | get_le32(envelope);
-}
-
-}  // namespace
-
 uint8_t *cons_msg_new(const uint8_t *payload, uint32_t length)
 {
   if (length > UINT32_MAX - ENVELOPE_SIZE) {
@@ -26,9 +16,7 @@ uint8_t *cons_msg_new(const uint8_t *payload, uint32_t length)
     return nullptr;
   }
   uint8_t *envelope = static_cast<uint8_t *>(msg) + MSG_WORD_SIZE;
-  const uint64_t cluster_id = cons_service.cluster_id;
-  put_le32(envelope, static_cast<uint32_t>(cluster_id));
-  put_le32(envelope + 4, static_cast<uint32_t>(cluster_id >> 32));
+  put_le64(envelope, cons_service.cluster_id);
   put_le32(envelope + 8, vx_firmware_dova_build_nr);
   const uint32_t node_addr = cons_service.node_addr;
   std::memcpy(envelope + 12, &node_addr, sizeof node_addr);
@@ -47,7 +35,7 @@ void *cons_msg_send(uint8_t *envelope, uint32_t channel, uint32_t msg_key, uint3
 
 bool received_message::accepted() const
 {
-  return get_cluster_id(envelope_) == cons_service.cluster_id && get_le32(envelope_ + 8) == vx_firmware_dova_build_nr;
+  return get_le64(envelope_) == cons_service.cluster_id && get_le32(envelope_ + 8) == vx_firmware_dova_build_nr;
 }
 
 uint32_t received_message::sender_addr() const

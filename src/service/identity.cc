@@ -18,6 +18,11 @@ uint32_t node_id_of_addr(uint32_t node_addr)
   return ntohl(node_addr) & 0xff;
 }
 
+id_entry own_entry(uint32_t msg_id)
+{
+  return {.sender = static_cast<uint8_t>(cons_service.node_id), .msg_id = msg_id};
+}
+
 bool is_member(uint32_t node_id)
 {
   return node_id >= 1 && node_id <= cons_service.node_count;

@@ -60,23 +60,20 @@ TEST(id_batch, finds_the_first_entry_that_equals_sender_and_id)
 
 TEST(id_batch, walks_in_order_and_sees_what_the_callback_appends)
 {
-  struct walk {
-    id_batch batch;
-    wire::log seen;
-  } w = {batch_of({{1, 1}, {2, 2}}), {}};
-  const auto visit = [](uint32_t msg_id, uint8_t sender, void *context) {
-    auto *at = static_cast<walk *>(context);
-    at->seen.emplace_back(sender, msg_id);
+  id_batch batch = batch_of({{1, 1}, {2, 2}});
+  wire::log seen;
+  const auto visit = [&](uint32_t msg_id, uint8_t sender) {
+    seen.emplace_back(sender, msg_id);
     if (sender == 1) {
-      id_batch_add(&at->batch, 3, 3);
+      id_batch_add(&batch, 3, 3);
     }
   };
-  id_batch_foreach(&w.batch, visit, &w);
-  EXPECT_EQ(w.seen, (wire::log{{1, 1}, {2, 2}, {3, 3}}));
-  w.seen.clear();
-  id_batch_call_at(&w.batch, 3, visit, &w);  // the count: nothing
-  id_batch_call_at(&w.batch, 2, visit, &w);
-  EXPECT_EQ(w.seen, (wire::log{{3, 3}}));
+  id_batch_foreach(&batch, visit);
+  EXPECT_EQ(seen, (wire::log{{1, 1}, {2, 2}, {3, 3}}));
+  seen.clear();
+  id_batch_call_at(&batch, 3, visit);  // the count: nothing
+  id_batch_call_at(&batch, 2, visit);
+  EXPECT_EQ(seen, (wire::log{{3, 3}}));
 }
 
 // A received log with any of these would be read beyond its end, or index the tables of nodes out of range.

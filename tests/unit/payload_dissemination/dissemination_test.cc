@@ -6,6 +6,7 @@
 #include "layer_fixture.h"
 #include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_messages.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_table.h"
 
@@ -123,7 +124,7 @@ protected:
         for (const uint32_t from : {2u, 3u}) {
           fake::call_hook(5, from, wire::data_header(wire::MISSING, from, e));
           if (has_word) {
-            paxos_data_is_not_ahead(from);
+            paxos_data_losses->is_not_ahead(from);
           }
         }
       }
@@ -422,11 +423,11 @@ TEST_F(dissemination, skips_nothing_before_it_knows_that_its_log_is_the_last)
   pull(1, {A});
   EXPECT_TRUE(fake::wait_for([] { return uninformed == 0b110; }));
   ASSERT_TRUE(wait_sent(wire::REQ, 2));
-  paxos_data_message_begins();
+  paxos_data_losses->message_begins();
   answer_missing(A, true);
   ASSERT_TRUE(wait_sent(wire::REQ, 4));
   EXPECT_EQ(fake::logged("data lost"), 0u);
-  paxos_data_message_ends(false);
+  paxos_data_losses->message_ends();
   EXPECT_TRUE(fake::wait_logged("data lost"));
 }
 

@@ -6,6 +6,7 @@
 #include "layer_fixture.h"
 #include "payload_dissemination/cons_crypt.h"
 #include "payload_dissemination/data_state.h"
+#include "payload_dissemination/loss_watch.h"
 #include "payload_dissemination/paxos_data.h"
 #include "payload_dissemination/payload_files.h"
 #include "payload_dissemination/payload_table.h"
@@ -80,7 +81,7 @@ protected:
   static void save(entry e, const bytes &payload)
   {
     store(e, payload);
-    ASSERT_TRUE(paxos_data_make_durable({.sender = e.first, .msg_id = e.second}));
+    ASSERT_TRUE(payload_files_make_durable({.sender = e.first, .msg_id = e.second}));
   }
   static void pull(uint32_t number, const wire::log &entries, uint32_t done_id_of_2 = 0)
   {
@@ -168,7 +169,7 @@ TEST_F(durable_payload, keeps_in_memory_what_the_files_had_when_they_go)
   store(A, payload);
   store(B, payload);
   for (const entry &e : {A, B}) {
-    ASSERT_TRUE(paxos_data_make_durable({.sender = e.first, .msg_id = e.second}));
+    ASSERT_TRUE(payload_files_make_durable({.sender = e.first, .msg_id = e.second}));
   }
   restart();
   paxos_data_stop();
@@ -337,7 +338,7 @@ TEST_F(durable_payload, settles_the_base_of_the_log)
   EXPECT_FALSE(paxos_data_is_base_settled({.sender = S.first, .msg_id = S.second}));
   for (const uint32_t from : {2u, 3u}) {
     fake::call_hook(5, from, wire::data_header(wire::MISSING, from, S));
-    paxos_data_is_not_ahead(from);
+    paxos_data_losses->is_not_ahead(from);
   }
   EXPECT_TRUE(fake::wait_for([] { return paxos_data_is_base_settled({.sender = S.first, .msg_id = S.second}); }));
   EXPECT_EQ(fake::logged("data lost"), 0u);
