@@ -41,19 +41,29 @@ size_t payload_size(const payload &from)
   return size;
 }
 
+void put_payload_head(std::string &to, uint8_t origin, uint64_t life, uint32_t items)
+{
+  to += MAGIC;
+  put_le(to, origin);
+  put_le(to, life);
+  put_le(to, items);
+}
+
+void put_item_head(std::string &to, const item &one)
+{
+  put_le(to, static_cast<uint8_t>(one.kind));
+  put_le(to, one.sequence);
+  put_le(to, one.attempt);
+  put_le(to, static_cast<uint32_t>(one.bytes.size()));
+}
+
 std::string payload_encode(const payload &from)
 {
   std::string bytes;
   bytes.reserve(payload_size(from));
-  bytes += MAGIC;
-  put_le(bytes, from.origin);
-  put_le(bytes, from.life);
-  put_le(bytes, static_cast<uint32_t>(from.items.size()));
+  put_payload_head(bytes, from.origin, from.life, static_cast<uint32_t>(from.items.size()));
   for (const item &one : from.items) {
-    put_le(bytes, static_cast<uint8_t>(one.kind));
-    put_le(bytes, one.sequence);
-    put_le(bytes, one.attempt);
-    put_le(bytes, static_cast<uint32_t>(one.bytes.size()));
+    put_item_head(bytes, one);
     bytes += one.bytes;
   }
   return bytes;

@@ -55,6 +55,10 @@ struct payload {
 size_t payload_size(const payload &from);
 std::string payload_encode(const payload &from);
 
+/// Append what stands in front of the items, and in front of one item's bytes.
+void put_payload_head(std::string &to, uint8_t origin, uint64_t life, uint32_t items);
+void put_item_head(std::string &to, const item &one);
+
 /// Checks all of `bytes` before it hands out anything; the items point into `bytes`. On failure returns false and
 /// `fault` says what is wrong, and where. Such a payload must not be passed over: another build may understand it, and
 /// then the nodes would differ.
