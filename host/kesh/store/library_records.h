@@ -1,0 +1,25 @@
+/// The library's records of a node, read and changed while the library does not run.
+///
+///   DIRECTORY/paxos_decide    1258 bytes, little-endian: decision number u32, entries u32 (0 to 250), entries of 5
+///   bytes DIRECTORY/paxos_deliver   5 bytes: the last entry delivered here; zero: none
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "store/fit.h"
+
+namespace kesh
+{
+
+/// Nothing, with `error` set, if one of them is absent, damaged or of another size.
+std::optional<library_records> library_records_read(const std::string &directory, std::string &error);
+
+/// The first entry of the log, none if it is empty or cannot be read. For hooks: needs little stack.
+library_entry library_log_start(const std::string &directory);
+
+/// Lets the library begin with the state at the head of its log: paxos_deliver becomes zero, durably. Call it only
+/// while the library does not run. On failure returns false and sets `error`.
+bool forget_delivered(const std::string &directory, std::string &error);
+
+}  // namespace kesh

@@ -1,0 +1,30 @@
+/// A copy of the store as it is at one moment, and the check of a store or a copy. Neither disturbs the writer.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "store/store.h"
+
+namespace kesh
+{
+
+/// Writes a whole copy to `target`, while payloads are applied. It appears under its name when it is complete and on
+/// disk; an existing file is never overwritten. Gives up if the store is replaced by a state meanwhile. Throws a
+/// store_failure.
+void store_copy(store &from, const std::string &target);
+
+struct verify_result {
+  std::string fault;  ///< what is wrong, and where; empty: nothing
+  uint64_t n = 0;
+  uint64_t lines = 0;
+  uint64_t verified = 0;  ///< payloads whose hash was computed again from their items
+  uint64_t bare = 0;      ///< rows without items, whose hashes cannot be
+};
+
+/// Checks the database at `path`: SQLite's integrity_check, the chain, the numbers of rows and lines. Throws a
+/// store_failure only where it cannot be read at all. A daemon may have it open, in another process or this one; in
+/// this one pass its gate.
+verify_result store_verify(const std::string &path);
+
+}  // namespace kesh
