@@ -24,10 +24,7 @@ bool control_peer::refuse(int code, const std::string &error)
 
 bool control_peer::send(std::string_view bytes)
 {
-  {
-    const lock_scope scope(lock_);
-    answered_ = true;
-  }
+  answered_ = true;
   while (!bytes.empty()) {
     const ssize_t sent = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent < 0 && errno != EINTR) {
@@ -36,18 +33,6 @@ bool control_peer::send(std::string_view bytes)
     bytes.remove_prefix(static_cast<size_t>(sent > 0 ? sent : 0));
   }
   return !is_gone();
-}
-
-bool control_peer::has_answered() const
-{
-  const lock_scope scope(lock_);
-  return answered_;
-}
-
-bool control_peer::is_gone() const
-{
-  const lock_scope scope(lock_);
-  return gone_;
 }
 
 void control_peer::when_gone(std::function<void()> wake)
@@ -59,22 +44,11 @@ void control_peer::when_gone(std::function<void()> wake)
   }
 }
 
-void control_peer::keep_open()
-{
-  const lock_scope scope(lock_);
-  kept_open_ = true;
-}
-
-bool control_peer::is_kept_open() const
-{
-  const lock_scope scope(lock_);
-  return kept_open_;
-}
-
 void control_peer::set_gone()
 {
+  gone_ = true;
   const lock_scope scope(lock_);
-  if (!std::exchange(gone_, true) && wake_) {
+  if (wake_) {
     wake_();
   }
 }

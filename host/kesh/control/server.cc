@@ -57,9 +57,8 @@ bool watch(int epoll, int fd, uint64_t key, uint32_t events)
 
 control_server::control_server(control_settings configured, operation_table operations, item_taker &items)
     : configured_(std::move(configured)), items_(items), chunk_(READ_SIZE), last_id_(WAKE_EVENT),
-      operations_(std::move(operations), configured_.operations, [this] { wake(); })
+      bounds_(configured_.input), operations_(std::move(operations), configured_.operations, [this] { wake(); })
 {
-  budget_.limit = configured_.arriving_bytes_max;
 }
 
 control_server::~control_server()

@@ -30,7 +30,7 @@ struct control_settings {
   size_t requests_max = 2048;    ///< connections that have sent no request yet
   std::chrono::milliseconds request_timeout{10'000};
   size_t submissions_max = 4096;
-  size_t arriving_bytes_max = 256 << 20;  ///< of lines that have not arrived in full, see input_budget
+  input_bounds input;
   operation_limits operations;
 };
 
@@ -117,7 +117,7 @@ private:
   time_point accept_again_{};  // accepting pauses until then
   bool is_accepting_ = true;
   time_point warned_at_{};
-  input_budget budget_;
+  input_bounds bounds_;
   operation_runner operations_;
   std::vector<std::shared_ptr<control_peer>> kept_open_;
 };

@@ -96,7 +96,7 @@ void control_server::open_submission(connection &one, const json &request, std::
     return;
   }
   by_client_.emplace(one.client, &one);
-  one.submit = std::make_unique<submit_connection>(items_, one.client, wanted.window, budget_,
+  one.submit = std::make_unique<submit_connection>(items_, one.client, wanted.window, bounds_,
                                                    reply_accepted(configured_.submit_fields));
   one.submit->received(rest);
   pump(one);

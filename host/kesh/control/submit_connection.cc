@@ -40,14 +40,14 @@ submit_request submit_request_parse(const nlohmann::json &request)
 
 submit_connection::~submit_connection()
 {
-  budget_.used -= charged_;
+  bounds_.arriving -= charged_;
 }
 
 void submit_connection::charge()
 {
   const size_t held = input_.size() - start_;
-  const size_t charged = held - std::min(held, input_budget::UNCHARGED);
-  budget_.used = budget_.used - charged_ + charged;
+  const size_t charged = held - std::min(held, input_bounds::UNCHARGED);
+  bounds_.arriving = bounds_.arriving - charged_ + charged;
   charged_ = charged;
 }
 
@@ -72,13 +72,13 @@ bool submit_connection::next_line(std::string &line)
   const size_t end = input_.find('\n', searched_);
   searched_ = end == std::string::npos ? input_.size() : end;
   const size_t size = searched_ - start_;
-  if (size > SUBMIT_LINE_MAX) {
-    refuse_arriving("it has more than " + std::to_string(SUBMIT_LINE_MAX) + " bytes");
+  if (size > bounds_.line_max) {
+    refuse_arriving("it has more than " + std::to_string(bounds_.line_max) + " bytes");
     return next_line(line);
   }
   if (end == std::string::npos) {
-    if (charged_ > 0 && budget_.used > budget_.limit) {
-      refuse_arriving("too many bytes of lines arrive at once (limit " + std::to_string(budget_.limit) + ')');
+    if (charged_ > 0 && bounds_.arriving > bounds_.arriving_max) {
+      refuse_arriving("too many bytes of lines arrive at once (limit " + std::to_string(bounds_.arriving_max) + ')');
     }
     return false;
   }

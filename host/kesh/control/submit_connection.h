@@ -20,8 +20,6 @@
 namespace kesh
 {
 
-inline constexpr size_t SUBMIT_LINE_MAX = 64 << 20;
-
 /// {"window": lines open at once, "timeout_s": seconds from a line's arrival to its deadline}
 struct submit_request {
   size_t window = 64;
@@ -31,12 +29,13 @@ struct submit_request {
 /// Throws request_error.
 submit_request submit_request_parse(const nlohmann::json &request);
 
-/// What all connections together may hold of lines that have not arrived in full, beyond UNCHARGED each.
-struct input_budget {
+/// Bounds of what arrives. All connections share one.
+struct input_bounds {
   static constexpr size_t UNCHARGED = 64 << 10;
 
-  size_t limit = 0;
-  size_t used = 0;
+  size_t line_max = 64 << 20;
+  size_t arriving_max = 256 << 20;  ///< of lines in all that have not arrived in full, beyond UNCHARGED each
+  size_t arriving = 0;
 };
 
 /// One thread.
@@ -44,8 +43,8 @@ class submit_connection
 {
 public:
   /// `client` of `items`; the owner closes it. `reply` is the answer to the request.
-  submit_connection(item_taker &items, uint64_t client, size_t window, input_budget &budget, std::string reply)
-      : items_(items), client_(client), window_(window), budget_(budget), output_(std::move(reply))
+  submit_connection(item_taker &items, uint64_t client, size_t window, input_bounds &bounds, std::string reply)
+      : items_(items), client_(client), window_(window), bounds_(bounds), output_(std::move(reply))
   {
   }
   ~submit_connection();
@@ -79,7 +78,7 @@ private:
   item_taker &items_;
   const uint64_t client_;
   const size_t window_;
-  input_budget &budget_;
+  input_bounds &bounds_;
   std::string input_;
   size_t start_ = 0;     // of the next line
   size_t searched_ = 0;  // no newline between start_ and here

@@ -111,220 +111,97 @@ private:
   std::string said;
 };
 
-struct script {
-  const char *name;
-  std::vector<std::pair<const char *, const char *>> steps;
-};
-
-void run(const script &rows, const kesh::submit_limits &limits)
+/// Steps are separated by "; ".
+void run(const char *name, const std::string &steps, const kesh::submit_limits &limits)
 {
-  SCOPED_TRACE(rows.name);
+  SCOPED_TRACE(name);
   script_runner runner(limits);
-  for (const auto &[command, expected] : rows.steps) {
-    SCOPED_TRACE(command);
-    EXPECT_EQ(runner.run(command), expected);
+  for (size_t start = 0; start < steps.size();) {
+    const size_t end = std::min(steps.find("; ", start), steps.size());
+    const std::string step = steps.substr(start, end - start);
+    const size_t sign = step.find(" = ");
+    SCOPED_TRACE(step);
+    EXPECT_EQ(runner.run(step.substr(0, sign)), sign == std::string::npos ? "" : step.substr(sign + 3));
+    start = end + 2;
   }
 }
 
 TEST(outbox, decides_what_goes_out)
 {
   const kesh::submit_limits small{.payload_bytes = 1000, .payload_items = 5};
-  const script scripts[] = {
-      {"a client's newer items wait for its payload, another's do not",
-       {{"push A 2", ""},
-        {"take", "0: A1 A2"},
-        {"push A 1", ""},
-        {"take", "nothing"},
-        {"push B 1", ""},
-        {"take", "1: B1"},
-        {"push C 1", ""},
-        {"take", "nothing"},
-        {"applied A1", "A1 applied"},
-        {"take", "nothing"},
-        {"applied A2", "A2 applied"},
-        {"ok 0", ""},
-        {"take", "0: C1 A3"}}},
-      {"a client goes on once its items are applied, before the call returns",
-       {{"push A 1", ""}, {"take", "0: A1"}, {"push A 1", ""}, {"applied A1", "A1 applied"}, {"take", "1: A2"}}},
-      {"no third payload beside one older than the newest",
-       {{"push A 1", ""},
-        {"take", "0: A1"},
-        {"push B 1", ""},
-        {"take", "1: B1"},
-        {"ok 1", "B1 unknown"},
-        {"push C 1", ""},
-        {"take", "nothing"},
-        {"ok 0", "A1 unknown"},
-        {"take", "0: C1"}}},
-      {"after several clients the next payload waits for as many, or for the time",
-       {{"push A 1", ""},
-        {"push B 1", ""},
-        {"take", "0: A1 B1"},
-        {"ok 0", "A1 unknown, B1 unknown"},
-        {"push A 1", ""},
-        {"take", "wait 300"},
-        {"pass 100", ""},
-        {"take", "wait 200"},
-        {"push B 1", ""},
-        {"take", "0: A2 B2"},
-        {"ok 0", "A2 unknown, B2 unknown"},
-        {"push A 1", ""},
-        {"take", "wait 300"},
-        {"pass 300", ""},
-        {"take", "0: A3"},
-        {"ok 0", "A3 unknown"},
-        {"push A 1", ""},
-        {"take", "0: A4"}}},
-      {"a payload is filled by turns of clients, and the rest comes next",
-       {{"push A 9", ""},
-        {"push B 1", ""},
-        {"take", "0: A1 A2 A3 A4 A5"},
-        {"push C 1", ""},
-        {"take", "1: B1 C1"},
-        {"ok 0", "A1 unknown, A2 unknown, A3 unknown, A4 unknown, A5 unknown"},
-        {"ok 1", "B1 unknown, C1 unknown"},
-        {"push B 1", ""},
-        {"take", "0: A6 A7 A8 A9 B2"}}},
-      {"a large item goes alone, and none overtakes it for being small",
-       {{"push A 1", ""}, {"push B 1 5000", ""}, {"push C 1", ""}, {"take", "0: A1"}, {"take", "1: B1"}}},
-      {"both payloads fail: one payload repeats them, alone, before anything new",
-       {{"push A 2", ""},    {"take", "0: A1 A2"},
-        {"push B 1", ""},    {"take", "1: B1"},
-        {"push C 1", ""},    {"fail 1", ""},
-        {"take", "nothing"}, {"applied A1", "A1 applied"},
-        {"fail 0", ""},      {"take", "wait 20000"},
-        {"pass 20000", ""},  {"take", "0: A2/2 B1/2"},
-        {"take", "nothing"}, {"applied B1", "B1 applied"},
-        {"push B 1", ""},    {"take", "nothing"},
-        {"fail 0", ""},      {"pass 20000", ""},
-        {"take", "0: A2/3"}, {"applied A2", "A2 applied"},
-        {"ok 0", ""},        {"take", "0: C1 B2"}}},
-      {"one fails, the other does not: only the failed one is repeated",
-       {{"push A 1", ""},
-        {"take", "0: A1"},
-        {"push B 1", ""},
-        {"take", "1: B1"},
-        {"fail 0", ""},
-        {"applied B1", "B1 applied"},
-        {"ok 1", ""},
-        {"pass 20000", ""},
-        {"take", "0: A1/2"}}},
-      {"what failed is applied after all before its repeat",
-       {{"push A 1", ""},
-        {"take", "0: A1"},
-        {"push B 1", ""},
-        {"fail 0", ""},
-        {"applied A1", "A1 applied"},
-        {"take", "0: B1"},
-        {"ok 0", "B1 unknown"}}},
-      {"no repeat of an item whose time is up, and a result after it is dropped",
-       {{"push Z 1", ""},
-        {"push A 1", ""},
-        {"take", "0: Z1 A1"},
-        {"fail 0", ""},
-        {"pass 10000", "Z1 unknown"},
-        {"pass 10000", ""},
-        {"take", "0: A1/2"},
-        {"applied Z1", ""},
-        {"push Z 1", ""},
-        {"take", "nothing"},
-        {"pass 10000", "Z2 refused"},
-        {"applied A1", "A1 applied"}}},
-      {"a deadline under way; the client's next waits until the call returns",
-       {{"push Z 1", ""},
-        {"take", "0: Z1"},
-        {"pass 9999", ""},
-        {"push Z 1", ""},
-        {"pass 1", "Z1 unknown"},
-        {"take", "nothing"},
-        {"applied Z1", ""},
-        {"ok 0", ""},
-        {"take", "0: Z2"}}},
-      {"not active: items wait until their deadline, nothing goes out",
-       {{"push Z 1", ""},
-        {"push A 1", ""},
-        {"down", "nothing"},
-        {"pass 10000", "Z1 refused"},
-        {"down", "nothing"},
-        {"take", "0: A1"},
-        {"fail 0", ""},
-        {"pass 20000", ""},
-        {"down", "nothing"},
-        {"pass 970000", "A1 unknown"},
-        {"take", "nothing"},
-        {"push B 1", ""},
-        {"take", "0: B1"}}},
-      {"after a failure what waits of such a client is refused, and no other's",
-       {{"push S 1", ""},
-        {"push A 1", ""},
-        {"take", "0: S1 A1"},
-        {"push S 2", ""},
-        {"push A 1", ""},
-        {"pass 999999", ""},
-        {"pass 1", "S1 unknown, S2 refused, S3 refused, A1 unknown, A2 refused"},
-        {"push S 1", "0 taken, not submitted, a line before it was not"},
-        {"push A 1", ""},
-        {"ok 0", ""},
-        {"take", "wait 300"},
-        {"pass 300", ""},
-        {"take", "0: A3"}}},
-      {"a client leaves: what waits goes, what is under way has no result",
-       {{"push A 1", ""},
-        {"take", "0: A1"},
-        {"push A 1", ""},
-        {"push B 1", ""},
-        {"leave A", ""},
-        {"leave B", ""},
-        {"take", "nothing"},
-        {"fail 0", ""},
-        {"pass 20000", ""},
-        {"take", "0: A1/2"},
-        {"applied A1", ""},
-        {"ok 0", ""},
-        {"take", "nothing"}}},
-      {"stop: what waits ends at once, what failed too, what is under way with its call",
-       {{"push A 2", ""},
-        {"take", "0: A1 A2"},
-        {"push B 1", ""},
-        {"take", "1: B1"},
-        {"push C 1", ""},
-        {"fail 1", ""},
-        {"stop", "C1 refused, B1 unknown"},
-        {"push C 1", "0 taken, the daemon is stopping"},
-        {"take", "nothing"},
-        {"applied A1", "A1 applied"},
-        {"fail 0", "A2 unknown"},
-        {"take", "nothing"},
-        {"push D 1", "the daemon is stopping"}}},
+  // clang-format off
+  const char *const scripts[][2] = {
+    {"a client's newer items wait for its payload, another's do not",
+     "push A 2; take = 0: A1 A2; push A 1; take = nothing; push B 1; take = 1: B1; push C 1; take = nothing; "
+     "applied A1 = A1 applied; take = nothing; applied A2 = A2 applied; ok 0; take = 0: C1 A3"},
+    {"a client goes on once its items are applied, before the call returns",
+     "push A 1; take = 0: A1; push A 1; applied A1 = A1 applied; take = 1: A2"},
+    {"no third payload beside one older than the newest",
+     "push A 1; take = 0: A1; push B 1; take = 1: B1; ok 1 = B1 unknown; push C 1; take = nothing; "
+     "ok 0 = A1 unknown; take = 0: C1"},
+    {"after several clients the next payload waits for as many, or for the time",
+     "push A 1; push B 1; take = 0: A1 B1; ok 0 = A1 unknown, B1 unknown; push A 1; take = wait 300; "
+     "pass 100; take = wait 200; push B 1; take = 0: A2 B2; ok 0 = A2 unknown, B2 unknown; push A 1; "
+     "take = wait 300; pass 300; take = 0: A3; ok 0 = A3 unknown; push A 1; take = 0: A4"},
+    {"a payload is filled by turns of clients, and the rest comes next",
+     "push A 9; push B 1; take = 0: A1 A2 A3 A4 A5; push C 1; take = 1: B1 C1; "
+     "ok 0 = A1 unknown, A2 unknown, A3 unknown, A4 unknown, A5 unknown; ok 1 = B1 unknown, C1 unknown; "
+     "push B 1; take = 0: A6 A7 A8 A9 B2"},
+    {"a large item goes alone, and none overtakes it for being small",
+     "push A 1; push B 1 5000; push C 1; take = 0: A1; take = 1: B1"},
+    {"both payloads fail: one payload repeats them, alone, before anything new",
+     "push A 2; take = 0: A1 A2; push B 1; take = 1: B1; push C 1; fail 1; take = nothing; "
+     "applied A1 = A1 applied; fail 0; take = wait 20000; pass 20000; take = 0: A2/2 B1/2; take = nothing; "
+     "applied B1 = B1 applied; push B 1; take = nothing; fail 0; pass 20000; take = 0: A2/3; "
+     "applied A2 = A2 applied; ok 0; take = 0: C1 B2"},
+    {"one fails, the other does not: only the failed one is repeated",
+     "push A 1; take = 0: A1; push B 1; take = 1: B1; fail 0; applied B1 = B1 applied; ok 1; pass 20000; "
+     "take = 0: A1/2"},
+    {"what failed is applied after all before its repeat",
+     "push A 1; take = 0: A1; push B 1; fail 0; applied A1 = A1 applied; take = 0: B1; ok 0 = B1 unknown"},
+    {"no repeat of an item whose time is up, and a result after it is dropped",
+     "push Z 1; push A 1; take = 0: Z1 A1; fail 0; pass 10000 = Z1 unknown; pass 10000; take = 0: A1/2; "
+     "applied Z1; push Z 1; take = nothing; pass 10000 = Z2 refused; applied A1 = A1 applied"},
+    {"a deadline under way; the client's next waits until the call returns",
+     "push Z 1; take = 0: Z1; pass 9999; push Z 1; pass 1 = Z1 unknown; take = nothing; applied Z1; ok 0; "
+     "take = 0: Z2"},
+    {"not active: items wait until their deadline, nothing goes out",
+     "push Z 1; push A 1; down = nothing; pass 10000 = Z1 refused; down = nothing; take = 0: A1; fail 0; "
+     "pass 20000; down = nothing; pass 970000 = A1 unknown; take = nothing; push B 1; take = 0: B1"},
+    {"after a failure what waits of such a client is refused, and no other's",
+     "push S 1; push A 1; take = 0: S1 A1; push S 2; push A 1; pass 999999; "
+     "pass 1 = S1 unknown, S2 refused, S3 refused, A1 unknown, A2 refused; "
+     "push S 1 = 0 taken, not submitted, a line before it was not; push A 1; ok 0; take = wait 300; pass 300; "
+     "take = 0: A3"},
+    {"a client leaves: what waits goes, what is under way has no result",
+     "push A 1; take = 0: A1; push A 1; push B 1; leave A; leave B; take = nothing; fail 0; pass 20000; "
+     "take = 0: A1/2; applied A1; ok 0; take = nothing"},
+    {"stop: what waits ends at once, what failed too, what is under way with its call",
+     "push A 2; take = 0: A1 A2; push B 1; take = 1: B1; push C 1; fail 1; stop = C1 refused, B1 unknown; "
+     "push C 1 = 0 taken, the daemon is stopping; take = nothing; applied A1 = A1 applied; "
+     "fail 0 = A2 unknown; take = nothing; push D 1 = the daemon is stopping"},
   };
-  for (const script &one : scripts) {
-    run(one, small);
+  // clang-format on
+  for (const auto &[name, steps] : scripts) {
+    run(name, steps, small);
   }
 }
 
-// Each limit refuses, by its name and value, and gives back what left.
+// Each limit refuses, by its name and value, and gives back what left. A1's bytes are in memory until its call returns.
 TEST(outbox, keeps_its_limits)
 {
-  run({"items and clients",
-       {{"push A 3", "2 taken, too many lines of one client are open (limit 2)"},
-        {"push B 2", "1 taken, too many lines are open on this node (limit 3)"},
-        {"push C 1", "too many clients submit (limit 2)"},
-        {"leave A", ""},
-        {"push C 1", ""},
-        {"take", "0: B1 C1"},
-        {"applied B1", "B1 applied"},
-        {"push B 3", "2 taken, too many lines of one client are open (limit 2)"}}},
+  run("items and clients",
+      "push A 3 = 2 taken, too many lines of one client are open (limit 2); "
+      "push B 2 = 1 taken, too many lines are open on this node (limit 3); "
+      "push C 1 = too many clients submit (limit 2); leave A; push C 1; take = 0: B1 C1; "
+      "applied B1 = B1 applied; push B 3 = 2 taken, too many lines of one client are open (limit 2)",
       {.clients = 2, .items = 3, .client_items = 2});
-  run({"bytes",
-       {{"push A 3 40", "2 taken, too many bytes of one client are open (limit 100)"},
-        {"push B 2 40", "1 taken, too many bytes are open on this node (limit 150)"},
-        {"take", "0: A1 A2 B1"},
-        {"applied A1", "A1 applied"},
-        {"push A 1 40", "0 taken, too many bytes are open on this node (limit 150)"},  // A1's are still in memory
-        {"ok 0", "A2 unknown, B1 unknown"},
-        {"push A 3 40", "2 taken, too many bytes of one client are open (limit 100)"},
-        {"leave A", ""},
-        {"push B 2 40", ""}}},
+  run("bytes",
+      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100); "
+      "push B 2 40 = 1 taken, too many bytes are open on this node (limit 150); take = 0: A1 A2 B1; "
+      "applied A1 = A1 applied; push A 1 40 = 0 taken, too many bytes are open on this node (limit 150); "
+      "ok 0 = A2 unknown, B1 unknown; "
+      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100); leave A; push B 2 40",
       {.bytes = 150, .client_bytes = 100});
 }
 
