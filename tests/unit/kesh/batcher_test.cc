@@ -100,9 +100,9 @@ protected:
     EXPECT_NE(id, 0u) << refusal;
     return id;
   }
-  void push(uint64_t to, uint64_t number)
+  void push(uint64_t to, uint64_t number, size_t size = 4)
   {
-    kesh::new_item one{number, "text"};
+    kesh::new_item one{number, std::string(size, 'x')};
     EXPECT_EQ(lines.push(to, {&one, 1}).taken, 1u);
   }
   void apply(uint64_t sequence, uint64_t line)
@@ -154,12 +154,30 @@ TEST_F(batcher_test, keeps_deadlines_while_distribute_blocks)
   EXPECT_EQ(results.of(c, 1).fate, item_fate::not_submitted);
   EXPECT_EQ(results.of(a, 1).fate, item_fate::unknown);
   EXPECT_EQ(results.of(b, 1).fate, item_fate::unknown);
+  push(c, 2);  // sooner than anything that the clock waits for
+  EXPECT_EQ(results.of(c, 2).fate, item_fate::not_submitted);
   distribute.release(0, 0);
   distribute.release(1, -1);
   const uint64_t d = client();
   push(d, 1);
   EXPECT_EQ(distribute.call(2).at(0).second, 1u);  // new: b's item was not repeated
   distribute.release(2, 0);
+}
+
+// One call that returns makes room for two payloads.
+TEST_F(batcher_test, wakes_the_other_sender)
+{
+  const uint64_t a = client(), b = client(), c = client(), d = client();
+  push(a, 1);
+  distribute.call(0);
+  push(b, 1);
+  distribute.call(1);
+  distribute.release(1, 0);
+  results.of(b, 1);
+  push(c, 1, 1 << 20);
+  push(d, 1, 1 << 20);
+  distribute.release(0, 0);
+  distribute.call(3);
 }
 
 TEST_F(batcher_test, repeats_under_the_same_sequence_once_active_again)

@@ -470,6 +470,7 @@ TEST_F(control_test, stops_while_others_wait)
   state.await([&] { return stop_asked; });
   taker.answer(0, item_fate::not_submitted, "the daemon is stopping");
   server->stop();
+  taker.wait_for_clients(0);
   submitter.line();
   EXPECT_EQ(submitter.line(), "refused 1 the daemon is stopping");
   EXPECT_EQ(submitter.line(), "");
