@@ -92,7 +92,7 @@ void check_payload(state_row &one, const chain_hash &before, payload &decoded)
   }
   one.row.items = decoded.items.size();
   uint64_t lines = 0;
-  for (const item_result &result : state_row_results(one, decoded)) {
+  for (const item_outcome &result : state_row_results(one, decoded)) {
     lines += !result.is_repeat && result.line != 0 ? 1 : 0;
   }
   demand(lines == one.row.lines, "a row has another number of lines than its payload");
@@ -156,15 +156,15 @@ void state_decode(std::string bytes, store_state &to)
   demand(reader.left() == 0, "bytes follow its end");
 }
 
-std::vector<item_result> state_row_results(const state_row &of, const payload &decoded)
+std::vector<item_outcome> state_row_results(const state_row &of, const payload &decoded)
 {
-  std::vector<item_result> results;
+  std::vector<item_outcome> results;
   results.reserve(decoded.items.size());
   uint64_t line = of.row.first_line;
   size_t repeat = 0;
   for (size_t i = 0; i < decoded.items.size(); ++i) {
     const item &one = decoded.items[i];
-    item_result result{.sequence = one.sequence, .attempt = one.attempt, .line = 0, .is_repeat = false};
+    item_outcome result{.sequence = one.sequence, .attempt = one.attempt, .line = 0, .is_repeat = false};
     if (repeat < of.repeats.size() && of.repeats[repeat].first == i) {
       result.is_repeat = true;
       result.line = of.repeats[repeat++].second;

@@ -82,6 +82,6 @@ struct store_state {
 void state_decode(std::string bytes, store_state &to);
 
 /// What became of the items of a row: lines are numbered from first_line, repeats as the row says.
-std::vector<item_result> state_row_results(const state_row &of, const payload &decoded);
+std::vector<item_outcome> state_row_results(const state_row &of, const payload &decoded);
 
 }  // namespace kesh

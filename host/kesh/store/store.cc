@@ -54,12 +54,12 @@ applied store::apply(std::string_view bytes, const payload &decoded, const libra
 }
 
 /// What becomes of each item. The same on every node, since it depends on nothing but the order.
-std::vector<item_result> store::judge(const payload &decoded, uint64_t &lines) const
+std::vector<item_outcome> store::judge(const payload &decoded, uint64_t &lines) const
 {
-  std::vector<item_result> results;
+  std::vector<item_outcome> results;
   results.reserve(decoded.items.size());
   for (const item &one : decoded.items) {
-    item_result result{.sequence = one.sequence, .attempt = one.attempt, .line = 0, .is_repeat = false};
+    item_outcome result{.sequence = one.sequence, .attempt = one.attempt, .line = 0, .is_repeat = false};
     if (const auto line = window_.find(decoded.origin, decoded.life, one.sequence)) {
       result.is_repeat = true;
       result.line = *line;
@@ -86,7 +86,7 @@ applied store::add(std::string_view bytes, const payload &decoded, const library
   row.at = seconds_now();
   window_payload newest{.n = row.n, .life = row.life, .tags = {}};
   newest.tags.reserve(result.items.size());
-  for (const item_result &one : result.items) {
+  for (const item_outcome &one : result.items) {
     newest.tags.push_back({one.sequence, one.line});
   }
   newest.sort();

@@ -48,7 +48,7 @@ struct applied {
   uint64_t n = 0;
   bool is_redelivered = false;  ///< it was compared with row n, and nothing was written
   /// In the payload's order. Of a bare row that was delivered again: none, since they are not known here.
-  std::vector<item_result> items;
+  std::vector<item_outcome> items;
 };
 
 struct store_position {
@@ -151,7 +151,7 @@ private:
   void check_open() const PLATFORM_REQUIRES(lock_);
   void write_meta(const store_meta &meta) PLATFORM_REQUIRES(lock_);
   std::optional<chain_hash> hash_at(uint64_t n) PLATFORM_REQUIRES(lock_);
-  std::vector<item_result> judge(const payload &decoded, uint64_t &lines) const PLATFORM_REQUIRES(lock_);
+  std::vector<item_outcome> judge(const payload &decoded, uint64_t &lines) const PLATFORM_REQUIRES(lock_);
   applied compare(std::string_view bytes, const library_entry &after) PLATFORM_REQUIRES(lock_);
   applied add(std::string_view bytes, const payload &decoded, const library_entry &after) PLATFORM_REQUIRES(lock_);
   adoption_kind judge_state(const store_state &state) PLATFORM_REQUIRES(lock_);

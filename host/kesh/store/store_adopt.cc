@@ -27,7 +27,7 @@ void write_state(database &to, store_rows &rows, const store_state &state, uint6
       continue;
     }
     payload_decode(one.payload, decoded, fault);
-    const std::vector<item_result> results = state_row_results(one, decoded);
+    const std::vector<item_outcome> results = state_row_results(one, decoded);
     for (size_t i = 0; i < results.size(); ++i) {
       rows.add_item(row.n, i, decoded.items[i], results[i]);
     }

@@ -66,7 +66,7 @@ void store_rows::add(const payload_row &row)
       .run();
 }
 
-void store_rows::add_item(uint64_t n, uint64_t position, const item &one, const item_result &result)
+void store_rows::add_item(uint64_t n, uint64_t position, const item &one, const item_outcome &result)
 {
   query(add_item_, n, position, static_cast<uint8_t>(one.kind), one.sequence, one.attempt, result.line,
         result.is_repeat ? 1 : 0, one.bytes)
@@ -92,9 +92,9 @@ std::optional<uint64_t> store_rows::find_after(const library_entry &after)
   return one.next() ? std::optional(one.number(0)) : std::nullopt;
 }
 
-std::vector<item_result> store_rows::results(uint64_t n)
+std::vector<item_outcome> store_rows::results(uint64_t n)
 {
-  std::vector<item_result> result;
+  std::vector<item_outcome> result;
   query items(items_, n);
   while (items.next()) {
     const item_row row = read_item(items);
@@ -106,7 +106,7 @@ std::vector<item_result> store_rows::results(uint64_t n)
 window_payload store_rows::tags(uint64_t n, uint64_t life)
 {
   window_payload result{.n = n, .life = life, .tags = {}};
-  for (const item_result &one : results(n)) {
+  for (const item_outcome &one : results(n)) {
     result.tags.push_back({one.sequence, one.line});
   }
   result.sort();

@@ -28,13 +28,13 @@ struct payload_row {
 };
 
 /// What became of one item.
-struct item_result {
+struct item_outcome {
   uint64_t sequence = 0;
   uint32_t attempt = 0;
   uint64_t line = 0;  ///< its own, or that of the item it repeats; 0: a no-op
   bool is_repeat = false;
 
-  bool operator==(const item_result &) const = default;
+  bool operator==(const item_outcome &) const = default;
 };
 
 /// One item as it is kept.
@@ -51,13 +51,13 @@ public:
   explicit store_rows(database &in);
 
   void add(const payload_row &row);
-  void add_item(uint64_t n, uint64_t position, const item &one, const item_result &result);
+  void add_item(uint64_t n, uint64_t position, const item &one, const item_outcome &result);
   void set_after(uint64_t n, const library_entry &after);
 
   std::optional<payload_row> find(uint64_t n);
   /// The newest row that was applied with this entry before it. Reads the whole table where there is none.
   std::optional<uint64_t> find_after(const library_entry &after);
-  std::vector<item_result> results(uint64_t n);
+  std::vector<item_outcome> results(uint64_t n);
   window_payload tags(uint64_t n, uint64_t life);
 
   /// Removes rows and items up to n.

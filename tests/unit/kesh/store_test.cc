@@ -15,7 +15,7 @@ namespace
 
 using namespace store_testing;
 using kesh::adoption_kind;
-using kesh::item_result;
+using kesh::item_outcome;
 using std::chrono::steady_clock;
 
 class store_test : public store_fixture
@@ -45,7 +45,7 @@ TEST_F(store_test, applies_and_compares_what_is_delivered_again)
   lines->set_cursor(1);
   const auto again = apply(*lines, payloads[0]);
   EXPECT_TRUE(again.is_redelivered);
-  EXPECT_EQ(again.items, (std::vector<item_result>{{1, 1, 1, false}, {2, 1, 0, false}, {3, 1, 2, false}}));
+  EXPECT_EQ(again.items, (std::vector<item_outcome>{{1, 1, 1, false}, {2, 1, 0, false}, {3, 1, 2, false}}));
   EXPECT_THROW(state_of(*lines), kesh::store_failure) << "the store is ahead of the order";
   apply(*lines, payloads[1]);
   EXPECT_EQ(lines->position().n, 3u);
@@ -64,7 +64,7 @@ TEST_F(store_test, knows_repeats_of_the_last_two_payloads)
   auto lines = open("a");
   apply(*lines, bytes_of(2, {{1}, {2, 1, "no-op"}}));
   apply(*lines, bytes_of(3, {{1}}));  // another origin, the same sequence
-  const std::vector<item_result> expected = {{2, 2, 0, true}, {1, 3, 1, true}, {3, 1, 3, false}};
+  const std::vector<item_outcome> expected = {{2, 2, 0, true}, {1, 3, 1, true}, {3, 1, 3, false}};
   const auto again = apply(*lines, bytes_of(2, {{2, 2, "no-op"}, {1, 3}, {3}}));
   EXPECT_EQ(again.items, expected);
   EXPECT_EQ(lines->find_line(2, LIFE, 1), 1u);
@@ -72,7 +72,7 @@ TEST_F(store_test, knows_repeats_of_the_last_two_payloads)
 
   lines.reset();
   lines = open("a");  // the window is read back
-  EXPECT_EQ(apply(*lines, bytes_of(2, {{1, 4}})).items, (std::vector<item_result>{{1, 4, 1, true}}));
+  EXPECT_EQ(apply(*lines, bytes_of(2, {{1, 4}})).items, (std::vector<item_outcome>{{1, 4, 1, true}}));
   EXPECT_EQ(lines->position().lines, 3u);
   apply(*lines, bytes_of(2, {{4}}));
   apply(*lines, bytes_of(2, {{5}}));
@@ -98,7 +98,7 @@ TEST_F(store_test, keeps_the_window_of_removed_and_bare_rows)
   other.reset();
   other = open("b");
   for (auto *one : {&lines, &other}) {
-    EXPECT_EQ(apply(**one, bytes_of(3, {{8, 2}})).items, (std::vector<item_result>{{8, 2, 1, true}}));
+    EXPECT_EQ(apply(**one, bytes_of(3, {{8, 2}})).items, (std::vector<item_outcome>{{8, 2, 1, true}}));
     apply(**one, bytes_of(3, {{10}}));
     EXPECT_EQ((*one)->find_line(3, LIFE, 9), std::nullopt);
     one->reset();
