@@ -27,7 +27,7 @@ std::string_view vrrp_state_name(vrrp_state state)
 
 lead_answer is_eligible(const lead_facts &node)
 {
-  if (node.has_disk_lost) {
+  if (node.has_disk_gone_back) {
     return {false, "its disk has gone back to an earlier state"};
   }
   if (!node.is_complete) {

@@ -15,10 +15,10 @@ std::string_view vrrp_state_name(vrrp_state state);
 
 struct lead_facts {
   vrrp_state vrrp = vrrp_state::unknown;
-  bool is_started = false;     ///< the library runs
-  bool is_complete = false;    ///< no payload was skipped
-  bool is_barred = false;      ///< a quorum has another history
-  bool has_disk_lost = false;  ///< another node remembers more of this one than its disk
+  bool is_started = false;          ///< the library runs
+  bool is_complete = false;         ///< no payload was skipped
+  bool is_barred = false;           ///< a quorum has another history
+  bool has_disk_gone_back = false;  ///< another node remembers more of this one than its disk
 };
 
 struct lead_answer {
