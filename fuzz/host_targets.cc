@@ -1,9 +1,13 @@
 // What the host reads of the wire and its disk, with the codecs of the library behind it.
 
+#include <bit>
 #include <fstream>
 
 #include "bytes.h"
 #include "checksum.h"
+#include "cluster/agreement.h"
+#include "cluster/hello.h"
+#include "cluster/peers.h"
 #include "config_file.h"
 #include "fuzz_target.h"
 #include "journal.h"
@@ -134,4 +138,30 @@ void fuzz_kesh(std::span<const uint8_t> input)
   kesh::journal_line line;
   require(!kesh::line_record_decode(bytes, line) || kesh::line_record_encode(line) == bytes,
           "a line that is taken is one that is given");
+}
+
+// Input: hellos, one per line, as node 1 of 16 hears them.
+void fuzz_hello(std::span<const uint8_t> input)
+{
+  const std::string all(input.begin(), input.end());
+  kesh::peers heard({"c", "02:00:00:00:00:01", 1}, 1, 1);
+  kesh::agreement judge(16, [](const kesh::store_position &own, uint64_t) { return std::optional(own.hash); });
+  for (size_t pos = 0; pos < all.size();) {
+    const std::string_view line = std::string_view(all).substr(pos, all.find('\n', pos) - pos);
+    pos += line.size() + 1;
+    const auto said = kesh::hello_decode(line);
+    if (!said) {
+      continue;
+    }
+    const std::string again = kesh::hello_encode(*said);
+    require(again.size() <= kesh::HELLO_MAX, "a hello fits its datagram");
+    const auto second = kesh::hello_decode(again);
+    require(second && second->position == said->position && second->heard == said->heard, "a hello stays what it is");
+    if (heard.heard(*said, 0) == kesh::hello_kind::member) {
+      judge.own({1, true, said->position.n / 2, {}, std::nullopt});
+      judge.heard(said->node, said->position);
+      require(!judge.barred() || std::popcount(judge.barred()->nodes) > 8, "a quorum of witnesses bars, nothing less");
+    }
+    require(heard.lines(0).size() <= kesh::HELLO_NODES_MAX, "one line per node");
+  }
 }

@@ -28,7 +28,7 @@ extern "C" {
  * drops a received datagram for which that is not so.
  *
  * Addresses are IPv4 in network byte order: 127.1.0.n names node n, 224.0.0.81 all nodes, the sender included.
- * Channels in use: 3 to 6. */
+ * The library uses channels 3 to 6. */
 
 /* Returns an object with `size` bytes of data area, or null. The caller fills it and gives it to
  * vx_msg_enqueue, which takes it over in every case. */

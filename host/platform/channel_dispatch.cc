@@ -96,8 +96,10 @@ void channel_dispatch::run()
     // From here on the call is decided; it is made with no lock held.
     const hook_function hook = hook_;
     lock_.unlock();
-    counters_.received.fetch_add(1, std::memory_order_relaxed);
-    hook(one->object());
+    if (gate_.lets_in(*one, channel_)) {
+      counters_.received.fetch_add(1, std::memory_order_relaxed);
+      hook(one->object());
+    }
     one.reset();
     lock_.lock();
   }

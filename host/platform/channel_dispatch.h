@@ -5,6 +5,7 @@
 #include "counters.h"
 #include "guarded.h"
 #include "message.h"
+#include "message_filter.h"
 
 #include <cstdint>
 #include <thread>
@@ -17,7 +18,10 @@ class channel_dispatch
 public:
   using hook_function = void (*)(void *msg);
 
-  channel_dispatch(messaging_counters &counters, uint32_t channel) : counters_(counters), channel_(channel) {}
+  channel_dispatch(messaging_counters &counters, filter_gate &gate, uint32_t channel)
+      : counters_(counters), gate_(gate), channel_(channel)
+  {
+  }
 
   void start();
   /// Waits for a hook that is running, ends the thread and releases the queue. Not to be called from a hook.
@@ -35,6 +39,7 @@ private:
   bool keep(message_list &from, message_list &to) PLATFORM_REQUIRES(lock_);
 
   messaging_counters &counters_;
+  filter_gate &gate_;
   const uint32_t channel_;
   std::thread thread_;  // start and stop only
 

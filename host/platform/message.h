@@ -14,7 +14,7 @@ namespace platform
 ///   offset  width  content
 ///   0       2      magic, 'V' 'X'
 ///   2       1      1 = bulk, 0 = anything else
-///   3       1      channel, 3 to 6
+///   3       1      channel, 3 to 7
 ///   4       16     envelope: cluster id, build number, sender address
 ///   20      4      envelope: payload length n, little-endian
 ///   24      n      payload
@@ -23,8 +23,9 @@ inline constexpr size_t ENVELOPE_SIZE = 20;
 /// Largest UDP payload over IPv4.
 inline constexpr size_t DATAGRAM_MAX = 65507;
 
+/// Channels 3 to 6 are the library's, 7 is the host's own.
 inline constexpr uint32_t CHANNEL_FIRST = 3;
-inline constexpr uint32_t CHANNEL_COUNT = 4;
+inline constexpr uint32_t CHANNEL_COUNT = 5;
 
 /// Pieces of payloads: channel 5, key 2. They come in thousands, so they are paced, and everything else overtakes them.
 constexpr bool is_bulk(uint32_t channel, uint32_t key)

@@ -34,7 +34,7 @@ void report_small_buffer(uint32_t wanted, size_t granted)
 messaging::messaging()
 {
   for (uint32_t i = 0; i < CHANNEL_COUNT; ++i) {
-    channels_[i] = std::make_unique<channel_dispatch>(counters_, CHANNEL_FIRST + i);
+    channels_[i] = std::make_unique<channel_dispatch>(counters_, gate_, CHANNEL_FIRST + i);
   }
 }
 
@@ -148,6 +148,9 @@ void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint3
     return handle;
   }
   if (is_bulk(channel, key)) {
+    if (!gate_.lets_out(*sent)) {
+      return handle;
+    }
     message lost = *sent;
     if (bulk_.submit(std::move(sent))) {
       return handle;

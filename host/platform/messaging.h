@@ -5,6 +5,7 @@
 #include "channel_dispatch.h"
 #include "counters.h"
 #include "guarded.h"
+#include "message_filter.h"
 #include "messaging_settings.h"
 #include "receiver.h"
 #include "repeat_queue.h"
@@ -41,6 +42,8 @@ public:
 
   messaging_statistics statistics();
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
+  /// As messaging_set_filter.
+  void set_filter(message_filter *filter) { gate_.set(filter); }
   /// As messaging_mark.
   void mark(const char *kind) PLATFORM_EXCLUDES(running_lock_);
 
@@ -49,7 +52,8 @@ private:
   const char *refusal(const message &one) PLATFORM_REQUIRES_SHARED(running_lock_);  // null: it can be sent
 
   messaging_counters counters_;
-  transmitter out_{counters_};
+  filter_gate gate_{counters_};
+  transmitter out_{counters_, gate_};
   repeat_queue repeats_{out_};
   bulk_sender bulk_{out_};
   receiver::channels channels_;

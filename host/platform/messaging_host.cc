@@ -30,6 +30,10 @@ messaging_statistics messaging_read_statistics()
 {
   return service().statistics();
 }
+void messaging_set_filter(message_filter *filter)
+{
+  service().set_filter(filter);
+}
 void messaging_block(uint32_t node_mask)
 {
   service().block(node_mask);
@@ -42,7 +46,8 @@ void messaging_mark(const char *kind)
 
 const char *drop_reason_name(drop_reason reason)
 {
-  const char *const names[] = {"foreign", "damaged", "no_hook", "blocked", "receive_overflow", "send_failed"};
+  const char *const names[] = {"foreign",          "damaged",     "no_hook",     "blocked",
+                               "receive_overflow", "send_failed", "filtered_in", "filtered_out"};
   return names[static_cast<size_t>(reason)];
 }
 

@@ -10,6 +10,8 @@
 namespace platform
 {
 
+class message_filter;
+
 /// Reads the configuration file into the store behind vx_cfg_*; vx_cfg_save writes back to it. On failure
 /// returns false, `error` says file, line, key and why, and the store is unchanged. A missing file is an error.
 bool config_load(const std::string &path, std::string &error);
@@ -34,7 +36,17 @@ enum class log_level { debug, info, warning, error };
 void log_line(log_level level, const std::string &text);
 
 /// Why a received datagram was not handed to a hook, or a message not sent.
-enum class drop_reason { foreign, damaged, no_hook, blocked, receive_overflow, send_failed, count };
+enum class drop_reason {
+  foreign,
+  damaged,
+  no_hook,
+  blocked,
+  receive_overflow,
+  send_failed,
+  filtered_in,
+  filtered_out,
+  count
+};
 const char *drop_reason_name(drop_reason reason);
 
 struct messaging_statistics {
@@ -49,6 +61,9 @@ bool messaging_start(std::string &error);
 /// Ends the threads and closes the sockets. The library must be cleaned up before.
 void messaging_stop();
 messaging_statistics messaging_read_statistics();
+/// From now on the filter decides what comes in and what goes out (message_filter.h); null: everything does. At any
+/// time, from any thread. What was judged before the return may still pass.
+void messaging_set_filter(message_filter *filter);
 /// Test aid: drops everything that comes from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
 /// Test aid: tells the broker that this process has reached the point `kind` and waits until the broker lets it go on.

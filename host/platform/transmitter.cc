@@ -37,6 +37,9 @@ bool transmitter::knows(uint32_t destination) const
 
 send_result transmitter::send(message &one)
 {
+  if (!gate_.lets_out(one)) {
+    return send_result::sent;
+  }
   return judge(one, transport_->send(one));
 }
 send_result transmitter::send_bulk(message &one)

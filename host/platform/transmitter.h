@@ -4,6 +4,7 @@
 #include "counters.h"
 #include "guarded.h"
 #include "message.h"
+#include "message_filter.h"
 #include "messaging_settings.h"
 #include "transport.h"
 
@@ -20,7 +21,7 @@ enum class send_result { sent, busy, failed };
 class transmitter
 {
 public:
-  explicit transmitter(messaging_counters &counters) : counters_(counters) {}
+  transmitter(messaging_counters &counters, filter_gate &gate) : counters_(counters), gate_(gate) {}
 
   /// `over` stays valid until close.
   void open(const messaging_settings &settings, transport &over);
@@ -28,7 +29,8 @@ public:
 
   /// True for the group and the names of nodes: the only destinations of what is sent.
   bool knows(uint32_t destination) const;
-  /// Sends one message now. busy: there is no room for it. failed: counted and reported.
+  /// Sends one message now, or drops it as sent if the filter refuses it. busy: there is no room for it. failed:
+  /// counted and reported.
   send_result send(message &one);
   /// Sends bulk messages from the front of the list and releases them; those that fail are counted and
   /// reported. busy: there is no more room for now, the rest stays in the list.
@@ -46,6 +48,7 @@ private:
   void forget_reports(const message &sent);
 
   messaging_counters &counters_;
+  filter_gate &gate_;
   // Only open and close write these, while nobody sends: the sending threads do not run then, and messaging refuses all
   // other callers.
   messaging_settings settings_;

@@ -107,7 +107,7 @@ delivery_filter read_filter(const fields &from)
   filter.to = from.node_or_any("to");
   filter.channel = static_cast<uint32_t>(from.number_or("channel", 0, CHANNELS_MAX, 0));
   if (filter.channel == 1 || filter.channel == 2) {
-    throw std::invalid_argument("\"channel\" is " + std::to_string(filter.channel) + ", not 0 or 3 to 6");
+    throw std::invalid_argument("\"channel\" is " + std::to_string(filter.channel) + ", not 0 or 3 to 7");
   }
   const std::string type = from.has("type") ? from.text("type") : "*";
   filter.type = type_of_name(type);

@@ -3,18 +3,18 @@
 /// A Unix stream socket (`--control PATH`), any number of connections at once. One JSON object per line in, one per
 /// line out, in the same order. An answer is {"ok":true,"t":T,...} or {"ok":false,"t":T,"error":"..."}; T is
 /// CLOCK_MONOTONIC in nanoseconds when the command took effect. A command that is refused changes nothing; unknown
-/// commands and unknown keys are refused. Nodes are 1 to 16, channels 3 to 6; 0 or an absent key means any. Times in
+/// commands and unknown keys are refused. Nodes are 1 to 16, channels 3 to 7; 0 or an absent key means any. Times in
 /// rules are milliseconds and may have fractions; probabilities are 0 to 1.
 ///
 /// {"do":"rules","rules":[{"from":n,"to":n,"channel":c,"type":T,"loss":p,"dup":p,"delay_ms":[min,max],"reorder":p},..]}
 ///     Replaces all rules; [] ends all faults of this kind (datagrams under way keep their delay). Per datagram and
 ///     receiver the first rule that matches is applied, no other. T: READ_REQ READ_ACK READ_NACK WRITE_REQ WRITE_ACK
-///     WRITE_NACK (channel 3), DECIDE DECIDE_UPDATE FORWARD (4), OFFER REQ DATA COMPLETE MISSING (5), CLMSG (6); on
-///     TAP ports also VRRP, ARP, IP (other IPv4), OTHER; "*" or absent: any, those included. DECIDE means all of them,
-///     DECIDE_UPDATE only those sent to one node. What a node sends to itself (its copy of a multicast, too) is matched
-///     only by rules that name the node as "from" and as "to". loss: dropped. dup: delivered twice. delay_ms: each
-///     delivered copy waits for a uniformly drawn time, so later ones may overtake it. reorder: held back until 1 to 4
-///     later ones on the same way (from, to) have passed, at most 200 ms.
+///     WRITE_NACK (channel 3), DECIDE DECIDE_UPDATE FORWARD (4), OFFER REQ DATA COMPLETE MISSING (5), CLMSG (6),
+///     HELLO (7); on TAP ports also VRRP, ARP, IP (other IPv4), OTHER; "*" or absent: any, those included. DECIDE means
+///     all of them, DECIDE_UPDATE only those sent to one node. What a node sends to itself (its copy of a multicast,
+///     too) is matched only by rules that name the node as "from" and as "to". loss: dropped. dup: delivered twice.
+///     delay_ms: each delivered copy waits for a uniformly drawn time, so later ones may overtake it. reorder: held
+///     back until 1 to 4 later ones on the same way (from, to) have passed, at most 200 ms.
 /// {"do":"cut","pairs":[[from,to],..]}
 ///     One-way cuts; replaces all. [] heals. Datagrams under way when a cut begins do not arrive either.
 /// {"do":"hold","id":k,"match":{"from","to","channel","type","number":x,"count":[lo,hi]},"max":n}

@@ -15,7 +15,7 @@ using bytes_view = std::span<const uint8_t>;
 constexpr std::array<std::string_view, static_cast<size_t>(message_type::count)> NAMES = {
     "OTHER",     "ARP",       "IP",         "VRRP",    "READ_REQ",      "READ_ACK", "READ_NACK",
     "WRITE_REQ", "WRITE_ACK", "WRITE_NACK", "DECIDE",  "DECIDE_UPDATE", "FORWARD",  "OFFER",
-    "REQ",       "DATA",      "COMPLETE",   "MISSING", "CLMSG"};
+    "REQ",       "DATA",      "COMPLETE",   "MISSING", "CLMSG",         "HELLO"};
 
 // Offsets in a datagram of the messaging service; the message of the library follows word and envelope.
 constexpr size_t CHANNEL_OFFSET = 3;
@@ -81,8 +81,11 @@ datagram_info read_message(bytes_view bytes, bool is_to_group)
   case 5:
     info.type = type_at(message_type::offer, bytes[PAYLOAD_OFFSET] | uint32_t{bytes[PAYLOAD_OFFSET + 1]} << 8, 5);
     break;
-  default:
+  case 6:
     info.type = message_type::clmsg;
+    break;
+  default:
+    info.type = message_type::hello;
   }
   return info;
 }

@@ -14,7 +14,7 @@ namespace fabric
 {
 
 inline constexpr uint32_t NODES_MAX = 16;
-inline constexpr uint32_t CHANNELS_MAX = 6;
+inline constexpr uint32_t CHANNELS_MAX = 7;
 
 enum class message_type : uint8_t {
   other,
@@ -36,6 +36,7 @@ enum class message_type : uint8_t {
   complete,
   missing,
   clmsg,
+  hello,
   count
 };
 /// Upper case with underscores, as rules and statistics name it.
@@ -53,7 +54,7 @@ struct decide_view {
 
 struct datagram_info {
   message_type type = message_type::other;
-  uint32_t channel = 0;            // 3 to 6; 0: no message of the cluster
+  uint32_t channel = 0;            // 3 to 7; 0: no message of the cluster
   std::optional<uint32_t> number;  // of the DECIDE, or register id on channel 3
   std::optional<uint32_t> count;   // length of the log in a DECIDE
 };

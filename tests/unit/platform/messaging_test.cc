@@ -126,7 +126,8 @@ TEST(messaging, control_overtakes_bulk_that_waits_for_a_hook)
 {
   record &got = recorder<1>::reset();
   messaging_counters counters;
-  channel_dispatch channel(counters, 5);
+  filter_gate gate(counters);
+  channel_dispatch channel(counters, gate, 5);
   channel.set_hook(recorder<1>::hook);
   message_list control;
   message_list bulk;
@@ -190,7 +191,7 @@ TEST(messaging, what_cannot_be_sent_is_refused_and_counted)
 {
   test_node node(1);
   EXPECT_EQ(node.enqueue(tagged(0, 65484), 4, 0, GROUP, 0, 0), nullptr) << "longer than a datagram";
-  EXPECT_EQ(node.enqueue(tagged(0), 2, 0, GROUP, 0, 0), nullptr) << "no such channel";
+  EXPECT_EQ(node.enqueue(tagged(0), 8, 0, GROUP, 0, 0), nullptr) << "no such channel";
   EXPECT_EQ(node.enqueue(tagged(0), 4, 0, node_name(17), 0, 0), nullptr) << "no such node";
   EXPECT_EQ(node.dropped(drop_reason::send_failed), 3u);
   messaging not_started;
@@ -202,16 +203,80 @@ TEST(messaging, a_blocked_node_is_not_heard)
   record &got = recorder<1>::reset();
   test_node one(1);
   test_node two(2);
-  one.register_hook(recorder<1>::hook, 6);
+  one.register_hook(recorder<1>::hook, 7);
   one.block(1u << 1);
-  two.enqueue(tagged(1), 6, 0, GROUP, 0, 0);
-  one.enqueue(tagged(2), 6, 0, GROUP, 0, 0);
+  two.enqueue(tagged(1), 7, 0, GROUP, 0, 0);
+  one.enqueue(tagged(2), 7, 0, GROUP, 0, 0);
   ASSERT_TRUE(got.await_tag(2));
   one.block(0);
-  two.enqueue(tagged(3), 6, 0, GROUP, 0, 0);
+  two.enqueue(tagged(3), 7, 0, GROUP, 0, 0);
   ASSERT_TRUE(got.await_tag(3));
   EXPECT_EQ(got.count_of(1), 0u);
   EXPECT_EQ(one.dropped(drop_reason::blocked), 1u);
+}
+
+namespace
+{
+
+/// Refuses channel 3 on the way in and key 4 of channel 5 on the way out.
+struct votes_and_missing final : message_filter {
+  bool lets_in(const message_view &one) noexcept override { return one.channel != 3; }
+  bool lets_out(const message_view &one) noexcept override
+  {
+    is_view_good = is_view_good && one.payload.size() == 4 && one.cluster_id == 0x1234567800000001 && one.build == 9;
+    return one.channel != 5 || one.key != 4;
+  }
+  std::atomic<bool> is_view_good{true};
+};
+
+bool await_dropped(test_node &node, drop_reason reason, uint64_t count)
+{
+  const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+  while (node.dropped(reason) < count && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  return node.dropped(reason) >= count;
+}
+
+message_ptr enveloped(uint32_t tag)
+{
+  message_ptr made = tagged(tag);
+  const uint8_t identity[] = {1, 0, 0, 0, 0x78, 0x56, 0x34, 0x12, 9, 0, 0, 0};
+  memcpy(made->object() + WORD_SIZE, identity, sizeof identity);
+  return made;
+}
+
+}  // namespace
+
+// A vote that slips through, or one more MISSING of a message queued before, makes a node without a past count.
+TEST(messaging, a_filter_refuses_at_any_time_and_what_is_repeated_too)
+{
+  record &votes = recorder<1>::reset();
+  record &pieces = recorder<2>::reset();
+  votes_and_missing filter;
+  test_node node(1);
+  node.register_hook(recorder<1>::hook, 3);
+  node.register_hook(recorder<2>::hook, 5);
+  void *repeated = node.enqueue(enveloped(1), 5, 4, GROUP, -1, 1);
+  ASSERT_TRUE(pieces.await_tag(1, 2));
+  for (uint32_t round = 0; round < 50; ++round) {
+    node.set_filter(&filter);
+    EXPECT_NE(node.enqueue(enveloped(2), 5, 4, GROUP, 0, 0), nullptr) << "refused is not failed";
+    node.enqueue(enveloped(3), 3, 0, GROUP, 0, 0);
+    node.enqueue(enveloped(100 + round), 5, 3, GROUP, 0, 0);
+    ASSERT_TRUE(pieces.await_tag(100 + round));
+    const uint64_t refused = node.dropped(drop_reason::filtered_out);
+    const size_t came = pieces.count_of(1);
+    ASSERT_TRUE(await_dropped(node, drop_reason::filtered_out, refused + 2));
+    EXPECT_LE(pieces.count_of(1), came + 1) << "one may have been under way";
+    ASSERT_TRUE(await_dropped(node, drop_reason::filtered_in, round + 1));
+    node.set_filter(nullptr);
+    node.enqueue(enveloped(1000 + round), 3, 0, GROUP, 0, 0);
+    ASSERT_TRUE(votes.await_tag(1000 + round) && pieces.await_tag(1, came + 3));
+  }
+  node.dequeue(repeated, 0, 0);
+  EXPECT_EQ(votes.count_of(3) + pieces.count_of(2), 0u);
+  EXPECT_TRUE(filter.is_view_good);
 }
 
 TEST(messaging, two_processes_cannot_be_one_node_and_a_stopped_one_can_start_again)

@@ -1,0 +1,93 @@
+/// What a node tells all others once a second on channel 7, whether or not its library runs: the messages of the
+/// library are dropped in just those cases that people must hear of.
+///
+/// One JSON object, at most 1400 bytes. Fields that a node does not know are ignored, and none of these is ever left
+/// out, so that builds can differ:
+///
+///   cluster, mac, generation   which cluster, and which life of it: text of at most 64 bytes, "02:00:00:00:00:01",
+///   number build, nodes, node         build number, count of nodes and number of this one, 1 to 16 session, number
+///   session: drawn at random by each daemon; number: of this hello in it, from 1 role                       "stopped",
+///   "follower", "leader" or "isolated" decision                   the last one in the file paxos_decide, which was
+///   flushed before top                        greatest number of a decision that this node had to do with store number
+///   of its store, another one each time it was replaced complete                   false: it skipped a payload, so its
+///   H is not that of the others, and need not be n, hash                    payloads applied, and H(n), 64 hexadecimal
+///   digits checkpoint_hash            H(n rounded down to a multiple of 256); null: not kept handled the library's log
+///   is delivered to its end reason                     why nothing is ordered here; empty: it is heard [[node, age in
+///   ms, greatest decision heard of it], ..]
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesh
+{
+
+using chain_hash = std::array<uint8_t, 32>;
+
+inline constexpr size_t HELLO_MAX = 1400;
+inline constexpr uint32_t HELLO_NODES_MAX = 16;
+inline constexpr size_t CLUSTER_NAME_MAX = 64;
+
+/// Nodes whose n differ compare their H here.
+constexpr uint64_t checkpoint_of(uint64_t n)
+{
+  return n - n % 256;
+}
+
+enum class node_role : uint8_t { stopped, follower, leader, isolated };
+const char *node_role_name(node_role role);
+
+struct cluster_identity {
+  std::string name;
+  std::string first_mac;  ///< of node 1, lower case
+  uint64_t generation = 0;
+
+  bool operator==(const cluster_identity &) const = default;
+};
+
+struct store_position {
+  uint64_t store = 0;
+  bool complete = false;
+  uint64_t n = 0;
+  chain_hash hash{};
+  std::optional<chain_hash> checkpoint_hash;
+
+  bool operator==(const store_position &) const = default;
+};
+
+struct heard_line {
+  uint32_t node = 0;
+  uint32_t age_ms = 0;
+  uint32_t decision = 0;
+
+  bool operator==(const heard_line &) const = default;
+};
+
+struct hello {
+  cluster_identity cluster;
+  uint32_t build = 0;
+  uint32_t node_count = 0;
+  uint32_t node = 0;
+  uint64_t session = 0;
+  uint64_t number = 0;
+  node_role role = node_role::stopped;
+  uint32_t decision = 0;
+  uint32_t top = 0;
+  store_position position;
+  bool handled = false;
+  std::string reason;
+  std::vector<heard_line> heard;
+
+  bool operator==(const hello &) const = default;
+};
+
+/// At most HELLO_MAX bytes if the cluster's name has at most CLUSTER_NAME_MAX; a long reason is cut.
+std::string hello_encode(hello from);
+/// Nothing if anything is missing, out of range or of a wrong kind.
+std::optional<hello> hello_decode(std::string_view bytes);
+
+}  // namespace kesh

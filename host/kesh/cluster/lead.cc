@@ -1,0 +1,59 @@
+#include "cluster/lead.h"
+
+#include <array>
+
+namespace kesh
+{
+
+namespace
+{
+constexpr std::array<std::string_view, 5> WORDS = {"unknown", "MASTER", "BACKUP", "FAULT", "STOP"};
+}
+
+std::optional<vrrp_state> vrrp_state_of(std::string_view word)
+{
+  for (size_t i = 1; i < WORDS.size(); ++i) {
+    if (word == WORDS[i]) {
+      return static_cast<vrrp_state>(i);
+    }
+  }
+  return std::nullopt;
+}
+
+std::string_view vrrp_state_name(vrrp_state state)
+{
+  return WORDS[static_cast<size_t>(state)];
+}
+
+lead_answer is_eligible(const lead_facts &node)
+{
+  if (node.has_disk_gone_back) {
+    return {false, "its disk has gone back to an earlier state"};
+  }
+  if (!node.is_complete) {
+    return {false, "it skipped a payload and waits for the next state"};
+  }
+  if (node.is_barred) {
+    return {false, "a quorum of the nodes has another history"};
+  }
+  return {true, {}};
+}
+
+lead_answer may_lead(const lead_facts &node)
+{
+  if (const lead_answer eligible = is_eligible(node); !eligible.yes) {
+    return eligible;
+  }
+  if (!node.is_started) {
+    return {false, "it is not started"};
+  }
+  if (node.vrrp == vrrp_state::unknown) {
+    return {false, "keepalived has said nothing yet"};
+  }
+  if (node.vrrp != vrrp_state::master) {
+    return {false, "keepalived does not say MASTER"};
+  }
+  return {true, {}};
+}
+
+}  // namespace kesh

@@ -1,0 +1,36 @@
+/// Who may lead. Pure: what the node knows of itself goes in, the answer and its reason come out.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace kesh
+{
+
+/// What keepalived said last.
+enum class vrrp_state { unknown, master, backup, fault, stop };
+/// Of the word that keepalived gives its scripts; nothing for any other.
+std::optional<vrrp_state> vrrp_state_of(std::string_view word);
+std::string_view vrrp_state_name(vrrp_state state);
+
+struct lead_facts {
+  vrrp_state vrrp = vrrp_state::unknown;
+  bool is_started = false;          ///< the library runs
+  bool is_complete = false;         ///< no payload was skipped
+  bool is_barred = false;           ///< a quorum has another history
+  bool has_disk_gone_back = false;  ///< another node remembers more of this one than its disk
+};
+
+struct lead_answer {
+  bool yes = false;
+  std::string_view reason;  ///< empty with yes
+
+  bool operator==(const lead_answer &) const = default;
+};
+
+/// Whether keepalived may choose this node. Does not ask whether there is a leader: it would never get one.
+lead_answer is_eligible(const lead_facts &node);
+/// Whether the node state file may say MASTER.
+lead_answer may_lead(const lead_facts &node);
+
+}  // namespace kesh
