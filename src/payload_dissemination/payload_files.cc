@@ -44,6 +44,10 @@ bool save(const payload_entry &entry, id_entry name)
     return false;
   }
   cons_lock lock(payload_files.name_lock);
+  if (!payload_table_knows(name)) {
+    payload_store_discard(name);  // it left the table meanwhile
+    return false;
+  }
   return payload_store_commit(name) == 0;
 }
 
@@ -52,7 +56,7 @@ bool add_file(const payload_file &file)
   if (file.is_foreign) {
     vx_log("CONS: PAXOS DATA: payload (id=%u/%hhu) on disk is of another cluster - removed\n", file.entry.msg_id,
            file.entry.sender);
-    payload_store_remove(file.entry);
+    payload_store_remove(file);
     return true;
   }
   if (file.is_state) {
@@ -69,11 +73,11 @@ bool remove_if_unnamed(const payload_file &file, bool is_logged)
 {
   cons_lock lock(payload_files.name_lock);
   if (!payload_table_knows(file.entry)) {
-    if (is_logged) {
+    if (is_logged && !file.is_temporary) {
       vx_log("CONS: PAXOS DATA: payload (id=%u/%hhu) on disk is superseded - removed\n", file.entry.msg_id,
              file.entry.sender);
     }
-    payload_store_remove(file.entry);
+    payload_store_remove(file);
   }
   return !paxos_data_stopped;
 }

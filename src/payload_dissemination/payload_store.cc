@@ -26,6 +26,7 @@ constexpr uint8_t MAGIC[8] = {'V', 'X', 'P', 'A', 'Y', 'L', 'D', '1'};
 constexpr uint32_t DIGEST_OFFSET = 32;
 constexpr uint32_t DIGEST_SIZE = 32;
 static_assert(DIGEST_OFFSET + DIGEST_SIZE == PAYLOAD_FILE_HEADER_SIZE);
+constexpr const char *TEMPORARY = ".tmp";
 constexpr size_t PATH_SIZE = 64;
 constexpr size_t IO_MAX = 1u << 30;  // one read or write moves less than 2 GiB
 
@@ -146,18 +147,23 @@ void read_header(payload_file &file)
   }
 }
 
-// Accepts "<sender>.<id>" only in the form that file_path writes.
-bool parse_name(const char *name, id_entry &entry)
+// Accepts "<sender>.<id>", and the same with ".tmp", only in the form that file_path writes.
+bool parse_name(const char *name, payload_file &file)
 {
   unsigned sender = 0;
   uint32_t id = 0;
-  char rest = '\0';
-  if (std::sscanf(name, "%3u.%10u%c", &sender, &id, &rest) != 2 || sender > NODES_MAX) {
+  if (std::sscanf(name, "%3u.%10u", &sender, &id) != 2 || sender > NODES_MAX) {
     return false;
   }
-  entry = {.sender = static_cast<uint8_t>(sender), .msg_id = id};
-  const file_path path(entry);
-  return id_entry_valid(entry) && std::strcmp(path.text + std::strlen(DIRECTORY) + 1, name) == 0;
+  file.entry = {.sender = static_cast<uint8_t>(sender), .msg_id = id};
+  const file_path path(file.entry);
+  const char *own_name = path.text + std::strlen(DIRECTORY) + 1;
+  const size_t length = std::strlen(own_name);
+  if (!id_entry_valid(file.entry) || std::strncmp(name, own_name, length) != 0) {
+    return false;
+  }
+  file.is_temporary = std::strcmp(name + length, TEMPORARY) == 0;
+  return file.is_temporary || name[length] == '\0';
 }
 
 void remove_name(const char *name)
@@ -187,7 +193,7 @@ int payload_store_open()
 
 int payload_store_write(id_entry entry, const payload_buf *payload, uint32_t state_number, uint64_t reserve)
 {
-  const file_path temporary(entry, ".tmp");
+  const file_path temporary(entry, TEMPORARY);
   const uint32_t length = payload_size(payload);
   uint8_t header[PAYLOAD_FILE_HEADER_SIZE];
   put_header(header, entry, payload_full_state(payload) != 0, length, state_number);
@@ -208,9 +214,14 @@ int payload_store_write(id_entry entry, const payload_buf *payload, uint32_t sta
   return 0;
 }
 
+void payload_store_discard(id_entry entry)
+{
+  unlink(file_path(entry, TEMPORARY).text);
+}
+
 int payload_store_commit(id_entry entry)
 {
-  const file_path temporary(entry, ".tmp");
+  const file_path temporary(entry, TEMPORARY);
   const file_path path(entry);
   if (rename(temporary.text, path.text) != 0) {
     vx_log_err("%s(): rename(%s, %s) failed", "payload_store_commit", temporary.text, path.text);
@@ -268,7 +279,8 @@ int payload_store_walk(bool is_start, const payload_file_cb &callback)
     if (is_dot(at->d_name)) {
       continue;
     }
-    if (!parse_name(at->d_name, file.entry)) {
+    const bool is_ours = parse_name(at->d_name, file);
+    if (!is_ours || (is_start && file.is_temporary)) {
       if (is_start) {
         vx_log("CONS: PAXOS DATA: %s/%s is no payload - removed\n", DIRECTORY, at->d_name);
         remove_name(at->d_name);
@@ -287,9 +299,9 @@ int payload_store_walk(bool is_start, const payload_file_cb &callback)
   return result;
 }
 
-void payload_store_remove(id_entry entry)
+void payload_store_remove(const payload_file &file)
 {
-  const file_path path(entry);
+  const file_path path(file.entry, file.is_temporary ? TEMPORARY : "");
   remove_name(path.text + std::strlen(DIRECTORY) + 1);
 }
 

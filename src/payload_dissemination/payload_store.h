@@ -30,8 +30,11 @@ int payload_store_open();
 
 /// Writes the temporary file. Fails if less than `reserve` bytes would stay free on the file system, so that payloads
 /// never take the room of the records. `state_number` is that of a snapshot with marks, else 0. Returns 0; on failure
-/// -1, with no temporary file left.
+/// -1, with no temporary file left, unless the disk lets none be removed.
 int payload_store_write(id_entry entry, const payload_buf *payload, uint32_t state_number, uint64_t reserve);
+
+/// Removes the temporary file, which is not needed any more.
+void payload_store_discard(id_entry entry);
 
 /// Renames the temporary file to the payload's name and makes that durable. Returns 0 or -1.
 int payload_store_commit(id_entry entry);
@@ -49,15 +52,16 @@ struct payload_file {
   uint32_t length = 0;      // of the payload
   bool is_sound = false;    // the header matches name, cluster and file size; the payload is unchecked
   bool is_foreign = false;  // of another cluster
+  bool is_temporary = false;
 };
 
-/// Calls back for each file that is named like a payload. With `is_start`, also reads its header, and removes other
-/// files, such as those of an unfinished save, with a line in the log each. Returns 0; -1 if the directory cannot be
-/// read or a callback returned false.
+/// Calls back for each file that is named like a payload, or like a temporary file of one. With `is_start`, also reads
+/// its header, and removes temporary and other files itself, with a line in the log each. Returns 0; -1 if the
+/// directory cannot be read or a callback returned false.
 using payload_file_cb = std::function<bool(const payload_file &file)>;
 int payload_store_walk(bool is_start, const payload_file_cb &callback);
 
-void payload_store_remove(id_entry entry);
+void payload_store_remove(const payload_file &file);
 
 /// Removes the directory and every file in it. Returns 0, also if it does not exist; -1 if something remains.
 int payload_store_remove_all();

@@ -180,6 +180,25 @@ bool store_delete_if_there(uint32_t id)
   return true;
 }
 
+void store_delete_temporaries()
+{
+  DIR *directory = opendir(STORE_DIRECTORY);
+  if (directory == nullptr) {
+    return;
+  }
+  while (const dirent *entry = readdir(directory)) {
+    uint32_t id = 0;
+    if (std::sscanf(entry->d_name, "rb_reg.%u", &id) != 1) {
+      continue;
+    }
+    const file_path temporary(id, ".tmp");
+    if (std::strcmp(temporary.text + std::strlen(STORE_DIRECTORY) + 1, entry->d_name) == 0) {
+      unlink(temporary.text);
+    }
+  }
+  closedir(directory);
+}
+
 int store_delete_up_to(uint32_t bound, std::span<const uint32_t> kept, bool (*is_known)(uint32_t id))
 {
   DIR *directory = opendir(STORE_DIRECTORY);

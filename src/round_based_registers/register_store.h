@@ -35,6 +35,9 @@ int store_delete(uint32_t id);
 /// Deletes the file if it exists. Returns false if it could not be deleted.
 bool store_delete_if_there(uint32_t id);
 
+/// Deletes the temporary files that a crash or a failed save left. While nothing is saved.
+void store_delete_temporaries();
+
 inline constexpr uint32_t STORE_ALL = 0xffffffff;
 
 /// Deletes every register file with an id up to the bound, except the ids in `kept`. Reads the directory. Returns 0 if

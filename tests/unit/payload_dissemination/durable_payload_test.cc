@@ -301,7 +301,9 @@ TEST_F(durable_payload, files_go_when_their_payload_is_superseded)
   for (const entry &e : {S, A, B, later, next}) {
     EXPECT_TRUE(files::exists(name_of(e)));
   }
+  files::write("payloads/2.77.tmp", {1});  // no disk that was read-only for a while keeps it for good
   pull(4, {next}, 11);
+  ASSERT_TRUE(fake::wait_for([] { return !files::exists("payloads/2.77.tmp"); }));
   ASSERT_TRUE(fake::wait_for(
       [&] { return !files::exists(name_of(S)) && !files::exists(name_of(A)) && !files::exists(name_of(B)); }));
   EXPECT_TRUE(files::exists(name_of(next)));
