@@ -17,16 +17,6 @@ constexpr std::array<const char *, 4> ROLES = {"stopped", "follower", "leader", 
 constexpr std::string_view DIGITS = "0123456789abcdef";
 constexpr size_t MAC_SIZE = 17;
 
-std::string hash_digits(const chain_hash &hash)
-{
-  std::string text;
-  for (const uint8_t byte : hash) {
-    text += DIGITS[byte >> 4];
-    text += DIGITS[byte & 0xf];
-  }
-  return text;
-}
-
 /// Bytes that are no UTF-8 become signs of replacement.
 std::string dump(const json &value)
 {
@@ -154,9 +144,9 @@ std::vector<heard_line> read_heard(const json &from)
   return lines;
 }
 
-store_position read_position(const field_reader &from)
+told_position read_position(const field_reader &from)
 {
-  store_position read;
+  told_position read;
   read.store = from.any<uint64_t>("store");
   read.complete = from.flag("complete");
   read.n = from.any<uint64_t>("n");
@@ -180,7 +170,7 @@ std::string hello_encode(hello from)
   for (const heard_line &one : from.heard) {
     heard.push_back({one.node, one.age_ms, one.decision});
   }
-  const store_position &position = from.position;
+  const told_position &position = from.position;
   json fields = {
       {"cluster", from.cluster.name},
       {"mac", from.cluster.first_mac},
@@ -196,8 +186,8 @@ std::string hello_encode(hello from)
       {"store", position.store},
       {"complete", position.complete},
       {"n", position.n},
-      {"hash", hash_digits(position.hash)},
-      {"checkpoint_hash", position.checkpoint_hash ? json(hash_digits(*position.checkpoint_hash)) : json(nullptr)},
+      {"hash", hash_text(position.hash)},
+      {"checkpoint_hash", position.checkpoint_hash ? json(hash_text(*position.checkpoint_hash)) : json(nullptr)},
       {"handled", from.handled},
       {"reason", ""},
       {"heard", heard}};

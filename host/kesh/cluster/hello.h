@@ -4,16 +4,24 @@
 /// One JSON object, at most 1400 bytes. Fields that a node does not know are ignored, and none of these is ever left
 /// out, so that builds can differ:
 ///
-///   cluster, mac, generation   which cluster, and which life of it: text of at most 64 bytes, "02:00:00:00:00:01",
-///   number build, nodes, node         build number, count of nodes and number of this one, 1 to 16 session, number
-///   session: drawn at random by each daemon; number: of this hello in it, from 1 role                       "stopped",
-///   "follower", "leader" or "isolated" decision                   the last one in the file paxos_decide, which was
-///   flushed before top                        greatest number of a decision that this node had to do with store number
-///   of its store, another one each time it was replaced complete                   false: it skipped a payload, so its
-///   H is not that of the others, and need not be n, hash                    payloads applied, and H(n), 64 hexadecimal
-///   digits checkpoint_hash            H(n rounded down to a multiple of 256); null: not kept handled the library's log
-///   is delivered to its end reason                     why nothing is ordered here; empty: it is heard [[node, age in
-///   ms, greatest decision heard of it], ..]
+///     cluster            which cluster: text of at most 64 bytes
+///     mac                of its node 1: "02:00:00:00:00:01"
+///     generation         which life of it
+///     build              build number
+///     nodes              count of nodes
+///     node               number of this one, 1 to 16
+///     session            drawn at random by each daemon
+///     number             of this hello in its session, from 1
+///     role               "stopped", "follower", "leader" or "isolated"
+///     decision           the last one in the file paxos_decide, which was flushed before
+///     top                greatest number of a decision that this node had to do with
+///     store              number of its store, another one each time it was replaced
+///     complete           false: it skipped a payload, so its H is not that of the others, and need not be
+///     n, hash            payloads applied, and H(n), 64 hexadecimal digits
+///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
+///     handled            the library's log is delivered to its end
+///     reason             why nothing is ordered here; empty: it is
+///     heard              [[node, age in ms, greatest decision heard of it], ..]
 #pragma once
 
 #include <array>
@@ -23,10 +31,10 @@
 #include <string_view>
 #include <vector>
 
+#include "items/chain_hash.h"
+
 namespace kesh
 {
-
-using chain_hash = std::array<uint8_t, 32>;
 
 inline constexpr size_t HELLO_MAX = 1400;
 inline constexpr uint32_t HELLO_NODES_MAX = 16;
@@ -49,14 +57,14 @@ struct cluster_identity {
   bool operator==(const cluster_identity &) const = default;
 };
 
-struct store_position {
+struct told_position {
   uint64_t store = 0;
   bool complete = false;
   uint64_t n = 0;
   chain_hash hash{};
   std::optional<chain_hash> checkpoint_hash;
 
-  bool operator==(const store_position &) const = default;
+  bool operator==(const told_position &) const = default;
 };
 
 struct heard_line {
@@ -77,7 +85,7 @@ struct hello {
   node_role role = node_role::stopped;
   uint32_t decision = 0;
   uint32_t top = 0;
-  store_position position;
+  told_position position;
   bool handled = false;
   std::string reason;
   std::vector<heard_line> heard;

@@ -31,7 +31,7 @@ struct own_facts {
   node_role role = node_role::stopped;
   uint32_t decision = 0;
   uint32_t top = 0;
-  store_position position;
+  told_position position;
   bool handled = false;
   std::string reason;
 };

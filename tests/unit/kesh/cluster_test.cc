@@ -35,7 +35,7 @@ chain_hash hash_of(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX)
   return hash;
 }
 
-store_position position_at(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX, uint64_t store = 1)
+told_position position_at(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX, uint64_t store = 1)
 {
   return {store, true, n, hash_of(n, name, fork), hash_of(checkpoint_of(n), name, fork)};
 }
@@ -175,7 +175,7 @@ struct step {
   uint32_t node;
   uint8_t name;
   uint64_t fork;
-  store_position where;
+  told_position where;
 };
 
 /// = agrees, x diverged.
@@ -223,7 +223,7 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     step own("1@0");
-    agreement judge(c.node_count, [&](const store_position &, uint64_t n) {
+    agreement judge(c.node_count, [&](const told_position &, uint64_t n) {
       return n >= 100 ? std::optional(hash_of(n, own.name, own.fork)) : std::nullopt;
     });
     std::istringstream words(c.steps);
@@ -375,7 +375,7 @@ struct played_node {
       now.position = position_at(n, name, 200);
       return now;
     };
-    const auto hash = [this](const store_position &, uint64_t at) { return std::optional(hash_of(at, name, 200)); };
+    const auto hash = [this](const told_position &, uint64_t at) { return std::optional(hash_of(at, name, 200)); };
     const auto send = [this](std::string_view bytes) {
       for (played_node *one : to) {
         one->service->receive(bytes);
