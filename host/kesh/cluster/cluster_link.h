@@ -6,29 +6,30 @@
 ///
 /// Threads: the hello thread gathers facts once a second, judges and decides. The work thread orders no-ops and has the
 /// library restarted. No lock is held while a function of link_functions runs, and none may call start() or stop().
-/// lock_ is held while the node state file is written, never while a disk is read or a function waits; filter and hook
-/// take no lock of this object.
+/// lock_ is held while the node state file is written, never while a disk is in use; standing_lock_ is held while
+/// the file of the standing is written. The filter takes no lock, the hook of channel 7 only that of the hello service.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "cluster/hello_service.h"
 #include "cluster/lead.h"
 #include "cluster/newcomer.h"
 #include "cluster/no_op_rule.h"
+#include "cluster/node_state_file.h"
 #include "cluster/own_records.h"
 #include "cluster/store_look.h"
 #include "cluster/vote_filter.h"
 #include "guarded.h"
+#include "platform.h"
 #include "settings.h"
 #include "store/store.h"
 
@@ -37,7 +38,7 @@ namespace kesh
 
 /// What the link asks of the daemon. None may be null, but for may_submit_changed.
 struct link_functions {
-  /// What the library does: stopped, isolated, or, if it runs, whether it leads. Hello thread; waits for nothing.
+  /// What the library does: stopped, isolated, or, if it runs, whether it leads. Any thread; waits for nothing.
   std::function<node_role()> role;
   /// Orders one no-op, as a payload of its own. Waits until its fate is known; true: it was applied here. Work thread.
   std::function<bool()> order_no_op;
@@ -48,7 +49,7 @@ struct link_functions {
   /// run or the daemon is stopping. Work thread.
   using stopped_work = std::function<bool(std::string &error)>;
   std::function<bool(const stopped_work &work, std::string &error)> restart_protocol;
-  /// may_submit() gives another answer. Hello thread, or the one that calls before_library_start().
+  /// may_submit() gives another answer. Hello thread, or the one that calls start() or before_library_start().
   std::function<void()> may_submit_changed;
 };
 
@@ -64,7 +65,7 @@ struct link_places {
 class cluster_link
 {
 public:
-  /// The store and what the functions use must live until stop() has returned.
+  /// The store and what the functions use must live until stop() has returned. Keeps nothing of the settings.
   cluster_link(const settings &configured, store &of, link_functions functions, link_places places = {});
   ~cluster_link();
   cluster_link(const cluster_link &) = delete;
@@ -92,7 +93,7 @@ public:
 
   /// Whether keepalived may choose this node.
   lead_answer eligible() PLATFORM_EXCLUDES(lock_);
-  /// Whether the library leads by the node state file, as this object writes it.
+  /// Whether the node state file says MASTER, as far as it depends on this object.
   lead_answer may_lead() PLATFORM_EXCLUDES(lock_);
   /// Whether vx_cons_distribute may be called. No: wait for may_submit_changed, or refuse.
   lead_answer may_submit() PLATFORM_EXCLUDES(lock_);
@@ -105,42 +106,70 @@ public:
   void receive(std::string_view bytes) noexcept;
 
 private:
+  /// For the log, once no lock is held.
+  using log_text = std::optional<std::pair<platform::log_level, std::string>>;
+  static void say(const log_text &line);
   static void receive_hook(void *msg);
   void send(std::string_view bytes) const;
+  hello_functions make_functions();
 
-  own_facts gather() PLATFORM_EXCLUDES(lock_);
+  // Hello thread.
+  own_facts gather() PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
+  void look_for_ids(const told_position &now, std::string &reason);
+  void note_vrrp_file() PLATFORM_EXCLUDES(lock_);
+  void note_hello(const hello &said) PLATFORM_EXCLUDES(lock_);
   void judged(const cluster_view &view) PLATFORM_EXCLUDES(lock_);
-  void advance_newcomer(const own_records &records, bool is_complete) PLATFORM_EXCLUDES(lock_);
-  bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_);
+  void advance_newcomer(const own_records &records, const message_ids &known) PLATFORM_EXCLUDES(lock_)
+      PLATFORM_EXCLUDES(standing_lock_);
+  std::string why_nothing_is_ordered(node_role role) PLATFORM_EXCLUDES(lock_);
+
+  // Work thread.
+  void work() PLATFORM_EXCLUDES(lock_);
+  void raise_msg_id(uint32_t to);
+  void order_no_ops(no_op_rule &rule) PLATFORM_EXCLUDES(lock_);
+  bool is_stopping() PLATFORM_EXCLUDES(lock_);
+
+  std::string standing_path() const { return places_.records + "/kesh.standing"; }
+  bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
+  bool write_standing(standing now, std::string &error) PLATFORM_REQUIRES(standing_lock_) PLATFORM_EXCLUDES(lock_);
   lead_facts facts_now() const PLATFORM_REQUIRES(lock_);
   /// Writes the node state file by what is known now.
-  void decide() PLATFORM_REQUIRES(lock_);
-  void write_state(bool is_master) PLATFORM_REQUIRES(lock_);
+  [[nodiscard]] log_text decide() PLATFORM_REQUIRES(lock_);
 
-  void work() PLATFORM_EXCLUDES(lock_);
-  bool raise_ids(uint32_t above, std::string &error) PLATFORM_EXCLUDES(lock_);
-
-  const settings &configured_;
   store &store_;
   const link_functions functions_;
   const link_places places_;
-  const bool is_configured_;
   const uint64_t cluster_id_;
+  const hello_settings hello_settings_;
+  const bool is_configured_;
+  const std::string identity_;  // of the cluster, in the file of the standing
   vote_filter filter_;
+  bool is_used_ = false;  // start and stop only, as worker_
+  std::thread worker_;
+
+  // Hello thread only.
+  records_reader records_;
   store_look look_;
-  hello_service hello_;
-  std::thread worker_;  // start and stop only
+  uint32_t told_decision_ = 0;
+  std::string vrrp_word_;  // what the file said last
+
+  platform::mutex standing_lock_;  // held while the standing is written; lock_ may be taken under it
 
   platform::mutex lock_;
-  platform::condition wake_worker_;
+  platform::condition wake_worker_;  // stopping, or an id is to be raised
   bool is_stopping_ PLATFORM_GUARDED_BY(lock_) = false;
   bool is_started_ PLATFORM_GUARDED_BY(lock_) = false;
+  uint64_t looks_ PLATFORM_GUARDED_BY(lock_) = 0;  // at the store: only the last one that began counts
   bool is_complete_ PLATFORM_GUARDED_BY(lock_) = false;
   bool is_barred_ PLATFORM_GUARDED_BY(lock_) = false;
   bool has_disk_gone_back_ PLATFORM_GUARDED_BY(lock_) = false;
   vrrp_state vrrp_ PLATFORM_GUARDED_BY(lock_) = vrrp_state::unknown;
   newcomer newcomer_ PLATFORM_GUARDED_BY(lock_);
-  std::string state_error_ PLATFORM_GUARDED_BY(lock_);  // of the last write of the node state file
+  std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);
+  std::optional<own_facts> facts_ PLATFORM_GUARDED_BY(lock_);  // told last
+  std::string written_ PLATFORM_GUARDED_BY(lock_);             // what was said of the node state file last
+
+  hello_service hello_;  // last, for its thread uses all of the above
 };
 
 }  // namespace kesh
