@@ -137,6 +137,7 @@ void cluster_link::start()
   if (!look_for_past(error)) {
     log_line(log_level::error, "cluster: " + error);
   }
+  tell_submission();
   {
     const lock_scope scope(lock_);
     is_stopping_ = false;
@@ -190,7 +191,9 @@ bool cluster_link::before_library_start(std::string &error)
       return false;
     }
   }
-  return look_for_past(error);
+  const bool is_settled = look_for_past(error);
+  tell_submission();
+  return is_settled;
 }
 
 void cluster_link::library_started()
@@ -332,7 +335,7 @@ cluster_link::log_text cluster_link::decide()
   }
   const lead_answer answer = kesh::may_lead(facts_now());
   std::string error;
-  log_level level = log_level::info;
+  log_level level = log_level::debug;
   std::string text = answer.yes ? "cluster: this node may lead" : "cluster: this node may not lead: " + answer.reason;
   if (!state_word_write(places_.node_state, answer.yes ? "MASTER" : "BACKUP", error)) {
     level = log_level::error;
@@ -341,6 +344,10 @@ cluster_link::log_text cluster_link::decide()
   if (written_ == text) {
     return std::nullopt;
   }
+  if (level == log_level::debug && answer.yes != was_master_) {
+    level = log_level::info;
+  }
+  was_master_ = answer.yes;
   written_ = text;
   return std::pair(level, std::move(text));
 }
@@ -355,6 +362,20 @@ bool cluster_link::write_standing(standing now, std::string &error)
   return true;
 }
 
+void cluster_link::tell_submission()
+{
+  {
+    const lock_scope scope(lock_);
+    const bool may_submit = newcomer_.why_no_submission().empty();
+    if (may_submit == std::exchange(told_may_submit_, may_submit)) {
+      return;
+    }
+  }
+  if (functions_.may_submit_changed) {
+    functions_.may_submit_changed();
+  }
+}
+
 bool cluster_link::look_for_past(std::string &error)
 {
   const lock_scope standing_scope(standing_lock_);
@@ -366,19 +387,14 @@ bool cluster_link::look_for_past(std::string &error)
   if (found == standing::is_new && kept != found && !write_standing(found, error)) {
     return false;
   }
-  standing before;
   {
     const lock_scope scope(lock_);
-    before = newcomer_.stands();
     newcomer_.begin(found);
     filter_.let_votes_pass(found != standing::is_new);
   }
   if (found == standing::is_new && kept != found) {
     log_line(log_level::warning, "cluster: this node has no past: it does not vote, lead or submit before it has heard "
                                  "all others and knows what they know");
-  }
-  if (found != before && functions_.may_submit_changed) {
-    functions_.may_submit_changed();
   }
   return true;
 }
@@ -420,6 +436,7 @@ own_facts cluster_link::gather()
   }
   if (in_store) {
     advance_newcomer(records, known);
+    tell_submission();
   }
   changed();
   {
@@ -492,16 +509,15 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
     log_line(log_level::error, "cluster: this node cannot join: " + error);
     return;
   }
+  bool is_new;
   {
     const lock_scope scope(lock_);
+    is_new = newcomer_.stands() == standing::is_new;
     newcomer_.begin(*next.becomes);
     filter_.let_votes_pass(true);
   }
-  if (*next.becomes == standing::joined) {
+  if (is_new) {
     log_line(log_level::info, "cluster: this node has joined: it votes and submits from now on");
-  }
-  if (functions_.may_submit_changed) {
-    functions_.may_submit_changed();
   }
 }
 

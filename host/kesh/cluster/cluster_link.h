@@ -130,6 +130,8 @@ private:
   bool is_stopping() PLATFORM_EXCLUDES(lock_);
 
   std::string standing_path() const { return places_.records + "/kesh.standing"; }
+  /// May call may_submit_changed.
+  void tell_submission() PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   bool write_standing(standing now, std::string &error) PLATFORM_REQUIRES(standing_lock_) PLATFORM_EXCLUDES(lock_);
   lead_facts facts_now() const PLATFORM_REQUIRES(lock_);
@@ -167,7 +169,9 @@ private:
   newcomer newcomer_ PLATFORM_GUARDED_BY(lock_);
   std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);
   std::optional<own_facts> facts_ PLATFORM_GUARDED_BY(lock_);  // told last
-  std::string written_ PLATFORM_GUARDED_BY(lock_);             // what was said of the node state file last
+  bool told_may_submit_ PLATFORM_GUARDED_BY(lock_) = false;
+  bool was_master_ PLATFORM_GUARDED_BY(lock_) = false;
+  std::string written_ PLATFORM_GUARDED_BY(lock_);  // what was said of the node state file last
 
   hello_service hello_;  // last, for its thread uses all of the above
 };

@@ -97,7 +97,7 @@ newcomer::step newcomer::advance(const own &now)
       next.msg_id = used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
       return next;
     }
-    next.becomes = standing::joined;
+    next.becomes = now.decision != 0 ? standing::member : standing::joined;
   } else if (stands_ == standing::joined) {
     const std::string missing = numbers_of([](const other &one) { return !one.is_heard || one.is_new; });
     if (now.decision != 0 || missing.empty()) {

@@ -42,12 +42,12 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
     const char *what;
     const char *hellos;
     newcomer::own own;
-    const char *step;  // j joins, a number: raise the id to it, - waits
+    const char *step;  // j joined, m member, a number: raise the id to it, - waits
   } cases[] = {
       {"one is silent", "2@740", at_740, "-"},
-      {"all are heard", "2@740 3@700", at_740, "j"},
+      {"all are heard", "2@740 3@700", at_740, "m"},
       {"one asked for more", "2@740 3@741", at_740, "-"},
-      {"what was asked for since does not count", "2@740 3@740 3@755", at_740, "j"},
+      {"what was asked for since does not count", "2@740 3@740 3@755", at_740, "m"},
       {"the first counts, though a later one is lower", "2@740 3@741 3@740", at_740, "-"},
       {"its log is not delivered", "2@740 3@740", {true, false, 740, 1, 0}, "-"},
       {"its library does not run", "2@740 3@740", {false, true, 740, 1, 0}, "-"},
@@ -58,9 +58,9 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
       {"one knew it before", "2@740i12 2@740? 3@740", at_740, "65548"},
       {"itself knows a higher one", "2@740i12 3@740", {true, true, 740, 1, 13}, "65549"},
       {"the last known id is not free", "2@740i12 3@740", {true, true, 740, 12, 0}, "65548"},
-      {"its ids were raised", "2@740i12 3@740", {true, true, 740, 65548, 0}, "j"},
+      {"its ids were raised", "2@740i12 3@740", {true, true, 740, 65548, 0}, "m"},
       {"there is no room above", "2@740i4294967290 3@740", at_740, "4294967295"},
-      {"its own number, and one above the count", "1@900 4@900 2@740 3@740", at_740, "j"},
+      {"its own number, and one above the count", "1@900 4@900 2@740 3@740", at_740, "m"},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
@@ -71,8 +71,8 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
       node.heard(hello_of(word));
     }
     const auto next = node.advance(c.own);
-    EXPECT_EQ(next.becomes ? "j" : next.msg_id ? std::to_string(*next.msg_id) : "-", c.step);
-    EXPECT_EQ(next.becomes, next.becomes ? std::optional(standing::joined) : std::nullopt);
+    const std::string becomes = next.becomes ? standing_name(*next.becomes) : "-";
+    EXPECT_EQ(next.msg_id ? std::to_string(*next.msg_id) : becomes.substr(0, 1), c.step);
     EXPECT_FALSE(node.why_no_submission().empty()) << "not before it is durable";
   }
 }
