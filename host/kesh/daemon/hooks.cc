@@ -141,7 +141,7 @@ void adopt_state()
     platform::log_line(platform::log_level::info, "store: brought to payload " + std::to_string(done.state_n) +
                                                       " by a state of the cluster");
   }
-  hooked->wake();
+  hooked->link->changed();
 }
 
 /// Nothing of a full state is visible before its last hook call.

@@ -83,6 +83,22 @@ void show_status(service &host, const json &, control_peer &peer)
   peer.accept({{"status", status_collect(host)}});
 }
 
+void health(service &host, const json &, control_peer &peer)
+{
+  const lead_answer eligible = host.link->eligible();
+  peer.accept({{"eligible", eligible.yes}, {"reason", eligible.reason}, {"active", vx_cons_cluster_active() != 0}});
+}
+
+void vrrp(service &host, const json &request, control_peer &peer)
+{
+  const auto state = vrrp_state_of(request.at("state").get<std::string>());
+  if (!state) {
+    throw request_error("state: MASTER, BACKUP, FAULT or STOP");
+  }
+  host.link->vrrp(*state);
+  peer.accept();
+}
+
 void say(service &host, const json &request, control_peer &peer)
 {
   const std::string text = request.at("text").get<std::string>();
@@ -241,6 +257,8 @@ operation_table daemon_operations(service &host)
     return operation{kind, [&host, run](const json &request, control_peer &peer) { run(host, request, peer); }};
   };
   return {{"status", bound(operation_class::question, show_status)},
+          {"health", bound(operation_class::question, health)},
+          {"vrrp", bound(operation_class::ending, vrrp)},
           {"stop", bound(operation_class::ending, stop_daemon)},
           {"leave", bound(operation_class::ending, leave)},
           {"start", bound(operation_class::command, start_protocol)},

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "daemon/hooks.h"
+#include "daemon/node_files.h"
 #include "daemon/store_start.h"
 #include "exit_codes.h"
 #include "platform.h"
@@ -55,8 +56,9 @@ int service::open_store(std::string &error)
     return EXIT_STORE;
   }
   upkeep_.start(lines, {.keep = configured.keep});
+  link = std::make_unique<cluster_link>(configured, lines, make_link_functions());
   batcher_hooks hooks{.distribute = [this](std::string_view payload) { return distribute(payload); },
-                      .is_active = is_active,
+                      .is_active = [this] { return is_active() && link->may_submit().yes; },
                       .find_line =
                           [this](uint64_t sequence) {
                             return lines.find_line(static_cast<uint8_t>(configured.node_id), life, sequence);
@@ -75,6 +77,57 @@ void service::close_store()
   }
   upkeep_.stop();
   lines.close();
+}
+
+link_functions service::make_link_functions()
+{
+  return {.role = [this] { return role(); },
+          .order_no_op = [this] { return order_no_op(); },
+          .stop_protocol =
+              [this](const std::string &reason) {
+                const lock_scope scope(verdict_lock_);
+                must_leave_ = reason;
+                wake();
+              },
+          .restart_protocol = [this](const link_functions::stopped_work &work,
+                                     std::string &error) { return restart(work, error) == EXIT_OK; },
+          .may_submit_changed = [this] { submissions->activity_changed(); }};
+}
+
+node_role service::role() const
+{
+  const node_role left = role_;
+  return left == node_role::follower && node_state_read() == "MASTER" ? node_role::leader : left;
+}
+
+bool service::order_no_op()
+{
+  std::string refusal;
+  const uint64_t client = waiting->open(std::chrono::seconds(10), refusal);
+  if (client == 0) {
+    return false;
+  }
+  const item_result given = waiting->submit(client, item_kind::no_op, {});
+  waiting->close(client);
+  return given.fate == item_fate::applied;
+}
+
+int service::restart(const link_functions::stopped_work &work, std::string &error)
+{
+  lock_scope scope(lifecycle_lock_);
+  note_isolation();
+  if (stopping_ || !was_active_) {
+    error = stopping_ ? "the daemon is stopping" : "the node is not active";
+    return EXIT_REFUSED;
+  }
+  stop_locked();
+  std::string start_error;
+  const bool is_done = work(error);
+  const int code = start_locked(start_error);
+  if (code != EXIT_OK) {
+    error = start_error;
+  }
+  return is_done ? code : EXIT_RUNTIME;
 }
 
 int service::distribute(std::string_view payload)
@@ -139,8 +192,11 @@ int service::start_locked(std::string &error)
   if (was_started_) {
     vx_cons_stop();  // it may have isolated itself a moment ago; no hook must run while the store is looked at
   }
+  if (!link->before_library_start(error)) {
+    return EXIT_REFUSED;
+  }
   std::string rejoins;
-  if (!store_make_fit(lines, rejoins, error)) {
+  if (!store_make_fit(lines, link->is_reformed(), rejoins, error)) {
     return EXIT_STORE;
   }
   if (!rejoins.empty()) {
@@ -152,10 +208,14 @@ int service::start_locked(std::string &error)
   const int result = vx_cons_start();
   events.note("start-return", result);
   if (result != 0) {
+    link->library_stopped();
     error = "the cluster protocol does not start: the log's last lines say why";
     return EXIT_RUNTIME;
   }
   was_active_ = true;
+  role_ = node_role::follower;
+  link->changed();
+  link->library_started();
   log_line(log_level::info, "node " + std::to_string(vx_cons_get_node_id()) + " of " +
                                 std::to_string(vx_cons_get_node_count()) + " is active");
   submissions->activity_changed();
@@ -165,6 +225,8 @@ int service::start_locked(std::string &error)
 void service::stop_locked()
 {
   was_active_ = false;
+  role_ = node_role::stopped;
+  link->library_stopped();
   events.note("stop-call");
   vx_cons_stop();
   events.note("stop-return", platform::messaging_read_statistics().queued);
@@ -188,6 +250,8 @@ int service::reinit(std::string &error)
   }
   const bool start_again = was_active_;
   was_active_ = was_started_ = false;
+  role_ = node_role::stopped;
+  link->library_stopped();
   close_library();
   if (!open_library()) {
     error = "the library does not come up again: the log's last lines say why";
@@ -208,16 +272,27 @@ void service::shut_down()
   submissions->join();
 }
 
-void service::watch_isolation()
+void service::watch()
 {
+  std::string reason;
+  {
+    const lock_scope scope(verdict_lock_);
+    reason.swap(must_leave_);
+  }
   lock_scope scope(lifecycle_lock_);
   note_isolation();
+  if (!reason.empty()) {
+    stop_locked();
+    log_line(log_level::error, "STOPPED: " + reason);
+  }
 }
 
 void service::note_isolation()
 {
   if (was_active_ && !is_active()) {
     was_active_ = false;
+    role_ = node_role::isolated;
+    link->library_stopped();
     events.note("isolated");
     submissions->activity_changed();
     log_line(log_level::error, "ISOLATED: this node left the cluster because of its disk (lines above say which "

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "cluster/cluster_link.h"
 #include "daemon/heard.h"
 #include "daemon/trace.h"
 #include "guarded.h"
@@ -59,8 +60,9 @@ public:
   int reinit(std::string &error) PLATFORM_EXCLUDES(lifecycle_lock_);
   /// Stops the protocol and ends every wait; nothing can be started after it.
   void shut_down() PLATFORM_EXCLUDES(lifecycle_lock_);
-  /// Checks whether the library left the cluster by itself, and logs it once.
-  void watch_isolation() PLATFORM_EXCLUDES(lifecycle_lock_);
+  /// For the main thread: whether the library left the cluster by itself, which is logged once, and whether this node
+  /// has to leave it.
+  void watch() PLATFORM_EXCLUDES(lifecycle_lock_) PLATFORM_EXCLUDES(verdict_lock_);
 
   bool stopping() const { return stopping_; }
 
@@ -79,13 +81,18 @@ public:
   state_counters states;
   heard messages;
   std::unique_ptr<batcher> submissions;       ///< from open_store on
-  std::unique_ptr<waiting_clients> waiting;  ///< clients of the daemon itself, as submissions
+  std::unique_ptr<waiting_clients> waiting;   ///< clients of the daemon itself, as submissions
+  std::unique_ptr<cluster_link> link;         ///< as submissions
 
 private:
   int start_locked(std::string &error) PLATFORM_REQUIRES(lifecycle_lock_);
   void stop_locked() PLATFORM_REQUIRES(lifecycle_lock_);
   void note_isolation() PLATFORM_REQUIRES(lifecycle_lock_);
   int distribute(std::string_view payload);
+  link_functions make_link_functions();
+  bool order_no_op();
+  int restart(const link_functions::stopped_work &work, std::string &error) PLATFORM_EXCLUDES(lifecycle_lock_);
+  node_role role() const;
 
   platform::unique_fd wake_fd_;
   store_upkeep upkeep_;
@@ -95,6 +102,9 @@ private:
   platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
   bool was_started_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
+  std::atomic<node_role> role_ = node_role::stopped;  // as left by the last start or stop; never leader
+  platform::mutex verdict_lock_;
+  std::string must_leave_ PLATFORM_GUARDED_BY(verdict_lock_);  // why; empty: it need not
 };
 
 }  // namespace kesh

@@ -57,11 +57,15 @@ bool store_bring_up(store &lines, const settings &configured, std::string &error
   return false;
 }
 
-bool store_make_fit(store &lines, std::string &rejoins, std::string &error)
+bool store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::string &error)
 {
   rejoins.clear();
   try {
     const library_records records = read_records();
+    if (is_reformed && records.log.empty()) {
+      lines.set_cursor(lines.position().n + 1);
+      return true;
+    }
     const fit_answer answer = store_fit(records, lines.facts(records.delivered));
     switch (answer.verdict) {
     case fit_verdict::fits:

@@ -16,7 +16,7 @@ bool store_bring_up(store &lines, const settings &configured, std::string &error
 
 /// To be called before each start of the library, while it does not run: what will be delivered next has to be what the
 /// store expects. If they do not fit, the store is marked incomplete and the library begins with its log's state.
-/// `rejoins` says why then, else it is empty. False, and `error` says why, if a file cannot be read or written.
-bool store_make_fit(store &lines, std::string &rejoins, std::string &error);
+/// `is_reformed`: an empty log begins a new generation of the cluster, and fits any store. `rejoins` says why then, else it is empty. False, and `error` says why, if a file cannot be read or written.
+bool store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::string &error);
 
 }  // namespace kesh
