@@ -1,13 +1,14 @@
-#include "client_commands.h"
+#include "client/client_commands.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <ctime>
 
-#include "control_client.h"
+#include "client/control_client.h"
+#include "client/line_stream.h"
+#include "cluster/lead.h"
+#include "cluster/node_state_file.h"
 #include "exit_codes.h"
-#include "file_record.h"
-#include "status.h"
 
 namespace kesh
 {
@@ -17,56 +18,15 @@ using nlohmann::json;
 namespace
 {
 
-bool write_out(std::string_view bytes)
-{
-  return fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
-}
+// What a script or a person waits for must not hang with the daemon.
+constexpr control_client::wait_time QUESTION_WAIT{10};
+constexpr control_client::wait_time CHECK_WAIT{3};
 
 int simple_command(const std::string &socket_path, const json &request)
 {
   control_client client;
   json reply;
   return client.request(socket_path, request, reply);
-}
-
-/// Hands each line to `print` until the daemon ends the stream or stdout is closed. `keep_up`: flushes each line.
-template <typename printer>
-int print_stream(const std::string &socket_path, const json &request, bool keep_up, printer print)
-{
-  control_client client;
-  json reply;
-  const int code = client.request(socket_path, request, reply);
-  if (code != EXIT_OK) {
-    return code;
-  }
-  std::string line;
-  while (client.read_line(line) == read_result::line) {
-    if (!print(line) || (keep_up && fflush(stdout) != 0)) {
-      return EXIT_RUNTIME;
-    }
-  }
-  return fflush(stdout) == 0 ? EXIT_OK : EXIT_RUNTIME;
-}
-
-bool print_record(const std::string &line, bool tags, file_record &record)
-{
-  if (line.starts_with("# ")) {
-    fprintf(stderr, "kesh: %s\n", line.c_str() + 2);
-    return true;
-  }
-  if (!file_record_parse(line, record)) {
-    fprintf(stderr, "kesh: a record arrived damaged\n");
-    return false;
-  }
-  if (!tags) {
-    record.text += '\n';
-    return write_out(record.text);
-  }
-  std::string row = std::to_string(record.number) + '\t' + hex_text(record.hash, 16) + '\t' + tag_text(record.tag) +
-                    '\t' + std::to_string(record.attempt) + '\t';
-  text_escape(row, record.text);
-  row += '\n';
-  return write_out(row);
 }
 
 /// "TIME_S NODE TEXT" becomes "2026-01-31 12:00:00 node 2: TEXT".
@@ -87,24 +47,55 @@ bool print_heard(const std::string &line)
 
 }  // namespace
 
-int status_command(const std::string &socket_path, bool as_json)
+int status_command(const std::string &socket_path, std::string (*to_text)(const json &status))
 {
   control_client client;
   json reply;
-  const int code = client.request(socket_path, {{"op", "status"}}, reply);
+  const int code = client.request(socket_path, {{"op", "status"}}, reply, QUESTION_WAIT);
   if (code != EXIT_OK) {
     return code;
   }
   const json &status = reply.at("status");
-  return write_out(as_json ? status.dump(2) + '\n' : status_text(status)) ? EXIT_OK : EXIT_RUNTIME;
+  return write_out(to_text == nullptr ? status.dump(2) + '\n' : to_text(status)) ? EXIT_OK : EXIT_RUNTIME;
 }
 
-int journal_command(const std::string &socket_path, const journal_options &options)
+int health_command(const std::string &socket_path, bool eligible, bool as_json)
 {
-  file_record record;
-  return print_stream(socket_path, {{"op", "journal"}, {"from", options.from}, {"follow", options.follow}},
-                      options.follow,
-                      [&](const std::string &line) { return print_record(line, options.tags, record); });
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path, {{"op", "health"}}, reply, CHECK_WAIT);
+  if (code != EXIT_OK) {
+    return code;
+  }
+  const bool is_eligible = reply.at("eligible").get<bool>();
+  const bool is_active = reply.at("active").get<bool>();
+  const auto reason = reply.at("reason").get<std::string>();
+  const bool is_well = eligible ? is_eligible : is_active;
+  if (as_json) {
+    printf("%s\n", json{{"eligible", is_eligible}, {"active", is_active}, {"reason", reason}}.dump().c_str());
+  } else {
+    const std::string text = std::string(is_well ? "" : "not ") + (eligible ? "eligible" : "active");
+    printf("%s%s%s\n", text.c_str(), is_well || reason.empty() ? "" : ": ", is_well ? "" : reason.c_str());
+  }
+  return is_well ? EXIT_OK : EXIT_REFUSED;
+}
+
+int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word)
+{
+  std::string error;
+  if (!vrrp_state_of(word)) {
+    fprintf(stderr, "kesh vrrp: %s is none of MASTER, BACKUP, FAULT, STOP\n", word.c_str());
+    return EXIT_USAGE;
+  }
+  if (!state_word_write(state_path, word, error)) {
+    fprintf(stderr, "kesh vrrp: %s\n", error.c_str());
+    return EXIT_CONFIG;
+  }
+  // A daemon that is not there yet, or is busy, reads the file.
+  control_client client;
+  json reply;
+  return client.connect(socket_path, CHECK_WAIT) ? client.ask({{"op", "vrrp"}, {"state", word}}, reply, CHECK_WAIT)
+                                                 : EXIT_OK;
 }
 
 int say_command(const std::string &socket_path, const std::string &text)
@@ -137,7 +128,7 @@ int slow_command(const std::string &socket_path, const std::string &hook, uint32
   return simple_command(socket_path, {{"op", "slow"}, {"hook", hook}, {"ms", wait_ms}});
 }
 
-int load_command(const std::string &socket_path, const load_options &options, bool as_json)
+int load_command(const std::string &socket_path, const load_request &options, bool as_json)
 {
   control_client client;
   json reply;
@@ -148,7 +139,6 @@ int load_command(const std::string &socket_path, const load_options &options, bo
                                    {"count", options.count},
                                    {"seconds", options.seconds},
                                    {"pause_ms", options.pause_ms},
-                                   {"repeat", options.repeat},
                                    {"timeout_s", options.timeout_s}},
                                   reply);
   if (code != EXIT_OK) {
