@@ -1,4 +1,4 @@
-#include "configure.h"
+#include "admin/configure.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,10 +10,10 @@
 #include <ctime>
 
 #include "exit_codes.h"
-#include "node_files.h"
+#include "daemon/node_files.h"
 #include "platform.h"
 #include "settings.h"
-#include "socket_text.h"
+#include "client/socket_text.h"
 #include "vx_cons.h"
 
 namespace kesh
@@ -86,8 +86,8 @@ int check_ready(const configure_options &options, settings &configured)
   if (socket_connect(configured.socket_path)) {
     return fail(EXIT_REFUSED, "the daemon runs: kesh stop first, on every node of the cluster");
   }
-  if (file_has_bytes(configured.journal.path) && !options.yes) {
-    return fail(EXIT_REFUSED, configured.journal.path + " has lines, which a new cluster empties: give --yes");
+  if (file_has_bytes(configured.store_path) && !options.yes) {
+    return fail(EXIT_REFUSED, configured.store_path + " has lines, which a new cluster empties: give --yes");
   }
   return EXIT_OK;
 }
@@ -130,7 +130,7 @@ int configure_run(const configure_options &options)
   if (code != EXIT_OK) {
     return code;
   }
-  for (const std::string &path : {configured.journal.path, configured.journal.path + ".incomplete"}) {
+  for (const std::string &path : {configured.store_path, configured.store_path + ".incomplete"}) {
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
       return fail(EXIT_RUNTIME, "cannot empty the journal: " + path + ": " + strerror(errno) + "; repeat the command");
     }
