@@ -16,6 +16,7 @@
 #include "daemon/daemon.h"
 #include "daemon/status.h"
 #include "exit_codes.h"
+#include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
 
@@ -129,21 +130,33 @@ struct command_line {
 
     CLI::App &set = add("configure",
                         "Make this node a member of a new cluster, with the daemon stopped on every node. Writes the "
-                        "cluster.* keys, resets the node's files in /flashdisk/cons and empties its journal.",
+                        "cluster.* keys, resets the node's files in /flashdisk/cons and puts its store aside. If it "
+                        "is interrupted, the same command goes on.",
                         [this] {
                           configure.config_path = config_path;
                           return kesh::configure_run(configure);
                         });
     set.add_option("--config", config_path, "configuration file")->capture_default_str();
-    set.add_option("--nodes", configure.node_count, "number of nodes, 1 to 16")->required()->check(CLI::Range(1, 16));
-    set.add_option("--id", configure.node_id, "number of this node, from 1")->required()->check(CLI::Range(1, 16));
+    CLI::Option *count = set.add_option("--nodes", configure.node_count, "number of nodes, 1 to 16");
+    count->check(CLI::Range(uint32_t{1}, uint32_t{kesh::ORIGIN_MAX}));
+    set.add_option("--id", configure.node_id, "number of this node, from 1")
+        ->check(CLI::Range(uint32_t{1}, uint32_t{kesh::ORIGIN_MAX}));
+    set.add_option("--cluster", configure.cluster_name,
+                   "name of the cluster, the same on all nodes: clusters of other names are not heard");
+    constexpr uint64_t GENERATION_MAX = uint64_t{1} << 50;
+    set.add_option("--generation", configure.generation, "of the cluster: another one for each new life of it")
+        ->capture_default_str()
+        ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
+    set.add_flag("--single", configure.single, "a cluster of this node alone, to try it out")->excludes(count);
     set.add_option("--mac", configure.macs,
                    "MAC address of a node, once per node and in their order, the same on all nodes; the first one "
-                   "names the cluster (default: made up, the same for every cluster)");
+                   "names the cluster for the library (default: made from name and generation)");
     set.add_option("--ipaddr", configure.ipaddr, "address of the cluster, stored for other programs");
     set.add_option("--netmask", configure.netmask, "stored for other programs");
     set.add_option("--gateway", configure.gateway, "stored for other programs");
-    set.add_flag("--yes", configure.yes, "empty a journal that has lines");
+    set.add_flag("--yes", configure.yes,
+                 "put a store aside that has lines, and give up another command that was "
+                 "interrupted");
 
     add_client("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.",
                kesh::start_command);

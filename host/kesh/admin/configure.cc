@@ -1,20 +1,23 @@
 #include "admin/configure.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
-#include "exit_codes.h"
+#include "admin/cluster_identity.h"
+#include "admin/configure_steps.h"
+#include "client/socket_text.h"
 #include "daemon/node_files.h"
+#include "exit_codes.h"
 #include "platform.h"
 #include "settings.h"
-#include "client/socket_text.h"
+#include "unique_fd.h"
 #include "vx_cons.h"
+#include "vx_host.h"
 
 namespace kesh
 {
@@ -28,48 +31,54 @@ int fail(int code, const std::string &error)
   return code;
 }
 
-/// Locally administered addresses, one per node. Every node of a cluster must be given the same addresses.
-std::vector<std::string> made_up_macs(uint32_t count)
+/// Fills in what follows from other options. Returns why they cannot be used; empty if they can.
+std::string complete(configure_options &options)
 {
-  std::vector<std::string> macs;
-  for (uint32_t i = 1; i <= count; i++) {
-    char text[sizeof "02:00:00:00:00:00"];
-    snprintf(text, sizeof text, "02:6b:65:73:68:%02x", i & 0xff);
-    macs.emplace_back(text);
+  if (options.single) {
+    options.node_count = options.node_id = 1;
+    options.cluster_name = options.cluster_name.empty() ? trial_cluster_name() : options.cluster_name;
   }
-  return macs;
-}
-
-/// Six two-digit hexadecimal numbers with colons.
-bool is_mac(const std::string &text)
-{
-  constexpr size_t LENGTH = 17;
-  bool good = text.size() == LENGTH;
-  for (size_t i = 0; good && i < LENGTH; ++i) {
-    good = i % 3 == 2 ? text[i] == ':' : std::isxdigit(static_cast<unsigned char>(text[i])) != 0;
+  if (options.node_count == 0 || options.node_id == 0) {
+    return "--nodes and --id are needed, or --single";
   }
-  return good;
-}
-
-bool check_macs(const std::vector<std::string> &macs, uint32_t node_count, std::string &error)
-{
-  for (const std::string &mac : macs) {
-    if (!is_mac(mac) || mac == "00:00:00:00:00:00") {
-      error = "--mac " + mac + ": six two-digit hexadecimal numbers with colons are needed, not all 0";
-      return false;
+  if (options.node_id > options.node_count) {
+    return "--id " + std::to_string(options.node_id) + " is above --nodes " + std::to_string(options.node_count);
+  }
+  if (options.cluster_name.empty() && options.macs.empty()) {
+    return "--cluster NAME is needed, the same on all nodes, so that this cluster never hears another one";
+  }
+  if (!options.cluster_name.empty()) {
+    if (const std::string fault = cluster_name_fault(options.cluster_name); !fault.empty()) {
+      return "--cluster: " + fault;
     }
   }
-  if (macs.size() != node_count) {
-    error = "--mac is given " + std::to_string(macs.size()) + " times for " + std::to_string(node_count) + " nodes";
-    return false;
+  if (options.macs.empty()) {
+    options.macs = cluster_macs(options.cluster_name, options.generation, options.node_count);
   }
-  return true;
+  const std::string fault = macs_fault(options.macs, options.node_count);
+  return fault.empty() ? "" : "--mac: " + fault;
 }
 
-bool file_has_bytes(const std::string &path)
+/// As an operator types it, the same for the same values.
+std::string command_of(const configure_options &given)
 {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && status.st_size > 0;
+  std::string text = "kesh configure";
+  const auto add = [&text](const char *name, const std::string &value) {
+    if (!value.empty()) {
+      text.append(1, ' ').append(name).append(1, ' ').append(value);
+    }
+  };
+  add("--nodes", std::to_string(given.node_count));
+  add("--id", std::to_string(given.node_id));
+  add("--cluster", given.cluster_name);
+  add("--generation", std::to_string(given.generation));
+  for (const std::string &mac : given.macs) {
+    add("--mac", mac);
+  }
+  add("--ipaddr", given.ipaddr);
+  add("--netmask", given.netmask);
+  add("--gateway", given.gateway);
+  return text;
 }
 
 /// Checks what must hold before anything is changed.
@@ -86,57 +95,67 @@ int check_ready(const configure_options &options, settings &configured)
   if (socket_connect(configured.socket_path)) {
     return fail(EXIT_REFUSED, "the daemon runs: kesh stop first, on every node of the cluster");
   }
-  if (file_has_bytes(configured.store_path) && !options.yes) {
-    return fail(EXIT_REFUSED, configured.store_path + " has lines, which a new cluster empties: give --yes");
-  }
   return EXIT_OK;
 }
 
-int write_cluster(const configure_options &options, const std::vector<std::string> &macs)
+int write_cluster(const configure_options &options)
 {
-  std::vector<const char *> mac_texts;
-  mac_texts.reserve(macs.size());
-  for (const std::string &mac : macs) {
-    mac_texts.push_back(mac.c_str());
+  std::vector<const char *> macs;
+  macs.reserve(options.macs.size());
+  for (const std::string &mac : options.macs) {
+    macs.push_back(mac.c_str());
   }
+  // Saved with the keys of the library. Durable payloads must be on before it comes up: it flushes its files then.
+  const char *name = options.cluster_name.empty() ? nullptr : options.cluster_name.c_str();
+  vx_cfg_set(name, "cluster.name");
+  vx_cfg_set(std::to_string(options.generation).c_str(), "cluster.generation");
+  vx_cfg_set("yes", "cluster.durable_payloads");
   if (vx_cons_init() != 0) {
     return fail(EXIT_RUNTIME, "the library does not come up: the log says why");
   }
   const int result = vx_cons_configure(options.ipaddr.c_str(), options.netmask.c_str(), options.gateway.c_str(),
-                                       mac_texts.data(), options.node_count, std::to_string(options.node_id).c_str(),
+                                       macs.data(), options.node_count, std::to_string(options.node_id).c_str(),
                                        std::to_string(time(nullptr)).c_str());
   vx_cons_cleanup();
-  return result == 0 ? EXIT_OK : fail(EXIT_RUNTIME, "the cluster could not be written: the log says why");
+  if (result != 0) {
+    return fail(EXIT_RUNTIME, "the cluster could not be written: the log says why");
+  }
+  // The files that the library removed have to stay removed when the command is no longer noted.
+  const platform::unique_fd directory(open(CONS_DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || syncfs(directory.get()) != 0) {
+    return fail(EXIT_RUNTIME, std::string(CONS_DIRECTORY) + ": " + strerror(errno));
+  }
+  return EXIT_OK;
 }
 
 }  // namespace
 
-int configure_run(const configure_options &options)
+int configure_run(const configure_options &given)
 {
-  std::string error;
-  const auto macs = options.macs.empty() ? made_up_macs(options.node_count) : options.macs;
-  if (!check_macs(macs, options.node_count, error)) {
-    return fail(EXIT_USAGE, error);
-  }
-  if (options.node_id > options.node_count) {
-    return fail(EXIT_USAGE,
-                "--id " + std::to_string(options.node_id) + " is above --nodes " + std::to_string(options.node_count));
+  configure_options options = given;
+  const std::string fault = complete(options);
+  if (!fault.empty()) {
+    return fail(EXIT_USAGE, fault);
   }
   settings configured;
   int code = check_ready(options, configured);
   if (code == EXIT_OK) {
-    code = write_cluster(options, macs);
+    // Addresses that follow from the name are left out.
+    configure_options typed = options;
+    typed.macs = given.macs;
+    code = configure_steps_run({.command = command_of(typed),
+                                .yes = options.yes,
+                                .store_path = configured.store_path,
+                                .old_journal_path = configured.old_journal_path,
+                                .write_cluster = [&options] { return write_cluster(options); }});
   }
-  if (code != EXIT_OK) {
-    return code;
+  if (code == EXIT_OK) {
+    printf("node %u of %u configured in %s, cluster %s, generation %llu\n", options.node_id, options.node_count,
+           options.config_path.c_str(),
+           options.cluster_name.empty() ? options.macs.front().c_str() : options.cluster_name.c_str(),
+           static_cast<unsigned long long>(options.generation));
   }
-  for (const std::string &path : {configured.store_path, configured.store_path + ".incomplete"}) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-      return fail(EXIT_RUNTIME, "cannot empty the journal: " + path + ": " + strerror(errno) + "; repeat the command");
-    }
-  }
-  printf("node %u of %u configured in %s\n", options.node_id, options.node_count, options.config_path.c_str());
-  return EXIT_OK;
+  return code;
 }
 
 }  // namespace kesh

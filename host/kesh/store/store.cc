@@ -211,6 +211,7 @@ store_facts store::facts(const library_entry &record)
   result.is_incomplete = !meta_.incomplete.empty();
   result.n = n_;
   result.row_after = rows_->find_after(record);
+  result.taken_over = n_ == 0 ? meta_.taken_over : std::nullopt;
   // A row behind the last state came after it. Rows that the state did not bring may be older: they are ahead of it.
   if (meta_.has_state && meta_.state_n == n_) {
     result.last = store_event::state;

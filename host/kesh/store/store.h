@@ -43,6 +43,8 @@ struct store_settings {
 struct store_start {
   chain_hash hash = chain_start();
   uint64_t lines = 0;
+  /// Of a journal that was taken over: paxos_deliver then.
+  std::optional<library_entry> taken_over{};
 };
 
 struct applied {
