@@ -91,15 +91,15 @@ def status(subparsers):
         if options.json:
             print(json.dumps({"nodes": rows, "partition": [sorted(part) for part in cluster.partition_parts()]}))
             return
-        form = "{:>4}  {:<8} {:<7} {:<6} {:>9} {:>8}  {:<16} {:>8}"
-        print(form.format("node", "process", "state", "active", "decision", "lines", "hash", "doubled"))
+        form = "{:>4}  {:<8} {:<7} {:<6} {:>9} {:>8} {:>8}  {:<16}"
+        print(form.format("node", "process", "state", "active", "decision", "payloads", "lines", "hash"))
         for node_id, row in rows.items():
             found = row["status"]
             cells = ["-", "-", "-", "-", "-"]
             if found:
                 decision, lines = found["decision"], found["journal"]
-                cells = ["yes" if found["active"] else "no", decision["number"] if decision else "-", lines["lines"],
-                         lines["hash"], lines["doubled"]]
+                cells = ["yes" if found["active"] else "no", decision["number"] if decision else "-", lines["n"],
+                         lines["lines"], lines["hash"]]
             print(form.format(node_id, row["process"], row["state"], *cells))
         parts = cluster.partition_parts()
         if parts:
@@ -176,7 +176,7 @@ def master(subparsers):
     def run(options):
         lab(options).set_master(*options.nodes)
 
-    parser = add(subparsers, "master", "write MASTER for this node and BACKUP for all others, as keepalived would", run)
+    parser = add(subparsers, "master", "say MASTER to this node and BACKUP to all others, as keepalived would", run)
     parser.add_argument("nodes", type=int, nargs="+", metavar="NODE", help="several make a cluster with two minds")
 
 
@@ -229,7 +229,7 @@ def run_demo(subparsers):
         progress.say("all journals are equal")
         print()
         demo.print_summary(rows, sys.stdout)
-        print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/journal.")
+        print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/kesh.store.")
 
     parser = add(subparsers, "demo", "three nodes order a real text, lose their leader and take it back", run)
     parser.add_argument("file", nargs="?", metavar="FILE", help="text to take (default: one that Debian ships)")
