@@ -1,7 +1,6 @@
 """The commands of vxlab. One function per command adds its parser."""
 
 import json
-import os
 import subprocess
 import sys
 
