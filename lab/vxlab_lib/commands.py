@@ -4,7 +4,7 @@ import json
 import subprocess
 import sys
 
-from . import bench, demo, network
+from . import bench, bench_clients, demo, network
 from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
@@ -125,7 +125,7 @@ def node_status(cluster, node_id):
 def submit(subparsers):
     def run(options):
         node = lab(options).node(options.node)
-        command = node.kesh("submit", "--threads", str(options.threads))
+        command = node.kesh("submit", "--window", str(options.window))
         if options.file == "-":
             return subprocess.run([*command, "-"], cwd=node.dir, check=False).returncode
         try:
@@ -136,7 +136,7 @@ def submit(subparsers):
 
     parser = add_node(add(subparsers, "submit", "submit the lines of a file at a node", run))
     parser.add_argument("file", metavar="FILE", help="a file, or - for standard input")
-    parser.add_argument("--threads", type=int, default=1, help="lines under way at once (default 1)")
+    parser.add_argument("--window", type=int, default=1, help="lines open at once (default 1)")
 
 
 def journal(subparsers):
@@ -239,6 +239,11 @@ def run_demo(subparsers):
 def run_bench(subparsers):
     def run(options):
         progress = Progress()
+        if options.clients:
+            with Cluster(options.dir, options.bin) as cluster:
+                found = bench_clients.measure(cluster, options.clients, round(options.seconds), progress)
+            progress.close()
+            return bench_clients.print_cells(*found, sys.stdout)
         plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds,
                           options.durable)
         with Cluster(options.dir, options.bin) as cluster:
@@ -251,6 +256,8 @@ def run_bench(subparsers):
 
     parser = add(subparsers, "bench", "measure submissions against the cost of a durable save", run)
     numbers = {"type": number_list, "metavar": "LIST"}
+    parser.add_argument("--clients", nargs="?", const=bench_clients.CLIENTS, help="instead: so many clients with one "
+                        "line under way each, at kesh and at etcd (default 1,32,256,1000)", **numbers)
     parser.add_argument("--nodes", default=[3], help="sizes of cluster (default 3; all: 3,5,16)", **numbers)
     parser.add_argument("--roles", default=["leader", "follower"], type=lambda text: text.split(","), metavar="LIST",
                         help="where to submit (default leader,follower)")
