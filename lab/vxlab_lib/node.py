@@ -10,7 +10,7 @@ from .errors import LabError
 from .rundir import write_by_rename
 from .waiting import wait_until
 
-CLUSTER = ["--cluster", "lab", "--generation", "1"]
+CLUSTER_NAME = "lab"
 VRRP = "kesh.vrrp"  # in /run: what keepalived said last
 UNDO = ".undo"  # in /flashdisk: what a power cut may undo, see chaos/power_cut.py
 START_TIMEOUT_S = 30.0
@@ -32,6 +32,7 @@ class Node:
         self._programs = build
         self._holder = holder
         self.control = ControlClient(node_id, self.path("run"))
+        self.generation = 1  # of the cluster that `configure` makes
         self.net_pid = None  # a process whose network the node shares; None: the laboratory's
         self.environment = {}  # of the daemon, in addition to the laboratory's
         self.on_spawn = lambda pid: None  # called as soon as a process of the daemon exists
@@ -74,7 +75,8 @@ class Node:
         """Makes the node, which must be down, a node of a new cluster."""
         shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
         programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
-                               str(node_count), "--id", str(self.id), *CLUSTER, "--yes"),
+                               str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME, "--generation",
+                               str(self.generation), "--yes"),
                      f"configure node {self.id}", cwd=self.dir)
 
     def write_state(self, state):

@@ -124,6 +124,7 @@ class Episode:
                 self.notes.append(f"first life: node {node.id} ended with {code}")
             arena.node_is_down(node.id)
         for node in arena.cluster.nodes.values():
+            node.generation += 1
             node.configure(self.plan.nodes)
             if word := sanitizer_word(read_whole(node.path("output.log"))):
                 self.notes.append(f"first life: node {node.id} printed \"{word}\"")
