@@ -236,13 +236,13 @@ class Soak:
     def _sample(self, phase):
         # Snapshots for the next decision, open calls, and calls that died since their node's last decided message.
         self._await_few_payloads(len(self._cluster.nodes) * (1 + 2 * LOAD["threads"]))
-        sample = {"t": time.monotonic(), "given_up": self._of_killed["again"] + self._of_killed["failed"]}
+        sample = {"t": time.monotonic(), "given_up": given_up(self._of_killed)}
         for node_id, node in self._cluster.nodes.items():
             figures = self._look_at_process(node_id)
             sample[node_id] = {"rss_kb": figures["rss_kb"], "fds": figures["fds"],
                                "threads": sum(figures["tasks"].values()), **file_figures(node.cons_dir)}
             sent = node.control.status()["submissions"]
-            sample["given_up"] += sent["again"] + sent["failed"]
+            sample["given_up"] += given_up(sent)
         number, count = max(decisions.read_position(node.cons_dir) for node in self._cluster.nodes.values())
         sample.update(number=number, cycle=phase.cycles)
         phase.roll_overs += self._log is not None and number - count > self._log
@@ -264,6 +264,11 @@ class Soak:
         memory = ", ".join(str(last[node_id]["rss_kb"]) for node_id in self._cluster.nodes)
         self._progress.update(f"{phase.name}: {done}, {phase.roll_overs} roll-overs, {last['given_up']} attempts "
                               f"given up, RSS {memory} KiB")
+
+
+def given_up(counted):
+    """Returns the attempts that did not bring a line into the journal."""
+    return sum(counted[name] for name in ("again", "not_submitted", "unknown"))
 
 
 def run(options, progress):
