@@ -31,7 +31,7 @@ PROGRESS_S = 30.0  # limit until a line of a node that has joined is acknowledge
 REST_S = 60.0
 PAYLOADS_S = 5.0  # limit until superseded payload files are removed
 KILLS_MIN = 6
-FURTHER_LINES = 260  # more than a log holds: a snapshot makes all journals equal
+FURTHER_LINES = 260  # one after another, more than a log holds: a snapshot makes all journals equal
 
 ROLL_OVERS_MIN = 50
 LONG_MINUTES = 10  # a soak of this length with fewer roll-overs proves nothing
@@ -191,7 +191,7 @@ class Soak:
         nodes = self._cluster.nodes.values()
         wait_until(lambda: all(node.control.status()["submissions"]["open"] == 0 for node in nodes), REST_S,
                    "no call is open")
-        acknowledged = send_some(self._cluster.node(self._leader), FURTHER_LINES, REST_S, threads=16)
+        acknowledged = send_some(self._cluster.node(self._leader), FURTHER_LINES, REST_S)
         if acknowledged != FURTHER_LINES:
             raise CheckFailed(f"only {acknowledged} of {FURTHER_LINES} further lines were acknowledged")
         lines = self._cluster.await_equal()[0].count
