@@ -1,0 +1,168 @@
+// The commands that change a node's files while no daemon runs.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "admin/cluster_identity.h"
+#include "admin/configure_steps.h"
+#include "exit_codes.h"
+#include "store/store_aside.h"
+#include "store_fixture.h"
+
+namespace
+{
+
+using namespace store_testing;
+using kesh::store_found;
+
+int steps_left = 0;
+
+class admin_test : public store_fixture
+{
+protected:
+  /// Those that have content: a look at a store leaves an empty WAL.
+  std::map<std::string, std::string> all_files() const
+  {
+    std::map<std::string, std::string> files;
+    for (const auto &file : fs::directory_iterator(directory)) {
+      if (!file.path().string().ends_with(".lock") && !file.path().string().ends_with("-shm") && file.file_size() > 0) {
+        files[file.path().filename().string()] = read_file(file.path());
+      }
+    }
+    return files;
+  }
+  /// Of what its functions print, the test takes no notice.
+  template <typename action>
+  static int silently(const action &act)
+  {
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    const int code = act();
+    said = testing::internal::GetCapturedStderr() + testing::internal::GetCapturedStdout();
+    return code;
+  }
+
+  static inline std::string said;
+};
+
+TEST(cluster_identity, differs_between_clusters_and_generations)
+{
+  const auto macs = kesh::cluster_macs("a", 1, 16);
+  EXPECT_EQ(kesh::macs_fault(macs, 16), "");
+  EXPECT_EQ(macs[0].substr(0, 3), "02:");
+  EXPECT_EQ(macs[0].substr(0, 15), macs[15].substr(0, 15));
+  EXPECT_EQ(macs[15].substr(15), "10");
+  EXPECT_EQ(kesh::cluster_macs("a", 1, 3)[2], macs[2]);
+  for (const auto &[name, generation] : {std::pair("b", 1u), std::pair("a", 2u), std::pair("a1", 1u)}) {
+    EXPECT_NE(kesh::cluster_macs(name, generation, 1)[0], macs[0]);
+  }
+  for (const char *name : {"", "a b", "a/b", "a\n"}) {
+    EXPECT_NE(kesh::cluster_name_fault(name), "");
+  }
+  EXPECT_EQ(kesh::cluster_name_fault(kesh::trial_cluster_name()), "");
+  EXPECT_NE(kesh::macs_fault({"02:00:00:00:00:01", "02:00:00:00:00:01"}, 2), "");
+}
+
+class configure_test : public admin_test
+{
+protected:
+  kesh::configure_steps steps(const std::string &command, bool yes = false) const
+  {
+    return {.command = command,
+            .yes = yes,
+            .store_path = path("store"),
+            .old_journal_path = path("journal"),
+            .write_cluster =
+                [this] {
+                  write_file(path("cluster"), "new");
+                  return kesh::EXIT_OK;
+                },
+            .after_step = nullptr};
+  }
+  static int run(const kesh::configure_steps &what)
+  {
+    return silently([&] { return kesh::configure_steps_run(what); });
+  }
+  void make_old_life() const
+  {
+    write_file(path("journal"), "0123abcd L 1 0000000000000000 2.0000000000000000.1 1 text\n");
+    write_file(path("cluster"), "old");
+  }
+};
+
+// A crash at any step: the daemon does not run on half of it, another command does not mix with it, the same one goes
+// on, and every byte that was there is still there.
+TEST_F(configure_test, goes_on_through_a_crash_at_any_step)
+{
+  bool is_through = false;
+  for (int stop_at = 1; !is_through; ++stop_at) {
+    SCOPED_TRACE(stop_at);
+    ASSERT_LT(stop_at, 20);
+    fs::remove_all(directory);
+    fs::create_directory(directory);
+    make_old_life();
+    apply_lines(*open("store"), 1, 3);
+    const auto before = all_files();
+    EXPECT_EQ(run(steps("first")), kesh::EXIT_REFUSED);
+    EXPECT_TRUE(all_files() == before);
+    const pid_t child = fork();
+    if (child == 0) {
+      steps_left = stop_at;
+      auto what = steps("first", true);
+      what.after_step = [] {
+        if (--steps_left == 0) {
+          _exit(1);
+        }
+      };
+      _exit(kesh::configure_steps_run(what) == kesh::EXIT_OK ? 0 : 2);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 2);
+    is_through = WEXITSTATUS(status) == 0;
+    if (!is_through) {
+      kesh::store one;
+      EXPECT_THROW(one.open(settings("store"), why), kesh::store_failure);
+      one.close();
+      EXPECT_EQ(run(steps("second")), kesh::EXIT_REFUSED);
+      EXPECT_NE(said.find("first"), std::string::npos);
+      EXPECT_EQ(run(steps(stop_at % 2 == 0 ? "first" : "second", stop_at % 2 != 0)), kesh::EXIT_OK) << said;
+    }
+    kesh::store one;
+    EXPECT_EQ(one.open(settings("store"), why), store_found::absent);
+    one.close();
+    EXPECT_EQ(read_file(path("cluster")), "new");
+    EXPECT_EQ(kesh::store_verify(aside_of("store")).n, 3u);
+    EXPECT_EQ(read_file(aside_of("journal")), before.at("journal"));
+    EXPECT_FALSE(fs::exists(path("journal")));
+  }
+}
+
+TEST_F(configure_test, touches_nothing_that_is_not_its_own)
+{
+  write_file(path("journal"), "somebody's letters, of more than ten bytes");
+  auto before = all_files();
+  EXPECT_EQ(run(steps("first", true)), kesh::EXIT_CONFIG);
+  EXPECT_TRUE(all_files() == before);
+  fs::remove(path("journal"));
+  write_file(path("store"), "somebody's letters");
+  before = all_files();
+  EXPECT_EQ(run(steps("first", true)), kesh::EXIT_CONFIG);
+  EXPECT_TRUE(all_files() == before);
+  fs::remove(path("store"));
+  const auto store = open("store");
+  before = all_files();
+  EXPECT_EQ(run(steps("first", true)), kesh::EXIT_REFUSED);
+  EXPECT_TRUE(all_files() == before);
+
+  // A cluster that cannot be written stays open for the next try.
+  store->close();
+  auto failing = steps("first");
+  failing.write_cluster = [] { return kesh::EXIT_RUNTIME; };
+  EXPECT_EQ(run(failing), kesh::EXIT_RUNTIME);
+  EXPECT_EQ(run(steps("first")), kesh::EXIT_OK);
+  EXPECT_EQ(read_file(path("cluster")), "new");
+}
+
+}  // namespace
