@@ -138,9 +138,9 @@ class Cluster:
     def heal(self):
         self.partition()
 
-    def submit(self, node_id, lines, threads=1, timeout_s=60):
+    def submit(self, node_id, lines, window=1, timeout_s=60):
         """Starts a Submission. `timeout_s`: from the arrival of a line at the daemon until it gives up."""
-        return Submission(self.node(node_id), lines, threads, timeout_s)
+        return Submission(self.node(node_id), lines, window, timeout_s)
 
     def status(self, node_id):
         return self.node(node_id).control.status()

@@ -22,7 +22,7 @@ from .wire_arena import WireArena
 
 ARENAS = {"broker": BrokerArena, "wire": WireArena}
 HEAL_S = 30.0
-FURTHER_MESSAGES = 260  # more than a log holds, so that a new one must begin
+FURTHER_MESSAGES = 260  # one after another, more than a log holds, so that a new one must begin
 OPEN_CALLS_S = 60.0
 SILENCE_S = 1.5
 TRACKS_END_S = 60.0
@@ -200,7 +200,7 @@ class Episode:
                 self.events.add("unequal", error=str(error))
             leader = stage.node_id("leader")
             sent_ns = now_ns()
-            acknowledged = send_some(stage.cluster.node(leader), FURTHER_MESSAGES, OPEN_CALLS_S, threads=16)
+            acknowledged = send_some(stage.cluster.node(leader), FURTHER_MESSAGES, OPEN_CALLS_S)
             if acknowledged != FURTHER_MESSAGES:
                 raise LabError(f"only {acknowledged} of {FURTHER_MESSAGES} further messages were acknowledged")
             self._await_equal(stage, sent_ns, HEAL_S + OPEN_CALLS_S)

@@ -67,9 +67,10 @@ class Load:
             thread.join(5.0)
 
 
-def send_some(node, count, timeout_s, threads=1):
-    """Submits `count` lines at the node and waits for them; returns how many were acknowledged."""
-    with node.control.load(threads=threads, bytes=[FRESH_BYTES], count=count, timeout_s=timeout_s) as (stream, sock):
+def send_some(node, count, timeout_s):
+    """Submits `count` lines at the node, each when the last one is acknowledged, so that each is a payload of its own.
+    Returns how many were acknowledged."""
+    with node.control.load(threads=1, bytes=[FRESH_BYTES], count=count, timeout_s=timeout_s) as (stream, sock):
         sock.settimeout(timeout_s + 5.0)
         try:
             return json.loads(stream.readline() or b"{}").get("acknowledged", 0)
