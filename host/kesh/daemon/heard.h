@@ -1,6 +1,7 @@
 /// Cluster messages: what `kesh say` sends to every node, and the last messages heard here.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -33,15 +34,18 @@ public:
   void add(uint8_t node, std::string_view text) PLATFORM_EXCLUDES(lock_);
   /// Those kept with a number above `after`.
   std::vector<heard_message> after(uint64_t number) PLATFORM_EXCLUDES(lock_);
-  /// Waits until there is a message above `number`, at most wait_ms.
-  void wait_after(uint64_t number, int wait_ms) PLATFORM_EXCLUDES(lock_);
+  /// Waits until there is a message above `number`, at most `length`, or until end_waits().
+  void wait_after(uint64_t number, std::chrono::milliseconds length) PLATFORM_EXCLUDES(lock_);
   uint64_t count() PLATFORM_EXCLUDES(lock_);
+  /// Ends all waits, and those to come.
+  void end_waits() PLATFORM_EXCLUDES(lock_);
 
 private:
   platform::mutex lock_;
   platform::condition added_;
   std::deque<heard_message> messages_ PLATFORM_GUARDED_BY(lock_);
   uint64_t count_ PLATFORM_GUARDED_BY(lock_) = 0;
+  bool is_ending_ PLATFORM_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kesh

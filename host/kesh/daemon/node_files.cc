@@ -1,4 +1,4 @@
-#include "node_files.h"
+#include "daemon/node_files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

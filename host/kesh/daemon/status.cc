@@ -1,11 +1,11 @@
-#include "status.h"
+#include "daemon/status.h"
 
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
-#include "file_record.h"
-#include "node_files.h"
+#include "daemon/node_files.h"
+#include "items/item_text.h"
 #include "platform.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -20,18 +20,21 @@ namespace
 
 json journal_fields(service &host)
 {
-  const journal_status lines = host.lines.status();
-  return {{"file", host.configured.journal.path},
-          {"lines", lines.lines},
-          {"hash", hex_text(lines.hash, 16)},
-          {"first_line", lines.first_line},
-          {"kept", lines.kept},
-          {"repeated", lines.repeated},
-          {"doubled", lines.doubled},
-          {"redelivered", lines.redelivered},
-          {"damaged", lines.damaged},
-          {"failed", lines.failed},
-          {"incomplete", lines.incomplete}};
+  const store_position now = host.lines.position();
+  const journal_end end = host.lines.end();
+  const state_counters &states = host.states;
+  return {{"store", host.configured.store_path},
+          {"lines", end.lines},
+          {"hash", end.key},
+          {"first_line", now.first_line},
+          {"n", now.n},
+          {"chain", hash_text(now.hash)},
+          {"bytes", now.bytes},
+          {"incomplete", now.incomplete},
+          {"states",
+           {{"kept", states.kept.load()}, {"extended", states.extended.load()}, {"replaced", states.replaced.load()}}},
+          {"put_aside", states.put_aside.load()},
+          {"rejoined", states.rejoined.load()}};
 }
 
 json message_fields()
@@ -74,11 +77,8 @@ std::string journal_text(const json &lines)
   if (lines.at("first_line") != 1) {
     text += ", from line " + number_text(lines.at("first_line"));
   }
-  if (lines.at("failed").get<bool>()) {
-    text += ", CANNOT BE WRITTEN";
-  }
-  if (lines.at("incomplete").get<bool>()) {
-    text += ", LINES ARE MISSING until the next full state";
+  if (const std::string why = lines.at("incomplete"); !why.empty()) {
+    text += ", INCOMPLETE until the next full state: " + why;
   }
   return text;
 }
@@ -98,7 +98,7 @@ json status_collect(service &host)
 {
   const bool active = vx_cons_cluster_active() != 0;
   const auto up = std::chrono::steady_clock::now() - host.started_at;
-  const submission_counters &sent = host.submissions;
+  const submit_counts sent = host.submissions->counts();
   json status = {{"active", active},
                  {"enabled", vx_cons_cluster_enabled() != 0},
                  {"leader", active && node_state_read() == "MASTER"},
@@ -112,10 +112,14 @@ json status_collect(service &host)
                  {"delivery", nullptr},
                  {"journal", journal_fields(host)},
                  {"submissions",
-                  {{"open", sent.open.load()},
-                   {"acknowledged", sent.acknowledged.load()},
-                   {"failed", sent.failed.load()},
-                   {"again", sent.again.load()}}},
+                  {{"open", sent.open},
+                   {"acknowledged", sent.applied},
+                   {"not_submitted", sent.not_submitted},
+                   {"unknown", sent.unknown},
+                   {"again", sent.again},
+                   {"payloads", sent.payloads}}},
+                 {"eligible", host.link->eligible().yes},
+                 {"cluster", host.link->status_json()},
                  {"messages", message_fields()},
                  {"heard", host.messages.count()}};
   if (const auto decision = last_decision_read()) {
@@ -143,12 +147,15 @@ std::string status_text(const json &status)
   row("last decision", decision_text(status.at("decision")));
   row("last delivery", delivery_text(status.at("delivery")));
   row("journal", journal_text(lines));
-  row("", "repeated " + number_text(lines.at("repeated")) + ", doubled " + number_text(lines.at("doubled")) +
-              ", redelivered " + number_text(lines.at("redelivered")) + ", damaged " +
-              number_text(lines.at("damaged")));
+  const json &states = lines.at("states");
+  row("", "payload " + number_text(lines.at("n")) + ", H " + lines.at("chain").get<std::string>());
+  row("states", number_text(states.at("kept")) + " kept, " + number_text(states.at("extended")) + " extended, " +
+                    number_text(states.at("replaced")) + " replaced the store; " + number_text(lines.at("put_aside")) +
+                    " stores put aside, rejoined " + number_text(lines.at("rejoined")) + " times");
   row("submissions", number_text(sent.at("open")) + " open, " + number_text(sent.at("acknowledged")) +
-                         " acknowledged, " + number_text(sent.at("failed")) + " failed, " +
-                         number_text(sent.at("again")) + " attempts repeated");
+                         " acknowledged, " + number_text(sent.at("not_submitted")) + " not submitted, " +
+                         number_text(sent.at("unknown")) + " unknown; " + number_text(sent.at("payloads")) +
+                         " payloads, " + number_text(sent.at("again")) + " attempts repeated");
   row("messages", number_text(messages.at("sent")) + " sent, " + number_text(messages.at("received")) + " received, " +
                       number_text(messages.at("queued")) + " being repeated");
   row("dropped", dropped_text(messages.at("dropped")));

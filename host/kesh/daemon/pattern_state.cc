@@ -1,4 +1,4 @@
-#include "pattern_state.h"
+#include "daemon/pattern_state.h"
 
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-#include "heard.h"
+#include "daemon/heard.h"
 
 #include <chrono>
 #include <ctime>
@@ -55,12 +55,19 @@ std::vector<heard_message> heard::after(uint64_t number)
   return result;
 }
 
-void heard::wait_after(uint64_t number, int wait_ms)
+void heard::wait_after(uint64_t number, std::chrono::milliseconds length)
 {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+  const auto deadline = std::chrono::steady_clock::now() + length;
   lock_scope scope(lock_);
-  while (count_ <= number && added_.wait_until(lock_, deadline)) {
+  while (count_ <= number && !is_ending_ && added_.wait_until(lock_, deadline)) {
   }
+}
+
+void heard::end_waits()
+{
+  lock_scope scope(lock_);
+  is_ending_ = true;
+  added_.signal_all();
 }
 
 uint64_t heard::count()

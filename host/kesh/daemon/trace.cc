@@ -1,4 +1,4 @@
-#include "trace.h"
+#include "daemon/trace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "file_record.h"
+#include "items/item_text.h"
 #include "platform.h"
 
 namespace kesh

@@ -6,14 +6,17 @@
 /// (CLOCK_MONOTONIC, ns), and the process life as in tags. Lines of different threads may be slightly out of order.
 ///   begin PID
 ///   start-call | start-return RESULT | stop-call | stop-return QUEUED | cleanup-call | cleanup-return | isolated
-///   call THREAD SEQUENCE ATTEMPT BYTES       vx_cons_distribute is about to be called; BYTES of payload
-///   return THREAD SEQUENCE ATTEMPT RESULT    it returned
-///   deliver ENTERED TAG ATTEMPT applied|repeated|doubled LINES HASH
+///   call SENDER SEQUENCE ATTEMPT BYTES       vx_cons_distribute is about to be called with this item of BYTES
+///   return SENDER SEQUENCE ATTEMPT RESULT    it returned
+///   deliver ENTERED TAG ATTEMPT WHAT LINES HASH  one per item of a payload. WHAT: applied, repeated, no-op; or doubled:
+///                                            the payload was applied before, and is delivered again
 ///   damaged ENTERED TYPE BYTES               a payload or state that cannot be read
-///   adopt ENTERED TYPE BYTES LINES HASH      a full state, of any type
+///   adopt ENTERED TYPE BYTES LINES HASH      a full state, of any type; the journal changes with type 3
+///   adopted kept|extended|replaced N         after that: what became of the store
+///   rejoin REASON                            the store does not fit, and asks for a state
 ///   get-state TYPE BYTES LINES HASH          a state was asked for; 0 BYTES: there is none
 /// QUEUED counts the messages that are still being repeated. ENTERED is the time at which the hook was entered. LINES
-/// and HASH are those of the journal after the event.
+/// and HASH are the journal's end after the event (store/last_line.h).
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-#include "daemon.h"
+#include "daemon/daemon.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -11,11 +11,13 @@
 #include <cstring>
 #include <exception>
 
-#include "control_server.h"
+#include "control/server.h"
+#include "daemon/operations.h"
+#include "daemon/service.h"
 #include "exit_codes.h"
+#include "items/item_text.h"
 #include "known_keys.h"
 #include "platform.h"
-#include "service.h"
 #include "vx_cons.h"
 #include "vx_host.h"
 
@@ -87,8 +89,7 @@ void main_loop(service &host, int signal_fd)
       uint64_t count;
       [[maybe_unused]] const ssize_t got = read(host.wake_fd(), &count, sizeof count);
     }
-    host.stop_for_journal();
-    host.watch_isolation();
+    host.watch();
   }
 }
 
@@ -118,26 +119,39 @@ int run_library(service &host, int signal_fd, control_server &control)
   return code;
 }
 
-int run_service(const settings &configured, int signal_fd)
+/// Runs all that hears other nodes.
+int run_cluster(service &host, int signal_fd)
 {
-  service host(configured);
-  control_server control(host);
+  control_server control({.socket_path = host.configured.socket_path,
+                          .submit_fields = {{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}}},
+                         daemon_operations(host), *host.submissions);
   std::string error;
-  if (!host.events.open(configured.trace.path, host.life, error)) {
-    return fail(EXIT_CONFIG, error);
-  }
-  if (!host.lines.open(configured.journal, error)) {
-    return fail(EXIT_CONFIG, "journal: " + error);
-  }
   const bool enabled = vx_cons_cluster_enabled() != 0;
   if (enabled && !platform::messaging_start(error)) {
     return fail(EXIT_CONFIG, error);
   }
+  host.link->start();
   const int code = run_library(host, signal_fd, control);
+  host.link->stop();
   if (enabled) {
     platform::messaging_stop();
   }
-  host.lines.close();
+  return code;
+}
+
+int run_service(const settings &configured, int signal_fd)
+{
+  service host(configured);
+  std::string error;
+  if (!host.events.open(configured.trace.path, host.life, error)) {
+    return fail(EXIT_CONFIG, error);
+  }
+  int code = host.open_store(error);
+  if (code != EXIT_OK) {
+    return fail(code, error);
+  }
+  code = run_cluster(host, signal_fd);
+  host.close_store();
   log_line(log_level::info, "kesh: stopped");
   return code;
 }
