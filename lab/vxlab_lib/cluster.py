@@ -111,7 +111,7 @@ class Cluster:
         return {int(node): state for node, state in self.holder.ask("state")["nodes"].items() if node.isdigit()}
 
     def set_master(self, *node_ids):
-        """Writes MASTER to these nodes' state files and BACKUP to all others, BACKUP first."""
+        """Says MASTER to these nodes and BACKUP to all others, BACKUP first."""
         for node_id in node_ids:
             self.node(node_id)
         for node_id, node in self.nodes.items():
@@ -121,7 +121,8 @@ class Cluster:
             self.nodes[node_id].write_state("MASTER")
 
     def masters(self):
-        return [node_id for node_id, node in self.nodes.items() if node.state() == "MASTER"]
+        """Returns the nodes that were told to lead."""
+        return [node_id for node_id, node in self.nodes.items() if node.vrrp_state() == "MASTER"]
 
     def partition_parts(self):
         return [set(part) for part in self.dir.read_settings()["partition"]]
@@ -138,7 +139,7 @@ class Cluster:
         self.partition()
 
     def submit(self, node_id, lines, threads=1, timeout_s=60):
-        """Starts a Submission. `timeout_s`: how long a line waits for an inactive node to become active again."""
+        """Starts a Submission. `timeout_s`: from the arrival of a line at the daemon until it gives up."""
         return Submission(self.node(node_id), lines, threads, timeout_s)
 
     def status(self, node_id):

@@ -17,11 +17,11 @@ from .control import NodeUnreachable
 from .errors import CheckFailed, LabError, UsageError
 from .programs import DURABLE
 from .progress import bar
-from .soak_figures import JOURNAL_KEEP, Figures, file_figures, payload_figures
+from .soak_figures import LINES_KEPT, STATE_MAX, Figures, file_figures, payload_figures
 from .waiting import WaitTimeout, wait_until
 
 LOAD = {"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}  # the long ones travel in pieces
-SETTINGS = {"journal.keep": JOURNAL_KEEP, "log.max_size": LOG_BYTES_MAX}
+SETTINGS = {"state.max": STATE_MAX, "retention.lines": LINES_KEPT, "log.max_size": LOG_BYTES_MAX}
 
 PERIOD_S = 1.0
 LEAVE_EVERY = 8  # seconds; a node leaves for one second

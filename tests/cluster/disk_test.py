@@ -1,4 +1,5 @@
-"""Disks that fail, and files that are not what they should be: one node leaves, the others go on."""
+"""Disks that fail, and files that are not what they should be: one node leaves or is given what it lost, the others go
+on."""
 
 import os
 import unittest
@@ -67,6 +68,43 @@ class Disk(Scenario):
                     file.write(whole)
                 self.cluster.restart(3)
                 self.check_all()
+
+    def test_a_store_that_is_lost_or_cut_is_filled_by_the_others(self):
+        path = self.cluster.node(3).path("flashdisk", "kesh.store")
+
+        def move_away(names):
+            for name in names:
+                if os.path.exists(path + name):
+                    os.rename(path + name, path + name + ".elsewhere")
+
+        for what, spoil in (("all of it is gone", lambda: move_away(("", "-wal"))),
+                            ("its -wal alone is left", lambda: move_away(("",))),
+                            ("half of it", lambda: os.truncate(path, os.path.getsize(path) // 2)),
+                            ("nothing of it", lambda: os.truncate(path, 0))):
+            with self.subTest(what):
+                self.submit(2, 20).wait()
+                self.cluster.kill(3)
+                self.submit(1, 20).wait()
+                spoil()
+                self.cluster.start(3)
+                self.submit(3, 10).wait()
+                self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+
+    def test_a_file_of_somebody_else_is_not_touched(self):
+        self.cluster.stop(3)
+        path = self.cluster.node(3).path("flashdisk", "kesh.store")
+        os.rename(path, path + ".elsewhere")
+        foreign = b"my notes\n" * 1000
+        with open(path, "wb") as file:
+            file.write(foreign)
+        with self.assertRaisesRegex(Exception, "node 3"):
+            self.cluster.start(3)
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), foreign)
+        os.rename(path + ".elsewhere", path)
+        self.cluster.restart(3)
+        self.submit(3, 10).wait()
+        self.check_all()
 
 
 if __name__ == "__main__":

@@ -10,7 +10,6 @@ sys.dont_write_bytecode = True
 BUILD_DIR = os.environ["VX_BUILD_DIR"]
 sys.path.insert(0, os.environ["VX_LAB_DIR"])
 
-from vxlab_lib import journal  # noqa: E402
 from vxlab_lib.checker import check_journals  # noqa: E402
 from vxlab_lib.cluster import Cluster  # noqa: E402
 from vxlab_lib.waiting import wait_until  # noqa: E402

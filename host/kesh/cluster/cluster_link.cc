@@ -1,11 +1,14 @@
 #include "cluster/cluster_link.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <system_error>
 
 #include "atomic_file.h"
 #include "bytes.h"
@@ -90,6 +93,26 @@ int64_t now_ms()
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
+std::string identity_of(const cluster_identity &cluster)
+{
+  return cluster.name + ", generation " + std::to_string(cluster.generation) + ", " + cluster.first_mac;
+}
+
+std::string standing_path(const std::string &records)
+{
+  return records + "/kesh.standing";
+}
+
+bool standing_save(const std::string &records, standing now, const std::string &identity, std::string &error)
+{
+  std::string why;
+  const bool done = platform::file_replace(standing_path(records), standing_text(now, identity), why);
+  if (!done) {
+    error = standing_path(records) + ": " + why;
+  }
+  return done;
+}
+
 /// Each the highest of both.
 message_ids merged(message_ids ids, const message_ids &more)
 {
@@ -100,13 +123,27 @@ message_ids merged(message_ids ids, const message_ids &more)
 
 }  // namespace
 
+bool forget_standing(std::string &error, const std::string &records)
+{
+  const std::string path = standing_path(records);
+  const bool done = unlink(path.c_str()) == 0 || errno == ENOENT;
+  if (!done) {
+    error = path + ": " + std::generic_category().message(errno);
+  }
+  return done;
+}
+
+bool mark_reformed(const settings &configured, std::string &error, const std::string &records)
+{
+  const hello_settings of = settings_of(configured, mac_number(configured.first_mac), {});
+  return standing_save(records, standing::reformed, identity_of(of.cluster), error);
+}
+
 cluster_link::cluster_link(const settings &configured, store &of, link_functions functions, link_places places)
     : store_(of), functions_(std::move(functions)), places_(std::move(places)),
       cluster_id_(mac_number(configured.first_mac)),
       hello_settings_(settings_of(configured, cluster_id_, places_.period)),
-      is_configured_(is_usable(hello_settings_, cluster_id_)),
-      identity_(hello_settings_.cluster.name + ", generation " + std::to_string(hello_settings_.cluster.generation) +
-                ", " + hello_settings_.cluster.first_mac),
+      is_configured_(is_usable(hello_settings_, cluster_id_)), identity_(identity_of(hello_settings_.cluster)),
       filter_(cluster_id_, vx_firmware_dova_build_nr), records_(places_.records), look_(of),
       newcomer_(hello_settings_.node_count, hello_settings_.node), hello_(hello_settings_, make_functions())
 {
@@ -270,6 +307,12 @@ lead_answer cluster_link::may_submit()
   return {yes, std::move(reason)};
 }
 
+bool cluster_link::is_reformed()
+{
+  const lock_scope scope(lock_);
+  return newcomer_.stands() == standing::reformed;
+}
+
 cluster_view cluster_link::view()
 {
   return hello_.view();
@@ -344,7 +387,8 @@ cluster_link::log_text cluster_link::decide()
   if (written_ == text) {
     return std::nullopt;
   }
-  if (level == log_level::debug && answer.yes != was_master_) {
+  const bool is_plain = newcomer_.stands() == standing::member && answer.yes == was_master_;
+  if (level == log_level::debug && !is_plain) {
     level = log_level::info;
   }
   was_master_ = answer.yes;
@@ -354,12 +398,7 @@ cluster_link::log_text cluster_link::decide()
 
 bool cluster_link::write_standing(standing now, std::string &error)
 {
-  std::string why;
-  if (!platform::file_replace(standing_path(), standing_text(now, identity_), why)) {
-    error = standing_path() + ": " + why;
-    return false;
-  }
-  return true;
+  return standing_save(places_.records, now, identity_, error);
 }
 
 void cluster_link::tell_submission()
@@ -381,7 +420,7 @@ bool cluster_link::look_for_past(std::string &error)
   const lock_scope standing_scope(standing_lock_);
   const own_records records = records_reader(places_.records).read();
   std::string text, unread;
-  const bool is_kept = platform::file_read(standing_path(), text, unread);
+  const bool is_kept = platform::file_read(standing_path(places_.records), text, unread);
   const auto kept = is_kept ? standing_read(text, identity_) : std::nullopt;
   const standing found = standing_at_start(kept, records.has_past);
   if (found == standing::is_new && kept != found && !write_standing(found, error)) {
@@ -435,7 +474,7 @@ own_facts cluster_link::gather()
     told_decision_ = records.decision;
   }
   if (in_store) {
-    advance_newcomer(records, known);
+    advance_newcomer(records, known, is_reformed() ? obstacle_to_reform(now.position) : std::string());
     tell_submission();
   }
   changed();
@@ -485,7 +524,18 @@ void cluster_link::note_hello(const hello &said)
   newcomer_.heard(said);
 }
 
-void cluster_link::advance_newcomer(const own_records &records, const message_ids &known)
+std::string cluster_link::obstacle_to_reform(const told_position &own)
+{
+  std::vector<reform_voice> voices;
+  for (const peer_view &one : hello_.view().peers) {
+    if (one.is_member) {
+      voices.push_back({one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.position});
+    }
+  }
+  return reform_obstacle(hello_settings_.node_count, own, voices, [&](uint64_t n) { return look_.hash_at(own, n); });
+}
+
+void cluster_link::advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
 {
   const lock_scope standing_scope(standing_lock_);
   newcomer::step next;
@@ -495,7 +545,8 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
                               .handled = records.fault.empty() && records.handled,
                               .decision = records.decision,
                               .msg_id = records.msg_id,
-                              .known_msg_id = known[hello_settings_.node - 1]});
+                              .known_msg_id = known[hello_settings_.node - 1],
+                              .obstacle = std::move(obstacle)});
     if (next.msg_id && !msg_id_wanted_) {
       msg_id_wanted_ = next.msg_id;
       wake_worker_.signal_all();

@@ -26,6 +26,7 @@
 #include "cluster/no_op_rule.h"
 #include "cluster/node_state_file.h"
 #include "cluster/own_records.h"
+#include "cluster/reform.h"
 #include "cluster/store_look.h"
 #include "cluster/vote_filter.h"
 #include "guarded.h"
@@ -35,6 +36,8 @@
 
 namespace kesh
 {
+
+inline constexpr char RECORDS_DIRECTORY[] = "/flashdisk/cons";
 
 /// What the link asks of the daemon. None may be null, but for may_submit_changed.
 struct link_functions {
@@ -55,12 +58,17 @@ struct link_functions {
 
 /// Where things are. Tests have other places.
 struct link_places {
-  std::string records = "/flashdisk/cons";
+  std::string records = RECORDS_DIRECTORY;
   std::string node_state = NODE_STATE_PATH;
   std::string vrrp_state = VRRP_STATE_PATH;
   std::function<void(std::string_view hello)> send;  ///< null: on channel 7, to all nodes
   std::chrono::milliseconds period{1000};
 };
+
+/// For `kesh configure`, before it resets the library's records: this node is a new one then. False: `error` says why.
+bool forget_standing(std::string &error, const std::string &records = RECORDS_DIRECTORY);
+/// For a reform, after the records were reset: this node goes on with its store in the generation that is configured.
+bool mark_reformed(const settings &configured, std::string &error, const std::string &records = RECORDS_DIRECTORY);
 
 class cluster_link
 {
@@ -98,6 +106,10 @@ public:
   /// Whether vx_cons_distribute may be called. No: wait for may_submit_changed, or refuse.
   lead_answer may_submit() PLATFORM_EXCLUDES(lock_);
 
+  /// The library begins a new generation with the stores of the one before: an empty log fits the store. To be asked
+  /// after before_library_start().
+  bool is_reformed() PLATFORM_EXCLUDES(lock_);
+
   cluster_view view();
   /// For the status of the daemon.
   nlohmann::json status_json() PLATFORM_EXCLUDES(lock_);
@@ -119,8 +131,9 @@ private:
   void note_vrrp_file() PLATFORM_EXCLUDES(lock_);
   void note_hello(const hello &said) PLATFORM_EXCLUDES(lock_);
   void judged(const cluster_view &view) PLATFORM_EXCLUDES(lock_);
-  void advance_newcomer(const own_records &records, const message_ids &known) PLATFORM_EXCLUDES(lock_)
-      PLATFORM_EXCLUDES(standing_lock_);
+  std::string obstacle_to_reform(const told_position &own);
+  void advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
+      PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   std::string why_nothing_is_ordered(node_role role) PLATFORM_EXCLUDES(lock_);
 
   // Work thread.
@@ -129,7 +142,6 @@ private:
   void order_no_ops(no_op_rule &rule) PLATFORM_EXCLUDES(lock_);
   bool is_stopping() PLATFORM_EXCLUDES(lock_);
 
-  std::string standing_path() const { return places_.records + "/kesh.standing"; }
   /// May call may_submit_changed.
   void tell_submission() PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);

@@ -14,7 +14,7 @@ namespace
 using nlohmann::json;
 
 constexpr std::array<const char *, 4> ROLES = {"stopped", "follower", "leader", "isolated"};
-constexpr std::array<const char *, 3> STANDINGS = {"new", "joined", "member"};
+constexpr std::array<const char *, 4> STANDINGS = {"new", "joined", "member", "reformed"};
 constexpr std::string_view DIGITS = "0123456789abcdef";
 constexpr size_t MAC_SIZE = 17;
 

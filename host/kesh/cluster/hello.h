@@ -13,7 +13,7 @@
 ///     session            drawn at random by each daemon
 ///     number             of this hello in its session, from 1
 ///     role               "stopped", "follower", "leader" or "isolated"
-///     standing           "new", "joined" or "member": newcomer.h
+///     standing           "new", "joined", "member" or "reformed": newcomer.h
 ///     decision           the last one in the file paxos_decide, which was flushed before
 ///     top                greatest number of a decision that this node had to do with
 ///     store              number of its store, another one each time it was replaced
@@ -52,7 +52,7 @@ enum class node_role : uint8_t { stopped, follower, leader, isolated };
 const char *node_role_name(node_role role);
 
 /// What a node is to the cluster; newcomer.h says how one becomes the other.
-enum class standing : uint8_t { is_new, joined, member };
+enum class standing : uint8_t { is_new, joined, member, reformed };
 const char *standing_name(standing of);
 std::optional<standing> standing_of(std::string_view name);
 

@@ -27,6 +27,7 @@ void newcomer::begin(standing from)
     others_ = {};
   }
   stands_ = from;
+  are_ids_free_ = false;
   waits_for_ = "it has not looked around yet";
 }
 
@@ -79,44 +80,92 @@ std::string newcomer::obstacle(const own &now) const
   return now.is_running && now.handled ? "" : "the library's log is not delivered to its end";
 }
 
+/// Set: the id above which this node's must begin.
+std::optional<uint32_t> newcomer::id_to_raise(const own &now) const
+{
+  uint32_t used = now.known_msg_id;
+  for (const other &one : others_) {
+    used = std::max(used, one.own_id);
+  }
+  if (used == 0 || now.msg_id > used) {
+    return std::nullopt;
+  }
+  return used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
+}
+
+newcomer::step newcomer::advance_new(const own &now)
+{
+  waits_for_ = obstacle(now);
+  if (!waits_for_.empty()) {
+    return {};
+  }
+  if (const auto id = id_to_raise(now)) {
+    waits_for_ = "its message ids are being raised";
+    return {.becomes = std::nullopt, .msg_id = id};
+  }
+  return {.becomes = now.decision != 0 ? standing::member : standing::joined, .msg_id = std::nullopt};
+}
+
+newcomer::step newcomer::advance_joined(const own &now)
+{
+  const std::string missing = numbers_of([](const other &one) { return !one.is_heard || one.is_new; });
+  if (now.decision != 0 || missing.empty()) {
+    return {.becomes = standing::member, .msg_id = std::nullopt};
+  }
+  waits_for_ = "nodes that have not joined yet:" + missing;
+  return {};
+}
+
+newcomer::step newcomer::advance_reformed(const own &now)
+{
+  const auto told = std::count_if(others_.begin(), others_.end(), [](const other &one) { return one.has_ids; });
+  if (static_cast<uint32_t>(told) + 1 <= node_count_ / 2) {
+    waits_for_ = "it has not heard a majority yet";
+    return {};
+  }
+  if (const auto id = id_to_raise(now); id && !are_ids_free_) {
+    waits_for_ = "its message ids are being raised";
+    return {.becomes = std::nullopt, .msg_id = id};
+  }
+  are_ids_free_ = true;
+  if (now.decision != 0) {
+    return {.becomes = standing::member, .msg_id = std::nullopt};
+  }
+  waits_for_ = now.obstacle;
+  return {};
+}
+
 newcomer::step newcomer::advance(const own &now)
 {
-  step next;
   waits_for_.clear();
-  if (stands_ == standing::is_new) {
-    waits_for_ = obstacle(now);
-    if (!waits_for_.empty()) {
-      return next;
-    }
-    uint32_t used = now.known_msg_id;
-    for (const other &one : others_) {
-      used = std::max(used, one.own_id);
-    }
-    if (used != 0 && now.msg_id <= used) {
-      waits_for_ = "its message ids are being raised";
-      next.msg_id = used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
-      return next;
-    }
-    next.becomes = now.decision != 0 ? standing::member : standing::joined;
-  } else if (stands_ == standing::joined) {
-    const std::string missing = numbers_of([](const other &one) { return !one.is_heard || one.is_new; });
-    if (now.decision != 0 || missing.empty()) {
-      next.becomes = standing::member;
-    } else {
-      waits_for_ = "nodes that have not joined yet:" + missing;
-    }
+  switch (stands_) {
+  case standing::is_new:
+    return advance_new(now);
+  case standing::joined:
+    return advance_joined(now);
+  case standing::reformed:
+    return advance_reformed(now);
+  case standing::member:
+    break;
   }
-  return next;
+  return {};
 }
 
 std::string newcomer::why_no_submission() const
 {
+  if (stands_ == standing::reformed && !are_ids_free_) {
+    return "the cluster is reformed: " + waits_for_;
+  }
   return stands_ == standing::is_new ? "it is new to the cluster: " + waits_for_ : std::string();
 }
 
 std::string newcomer::why_no_lead() const
 {
-  return stands_ == standing::joined ? "the cluster forms: " + waits_for_ : why_no_submission();
+  if (stands_ == standing::joined) {
+    return "the cluster forms: " + waits_for_;
+  }
+  return stands_ == standing::reformed && !waits_for_.empty() ? "the cluster is reformed: " + waits_for_
+                                                              : why_no_submission();
 }
 
 }  // namespace kesh

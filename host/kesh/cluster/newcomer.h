@@ -7,12 +7,14 @@
 ///     joined   votes and submits. In a cluster that forms it does not lead yet: a leader's first question raises its
 ///              own top, and a node that is still new would wait for a decision that needs its own vote
 ///     member   all others have joined too, or there is a decision
+///     reformed its records were reset on purpose, so nothing that it forgot counts in this generation. It votes; it
+///              submits and leads when reform.h lets it, and is a member with the first decision
 ///
 /// The first top is enough: whatever this node had promised was asked for before its daemon started.
 ///
 /// The standing is kept in the file kesh.standing beside the library's records, which shares their fate:
 ///
-///     line 1   new, joined or member
+///     line 1   new, joined, member or reformed
 ///     line 2   identity of the cluster
 ///
 /// Its message ids begin above those that the others know: numbers that are used twice would name two payloads.
@@ -57,6 +59,7 @@ public:
     uint32_t decision = 0;      ///< number
     uint32_t msg_id = 0;        ///< the last one that the library's record says was handed out
     uint32_t known_msg_id = 0;  ///< the highest one that the own records and store know
+    std::string obstacle{};     ///< of a reformed node: what reform_obstacle() says
   };
   struct step {
     std::optional<standing> becomes;  ///< to be made durable, then told to begin()
@@ -81,12 +84,17 @@ private:
   template <typename predicate>
   std::string numbers_of(predicate matches) const;
   std::string obstacle(const own &now) const;
+  std::optional<uint32_t> id_to_raise(const own &now) const;
+  step advance_new(const own &now);
+  step advance_joined(const own &now);
+  step advance_reformed(const own &now);
 
   uint32_t node_count_;
   uint32_t node_;
   standing stands_ = standing::is_new;
   std::array<other, HELLO_NODES_MAX> others_{};
-  std::string waits_for_;  // what the last advance() found missing
+  std::string waits_for_;      // what the last advance() found missing
+  bool are_ids_free_ = false;  // of a reformed node: those that it will use were never used
 };
 
 }  // namespace kesh

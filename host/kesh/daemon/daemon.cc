@@ -122,9 +122,10 @@ int run_library(service &host, int signal_fd, control_server &control)
 /// Runs all that hears other nodes.
 int run_cluster(service &host, int signal_fd)
 {
-  control_server control({.socket_path = host.configured.socket_path,
-                          .submit_fields = {{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}}},
-                         daemon_operations(host), *host.submissions);
+  control_settings where;
+  where.socket_path = host.configured.socket_path;
+  where.submit_fields = {{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}};
+  control_server control(std::move(where), daemon_operations(host), *host.submissions);
   std::string error;
   const bool enabled = vx_cons_cluster_enabled() != 0;
   if (enabled && !platform::messaging_start(error)) {

@@ -2,6 +2,7 @@
 
 #include "daemon/node_files.h"
 #include "platform.h"
+#include "store/journal_import.h"
 #include "store/library_records.h"
 
 namespace kesh
@@ -34,6 +35,26 @@ void create(store &lines, const std::string &reason)
   }
 }
 
+/// No store is there: this node is new, its store was moved away, or it has the journal of an earlier build.
+void create_first(store &lines, const settings &configured)
+{
+  std::string why;
+  if (!old_journal_waits(configured.old_journal_path, why)) {
+    if (!why.empty()) {
+      throw store_failure(why);
+    }
+    create(lines, configured.store_path + " is missing");
+    return;
+  }
+  const auto start = journal_import(configured.old_journal_path, read_records().delivered, why);
+  if (!start) {
+    throw store_failure(why);
+  }
+  lines.create(*start);
+  log_line(log_level::info, "store: begins behind the " + std::to_string(start->lines) + " lines of " +
+                                configured.old_journal_path + ", which stay there");
+}
+
 }  // namespace
 
 bool store_bring_up(store &lines, const settings &configured, std::string &error)
@@ -42,15 +63,16 @@ bool store_bring_up(store &lines, const settings &configured, std::string &error
     std::string why;
     switch (lines.open({configured.store_path, configured.store_identity(), configured.state_max}, why)) {
     case store_found::ready:
-      return true;
+      break;
     case store_found::absent:
-      create(lines, configured.store_path + " is missing");
-      return true;
+      create_first(lines, configured);
+      break;
     case store_found::unusable:
       log_line(log_level::error, "store: " + why + "; it is kept as " + lines.put_aside());
       create(lines, why);
-      return true;
+      break;
     }
+    return note_taken_over(configured.old_journal_path, error);
   } catch (const std::exception &failure) {
     error = std::string("store: ") + failure.what();
   }

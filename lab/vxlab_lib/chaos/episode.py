@@ -61,7 +61,7 @@ class Episode:
         os.makedirs(work)
         self.run_info = {"seed": self.plan.seed, "arena": self.plan.arena, "nodes": self.plan.nodes,
                          "faults": self.plan.faults, "build": self.build.directory, "library": self.build.library,
-                         "started_ns": now_ns(), "options": {"load": self.plan.load, **self.plan.options},
+                         "started_ns": now_ns(), "options": {"load": self.plan.load, "keeps_lines": True, **self.plan.options},
                          "plan": self.plan.as_json()}
         self.write_run_info()
         self.events = EventLog(os.path.join(self.evidence, "events.jsonl"))
@@ -108,7 +108,8 @@ class Episode:
                                        count for what, count in self.events.counts.items()
                                        if what in ("kill", "term", "pause", "master", "net", "cut", "hold", "disk",
                                                    "stop-call", "slow-hook", "clock", "state-file", "strangers",
-                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut")))
+                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut",
+                                                   "store-lost", "disk-back")))
         self._end_nodes(stage)
 
     def _first_life(self, arena, seconds):
@@ -123,6 +124,7 @@ class Episode:
                 self.notes.append(f"first life: node {node.id} ended with {code}")
             arena.node_is_down(node.id)
         for node in arena.cluster.nodes.values():
+            node.generation += 1
             node.configure(self.plan.nodes)
             if word := sanitizer_word(read_whole(node.path("output.log"))):
                 self.notes.append(f"first life: node {node.id} printed \"{word}\"")

@@ -42,7 +42,7 @@ class Load:
     def _run(self, node_id, options):
         try:
             control = self._cluster.node(node_id).control
-            with control.load(timeout_s=LINE_TIMEOUT_S, repeat=False, **options) as (stream, sock):
+            with control.load(timeout_s=LINE_TIMEOUT_S, **options) as (stream, sock):
                 with self._lock:
                     if self._ended:
                         return

@@ -289,3 +289,39 @@ TEST_F(cluster_link_test, the_leader_orders_no_ops_for_a_node_that_waits_for_a_s
   EXPECT_EQ(node(1).no_ops, static_cast<int>(no_op_rule::NO_OPS_MAX));
   EXPECT_EQ(node(1).node_state(), "BACKUP\n");
 }
+
+// Node 3 is lost for good. The others begin another generation with their stores.
+TEST_F(cluster_link_test, a_reformed_cluster_is_led_by_the_node_that_applied_most)
+{
+  const std::string from = "blue, generation 0", to = "blue, generation 1";
+  for (auto &one : nodes) {
+    apply_lines(one->lines, 1, one->configured.node_id == 2 ? 700 : 600);
+    one->lines.close();
+    const std::string path = (one->at / "store").string();
+    store_change_identity(path, "blue", from);
+    store_change_identity(path, from, to);
+    store_change_identity(path, from, to);
+    EXPECT_THROW(store_change_identity(path, from, "red"), store_failure);
+    EXPECT_EQ(one->lines.open({path, to, 1 << 20}, why), store_found::ready) << why;
+
+    one->configured.generation = 1;
+    one->configured.first_mac = generation_mac(one->configured.first_mac, 1);
+    one->empty_disk();
+    EXPECT_TRUE(mark_reformed(one->configured, why, one->at / "cons")) << why;
+    one->write("vrrp", "MASTER\n");
+  }
+  start({1, 2});
+  EXPECT_TRUE(node(1).link->is_reformed());
+  await([&] { return node(2).node_state() == "MASTER\n"; });
+  await([&] {
+    return node(1).link->may_lead().reason ==
+           "the cluster is reformed: node 2 has applied more, 700 payloads, and goes first";
+  });
+  EXPECT_EQ(node(1).node_state(), "BACKUP\n");
+  EXPECT_TRUE(node(1).link->may_submit().yes);
+  EXPECT_EQ(node(1).read("cons/msg_id"), le32(700 + UNKNOWN_IDS_MAX)) << "of rows that only the other one has";
+
+  node(2).records(1, {{2, 66237}});
+  await([&] { return node(2).standing() == "member"; });
+  EXPECT_FALSE(node(2).link->is_reformed());
+}

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "cluster/no_op_rule.h"
+#include "cluster/reform.h"
 #include "cluster/vote_filter.h"
 
 using namespace kesh;
@@ -211,4 +212,87 @@ TEST(no_op_rule, orders_for_those_in_need_and_not_for_ever)
   EXPECT_TRUE(rule.wants(view, own, 2000 + no_op_rule::STUCK_MS));
   view.peers[0].last.position.n = 1;
   EXPECT_FALSE(rule.wants(view, own, 2001 + no_op_rule::STUCK_MS));
+}
+
+namespace
+{
+
+/// H(n) of a history that leaves the common one at payload `fork`.
+chain_hash hash_of(uint64_t n, uint64_t fork = UINT64_MAX)
+{
+  chain_hash hash{};
+  hash[0] = static_cast<uint8_t>(n);
+  hash[1] = static_cast<uint8_t>(n >> 8);
+  hash[31] = n >= fork ? 1 : 0;
+  return hash;
+}
+
+reform_voice voice_of(uint32_t node, uint64_t n, uint64_t fork = UINT64_MAX)
+{
+  return {node, 0, true, {1, true, n, hash_of(n, fork), hash_of(checkpoint_of(n), fork)}};
+}
+
+}  // namespace
+
+// Node 1 of three is at payload 600 and keeps its hashes from 300 on. Whoever leads first gives its store to all.
+TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
+{
+  reform_voice incomplete = voice_of(2, 600), begun = voice_of(2, 650), gone = begun;
+  incomplete.said.complete = false;
+  begun.decision = gone.decision = 4;
+  gone.is_live = false;
+  const struct {
+    const char *what;
+    std::vector<reform_voice> voices;
+    const char *obstacle;  // part of it; empty: none
+  } cases[] = {
+      {"alone", {}, "has heard 0 other nodes"},
+      {"equal", {voice_of(2, 600)}, ""},
+      {"behind", {voice_of(2, 500), voice_of(3, 600)}, ""},
+      {"ahead", {voice_of(2, 601)}, "node 2 has applied more, 601"},
+      {"behind what is kept", {voice_of(2, 299)}, "node 2 cannot be compared"},
+      {"another one at the same payload", {voice_of(2, 600, 600)}, "another history, seen at payload 600"},
+      {"another one behind", {voice_of(2, 500, 500)}, "another history, seen at payload 500"},
+      {"another one ahead", {voice_of(2, 700, 500)}, "another history, seen at payload 512"},
+      {"another one, beside an equal one", {voice_of(2, 600), voice_of(3, 500, 400)}, "node 3 has another history"},
+      {"one that waits for a state", {incomplete}, "has heard 0 other nodes"},
+      {"one has begun", {begun}, "node 2 has begun"},
+      {"one had begun and is gone", {gone, voice_of(3, 600)}, ""},
+  };
+  const auto own_hash = [](uint64_t n) { return n >= 300 ? std::optional(hash_of(n)) : std::nullopt; };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string obstacle = reform_obstacle(3, voice_of(1, 600).said, c.voices, own_hash);
+    EXPECT_EQ(obstacle.empty(), *c.obstacle == '\0') << obstacle;
+    EXPECT_NE(obstacle.find(c.obstacle), std::string::npos) << obstacle;
+  }
+}
+
+// The log of a new generation begins with new ids: rows of the one before name the same nodes.
+TEST(reform, a_node_submits_once_its_ids_are_free_and_is_a_member_with_the_first_decision)
+{
+  newcomer node(3, 1);
+  node.begin(standing::reformed);
+  newcomer::own now{true, true, 0, 1, 12, "another one goes first"};
+  EXPECT_EQ(node.advance(now).msg_id, std::nullopt) << "no majority was heard";
+  node.heard(hello_of("2@0i20"));
+  EXPECT_EQ(node.advance(now).msg_id, 20 + UNKNOWN_IDS_MAX);
+  EXPECT_NE(node.why_no_submission(), "");
+  now.msg_id = 20 + UNKNOWN_IDS_MAX;
+  EXPECT_EQ(node.advance(now).becomes, std::nullopt);
+  EXPECT_EQ(node.why_no_submission(), "");
+  EXPECT_EQ(node.why_no_lead(), "the cluster is reformed: another one goes first");
+  now.obstacle.clear();
+  EXPECT_EQ(node.advance(now).becomes, std::nullopt);
+  EXPECT_EQ(node.why_no_lead(), "");
+  now.decision = 1;
+  EXPECT_EQ(node.advance(now).becomes, standing::member);
+}
+
+TEST(reform, another_generation_has_another_cluster_id)
+{
+  EXPECT_EQ(generation_mac("02:00:00:00:00:01", 0), "02:00:00:00:00:01");
+  EXPECT_EQ(generation_mac("02:00:00:00:00:01", 0x103), "01:03:02:00:00:00:00:01");
+  EXPECT_EQ(generation_mac("01:03:02:00:00:00:00:01", 0x104), "01:04:02:00:00:00:00:01");
+  EXPECT_EQ(generation_mac("01:03:02:00:00:00:00:01", 0), "02:00:00:00:00:01");
 }
