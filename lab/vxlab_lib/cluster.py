@@ -24,6 +24,10 @@ NODES_MAX = 16
 ACTIVE_TIMEOUT_S = 30.0
 
 
+def takes_part(status):
+    return status["active"] and status["cluster"]["may_submit"]["yes"]
+
+
 class Cluster:
     def __init__(self, run_dir, build_dir=None):
         """Uses the laboratory in `run_dir`, up or not, or the place for a new one (`create`)."""
@@ -150,8 +154,9 @@ class Cluster:
         return struct.unpack_from("<II", self.node(node_id).durable("paxos_decide"))
 
     def await_active(self, node_ids=None, timeout_s=ACTIVE_TIMEOUT_S):
+        """Waits until the nodes take part. A new cluster does so when every node has heard all others."""
         for node_id in node_ids or self.nodes:
-            wait_until(lambda node_id=node_id: self.status(node_id)["active"], timeout_s, f"node {node_id} is active")
+            wait_until(lambda node_id=node_id: takes_part(self.status(node_id)), timeout_s, f"node {node_id} takes part")
 
     def await_equal(self, node_ids=None, timeout_s=60.0):
         """Waits until the journals have the same length, compares them, and returns them."""

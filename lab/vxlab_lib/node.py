@@ -33,6 +33,7 @@ class Node:
         self._holder = holder
         self.control = ControlClient(node_id, self.path("run"))
         self.generation = 1  # of the cluster that `configure` makes
+        self._is_durable = True  # payloads; `kesh configure` knows no other way
         self.net_pid = None  # a process whose network the node shares; None: the laboratory's
         self.environment = {}  # of the daemon, in addition to the laboratory's
         self.on_spawn = lambda pid: None  # called as soon as a process of the daemon exists
@@ -68,6 +69,7 @@ class Node:
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
             file.write(programs.config_text(self.id, self.log_path, settings))
+        self._is_durable = settings.get(programs.DURABLE_KEY) == "yes"
         self.write_state("BACKUP")
         self.configure(node_count)
 
@@ -78,6 +80,8 @@ class Node:
                                str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME, "--generation",
                                str(self.generation), "--yes"),
                      f"configure node {self.id}", cwd=self.dir)
+        if not self._is_durable:
+            programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
 
     def write_state(self, state):
         """Says what keepalived would say. A daemon that does not answer looks at the file later."""

@@ -150,6 +150,7 @@ class Episode:
             thread.join()
         if failed:
             raise failed[0]
+        stage.cluster.await_active()
         if self.plan.options.get("keepalived"):
             wait_until(lambda: len(stage.cluster.masters()) == 1, HEAL_S, "keepalived elects a leader")
 
