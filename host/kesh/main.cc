@@ -21,6 +21,7 @@
 #include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
+#include "store/store_aside.h"
 
 namespace
 {
@@ -42,6 +43,21 @@ A first cluster of one node, as root:
   kesh vrrp MASTER
   echo hello | kesh submit
   kesh journal)";
+
+/// What only an operator can mend is no failure of the store: a supervisor must not start the daemon again and again.
+int run_daemon(const std::string &config_path, bool log_to_stderr)
+{
+  std::string error;
+  kesh::settings configured;
+  if (platform::config_load(config_path, error) && kesh::settings_read(configured, error)) {
+    const std::string obstacle = kesh::store_obstacle(configured.store_path);
+    if (!obstacle.empty()) {
+      fprintf(stderr, "kesh: %s\n", obstacle.c_str());
+      return kesh::EXIT_CONFIG;
+    }
+  }
+  return kesh::daemon_run(config_path, log_to_stderr);
+}
 
 /// The options by which a client command finds the daemon.
 struct address_options {
@@ -145,7 +161,7 @@ struct command_line {
     CLI::App &run = add("run",
                         "Run the daemon, in the foreground. SIGTERM and SIGINT stop it cleanly, SIGHUP opens the log "
                         "again.",
-                        [this] { return kesh::daemon_run(config_path, foreground); });
+                        [this] { return run_daemon(config_path, foreground); });
     run.add_option("--config", config_path, "configuration file")->capture_default_str();
     run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
 

@@ -174,6 +174,15 @@ store_file store_file_look(const std::string &path, std::string &why)
   return store_file::ours;
 }
 
+std::string store_obstacle(const std::string &path)
+{
+  if (const std::string command = interrupted_configuration(path); !command.empty()) {
+    return "the configuration of this node was interrupted; this command goes on with it: " + command;
+  }
+  std::string why;
+  return store_file_look(path, why) == store_file::foreign ? why : "";
+}
+
 bool has_parts(const std::string &path)
 {
   bool found = false;

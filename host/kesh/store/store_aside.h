@@ -42,6 +42,10 @@ enum class store_file {
 /// of it would drop SQLite's locks. `why` says what a foreign file is. Throws a store_failure if it cannot be read.
 store_file store_file_look(const std::string &path, std::string &why);
 
+/// What an operator has to do before a daemon may use the store: a configuration was interrupted, or the file is
+/// somebody's. Empty: nothing. Throws a store_failure if it cannot be looked at.
+std::string store_obstacle(const std::string &path);
+
 /// Called after each step that changed the disk. For tests, which end the process there.
 using aside_step = void (*)();
 

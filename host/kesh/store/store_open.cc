@@ -13,8 +13,8 @@ store_found store::open(const store_settings &settings, std::string &why)
   settings_ = settings;
   has_failed_ = is_ending_ = false;
   locked_ = store_lock(settings_.path);
-  if (const std::string command = interrupted_configuration(settings_.path); !command.empty()) {
-    throw store_failure("the configuration of this node was interrupted; this command goes on with it: " + command);
+  if (const std::string obstacle = store_obstacle(settings_.path); !obstacle.empty()) {
+    throw store_failure(obstacle);
   }
   finish_putting_aside(settings_.path);
   remove_leftover(creating_path());
