@@ -52,8 +52,8 @@ void service::wake() const
 
 int service::open_store(std::string &error)
 {
-  if (!store_bring_up(lines, configured, error)) {
-    return EXIT_STORE;
+  if (const int code = store_bring_up(lines, configured, error); code != EXIT_OK) {
+    return code;
   }
   upkeep_.start(lines, {.keep = configured.keep});
   link = std::make_unique<cluster_link>(configured, lines, make_link_functions());

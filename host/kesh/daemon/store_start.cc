@@ -1,9 +1,11 @@
 #include "daemon/store_start.h"
 
 #include "daemon/node_files.h"
+#include "exit_codes.h"
 #include "platform.h"
 #include "store/journal_import.h"
 #include "store/library_records.h"
+#include "store/store_aside.h"
 
 namespace kesh
 {
@@ -57,7 +59,7 @@ void create_first(store &lines, const settings &configured)
 
 }  // namespace
 
-bool store_bring_up(store &lines, const settings &configured, std::string &error)
+int store_bring_up(store &lines, const settings &configured, std::string &error)
 {
   try {
     std::string why;
@@ -72,11 +74,14 @@ bool store_bring_up(store &lines, const settings &configured, std::string &error
       create(lines, why);
       break;
     }
-    return note_taken_over(configured.old_journal_path, error);
+    return note_taken_over(configured.old_journal_path, error) ? EXIT_OK : EXIT_STORE;
+  } catch (const store_in_use &failure) {
+    error = std::string("store: ") + failure.what();
+    return EXIT_CONFIG;
   } catch (const std::exception &failure) {
     error = std::string("store: ") + failure.what();
+    return EXIT_STORE;
   }
-  return false;
 }
 
 bool store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::string &error)

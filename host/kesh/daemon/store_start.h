@@ -10,9 +10,9 @@ namespace kesh
 {
 
 /// Opens the store. One that is missing or damaged is replaced by an empty one; what was there is put aside, and the
-/// new one waits for a state if this node has a past. False, and `error` says why, if nothing may be done: the file is
-/// somebody else's or a newer build's, another daemon has it, the disk fails.
-bool store_bring_up(store &lines, const settings &configured, std::string &error);
+/// new one waits for a state if this node has a past. EXIT_OK, else `error` says why: EXIT_CONFIG if another daemon has
+/// it; EXIT_STORE if the disk fails, or the file is somebody else's or a newer build's.
+int store_bring_up(store &lines, const settings &configured, std::string &error);
 
 /// To be called before each start of the library, while it does not run: what will be delivered next has to be what the
 /// store expects. If they do not fit, the store is marked incomplete and the library begins with its log's state.
