@@ -39,6 +39,7 @@ void newcomer::heard(const hello &said)
   other &from = others_[said.node - 1];
   if (!from.is_heard) {
     from.top = said.top;
+    from.was_new = said.stands == standing::is_new;
   }
   from.is_heard = true;
   from.is_new = said.stands == standing::is_new;
@@ -73,6 +74,10 @@ std::string newcomer::obstacle(const own &now) const
   uint32_t top = 0;
   for (const other &one : others_) {
     top = std::max(top, one.top);
+  }
+  const auto forgetful = std::count_if(others_.begin(), others_.end(), [](const other &one) { return one.was_new; });
+  if (top != 0 && static_cast<uint32_t>(forgetful) + 1 > node_count_ / 2) {
+    return "a majority has no past, and may have forgotten a decision: a person must decide, see kesh reform";
   }
   if (now.decision < top) {
     return "it knows decision " + std::to_string(now.decision) + ", and others had to do with " + std::to_string(top);

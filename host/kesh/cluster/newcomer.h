@@ -10,7 +10,8 @@
 ///     reformed its records were reset on purpose, so nothing that it forgot counts in this generation. It votes; it
 ///              submits and leads when reform.h lets it, and is a member with the first decision
 ///
-/// The first top is enough: whatever this node had promised was asked for before its daemon started.
+/// The first top is enough: whatever this node had promised was asked for before its daemon started. But where a
+/// majority is new, beside a node that has a past, nobody may be left that knows the last decision: then none joins.
 ///
 /// The standing is kept in the file kesh.standing beside the library's records, which shares their fate:
 ///
@@ -77,8 +78,9 @@ private:
     bool is_heard = false;
     bool has_ids = false;
     bool is_new = true;
-    uint32_t top = 0;     // the first one told
-    uint32_t own_id = 0;  // highest id of this node that it knows
+    bool was_new = false;  // when it was heard first
+    uint32_t top = 0;      // the first one told
+    uint32_t own_id = 0;   // highest id of this node that it knows
   };
 
   template <typename predicate>

@@ -54,6 +54,8 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
       {"its library does not run", "2@740 3@740", {false, true, 740, 1, 0}, "-"},
       {"a cluster that forms", "2@0n 3@0n", {true, true, 0, 1, 0}, "j"},
       {"forms, and one leads already", "2@0n 3@1", {true, true, 0, 1, 0}, "-"},
+      {"a majority forgot, and the third may have missed what it decided", "2@740 3@0n", at_740, "-"},
+      {"also when one of it has learnt something since", "2@740 3@0n 3@740", at_740, "-"},
       {"used ids are not known yet", "2@740 3@740?", at_740, "-"},
       {"one knows a used id", "2@740i12 3@740", at_740, "65548"},
       {"one knew it before", "2@740i12 2@740? 3@740", at_740, "65548"},
