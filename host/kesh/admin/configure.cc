@@ -11,6 +11,7 @@
 #include "admin/cluster_identity.h"
 #include "admin/configure_steps.h"
 #include "client/socket_text.h"
+#include "cluster/cluster_link.h"
 #include "daemon/node_files.h"
 #include "exit_codes.h"
 #include "platform.h"
@@ -110,6 +111,11 @@ int write_cluster(const configure_options &options)
   vx_cfg_set(name, "cluster.name");
   vx_cfg_set(std::to_string(options.generation).c_str(), "cluster.generation");
   vx_cfg_set("yes", "cluster.durable_payloads");
+  // The records are about to be reset: this node has no past in the new cluster.
+  std::string error;
+  if (!forget_standing(error)) {
+    return fail(EXIT_RUNTIME, error);
+  }
   if (vx_cons_init() != 0) {
     return fail(EXIT_RUNTIME, "the library does not come up: the log says why");
   }
