@@ -9,11 +9,13 @@
 #include <string>
 
 #include "admin/configure.h"
+#include "admin/store_commands.h"
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
 #include "cluster/node_state_file.h"
 #include "daemon/daemon.h"
+#include "daemon/node_files.h"
 #include "daemon/status.h"
 #include "exit_codes.h"
 #include "items/payload.h"
@@ -67,6 +69,22 @@ struct address_options {
     }
     return action(configured.socket_path);
   }
+
+  /// The same for commands that can do without a daemon; they need the configuration then.
+  int with_store(const std::function<int(const kesh::store_access &)> &action) const
+  {
+    kesh::store_access access;
+    kesh::settings configured;
+    if (platform::config_load(config_path.empty() ? kesh::CONFIG_PATH_DEFAULT : config_path, access.why) &&
+        kesh::settings_read(configured, access.why)) {
+      access.place = {{configured.store_path, configured.store_identity(), configured.state_max}, kesh::CONS_DIRECTORY};
+      access.socket_path = configured.socket_path;
+    }
+    if (!socket_path.empty() || !access.place) {
+      access.socket_path = socket_path.empty() ? kesh::SOCKET_PATH_DEFAULT : socket_path;
+    }
+    return action(access);
+  }
 };
 
 struct command_line {
@@ -87,6 +105,8 @@ struct command_line {
   bool health_json = false;
   std::string vrrp_word;
   bool heard_follow = false;
+  std::string store_file;
+  bool verify_json = false;
   std::string say_text;
   std::vector<uint32_t> nodes;
   kesh::load_request load;
@@ -101,6 +121,7 @@ struct command_line {
     add_daemon_commands();
     add_line_commands();
     add_state_commands();
+    add_store_commands();
     add_other_commands();
     add_test_aids();
   }
@@ -231,6 +252,36 @@ struct command_line {
     vrrp.add_option("STATE", vrrp_word, "MASTER, BACKUP, FAULT or STOP")
         ->required()
         ->check(CLI::IsMember({"MASTER", "BACKUP", "FAULT", "STOP"}));
+  }
+
+  CLI::App &add_store(const char *name, const char *help, std::function<int(const kesh::store_access &)> action)
+  {
+    CLI::App &command = add(name, help, [this, action = std::move(action)] { return address.with_store(action); });
+    address.add_to(command);
+    return command;
+  }
+
+  void add_store_commands()
+  {
+    add_store("backup",
+              "Write a copy of the store, of one moment, while the daemon runs or not. The library's records are never "
+              "part of it.",
+              [this](const kesh::store_access &access) { return kesh::backup_command(access, store_file); })
+        .add_option("FILE", store_file, "must not exist")
+        ->required();
+
+    CLI::App &verify = add_store(
+        "verify", "Check every hash and number of the store, or of a backup. Exit code 1 if there is a fault.",
+        [this](const kesh::store_access &access) { return kesh::verify_command(access, store_file, verify_json); });
+    verify.add_option("FILE", store_file, "a backup, or a store that was put aside (default: the node's store)");
+    verify.add_flag("--json", verify_json, "print as JSON");
+
+    add_store("restore",
+              "With the daemon stopped: put the present store aside and a backup in its place. The node gets what came "
+              "after it from the others.",
+              [this](const kesh::store_access &access) { return kesh::restore_command(access, store_file); })
+        .add_option("FILE", store_file, "the backup; it stays as it is")
+        ->required();
   }
 
   void add_other_commands()

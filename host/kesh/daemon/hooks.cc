@@ -138,8 +138,8 @@ void adopt_state()
                        "store: the cluster's state at payload " + std::to_string(done.state_n) +
                            " does not continue what this node had; that is kept as " + done.aside);
   } else if (done.kind != adoption_kind::kept) {
-    platform::log_line(platform::log_level::info, "store: brought to payload " + std::to_string(done.state_n) +
-                                                      " by a state of the cluster");
+    platform::log_line(platform::log_level::info,
+                       "store: brought to payload " + std::to_string(done.state_n) + " by a state of the cluster");
   }
   hooked->link->changed();
 }

@@ -163,9 +163,8 @@ bool send_lines(store &from, uint64_t &next, control_peer &peer)
   for (;;) {
     const std::vector<store_line> lines = store_read_lines(from, next, READ_LINES, READ_BYTES);
     const uint64_t first = lines.empty() ? from.position().lines + 1 : lines.front().line;
-    if (first > next &&
-        !peer.send("# lines " + std::to_string(next) + " to " + std::to_string(first - 1) +
-                   " are not kept on this node\n")) {
+    if (first > next && !peer.send("# lines " + std::to_string(next) + " to " + std::to_string(first - 1) +
+                                   " are not kept on this node\n")) {
       return false;
     }
     next = std::max(next, first);

@@ -80,9 +80,9 @@ public:
   store lines;
   state_counters states;
   heard messages;
-  std::unique_ptr<batcher> submissions;       ///< from open_store on
-  std::unique_ptr<waiting_clients> waiting;   ///< clients of the daemon itself, as submissions
-  std::unique_ptr<cluster_link> link;         ///< as submissions
+  std::unique_ptr<batcher> submissions;      ///< from open_store on
+  std::unique_ptr<waiting_clients> waiting;  ///< clients of the daemon itself, as submissions
+  std::unique_ptr<cluster_link> link;        ///< as submissions
 
 private:
   int start_locked(std::string &error) PLATFORM_REQUIRES(lifecycle_lock_);

@@ -75,7 +75,8 @@ std::vector<item_outcome> store::judge(const payload &decoded, uint64_t &lines) 
 applied store::add(std::string_view bytes, const payload &decoded, const library_entry &after)
 {
   payload_row row;
-  applied result{.n = n_ + 1, .hash = chain_next(hash_, bytes), .is_redelivered = false, .items = judge(decoded, row.lines)};
+  applied result{
+      .n = n_ + 1, .hash = chain_next(hash_, bytes), .is_redelivered = false, .items = judge(decoded, row.lines)};
   row.n = result.n;
   row.hash = result.hash;
   row.after = after;

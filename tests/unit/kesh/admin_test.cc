@@ -6,6 +6,7 @@
 
 #include "admin/cluster_identity.h"
 #include "admin/configure_steps.h"
+#include "admin/store_commands.h"
 #include "exit_codes.h"
 #include "store/store_aside.h"
 #include "store_fixture.h"
@@ -163,6 +164,86 @@ TEST_F(configure_test, touches_nothing_that_is_not_its_own)
   EXPECT_EQ(run(failing), kesh::EXIT_RUNTIME);
   EXPECT_EQ(run(steps("first")), kesh::EXIT_OK);
   EXPECT_EQ(read_file(path("cluster")), "new");
+}
+
+class store_commands_test : public admin_test
+{
+protected:
+  kesh::store_access access(const std::string &name) const
+  {
+    return {.socket_path = path("no-socket"),
+            .place = kesh::store_place{.store = settings(name), .records = directory.string()},
+            .why = ""};
+  }
+  int backup(const std::string &name, const std::string &file) const
+  {
+    return silently([&] { return kesh::backup_command(access(name), path(file)); });
+  }
+  int verify(const std::string &name, const std::string &file) const
+  {
+    return silently([&] { return kesh::verify_command(access(name), file.empty() ? "" : path(file), true); });
+  }
+  int restore(const std::string &name, const std::string &file) const
+  {
+    return silently([&] { return kesh::restore_command(access(name), path(file)); });
+  }
+};
+
+TEST_F(store_commands_test, restores_what_was_backed_up)
+{
+  write_file(path("paxos_deliver"), std::string("\x02\x07\0\0\0", 5));
+  auto store = open("a");
+  apply_lines(*store, 1, 5);
+  EXPECT_EQ(backup("a", "copy"), kesh::EXIT_REFUSED) << said;
+  store.reset();
+  ASSERT_EQ(backup("a", "copy"), kesh::EXIT_OK) << said;
+  const std::string copy = read_file(path("copy"));
+  EXPECT_EQ(backup("a", "copy"), kesh::EXIT_CONFIG);
+  EXPECT_EQ(verify("a", "copy"), kesh::EXIT_OK) << said;
+  EXPECT_EQ(verify("a", ""), kesh::EXIT_OK) << said;
+
+  store = open("a");
+  apply_lines(*store, 6, 9);
+  const auto ahead = store->position();
+  const std::string state = state_of(*store);
+  EXPECT_EQ(restore("a", "copy"), kesh::EXIT_REFUSED) << said;
+  store.reset();
+  ASSERT_EQ(restore("a", "copy"), kesh::EXIT_OK) << said;
+  EXPECT_TRUE(read_file(path("copy")) == copy);
+  EXPECT_EQ(kesh::store_verify(aside_of("a")).n, 9u);
+  EXPECT_EQ(read_file(path("paxos_deliver")), std::string(5, '\0'));
+
+  // It takes no payload before a state came, and the state gives it the rest.
+  store = open("a");
+  EXPECT_EQ(store->position().n, 5u);
+  EXPECT_THROW(apply_lines(*store, 6, 6), kesh::store_failure);
+  EXPECT_EQ(adopt(*store, state).kind, kesh::adoption_kind::extended);
+  EXPECT_EQ(store->position().hash, ahead.hash);
+  EXPECT_EQ(store->position().incomplete, "");
+}
+
+TEST_F(store_commands_test, restores_nothing_else)
+{
+  write_file(path("paxos_deliver"), std::string(5, '\1'));
+  apply_lines(*open("a"), 1, 5);
+  apply_lines(*open("fault"), 1, 5);
+  kesh::database(path("fault"), kesh::database::mode::read_write).run("UPDATE payload SET hash = zeroblob(32)");
+  write_file(path("text"), "somebody's letters");
+  write_file(path("empty"), "");
+  {
+    kesh::store other;
+    other.open({path("other"), "cluster B", state_max}, why);
+    other.create();
+  }
+  EXPECT_EQ(verify("a", "fault"), kesh::EXIT_RUNTIME);
+  EXPECT_NE(said.find("payload 1: its hash"), std::string::npos);
+  const auto before = all_files();
+  for (const char *file : {"fault", "text", "empty", "other", "none", "."}) {
+    EXPECT_EQ(restore("a", file), kesh::EXIT_CONFIG) << file;
+    EXPECT_TRUE(all_files() == before) << file;
+  }
+  EXPECT_EQ(verify("a", "text"), kesh::EXIT_CONFIG);
+  EXPECT_EQ(verify("none", ""), kesh::EXIT_CONFIG);
 }
 
 }  // namespace
