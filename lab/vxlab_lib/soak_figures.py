@@ -14,7 +14,8 @@ LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0, "unnam
 TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
           "stale": "temporary files left", "unnamed": "payload files beyond the log"}
 SAMPLES_MIN = 100  # of a phase whose memory is judged by LIMITS
-WARM_UP_KB = 2048  # allowed rise in a shorter phase, while allocators and caches fill
+# Of a shorter phase: allocators and caches still fill, and a few samples may all meet a file that is being saved.
+SHORT_LIMITS = {**LIMITS, "rss_kb": 2048, "fds": 3}
 STALE_S = 5.0  # a save takes less time
 
 
@@ -45,9 +46,7 @@ class Phase:
         self.longest_s[what] = max(self.longest_s.get(what, 0.0), seconds)
 
     def allowed(self, figure):
-        if figure != "rss_kb":
-            return LIMITS[figure]
-        return LIMITS[figure] if self.is_long() else WARM_UP_KB
+        return (LIMITS if self.is_long() else SHORT_LIMITS)[figure]
 
     def grown(self, node_id):
         return [figure for figure in LIMITS
@@ -149,8 +148,8 @@ class Figures:
         print(f"""
 Each figure: median of the first tenth / of the second third / of the last third of the soak's samples; in a loop of
 the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
-{LIMITS['rss_kb']} KiB ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of few roll-overs);
-{others}.
+{LIMITS['rss_kb']} KiB; {others}. In a phase of less than {SAMPLES_MIN} samples, or a soak of few roll-overs: RSS
+{SHORT_LIMITS['rss_kb']} KiB, descriptors {SHORT_LIMITS['fds']}.
 """)
         for phase in phases:
             print(f"- {phase.in_words()}")

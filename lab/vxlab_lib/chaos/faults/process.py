@@ -92,8 +92,9 @@ MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call
            [(call, "host/kesh.store*") for call in ("write", "sync")]]
 
 
-# Where only payloads are slow, a decision overtakes a save that was promised too early.
-SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*"]
+# Where only payloads are slow, a decision overtakes a save that was promised too early. Where the store is, many
+# cuts come in the middle of its transactions.
+SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*", "slow_sync 100 host/*"]
 
 
 def power_cut(is_careless):
