@@ -112,6 +112,7 @@ struct command_line {
   std::string config_path = kesh::CONFIG_PATH_DEFAULT;
   bool foreground = false;
   kesh::configure_options configure;
+  kesh::reform_options reform;
   kesh::submit_options submit;
   kesh::journal_options journal;
   bool journal_tags = false;
@@ -194,6 +195,21 @@ struct command_line {
     set.add_flag("--yes", configure.yes,
                  "put a store aside that has lines, and give up another command that was "
                  "interrupted");
+
+    CLI::App &again = add("reform",
+                          "Begin a new generation of the cluster with the stores of the present one, with the daemon "
+                          "stopped on every node: after a majority of the nodes lost their records, for instance. Give "
+                          "it on each node. The node that applied most goes first; if histories differ, a person "
+                          "decides.",
+                          [this] {
+                            reform.config_path = config_path;
+                            return kesh::reform_run(reform);
+                          });
+    again.add_option("--config", config_path, "configuration file")->capture_default_str();
+    again.add_option("--generation", reform.generation, "the new one, the same on all nodes")
+        ->required()
+        ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
+    again.add_flag("--yes", reform.yes, "give up another command that was interrupted");
 
     add_client("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.",
                kesh::start_command);

@@ -1,6 +1,7 @@
 #include "admin/configure.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,10 +13,12 @@
 #include "admin/configure_steps.h"
 #include "client/socket_text.h"
 #include "cluster/cluster_link.h"
+#include "cluster/reform.h"
 #include "daemon/node_files.h"
 #include "exit_codes.h"
 #include "platform.h"
 #include "settings.h"
+#include "store/store_aside.h"
 #include "unique_fd.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -28,7 +31,7 @@ namespace
 
 int fail(int code, const std::string &error)
 {
-  fprintf(stderr, "kesh configure: %s\n", error.c_str());
+  fprintf(stderr, "kesh: %s\n", error.c_str());
   return code;
 }
 
@@ -153,6 +156,7 @@ int configure_run(const configure_options &given)
                                 .yes = options.yes,
                                 .store_path = configured.store_path,
                                 .old_journal_path = configured.old_journal_path,
+                                .keep_store = nullptr,
                                 .write_cluster = [&options] { return write_cluster(options); }});
   }
   if (code == EXIT_OK) {
@@ -160,6 +164,69 @@ int configure_run(const configure_options &given)
            options.config_path.c_str(),
            options.cluster_name.empty() ? options.macs.front().c_str() : options.cluster_name.c_str(),
            static_cast<unsigned long long>(options.generation));
+  }
+  return code;
+}
+
+int reform_run(const reform_options &given)
+{
+  configure_options options;
+  options.config_path = given.config_path;
+  settings configured;
+  if (const int code = check_ready(options, configured); code != EXIT_OK) {
+    return code;
+  }
+  const bool goes_on = configured.generation == given.generation;  // written by the one that was interrupted
+  if (configured.cluster_name.empty() || (!goes_on && configured.generation > given.generation)) {
+    return fail(EXIT_REFUSED, configured.cluster_name.empty()
+                                  ? "a cluster without a name cannot be reformed: kesh configure makes a new one"
+                                  : "the present generation is " + std::to_string(configured.generation) +
+                                        ": give a greater one, the same on all nodes");
+  }
+  if (struct stat found; stat(configured.store_path.c_str(), &found) != 0 && errno == ENOENT) {
+    return fail(EXIT_REFUSED, configured.store_path +
+                                  " does not exist: restore a backup of another node first, or join as a new node with "
+                                  "kesh configure --cluster " +
+                                  configured.cluster_name + " --generation " + std::to_string(given.generation));
+  }
+  options.cluster_name = configured.cluster_name;
+  options.node_count = configured.node_count;
+  options.node_id = configured.node_id;
+  options.generation = given.generation;
+  options.ipaddr = platform::config_text("cluster.ipaddr", "");
+  options.netmask = platform::config_text("cluster.netmask", "");
+  options.gateway = platform::config_text("cluster.gateway", "");
+  if (const std::string fault = complete(options); !fault.empty()) {
+    return fail(EXIT_CONFIG, given.config_path + ": " + fault);
+  }
+  settings reformed = configured;
+  reformed.generation = options.generation;
+  reformed.first_mac = options.macs.front();
+  const std::string command = "kesh reform --generation " + std::to_string(given.generation);
+  if (goes_on && interrupted_configuration(configured.store_path) != command) {
+    return fail(EXIT_REFUSED, "the present generation is " + std::to_string(configured.generation) +
+                                  ": give a greater one, the same on all nodes");
+  }
+  const auto write = [&] {
+    std::string error;
+    if (const int code = write_cluster(options); code != EXIT_OK) {
+      return code;
+    }
+    return mark_reformed(reformed, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
+  };
+  const int code = configure_steps_run({.command = command,
+                                        .yes = given.yes,
+                                        .store_path = configured.store_path,
+                                        .old_journal_path = configured.old_journal_path,
+                                        .keep_store =
+                                            [&] {
+                                              store_change_identity(configured.store_path, configured.store_identity(),
+                                                                    reformed.store_identity());
+                                            },
+                                        .write_cluster = write});
+  if (code == EXIT_OK) {
+    printf("node %u of %u keeps its store in generation %llu of cluster %s\n", options.node_id, options.node_count,
+           static_cast<unsigned long long>(options.generation), options.cluster_name.c_str());
   }
   return code;
 }

@@ -1,4 +1,5 @@
-/// `kesh configure`: writes the cluster into the configuration and resets this node. The daemon must not run.
+/// `kesh configure` and `kesh reform`: write the cluster into the configuration and reset this node. The daemon must
+/// not run.
 #pragma once
 
 #include <cstdint>
@@ -24,5 +25,14 @@ struct configure_options {
 
 /// Returns an exit code; errors go to stderr.
 int configure_run(const configure_options &given);
+
+struct reform_options {
+  std::string config_path;
+  uint64_t generation = 0;  ///< the new one, above the present one
+  bool yes = false;         ///< another command that was interrupted is given up
+};
+
+/// `kesh reform`: the configured cluster begins another generation, and this node keeps its store. As configure_run.
+int reform_run(const reform_options &given);
 
 }  // namespace kesh

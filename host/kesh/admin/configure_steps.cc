@@ -16,7 +16,7 @@ namespace
 
 int fail(int code, const std::string &error)
 {
-  fprintf(stderr, "kesh configure: %s\n", error.c_str());
+  fprintf(stderr, "kesh: %s\n", error.c_str());
   return code;
 }
 
@@ -62,7 +62,7 @@ int check(const configure_steps &what)
   if (!interrupted.empty()) {
     return fail(EXIT_REFUSED, "another configuration was interrupted; go on with it, or give --yes: " + interrupted);
   }
-  if (has_store_lines || has_journal) {
+  if (!what.keep_store && (has_store_lines || has_journal)) {
     return fail(EXIT_REFUSED, (has_store_lines ? what.store_path : what.old_journal_path) +
                                   " has lines, which are put aside for a new cluster: give --yes");
   }
@@ -106,7 +106,12 @@ int run_locked(const configure_steps &what)
   }
   write_intent(what);
   step();
-  put_all_aside(what, step);
+  if (what.keep_store) {
+    what.keep_store();
+    step();
+  } else {
+    put_all_aside(what, step);
+  }
   if (const int code = what.write_cluster(); code != EXIT_OK) {
     return fail(code, "interrupted; give the same command again");
   }

@@ -15,6 +15,8 @@ struct configure_steps {
   bool yes = false;     ///< put lines aside, and give up another command that was interrupted
   std::string store_path;
   std::string old_journal_path;
+  /// Null, or what is done to the store instead of putting it aside. Any number of times; throws a store_failure.
+  std::function<void()> keep_store;
   /// Writes the cluster, and resets the library's records, durably. Any number of times. Returns an exit code.
   std::function<int()> write_cluster;
   /// Called after each step. For tests, which end the process there.

@@ -530,7 +530,8 @@ std::string cluster_link::obstacle_to_reform(const told_position &own)
   std::vector<reform_voice> voices;
   for (const peer_view &one : hello_.view().peers) {
     if (one.is_member) {
-      voices.push_back({one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.position});
+      voices.push_back(
+          {one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.stands, one.last.position});
     }
   }
   return reform_obstacle(hello_settings_.node_count, own, voices, [&](uint64_t n) { return look_.hash_at(own, n); });

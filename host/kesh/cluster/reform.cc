@@ -10,8 +10,6 @@ namespace kesh
 namespace
 {
 
-constexpr size_t MAC_SIZE = 17;
-
 std::string node_name(const reform_voice &of)
 {
   return "node " + std::to_string(of.node);
@@ -32,21 +30,6 @@ std::optional<uint64_t> fork_of(const told_position &own, const told_position &s
 }
 
 }  // namespace
-
-std::string generation_mac(const std::string &mac, uint64_t generation)
-{
-  constexpr std::string_view DIGITS = "0123456789abcdef";
-  std::string plain = mac.size() > MAC_SIZE ? mac.substr(mac.size() - MAC_SIZE) : mac;
-  if (generation == 0) {
-    return plain;
-  }
-  std::string prefix;
-  for (const int shift : {12, 8, 4, 0}) {
-    prefix += DIGITS[generation >> shift & 0xf];
-    prefix += shift % 8 == 0 ? ":" : "";
-  }
-  return prefix + plain;
-}
 
 void store_change_identity(const std::string &path, const std::string &from, const std::string &to)
 {
@@ -77,7 +60,7 @@ std::string reform_obstacle(uint32_t node_count, const told_position &own, const
       }
       continue;
     }
-    if (!one.said.complete) {
+    if (!one.said.complete || one.stands != standing::reformed) {
       continue;
     }
     ++heard;

@@ -18,10 +18,6 @@
 namespace kesh
 {
 
-/// The address of node 1 as the configuration names it in this generation. The cluster id is made of it, and has two
-/// bytes more: "00:03:02:00:00:00:00:01" in generation 3. Generation 0 changes nothing. `mac` may be of any generation.
-std::string generation_mac(const std::string &mac, uint64_t generation);
-
 /// Gives a store another identity. Harmless if it has it already. No daemon may have it open. Throws a store_failure,
 /// also if it is neither of `from` nor of `to`; it is then as it was.
 void store_change_identity(const std::string &path, const std::string &from, const std::string &to);
@@ -31,6 +27,8 @@ struct reform_voice {
   uint32_t node = 0;
   uint32_t decision = 0;
   bool is_live = false;  ///< heard lately
+  /// Only a node that was reformed compares: a new one may have lost the disk with what it held.
+  standing stands = standing::reformed;
   told_position said;
 };
 

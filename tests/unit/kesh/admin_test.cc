@@ -7,6 +7,7 @@
 #include "admin/cluster_identity.h"
 #include "admin/configure_steps.h"
 #include "admin/store_commands.h"
+#include "cluster/reform.h"
 #include "exit_codes.h"
 #include "store/store_aside.h"
 #include "store_fixture.h"
@@ -74,6 +75,7 @@ protected:
             .yes = yes,
             .store_path = path("store"),
             .old_journal_path = path("journal"),
+            .keep_store = nullptr,
             .write_cluster =
                 [this] {
                   write_file(path("cluster"), "new");
@@ -84,6 +86,34 @@ protected:
   static int run(const kesh::configure_steps &what)
   {
     return silently([&] { return kesh::configure_steps_run(what); });
+  }
+  /// Runs it in a process that ends after so many steps. Returns whether it came to its end.
+  static bool runs_through(kesh::configure_steps what, int step_count)
+  {
+    const pid_t child = fork();
+    if (child == 0) {
+      steps_left = step_count;
+      what.after_step = [] {
+        if (--steps_left == 0) {
+          _exit(1);
+        }
+      };
+      _exit(kesh::configure_steps_run(what) == kesh::EXIT_OK ? 0 : 2);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 2);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+  /// What is left of "first": the daemon does not run on it, and "second" does not mix with it.
+  void expect_interrupted(const kesh::configure_steps &second) const
+  {
+    kesh::store one;
+    std::string fault;
+    EXPECT_THROW(one.open(settings("store"), fault), kesh::store_failure);
+    one.close();
+    EXPECT_EQ(run(second), kesh::EXIT_REFUSED);
+    EXPECT_NE(said.find("first"), std::string::npos);
   }
   void make_old_life() const
   {
@@ -107,27 +137,9 @@ TEST_F(configure_test, goes_on_through_a_crash_at_any_step)
     const auto before = all_files();
     EXPECT_EQ(run(steps("first")), kesh::EXIT_REFUSED);
     EXPECT_TRUE(all_files() == before);
-    const pid_t child = fork();
-    if (child == 0) {
-      steps_left = stop_at;
-      auto what = steps("first", true);
-      what.after_step = [] {
-        if (--steps_left == 0) {
-          _exit(1);
-        }
-      };
-      _exit(kesh::configure_steps_run(what) == kesh::EXIT_OK ? 0 : 2);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 2);
-    is_through = WEXITSTATUS(status) == 0;
+    is_through = runs_through(steps("first", true), stop_at);
     if (!is_through) {
-      kesh::store one;
-      EXPECT_THROW(one.open(settings("store"), why), kesh::store_failure);
-      one.close();
-      EXPECT_EQ(run(steps("second")), kesh::EXIT_REFUSED);
-      EXPECT_NE(said.find("first"), std::string::npos);
+      expect_interrupted(steps("second"));
       EXPECT_EQ(run(steps(stop_at % 2 == 0 ? "first" : "second", stop_at % 2 != 0)), kesh::EXIT_OK) << said;
     }
     kesh::store one;
@@ -137,6 +149,35 @@ TEST_F(configure_test, goes_on_through_a_crash_at_any_step)
     EXPECT_EQ(kesh::store_verify(aside_of("store")).n, 3u);
     EXPECT_EQ(read_file(aside_of("journal")), before.at("journal"));
     EXPECT_FALSE(fs::exists(path("journal")));
+  }
+}
+
+TEST_F(configure_test, a_reform_keeps_the_store_through_a_crash_at_any_step)
+{
+  kesh::store_settings reformed = settings("store");
+  reformed.identity += " again";
+  const auto reform = [&](const char *command) {
+    auto what = steps(command);
+    what.keep_store = [&] {
+      kesh::store_change_identity(path("store"), settings("store").identity, reformed.identity);
+    };
+    return what;
+  };
+  bool is_through = false;
+  for (int stop_at = 1; !is_through; ++stop_at) {
+    SCOPED_TRACE(stop_at);
+    ASSERT_LT(stop_at, 20);
+    fs::remove_all(directory);
+    fs::create_directory(directory);
+    apply_lines(*open("store"), 1, 3);
+    is_through = runs_through(reform("first"), stop_at);
+    if (!is_through) {
+      expect_interrupted(reform("second"));
+      EXPECT_EQ(run(reform("first")), kesh::EXIT_OK) << said;
+    }
+    kesh::store one;
+    EXPECT_EQ(one.open(reformed, why), store_found::ready) << why;
+    EXPECT_EQ(one.position().n, 3u);
   }
 }
 

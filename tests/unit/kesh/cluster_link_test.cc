@@ -314,7 +314,7 @@ TEST_F(cluster_link_test, a_reformed_cluster_is_led_by_the_node_that_applied_mos
     EXPECT_EQ(one->lines.open({path, to, 1 << 20}, why), store_found::ready) << why;
 
     one->configured.generation = 1;
-    one->configured.first_mac = generation_mac(one->configured.first_mac, 1);
+    one->configured.first_mac = "02:00:00:00:01:01";
     one->empty_disk();
     EXPECT_TRUE(mark_reformed(one->configured, why, one->at / "cons")) << why;
     one->write("vrrp", "MASTER\n");

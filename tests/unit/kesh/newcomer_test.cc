@@ -231,7 +231,7 @@ chain_hash hash_of(uint64_t n, uint64_t fork = UINT64_MAX)
 
 reform_voice voice_of(uint32_t node, uint64_t n, uint64_t fork = UINT64_MAX)
 {
-  return {node, 0, true, {1, true, n, hash_of(n, fork), hash_of(checkpoint_of(n), fork)}};
+  return {node, 0, true, standing::reformed, {1, true, n, hash_of(n, fork), hash_of(checkpoint_of(n), fork)}};
 }
 
 }  // namespace
@@ -239,7 +239,8 @@ reform_voice voice_of(uint32_t node, uint64_t n, uint64_t fork = UINT64_MAX)
 // Node 1 of three is at payload 600 and keeps its hashes from 300 on. Whoever leads first gives its store to all.
 TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
 {
-  reform_voice incomplete = voice_of(2, 600), begun = voice_of(2, 650), gone = begun;
+  reform_voice incomplete = voice_of(2, 600), begun = voice_of(2, 650), gone = begun, without_disk = voice_of(2, 0);
+  without_disk.stands = standing::is_new;
   incomplete.said.complete = false;
   begun.decision = gone.decision = 4;
   gone.is_live = false;
@@ -258,6 +259,7 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
       {"another one ahead", {voice_of(2, 700, 500)}, "another history, seen at payload 512"},
       {"another one, beside an equal one", {voice_of(2, 600), voice_of(3, 500, 400)}, "node 3 has another history"},
       {"one that waits for a state", {incomplete}, "has heard 0 other nodes"},
+      {"one that lost its disk", {without_disk}, "has heard 0 other nodes"},
       {"one has begun", {begun}, "node 2 has begun"},
       {"one had begun and is gone", {gone, voice_of(3, 600)}, ""},
   };
@@ -289,12 +291,4 @@ TEST(reform, a_node_submits_once_its_ids_are_free_and_is_a_member_with_the_first
   EXPECT_EQ(node.why_no_lead(), "");
   now.decision = 1;
   EXPECT_EQ(node.advance(now).becomes, standing::member);
-}
-
-TEST(reform, another_generation_has_another_cluster_id)
-{
-  EXPECT_EQ(generation_mac("02:00:00:00:00:01", 0), "02:00:00:00:00:01");
-  EXPECT_EQ(generation_mac("02:00:00:00:00:01", 0x103), "01:03:02:00:00:00:00:01");
-  EXPECT_EQ(generation_mac("01:03:02:00:00:00:00:01", 0x104), "01:04:02:00:00:00:00:01");
-  EXPECT_EQ(generation_mac("01:03:02:00:00:00:00:01", 0), "02:00:00:00:00:01");
 }
