@@ -72,6 +72,15 @@ def rejoin(*items):
     return change
 
 
+def no_op(origin, sequence):
+    def change(builder):
+        for node in (1, 2, 3):
+            end = " ".join([words for _, words in builder.trace[node] if words.startswith("deliver")][-1].split()[-2:])
+            builder.insert(node, 19.1, f"deliver {19 * 10**9} {tag(origin, sequence)} 1 no-op {end}")
+            builder.log[node] += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook"]
+    return change
+
+
 def ordered_again(builder):
     """Node 2 delivers, last of all, what stands before its full state once more; node 1 had a FORWARD of its origin."""
     last = builder.trace[2][-6][1].split()
@@ -235,6 +244,9 @@ CASES = [
     ("applied twice", [], [rejoin((3, 2, "doubled"), (1, 3, "applied"))], "I2"),
     ("hashes that do not fit", [lambda b: b.stored_text.update({2: b"texts"})], [], "I1 I3 I6 I9"),
     ("the oldest lines are not kept on one node", [lambda b: b.bare.update({2: 6})], [], None),
+    ("an item that is no line", [], [trace(1, 19, "call 2 9 1 0"), trace(1, 19.2, "return 2 9 1 0"), no_op(1, 9)], None),
+    ("an item of which a node knows nothing", [], [trace(1, 19, "call 2 9 1 0"), trace(1, 19.2, "return 2 9 1 0")],
+     "I6"),
     ("the oldest lines, where all have to be kept",
      [lambda b: b.bare.update({2: 6}), lambda b: b.options.update(keeps_lines=True)], [], "I6"),
     ("the number fell with a new disk", [], [event(9, "store-lost", node=2, how="disk-empty"),

@@ -6,9 +6,11 @@ import shutil
 from ..errors import LabError
 from ..journal import STORE, STORE_PARTS
 from ..waiting import WaitTimeout, wait_until
+from . import decisions
 from .faults.network import both_ways
 from .recovery import ensure_active, restart_after
 
+HELLO_S = 2.5  # nodes tell each other once a second what they have decided
 NOTICE_S = 10.0  # the others tell a node within this time that its disk went back
 
 
@@ -147,7 +149,7 @@ def do_cut_record(stage, _track, step):
 
 def do_store_lost(stage, _track, step):
     """Takes a node's store away while the node is down: all of it ("moved"), all but its -wal ("moved-database"), its
-    end ("cut") or all its content ("cut-to-0"). Or all that is on its disk ("disk-empty")."""
+    end ("cut") or all its content ("cut-to-0"). Or all that is on its disk ("disk-empty"), which is configured again."""
     with stage.claim(step["node"]) as node_id:
         if node_id is None:
             return
@@ -158,6 +160,7 @@ def do_store_lost(stage, _track, step):
         path = os.path.join(root, STORE)
         if step["how"] == "disk-empty":
             empty(root)
+            stage.cluster.node(node_id).configure(stage.plan.nodes)
         elif step["how"].startswith("cut"):
             os.truncate(path, int(os.path.getsize(path) * (step["share"] if step["how"] == "cut" else 0)))
         else:
@@ -202,18 +205,23 @@ def do_disk_yesterday(stage, _track, step):
         stage.pause(step["for_s"])
         if not stage.is_running(node_id):
             return
+        decided = decisions.read_position(node.cons_dir)[0]
+        stage.pause(HELLO_S)  # the others hear of that
         stage.kill(node_id)
         empty(root)
         shutil.copytree(copy, root, symlinks=True, dirs_exist_ok=True)
-        stage.events.add("disk-back", node=node_id)
-        restart_after(stage, node_id, {"restart_s": 0.0, "failover": True})
-        try:  # not even the end of the faults ends this wait early
-            wait_until(lambda: is_stopped_for_its_disk(node), NOTICE_S, "the node is stopped")
-            noticed = True
-        except WaitTimeout:
-            noticed = False
-        stage.events.add("disk-back-noticed", node=node_id, noticed=noticed)
+        went_back = decided - decisions.read_position(node.cons_dir)[0]
+        stage.events.add("disk-back", node=node_id, decisions=went_back)
+        restart_after(stage, node_id, {"restart_s": 0.0})
+        if went_back:
+            try:  # not even the end of the faults ends this wait early
+                wait_until(lambda: is_stopped_for_its_disk(node), NOTICE_S, "the node is stopped")
+                noticed = True
+            except WaitTimeout:
+                noticed = False
+            stage.events.add("disk-back-noticed", node=node_id, noticed=noticed)
         take_down(stage, node_id, True)
         stage.events.add("store-lost", node=node_id, how="disk-empty")
         empty(root)
+        node.configure(stage.plan.nodes)
         restart_after(stage, node_id, step)

@@ -109,6 +109,11 @@ class Episode:
         return {(call.tag, call.attempt): call for trace in self.traces.values() for call in trace.calls}
 
     @cached_property
+    def no_ops(self):
+        """The tags of items that are no lines."""
+        return {hook.tag for trace in self.traces.values() for hook in trace.hooks if hook.outcome == "no-op"}
+
+    @cached_property
     def segments(self):
         """node -> life index -> (its Segment of the log, number of hook calls missing at the segment's beginning)"""
         found = {}

@@ -98,10 +98,10 @@ FAULTS = [
           store_lost(["moved", "moved-database"])),
     Fault("store-cut", "disk", "a node starts with a store that was cut short, or to nothing", GIVEN,
           store_lost(["cut", "cut", "cut-to-0"])),
-    Fault("disk-empty", "disk", "a node starts with an empty disk, and joins as new", GIVEN,
+    Fault("disk-empty", "disk", "a node gets an empty disk, is configured again and joins as new", GIVEN,
           store_lost(["disk-empty"]), is_apart=True),
     Fault("disk-yesterday", "disk", "a node starts with a copy of its disk that is some seconds old; the others "
-          "remember more, so it must stay stopped", "the disk is emptied, the node joins as new", disk_yesterday,
+          "remember more, so it must stay stopped", "the disk is emptied and configured again, the node joins as new", disk_yesterday,
           is_apart=True),
     Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
