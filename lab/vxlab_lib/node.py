@@ -83,6 +83,12 @@ class Node:
         if not self._is_durable:
             programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
 
+    def reform(self, generation):
+        """The node, which must be down, begins this generation of its cluster and keeps its store."""
+        programs.run(self.view(self._programs.kesh, "reform", "--config", self.path("kesh.conf"), "--generation",
+                               str(generation)), f"reform node {self.id}", cwd=self.dir)
+        self.generation = generation
+
     def write_state(self, state):
         """Says what keepalived would say. A daemon that does not answer looks at the file later."""
         write_by_rename(self.path("run", VRRP), state + "\n")

@@ -2,6 +2,7 @@
 on."""
 
 import os
+import shutil
 import unittest
 
 from scenario import Scenario, wait_until
@@ -16,8 +17,11 @@ class Disk(Scenario):
 
     def await_isolated(self, node):
         wait_until(lambda: not self.cluster.status(node)["active"], 20.0, f"node {node} isolates itself")
+        self.assertIn("Isolating from cluster ...", self.log_of(node))
+
+    def log_of(self, node):
         with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
-            self.assertIn("Isolating from cluster ...", log.read())
+            return log.read()
 
     def test_each_save_that_fails_isolates_its_node_only(self):
         for node, name in ((3, "paxos_decide"), (3, "paxos_deliver"), (2, "msg_id")):
@@ -95,6 +99,40 @@ class Disk(Scenario):
                 self.cluster.start(3)
                 self.submit(3, 10).wait()
                 self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+
+    def lose_disk(self, node, names):
+        for name in names:
+            path = self.cluster.node(node).path("flashdisk", name)
+            shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
+
+    def test_a_machine_is_replaced_while_the_others_go_on(self):
+        self.submit(3, 20).wait()
+        self.cluster.kill(3)
+        self.lose_disk(3, os.listdir(self.cluster.node(3).path("flashdisk")))
+        os.mkdir(self.cluster.node(3).path("flashdisk", "cons"))
+        part = self.submit(1, 100, window=1)
+        self.cluster.node(3).configure(3)
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        part.wait()
+        self.check_all()
+
+    def test_a_cluster_whose_majority_lost_its_records_is_reformed(self):
+        self.submit(2, 20).wait()
+        self.cluster.stop(1)
+        self.cluster.set_master(2)
+        self.submit(3, 20).wait()  # which node 1 does not have: it may not go first
+        for node in (2, 3):
+            self.cluster.stop(node)
+            self.lose_disk(node, ["cons"])
+            os.mkdir(self.cluster.node(node).path("flashdisk", "cons"))
+        for node in (1, 2, 3):
+            self.cluster.node(node).reform(2)
+        self.cluster.start_all(master=1)
+        wait_until(lambda: " payloads, and goes first" in self.log_of(1), 20.0, "node 1 must not lead")
+        self.cluster.set_master(2)
+        self.submit(1, 20).wait()
+        self.check_all()
 
     def test_a_file_of_somebody_else_is_not_touched(self):
         self.cluster.stop(3)
