@@ -1,16 +1,16 @@
 // What the host reads of the wire and its disk, with the codecs of the library behind it.
 
 #include <bit>
-#include <fstream>
 
 #include "bytes.h"
-#include "checksum.h"
 #include "cluster/agreement.h"
 #include "cluster/hello.h"
 #include "cluster/peers.h"
 #include "config_file.h"
 #include "fuzz_target.h"
-#include "journal.h"
+#include "items/chain_hash.h"
+#include "items/item_text.h"
+#include "items/payload.h"
 #include "message.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "platform.h"
@@ -18,6 +18,8 @@
 #include "service/envelope.h"
 #include "service/identity.h"
 #include "service/service_state.h"
+#include "store/database.h"
+#include "store/state.h"
 #include "vx_host.h"
 
 namespace
@@ -26,46 +28,6 @@ namespace
 std::string text_of(const std::vector<uint8_t> &bytes)
 {
   return {bytes.begin(), bytes.end()};
-}
-
-// Input: lines of a journal file, each without its checksum, a zero, the state that arrives then without its own.
-void use_journal(const std::string &input)
-{
-  const std::string path = "/run/journal";
-  const size_t end = std::min(input.find('\0'), input.size());
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  for (size_t pos = 0; pos < end;) {
-    const std::string record = input.substr(pos, std::min(input.find('\n', pos), end) - pos);
-    file << kesh::hex_text(kesh::crc32_of(record), 8) << ' ' << record << '\n';
-    pos += record.size() + 1;
-  }
-  file.close();
-  kesh::journal lines, again;
-  std::string error;
-  if (!lines.open({.path = path, .keep_lines = 4, .keep_bytes = 100}, error)) {
-    return;
-  }
-  std::string state = input.substr(std::min(end + 1, input.size()));
-  kesh::put_le(state, kesh::crc32_of(state));
-  lines.adopt(state);
-  lines.apply({{1, 2, 3}, 1, "text"});
-  uint8_t *encoded = nullptr;
-  uint32_t size = 0;
-  kesh::journal_state decoded;
-  require(lines.encode_state(&encoded, &size), "a journal gives its state");
-  const std::string given(encoded, encoded + size);
-  std::free(encoded);
-  require(kesh::journal_state_decode(given, decoded), "a state that is given can be taken");
-  const bool is_failed = lines.failed();
-  lines.close();
-  require(again.open({.path = path}, error), "a journal that was written can be opened");
-  require(is_failed || again.status().lines == lines.status().lines, "and has its lines");
-}
-
-bool is_log_quiet()
-{
-  std::string error;
-  return vx_cfg_set("/dev/null", "log.file") == 0 && platform::log_open(error);
 }
 
 }  // namespace
@@ -115,29 +77,38 @@ void fuzz_config(std::span<const uint8_t> input)
   }
 }
 
-// Input: what it is, then its bytes. Checksums are put right: nothing else would get far.
+// Input: what it is, then its bytes. The checksum of a state is put right: nothing else would get far.
 void fuzz_kesh(std::span<const uint8_t> input)
 {
-  static const bool is_quiet = is_log_quiet();
   input_reader in(input);
-  const bool is_record = in.flag() && is_quiet;
+  const bool is_state = in.flag();
   std::string bytes = text_of(in.rest());
-  if (!is_record) {
-    use_journal(bytes);
+  std::string fault;
+  kesh::payload payload;
+  if (kesh::payload_decode(bytes, payload, fault)) {
+    require(kesh::payload_encode(payload) == bytes, "a payload that is taken is one that is given");
+  }
+  std::string text;
+  if (kesh::text_unescape(bytes, text)) {
+    std::string again;
+    std::string same;
+    kesh::text_escape(again, text);
+    require(kesh::text_unescape(again, same) && same == text, "a text that is escaped can be read");
+  }
+  if (!is_state) {
     return;
   }
-  kesh::tag_index tags, second;
-  std::string again;
-  if (tags.decode(bytes)) {
-    tags.encode(again);
-    require(second.decode(again), "tags that are written can be read");
-    tags.note({1, 2, 3}, 1);
-    require(tags.note({1, 2, 3}, 1) == kesh::tag_seen::same_attempt, "a tag noted is known");
+  kesh::hasher hash;
+  hash.add(bytes);
+  bytes += kesh::hash_bytes(hash.finish());
+  kesh::store_state state;
+  try {
+    kesh::state_decode(bytes, state);
+  } catch (const kesh::store_failure &) {
+    return;
   }
-  kesh::put_le(bytes, kesh::crc32_of(bytes));
-  kesh::journal_line line;
-  require(!kesh::line_record_decode(bytes, line) || kesh::line_record_encode(line) == bytes,
-          "a line that is taken is one that is given");
+  require(state.rows.size() == state.n - state.base_n, "a state has all its rows");
+  require(state.hash_at(state.n) == state.hash, "the last row is the state's");
 }
 
 // Input: hellos, one per line, as node 1 of 16 hears them.
@@ -145,7 +116,7 @@ void fuzz_hello(std::span<const uint8_t> input)
 {
   const std::string all(input.begin(), input.end());
   kesh::peers heard({"c", "02:00:00:00:00:01", 1}, 1, 1);
-  kesh::agreement judge(16, [](const kesh::store_position &own, uint64_t) { return std::optional(own.hash); });
+  kesh::agreement judge(16, [](const kesh::told_position &own, uint64_t) { return std::optional(own.hash); });
   for (size_t pos = 0; pos < all.size();) {
     const std::string_view line = std::string_view(all).substr(pos, all.find('\n', pos) - pos);
     pos += line.size() + 1;

@@ -10,7 +10,9 @@ enum exit_code : int {
   EXIT_USAGE = 2,        ///< the command line is wrong
   EXIT_CONFIG = 3,       ///< the configuration, or what it names, cannot be used
   EXIT_UNREACHABLE = 4,  ///< no daemon answers on the control socket
-  EXIT_REFUSED = 5       ///< refused in the present state, such as a submission while the node is not active
+  EXIT_REFUSED = 5,      ///< refused in the present state, such as a submission while the node is not active
+  EXIT_UNKNOWN = 6,      ///< no result: what was submitted may be applied later, but at most once
+  EXIT_STORE = 7         ///< the daemon cannot read or write its store, and ended so that nothing is lost
 };
 
 }  // namespace kesh

@@ -8,15 +8,20 @@
 #include <functional>
 #include <string>
 
-#include "client_commands.h"
-#include "client_submit.h"
-#include "configure.h"
-#include "daemon.h"
+#include "admin/configure.h"
+#include "admin/store_commands.h"
+#include "client/client_commands.h"
+#include "client/client_journal.h"
+#include "client/client_submit.h"
+#include "cluster/node_state_file.h"
+#include "daemon/daemon.h"
+#include "daemon/node_files.h"
+#include "daemon/status.h"
 #include "exit_codes.h"
-#include "load.h"
+#include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
-#include "submission.h"
+#include "store/store_aside.h"
 
 namespace
 {
@@ -27,15 +32,32 @@ constexpr char FOOTER[] = R"(Exit codes:
   2  wrong command line
   3  the configuration, or a file or directory that it needs, cannot be used
   4  no daemon answers on the control socket
-  5  refused in the present state (not active, daemon running, line not accepted)
+  5  refused in the present state (not active, daemon running); a line was not submitted, and never will be
+  6  the outcome of a line is not known: it may be in the journal, or come into it later, once at most
+  7  the daemon ended itself, because its store could not be written; start it again
 
 A first cluster of one node, as root:
   mkdir -p /flashdisk/cons && cp kesh.conf.example /etc/kesh.conf
-  kesh configure --nodes 1 --id 1
+  kesh configure --single
   kesh run --foreground &
-  echo MASTER > /var/run/node_state
+  kesh vrrp MASTER
   echo hello | kesh submit
   kesh journal)";
+
+/// What only an operator can mend is no failure of the store: a supervisor must not start the daemon again and again.
+int run_daemon(const std::string &config_path, bool log_to_stderr)
+{
+  std::string error;
+  kesh::settings configured;
+  if (platform::config_load(config_path, error) && kesh::settings_read(configured, error)) {
+    const std::string obstacle = kesh::store_obstacle(configured.store_path);
+    if (!obstacle.empty()) {
+      fprintf(stderr, "kesh: %s\n", obstacle.c_str());
+      return kesh::EXIT_CONFIG;
+    }
+  }
+  return kesh::daemon_run(config_path, log_to_stderr);
+}
 
 /// The options by which a client command finds the daemon.
 struct address_options {
@@ -63,6 +85,22 @@ struct address_options {
     }
     return action(configured.socket_path);
   }
+
+  /// The same for commands that can do without a daemon; they need the configuration then.
+  int with_store(const std::function<int(const kesh::store_access &)> &action) const
+  {
+    kesh::store_access access;
+    kesh::settings configured;
+    if (platform::config_load(config_path.empty() ? kesh::CONFIG_PATH_DEFAULT : config_path, access.why) &&
+        kesh::settings_read(configured, access.why)) {
+      access.place = {{configured.store_path, configured.store_identity(), configured.state_max}, kesh::CONS_DIRECTORY};
+      access.socket_path = configured.socket_path;
+    }
+    if (!socket_path.empty() || !access.place) {
+      access.socket_path = socket_path.empty() ? kesh::SOCKET_PATH_DEFAULT : socket_path;
+    }
+    return action(access);
+  }
 };
 
 struct command_line {
@@ -74,14 +112,21 @@ struct command_line {
   std::string config_path = kesh::CONFIG_PATH_DEFAULT;
   bool foreground = false;
   kesh::configure_options configure;
+  kesh::reform_options reform;
   kesh::submit_options submit;
   kesh::journal_options journal;
+  bool journal_tags = false;
+  bool journal_json = false;
   bool status_json = false;
+  bool health_eligible = false;
+  bool health_json = false;
+  std::string vrrp_word;
   bool heard_follow = false;
+  std::string store_file;
+  bool verify_json = false;
   std::string say_text;
   std::vector<uint32_t> nodes;
-  kesh::load_options load;
-  bool load_no_repeat = false;
+  kesh::load_request load;
   bool load_json = false;
   std::string slow_hook;
   uint32_t slow_ms = 0;
@@ -92,6 +137,8 @@ struct command_line {
     app.require_subcommand(1);
     add_daemon_commands();
     add_line_commands();
+    add_state_commands();
+    add_store_commands();
     add_other_commands();
     add_test_aids();
   }
@@ -115,27 +162,54 @@ struct command_line {
     CLI::App &run = add("run",
                         "Run the daemon, in the foreground. SIGTERM and SIGINT stop it cleanly, SIGHUP opens the log "
                         "again.",
-                        [this] { return kesh::daemon_run(config_path, foreground); });
+                        [this] { return run_daemon(config_path, foreground); });
     run.add_option("--config", config_path, "configuration file")->capture_default_str();
     run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
 
     CLI::App &set = add("configure",
                         "Make this node a member of a new cluster, with the daemon stopped on every node. Writes the "
-                        "cluster.* keys, resets the node's files in /flashdisk/cons and empties its journal.",
+                        "cluster.* keys, resets the node's files in /flashdisk/cons and puts its store aside. If it "
+                        "is interrupted, the same command goes on.",
                         [this] {
                           configure.config_path = config_path;
                           return kesh::configure_run(configure);
                         });
     set.add_option("--config", config_path, "configuration file")->capture_default_str();
-    set.add_option("--nodes", configure.node_count, "number of nodes, 1 to 16")->required()->check(CLI::Range(1, 16));
-    set.add_option("--id", configure.node_id, "number of this node, from 1")->required()->check(CLI::Range(1, 16));
+    CLI::Option *count = set.add_option("--nodes", configure.node_count, "number of nodes, 1 to 16");
+    count->check(CLI::Range(uint32_t{1}, uint32_t{kesh::ORIGIN_MAX}));
+    set.add_option("--id", configure.node_id, "number of this node, from 1")
+        ->check(CLI::Range(uint32_t{1}, uint32_t{kesh::ORIGIN_MAX}));
+    set.add_option("--cluster", configure.cluster_name,
+                   "name of the cluster, the same on all nodes: clusters of other names are not heard");
+    constexpr uint64_t GENERATION_MAX = uint64_t{1} << 50;
+    set.add_option("--generation", configure.generation, "of the cluster: another one for each new life of it")
+        ->capture_default_str()
+        ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
+    set.add_flag("--single", configure.single, "a cluster of this node alone, to try it out")->excludes(count);
     set.add_option("--mac", configure.macs,
                    "MAC address of a node, once per node and in their order, the same on all nodes; the first one "
-                   "names the cluster (default: made up, the same for every cluster)");
+                   "names the cluster for the library (default: made from name and generation)");
     set.add_option("--ipaddr", configure.ipaddr, "address of the cluster, stored for other programs");
     set.add_option("--netmask", configure.netmask, "stored for other programs");
     set.add_option("--gateway", configure.gateway, "stored for other programs");
-    set.add_flag("--yes", configure.yes, "empty a journal that has lines");
+    set.add_flag("--yes", configure.yes,
+                 "put a store aside that has lines, and give up another command that was "
+                 "interrupted");
+
+    CLI::App &again = add("reform",
+                          "Begin a new generation of the cluster with the stores of the present one, with the daemon "
+                          "stopped on every node: after a majority of the nodes lost their records, for instance. Give "
+                          "it on each node. The node that applied most goes first; if histories differ, a person "
+                          "decides.",
+                          [this] {
+                            reform.config_path = config_path;
+                            return kesh::reform_run(reform);
+                          });
+    again.add_option("--config", config_path, "configuration file")->capture_default_str();
+    again.add_option("--generation", reform.generation, "the new one, the same on all nodes")
+        ->required()
+        ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
+    again.add_flag("--yes", reform.yes, "give up another command that was interrupted");
 
     add_client("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.",
                kesh::start_command);
@@ -150,36 +224,100 @@ struct command_line {
 
   void add_line_commands()
   {
-    CLI::App &send = add_client("submit",
-                                "Submit lines to the journal. A line is acknowledged when it is delivered on this "
-                                "node. A line that ends without a result is submitted again under the same tag.",
-                                [this](const std::string &path) { return kesh::submit_command(path, submit); });
+    CLI::App &send =
+        add_client("submit",
+                   "Submit lines to the journal. A line is acknowledged when it is delivered on this node. After the "
+                   "first line that is not, no more are submitted. Every line that is not acknowledged is counted as "
+                   "not submitted, or as of unknown outcome.",
+                   [this](const std::string &path) { return kesh::submit_command(path, submit); });
+    constexpr int WINDOW_MAX = 4096;
     send.add_option("FILE", submit.input, "file with the lines, - for stdin")->capture_default_str();
-    send.add_option("--threads", submit.threads, "lines that are submitted at once")
+    send.add_option("--window", submit.window, "lines that are open at once")
         ->capture_default_str()
-        ->check(CLI::Range(1, kesh::SUBMIT_THREADS_MAX));
+        ->check(CLI::Range(1, WINDOW_MAX));
+    send.add_option("--threads", submit.window)->check(CLI::Range(1, WINDOW_MAX))->group("");
     send.add_option("--timeout", submit.timeout_s,
-                    "seconds during which a line is tried again, or waits for the node to become active")
+                    "seconds in which a line has to be delivered; as long as it can, the daemon repeats what has no "
+                    "result, and waits for the node to become active")
         ->capture_default_str()
-        ->check(CLI::Range(0, 1'000'000));
+        ->check(CLI::Range(0.001, 1e6));
     send.add_option("--latency-csv", submit.latency_path,
                     "write a row per acknowledged line: sequence, microseconds, line of the input; tab between");
     send.add_flag("--json", submit.as_json, "print the summary as JSON");
 
-    CLI::App &show = add_client("journal", "Print the journal of this node.",
-                                [this](const std::string &path) { return kesh::journal_command(path, journal); });
-    show.add_option("--from", journal.from, "number of the first line to print")->capture_default_str();
+    CLI::App &show = add_client("journal", "Print the journal of this node.", [this](const std::string &path) {
+      journal.form = journal_json   ? kesh::journal_form::json
+                     : journal_tags ? kesh::journal_form::tags
+                                    : kesh::journal_form::text;
+      return kesh::journal_command(path, journal);
+    });
+    show.add_option("--since", journal.since, "number of the first line to print")->capture_default_str();
+    show.add_option("--from", journal.since)->group("");
     show.add_flag("--follow", journal.follow, "keep printing lines as they come");
-    show.add_flag("--tags", journal.tags,
-                  "print number, hash so far, tag (node.life.sequence), attempt and escaped text; tab between");
+    CLI::Option *tags = show.add_flag(
+        "--tags", journal_tags, "print number, hash, tag (node.life.sequence), attempt and escaped text; tab between");
+    show.add_flag(
+            "--json", journal_json,
+            "print an object per line: line, n, hash, node, life, sequence, attempt, at, and text, or text_hex if "
+            "that is not UTF-8")
+        ->excludes(tags);
+  }
+
+  void add_state_commands()
+  {
+    CLI::App &status = add_client("status", "Show the state of the node.", [this](const std::string &path) {
+      return kesh::status_command(path, status_json ? nullptr : kesh::status_text);
+    });
+    status.add_flag("--json", status_json, "print as JSON");
+
+    CLI::App &health = add_client(
+        "health", "For check scripts: exit code 0 if the node is active, 5 if not, and the reason on stdout.",
+        [this](const std::string &path) { return kesh::health_command(path, health_eligible, health_json); });
+    health.add_flag("--eligible", health_eligible, "ask instead whether keepalived may choose this node as MASTER");
+    health.add_flag("--json", health_json, "print as JSON");
+
+    CLI::App &vrrp = add_client(
+        "vrrp",
+        "For keepalived's notify scripts: say which state VRRP gave this node. Also while no "
+        "daemon runs; the next one knows it.",
+        [this](const std::string &path) { return kesh::vrrp_command(path, kesh::VRRP_STATE_PATH, vrrp_word); });
+    vrrp.add_option("STATE", vrrp_word, "MASTER, BACKUP, FAULT or STOP")
+        ->required()
+        ->check(CLI::IsMember({"MASTER", "BACKUP", "FAULT", "STOP"}));
+  }
+
+  CLI::App &add_store(const char *name, const char *help, std::function<int(const kesh::store_access &)> action)
+  {
+    CLI::App &command = add(name, help, [this, action = std::move(action)] { return address.with_store(action); });
+    address.add_to(command);
+    return command;
+  }
+
+  void add_store_commands()
+  {
+    add_store("backup",
+              "Write a copy of the store, of one moment, while the daemon runs or not. The library's records are never "
+              "part of it.",
+              [this](const kesh::store_access &access) { return kesh::backup_command(access, store_file); })
+        .add_option("FILE", store_file, "must not exist")
+        ->required();
+
+    CLI::App &verify = add_store(
+        "verify", "Check every hash and number of the store, or of a backup. Exit code 1 if there is a fault.",
+        [this](const kesh::store_access &access) { return kesh::verify_command(access, store_file, verify_json); });
+    verify.add_option("FILE", store_file, "a backup, or a store that was put aside (default: the node's store)");
+    verify.add_flag("--json", verify_json, "print as JSON");
+
+    add_store("restore",
+              "With the daemon stopped: put the present store aside and a backup in its place. The node gets what came "
+              "after it from the others.",
+              [this](const kesh::store_access &access) { return kesh::restore_command(access, store_file); })
+        .add_option("FILE", store_file, "the backup; it stays as it is")
+        ->required();
   }
 
   void add_other_commands()
   {
-    CLI::App &status = add_client("status", "Show the state of the node.",
-                                  [this](const std::string &path) { return kesh::status_command(path, status_json); });
-    status.add_flag("--json", status_json, "print as JSON");
-
     CLI::App &say = add_client("say", "Send a cluster message to all nodes, once and without any promise.",
                                [this](const std::string &path) { return kesh::say_command(path, say_text); });
     say.add_option("TEXT", say_text, "up to 1024 bytes")->required();
@@ -193,22 +331,13 @@ struct command_line {
   {
     CLI::App &send = add_client(
         "load", "Test aid: let the daemon submit lines of its own making; each thread waits for one line at a time.",
-        [this](const std::string &path) {
-          load.repeat = !load_no_repeat;
-          return kesh::load_command(path, load, load_json);
-        });
-    send.add_option("--threads", load.threads, "threads that submit")
-        ->capture_default_str()
-        ->check(CLI::Range(1, kesh::LOAD_THREADS_MAX));
-    send.add_option("--bytes", load.payload_bytes,
-                    "sizes of the payloads, taken in turn: N or N,N,..; at least the size of a record without text")
-        ->delimiter(',')
-        ->check(CLI::Range(uint64_t{1}, kesh::LOAD_BYTES_MAX));
+        [this](const std::string &path) { return kesh::load_command(path, load, load_json); });
+    send.add_option("--threads", load.threads, "threads that submit")->capture_default_str();
+    send.add_option("--bytes", load.payload_bytes, "sizes of the payloads, taken in turn: N or N,N,..")->delimiter(',');
     send.add_option("--count", load.count, "lines in all; this or --seconds")->check(CLI::PositiveNumber);
     send.add_option("--seconds", load.seconds, "time during which lines begin")->check(CLI::PositiveNumber);
     send.add_option("--pause-ms", load.pause_ms, "pause of each thread between two lines");
     send.add_option("--timeout", load.timeout_s, "as for submit")->capture_default_str();
-    send.add_flag("--no-repeat", load_no_repeat, "do not repeat a line that ended without a result");
     send.add_flag("--json", load_json, "print the result as JSON");
 
     CLI::App &slow =

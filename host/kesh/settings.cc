@@ -1,5 +1,8 @@
 #include "settings.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "platform.h"
 #include "vx_host.h"
 
@@ -50,24 +53,35 @@ bool read_trace(trace_settings &result, std::string &error)
 
 }  // namespace
 
+std::string settings::store_identity() const
+{
+  return cluster_name + ", generation " + std::to_string(generation) + ", " + first_mac + ", state.max " +
+         std::to_string(state_max);
+}
+
 bool settings_read(settings &result, std::string &error)
 {
-  constexpr int64_t KEEP_LINES_MAX = 1'000'000'000;
-  constexpr int64_t KEEP_BYTES_MAX = int64_t{2} << 30;
+  constexpr int64_t STATE_MAX_LOW = 64 << 10;
+  constexpr int64_t STATE_MAX_HIGH = 1 << 30;
+  constexpr int64_t ANY_MAX = int64_t{1} << 50;
   if (!read_absolute_path("kesh.socket", SOCKET_PATH_DEFAULT, result.socket_path, error) ||
-      !read_absolute_path("journal.file", "/flashdisk/journal", result.journal.path, error) ||
-      !read_number("journal.keep", 1, KEEP_LINES_MAX, result.journal.keep_lines, error) ||
-      !read_number("journal.keep_bytes", 4096, KEEP_BYTES_MAX, result.journal.keep_bytes, error) ||
+      !read_absolute_path("kesh.store", STORE_PATH_DEFAULT, result.store_path, error) ||
+      !read_absolute_path("journal.file", "/flashdisk/journal", result.old_journal_path, error) ||
+      !read_number("state.max", STATE_MAX_LOW, STATE_MAX_HIGH, result.state_max, error) ||
+      !read_number("retention.lines", 0, ANY_MAX, result.keep.lines, error) ||
+      !read_number("retention.bytes", 0, ANY_MAX, result.keep.bytes, error) ||
+      !read_number("retention.age_s", 0, ANY_MAX, result.keep.age_s, error) ||
+      !read_number("cluster.generation", 0, ANY_MAX, result.generation, error) ||
       !read_switch("kesh.start", true, result.start, error) || !read_trace(result.trace, error)) {
     return false;
   }
+  result.cluster_name = platform::config_text("cluster.name", "");
+  result.first_mac = platform::config_text("cluster.node[0].mac", "");
+  std::transform(result.first_mac.begin(), result.first_mac.end(), result.first_mac.begin(),
+                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
   // 0 if not set. The library's start refuses a value that it does not accept.
   vx_cfg_get_uint(&result.node_id, "cluster.node_id");
   vx_cfg_get_uint(&result.node_count, "cluster.node._s_");
-  // The library keeps a payload on disk only until the hooks have returned.
-  int has_durable_payloads = 0;
-  result.journal.is_durable =
-      vx_cfg_is_enabled(&has_durable_payloads, "cluster.durable_payloads") == 0 && has_durable_payloads != 0;
   return true;
 }
 

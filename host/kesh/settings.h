@@ -5,13 +5,14 @@
 #include <cstdint>
 #include <string>
 
-#include "journal.h"
+#include "store/store.h"
 
 namespace kesh
 {
 
 inline constexpr char CONFIG_PATH_DEFAULT[] = "/etc/kesh.conf";
 inline constexpr char SOCKET_PATH_DEFAULT[] = "/run/kesh.sock";
+inline constexpr char STORE_PATH_DEFAULT[] = "/flashdisk/kesh.store";
 
 struct trace_settings {
   std::string path;                          ///< empty: no trace
@@ -24,8 +25,17 @@ struct settings {
   bool start = true;        ///< kesh.start: join the cluster when the daemon starts
   uint32_t node_id = 0;     ///< 0: not configured
   uint32_t node_count = 0;  ///< 0: not configured
-  journal_settings journal;
+  std::string cluster_name;
+  uint64_t generation = 0;
+  std::string first_mac;  ///< of node 1, lower case; empty: not configured
+  std::string store_path;
+  uint64_t state_max = 16 << 20;  ///< bytes; the same on all nodes
+  retention keep;
+  std::string old_journal_path;  ///< a journal of earlier builds, which is taken over once
   trace_settings trace;
+
+  /// What a store must agree in with those of the other nodes.
+  std::string store_identity() const;
 };
 
 /// Reads the keys after platform::config_load. False, and `error` names file, line, key and why, if one is bad.

@@ -55,7 +55,8 @@ bool sync_directory_of(const std::string &path)
 
 bool file_read(const std::string &path, std::string &content, std::string &error)
 {
-  const unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A FIFO would wait for a writer.
+  const unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   std::string read_so_far;
   struct stat kind;
   if (!fd || fstat(fd.get(), &kind) != 0) {

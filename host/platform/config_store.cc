@@ -182,6 +182,11 @@ bool config_load(const std::string &path, std::string &error)
     error = path + ": " + error;
     return false;
   }
+  // As a power cut may leave it. A configuration of comments alone is one.
+  if (text.empty()) {
+    error = path + ": the file is empty";
+    return false;
+  }
   if (!read.parse(text, path, error)) {
     return false;
   }

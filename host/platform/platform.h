@@ -13,7 +13,8 @@ namespace platform
 class message_filter;
 
 /// Reads the configuration file into the store behind vx_cfg_*; vx_cfg_save writes back to it. On failure
-/// returns false, `error` says file, line, key and why, and the store is unchanged. A missing file is an error.
+/// returns false, `error` says file, line, key and why, and the store is unchanged. A missing file is an error, and
+/// so is an empty one.
 bool config_load(const std::string &path, std::string &error);
 
 /// Text of a key, or `fallback` if it is not set.

@@ -33,6 +33,7 @@ constexpr char ROOT[] = "/flashdisk";
 constexpr size_t ROOT_LENGTH = sizeof ROOT - 1;
 constexpr char RECORDS[] = "/flashdisk/cons/";
 constexpr size_t RECORDS_LENGTH = sizeof RECORDS - 1;
+constexpr char HOST[] = "host/";  // before the names of the host's own files
 constexpr char TEMPORARY[] = ".tmp";
 constexpr size_t FD_MAX = 4096;
 using path_text = std::array<char, 96>;
@@ -59,14 +60,18 @@ bool is_ours(const char *path)
   return strncmp(path, ROOT, ROOT_LENGTH) == 0 && (path[ROOT_LENGTH] == '/' || path[ROOT_LENGTH] == '\0');
 }
 
-/// Returns false, with an empty name, for a path outside the directory of the records.
+/// Returns false, with an empty name, for a path that no rule is about.
 bool name_of(const char *path, file_name &name)
 {
   name = {};
-  if (strncmp(path, RECORDS, RECORDS_LENGTH) != 0) {
+  if (strncmp(path, RECORDS, RECORDS_LENGTH) == 0) {
+    snprintf(name.data(), name.size(), "%s", path + RECORDS_LENGTH);
+  } else if (is_ours(path) && path[ROOT_LENGTH] == '/' && strchr(path + ROOT_LENGTH + 1, '/') == nullptr &&
+             strncmp(path, RECORDS, RECORDS_LENGTH - 1) != 0) {
+    snprintf(name.data(), name.size(), "%s%s", HOST, path + ROOT_LENGTH + 1);
+  } else {
     return false;
   }
-  snprintf(name.data(), name.size(), "%s", path + RECORDS_LENGTH);
   char *tail = strstr(name.data(), TEMPORARY);
   if (tail != nullptr && strcmp(tail, TEMPORARY) == 0) {
     *tail = '\0';
@@ -106,7 +111,12 @@ void track(int fd, const char *path, const file_name &name)
   }
 }
 
-/// Calls on files outside the directory of the records always pass.
+bool is_host_file(const file_name &name)
+{
+  return strncmp(name.data(), HOST, sizeof HOST - 1) == 0;
+}
+
+/// Calls on files without a name always pass.
 verdict judge_named(disk_call call, const file_name &name)
 {
   return name[0] != '\0' ? judge(call, name.data()) : verdict{};
@@ -157,12 +167,21 @@ ssize_t write_bytes(int fd, int64_t offset, size_t size, call real)
   auto make = [&] { return real(allowed); };
   const ssize_t written = carry_out(given, [&] { return disk_faults::undo_write(fd, offset, allowed, make); });
   if (written > 0) {
-    auto &counter = file->name[0] != '\0' ? counts().library_bytes : counts().host_bytes;
+    auto &counter = is_host_file(file->name) ? counts().host_bytes : counts().library_bytes;
     counter += static_cast<uint64_t>(written);
   }
   return written >= 0 && given.claim_all ? static_cast<ssize_t>(size) : written;
 }
 
+void take_time(const verdict &given)
+{
+  if (given.delay_ms != 0) {
+    const timespec delay{given.delay_ms / 1000, static_cast<long>(given.delay_ms % 1000) * 1'000'000};
+    nanosleep(&delay, nullptr);
+  }
+}
+
+/// For the rules, the host's flushes are its syncs.
 template <typename call>
 int flush(int fd, call real)
 {
@@ -170,10 +189,16 @@ int flush(int fd, call real)
   if (file == nullptr) {
     return real();
   }
+  const verdict given = is_host_file(file->name) ? judge(disk_call::sync, file->name.data()) : verdict{};
+  take_time(given);
   counts().flushes++;
   struct stat status;
   const bool is_directory = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
-  return static_cast<int>(disk_faults::undo_fsync(fd, is_directory ? file->path.data() : nullptr, real));
+  const ssize_t result = disk_faults::undo_fsync(fd, is_directory ? file->path.data() : nullptr, real);
+  if (given.kill_after) {
+    disk_faults::kill_process();
+  }
+  return static_cast<int>(result);
 }
 
 template <typename call>
@@ -182,10 +207,7 @@ int sync_all(call real)
   const file_name name = renamed_last;
   renamed_last = {};
   const verdict given = judge(disk_call::sync, name.data());
-  if (given.delay_ms != 0) {
-    const timespec delay{given.delay_ms / 1000, static_cast<long>(given.delay_ms % 1000) * 1'000'000};
-    nanosleep(&delay, nullptr);
-  }
+  take_time(given);
   counts().syncs++;
   const ssize_t result = disk_faults::undo_sync(real);
   if (given.kill_after) {
@@ -293,7 +315,7 @@ int rename(const char *from, const char *to) noexcept
     return real(from, to);
   }
   file_name name;
-  if (name_of(to, name)) {
+  if (name_of(to, name) && !is_host_file(name)) {
     renamed_last = name;
   }
   auto make = [&] { return real(from, to); };
@@ -367,5 +389,14 @@ int syncfs(int fd) noexcept
   auto make = [&] { return real(fd); };
   return sync_all(make);
 }
+
+// Programs that are built for large files, such as SQLite, call these names.
+int open64(const char *path, int flags, ...) __attribute__((alias("open")));
+int openat64(int directory, const char *path, int flags, ...) __attribute__((alias("openat")));
+ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset) __attribute__((alias("pread")));
+ssize_t pwrite64(int fd, const void *bytes, size_t size, off64_t offset) __attribute__((alias("pwrite")));
+int ftruncate64(int fd, off64_t length) noexcept __attribute__((alias("ftruncate")));
+int posix_fallocate64(int fd, off64_t offset, off64_t length) __attribute__((alias("posix_fallocate")));
+int fallocate64(int fd, int mode, off64_t offset, off64_t length) __attribute__((alias("fallocate")));
 
 }  // extern "C"

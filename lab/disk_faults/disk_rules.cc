@@ -203,7 +203,8 @@ bool fits_call(const rule &one, disk_call call)
   case fault::eio:
     return call == disk_call::write || call == disk_call::read;
   case fault::readonly:
-    return call == disk_call::open_write || call == disk_call::rename || call == disk_call::unlink;
+    return call == disk_call::open_write || call == disk_call::write || call == disk_call::rename ||
+           call == disk_call::unlink;
   case fault::unreadable:
     return call == disk_call::open_read;
   case fault::slow_sync:

@@ -233,18 +233,18 @@ bool keep_link(undo_slot &slot, const char *path) PLATFORM_REQUIRES(book.lock)
   return syscall(SYS_linkat, AT_FDCWD, path, AT_FDCWD, link, 0) == 0;
 }
 
-bool keep_copy(undo_slot &slot, int source, uint64_t size) PLATFORM_REQUIRES(book.lock)
+bool keep_copy(undo_slot &slot, int source, uint64_t from, uint64_t to) PLATFORM_REQUIRES(book.lock)
 {
   char path[PATH_MAX];
   beside_log(path, "copy", slot);
   slot.has_copy = 1;
   const int target = raw_open(path, O_WRONLY | O_CREAT | O_TRUNC);
-  off_t done = 0;
-  while (target >= 0 && static_cast<uint64_t>(done) < size &&
-         sendfile(target, source, &done, size - static_cast<uint64_t>(done)) > 0) {
+  auto done = static_cast<off_t>(from);
+  while (target >= 0 && static_cast<uint64_t>(done) < to &&
+         sendfile(target, source, &done, to - static_cast<uint64_t>(done)) > 0) {
   }
   syscall(SYS_close, target);
-  return static_cast<uint64_t>(done) == size;
+  return static_cast<uint64_t>(done) == to;
 }
 
 /// An incomplete slot is useless: frees it and counts the change as not kept.
@@ -269,7 +269,8 @@ undo_slot *new_data_slot(const struct stat &before, uint64_t from, uint64_t to, 
     slot->to = to;
     slot->had_zeros = had_zeros ? 1 : 0;
     if (copied >= 0) {
-      slot = unless_incomplete(slot, keep_copy(*slot, copied, static_cast<uint64_t>(before.st_size)));
+      const uint64_t end = std::min(to, static_cast<uint64_t>(before.st_size));
+      slot = unless_incomplete(slot, keep_copy(*slot, copied, from, end));
     }
   }
   return slot;

@@ -4,7 +4,7 @@
 /// On if VX_DISK_UNDO names a directory below /flashdisk, such as /flashdisk/.undo. That directory then holds
 ///   log        a mapped file in the format below; it survives a kill, and the next process goes on with it
 ///   link.SEQ   a hard link to the file that lost its name by change SEQ
-///   copy.SEQ   the whole file before change SEQ, which overwrote or cut a part of it
+///   copy.SEQ   the bytes that change SEQ overwrote or cut off
 ///
 /// A change is certain when POSIX promises that it is on disk. The return of sync() or syncfs() makes every change
 /// certain that had ended before the call. fsync() or fdatasync() of a file does so for its content, and fsync() of a
@@ -29,7 +29,7 @@ struct undo_slot {
   uint64_t replaced;   // rename: inode that lost the new name; 0: none
   uint64_t from, to;   // data: the bytes that changed
   uint32_t had_zeros;  // data: these bytes were zeros before; if 0 and has_copy is 0, the file ended at `from`
-  uint32_t has_copy;   // data: copy.SEQ exists
+  uint32_t has_copy;   // data: copy.SEQ exists; if it has less than to - from bytes, the file ended with them
   char name[96];       // below /flashdisk; rename: the old name
   char new_name[104];  // rename
 };

@@ -24,6 +24,10 @@ NODES_MAX = 16
 ACTIVE_TIMEOUT_S = 30.0
 
 
+def takes_part(status):
+    return status["active"] and status["cluster"]["may_submit"]["yes"]
+
+
 class Cluster:
     def __init__(self, run_dir, build_dir=None):
         """Uses the laboratory in `run_dir`, up or not, or the place for a new one (`create`)."""
@@ -111,7 +115,7 @@ class Cluster:
         return {int(node): state for node, state in self.holder.ask("state")["nodes"].items() if node.isdigit()}
 
     def set_master(self, *node_ids):
-        """Writes MASTER to these nodes' state files and BACKUP to all others, BACKUP first."""
+        """Says MASTER to these nodes and BACKUP to all others, BACKUP first."""
         for node_id in node_ids:
             self.node(node_id)
         for node_id, node in self.nodes.items():
@@ -121,7 +125,8 @@ class Cluster:
             self.nodes[node_id].write_state("MASTER")
 
     def masters(self):
-        return [node_id for node_id, node in self.nodes.items() if node.state() == "MASTER"]
+        """Returns the nodes that were told to lead."""
+        return [node_id for node_id, node in self.nodes.items() if node.vrrp_state() == "MASTER"]
 
     def partition_parts(self):
         return [set(part) for part in self.dir.read_settings()["partition"]]
@@ -137,9 +142,9 @@ class Cluster:
     def heal(self):
         self.partition()
 
-    def submit(self, node_id, lines, threads=1, timeout_s=60):
-        """Starts a Submission. `timeout_s`: how long a line waits for an inactive node to become active again."""
-        return Submission(self.node(node_id), lines, threads, timeout_s)
+    def submit(self, node_id, lines, window=1, timeout_s=60):
+        """Starts a Submission. `timeout_s`: from the arrival of a line at the daemon until it gives up."""
+        return Submission(self.node(node_id), lines, window, timeout_s)
 
     def status(self, node_id):
         return self.node(node_id).control.status()
@@ -149,8 +154,9 @@ class Cluster:
         return struct.unpack_from("<II", self.node(node_id).durable("paxos_decide"))
 
     def await_active(self, node_ids=None, timeout_s=ACTIVE_TIMEOUT_S):
+        """Waits until the nodes take part. A new cluster does so when every node has heard all others."""
         for node_id in node_ids or self.nodes:
-            wait_until(lambda node_id=node_id: self.status(node_id)["active"], timeout_s, f"node {node_id} is active")
+            wait_until(lambda node_id=node_id: takes_part(self.status(node_id)), timeout_s, f"node {node_id} takes part")
 
     def await_equal(self, node_ids=None, timeout_s=60.0):
         """Waits until the journals have the same length, compares them, and returns them."""

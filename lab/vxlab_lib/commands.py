@@ -1,11 +1,10 @@
 """The commands of vxlab. One function per command adds its parser."""
 
 import json
-import os
 import subprocess
 import sys
 
-from . import bench, demo, network
+from . import bench, bench_clients, demo, network
 from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
@@ -91,15 +90,15 @@ def status(subparsers):
         if options.json:
             print(json.dumps({"nodes": rows, "partition": [sorted(part) for part in cluster.partition_parts()]}))
             return
-        form = "{:>4}  {:<8} {:<7} {:<6} {:>9} {:>8}  {:<16} {:>8}"
-        print(form.format("node", "process", "state", "active", "decision", "lines", "hash", "doubled"))
+        form = "{:>4}  {:<8} {:<7} {:<6} {:>9} {:>8} {:>8}  {:<16}"
+        print(form.format("node", "process", "state", "active", "decision", "payloads", "lines", "hash"))
         for node_id, row in rows.items():
             found = row["status"]
             cells = ["-", "-", "-", "-", "-"]
             if found:
                 decision, lines = found["decision"], found["journal"]
-                cells = ["yes" if found["active"] else "no", decision["number"] if decision else "-", lines["lines"],
-                         lines["hash"], lines["doubled"]]
+                cells = ["yes" if found["active"] else "no", decision["number"] if decision else "-", lines["n"],
+                         lines["lines"], lines["hash"]]
             print(form.format(node_id, row["process"], row["state"], *cells))
         parts = cluster.partition_parts()
         if parts:
@@ -126,7 +125,7 @@ def node_status(cluster, node_id):
 def submit(subparsers):
     def run(options):
         node = lab(options).node(options.node)
-        command = node.kesh("submit", "--threads", str(options.threads))
+        command = node.kesh("submit", "--window", str(options.window))
         if options.file == "-":
             return subprocess.run([*command, "-"], cwd=node.dir, check=False).returncode
         try:
@@ -137,7 +136,7 @@ def submit(subparsers):
 
     parser = add_node(add(subparsers, "submit", "submit the lines of a file at a node", run))
     parser.add_argument("file", metavar="FILE", help="a file, or - for standard input")
-    parser.add_argument("--threads", type=int, default=1, help="lines under way at once (default 1)")
+    parser.add_argument("--window", type=int, default=1, help="lines open at once (default 1)")
 
 
 def journal(subparsers):
@@ -176,7 +175,7 @@ def master(subparsers):
     def run(options):
         lab(options).set_master(*options.nodes)
 
-    parser = add(subparsers, "master", "write MASTER for this node and BACKUP for all others, as keepalived would", run)
+    parser = add(subparsers, "master", "say MASTER to this node and BACKUP to all others, as keepalived would", run)
     parser.add_argument("nodes", type=int, nargs="+", metavar="NODE", help="several make a cluster with two minds")
 
 
@@ -229,7 +228,7 @@ def run_demo(subparsers):
         progress.say("all journals are equal")
         print()
         demo.print_summary(rows, sys.stdout)
-        print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/journal.")
+        print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/kesh.store.")
 
     parser = add(subparsers, "demo", "three nodes order a real text, lose their leader and take it back", run)
     parser.add_argument("file", nargs="?", metavar="FILE", help="text to take (default: one that Debian ships)")
@@ -240,6 +239,11 @@ def run_demo(subparsers):
 def run_bench(subparsers):
     def run(options):
         progress = Progress()
+        if options.clients:
+            with Cluster(options.dir, options.bin) as cluster:
+                found = bench_clients.measure(cluster, options.clients, round(options.seconds), progress)
+            progress.close()
+            return bench_clients.print_cells(*found, sys.stdout)
         plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds,
                           options.durable)
         with Cluster(options.dir, options.bin) as cluster:
@@ -252,6 +256,8 @@ def run_bench(subparsers):
 
     parser = add(subparsers, "bench", "measure submissions against the cost of a durable save", run)
     numbers = {"type": number_list, "metavar": "LIST"}
+    parser.add_argument("--clients", nargs="?", const=bench_clients.CLIENTS, help="instead: so many clients with one "
+                        "line under way each, at kesh and at etcd (default 1,32,256,1000)", **numbers)
     parser.add_argument("--nodes", default=[3], help="sizes of cluster (default 3; all: 3,5,16)", **numbers)
     parser.add_argument("--roles", default=["leader", "follower"], type=lambda text: text.split(","), metavar="LIST",
                         help="where to submit (default leader,follower)")

@@ -9,6 +9,7 @@ from .errors import LabError
 from .rundir import short_path
 
 ANSWER_TIMEOUT_S = 20.0
+VRRP_TIMEOUT_S = 1.0  # a frozen daemon must not hold up the others
 
 
 class NodeUnreachable(LabError):
@@ -60,7 +61,7 @@ class ControlClient:
             pass
 
     def heard(self):
-        """Returns [(node, text)] of the cluster messages heard so far, with text escaped as in the journal."""
+        """Returns [(node, text)] of the cluster messages heard so far, with text escaped as `kesh journal` does."""
         with self.open({"op": "heard"}) as (_, stream, _):
             rows = [line.decode("utf-8", "replace").rstrip("\n").split(" ", 2) for line in stream]
         return [(int(row[1]), row[2]) for row in rows]
@@ -85,6 +86,11 @@ class ControlClient:
         with self.open({"op": "reinit"}, 60.0):
             pass
 
+    def vrrp(self, state):
+        """Tells the daemon what keepalived says: MASTER, BACKUP, FAULT or STOP."""
+        with self.open({"op": "vrrp", "state": state}, VRRP_TIMEOUT_S):
+            pass
+
     def slow(self, hook, wait_ms):
         """Test aid: from now on the hook "deliver" or "state" takes `wait_ms` longer."""
         with self.open({"op": "slow", "hook": hook, "ms": wait_ms}):
@@ -93,8 +99,8 @@ class ControlClient:
     @contextmanager
     def load(self, **options):
         """Makes the daemon submit lines of its own. Gives the stream on which it reports its totals at the end, as one
-        line of JSON. Leaving the context ends the load. Options: threads, bytes (list of payload sizes), count,
-        seconds, pause_ms, timeout_s (per line), repeat (submit again under the same tag after a -1)."""
+        line of JSON. Leaving the context ends the load. Options: threads, bytes (list of sizes of lines), count, seconds,
+        pause_ms, timeout_s (per line: until then it is submitted again after each -1)."""
         with self.open({"op": "load", **options}) as (_, stream, sock):
             sock.settimeout(None)
             yield stream, sock

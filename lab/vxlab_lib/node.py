@@ -5,14 +5,24 @@ import shutil
 import signal
 
 from . import journal, programs
-from .control import ControlClient
+from .control import ControlClient, NodeUnreachable
 from .errors import LabError
 from .rundir import write_by_rename
 from .waiting import wait_until
 
+CLUSTER_NAME = "lab"
+VRRP = "kesh.vrrp"  # in /run: what keepalived said last
 UNDO = ".undo"  # in /flashdisk: what a power cut may undo, see chaos/power_cut.py
 START_TIMEOUT_S = 30.0
 STOP_TIMEOUT_S = 20.0
+
+
+def read_word(path):
+    try:
+        with open(path, encoding="utf-8") as file:
+            return file.read().strip()
+    except OSError:
+        return ""
 
 
 class Node:
@@ -22,6 +32,8 @@ class Node:
         self._programs = build
         self._holder = holder
         self.control = ControlClient(node_id, self.path("run"))
+        self.generation = 1  # of the cluster that `configure` makes
+        self._is_durable = True  # payloads; `kesh configure` knows no other way
         self.net_pid = None  # a process whose network the node shares; None: the laboratory's
         self.environment = {}  # of the daemon, in addition to the laboratory's
         self.on_spawn = lambda pid: None  # called as soon as a process of the daemon exists
@@ -57,6 +69,7 @@ class Node:
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
             file.write(programs.config_text(self.id, self.log_path, settings))
+        self._is_durable = settings.get(programs.DURABLE_KEY) == "yes"
         self.write_state("BACKUP")
         self.configure(node_count)
 
@@ -64,19 +77,33 @@ class Node:
         """Makes the node, which must be down, a node of a new cluster."""
         shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
         programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
-                               str(node_count), "--id", str(self.id), "--yes"),
+                               str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME, "--generation",
+                               str(self.generation), "--yes"),
                      f"configure node {self.id}", cwd=self.dir)
+        if not self._is_durable:
+            programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
+
+    def reform(self, generation):
+        """The node, which must be down, begins this generation of its cluster and keeps its store."""
+        programs.run(self.view(self._programs.kesh, "reform", "--config", self.path("kesh.conf"), "--generation",
+                               str(generation)), f"reform node {self.id}", cwd=self.dir)
+        self.generation = generation
 
     def write_state(self, state):
-        """Writes what keepalived would write. By rename, for a half-written state would read as another one."""
-        write_by_rename(self.path("run", "node_state"), state + "\n")
+        """Says what keepalived would say. A daemon that does not answer looks at the file later."""
+        write_by_rename(self.path("run", VRRP), state + "\n")
+        try:
+            self.control.vrrp(state)
+        except NodeUnreachable:
+            pass
+
+    def vrrp_state(self):
+        """Returns what keepalived said last."""
+        return read_word(self.path("run", VRRP))
 
     def state(self):
-        try:
-            with open(self.path("run", "node_state"), encoding="utf-8") as file:
-                return file.read().strip()
-        except OSError:
-            return ""
+        """Returns what the daemon tells the library: MASTER only if keepalived says so and the node may lead."""
+        return read_word(self.path("run", "node_state"))
 
     def process(self):
         """Returns {"pid", "running", "exit_code"} of the process started last; None if there was none."""
@@ -158,7 +185,7 @@ class Node:
         return answer["exit_code"]
 
     def journal(self):
-        return journal.read_journal(self.path("flashdisk", "journal"), self.id)
+        return journal.read_journal(self.path("flashdisk", journal.STORE), self.id, self.is_running())
 
     def durable(self, name):
         """Returns the bytes of one of the library's files in /flashdisk/cons."""

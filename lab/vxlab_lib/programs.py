@@ -6,7 +6,8 @@ import subprocess
 from .errors import LabError, UsageError
 
 COMMAND_TIMEOUT_S = 60.0
-DURABLE = {"cluster.durable_payloads": "yes"}  # keys of every node for durable payloads
+DURABLE_KEY = "cluster.durable_payloads"
+DURABLE = {DURABLE_KEY: "yes"}  # keys of every node for durable payloads
 
 CONFIG = """\
 # Node {node} of a laboratory; written by vxlab.
@@ -43,6 +44,14 @@ def config_text(node, log, settings):
     log_level = settings.get("log.level", "info")
     text = CONFIG.format(node=node, log=log, log_level=log_level)
     return text + "".join(f"{key} = {value}\n" for key, value in settings.items() if key != "log.level")
+
+
+def set_key(config_path, key, value):
+    """Changes a key that the file has already."""
+    with open(config_path, encoding="utf-8") as file:
+        lines = file.read().splitlines()
+    with open(config_path, "w", encoding="utf-8") as file:
+        file.writelines(f"{key} = {value}\n" if line.split(" ", 1)[0] == key else f"{line}\n" for line in lines)
 
 
 def run(command, what, timeout_s=COMMAND_TIMEOUT_S, **options):

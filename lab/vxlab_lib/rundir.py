@@ -6,8 +6,8 @@
     holder.log          what the holder and its children print
     nodeK/kesh.conf     configuration of node K
     nodeK/kesh.log      its log
-    nodeK/flashdisk/    its /flashdisk: cons/ and journal
-    nodeK/run/          its /run and /var/run: kesh.sock, node_state
+    nodeK/flashdisk/    its /flashdisk: cons/ and kesh.store
+    nodeK/run/          its /run and /var/run: kesh.sock, kesh.vrrp (what keepalived said), node_state (who leads)
 """
 
 import fcntl

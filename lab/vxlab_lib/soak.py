@@ -17,11 +17,11 @@ from .control import NodeUnreachable
 from .errors import CheckFailed, LabError, UsageError
 from .programs import DURABLE
 from .progress import bar
-from .soak_figures import JOURNAL_KEEP, Figures, file_figures, payload_figures
+from .soak_figures import LINES_KEPT, STATE_MAX, Figures, file_figures, payload_figures
 from .waiting import WaitTimeout, wait_until
 
 LOAD = {"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}  # the long ones travel in pieces
-SETTINGS = {"journal.keep": JOURNAL_KEEP, "log.max_size": LOG_BYTES_MAX}
+SETTINGS = {"state.max": STATE_MAX, "retention.lines": LINES_KEPT, "log.max_size": LOG_BYTES_MAX}
 
 PERIOD_S = 1.0
 LEAVE_EVERY = 8  # seconds; a node leaves for one second
@@ -31,7 +31,7 @@ PROGRESS_S = 30.0  # limit until a line of a node that has joined is acknowledge
 REST_S = 60.0
 PAYLOADS_S = 5.0  # limit until superseded payload files are removed
 KILLS_MIN = 6
-FURTHER_LINES = 260  # more than a log holds: a snapshot makes all journals equal
+FURTHER_LINES = 260  # one after another, more than a log holds: a snapshot makes all journals equal
 
 ROLL_OVERS_MIN = 50
 LONG_MINUTES = 10  # a soak of this length with fewer roll-overs proves nothing
@@ -191,7 +191,7 @@ class Soak:
         nodes = self._cluster.nodes.values()
         wait_until(lambda: all(node.control.status()["submissions"]["open"] == 0 for node in nodes), REST_S,
                    "no call is open")
-        acknowledged = send_some(self._cluster.node(self._leader), FURTHER_LINES, REST_S, threads=16)
+        acknowledged = send_some(self._cluster.node(self._leader), FURTHER_LINES, REST_S)
         if acknowledged != FURTHER_LINES:
             raise CheckFailed(f"only {acknowledged} of {FURTHER_LINES} further lines were acknowledged")
         lines = self._cluster.await_equal()[0].count
@@ -236,13 +236,13 @@ class Soak:
     def _sample(self, phase):
         # Snapshots for the next decision, open calls, and calls that died since their node's last decided message.
         self._await_few_payloads(len(self._cluster.nodes) * (1 + 2 * LOAD["threads"]))
-        sample = {"t": time.monotonic(), "given_up": self._of_killed["again"] + self._of_killed["failed"]}
+        sample = {"t": time.monotonic(), "given_up": given_up(self._of_killed)}
         for node_id, node in self._cluster.nodes.items():
             figures = self._look_at_process(node_id)
             sample[node_id] = {"rss_kb": figures["rss_kb"], "fds": figures["fds"],
                                "threads": sum(figures["tasks"].values()), **file_figures(node.cons_dir)}
             sent = node.control.status()["submissions"]
-            sample["given_up"] += sent["again"] + sent["failed"]
+            sample["given_up"] += given_up(sent)
         number, count = max(decisions.read_position(node.cons_dir) for node in self._cluster.nodes.values())
         sample.update(number=number, cycle=phase.cycles)
         phase.roll_overs += self._log is not None and number - count > self._log
@@ -264,6 +264,11 @@ class Soak:
         memory = ", ".join(str(last[node_id]["rss_kb"]) for node_id in self._cluster.nodes)
         self._progress.update(f"{phase.name}: {done}, {phase.roll_overs} roll-overs, {last['given_up']} attempts "
                               f"given up, RSS {memory} KiB")
+
+
+def given_up(counted):
+    """Returns the attempts that did not bring a line into the journal."""
+    return sum(counted[name] for name in ("again", "not_submitted", "unknown"))
 
 
 def run(options, progress):

@@ -1,7 +1,4 @@
-"""The figures of a soak: of every node, phase by phase; whether they grow; a table of them.
-
-What may grow, and can be counted, is subtracted: kesh remembers of each line which took more than one attempt that it
-did."""
+"""The figures of a soak: of every node, phase by phase; whether they grow; a table of them."""
 
 import csv
 import os
@@ -11,13 +8,14 @@ from statistics import median
 
 from .chaos.decisions import read_decided
 
-JOURNAL_KEEP = 200  # lines of the journal in memory: few, so that it has to stay flat
+LINES_KEPT = 200  # on disk: few, so that old ones are removed all the time
+STATE_MAX = 1 << 20  # bytes of a snapshot: few, so that it has to stay flat
 LIMITS = {"rss_kb": 1024, "fds": 1, "threads": 1, "files": 2, "stale": 0, "unnamed": 3}  # by how much a median may rise
 TITLES = {"rss_kb": "RSS KiB", "fds": "descriptors", "threads": "threads", "files": "files in cons",
           "stale": "temporary files left", "unnamed": "payload files beyond the log"}
-ATTEMPT_BYTES = 130  # a line's attempts in the journal's index
 SAMPLES_MIN = 100  # of a phase whose memory is judged by LIMITS
-WARM_UP_KB = 2048  # allowed rise in a shorter phase, while allocators and caches fill
+# Of a shorter phase: allocators and caches still fill, and a few samples may all meet a file that is being saved.
+SHORT_LIMITS = {**LIMITS, "rss_kb": 2048, "fds": 3}
 STALE_S = 5.0  # a save takes less time
 
 
@@ -44,16 +42,11 @@ class Phase:
     def rise(self, pick):
         return self.window(self.end, pick) - self.window(self.middle, pick)
 
-    def subtracted_kb(self):
-        return max(0.0, self.rise(lambda sample: sample["given_up"])) * ATTEMPT_BYTES / 1024
-
     def note_time(self, what, seconds):
         self.longest_s[what] = max(self.longest_s.get(what, 0.0), seconds)
 
     def allowed(self, figure):
-        if figure != "rss_kb":
-            return LIMITS[figure]
-        return (LIMITS[figure] if self.is_long() else WARM_UP_KB) + self.subtracted_kb()
+        return (LIMITS if self.is_long() else SHORT_LIMITS)[figure]
 
     def grown(self, node_id):
         return [figure for figure in LIMITS
@@ -67,7 +60,7 @@ class Phase:
 
         grown = self.grown(node_id)
         return [self.name, node_id, len(self.samples), self.roll_overs, course("rss_kb"),
-                f"{self.rise(lambda sample: sample[node_id]['rss_kb']):+.0f}", f"{self.subtracted_kb():.0f}",
+                f"{self.rise(lambda sample: sample[node_id]['rss_kb']):+.0f}",
                 *(course(figure) for figure in list(LIMITS)[1:]),
                 "GROWS: " + ", ".join(TITLES[figure] for figure in grown) if grown else
                 "flat" if self.is_long() else "flat, as far as so short a time tells"]
@@ -89,7 +82,7 @@ class Phase:
                 f"below {blind or 'any size'} would not be seen")
 
 
-COLUMNS = ["phase", "node", "samples", "roll-overs", TITLES["rss_kb"], "rise", "subtracted",
+COLUMNS = ["phase", "node", "samples", "roll-overs", TITLES["rss_kb"], "rise",
            *(TITLES[figure] for figure in list(LIMITS)[1:]), "verdict"]
 
 
@@ -155,10 +148,8 @@ class Figures:
         print(f"""
 Each figure: median of the first tenth / of the second third / of the last third of the soak's samples; in a loop of
 the first tenth / of the second quarter / of the last quarter. Allowed rise from the second to the last: RSS
-{LIMITS['rss_kb']} KiB and what is subtracted ({WARM_UP_KB} in a phase of less than {SAMPLES_MIN} samples, or a soak of
-few roll-overs); {others}.
-Subtracted, as what may remain of the attempts given up meanwhile, on all nodes: for each {ATTEMPT_BYTES} bytes of the
-journal's index. Of the journal, memory holds the newest {JOURNAL_KEEP} lines; its file grows on disk.
+{LIMITS['rss_kb']} KiB; {others}. In a phase of less than {SAMPLES_MIN} samples, or a soak of few roll-overs: RSS
+{SHORT_LIMITS['rss_kb']} KiB, descriptors {SHORT_LIMITS['fds']}.
 """)
         for phase in phases:
             print(f"- {phase.in_words()}")

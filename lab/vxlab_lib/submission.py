@@ -16,16 +16,17 @@ class Acknowledged:
 
 
 class Submission:
-    """Submits `lines` (bytes) at one node, `threads` of them at a time, in the background. Read `acknowledged`
+    """Submits `lines` (bytes) at one node, `window` of them at a time, in the background. Lines that are open together
+    may travel in one payload. Read `acknowledged`
     (index of the line -> Acknowledged) at any time."""
 
-    def __init__(self, node, lines, threads=1, timeout_s=60):
+    def __init__(self, node, lines, window=1, timeout_s=60):
         self.node = node
         self.lines = lines
         self.acknowledged = {}
         self.error = None  # why it ended early
         self.started_at = time.monotonic()
-        self._request = {"op": "submit", "threads": threads, "timeout_s": timeout_s}
+        self._request = {"op": "submit", "window": window, "timeout_s": timeout_s}
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
 
@@ -82,13 +83,13 @@ class Submission:
     def _receive(self, stream, tag_front):
         """Returns whether the daemon has answered for every line."""
         for raw in stream:
-            words = raw.decode("utf-8", "replace").split(maxsplit=4)
+            words = raw.decode("utf-8", "replace").split()
             if words[0] == "ok":
-                number, sequence, latency_us, attempts = (int(word) for word in words[1:5])
+                number, sequence, latency_us, attempts, _ = (int(word) for word in words[1:])
                 self.acknowledged[number - 1] = Acknowledged(f"{tag_front}.{sequence}", latency_us, attempts,
                                                              time.monotonic())
             elif words[0] == "done":
                 return True
-            else:
-                self.error = self.error or " ".join(words[4:] or words)
+            else:  # refused LINE REASON, or unknown LINE SEQUENCE ATTEMPTS REASON
+                self.error = self.error or " ".join(words[2 if words[0] == "refused" else 4:])
         return False

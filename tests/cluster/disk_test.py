@@ -1,6 +1,8 @@
-"""Disks that fail, and files that are not what they should be: one node leaves, the others go on."""
+"""Disks that fail, and files that are not what they should be: one node leaves or is given what it lost, the others go
+on."""
 
 import os
+import shutil
 import unittest
 
 from scenario import Scenario, wait_until
@@ -15,8 +17,11 @@ class Disk(Scenario):
 
     def await_isolated(self, node):
         wait_until(lambda: not self.cluster.status(node)["active"], 20.0, f"node {node} isolates itself")
+        self.assertIn("Isolating from cluster ...", self.log_of(node))
+
+    def log_of(self, node):
         with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
-            self.assertIn("Isolating from cluster ...", log.read())
+            return log.read()
 
     def test_each_save_that_fails_isolates_its_node_only(self):
         for node, name in ((3, "paxos_decide"), (3, "paxos_deliver"), (2, "msg_id")):
@@ -46,27 +51,104 @@ class Disk(Scenario):
         self.cluster.restart(1)
         self.check_all()
 
-    def test_files_of_the_wrong_form(self):
-        cases = {
-            "paxos_deliver": b"\x01\x02\x03",  # short
-            "paxos_decide": b"\x01\0\0\0\xfb\0\0\0" + bytes(1250),  # 251 entries
-        }
-        for name, content in cases.items():
-            with self.subTest(name):
-                self.submit(1, 10).wait()
-                self.check_all()
-                self.cluster.stop(3)
-                path = self.cluster.node(3).path("flashdisk", "cons", name)
-                whole = self.cluster.node(3).durable(name)
-                with open(path, "wb") as file:
-                    file.write(content)
-                with self.assertRaisesRegex(Exception, "node 3"):
-                    self.cluster.start(3)
-                self.submit(2, 10).wait()
-                with open(path, "wb") as file:
-                    file.write(whole)
-                self.cluster.restart(3)
-                self.check_all()
+    def replace_record(self, name, content):
+        """Node 3, which must be down, finds this in its file. Returns what was there."""
+        whole = self.cluster.node(3).durable(name)
+        with open(self.cluster.node(3).path("flashdisk", "cons", name), "wb") as file:
+            file.write(content)
+        return whole
+
+    def test_a_log_of_the_wrong_form_keeps_its_node_out(self):
+        self.submit(1, 10).wait()
+        self.check_all()
+        self.cluster.stop(3)
+        whole = self.replace_record("paxos_decide", b"\x01\0\0\0\xfb\0\0\0" + bytes(1250))  # 251 entries
+        self.cluster.node(3).spawn()
+        self.assertGreater(self.cluster.node(3).await_end(), 0)
+        self.submit(2, 10).wait()
+        self.replace_record("paxos_decide", whole)
+        self.cluster.restart(3)
+        self.check_all()
+
+    def test_without_its_last_delivery_a_node_compares_its_store_with_the_others(self):
+        self.submit(1, 10).wait()
+        self.check_all()
+        self.cluster.stop(3)
+        self.replace_record("paxos_deliver", b"\x01\x02\x03")  # short
+        self.cluster.start(3)
+        self.submit(3, 10).wait()
+        self.check_all()
+
+    def test_a_store_that_is_lost_or_cut_is_filled_by_the_others(self):
+        path = self.cluster.node(3).path("flashdisk", "kesh.store")
+
+        def move_away(names):
+            for name in names:
+                if os.path.exists(path + name):
+                    os.rename(path + name, path + name + ".elsewhere")
+
+        for what, spoil in (("all of it is gone", lambda: move_away(("", "-wal"))),
+                            ("its -wal alone is left", lambda: move_away(("",))),
+                            ("half of it", lambda: os.truncate(path, os.path.getsize(path) // 2)),
+                            ("nothing of it", lambda: os.truncate(path, 0))):
+            with self.subTest(what):
+                self.submit(2, 20).wait()
+                self.cluster.kill(3)
+                self.submit(1, 20).wait()
+                spoil()
+                self.cluster.start(3)
+                self.submit(3, 10).wait()
+                self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+
+    def lose_disk(self, node, names):
+        for name in names:
+            path = self.cluster.node(node).path("flashdisk", name)
+            shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
+
+    def test_a_machine_is_replaced_while_the_others_go_on(self):
+        self.submit(3, 20).wait()
+        self.cluster.kill(3)
+        self.lose_disk(3, os.listdir(self.cluster.node(3).path("flashdisk")))
+        os.mkdir(self.cluster.node(3).path("flashdisk", "cons"))
+        part = self.submit(1, 100, window=1)
+        self.cluster.node(3).configure(3)
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        part.wait()
+        self.check_all()
+
+    def test_a_cluster_whose_majority_lost_its_records_is_reformed(self):
+        self.submit(2, 20).wait()
+        self.cluster.stop(1)
+        self.cluster.set_master(2)
+        self.submit(3, 20).wait()  # which node 1 does not have: it may not go first
+        for node in (2, 3):
+            self.cluster.stop(node)
+            self.lose_disk(node, ["cons"])
+            os.mkdir(self.cluster.node(node).path("flashdisk", "cons"))
+        for node in (1, 2, 3):
+            self.cluster.node(node).reform(2)
+        self.cluster.start_all(master=1)
+        wait_until(lambda: " payloads, and goes first" in self.log_of(1), 20.0, "node 1 must not lead")
+        self.cluster.set_master(2)
+        self.submit(1, 20).wait()
+        self.check_all()
+
+    def test_a_file_of_somebody_else_is_not_touched(self):
+        self.cluster.stop(3)
+        path = self.cluster.node(3).path("flashdisk", "kesh.store")
+        os.rename(path, path + ".elsewhere")
+        foreign = b"my notes\n" * 1000
+        with open(path, "wb") as file:
+            file.write(foreign)
+        with self.assertRaisesRegex(Exception, "node 3"):
+            self.cluster.start(3)
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), foreign)
+        os.rename(path + ".elsewhere", path)
+        self.cluster.restart(3)
+        self.submit(3, 10).wait()
+        self.check_all()
 
 
 if __name__ == "__main__":

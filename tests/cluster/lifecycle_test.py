@@ -20,7 +20,7 @@ class Lifecycle(Scenario):
             self.check_all()
 
     def test_whole_cluster_stops_and_goes_on_where_it_was(self):
-        self.submit(2, 300).wait()
+        self.submit(2, 300, window=1).wait()
         before = self.check_all()[0]
         for node in (3, 2, 1):
             self.assertEqual(self.cluster.stop(node), 0)
@@ -34,7 +34,7 @@ class Lifecycle(Scenario):
         self.submit(1, 50).wait()
         self.cluster.node(1).pause()
         self.cluster.node(2).write_state("MASTER")
-        self.submit(2, 300).wait()
+        self.submit(2, 300, window=1).wait()
         self.cluster.node(1).resume()
         self.submit(3, 50).wait()
         self.cluster.set_master(2)

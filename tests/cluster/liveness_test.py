@@ -25,7 +25,7 @@ class Liveness(Scenario):
     nodes = 1
 
     def test_sign_of_life_and_a_cluster_of_one(self):
-        self.submit(1, 300).wait()
+        self.submit(1, 300, window=1).wait()
         self.check_all()
         for _ in range(2):
             message = json.loads(self.cluster.node(1).run_inside(["python3", "-c", RECEIVE], timeout_s=10.0))

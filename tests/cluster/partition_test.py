@@ -12,7 +12,7 @@ class Partition(Scenario):
         alone = self.submit(1, 5)
         self.cluster.node(2).write_state("MASTER")
         # More than a log: what node 1 misses cannot be read off the log that it finds afterwards.
-        self.submit(2, 400).wait()
+        self.submit(2, 400, window=1).wait()
         self.submit(3, 50).wait()
         self.assertEqual(len(alone.acknowledged), 0, "a minority acknowledged a line")
         self.assertTrue(self.cluster.status(1)["active"])
@@ -27,7 +27,7 @@ class Partition(Scenario):
     def test_a_follower_is_cut_off(self):
         self.cluster.partition({3}, {1, 2})
         cut_off = self.submit(3, 5)
-        self.submit(2, 300).wait()
+        self.submit(2, 300, window=1).wait()
         self.assertEqual(len(cut_off.acknowledged), 0)
         self.cluster.heal()
         cut_off.wait()

@@ -10,7 +10,6 @@ sys.dont_write_bytecode = True
 BUILD_DIR = os.environ["VX_BUILD_DIR"]
 sys.path.insert(0, os.environ["VX_LAB_DIR"])
 
-from vxlab_lib import journal  # noqa: E402
 from vxlab_lib.checker import check_journals  # noqa: E402
 from vxlab_lib.cluster import Cluster  # noqa: E402
 from vxlab_lib.waiting import wait_until  # noqa: E402
@@ -47,9 +46,9 @@ class Scenario(unittest.TestCase):
             with open(node.log_path, encoding="utf-8", errors="replace") as log:
                 sys.stderr.writelines(log.readlines()[-LOG_LINES_SHOWN:])
 
-    def submit(self, node, count, threads=4, timeout_s=60):
+    def submit(self, node, count, window=4, timeout_s=60):
         name = f"node {node}, part {len(self.submissions)}, line"
-        self.submissions.append(self.cluster.submit(node, lines(name, count), threads, timeout_s))
+        self.submissions.append(self.cluster.submit(node, lines(name, count), window, timeout_s))
         return self.submissions[-1]
 
     def await_acknowledged(self, part, count, timeout_s=30.0):

@@ -32,12 +32,14 @@ def lose_fifth_on_3(builder):
 
 
 def repeat_last(between, log):
-    """Node 2 gets its last delivery again, after what stands between in its trace and log."""
+    """Node 2 gets its last payload again, after what stands between in its trace and log."""
     def change(builder):
         trace = builder.trace[2]
         del trace[-4:]
-        last = trace[-2][1].split()
-        trace += [*between, (21, " ".join(last[:4] + ["doubled"] + last[5:]))]
+        deliveries = [words.split() for _, words in trace if words.startswith("deliver")]
+        last = [words for words in deliveries if words[1] == deliveries[-1][1]]
+        end = last[-1][5:]
+        trace += [*between, *((21, " ".join(["deliver", str(21 * 10**9), *words[2:4], "doubled", *end])) for words in last)]
         builder.log[2] += [*log, "CONS: PAXOS: DELIVER (id=4/2)", "CONS: PAXOS: DELIVER calling hook"]
     return change
 
@@ -54,10 +56,35 @@ def stop_repeat(*log):
     return repeat_last([(19, "stop-call"), (19.1, "stop-return 0"), (20.1, "start-call"), (20.2, "start-return 0")], log)
 
 
+def rejoin(*items):
+    """Node 2 starts once more, is given the state, and then payloads of one item: (origin, sequence, outcome)."""
+    def change(builder):
+        end = " ".join([words for _, words in builder.trace[2] if words.startswith("deliver")][-1].split()[-2:])
+        builder.trace[2] += [(76, "begin 11"), (76, "rejoin the records name another payload"), (76, "start-call"),
+                             (76, "start-return 0")]
+        builder.trace[2] += [(77, f"adopt {77 * 10**9 + kind} {kind} 99 {end}") for kind in range(4)]
+        builder.trace[2] += [(77, "adopted kept 4")]
+        builder.trace[2] += [(78 + at / 10, f"deliver {78 * 10**9 + at} {tag(origin, sequence)} 1 {outcome} {end}")
+                             for at, (origin, sequence, outcome) in enumerate(items)]
+        builder.log[2] += ["kesh: starting, build 1, process 11"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
+        for origin, sequence, _ in items:
+            builder.log[2] += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook"]
+    return change
+
+
+def no_op(origin, sequence):
+    def change(builder):
+        for node in (1, 2, 3):
+            end = " ".join([words for _, words in builder.trace[node] if words.startswith("deliver")][-1].split()[-2:])
+            builder.insert(node, 19.1, f"deliver {19 * 10**9} {tag(origin, sequence)} 1 no-op {end}")
+            builder.log[node] += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook"]
+    return change
+
+
 def ordered_again(builder):
     """Node 2 delivers, last of all, what stands before its full state once more; node 1 had a FORWARD of its origin."""
     last = builder.trace[2][-6][1].split()
-    builder.insert(2, 25, " ".join([*last[:2], tag(3, 1), "1", "doubled", *last[5:]]))
+    builder.insert(2, 25, " ".join([last[0], str(25 * 10**9), tag(3, 1), "1", "doubled", *last[5:]]))
     builder.log[1] += ["CONS: PAXOS: FORWARD (sender=3, id=2)", "CONS: CONSENSOUS: propose ... id=10, round=1"]
 
 
@@ -161,11 +188,11 @@ def power_cut(holders):
 # what is wrong, [changes before make], [changes after], what is named (then what may follow; None: held)
 CASES = [
     ("nothing", [], [], None),
-    ("another order on one node", [lambda b: b.order.update({3: b.plan[:5] + [b.plan[6], b.plan[5], b.plan[7]]})], [],
+    ("another order on one node", [lambda b: b.order.update({3: b.plan[:5] + [*b.plan[6:8], b.plan[5], b.plan[8]]})], [],
      "I1 I5 I6 I9"),
     ("delivered twice", [], [trace(2, 19, f"deliver {19 * 10**9} {tag(1, 3)} 1 doubled 8 00000000000000aa")], "I1 I2"),
-    ("never submitted", [], [lambda b: b.replace(1, "call 1 3 1 99", "call 1 4 1 99"),
-                             lambda b: b.replace(1, "return 1 3 1 0", "return 1 4 1 0")], "I3 I6"),
+    ("never submitted", [], [lambda b: b.replace(1, "call 1 3 1 99", "call 1 5 1 99"),
+                             lambda b: b.replace(1, "return 1 3 1 0", "return 1 5 1 0")], "I3 I6"),
     ("damaged", [], [trace(2, 19, f"damaged {19 * 10**9} 0 77")], "I3"),
     ("half a full state", [], [lambda b: b.trace[2].remove(next(x for x in b.trace[2] if " 2 99 4 " in x[1]))], "I3"),
     ("own order", [swapped(0, 3)], [], "I4 I5 I3"),
@@ -211,6 +238,23 @@ CASES = [
     ("a signal where a disk failed", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=-11)], "P"),
     ("a last delivery that no log names", [], [lambda b: b.deliver.update({3: (2, 77)})], "I7"),
     ("repeated after a crash", [], [crash_repeat()], None),
+    ("two items repeated after a crash", [lambda b: b.plan.append((2, 4, 17.01, 18))], [crash_repeat()], None),
+    ("compared with the store after a rejoin", [], [rejoin((2, 2, "doubled"), (3, 2, "doubled"))], None),
+    ("doubled behind something new", [], [rejoin((1, 3, "applied"), (3, 2, "doubled"))], "I2"),
+    ("applied twice", [], [rejoin((3, 2, "doubled"), (1, 3, "applied"))], "I2"),
+    ("hashes that do not fit", [lambda b: b.stored_text.update({2: b"texts"})], [], "I1 I3 I6 I9"),
+    ("the oldest lines are not kept on one node", [lambda b: b.bare.update({2: 6})], [], None),
+    ("an item that is no line", [], [trace(1, 19, "call 2 9 1 0"), trace(1, 19.2, "return 2 9 1 0"), no_op(1, 9)], None),
+    ("an item of which a node knows nothing", [], [trace(1, 19, "call 2 9 1 0"), trace(1, 19.2, "return 2 9 1 0")],
+     "I6"),
+    ("the oldest lines, where all have to be kept",
+     [lambda b: b.bare.update({2: 6}), lambda b: b.options.update(keeps_lines=True)], [], "I6"),
+    ("the number fell with a new disk", [], [event(9, "store-lost", node=2, how="disk-empty"),
+                                             sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], None),
+    ("the number fell with a lost store", [], [event(9, "store-lost", node=2, how="moved"),
+                                               sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
+    ("a disk that went back, unnoticed", [], [event(9, "disk-back-noticed", node=2, noticed=False)], "I7"),
+    ("a store on a failing disk", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=7)], None),
     ("repeated after a failed save, overtaken by a stop", [], [stop_repeat("write(/c/paxos_deliver.tmp) failed")], None),
     ("repeated after an isolation for another save", [], [stop_repeat("Isolating from cluster ...")], "I2"),
     ("repeated after a stop", [], [stop_repeat()], "I2"),
@@ -317,7 +361,7 @@ class CheckerTest(unittest.TestCase):
         builder = Builder().make()
         for node in (1, 2, 3):
             builder.trace[node] = builder.trace[node][:3]
-            builder.journals[node] = b""
+            builder.journals[node] = []
         with tempfile.TemporaryDirectory() as directory:
             result = check(builder.write(directory))
             self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I2", "I3", "I5", "I6", "I10"]))

@@ -1,12 +1,22 @@
-"""Writes the evidence of a small, good episode: three nodes, eight lines from threads of all of them, a roll-over."""
+"""Writes the evidence of a small, good episode: three nodes, nine lines of all of them, two in one payload, a roll-over."""
 
+import hashlib
+import itertools
 import json
 import os
+import sqlite3
 import struct
-import zlib
+from contextlib import closing
 
 SECOND = 10**9
-HASH_START = 0xCBF29CE484222325
+NO_LINE = "cbf29ce484222325"
+CHAIN_START = hashlib.sha256().digest()
+TEXT = b"text"
+TABLES = """
+CREATE TABLE meta (key, value);
+CREATE TABLE payload (n, hash, origin, life, first_line, lines, items);
+CREATE TABLE item (n, position, kind, sequence, attempt, line, is_repeat, text);
+"""
 LIVES = {node: f"{node:016x}" for node in (1, 2, 3)}
 STATE = (1, 50)  # entry of the full state that begins the second log
 HEAL_S, END_S = 60, 80
@@ -17,32 +27,63 @@ def tag(origin, sequence):
     return f"{origin}.{LIVES[origin]}.{sequence}"
 
 
+def payloads(plan):
+    for _, items in itertools.groupby(plan, key=lambda item: item[3]):
+        yield list(items)
+
+
+def next_hash(before, items):
+    origin = items[0][0]
+    payload = b"KPL2" + struct.pack("<BQI", origin, int(LIVES[origin], 16), len(items))
+    payload += b"".join(struct.pack("<BQII", 1, sequence, 1, len(TEXT)) + TEXT for _, sequence, *_ in items)
+    return hashlib.sha256(before + payload).digest()
+
+
+def write_store(path, applied, bare, text):
+    with closing(sqlite3.connect(path)) as store, store:
+        store.executescript("PRAGMA synchronous = OFF;" + TABLES)
+        store.executemany("INSERT INTO meta VALUES (?, ?)",
+                          [("base_n", 0), ("base_hash", CHAIN_START), ("base_lines", 0)])
+        chain, lines = CHAIN_START, 0
+        for n, items in enumerate(applied, 1):
+            chain = next_hash(chain, items)
+            kept = items if n > bare else []
+            store.execute("INSERT INTO payload VALUES (?, ?, ?, ?, ?, ?, ?)",
+                          (n, chain, items[0][0], int(LIVES[items[0][0]], 16), lines + 1, len(items), len(kept)))
+            store.executemany("INSERT INTO item VALUES (?, ?, 1, ?, 1, ?, 0, ?)",
+                              [(n, place, item[1], lines + 1 + place, text) for place, item in enumerate(kept)])
+            lines += len(items)
+
+
 class Builder:
     """Change what you like (trace, logs, events, ..) between making it and `write`."""
 
     def __init__(self):
-        # (origin, sequence, call at s, delivered at s): the second log begins after the fourth.
+        # (origin, sequence, call at s, delivered at s): the second log begins after the fourth. What is delivered at one
+        # time is one payload.
         self.plan = [(1, 1, 1, 2), (2, 1, 3, 4), (3, 1, 5, 6), (1, 2, 7, 8), (2, 2, 11, 12), (3, 2, 13, 14),
-                     (1, 3, 15, 16), (2, 3, 17, 18)]
+                     (1, 3, 15, 16), (1, 4, 15.01, 16), (2, 3, 17, 18)]
         self.order = {}  # node -> plan of what it delivers; default: the plan
         self.trace = {node: [] for node in (1, 2, 3)}  # (s, words)
         self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}  # line, or (s, line)
         self.events = [(0, "spawn", {"node": node}) for node in (1, 2, 3)]
         self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}),
-                        (70, "equal", {"lines": 8, "after_s": 10})]
+                        (70, "equal", {"lines": 9, "after_s": 10})]
         self.events += [(65, "fresh", {"node": node, "tag": tag(node, 2)}) for node in (1, 2, 3)]
         self.samples, self.wire = [], []
         self.decide = struct.pack("<II", 9, 5)
         self.deliver = {node: (2, 4) for node in (1, 2, 3)}
         self.options = {}
         self.payloads = {}  # node -> names of its files; default: what the log names
+        self.bare = {}  # node -> payloads of which its store kept the hashes alone
+        self.stored_text = {}  # node -> what its store holds instead of the text of each line
 
     def make(self):
         """Fills traces and logs from `order`, then samples and datagrams. Returns self."""
         self.journals = {}
         for node in (1, 2, 3):
             self._make_node(node)
-        entries = [STATE] + [(origin, sequence + 1) for origin, sequence, *_ in self.plan[4:]]
+        entries = [STATE] + [(items[0][0], items[0][1] + 1) for items in payloads(self.plan[4:])]
         named = [f"{sender}.{msg_id}" for sender, msg_id in entries]
         self.payloads = {node: list(named) for node in (1, 2, 3)} if self.options.get("durable") else {}
         self.decide += b"".join(struct.pack("<BI", *entry) for entry in entries)
@@ -65,26 +106,27 @@ class Builder:
     def _make_node(self, node):
         trace, log = self.trace[node], self.log[node]
         trace += [(0.1, "begin 10"), (0.2, "start-call"), (0.3, "start-return 0")]
-        hash_, records, lines = HASH_START, [], 0
-        for position, (origin, sequence, called, at) in enumerate(self.order.get(node, self.plan)):
+        chain, key, lines = CHAIN_START, NO_LINE, 0
+        self.journals[node] = list(payloads(self.order.get(node, self.plan)))
+        for position, items in enumerate(self.journals[node]):
             if position == 4:
                 for kind in range(4):
-                    trace.append((10, f"adopt {10 * SECOND} {kind} 99 {lines} {hash_:016x}"))
+                    trace.append((10, f"adopt {10 * SECOND + kind} {kind} 99 {lines} {key}"))
+                trace.append((10, "adopted kept 4"))
                 log += [f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
-            lines += 1
-            hash_ = zlib.crc32(f"{origin}.{sequence}".encode(), hash_ >> 32) << 32 | lines
-            record = f"L {lines} {hash_:016x} {tag(origin, sequence)} 1 text".encode()
-            records.append(f"{zlib.crc32(record):08x} ".encode() + record + b"\n")
+            chain = next_hash(chain, items)
+            origin, first, _, at = items[0]
             if origin == node:
-                trace.append((called, f"call 1 {sequence} 1 99"))
-                log.append(f"CONS: PAXOS: RECEIVE (id={sequence + 1})")
-            trace.append((at, f"deliver {int(at * SECOND) - 1} {tag(origin, sequence)} 1 applied {lines} {hash_:016x}"))
-            log += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook",
+                trace += [(called, f"call 1 {sequence} 1 99") for _, sequence, called, _ in items]
+                log.append(f"CONS: PAXOS: RECEIVE (id={first + 1})")
+            for place, (_, sequence, *_) in enumerate(items):
+                lines, key = lines + 1, f"{chain.hex()[:12]}{place:04x}"
+                trace.append((at, f"deliver {int(at * SECOND) - 1} {tag(origin, sequence)} 1 applied {lines} {key}"))
+            log += [f"CONS: PAXOS: DELIVER (id={first + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook",
                     f"CONS: PAXOS: DECIDE broadcast (batch_id={position + 1})"]
             if origin == node:
-                trace.append((at + 0.1, f"return 1 {sequence} 1 0"))
+                trace += [(at + 0.1, f"return 1 {sequence} 1 0") for _, sequence, *_ in items]
         trace += [(75, "stop-call"), (75.1, "stop-return 0"), (75.2, "cleanup-call"), (75.3, "cleanup-return")]
-        self.journals[node] = b"".join(records)
 
     def insert(self, node, at_s, words):
         self.trace[node].append((at_s, words))
@@ -120,7 +162,10 @@ class Builder:
             put(f"node{node}/trace", "".join(lines))
             timed = [line if isinstance(line, tuple) else (0, line) for line in self.log[node]]
             put(f"node{node}/log", "".join(f"2026-01-01 00:{at // 60:02}:{at % 60:02}.000 1 info: {line}\n" for at, line in timed))
-            put(f"node{node}/flashdisk/journal", self.journals[node])
+            os.makedirs(os.path.join(directory, f"node{node}", "flashdisk"))
+            if self.journals[node]:
+                write_store(os.path.join(directory, f"node{node}", "flashdisk", "kesh.store"), self.journals[node],
+                            self.bare.get(node, 0), self.stored_text.get(node, TEXT))
             put(f"node{node}/flashdisk/cons/paxos_decide", self.decide)
             put(f"node{node}/flashdisk/cons/paxos_deliver", struct.pack("<BI", *self.deliver[node]))
             put(f"node{node}/flashdisk/cons/msg_id", bytes(4))

@@ -6,7 +6,7 @@
 namespace kesh
 {
 
-void agreement::own(const store_position &now)
+void agreement::own(const told_position &now)
 {
   if (own_ && own_->store != now.store) {
     barred_.reset();
@@ -21,7 +21,7 @@ void agreement::own(const store_position &now)
   look_for_quorum();
 }
 
-void agreement::heard(uint32_t node, const store_position &said)
+void agreement::heard(uint32_t node, const told_position &said)
 {
   if (node == 0 || node > node_count_) {
     return;

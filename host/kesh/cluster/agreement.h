@@ -38,14 +38,14 @@ class agreement
 {
 public:
   /// This node's own H(n), for n below its own; nothing if it is not kept.
-  using hash_lookup = std::function<std::optional<chain_hash>(const store_position &own, uint64_t n)>;
+  using hash_lookup = std::function<std::optional<chain_hash>(const told_position &own, uint64_t n)>;
 
   agreement(uint32_t node_count, hash_lookup own_hash) : node_count_(node_count), own_hash_(std::move(own_hash)) {}
 
   /// Where this node is now.
-  void own(const store_position &now);
+  void own(const told_position &now);
   /// What another node says; nodes above the count are ignored.
-  void heard(uint32_t node, const store_position &said);
+  void heard(uint32_t node, const told_position &said);
 
   agreement_verdict of(uint32_t node) const;
   /// Set: this node must not lead. A difference alone bars nobody, since it does not tell who is wrong, and the cluster
@@ -59,7 +59,7 @@ private:
     bool operator==(const statement &) const = default;
   };
   struct peer {
-    std::optional<store_position> said;
+    std::optional<told_position> said;
     std::optional<statement> ahead;  // the first one that this node was behind
     agreement_verdict verdict;
   };
@@ -71,7 +71,7 @@ private:
 
   uint32_t node_count_;
   hash_lookup own_hash_;
-  std::optional<store_position> own_;
+  std::optional<told_position> own_;
   std::array<peer, HELLO_NODES_MAX> peers_;
   std::optional<outvoted> barred_;
 };

@@ -14,18 +14,9 @@ namespace
 using nlohmann::json;
 
 constexpr std::array<const char *, 4> ROLES = {"stopped", "follower", "leader", "isolated"};
+constexpr std::array<const char *, 4> STANDINGS = {"new", "joined", "member", "reformed"};
 constexpr std::string_view DIGITS = "0123456789abcdef";
 constexpr size_t MAC_SIZE = 17;
-
-std::string hash_digits(const chain_hash &hash)
-{
-  std::string text;
-  for (const uint8_t byte : hash) {
-    text += DIGITS[byte >> 4];
-    text += DIGITS[byte & 0xf];
-  }
-  return text;
-}
 
 /// Bytes that are no UTF-8 become signs of replacement.
 std::string dump(const json &value)
@@ -154,9 +145,34 @@ std::vector<heard_line> read_heard(const json &from)
   return lines;
 }
 
-store_position read_position(const field_reader &from)
+standing read_standing(const field_reader &from)
 {
-  store_position read;
+  const auto read = standing_of(from.text("standing", 16));
+  demand(read.has_value());
+  return *read;
+}
+
+std::optional<message_ids> read_ids(const json &from, uint32_t node_count)
+{
+  if (from.is_null()) {
+    return std::nullopt;
+  }
+  demand(from.is_array() && from.size() == node_count);
+  message_ids ids{};
+  for (size_t i = 0; i < from.size(); ++i) {
+    ids[i] = field_reader::as_number<uint32_t>(from[i], 0, UINT32_MAX);
+  }
+  return ids;
+}
+
+json ids_field(const hello &from)
+{
+  return from.ids ? json(std::vector(from.ids->begin(), from.ids->begin() + from.node_count)) : json(nullptr);
+}
+
+told_position read_position(const field_reader &from)
+{
+  told_position read;
   read.store = from.any<uint64_t>("store");
   read.complete = from.flag("complete");
   read.n = from.any<uint64_t>("n");
@@ -174,13 +190,28 @@ const char *node_role_name(node_role role)
   return ROLES[static_cast<size_t>(role)];
 }
 
+const char *standing_name(standing of)
+{
+  return STANDINGS[static_cast<size_t>(of)];
+}
+
+std::optional<standing> standing_of(std::string_view name)
+{
+  for (size_t i = 0; i < STANDINGS.size(); ++i) {
+    if (name == STANDINGS[i]) {
+      return static_cast<standing>(i);
+    }
+  }
+  return std::nullopt;
+}
+
 std::string hello_encode(hello from)
 {
   json heard = json::array();
   for (const heard_line &one : from.heard) {
     heard.push_back({one.node, one.age_ms, one.decision});
   }
-  const store_position &position = from.position;
+  const told_position &position = from.position;
   json fields = {
       {"cluster", from.cluster.name},
       {"mac", from.cluster.first_mac},
@@ -191,14 +222,16 @@ std::string hello_encode(hello from)
       {"session", from.session},
       {"number", from.number},
       {"role", node_role_name(from.role)},
+      {"standing", standing_name(from.stands)},
       {"decision", from.decision},
       {"top", from.top},
       {"store", position.store},
       {"complete", position.complete},
       {"n", position.n},
-      {"hash", hash_digits(position.hash)},
-      {"checkpoint_hash", position.checkpoint_hash ? json(hash_digits(*position.checkpoint_hash)) : json(nullptr)},
+      {"hash", hash_text(position.hash)},
+      {"checkpoint_hash", position.checkpoint_hash ? json(hash_text(*position.checkpoint_hash)) : json(nullptr)},
       {"handled", from.handled},
+      {"ids", ids_field(from)},
       {"reason", ""},
       {"heard", heard}};
   const size_t size = dump(fields).size();
@@ -222,10 +255,12 @@ std::optional<hello> hello_decode(std::string_view bytes)
     read.session = from.any<uint64_t>("session");
     read.number = from.any<uint64_t>("number");
     read.role = read_role(from);
+    read.stands = read_standing(from);
     read.decision = from.any<uint32_t>("decision");
     read.top = from.any<uint32_t>("top");
     read.position = read_position(from);
     read.handled = from.flag("handled");
+    read.ids = read_ids(from.at("ids"), read.node_count);
     read.reason = from.text("reason", HELLO_MAX);
     read.heard = read_heard(from.at("heard"));
     return read;

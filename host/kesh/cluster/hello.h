@@ -4,16 +4,26 @@
 /// One JSON object, at most 1400 bytes. Fields that a node does not know are ignored, and none of these is ever left
 /// out, so that builds can differ:
 ///
-///   cluster, mac, generation   which cluster, and which life of it: text of at most 64 bytes, "02:00:00:00:00:01",
-///   number build, nodes, node         build number, count of nodes and number of this one, 1 to 16 session, number
-///   session: drawn at random by each daemon; number: of this hello in it, from 1 role                       "stopped",
-///   "follower", "leader" or "isolated" decision                   the last one in the file paxos_decide, which was
-///   flushed before top                        greatest number of a decision that this node had to do with store number
-///   of its store, another one each time it was replaced complete                   false: it skipped a payload, so its
-///   H is not that of the others, and need not be n, hash                    payloads applied, and H(n), 64 hexadecimal
-///   digits checkpoint_hash            H(n rounded down to a multiple of 256); null: not kept handled the library's log
-///   is delivered to its end reason                     why nothing is ordered here; empty: it is heard [[node, age in
-///   ms, greatest decision heard of it], ..]
+///     cluster            which cluster: text of at most 64 bytes, printable ASCII
+///     mac                of its node 1: "02:00:00:00:00:01"
+///     generation         which life of it
+///     build              build number
+///     nodes              count of nodes
+///     node               number of this one, 1 to 16
+///     session            drawn at random by each daemon
+///     number             of this hello in its session, from 1
+///     role               "stopped", "follower", "leader" or "isolated"
+///     standing           "new", "joined", "member" or "reformed": newcomer.h
+///     decision           the last one in the file paxos_decide, which was flushed before
+///     top                greatest number of a decision that this node had to do with
+///     store              number of its store, another one each time it was replaced
+///     complete           false: it skipped a payload, so its H is not that of the others, and need not be
+///     n, hash            payloads applied, and H(n), 64 hexadecimal digits
+///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
+///     handled            the library's log is delivered to its end
+///     ids                per node the highest message id of it that this node's records know; null: not looked up yet
+///     reason             why nothing is ordered here; empty: it is
+///     heard              [[node, age in ms, greatest decision heard of it], ..]
 #pragma once
 
 #include <array>
@@ -23,10 +33,10 @@
 #include <string_view>
 #include <vector>
 
+#include "items/chain_hash.h"
+
 namespace kesh
 {
-
-using chain_hash = std::array<uint8_t, 32>;
 
 inline constexpr size_t HELLO_MAX = 1400;
 inline constexpr uint32_t HELLO_NODES_MAX = 16;
@@ -41,6 +51,14 @@ constexpr uint64_t checkpoint_of(uint64_t n)
 enum class node_role : uint8_t { stopped, follower, leader, isolated };
 const char *node_role_name(node_role role);
 
+/// What a node is to the cluster; newcomer.h says how one becomes the other.
+enum class standing : uint8_t { is_new, joined, member, reformed };
+const char *standing_name(standing of);
+std::optional<standing> standing_of(std::string_view name);
+
+/// Of each node, by node - 1; 0: none is known.
+using message_ids = std::array<uint32_t, HELLO_NODES_MAX>;
+
 struct cluster_identity {
   std::string name;
   std::string first_mac;  ///< of node 1, lower case
@@ -49,14 +67,14 @@ struct cluster_identity {
   bool operator==(const cluster_identity &) const = default;
 };
 
-struct store_position {
+struct told_position {
   uint64_t store = 0;
   bool complete = false;
   uint64_t n = 0;
   chain_hash hash{};
   std::optional<chain_hash> checkpoint_hash;
 
-  bool operator==(const store_position &) const = default;
+  bool operator==(const told_position &) const = default;
 };
 
 struct heard_line {
@@ -75,17 +93,20 @@ struct hello {
   uint64_t session = 0;
   uint64_t number = 0;
   node_role role = node_role::stopped;
+  standing stands = standing::member;
   uint32_t decision = 0;
   uint32_t top = 0;
-  store_position position;
+  told_position position;
   bool handled = false;
+  std::optional<message_ids> ids;
   std::string reason;
   std::vector<heard_line> heard;
 
   bool operator==(const hello &) const = default;
 };
 
-/// At most HELLO_MAX bytes if the cluster's name has at most CLUSTER_NAME_MAX; a long reason is cut.
+/// At most HELLO_MAX bytes if the cluster's name has at most CLUSTER_NAME_MAX letters of ASCII that can be printed; a
+/// long reason is cut.
 std::string hello_encode(hello from);
 /// Nothing if anything is missing, out of range or of a wrong kind.
 std::optional<hello> hello_decode(std::string_view bytes);

@@ -178,6 +178,9 @@ void hello_service::work(const std::vector<arrival> &arrived, bool is_due)
   for (const arrival &one : arrived) {
     if (peers_.heard(one.said, one.heard_ms) == hello_kind::member) {
       agreement_.heard(one.said.node, one.said.position);
+      if (functions_.heard) {
+        functions_.heard(one.said);
+      }
     }
   }
   if (is_due) {
@@ -200,10 +203,12 @@ void hello_service::say_hello()
   said.session = settings_.session;
   said.number = ++number_;
   said.role = facts_->role;
+  said.stands = facts_->stands;
   said.decision = facts_->decision;
   said.top = facts_->top;
   said.position = facts_->position;
   said.handled = facts_->handled;
+  said.ids = facts_->ids;
   said.reason = facts_->reason;
   said.heard = peers_.lines(now_ms());
   functions_.send(hello_encode(std::move(said)));
@@ -211,7 +216,7 @@ void hello_service::say_hello()
 
 void hello_service::judge()
 {
-  if (facts_ && !disk_went_back_) {
+  if (facts_ && facts_->is_decision_certain && !disk_went_back_) {
     disk_went_back_ = peers_.disk_went_back(facts_->decision);
   }
   const int64_t now = now_ms();

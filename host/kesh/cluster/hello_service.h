@@ -29,11 +29,15 @@ struct hello_settings {
 /// What only the node itself knows; hello.h says what each means.
 struct own_facts {
   node_role role = node_role::stopped;
+  standing stands = standing::member;
   uint32_t decision = 0;
   uint32_t top = 0;
-  store_position position;
+  told_position position;
   bool handled = false;
+  std::optional<message_ids> ids;
   std::string reason;
+  /// Whether `decision` may be held against what others remember: it was read, and this node is not new.
+  bool is_decision_certain = true;
 };
 
 struct peer_view {
@@ -55,6 +59,8 @@ struct cluster_view {
 /// stop. If one throws, a line says so once, and the service goes on with the next hello.
 struct hello_functions {
   std::function<own_facts()> facts;
+  /// A member said hello. May be null.
+  std::function<void(const hello &)> heard;
   agreement::hash_lookup own_hash;  ///< nothing if the store's number is not that of the position any more
   std::function<void(std::string_view hello)> send;
   /// A verdict, `barred` or `disk_went_back` has changed. May be null.

@@ -30,6 +30,9 @@ lead_answer is_eligible(const lead_facts &node)
   if (node.has_disk_gone_back) {
     return {false, "its disk has gone back to an earlier state"};
   }
+  if (!node.not_yet.empty()) {
+    return {false, node.not_yet};
+  }
   if (!node.is_complete) {
     return {false, "it skipped a payload and waits for the next state"};
   }

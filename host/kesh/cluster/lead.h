@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace kesh
@@ -19,11 +20,12 @@ struct lead_facts {
   bool is_complete = false;         ///< no payload was skipped
   bool is_barred = false;           ///< a quorum has another history
   bool has_disk_gone_back = false;  ///< another node remembers more of this one than its disk
+  std::string not_yet{};            ///< why this node, which is new to the cluster, may not; empty: it may
 };
 
 struct lead_answer {
   bool yes = false;
-  std::string_view reason;  ///< empty with yes
+  std::string reason;  ///< empty with yes
 
   bool operator==(const lead_answer &) const = default;
 };

@@ -7,7 +7,9 @@ namespace kesh
 
 hello_kind peers::kind_of(const hello &said) const
 {
-  if (said.cluster.name != cluster_.name || said.cluster.first_mac != cluster_.first_mac) {
+  // Another generation has other addresses.
+  const bool is_same_life = said.cluster.generation == cluster_.generation;
+  if (said.cluster.name != cluster_.name || (is_same_life && said.cluster.first_mac != cluster_.first_mac)) {
     return hello_kind::other_cluster;
   }
   if (said.node == node_) {
@@ -17,7 +19,7 @@ hello_kind peers::kind_of(const hello &said) const
   if (before && before->last.session == said.session && said.number <= before->last.number) {
     return hello_kind::old;
   }
-  return said.cluster.generation == cluster_.generation ? hello_kind::member : hello_kind::other_generation;
+  return is_same_life ? hello_kind::member : hello_kind::other_generation;
 }
 
 hello_kind peers::heard(const hello &said, int64_t now_ms)

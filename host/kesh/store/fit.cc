@@ -52,6 +52,9 @@ fit_answer store_fit(const library_records &records, const store_facts &store)
                         : rejoin("the library has decided nothing, and the store has " + std::to_string(store.n) +
                                  " payloads: it is of another life of the cluster");
   }
+  if (store.n == 0 && store.taken_over == records.delivered) {
+    return plain(fit_verdict::fits);
+  }
   if (store.row_after) {
     return {.verdict = fit_verdict::redelivers, .from = *store.row_after, .reason = {}};
   }

@@ -31,6 +31,8 @@ struct store_facts {
   library_entry state_entry;             ///< if it was a state: first entry of the log then, none if not known
   /// The newest row that was applied while paxos_deliver was as the record says now.
   std::optional<uint64_t> row_after;
+  /// Of a store without payloads that took the journal of an earlier build over: paxos_deliver then.
+  std::optional<library_entry> taken_over{};
 };
 
 enum class fit_verdict {

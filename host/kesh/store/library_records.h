@@ -1,7 +1,8 @@
 /// The library's records of a node, read and changed while the library does not run.
 ///
-///   DIRECTORY/paxos_decide    1258 bytes, little-endian: decision number u32, entries u32 (0 to 250), entries of 5
-///   bytes DIRECTORY/paxos_deliver   5 bytes: the last entry delivered here; zero: none
+///   paxos_decide     1258 bytes, little-endian: number of the decision u32, number of entries u32 (0 to 250),
+///                    then the entries, 5 bytes each
+///   paxos_deliver    5 bytes: the last entry delivered here; zero: none
 #pragma once
 
 #include <optional>

@@ -1,5 +1,6 @@
 #include "store/store.h"
 
+#include <cstdio>
 #include <ctime>
 
 namespace kesh
@@ -74,9 +75,10 @@ std::vector<item_outcome> store::judge(const payload &decoded, uint64_t &lines) 
 applied store::add(std::string_view bytes, const payload &decoded, const library_entry &after)
 {
   payload_row row;
-  applied result{.n = n_ + 1, .is_redelivered = false, .items = judge(decoded, row.lines)};
+  applied result{
+      .n = n_ + 1, .hash = chain_next(hash_, bytes), .is_redelivered = false, .items = judge(decoded, row.lines)};
   row.n = result.n;
-  row.hash = chain_next(hash_, bytes);
+  row.hash = result.hash;
   row.after = after;
   row.origin = decoded.origin;
   row.life = decoded.life;
@@ -134,7 +136,7 @@ applied store::compare(std::string_view bytes, const library_entry &after)
     rows_->set_after(cursor_, after);
     writing.commit();
   }
-  return {.n = cursor_++, .is_redelivered = true, .items = rows_->results(row->n)};
+  return {.n = cursor_++, .hash = row->hash, .is_redelivered = true, .items = rows_->results(row->n)};
 }
 
 void store::set_cursor(uint64_t n)
@@ -170,6 +172,32 @@ store_position store::position()
           .incomplete = meta_.incomplete};
 }
 
+std::string line_key(const chain_hash &hash, uint64_t position)
+{
+  constexpr size_t HASH_DIGITS = 12;
+  char digits[5];
+  snprintf(digits, sizeof digits, "%04x", static_cast<unsigned>(position & 0xffff));
+  return hash_text(hash).substr(0, HASH_DIGITS) + digits;
+}
+
+journal_end store::end()
+{
+  lock_scope scope(lock_);
+  check_open();
+  if (lines_ == 0) {
+    return {.lines = 0, .key = NO_LINE_KEY};
+  }
+  statement select(db_, "SELECT p.hash, (SELECT max(position) FROM item i WHERE i.n = p.n AND i.kind = 1"
+                        " AND i.is_repeat = 0) FROM payload p WHERE p.n = (SELECT max(n) FROM payload WHERE lines > 0)"
+                        " AND p.items > 0");
+  query last(select);
+  chain_hash hash{};
+  if (!last.next() || !hash_assign(hash, last.bytes(0))) {
+    return {.lines = lines_, .key = "?"};
+  }
+  return {.lines = lines_, .key = line_key(hash, last.number(1))};
+}
+
 std::optional<uint64_t> store::find_line(uint8_t origin, uint64_t life, uint64_t sequence)
 {
   lock_scope scope(lock_);
@@ -184,6 +212,7 @@ store_facts store::facts(const library_entry &record)
   result.is_incomplete = !meta_.incomplete.empty();
   result.n = n_;
   result.row_after = rows_->find_after(record);
+  result.taken_over = n_ == 0 ? meta_.taken_over : std::nullopt;
   // A row behind the last state came after it. Rows that the state did not bring may be older: they are ahead of it.
   if (meta_.has_state && meta_.state_n == n_) {
     result.last = store_event::state;

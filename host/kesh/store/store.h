@@ -22,6 +22,7 @@
 #include "items/payload.h"
 #include "store/database.h"
 #include "store/fit.h"
+#include "store/last_line.h"
 #include "store/state.h"
 #include "store/store_rows.h"
 #include "store/store_schema.h"
@@ -42,10 +43,13 @@ struct store_settings {
 struct store_start {
   chain_hash hash = chain_start();
   uint64_t lines = 0;
+  /// Of a journal that was taken over: paxos_deliver then.
+  std::optional<library_entry> taken_over{};
 };
 
 struct applied {
   uint64_t n = 0;
+  chain_hash hash{};
   bool is_redelivered = false;  ///< it was compared with row n, and nothing was written
   /// In the payload's order. Of a bare row that was delivered again: none, since they are not known here.
   std::vector<item_outcome> items;
@@ -119,6 +123,8 @@ public:
   adoption commit_adopt(const library_entry &after, const library_entry &entry) PLATFORM_EXCLUDES(lock_);
 
   store_position position() PLATFORM_EXCLUDES(lock_);
+  /// Lines that came without their texts have no key: it is "?" then.
+  journal_end end() PLATFORM_EXCLUDES(lock_);
   /// What became of the item, if it is in one of the last two payloads of its origin.
   std::optional<uint64_t> find_line(uint8_t origin, uint64_t life, uint64_t sequence) PLATFORM_EXCLUDES(lock_);
   /// For store_fit(). `record`: paxos_deliver.

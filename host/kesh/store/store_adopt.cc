@@ -82,6 +82,7 @@ adoption store::commit_adopt(const library_entry &after, const library_entry &en
   meta.incomplete.clear();
   meta.differs_at = 0;
   meta.has_state = true;
+  meta.taken_over.reset();
   meta.state_n = state->n;
   meta.state_after = after;
   meta.state_entry = entry;

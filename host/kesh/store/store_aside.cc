@@ -1,9 +1,11 @@
 #include "store/store_aside.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -11,9 +13,7 @@
 #include <ctime>
 
 #include "atomic_file.h"
-#include "store/database.h"
 #include "store/store_schema.h"
-#include "unique_fd.h"
 
 namespace kesh
 {
@@ -109,6 +109,39 @@ void step(aside_step after_step)
 
 }  // namespace
 
+platform::unique_fd store_lock(const std::string &path)
+{
+  const std::string lock_path = path + ".lock";
+  platform::unique_fd fd(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
+  if (!fd) {
+    fail(lock_path, "cannot be opened");
+  }
+  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    throw store_in_use(path + " is in use by a daemon or another command");
+  }
+  return fd;
+}
+
+std::string configuring_path(const std::string &store_path)
+{
+  return store_path + ".configuring";
+}
+
+std::string interrupted_configuration(const std::string &store_path)
+{
+  const std::string path = configuring_path(store_path);
+  if (!exists(path)) {
+    return {};
+  }
+  std::string command;
+  std::string error;
+  if (!platform::file_read(path, command, error)) {
+    throw store_failure(path + ": " + error);
+  }
+  command.resize(std::min(command.find('\n'), command.size()));
+  return command.empty() ? "kesh configure" : command;
+}
+
 store_file store_file_look(const std::string &path, std::string &why)
 {
   struct stat status;
@@ -139,6 +172,15 @@ store_file store_file_look(const std::string &path, std::string &why)
     return store_file::foreign;
   }
   return store_file::ours;
+}
+
+std::string store_obstacle(const std::string &path)
+{
+  if (const std::string command = interrupted_configuration(path); !command.empty()) {
+    return "the configuration of this node was interrupted; this command goes on with it: " + command;
+  }
+  std::string why;
+  return store_file_look(path, why) == store_file::foreign ? why : "";
 }
 
 bool has_parts(const std::string &path)
@@ -198,12 +240,29 @@ void finish_putting_aside(const std::string &path, aside_step after_step)
   sync_directory_of(path);
 }
 
+std::string put_file_aside(const std::string &path, const std::string &part)
+{
+  const std::string target = free_target(path);
+  if (exists(path + part)) {
+    rename_to_new(path + part, target + part);
+  }
+  rename_to_new(path, target);
+  sync_directory_of(path);
+  return target;
+}
+
 void remove_leftover(const std::string &path)
 {
   for (const char *part : PARTS) {
     unlink_if_there(path + part);
   }
   unlink_if_there(path + "-shm");
+}
+
+void remove_durably(const std::string &path)
+{
+  unlink_if_there(path);
+  sync_directory_of(path);
 }
 
 void name_durably(const std::string &from, const std::string &to)

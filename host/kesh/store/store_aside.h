@@ -2,7 +2,8 @@
 ///
 ///   PATH                   the database
 ///   PATH-wal, PATH-shm     SQLite's: part of the database while it is in use, and after a crash
-///   PATH.lock              locked by the daemon that has the store open
+///   PATH.lock              locked by the daemon, or the command, that has the store open
+///   PATH.configuring       while the cluster is configured (admin/configure_steps.h): the store is not opened
 ///   PATH.creating          a store that is being made; removed at the next open
 ///   PATH.putting-aside     while the parts are renamed: the name, without directory, that the database gets
 ///   PATH.aside-TIME[.k]    a store that was put aside, with its -wal if it had one
@@ -10,8 +11,25 @@
 
 #include <string>
 
+#include "store/database.h"
+#include "unique_fd.h"
+
 namespace kesh
 {
+
+/// Another process has the store open.
+class store_in_use : public store_failure
+{
+public:
+  using store_failure::store_failure;
+};
+
+/// Locks PATH.lock until the result is closed. Throws store_in_use, or a store_failure.
+platform::unique_fd store_lock(const std::string &path);
+/// The file that tells of a configuration that goes on, or was interrupted.
+std::string configuring_path(const std::string &store_path);
+/// The command that it names; empty if there is none. Throws a store_failure if it cannot be read.
+std::string interrupted_configuration(const std::string &store_path);
 
 enum class store_file {
   absent,
@@ -24,6 +42,10 @@ enum class store_file {
 /// of it would drop SQLite's locks. `why` says what a foreign file is. Throws a store_failure if it cannot be read.
 store_file store_file_look(const std::string &path, std::string &why);
 
+/// What an operator has to do before a daemon may use the store: a configuration was interrupted, or the file is
+/// somebody's. Empty: nothing. Throws a store_failure if it cannot be looked at.
+std::string store_obstacle(const std::string &path);
+
 /// Called after each step that changed the disk. For tests, which end the process there.
 using aside_step = void (*)();
 
@@ -35,11 +57,17 @@ std::string put_aside(const std::string &path, aside_step after_step = nullptr);
 /// Does the rest of what a crash interrupted; nothing if there was none.
 void finish_putting_aside(const std::string &path, aside_step after_step = nullptr);
 
+/// The same for a file that stands alone and is no store; another, named `path` and `part`, goes with it.
+std::string put_file_aside(const std::string &path, const std::string &part);
+
 /// Whether parts of a database lie at `path`.
 bool has_parts(const std::string &path);
 
 /// Removes a store that was never complete: `path` and SQLite's files beside it.
 void remove_leftover(const std::string &path);
+
+/// Removes one file, if it is there, and makes that durable.
+void remove_durably(const std::string &path);
 
 /// Gives a closed file its name and makes both durable. Never overwrites. Throws a store_failure.
 void name_durably(const std::string &from, const std::string &to);

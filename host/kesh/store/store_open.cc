@@ -1,10 +1,4 @@
 // Opens, creates, puts aside and loads a store.
-#include <fcntl.h>
-#include <sys/file.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "store/store.h"
 #include "store/store_aside.h"
 
@@ -18,13 +12,9 @@ store_found store::open(const store_settings &settings, std::string &why)
   lock_scope scope(lock_);
   settings_ = settings;
   has_failed_ = is_ending_ = false;
-  const std::string lock_path = settings_.path + ".lock";
-  locked_ = platform::unique_fd(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (!locked_) {
-    throw store_failure(lock_path + ": " + strerror(errno));
-  }
-  if (flock(locked_.get(), LOCK_EX | LOCK_NB) != 0) {
-    throw store_failure(settings_.path + " is in use by another daemon");
+  locked_ = store_lock(settings_.path);
+  if (const std::string obstacle = store_obstacle(settings_.path); !obstacle.empty()) {
+    throw store_failure(obstacle);
   }
   finish_putting_aside(settings_.path);
   remove_leftover(creating_path());
@@ -72,6 +62,7 @@ void store::create(const store_start &start)
   meta.identity = settings_.identity;
   meta.base_hash = start.hash;
   meta.base_lines = start.lines;
+  meta.taken_over = start.taken_over;
   build(meta, nullptr);
   if (std::string why; store_file_look(settings_.path, why) != store_file::absent) {
     throw store_failure(settings_.path + " exists");

@@ -13,7 +13,8 @@ namespace kesh
 
 struct store_line {
   uint64_t line = 0;
-  uint64_t n = 0;  ///< the payload it came with
+  uint64_t n = 0;   ///< the payload it came with
+  std::string key;  ///< see journal_end
   uint8_t origin = 0;
   uint64_t life = 0;
   uint64_t sequence = 0;

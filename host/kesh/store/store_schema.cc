@@ -98,6 +98,9 @@ store_meta meta_read(database &in)
   meta.state_n = from.number("state_n");
   meta.state_after = library_entry_get(from.text("state_after"));
   meta.state_entry = library_entry_get(from.text("state_entry"));
+  if (const std::string entry = from.text("taken_over"); !entry.empty()) {
+    meta.taken_over = library_entry_get(entry);
+  }
   if (!hash_assign(meta.base_hash, from.text("base_hash"))) {
     throw damaged("base_hash in the table meta is no hash");
   }
@@ -120,6 +123,7 @@ void meta_write(database &in, const store_meta &meta)
   number("state_n", meta.state_n);
   bytes("state_after", library_entry_bytes(meta.state_after));
   bytes("state_entry", library_entry_bytes(meta.state_entry));
+  bytes("taken_over", meta.taken_over ? library_entry_bytes(*meta.taken_over) : std::string());
 }
 
 }  // namespace kesh

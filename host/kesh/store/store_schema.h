@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "items/chain_hash.h"
@@ -34,8 +35,9 @@ struct store_meta {
   uint64_t bare_n = 0;      ///< the last bare row; base_n: none
   bool has_state = false;   ///< a state was adopted, the last one at state_n
   uint64_t state_n = 0;
-  library_entry state_after;  ///< paxos_deliver while it was adopted
-  library_entry state_entry;  ///< first entry of the library's log while it was adopted
+  library_entry state_after;                ///< paxos_deliver while it was adopted
+  library_entry state_entry;                ///< first entry of the library's log while it was adopted
+  std::optional<library_entry> taken_over;  ///< paxos_deliver when the journal of an earlier build was taken over
 };
 
 /// Makes the tables in an empty database.

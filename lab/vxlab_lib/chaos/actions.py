@@ -6,6 +6,7 @@ import os
 import struct
 
 from ..errors import LabError
+from ..node import VRRP
 from . import decisions, disk_actions, exact_actions, strangers
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
@@ -48,13 +49,14 @@ def do_master(stage, _track, step):
 
 def do_state_file(stage, _track, step):
     node_id = stage.node_id(step["node"])
-    path = stage.cluster.node(node_id).path("run", "node_state")
-    if step["how"] == "absent":
-        with contextlib.suppress(FileNotFoundError):  # absent twice
-            os.unlink(path)
-    else:
-        with open(path, "w", encoding="ascii") as file:  # written in place: this is the fault
-            file.write({"empty": "", "garbage": "\0\1?"}.get(step["how"], step["how"]))
+    for name in (VRRP, "node_state"):
+        path = stage.cluster.node(node_id).path("run", name)
+        if step["how"] == "absent":
+            with contextlib.suppress(FileNotFoundError):  # absent twice
+                os.unlink(path)
+        else:
+            with open(path, "w", encoding="ascii") as file:  # written in place: this is the fault
+                file.write({"empty": "", "garbage": "\0\1?"}.get(step["how"], step["how"]))
     stage.events.add("state-file", node=node_id, how=step["how"])
 
 

@@ -12,8 +12,7 @@ from ..waiting import wait_until
 from .fabric_client import FabricClient
 
 FABRIC_TIMEOUT_S = 10.0
-JOURNAL_KEEP = 10_000_000  # more lines than any run has, so that a snapshot holds them all
-JOURNAL_KEEP_BYTES = 1 << 30
+STATE_MAX = 1 << 30  # more bytes than the lines of any run have, so that a snapshot holds them all
 LOG_BYTES_MAX = 1 << 32  # no rotation, so that the whole log can be matched with the trace
 
 
@@ -35,8 +34,7 @@ class Arena:
 
     def settings(self, node):
         """Returns the configuration keys of one node."""
-        keys = {"journal.keep": JOURNAL_KEEP, "journal.keep_bytes": JOURNAL_KEEP_BYTES,
-                "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX}
+        keys = {"state.max": STATE_MAX, "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX}
         return {**keys, **self.plan.settings.get(0, {}), **self.plan.settings.get(node.id, {})}
 
     def environment(self, node):
@@ -113,7 +111,6 @@ class Arena:
                      "flashdisk": "flashdisk", "keepalived.log": "keepalived.log"}
             for name, new_name in names.items():
                 copy(node.path(name), os.path.join(target, new_name))
-            copy(node.path("flashdisk", "journal"), os.path.join(target, "journal"))
             if os.path.isdir(node.payload_dir):  # names only: the payloads themselves would be too large to keep
                 with open(os.path.join(target, "payloads.json"), "w", encoding="utf-8") as file:
                     json.dump({entry.name: entry.stat().st_size for entry in os.scandir(node.payload_dir)}, file)
@@ -122,7 +119,7 @@ class Arena:
 def copy(source, target):
     """Copies a file or a directory. Does nothing if there is none."""
     if os.path.isdir(source):
-        left_out = shutil.ignore_patterns("journal*", UNDO, "payloads")
+        left_out = shutil.ignore_patterns("*-shm", UNDO, "payloads")
         shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=left_out)
     elif os.path.exists(source):
         shutil.copyfile(source, target)

@@ -1,10 +1,17 @@
 """The steps of a plan that make faults of disks or use them. One node at a time, so always a minority."""
 
 import os
+import shutil
 
 from ..errors import LabError
+from ..journal import STORE, STORE_PARTS
+from ..waiting import WaitTimeout, wait_until
+from . import decisions
 from .faults.network import both_ways
 from .recovery import ensure_active, restart_after
+
+HELLO_S = 2.5  # nodes tell each other once a second what they have decided
+NOTICE_S = 10.0  # the others tell a node within this time that its disk went back
 
 
 def write_disk_rules(stage, node_id, rules):
@@ -138,3 +145,83 @@ def do_cut_record(stage, _track, step):
             os.rename(path + ".new", path)
         stage.events.add("disk-heal", node=node_id)
         restart_after(stage, node_id, {"settle": True})
+
+
+def do_store_lost(stage, _track, step):
+    """Takes a node's store away while the node is down: all of it ("moved"), all but its -wal ("moved-database"), its
+    end ("cut") or all its content ("cut-to-0"). Or all that is on its disk ("disk-empty"), which is configured again."""
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
+            return
+        take_down(stage, node_id, step["is_killed"])
+        # No event "disk": the node has to start with what it finds.
+        stage.events.add("store-lost", node=node_id, how=step["how"])
+        root = stage.cluster.node(node_id).path("flashdisk")
+        path = os.path.join(root, STORE)
+        if step["how"] == "disk-empty":
+            empty(root)
+            stage.cluster.node(node_id).configure(stage.plan.nodes)
+        elif step["how"].startswith("cut"):
+            os.truncate(path, int(os.path.getsize(path) * (step["share"] if step["how"] == "cut" else 0)))
+        else:
+            for name in STORE_PARTS if step["how"] == "moved" else [STORE]:
+                if os.path.exists(os.path.join(root, name)):
+                    os.rename(os.path.join(root, name), stage.cluster.node(node_id).path(f"{name}.{stage.next_id()}"))
+        restart_after(stage, node_id, step)
+
+
+def is_stopped_for_its_disk(node):
+    found = node.control.status()
+    return not found["active"] and bool(found.get("cluster", {}).get("disk_went_back"))
+
+
+def take_down(stage, node_id, is_killed):
+    if is_killed:
+        stage.kill(node_id)
+    else:
+        stage.terminate(node_id)
+        stage.arena.node_is_down(node_id)
+
+
+def empty(directory):
+    """Removes all that is in it. The directory itself may be a mount point."""
+    for entry in os.scandir(directory):
+        if entry.is_dir(follow_symlinks=False):
+            shutil.rmtree(entry.path)
+        else:
+            os.unlink(entry.path)
+
+
+def do_disk_yesterday(stage, _track, step):
+    with stage.claim(step["node"]) as node_id:
+        if node_id is None:
+            return
+        node = stage.cluster.node(node_id)
+        root, copy = node.path("flashdisk"), node.path("flashdisk.yesterday")
+        take_down(stage, node_id, False)
+        shutil.rmtree(copy, ignore_errors=True)
+        shutil.copytree(root, copy, symlinks=True)
+        restart_after(stage, node_id, step)
+        stage.pause(step["for_s"])
+        if not stage.is_running(node_id):
+            return
+        decided = decisions.read_position(node.cons_dir)[0]
+        stage.pause(HELLO_S)  # the others hear of that
+        stage.kill(node_id)
+        empty(root)
+        shutil.copytree(copy, root, symlinks=True, dirs_exist_ok=True)
+        went_back = decided - decisions.read_position(node.cons_dir)[0]
+        stage.events.add("disk-back", node=node_id, decisions=went_back)
+        restart_after(stage, node_id, {"restart_s": 0.0})
+        if went_back:
+            try:  # not even the end of the faults ends this wait early
+                wait_until(lambda: is_stopped_for_its_disk(node), NOTICE_S, "the node is stopped")
+                noticed = True
+            except WaitTimeout:
+                noticed = False
+            stage.events.add("disk-back-noticed", node=node_id, noticed=noticed)
+        take_down(stage, node_id, True)
+        stage.events.add("store-lost", node=node_id, how="disk-empty")
+        empty(root)
+        node.configure(stage.plan.nodes)
+        restart_after(stage, node_id, step)

@@ -22,7 +22,7 @@ from .wire_arena import WireArena
 
 ARENAS = {"broker": BrokerArena, "wire": WireArena}
 HEAL_S = 30.0
-FURTHER_MESSAGES = 260  # more than a log holds, so that a new one must begin
+FURTHER_MESSAGES = 260  # one after another, more than a log holds, so that a new one must begin
 OPEN_CALLS_S = 60.0
 SILENCE_S = 1.5
 TRACKS_END_S = 60.0
@@ -61,7 +61,7 @@ class Episode:
         os.makedirs(work)
         self.run_info = {"seed": self.plan.seed, "arena": self.plan.arena, "nodes": self.plan.nodes,
                          "faults": self.plan.faults, "build": self.build.directory, "library": self.build.library,
-                         "started_ns": now_ns(), "options": {"load": self.plan.load, **self.plan.options},
+                         "started_ns": now_ns(), "options": {"load": self.plan.load, "keeps_lines": True, **self.plan.options},
                          "plan": self.plan.as_json()}
         self.write_run_info()
         self.events = EventLog(os.path.join(self.evidence, "events.jsonl"))
@@ -108,7 +108,8 @@ class Episode:
                                        count for what, count in self.events.counts.items()
                                        if what in ("kill", "term", "pause", "master", "net", "cut", "hold", "disk",
                                                    "stop-call", "slow-hook", "clock", "state-file", "strangers",
-                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut")))
+                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut",
+                                                   "store-lost", "disk-back")))
         self._end_nodes(stage)
 
     def _first_life(self, arena, seconds):
@@ -123,6 +124,7 @@ class Episode:
                 self.notes.append(f"first life: node {node.id} ended with {code}")
             arena.node_is_down(node.id)
         for node in arena.cluster.nodes.values():
+            node.generation += 1
             node.configure(self.plan.nodes)
             if word := sanitizer_word(read_whole(node.path("output.log"))):
                 self.notes.append(f"first life: node {node.id} printed \"{word}\"")
@@ -148,6 +150,7 @@ class Episode:
             thread.join()
         if failed:
             raise failed[0]
+        stage.cluster.await_active()
         if self.plan.options.get("keepalived"):
             wait_until(lambda: len(stage.cluster.masters()) == 1, HEAL_S, "keepalived elects a leader")
 
@@ -198,7 +201,7 @@ class Episode:
                 self.events.add("unequal", error=str(error))
             leader = stage.node_id("leader")
             sent_ns = now_ns()
-            acknowledged = send_some(stage.cluster.node(leader), FURTHER_MESSAGES, OPEN_CALLS_S, threads=16)
+            acknowledged = send_some(stage.cluster.node(leader), FURTHER_MESSAGES, OPEN_CALLS_S)
             if acknowledged != FURTHER_MESSAGES:
                 raise LabError(f"only {acknowledged} of {FURTHER_MESSAGES} further messages were acknowledged")
             self._await_equal(stage, sent_ns, HEAL_S + OPEN_CALLS_S)

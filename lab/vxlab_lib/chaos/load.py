@@ -42,7 +42,7 @@ class Load:
     def _run(self, node_id, options):
         try:
             control = self._cluster.node(node_id).control
-            with control.load(timeout_s=LINE_TIMEOUT_S, repeat=False, **options) as (stream, sock):
+            with control.load(timeout_s=LINE_TIMEOUT_S, **options) as (stream, sock):
                 with self._lock:
                     if self._ended:
                         return
@@ -67,9 +67,10 @@ class Load:
             thread.join(5.0)
 
 
-def send_some(node, count, timeout_s, threads=1):
-    """Submits `count` lines at the node and waits for them; returns how many were acknowledged."""
-    with node.control.load(threads=threads, bytes=[FRESH_BYTES], count=count, timeout_s=timeout_s) as (stream, sock):
+def send_some(node, count, timeout_s):
+    """Submits `count` lines at the node, each when the last one is acknowledged, so that each is a payload of its own.
+    Returns how many were acknowledged."""
+    with node.control.load(threads=1, bytes=[FRESH_BYTES], count=count, timeout_s=timeout_s) as (stream, sock):
         sock.settimeout(timeout_s + 5.0)
         try:
             return json.loads(stream.readline() or b"{}").get("acknowledged", 0)

@@ -6,7 +6,8 @@ All certain changes stay. The seed decides about the others:
 
 So a name may be there without its content, and the other way round. One thing is taken apart only on a careless file
 system: what was written to a file before a rename is there if its new name is, but for payload files, which have
-checksums. The library needs no such order with durable payloads: it flushes before it renames.
+checksums. The library needs no such order with durable payloads: it flushes before it renames. Nor does the host: its
+store is a database that syncs its log before it tells of success.
 """
 
 import hashlib
@@ -165,8 +166,11 @@ class PowerCut:
         with open(path, "r+b") as file:
             if change.has_copy:
                 with open(self._beside(f"copy.{change.sequence}"), "rb") as before:
-                    file.write(before.read())
-                file.truncate()
+                    content = before.read()
+                file.seek(change.start)
+                file.write(content)
+                if len(content) < change.end - change.start:
+                    file.truncate()
             elif change.had_zeros:
                 file.seek(at)
                 file.write(bytes(max(0, min(change.end, os.path.getsize(path)) - at)))

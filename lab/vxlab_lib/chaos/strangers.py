@@ -1,7 +1,7 @@
 """Strangers on the cluster's multicast group: valid messages, but of another cluster or build. A node that accepted one
 would diverge, since the numbers in them are far above the cluster's own.
 
-Run it as a program inside a node's network: ADDRESS BUILD COUNT SEED.
+Run it as a program inside a node's network: ADDRESS CLUSTER BUILD COUNT SEED.
 """
 
 import os
@@ -17,7 +17,6 @@ from ..errors import LabError
 
 PORT_BASE = 17480
 GROUP = "224.0.0.81"
-CLUSTER_ID = 0x026B65736801  # the MAC address of node 1, as kesh configure makes it up
 NUMBER = 1_000_000
 
 
@@ -37,11 +36,11 @@ def datagram(channel, payload, cluster_id, build):
     return b"VX\0" + bytes([channel]) + envelope + payload
 
 
-def main(address, build, count, seed):
-    """`address` is that of the device that reaches the group."""
+def main(address, cluster, build, count, seed):
+    """`address` is that of the device that reaches the group, `cluster` and `build` are those of the nodes."""
     draw = random.Random(seed)
-    others = [(CLUSTER_ID ^ 1, build), (CLUSTER_ID ^ (1 << 40), build), (CLUSTER_ID ^ (1 << 31), build),
-              (CLUSTER_ID, build + 1), (CLUSTER_ID, build ^ (1 << 24))]
+    others = [(cluster ^ 1, build), (cluster ^ (1 << 40), build), (cluster ^ (1 << 31), build), (cluster, build + 1),
+              (cluster, build ^ (1 << 24))]
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 1)
         sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
@@ -49,6 +48,15 @@ def main(address, build, count, seed):
             channel, payload = draw.choice(list(payloads()))
             sock.sendto(datagram(channel, payload, *draw.choice(others)), (GROUP, PORT_BASE + channel))
             time.sleep(0.002)
+
+
+def cluster_number(config_path):
+    """Returns the number of the cluster, the MAC address of node 1."""
+    with open(config_path, "rb") as file:
+        found = re.search(rb"^cluster\.node\[0\]\.mac *= *\"?([0-9a-fA-F:]{17})", file.read(), re.MULTILINE)
+    if not found:
+        raise LabError(f"{config_path} does not tell the MAC address of node 1")
+    return int(found[1].replace(b":", b""), 16)
 
 
 def build_number(log_path):
@@ -64,7 +72,7 @@ def send(cluster, address_of, count, seed):
     node = cluster.node(min(cluster.running()))
     lab_parent = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
     command = [sys.executable, "-B", "-m", "vxlab_lib.chaos.strangers", address_of(node.id),
-               str(build_number(node.log_path)), str(count), str(seed)]
+               str(cluster_number(node.path("kesh.conf"))), str(build_number(node.log_path)), str(count), str(seed)]
     subprocess.run(node.inside(command), cwd=lab_parent, check=True, timeout=30.0)
 
 

@@ -39,7 +39,7 @@ vrrp_instance cluster {{
 # keepalived calls it with: INSTANCE cluster MASTER|BACKUP|FAULT|STOP priority
 NOTIFY = """\
 #!/bin/sh
-echo "$3" > /run/node_state.new && mv /run/node_state.new /run/node_state
+exec {kesh} vrrp "$3"
 """
 
 
@@ -111,7 +111,7 @@ class WireArena(Arena):
         with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
             file.write(text)
         with open(node.path("notify"), "w", encoding="utf-8") as file:
-            file.write(NOTIFY)
+            file.write(NOTIFY.format(kesh=self.cluster.programs.kesh))
         os.chmod(node.path("notify"), 0o700)
 
     def start_keepalived(self, node_id):

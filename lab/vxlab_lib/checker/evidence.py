@@ -7,7 +7,7 @@ import re
 from dataclasses import dataclass
 
 from ..errors import LabError
-from ..journal import read_journal
+from ..journal import STORE, read_journal
 
 
 class CouldNotRun(LabError):
@@ -18,7 +18,8 @@ class CouldNotRun(LabError):
 
 @dataclass(slots=True)
 class Hook:
-    """One call of a deliver hook. `kind` is deliver, adopt (part of a snapshot) or damaged. Times are in ns."""
+    """One call of a deliver hook, or one item of the payload that was delivered by it: the items of a call follow each
+    other and have the same index. `kind` is deliver, adopt (part of a snapshot) or damaged. Times are in ns."""
 
     node: int
     life: int  # index of the process life on its node
@@ -28,7 +29,7 @@ class Hook:
     kind: str
     tag: str | None = None
     attempt: int = 0
-    outcome: str | None = None  # applied, repeated, doubled
+    outcome: str | None = None  # applied, repeated, no-op; doubled: the payload was delivered again
     type: int = 0
     size: int = 0
     lines: int = 0
@@ -50,7 +51,7 @@ class Call:
 
 @dataclass(slots=True)
 class Moment:
-    """Any other line of the trace but the calls: begin, start-call, isolated, get-state and so on."""
+    """Any other line of the trace but the calls: begin, start-call, isolated, get-state, rejoin, adopted and so on."""
 
     t: int
     life: int
@@ -69,8 +70,10 @@ class Trace:
         self.calls = []
         self.moments = []
         self.order = []  # hooks and moments, in the order of the file
+        self.deliveries = {}  # (life, index) of a hook call that delivered a payload -> its items, in their order
         self._open = {}
         self._hook_count = 0
+        self._entered = None  # when the last hook call began
         self.last_t = []  # time of the last line, per life
 
     def add(self, words):
@@ -79,7 +82,7 @@ class Trace:
             self.lives.append(life_name)
             self.pids.append(int(words[3]))
             self.last_t.append(t)
-            self._open, self._hook_count = {}, 0
+            self._open, self._hook_count, self._entered = {}, 0, None
         life = len(self.lives) - 1
         if life < 0 or self.lives[life] != life_name:
             raise ValueError("a life that has not begun")
@@ -100,15 +103,18 @@ class Trace:
             self.order.append(moment)
 
     def _add_hook(self, t, life, what, words):
-        hook = Hook(self.node, life, self._hook_count, t, int(words[3]), what)
+        entered = int(words[3])
+        self._hook_count += entered != self._entered
+        self._entered = entered
+        hook = Hook(self.node, life, self._hook_count - 1, t, entered, what)
         if what == "deliver":
             hook.tag, hook.attempt, hook.outcome = words[4], int(words[5]), words[6]
             hook.lines, hook.hash = int(words[7]), words[8]
+            self.deliveries.setdefault((life, hook.index), []).append(hook)
         else:
             hook.type, hook.size = int(words[4]), int(words[5])
             if what == "adopt":
                 hook.lines, hook.hash = int(words[6]), words[7]
-        self._hook_count += 1
         self.hooks.append(hook)
         self.order.append(hook)
 
@@ -219,8 +225,7 @@ class NodeFiles:
         return read_trace(first_existing(self.path("trace"), self.path("kesh.trace")), self.node)
 
     def journal(self):
-        path = first_existing(self.path("journal"), self.path("flashdisk", "journal"))
-        return read_journal(path, self.node)
+        return read_journal(self.path("flashdisk", STORE), self.node)
 
     def log(self):
         """Returns the bytes of the log, older parts first."""

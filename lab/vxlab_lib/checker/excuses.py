@@ -53,13 +53,16 @@ def lost(episode, tag, makers, later):
     return None
 
 
-def crash_repeat(episode, hook, before, crashed):
-    """The last line before a crash may be delivered once more. `crashed` says how the previous run crashed; it is None
-    if it did not, or if this hook call is not the first of its run. `before` is the previous hook call."""
-    key = (hook.tag, hook.attempt)
-    state = episode.history.states.get((hook.lines, hook.hash))  # a kill may have left no trace of the previous line
-    is_last = (state and (state.tag, state.attempt) == key) or (before and (before.tag, before.attempt) == key)
-    return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last else None
+def crash_repeat(episode, items, before, crashed):
+    """The last payload before a crash may be delivered once more, as a whole. `items` are those of this hook call.
+    `crashed` says how the previous run crashed; it is None if it did not, or if this hook call is not the first of its
+    run. `before` is (tag, attempt) of all items of the previous delivery."""
+    keys = [(item.tag, item.attempt) for item in items]
+    last = items[-1]
+    state = episode.history.states.get((last.lines, last.hash))  # a kill may have left no trace of the delivery before
+    is_last = (state and (state.tag, state.attempt) in keys) or before == keys
+    is_whole = all(item.outcome == "doubled" for item in items)
+    return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last and is_whole else None
 
 
 @needs_memory

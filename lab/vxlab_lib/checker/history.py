@@ -1,7 +1,8 @@
 """All states that the journals of an episode ever had, as one tree.
 
-A state is (number of lines, running hash). The hash covers all lines so far, so equal states mean equal histories. If
-the tree is a single chain, all nodes agreed at all times.
+A state is (number of lines, hash), as the last line has them. The hash names a payload, which covers all payloads
+before it, and a place in it: equal states mean equal histories. If the tree is a single chain, all nodes agreed at all
+times.
 """
 
 from dataclasses import dataclass
@@ -51,22 +52,20 @@ class History:
         return state
 
     def _add_journal(self, journal):
-        before = (journal.base, journal.base_hash or HASH_START) if journal.base or journal.base_hash else (
-            0, HASH_START)
-        self._state(*before)
-        for line in journal.lines:
+        before = None if journal.base else (0, HASH_START)  # None: unknown, its lines are not kept
+        for number, line in enumerate(journal.lines, journal.base + 1):
             state = self._state(line.number, line.hash)
             known = (line.tag, line.attempt, crc32(line.text))
             if self._texts.setdefault(state.key, known) != known:
                 self.faults.append((journal.node, line, "has a hash that another line has elsewhere"))
             state.tag, state.attempt = line.tag, line.attempt
-            if line.number == before[0] + 1:
+            if line.number != number:
+                self.faults.append((journal.node, line, f"stands where line {number} should be"))
+            elif before:
                 state.parent = before
-            else:
-                self.faults.append((journal.node, line, f"stands where line {before[0] + 1} should be"))
             before = state.key
             self.observations += 1
-        self.finals[journal.node] = before
+        self.finals[journal.node] = before or (journal.base, "")
 
     def _add_trace(self, trace):
         at = None

@@ -19,7 +19,7 @@ def acknowledged_stays(episode, check):
     chains = [_Chain(states) for states in episode.chains]
     returned = {}
     for call in episode.calls.values():
-        if call.result == 0 and (call.tag not in returned or call.returned < returned[call.tag].returned):
+        if call.result == 0 and call.tag not in episode.no_ops and (call.tag not in returned or call.returned < returned[call.tag].returned):
             returned[call.tag] = call
     check.saw("acknowledged lines", len(returned) or len(episode.acknowledged))
     _own_journal_has_it(episode, check, chains, returned)
@@ -28,6 +28,11 @@ def acknowledged_stays(episode, check):
             if this is not other:
                 _later_means_this(episode, check, this, other, returned)
     _in_every_end(episode, check, chains, returned or dict.fromkeys(episode.acknowledged))
+    if episode.run.get("options", {}).get("keeps_lines"):
+        for node, journal in episode.journals.items():
+            if journal.base:
+                check.violated(f"lines up to {journal.base} are not in the journal, and none may be missing", node=node,
+                               t=episode.end_t or None)
 
 
 class _Chain:
@@ -123,15 +128,35 @@ def files(episode, check):
     for node, samples in episode.samples.items():
         # The nodes die just after the first of these events, and their files may change back until the second.
         cuts = sorted(power + [event["t"] for event in episode.events_of("disk-cut", node=node)])
-        _never_falls(check, node, samples, "batch", "the number of the decision", cuts)
-        _never_falls(check, node, samples, "msg_id", "the message id counter", cuts)
+        for part in _between(samples, _new_disks(episode, node)):
+            _never_falls(check, node, part, "batch", "the number of the decision", cuts)
+            _never_falls(check, node, part, "msg_id", "the message id counter", cuts)
         _sizes(episode, check, node, samples)
+    for event in episode.events_of("disk-back-noticed"):
+        check.saw("disks that went back")
+        if not event["noticed"]:
+            check.violated("the node went on with a disk of yesterday", t=event["t"], node=event["node"])
     for node in episode.files:
         _at_the_end(episode, check, node)
     if episode.keeps_payloads:
         _payloads_after_cuts(episode, check)
         if episode.events_of("equal"):
             _payload_files(episode, check)
+
+
+def _new_disks(episode, node):
+    """Returns when the node's disk was emptied or replaced by an older copy."""
+    return [event["t"] for event in episode.events_of("store-lost", "disk-back", node=node)
+            if event["what"] == "disk-back" or event["how"] == "disk-empty"]
+
+
+def _between(samples, times):
+    """Yields the samples before the first of `times`, those up to the second, and so on."""
+    begin = 0
+    for t in [*times, float("inf")]:
+        end = bisect_right(samples, t, key=lambda sample: sample["t"])
+        yield samples[begin:end]
+        begin = end
 
 
 def _never_falls(check, node, samples, name, what, cuts):

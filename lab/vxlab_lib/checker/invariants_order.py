@@ -78,42 +78,83 @@ def nothing_twice(episode, check):
             tags.add(line.tag)
         if not episode.has_traces:
             check.saw("lines of journals", len(journal.lines))
-            if journal.doubled:
-                check.violated(f"the journal counted {journal.doubled} doubled deliveries", node=node)
     for node, trace in episode.traces.items():
         _nothing_twice_on(episode, check, node, trace)
 
 
 def _nothing_twice_on(episode, check, node, trace):
     failed_saves = [(life, hooks) for _, life, hooks in episode.hits_in_lives(node, "undelivered")]
-    seen, crashed, is_first, before, began = set(), None, False, None, (0, 0)
+    store = _Store()
+    crashed, is_first, before, began, last = None, False, None, (0, 0), (0, 0)
     for event in trace.order:
         what = event.what if isinstance(event, Moment) else None
         if what == "begin" and event.life > 0:
             if episode.life_ended(node, event.life - 1)[1]:
                 crashed, is_first = "a kill", True
         elif what == "start-call":  # not at "isolated", which the host may note only after a stop
-            here = (before.life, before.index + 1) if before else (0, 0)
-            if any(began < position <= here for position in failed_saves):
+            if any(began < position <= last for position in failed_saves):
                 crashed, is_first = "a failed save of paxos_deliver", True
-            began = here
+            began = last
         if what:
+            store.told(event)
             continue
+        items = trace.deliveries.get((event.life, event.index), [event])
+        if event is not items[0]:
+            continue
+        last = (event.life, event.index + 1)
+        if event.kind != "damaged":
+            store.has(event.lines)
         if event.kind == "deliver":
-            check.saw("deliveries")
-            key = (event.tag, event.attempt)
-            if event.outcome == "repeated":
-                check.saw("repeated under another attempt")
-            if key in seen or event.outcome == "doubled":
-                _judge_twice(episode, check, event, before, crashed if is_first else None)
-            seen.add(key)
-        is_first, before = False, event
+            for item in store.twice(items, check):
+                _judge_twice(episode, check, item, excuses.crash_repeat(episode, items, before, is_first and crashed))
+            before = [(item.tag, item.attempt) for item in items]
+        is_first = False
 
 
-def _judge_twice(episode, check, hook, before, crashed):
-    text = f"delivered twice on node {hook.node}, attempt {hook.attempt}"
-    if proof := excuses.crash_repeat(episode, hook, before, crashed):
-        check.excuse("repeated after a crash", proof, text, **episode.where(hook))
+class _Store:
+    """What one node has been given, and may be given again to be compared with what it has."""
+
+    def __init__(self):
+        self._seen, self._applied = set(), set()
+        self._lines = 0
+        self._compares = False
+
+    def told(self, moment):
+        if moment.what == "begin":
+            self._compares = False
+        elif moment.what == "rejoin" or moment.what == "adopted" and moment.value in ("kept", "extended"):
+            self._compares = True
+        elif moment.what == "adopted":
+            self._forget()
+
+    def has(self, lines):
+        if lines < self._lines:  # another store took its place
+            self._forget()
+        self._lines = lines
+
+    def _forget(self):
+        self._seen, self._applied, self._compares = set(), set(), False
+
+    def twice(self, items, check):
+        """Returns the items of a hook call that were delivered before without need."""
+        check.saw("deliveries", len(items))
+        check.saw("repeated under another attempt", sum(item.outcome == "repeated" for item in items))
+        is_again = all(item.outcome == "doubled" for item in items)
+        self._compares = self._compares and is_again
+        if self._compares:
+            check.saw("compared with the store", len(items))
+            return []
+        found = [item for item in items if item.outcome == "doubled" or (item.tag, item.attempt) in self._seen or
+                 item.outcome == "applied" and item.tag in self._applied]
+        self._seen.update((item.tag, item.attempt) for item in items)
+        self._applied.update(item.tag for item in items if item.outcome == "applied")
+        return found
+
+
+def _judge_twice(episode, check, hook, after_crash):
+    text = f"delivered twice on node {hook.node}, attempt {hook.attempt}, {hook.outcome}"
+    if after_crash:
+        check.excuse("repeated after a crash", after_crash, text, **episode.where(hook))
     elif proof := excuses.forgotten_decision(episode, hook):
         check.excuse("a forgotten decision", proof, text, **episode.where(hook))
     else:
@@ -183,19 +224,18 @@ def _whole_states(episode, check, trace):
 def _one_entry_one_tag(episode, check):
     """An identifier names the same payload on every node, and its sender is the node that submitted the payload."""
     known = {}
-    for node, trace in episode.traces.items():
-        for hook, entry in zip(trace.hooks, episode.entries[node]):
-            if entry is None or hook.kind != "deliver":
-                continue
+    for node in episode.nodes:
+        for items, entry in episode.deliveries(node):
             check.saw("identifiers")
-            key = (hook.tag, hook.attempt)
-            if known.setdefault(entry, key) != key:
-                check.violated(f"identifier {entry[1]}/{entry[0]} was delivered as another payload "
-                               f"({known[entry][0]}) before", **episode.where(hook))
+            keys, hook = [(item.tag, item.attempt) for item in items], items[0]
+            before = known.get(entry, keys)
+            if any(one != other for one, other in zip(before, keys)):  # a kill may have cut one of them short
+                check.violated(f"identifier {entry[1]}/{entry[0]} was delivered as another payload ({before[0][0]}) "
+                               "before", **episode.where(hook))
+            known[entry] = max(before, keys, key=len)
             if entry[0] != int(hook.tag.partition(".")[0]):
                 check.violated(f"identifier {entry[1]}/{entry[0]} is not of the node that submitted",
                                **episode.where(hook))
-
 
 def _texts(episode, check):
     """The journals contain acknowledged lines as they were submitted, if a list of their checksums is given."""
@@ -273,12 +313,11 @@ def _receive_order(episode, check):
 
 def _identifier_order(episode, check):
     """On each node the identifiers of one sender are delivered in ascending order, which is the order of RECEIVE."""
-    for node, trace in episode.traces.items():
+    for node in episode.nodes:
         highest, seen = {}, set()
-        for hook, entry in zip(trace.hooks, episode.entries[node]):
-            if hook.kind != "deliver" or entry is None:
-                continue
+        for items, entry in episode.deliveries(node):
             check.saw("identifiers")
+            hook = items[0]
             is_known = (hook.tag, hook.attempt) in seen or hook.outcome == "doubled"  # another check judges this
             if not is_known and entry[1] <= highest.get(entry[0], 0):
                 proof = excuses.forgotten_decision(episode, hook)

@@ -109,6 +109,11 @@ class Episode:
         return {(call.tag, call.attempt): call for trace in self.traces.values() for call in trace.calls}
 
     @cached_property
+    def no_ops(self):
+        """The tags of items that are no lines."""
+        return {hook.tag for trace in self.traces.values() for hook in trace.hooks if hook.outcome == "no-op"}
+
+    @cached_property
     def segments(self):
         """node -> life index -> (its Segment of the log, number of hook calls missing at the segment's beginning)"""
         found = {}
@@ -127,12 +132,12 @@ class Episode:
         for node, trace in self.traces.items():
             counts[node] = [0] * len(trace.lives)
             for hook in trace.hooks:
-                counts[node][hook.life] += 1
+                counts[node][hook.life] = hook.index + 1
         return counts
 
     @cached_property
     def entries(self):
-        """node -> for each hook of its trace, the (sender, id) that was delivered, or None if the log does not show it
+        """node -> for each hook of its trace, which are the items of payloads, the (sender, id) that was delivered, or None if the log does not show it
         for certain."""
         found = {}
         for node, trace in self.traces.items():
@@ -212,11 +217,17 @@ class Episode:
     def tags_of(self):
         """entry -> tags of the lines delivered under it; a snapshot has none."""
         found = {}
-        for node, trace in self.traces.items():
-            for hook, entry in zip(trace.hooks, self.entries[node]):
-                if hook.kind == "deliver" and entry:
-                    found.setdefault(entry, set()).add(hook.tag)
+        for node in self.traces:
+            for items, entry in self.deliveries(node):
+                found.setdefault(entry, set()).update(item.tag for item in items)
         return found
+
+    def deliveries(self, node):
+        """Yields (items, entry) of each payload that was delivered, where the log shows the entry for certain."""
+        entry_of = {(hook.life, hook.index): entry for hook, entry in zip(self.traces[node].hooks, self.entries[node])}
+        for position, items in self.traces[node].deliveries.items():
+            if entry_of[position]:
+                yield items, entry_of[position]
 
     def holes_before(self, hook):
         """Returns the skipped payloads that this hook's journal may lack: those since the last snapshot."""
@@ -227,8 +238,8 @@ class Episode:
 
     @cached_property
     def full_states(self):
-        """node -> [(life, index)] of the hook calls in which it was given a snapshot of the journal."""
-        return {node: [(hook.life, hook.index) for hook in trace.hooks if hook.kind == "adopt" and hook.type == 0]
+        """node -> [(life, index)] of the hook calls in which its journal took over a snapshot: the last of the four."""
+        return {node: [(hook.life, hook.index) for hook in trace.hooks if hook.kind == "adopt" and hook.type == 3]
                 for node, trace in self.traces.items()}
 
     def batch_at(self, node, t):

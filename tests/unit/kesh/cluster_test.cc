@@ -35,7 +35,7 @@ chain_hash hash_of(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX)
   return hash;
 }
 
-store_position position_at(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX, uint64_t store = 1)
+told_position position_at(uint64_t n, uint8_t name = 0, uint64_t fork = UINT64_MAX, uint64_t store = 1)
 {
   return {store, true, n, hash_of(n, name, fork), hash_of(checkpoint_of(n), name, fork)};
 }
@@ -65,13 +65,16 @@ TEST(cluster_hello, is_this_text)
 {
   hello said = hello_of(2, 7);
   said.position.checkpoint_hash.reset();
+  said.stands = standing::joined;
+  said.ids = {7, 0, 9};
   said.reason = "no \"leader\"";
   const std::string hash = "2c01" + std::string(60, '0');
-  const std::string text = R"({"build":10000,"checkpoint_hash":null,"cluster":"blue","complete":true,"decision":740,)"
-                           R"("generation":3,"handled":true,"hash":")" +
-                           hash + R"(","heard":[[1,20,739],[3,5,0]],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
-                           R"("nodes":3,"number":7,"reason":"no \"leader\"","role":"leader","session":102,"store":1,)" +
-                           R"("top":741})";
+  const std::string text =
+      R"({"build":10000,"checkpoint_hash":null,"cluster":"blue","complete":true,"decision":740,)"
+      R"("generation":3,"handled":true,"hash":")" +
+      hash + R"(","heard":[[1,20,739],[3,5,0]],"ids":[7,0,9],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
+      R"("nodes":3,"number":7,"reason":"no \"leader\"","role":"leader","session":102,)" +
+      R"("standing":"joined","store":1,)" + R"("top":741})";
   EXPECT_EQ(hello_encode(said), text);
   EXPECT_EQ(hello_decode(text), said);
 }
@@ -79,12 +82,13 @@ TEST(cluster_hello, is_this_text)
 TEST(cluster_hello, fits_its_datagram_whatever_it_says)
 {
   hello said = hello_of(16, UINT64_MAX, UINT32_MAX - 1);
-  said.cluster.name = std::string(CLUSTER_NAME_MAX, '\x01');
+  said.cluster.name = std::string(CLUSTER_NAME_MAX, '"');
   said.cluster.generation = said.session = said.position.store = said.position.n = UINT64_MAX;
   said.build = UINT32_MAX;
   said.node_count = 16;
   said.role = node_role::isolated;
   said.heard.assign(16, {16, UINT32_MAX, UINT32_MAX});
+  said.ids.emplace().fill(UINT32_MAX);
   for (const std::string &reason :
        {std::string(5000, '\x01'), std::string(5000, '\xff'), std::string(5000, 'x'), std::string("short")}) {
     said.reason = reason;
@@ -110,7 +114,8 @@ TEST(cluster_hello, hostile_bytes_are_dropped_as_a_whole)
   for (size_t cut = 0; cut < good.size(); ++cut) {
     EXPECT_FALSE(hello_decode(good.substr(0, cut)));
   }
-  const auto fields = nlohmann::json::parse(good);
+  auto fields = nlohmann::json::parse(good);
+  fields["ids"] = {1, 2, 3};
   for (const auto &[key, value] : fields.items()) {
     SCOPED_TRACE(key);
     nlohmann::json without = fields;
@@ -137,6 +142,10 @@ TEST(cluster_hello, hostile_bytes_are_dropped_as_a_whole)
                {"hash", std::string(64, 'G'), false},
                {"mac", "02-00-00-00-00-01", false},
                {"cluster", std::string(CLUSTER_NAME_MAX + 1, 'c'), false},
+               {"standing", "king", false},
+               {"ids", nullptr, true},
+               {"ids", {1, 2}, false},
+               {"ids", {1, 2, -3}, false},
                {"heard", {{1, 2}}, false},
                {"heard", {{17, 2, 3}}, false},
                {"heard", nlohmann::json(17, {1, 2, 3}), false},
@@ -175,7 +184,7 @@ struct step {
   uint32_t node;
   uint8_t name;
   uint64_t fork;
-  store_position where;
+  told_position where;
 };
 
 /// = agrees, x diverged.
@@ -223,7 +232,7 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     step own("1@0");
-    agreement judge(c.node_count, [&](const store_position &, uint64_t n) {
+    agreement judge(c.node_count, [&](const told_position &, uint64_t n) {
       return n >= 100 ? std::optional(hash_of(n, own.name, own.fork)) : std::nullopt;
     });
     std::istringstream words(c.steps);
@@ -282,11 +291,12 @@ TEST(cluster_lead, needs_every_reason)
     lead_facts node;
     bool is_eligible;
     bool may_lead;
-  } cases[] = {{{master, true, true, false, false}, true, true},    {{backup, true, true, false, false}, true, false},
-               {{fault, true, true, false, false}, true, false},    {{stop, true, true, false, false}, true, false},
-               {{unknown, true, true, false, false}, true, false},  {{master, false, true, false, false}, true, false},
-               {{master, true, false, false, false}, false, false}, {{master, true, true, true, false}, false, false},
-               {{master, true, true, false, true}, false, false}};
+  } cases[] = {
+      {{master, true, true, false, false}, true, true},    {{backup, true, true, false, false}, true, false},
+      {{fault, true, true, false, false}, true, false},    {{stop, true, true, false, false}, true, false},
+      {{unknown, true, true, false, false}, true, false},  {{master, false, true, false, false}, true, false},
+      {{master, true, false, false, false}, false, false}, {{master, true, true, true, false}, false, false},
+      {{master, true, true, false, true}, false, false},   {{master, true, true, false, false, "new"}, false, false}};
   for (const auto &c : cases) {
     for (const auto &[answer, yes] : {std::pair(is_eligible(c.node), c.is_eligible), {may_lead(c.node), c.may_lead}}) {
       EXPECT_EQ(answer.yes, yes) << answer.reason;
@@ -375,7 +385,7 @@ struct played_node {
       now.position = position_at(n, name, 200);
       return now;
     };
-    const auto hash = [this](const store_position &, uint64_t at) { return std::optional(hash_of(at, name, 200)); };
+    const auto hash = [this](const told_position &, uint64_t at) { return std::optional(hash_of(at, name, 200)); };
     const auto send = [this](std::string_view bytes) {
       for (played_node *one : to) {
         one->service->receive(bytes);
@@ -387,7 +397,7 @@ struct played_node {
       grown.notify_all();
     };
     hello_settings settings{CLUSTER, 10000, 3, node, 100 + node, std::chrono::milliseconds(5)};
-    service = std::make_unique<hello_service>(settings, hello_functions{facts, hash, send, changed});
+    service = std::make_unique<hello_service>(settings, hello_functions{facts, nullptr, hash, send, changed});
   }
   template <typename predicate>
   bool await(predicate reached)

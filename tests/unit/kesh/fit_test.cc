@@ -81,6 +81,13 @@ TEST(fit, tells_what_the_next_delivery_is)
       {"incomplete, record zero", NONE, LOG, true, 6, event::payload, S, NONE, {}, verdict::await_state},
       {"incomplete, nothing decided", NONE, {}, true, 6, event::payload, S, NONE, {}, verdict::await_state},
   };
+  // A journal of an earlier build, taken over while B was the last one delivered.
+  kesh::store_facts taken;
+  taken.taken_over = B;
+  EXPECT_EQ(kesh::store_fit({B, 9, LOG}, taken).verdict, verdict::fits);
+  EXPECT_EQ(kesh::store_fit({C, 9, LOG}, taken).verdict, verdict::rejoin);
+  EXPECT_EQ(kesh::store_fit({B, 9, {OTHER}}, taken).verdict, verdict::await_state);
+
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     const auto answer =

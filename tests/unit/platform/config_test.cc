@@ -96,6 +96,12 @@ TEST(config, errors_name_line_key_and_reason)
   EXPECT_FALSE(platform::config_load(dir.path("none"), error));
   EXPECT_EQ(error, dir.path("none") + ": No such file or directory");
   EXPECT_FALSE(platform::config_load(dir.path(""), error));
+  EXPECT_FALSE(platform::config_load(dir.write("empty", ""), error));
+  EXPECT_EQ(error, dir.path("empty") + ": the file is empty");
+  // Nobody writes to it: a load that waits would wait for ever.
+  ASSERT_EQ(mkfifo(dir.path("fifo").c_str(), 0600), 0);
+  EXPECT_FALSE(platform::config_load(dir.path("fifo"), error));
+  EXPECT_EQ(error, dir.path("fifo") + ": not a regular file");
 }
 
 TEST(config, numbers_are_read_whole_and_within_their_range)

@@ -2,8 +2,10 @@
 
 from .base import Fault, Made, any_node, at, times
 
+GIVEN = "the others give the node what it lost"
 UNDONE = "the disk is well, the node is started again"
-FILES = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg", "*"]
+RECORDS = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg"]
+FILES = [*RECORDS, "host/kesh.store*", "*"]
 
 
 def failing(kind, names=FILES, skip_max=10):
@@ -43,15 +45,31 @@ def full_disk(draw, nodes, seconds):
 
 def cut_records(draw, nodes, seconds):
     """A power cut on a careless file system leaves a short record, which the next start finds."""
-    names = ["msg_id", "paxos_decide", "paxos_deliver", "rb_reg"]
-    return Made([at(moment, "cut-record", node=any_node(draw, nodes), file=draw.choice(names),
+    return Made([at(moment, "cut-record", node=any_node(draw, nodes), file=draw.choice(RECORDS),
                     keep_bytes=draw.randint(0, 3), settle=True) for moment in times(draw, seconds, 7.0)])
 
 
 def blocked_save(draw, nodes, seconds):
     """A directory has the name of a record's temporary file."""
-    return Made([at(moment, "block-save", node=any_node(draw, nodes), file=draw.choice(FILES[:3]),
+    return Made([at(moment, "block-save", node=any_node(draw, nodes), file=draw.choice(RECORDS[:3]),
                     for_s=round(draw.uniform(0.5, 2.5), 2)) for moment in times(draw, seconds, 6.0)])
+
+
+def store_lost(hows):
+    """`hows`: see do_store_lost."""
+
+    def make(draw, nodes, seconds):
+        return Made([at(moment, "store-lost", node=any_node(draw, nodes), how=draw.choice(hows),
+                        share=round(draw.uniform(0.02, 0.98), 2), is_killed=draw.random() < 0.5,
+                        restart_s=round(draw.uniform(0.0, 1.5), 2), settle=True, failover=draw.random() < 0.5)
+                     for moment in times(draw, seconds, 7.0, first=3.0)])
+
+    return make
+
+
+def disk_yesterday(draw, nodes, seconds):
+    return Made([at(moment, "disk-yesterday", node=any_node(draw, nodes), for_s=round(draw.uniform(2.0, 4.0), 1),
+                    restart_s=0.0, settle=True, failover=True) for moment in times(draw, seconds, 15.0, first=3.0)])
 
 
 def payload_files(draw, nodes, seconds):
@@ -76,6 +94,15 @@ FAULTS = [
           blocked_save),
     Fault("disk-payload-files", "disk", "saves of payloads fail on one node, or it cannot read them", "the disk is well",
           payload_files, is_durable=True),
+    Fault("store-moved-away", "disk", "a node starts without its store, or with its -wal alone", GIVEN,
+          store_lost(["moved", "moved-database"])),
+    Fault("store-cut", "disk", "a node starts with a store that was cut short, or to nothing", GIVEN,
+          store_lost(["cut", "cut", "cut-to-0"])),
+    Fault("disk-empty", "disk", "a node gets an empty disk, is configured again and joins as new", GIVEN,
+          store_lost(["disk-empty"]), is_apart=True),
+    Fault("disk-yesterday", "disk", "a node starts with a copy of its disk that is some seconds old; the others "
+          "remember more, so it must stay stopped", "the disk is emptied and configured again, the node joins as new", disk_yesterday,
+          is_apart=True),
     Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
           "the record is whole again", cut_records),

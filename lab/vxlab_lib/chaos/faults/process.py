@@ -88,11 +88,13 @@ def kill_all(draw, _nodes, seconds):
 
 MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call, name in
            [(call, name) for name in ("rb_reg", "paxos_decide", "paxos_deliver", "msg_id", "payloads/*")
-            for call in ("write", "rename", "sync")] + [("unlink", "payloads/*")]]
+            for call in ("write", "rename", "sync")] + [("unlink", "payloads/*")] +
+           [(call, "host/kesh.store*") for call in ("write", "sync")]]
 
 
-# Where only payloads are slow, a decision overtakes a save that was promised too early.
-SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*"]
+# Where only payloads are slow, a decision overtakes a save that was promised too early. Where the store is, many
+# cuts come in the middle of its transactions.
+SLOW_SYNCS = [None, "slow_sync 5", "slow_sync 30", "slow_sync 100 payloads/*", "slow_sync 100 host/*"]
 
 
 def power_cut(is_careless):
@@ -142,6 +144,10 @@ FAULTS = [
           kill_near_save([f"kill_{when} {call}:{name}" for when in ("before", "after") for call in ("rename", "sync")
                           for name in ("rb_reg", "paxos_decide", "paxos_deliver", "msg_id")],
                          ["leader", "follower", "last"])),
+    Fault("kill-near-commit", "process", "a node is killed in the middle of a transaction or checkpoint of its store",
+          UNDONE, kill_near_save([f"kill_{when} {call}:host/kesh.store{part}" for when in ("before", "after")
+                                  for call in ("write", "sync") for part in ("", "-wal", "-wal")],
+                                 ["leader", "follower", "last"])),
     Fault("forgetful-acceptor", "process", "an acceptor that a decision may hang on is killed before a save; when it "
           "is back, it and those who know of nothing are a majority, without the old leader",
           "all run, the network is whole", forgetful_acceptor([])),

@@ -1,0 +1,24 @@
+/// The names by which the nodes of a cluster know each other, and no others.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kesh
+{
+
+/// Addresses of `count` nodes, locally administered, the same on each node: 02, four octets of a SHA-256 over name and
+/// generation, the node's number. The first one is the library's cluster id, so clusters of other names, and other
+/// generations of this one, do not hear each other.
+std::vector<std::string> cluster_macs(const std::string &name, uint64_t generation, uint32_t count);
+
+/// Why it is no name: empty, too long, or other characters than letters, digits and . _ -. Empty: it is one.
+std::string cluster_name_fault(const std::string &name);
+/// Why these cannot be the addresses of `count` nodes; empty: they can.
+std::string macs_fault(const std::vector<std::string> &macs, uint32_t count);
+
+/// The name of a cluster of this machine alone.
+std::string trial_cluster_name();
+
+}  // namespace kesh

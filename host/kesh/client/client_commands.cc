@@ -1,0 +1,186 @@
+#include "client/client_commands.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+
+#include "client/control_client.h"
+#include "client/line_stream.h"
+#include "cluster/lead.h"
+#include "cluster/node_state_file.h"
+#include "exit_codes.h"
+
+namespace kesh
+{
+
+using nlohmann::json;
+
+namespace
+{
+
+// What a script or a person waits for must not hang with the daemon.
+constexpr control_client::wait_time QUESTION_WAIT{10};
+constexpr control_client::wait_time CHECK_WAIT{3};
+
+int simple_command(const std::string &socket_path, const json &request)
+{
+  control_client client;
+  json reply;
+  return client.request(socket_path, request, reply);
+}
+
+/// "TIME_S NODE TEXT" becomes "2026-01-31 12:00:00 node 2: TEXT".
+bool print_heard(const std::string &line)
+{
+  long long time_s = 0;
+  unsigned node = 0;
+  int text_offset = 0;
+  if (sscanf(line.c_str(), "%lld %u%n", &time_s, &node, &text_offset) != 2) {
+    return true;
+  }
+  const time_t time = time_s;
+  tm local;
+  char date[32];
+  strftime(date, sizeof date, "%F %T", localtime_r(&time, &local));
+  return printf("%s node %u:%s\n", date, node, line.c_str() + text_offset) >= 0;
+}
+
+}  // namespace
+
+int status_command(const std::string &socket_path, std::string (*to_text)(const json &status))
+{
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path, {{"op", "status"}}, reply, QUESTION_WAIT);
+  if (code != EXIT_OK) {
+    return code;
+  }
+  const json &status = reply.at("status");
+  return write_out(to_text == nullptr ? status.dump(2) + '\n' : to_text(status)) ? EXIT_OK : EXIT_RUNTIME;
+}
+
+int health_command(const std::string &socket_path, bool eligible, bool as_json)
+{
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path, {{"op", "health"}}, reply, CHECK_WAIT);
+  if (code != EXIT_OK) {
+    return code;
+  }
+  const bool is_eligible = reply.at("eligible").get<bool>();
+  const bool is_active = reply.at("active").get<bool>();
+  const auto reason = reply.at("reason").get<std::string>();
+  const bool is_well = eligible ? is_eligible : is_active;
+  if (as_json) {
+    printf("%s\n", json{{"eligible", is_eligible}, {"active", is_active}, {"reason", reason}}.dump().c_str());
+  } else {
+    const std::string text = std::string(is_well ? "" : "not ") + (eligible ? "eligible" : "active");
+    printf("%s%s%s\n", text.c_str(), is_well || reason.empty() ? "" : ": ", is_well ? "" : reason.c_str());
+  }
+  return is_well ? EXIT_OK : EXIT_REFUSED;
+}
+
+int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word)
+{
+  std::string error;
+  if (!vrrp_state_of(word)) {
+    fprintf(stderr, "kesh vrrp: %s is none of MASTER, BACKUP, FAULT, STOP\n", word.c_str());
+    return EXIT_USAGE;
+  }
+  if (!state_word_write(state_path, word, error)) {
+    fprintf(stderr, "kesh vrrp: %s\n", error.c_str());
+    return EXIT_CONFIG;
+  }
+  // A daemon that is not there yet, or is busy, reads the file.
+  control_client client;
+  json reply;
+  return client.connect(socket_path, CHECK_WAIT) ? client.ask({{"op", "vrrp"}, {"state", word}}, reply, CHECK_WAIT)
+                                                 : EXIT_OK;
+}
+
+int say_command(const std::string &socket_path, const std::string &text)
+{
+  return simple_command(socket_path, {{"op", "say"}, {"text", text}});
+}
+
+int heard_command(const std::string &socket_path, bool follow)
+{
+  return print_stream(socket_path, {{"op", "heard"}, {"follow", follow}}, follow, print_heard);
+}
+
+int start_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "start"}});
+}
+
+int leave_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "leave"}});
+}
+
+int reinit_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "reinit"}});
+}
+
+int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms)
+{
+  return simple_command(socket_path, {{"op", "slow"}, {"hook", hook}, {"ms", wait_ms}});
+}
+
+int load_command(const std::string &socket_path, const load_request &options, bool as_json)
+{
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path,
+                                  {{"op", "load"},
+                                   {"threads", options.threads},
+                                   {"bytes", options.payload_bytes},
+                                   {"count", options.count},
+                                   {"seconds", options.seconds},
+                                   {"pause_ms", options.pause_ms},
+                                   {"timeout_s", options.timeout_s}},
+                                  reply);
+  if (code != EXIT_OK) {
+    return code;
+  }
+  std::string line;
+  if (client.read_line(line) != read_result::line) {
+    fprintf(stderr, "kesh load: the daemon went away\n");
+    return EXIT_RUNTIME;
+  }
+  const json totals = json::parse(line);
+  const auto acknowledged = totals.at("acknowledged").get<uint64_t>();
+  const auto lines = totals.at("lines").get<uint64_t>();
+  const auto elapsed_s = totals.at("seconds").get<double>();
+  if (as_json) {
+    printf("%s\n", line.c_str());
+  } else {
+    printf("%" PRIu64 " of %" PRIu64 " lines acknowledged in %.2f s, %.1f lines/s, %" PRIu64 " attempts\n",
+           acknowledged, lines, elapsed_s, static_cast<double>(acknowledged) / elapsed_s,
+           totals.at("attempts").get<uint64_t>());
+  }
+  return acknowledged == lines ? EXIT_OK : EXIT_REFUSED;
+}
+
+int stop_command(const std::string &socket_path)
+{
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path, {{"op", "stop"}}, reply);
+  std::string line;
+  while (code == EXIT_OK && client.read_line(line) == read_result::line) {
+  }
+  return code;
+}
+
+int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes)
+{
+  uint32_t mask = 0;
+  for (const uint32_t node : nodes) {
+    mask |= 1u << (node - 1);
+  }
+  return simple_command(socket_path, {{"op", "block"}, {"mask", mask}});
+}
+
+}  // namespace kesh

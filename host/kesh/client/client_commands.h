@@ -1,0 +1,42 @@
+/// The subcommands that talk to a running daemon. Each prints its result, and returns an exit code.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+namespace kesh
+{
+
+struct load_request {
+  int threads = 1;
+  std::vector<uint64_t> payload_bytes = {100};
+  uint64_t count = 0;
+  double seconds = 0;
+  uint32_t pause_ms = 0;
+  double timeout_s = 60;
+};
+
+/// `to_text` makes the screen for a person; nullptr: JSON is printed.
+int status_command(const std::string &socket_path, std::string (*to_text)(const nlohmann::json &status));
+/// Returns EXIT_OK if the node is active, or, with `eligible`, may be chosen as leader; else EXIT_REFUSED, and the
+/// reason is printed. Answers within seconds, for a check script.
+int health_command(const std::string &socket_path, bool eligible, bool as_json);
+/// Notes what keepalived says (MASTER, BACKUP, FAULT, STOP) in `state_path`, and tells the daemon if one runs.
+int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word);
+int say_command(const std::string &socket_path, const std::string &text);
+int heard_command(const std::string &socket_path, bool follow);
+int start_command(const std::string &socket_path);
+int leave_command(const std::string &socket_path);
+int reinit_command(const std::string &socket_path);
+/// Returns once the daemon has ended.
+int stop_command(const std::string &socket_path);
+/// `hook`: deliver or state.
+int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms);
+/// Returns EXIT_OK if every line was acknowledged.
+int load_command(const std::string &socket_path, const load_request &options, bool as_json);
+/// No nodes: all are heard again.
+int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes);
+
+}  // namespace kesh

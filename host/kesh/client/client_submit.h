@@ -1,0 +1,23 @@
+/// `kesh submit`: sends a file or stdin to the daemon, line by line, and takes back verdicts and times.
+#pragma once
+
+#include <string>
+
+namespace kesh
+{
+
+struct submit_options {
+  std::string input = "-";
+  int window = 64;           ///< lines that are open at once
+  double timeout_s = 60;     ///< from a line's arrival at the daemon to its deadline
+  std::string latency_path;  ///< empty: none
+  bool as_json = false;
+};
+
+/// Ends at the first line that is not acknowledged, once those before and beside it have their verdicts. Returns
+/// EXIT_OK if every line was acknowledged, EXIT_REFUSED if some were not submitted and the fate of all is known,
+/// EXIT_UNKNOWN if that of any is not. The daemon gets `timeout_s` and one second to show that it is alive: lines that
+/// have no verdict then are of unknown outcome.
+int submit_command(const std::string &socket_path, const submit_options &options);
+
+}  // namespace kesh

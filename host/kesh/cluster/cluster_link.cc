@@ -1,0 +1,662 @@
+#include "cluster/cluster_link.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <system_error>
+
+#include "atomic_file.h"
+#include "bytes.h"
+#include "vx_host.h"
+
+namespace kesh
+{
+
+namespace
+{
+
+using platform::lock_scope;
+using platform::log_level;
+using platform::log_line;
+
+constexpr uint32_t CHANNEL = 7;
+// As messages name them: four bytes in network order.
+constexpr uint8_t TO_ALL[4] = {224, 0, 0, 81};
+constexpr size_t WORD_SIZE = 4;
+constexpr size_t ENVELOPE_SIZE = 20;
+
+// Hooks have no argument for the host. Set before the hook is registered, and reset when messaging has stopped.
+std::atomic<cluster_link *> hooked = nullptr;
+
+/// The number that the library makes of it.
+uint64_t mac_number(std::string mac)
+{
+  std::erase(mac, ':');
+  return strtoull(mac.c_str(), nullptr, 16);
+}
+
+/// The same address, always written in the same way.
+std::string mac_text(uint64_t number)
+{
+  constexpr std::string_view DIGITS = "0123456789abcdef";
+  std::string text;
+  for (int shift = 40; shift >= 0; shift -= 8) {
+    text += DIGITS[number >> (shift + 4) & 0xf];
+    text += DIGITS[number >> shift & 0xf];
+    text += shift == 0 ? "" : ":";
+  }
+  return text;
+}
+
+/// A name that arrives as it was sent.
+std::string plain_name(std::string name)
+{
+  name.resize(std::min(name.size(), CLUSTER_NAME_MAX));
+  std::replace_if(
+      name.begin(), name.end(), [](char letter) { return letter < ' ' || letter > '~'; }, '?');
+  return name;
+}
+
+uint64_t random_number()
+{
+  uint64_t number = 0;
+  if (getrandom(&number, sizeof number, 0) != sizeof number) {
+    number = static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+  }
+  return number;
+}
+
+hello_settings settings_of(const settings &from, uint64_t cluster_id, std::chrono::milliseconds period)
+{
+  return {.cluster = {plain_name(from.cluster_name), mac_text(cluster_id), from.generation},
+          .build = vx_firmware_dova_build_nr,
+          .node_count = from.node_count,
+          .node = from.node_id,
+          .session = random_number(),
+          .period = period};
+}
+
+bool is_usable(const hello_settings &of, uint64_t cluster_id)
+{
+  return cluster_id != 0 && of.node_count >= 1 && of.node_count <= HELLO_NODES_MAX && of.node >= 1 &&
+         of.node <= of.node_count;
+}
+
+int64_t now_ms()
+{
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+std::string identity_of(const cluster_identity &cluster)
+{
+  return cluster.name + ", generation " + std::to_string(cluster.generation) + ", " + cluster.first_mac;
+}
+
+std::string standing_path(const std::string &records)
+{
+  return records + "/kesh.standing";
+}
+
+bool standing_save(const std::string &records, standing now, const std::string &identity, std::string &error)
+{
+  std::string why;
+  const bool done = platform::file_replace(standing_path(records), standing_text(now, identity), why);
+  if (!done) {
+    error = standing_path(records) + ": " + why;
+  }
+  return done;
+}
+
+/// Each the highest of both.
+message_ids merged(message_ids ids, const message_ids &more)
+{
+  std::transform(ids.begin(), ids.end(), more.begin(), ids.begin(),
+                 [](uint32_t a, uint32_t b) { return std::max(a, b); });
+  return ids;
+}
+
+}  // namespace
+
+bool forget_standing(std::string &error, const std::string &records)
+{
+  const std::string path = standing_path(records);
+  const bool done = unlink(path.c_str()) == 0 || errno == ENOENT;
+  if (!done) {
+    error = path + ": " + std::generic_category().message(errno);
+  }
+  return done;
+}
+
+bool mark_reformed(const settings &configured, std::string &error, const std::string &records)
+{
+  const hello_settings of = settings_of(configured, mac_number(configured.first_mac), {});
+  return standing_save(records, standing::reformed, identity_of(of.cluster), error);
+}
+
+cluster_link::cluster_link(const settings &configured, store &of, link_functions functions, link_places places)
+    : store_(of), functions_(std::move(functions)), places_(std::move(places)),
+      cluster_id_(mac_number(configured.first_mac)),
+      hello_settings_(settings_of(configured, cluster_id_, places_.period)),
+      is_configured_(is_usable(hello_settings_, cluster_id_)), identity_(identity_of(hello_settings_.cluster)),
+      filter_(cluster_id_, vx_firmware_dova_build_nr), records_(places_.records), look_(of),
+      newcomer_(hello_settings_.node_count, hello_settings_.node), hello_(hello_settings_, make_functions())
+{
+}
+
+cluster_link::~cluster_link()
+{
+  stop();
+  platform::messaging_set_filter(nullptr);
+  hooked = nullptr;
+}
+
+hello_functions cluster_link::make_functions()
+{
+  return {.facts = [this] { return gather(); },
+          .heard = [this](const hello &said) { note_hello(said); },
+          .own_hash = [this](const told_position &in, uint64_t n) { return look_.hash_at(in, n); },
+          .send = [this](std::string_view bytes) { places_.send ? places_.send(bytes) : send(bytes); },
+          .changed = [this](const cluster_view &view) { judged(view); }};
+}
+
+void cluster_link::start()
+{
+  if (!is_configured_) {
+    return;
+  }
+  std::string error;
+  if (!look_for_past(error)) {
+    log_line(log_level::error, "cluster: " + error);
+  }
+  tell_submission();
+  {
+    const lock_scope scope(lock_);
+    is_stopping_ = false;
+  }
+  is_used_ = true;
+  changed();
+  worker_ = std::thread([this] { work(); });
+  hello_.start();
+  if (!places_.send) {
+    hooked = this;
+    platform::messaging_set_filter(&filter_);
+    vx_msg_register_recv_hook(receive_hook, CHANNEL);
+  }
+}
+
+void cluster_link::stop()
+{
+  if (!std::exchange(is_used_, false)) {
+    return;
+  }
+  vx_msg_unregister_recv_hook(receive_hook);
+  log_text line;
+  {
+    const lock_scope scope(lock_);
+    is_stopping_ = true;
+    is_started_ = false;
+    wake_worker_.signal_all();
+    line = decide();
+  }
+  say(line);
+  hello_.stop();
+  if (worker_.joinable()) {
+    worker_.join();
+  }
+}
+
+bool cluster_link::before_library_start(std::string &error)
+{
+  if (!is_configured_) {
+    return true;
+  }
+  {
+    const lock_scope scope(lock_);
+    is_started_ = false;
+    if (!state_word_write(places_.node_state, "BACKUP", error)) {
+      return false;
+    }
+    if (has_disk_gone_back_) {
+      error = "the disk of this node has gone back to an earlier state, so it has forgotten votes: empty it, then "
+              "configure it anew";
+      return false;
+    }
+  }
+  const bool is_settled = look_for_past(error);
+  tell_submission();
+  return is_settled;
+}
+
+void cluster_link::library_started()
+{
+  log_text line;
+  {
+    const lock_scope scope(lock_);
+    is_started_ = true;
+    line = decide();
+  }
+  say(line);
+}
+
+void cluster_link::library_stopped()
+{
+  log_text line;
+  {
+    const lock_scope scope(lock_);
+    is_started_ = false;
+    line = decide();
+  }
+  say(line);
+}
+
+void cluster_link::changed() noexcept
+{
+  try {
+    uint64_t look;
+    {
+      const lock_scope scope(lock_);
+      look = ++looks_;
+    }
+    const bool is_complete = store_.position().incomplete.empty();
+    log_text line;
+    {
+      const lock_scope scope(lock_);
+      is_complete_ = look == looks_ ? is_complete : is_complete_;
+      line = decide();
+    }
+    say(line);
+  } catch (const std::exception &) {
+    // No memory: the hello thread decides within a second.
+  }
+}
+
+void cluster_link::vrrp(vrrp_state state)
+{
+  log_text line;
+  {
+    const lock_scope scope(lock_);
+    vrrp_ = state;
+    line = decide();
+  }
+  say(line);
+}
+
+lead_answer cluster_link::eligible()
+{
+  const lock_scope scope(lock_);
+  return is_eligible(facts_now());
+}
+
+lead_answer cluster_link::may_lead()
+{
+  const lock_scope scope(lock_);
+  return kesh::may_lead(facts_now());
+}
+
+lead_answer cluster_link::may_submit()
+{
+  const lock_scope scope(lock_);
+  std::string reason = is_configured_ ? newcomer_.why_no_submission() : "no cluster is configured";
+  const bool yes = reason.empty();
+  return {yes, std::move(reason)};
+}
+
+bool cluster_link::is_reformed()
+{
+  const lock_scope scope(lock_);
+  return newcomer_.stands() == standing::reformed;
+}
+
+cluster_view cluster_link::view()
+{
+  return hello_.view();
+}
+
+void cluster_link::receive(std::string_view bytes) noexcept
+{
+  hello_.receive(bytes);
+}
+
+void cluster_link::receive_hook(void *msg)
+{
+  const char *const envelope = static_cast<const char *>(msg) + WORD_SIZE;
+  byte_reader size({envelope + ENVELOPE_SIZE - 4, 4});
+  cluster_link *const link = hooked;
+  if (link != nullptr) {
+    link->receive({envelope + ENVELOPE_SIZE, size.le<uint32_t>()});
+  }
+}
+
+void cluster_link::send(std::string_view bytes) const
+{
+  std::string envelope;
+  put_le(envelope, cluster_id_);
+  put_le(envelope, hello_settings_.build);
+  for (const uint8_t byte : {uint8_t{127}, uint8_t{1}, uint8_t{0}, static_cast<uint8_t>(hello_settings_.node)}) {
+    envelope.push_back(static_cast<char>(byte));
+  }
+  put_le(envelope, static_cast<uint32_t>(bytes.size()));
+  void *const msg = vx_msg_allocate(static_cast<uint32_t>(envelope.size() + bytes.size()));
+  if (msg == nullptr) {
+    return;
+  }
+  char *const data = static_cast<char *>(msg) + WORD_SIZE;
+  std::memcpy(data, envelope.data(), envelope.size());
+  std::memcpy(data + envelope.size(), bytes.data(), bytes.size());
+  uint32_t destination;
+  std::memcpy(&destination, TO_ALL, sizeof destination);
+  vx_msg_enqueue(msg, CHANNEL, 0, destination, 0, 0);
+}
+
+void cluster_link::say(const log_text &line)
+{
+  if (line) {
+    log_line(line->first, line->second);
+  }
+}
+
+lead_facts cluster_link::facts_now() const
+{
+  return {.vrrp = vrrp_,
+          .is_started = is_started_,
+          .is_complete = is_complete_,
+          .is_barred = is_barred_,
+          .has_disk_gone_back = has_disk_gone_back_,
+          .not_yet = newcomer_.why_no_lead()};
+}
+
+cluster_link::log_text cluster_link::decide()
+{
+  if (!is_configured_) {
+    return std::nullopt;
+  }
+  const lead_answer answer = kesh::may_lead(facts_now());
+  std::string error;
+  log_level level = log_level::debug;
+  std::string text = answer.yes ? "cluster: this node may lead" : "cluster: this node may not lead: " + answer.reason;
+  if (!state_word_write(places_.node_state, answer.yes ? "MASTER" : "BACKUP", error)) {
+    level = log_level::error;
+    text = "cluster: the node state cannot be written: " + error;
+  }
+  if (written_ == text) {
+    return std::nullopt;
+  }
+  const bool is_plain = newcomer_.stands() == standing::member && answer.yes == was_master_;
+  if (level == log_level::debug && !is_plain) {
+    level = log_level::info;
+  }
+  was_master_ = answer.yes;
+  written_ = text;
+  return std::pair(level, std::move(text));
+}
+
+bool cluster_link::write_standing(standing now, std::string &error)
+{
+  return standing_save(places_.records, now, identity_, error);
+}
+
+void cluster_link::tell_submission()
+{
+  {
+    const lock_scope scope(lock_);
+    const bool may_submit = newcomer_.why_no_submission().empty();
+    if (may_submit == std::exchange(told_may_submit_, may_submit)) {
+      return;
+    }
+  }
+  if (functions_.may_submit_changed) {
+    functions_.may_submit_changed();
+  }
+}
+
+bool cluster_link::look_for_past(std::string &error)
+{
+  const lock_scope standing_scope(standing_lock_);
+  const own_records records = records_reader(places_.records).read();
+  std::string text, unread;
+  const bool is_kept = platform::file_read(standing_path(places_.records), text, unread);
+  const auto kept = is_kept ? standing_read(text, identity_) : std::nullopt;
+  const standing found = standing_at_start(kept, records.has_past);
+  if (found == standing::is_new && kept != found && !write_standing(found, error)) {
+    return false;
+  }
+  {
+    const lock_scope scope(lock_);
+    newcomer_.begin(found);
+    filter_.let_votes_pass(found != standing::is_new);
+  }
+  if (found == standing::is_new && kept != found) {
+    log_line(log_level::warning, "cluster: this node has no past: it does not vote, lead or submit before it has heard "
+                                 "all others and knows what they know");
+  }
+  return true;
+}
+
+// ---- Hello thread ----
+
+void cluster_link::look_for_ids(const told_position &now, std::string &reason)
+{
+  try {
+    look_.look_for_ids(now);
+  } catch (const store_failure &failure) {
+    reason = failure.what();
+  }
+}
+
+void cluster_link::note_vrrp_file()
+{
+  std::string word = state_word_read(places_.vrrp_state);
+  if (word == vrrp_word_) {
+    return;  // a later word of the control socket stands
+  }
+  vrrp_word_ = std::move(word);
+  const lock_scope scope(lock_);
+  vrrp_ = vrrp_state_of(vrrp_word_).value_or(vrrp_state::unknown);
+}
+
+own_facts cluster_link::gather()
+{
+  own_facts now;
+  now.role = functions_.role();
+  const own_records records = records_.read();
+  now.position = look_.position();
+  look_for_ids(now.position, now.reason);
+  note_vrrp_file();
+  const auto in_store = look_.ids();
+  const message_ids known = merged(records.ids, in_store.value_or(message_ids{}));
+  if (records.fault.empty()) {
+    told_decision_ = records.decision;
+  }
+  if (in_store) {
+    advance_newcomer(records, known, is_reformed() ? obstacle_to_reform(now.position) : std::string());
+    tell_submission();
+  }
+  changed();
+  {
+    const lock_scope scope(lock_);
+    now.stands = newcomer_.stands();
+  }
+  const bool is_new = now.stands == standing::is_new;
+  now.decision = told_decision_;
+  // What a new node was asked for it did not answer.
+  now.top = std::max({now.decision, records.register_max, is_new ? 0 : filter_.watch().greatest()});
+  now.handled = records.fault.empty() && records.handled;
+  now.ids = in_store ? std::optional(known) : std::nullopt;
+  now.is_decision_certain = records.fault.empty() && !is_new;
+  now.reason = now.reason.empty() ? records.fault : now.reason;
+  now.reason = now.reason.empty() ? why_nothing_is_ordered(now.role) : now.reason;
+  const lock_scope scope(lock_);
+  facts_ = now;
+  return now;
+}
+
+std::string cluster_link::why_nothing_is_ordered(node_role role)
+{
+  if (role == node_role::stopped || role == node_role::isolated) {
+    return role == node_role::stopped ? "it is not started" : "it is isolated: its disk failed";
+  }
+  if (const lead_answer answer = eligible(); !answer.yes) {
+    return answer.reason;
+  }
+  uint32_t heard = 1;
+  bool has_leader = role == node_role::leader;
+  for (const peer_view &one : hello_.view().peers) {
+    const bool is_live = one.is_member && one.age_ms <= no_op_rule::LIVE_MS;
+    heard += is_live ? 1 : 0;
+    has_leader |= is_live && one.last.role == node_role::leader;
+  }
+  if (heard <= hello_settings_.node_count / 2) {
+    return "it hears too few nodes: " + std::to_string(heard - 1) + " of " +
+           std::to_string(hello_settings_.node_count - 1);
+  }
+  return has_leader ? "" : "it hears no leader";
+}
+
+void cluster_link::note_hello(const hello &said)
+{
+  const lock_scope scope(lock_);
+  newcomer_.heard(said);
+}
+
+std::string cluster_link::obstacle_to_reform(const told_position &own)
+{
+  std::vector<reform_voice> voices;
+  for (const peer_view &one : hello_.view().peers) {
+    if (one.is_member) {
+      voices.push_back(
+          {one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.stands, one.last.position});
+    }
+  }
+  return reform_obstacle(hello_settings_.node_count, own, voices, [&](uint64_t n) { return look_.hash_at(own, n); });
+}
+
+void cluster_link::advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
+{
+  const lock_scope standing_scope(standing_lock_);
+  newcomer::step next;
+  {
+    const lock_scope scope(lock_);
+    next = newcomer_.advance({.is_running = is_started_,
+                              .handled = records.fault.empty() && records.handled,
+                              .decision = records.decision,
+                              .msg_id = records.msg_id,
+                              .known_msg_id = known[hello_settings_.node - 1],
+                              .obstacle = std::move(obstacle)});
+    if (next.msg_id && !msg_id_wanted_) {
+      msg_id_wanted_ = next.msg_id;
+      wake_worker_.signal_all();
+    }
+  }
+  if (!next.becomes) {
+    return;
+  }
+  std::string error;
+  if (!write_standing(*next.becomes, error)) {
+    log_line(log_level::error, "cluster: this node cannot join: " + error);
+    return;
+  }
+  bool is_new;
+  {
+    const lock_scope scope(lock_);
+    is_new = newcomer_.stands() == standing::is_new;
+    newcomer_.begin(*next.becomes);
+    filter_.let_votes_pass(true);
+  }
+  if (is_new) {
+    log_line(log_level::info, "cluster: this node has joined: it votes and submits from now on");
+  }
+}
+
+void cluster_link::judged(const cluster_view &view)
+{
+  log_text line;
+  bool must_stop = false;
+  {
+    const lock_scope scope(lock_);
+    is_barred_ = view.barred.has_value();
+    must_stop = view.disk_went_back && !has_disk_gone_back_;
+    has_disk_gone_back_ = view.disk_went_back.has_value();
+    line = decide();
+  }
+  say(line);
+  if (must_stop) {
+    functions_.stop_protocol("node " + std::to_string(view.disk_went_back->told_by) + " remembers decision " +
+                             std::to_string(view.disk_went_back->decision) +
+                             " of this node, whose disk has gone back to an earlier one: it has forgotten votes");
+  }
+}
+
+// ---- Work thread ----
+
+bool cluster_link::is_stopping()
+{
+  const lock_scope scope(lock_);
+  return is_stopping_;
+}
+
+void cluster_link::work()
+{
+  no_op_rule rule;
+  for (;;) {
+    std::optional<uint32_t> msg_id;
+    {
+      const lock_scope scope(lock_);
+      const auto next = std::chrono::steady_clock::now() + places_.period;
+      while (!is_stopping_ && !msg_id_wanted_ && std::chrono::steady_clock::now() < next) {
+        wake_worker_.wait_until(lock_, next);
+      }
+      if (is_stopping_) {
+        return;
+      }
+      msg_id = msg_id_wanted_;
+    }
+    try {
+      if (msg_id) {
+        raise_msg_id(*msg_id);
+      }
+      order_no_ops(rule);
+    } catch (const std::exception &failure) {
+      log_line(log_level::error, std::string("cluster: no no-op, or no message id: ") + failure.what());
+    }
+    if (msg_id) {
+      // Only now: the hello thread asks for it once more, if it is still needed.
+      const lock_scope scope(lock_);
+      msg_id_wanted_.reset();
+    }
+  }
+}
+
+void cluster_link::raise_msg_id(uint32_t to)
+{
+  std::string error;
+  const auto write = [&](std::string &why) { return records_reader(places_.records).write_msg_id(to, why); };
+  if (functions_.restart_protocol(write, error)) {
+    log_line(log_level::info, "cluster: message ids of this node begin above " + std::to_string(to));
+  } else {
+    log_line(log_level::error, "cluster: message ids cannot be raised above those that were used: " + error);
+  }
+}
+
+void cluster_link::order_no_ops(no_op_rule &rule)
+{
+  while (!is_stopping() && functions_.role() == node_role::leader) {
+    std::optional<own_facts> own;
+    {
+      const lock_scope scope(lock_);
+      own = facts_;
+    }
+    if (!own || !rule.wants(hello_.view(), *own, now_ms()) || !functions_.order_no_op()) {
+      return;
+    }
+    rule.ordered();
+  }
+}
+
+}  // namespace kesh

@@ -1,0 +1,176 @@
+#include "cluster/newcomer.h"
+
+#include <algorithm>
+
+namespace kesh
+{
+
+standing standing_at_start(std::optional<standing> kept, bool has_past)
+{
+  return kept.value_or(has_past ? standing::member : standing::is_new);
+}
+
+std::string standing_text(standing of, const std::string &identity)
+{
+  return std::string(standing_name(of)) + '\n' + identity + '\n';
+}
+
+std::optional<standing> standing_read(const std::string &text, const std::string &identity)
+{
+  const auto read = standing_of(text.substr(0, text.find('\n')));
+  return read && text == standing_text(*read, identity) ? read : std::nullopt;
+}
+
+void newcomer::begin(standing from)
+{
+  if (from == standing::is_new && stands_ != standing::is_new) {
+    others_ = {};
+  }
+  stands_ = from;
+  are_ids_free_ = false;
+  waits_for_ = "it has not looked around yet";
+}
+
+void newcomer::heard(const hello &said)
+{
+  if (said.node == node_ || said.node > node_count_) {
+    return;
+  }
+  other &from = others_[said.node - 1];
+  if (!from.is_heard) {
+    from.top = said.top;
+    from.was_new = said.stands == standing::is_new;
+  }
+  from.is_heard = true;
+  from.is_new = said.stands == standing::is_new;
+  if (said.ids) {
+    from.has_ids = true;
+    from.own_id = std::max(from.own_id, (*said.ids)[node_ - 1]);
+  }
+}
+
+/// Of the other nodes that match: " 2, 3".
+template <typename predicate>
+std::string newcomer::numbers_of(predicate matches) const
+{
+  std::string numbers;
+  for (uint32_t node = 1; node <= node_count_; ++node) {
+    if (node != node_ && matches(others_[node - 1])) {
+      numbers += (numbers.empty() ? " " : ", ") + std::to_string(node);
+    }
+  }
+  return numbers;
+}
+
+/// Why it has not joined yet.
+std::string newcomer::obstacle(const own &now) const
+{
+  if (const std::string silent = numbers_of([](const other &one) { return !one.is_heard; }); !silent.empty()) {
+    return "it has not heard every other node yet: not" + silent;
+  }
+  if (const std::string busy = numbers_of([](const other &one) { return !one.has_ids; }); !busy.empty()) {
+    return "others still look up which message ids were used: nodes" + busy;
+  }
+  uint32_t top = 0;
+  for (const other &one : others_) {
+    top = std::max(top, one.top);
+  }
+  const auto forgetful = std::count_if(others_.begin(), others_.end(), [](const other &one) { return one.was_new; });
+  if (top != 0 && static_cast<uint32_t>(forgetful) + 1 > node_count_ / 2) {
+    return "a majority has no past, and may have forgotten a decision: a person must decide, see kesh reform";
+  }
+  if (now.decision < top) {
+    return "it knows decision " + std::to_string(now.decision) + ", and others had to do with " + std::to_string(top);
+  }
+  return now.is_running && now.handled ? "" : "the library's log is not delivered to its end";
+}
+
+/// Set: the id above which this node's must begin.
+std::optional<uint32_t> newcomer::id_to_raise(const own &now) const
+{
+  uint32_t used = now.known_msg_id;
+  for (const other &one : others_) {
+    used = std::max(used, one.own_id);
+  }
+  if (used == 0 || now.msg_id > used) {
+    return std::nullopt;
+  }
+  return used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
+}
+
+newcomer::step newcomer::advance_new(const own &now)
+{
+  waits_for_ = obstacle(now);
+  if (!waits_for_.empty()) {
+    return {};
+  }
+  if (const auto id = id_to_raise(now)) {
+    waits_for_ = "its message ids are being raised";
+    return {.becomes = std::nullopt, .msg_id = id};
+  }
+  return {.becomes = now.decision != 0 ? standing::member : standing::joined, .msg_id = std::nullopt};
+}
+
+newcomer::step newcomer::advance_joined(const own &now)
+{
+  const std::string missing = numbers_of([](const other &one) { return !one.is_heard || one.is_new; });
+  if (now.decision != 0 || missing.empty()) {
+    return {.becomes = standing::member, .msg_id = std::nullopt};
+  }
+  waits_for_ = "nodes that have not joined yet:" + missing;
+  return {};
+}
+
+newcomer::step newcomer::advance_reformed(const own &now)
+{
+  const auto told = std::count_if(others_.begin(), others_.end(), [](const other &one) { return one.has_ids; });
+  if (static_cast<uint32_t>(told) + 1 <= node_count_ / 2) {
+    waits_for_ = "it has not heard a majority yet";
+    return {};
+  }
+  if (const auto id = id_to_raise(now); id && !are_ids_free_) {
+    waits_for_ = "its message ids are being raised";
+    return {.becomes = std::nullopt, .msg_id = id};
+  }
+  are_ids_free_ = true;
+  if (now.decision != 0) {
+    return {.becomes = standing::member, .msg_id = std::nullopt};
+  }
+  waits_for_ = now.obstacle;
+  return {};
+}
+
+newcomer::step newcomer::advance(const own &now)
+{
+  waits_for_.clear();
+  switch (stands_) {
+  case standing::is_new:
+    return advance_new(now);
+  case standing::joined:
+    return advance_joined(now);
+  case standing::reformed:
+    return advance_reformed(now);
+  case standing::member:
+    break;
+  }
+  return {};
+}
+
+std::string newcomer::why_no_submission() const
+{
+  if (stands_ == standing::reformed && !are_ids_free_) {
+    return "the cluster is reformed: " + waits_for_;
+  }
+  return stands_ == standing::is_new ? "it is new to the cluster: " + waits_for_ : std::string();
+}
+
+std::string newcomer::why_no_lead() const
+{
+  if (stands_ == standing::joined) {
+    return "the cluster forms: " + waits_for_;
+  }
+  return stands_ == standing::reformed && !waits_for_.empty() ? "the cluster is reformed: " + waits_for_
+                                                              : why_no_submission();
+}
+
+}  // namespace kesh

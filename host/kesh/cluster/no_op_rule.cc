@@ -1,0 +1,37 @@
+#include "cluster/no_op_rule.h"
+
+#include <algorithm>
+
+namespace kesh
+{
+
+bool no_op_rule::wants(const cluster_view &view, const own_facts &own, int64_t now_ms)
+{
+  const auto is_live = [](const peer_view &one) { return one.is_member && one.age_ms <= LIVE_MS; };
+  uint32_t top = own.top;
+  for (const peer_view &one : view.peers) {
+    top = is_live(one) ? std::max(top, one.last.top) : top;
+  }
+  bool is_needed = false;
+  for (const peer_view &one : view.peers) {
+    is_needed |= is_live(one) && is_in_need(one, top, own, now_ms);
+  }
+  count_ = is_needed ? count_ : 0;
+  return is_needed && count_ < NO_OPS_MAX;
+}
+
+bool no_op_rule::is_in_need(const peer_view &peer, uint32_t top, const own_facts &own, int64_t now_ms)
+{
+  const hello &said = peer.last;
+  place &last = places_[said.node - 1];
+  if (last.decision != said.decision || last.n != said.position.n) {
+    last = {said.decision, said.position.n, now_ms};
+  }
+  if (said.role == node_role::stopped || said.role == node_role::isolated) {
+    return false;
+  }
+  const bool is_at_end = said.handled || now_ms - last.since_ms >= STUCK_MS;
+  return (!said.position.complete && is_at_end) || (said.stands == standing::is_new && top > own.decision);
+}
+
+}  // namespace kesh

@@ -1,0 +1,41 @@
+/// When the leader orders no-ops: for a node that waits for a state, which comes with the next log, and for one that is
+/// new and waits for a decision that nobody else asks for.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "cluster/hello_service.h"
+
+namespace kesh
+{
+
+/// Pure: time comes in, in ms of a clock that never goes back. Not synchronised.
+class no_op_rule
+{
+public:
+  /// A log has 250 entries.
+  static constexpr uint32_t NO_OPS_MAX = 260;
+  /// A node that was not heard for so long counts for nothing here.
+  static constexpr uint32_t LIVE_MS = 5000;
+  /// A node that skipped the last entry of its log never says that it handled it; skipping takes 30 s.
+  static constexpr int64_t STUCK_MS = 40000;
+
+  /// Whether this node, which leads, should order a no-op now. Without a need the count begins anew.
+  bool wants(const cluster_view &view, const own_facts &own, int64_t now_ms);
+  void ordered() { ++count_; }
+
+private:
+  struct place {
+    uint32_t decision = 0;
+    uint64_t n = 0;
+    int64_t since_ms = 0;
+  };
+
+  bool is_in_need(const peer_view &peer, uint32_t top, const own_facts &own, int64_t now_ms);
+
+  std::array<place, HELLO_NODES_MAX> places_{};
+  uint32_t count_ = 0;
+};
+
+}  // namespace kesh

@@ -1,0 +1,86 @@
+#include "cluster/reform.h"
+
+#include <algorithm>
+
+#include "store/store_schema.h"
+
+namespace kesh
+{
+
+namespace
+{
+
+std::string node_name(const reform_voice &of)
+{
+  return "node " + std::to_string(of.node);
+}
+
+/// Set: they differ at that n. Compares what both still know.
+std::optional<uint64_t> fork_of(const told_position &own, const told_position &said,
+                                const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash)
+{
+  const auto differs = [&](uint64_t n, const chain_hash &hash) {
+    const auto mine = n == own.n ? std::optional(own.hash) : n < own.n ? own_hash(n) : std::nullopt;
+    return mine && *mine != hash;
+  };
+  if (said.checkpoint_hash && differs(checkpoint_of(said.n), *said.checkpoint_hash)) {
+    return checkpoint_of(said.n);
+  }
+  return differs(said.n, said.hash) ? std::optional(said.n) : std::nullopt;
+}
+
+}  // namespace
+
+void store_change_identity(const std::string &path, const std::string &from, const std::string &to)
+{
+  database in(path, database::mode::read_write);
+  schema_check_version(in);
+  store_meta meta = meta_read(in);
+  if (meta.identity == to) {
+    return;
+  }
+  if (meta.identity != from) {
+    throw store_failure(path + " is of another cluster: " + meta.identity);
+  }
+  meta.identity = to;
+  transaction writing(in);
+  meta_write(in, meta);
+  writing.commit();
+}
+
+std::string reform_obstacle(uint32_t node_count, const told_position &own, const std::vector<reform_voice> &voices,
+                            const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash)
+{
+  uint32_t heard = 1;
+  std::string ahead, unknown;
+  for (const reform_voice &one : voices) {
+    if (one.decision != 0) {
+      if (one.is_live) {
+        return node_name(one) + " has begun the new generation: its state comes";
+      }
+      continue;
+    }
+    if (!one.said.complete || one.stands != standing::reformed) {
+      continue;
+    }
+    ++heard;
+    if (const auto fork = fork_of(own, one.said, own_hash)) {
+      return node_name(one) + " has another history, seen at payload " + std::to_string(*fork) +
+             ": neither may begin the new generation; decide whose store is right and put the other one aside";
+    }
+    if (one.said.n > own.n) {
+      ahead = node_name(one) + " has applied more, " + std::to_string(one.said.n) + " payloads, and goes first";
+    } else if (one.said.n < own.n && !own_hash(one.said.n)) {
+      unknown = node_name(one) + " cannot be compared: its last payload, " + std::to_string(one.said.n) +
+                ", is not kept here; put its store aside";
+    }
+  }
+  if (heard <= node_count / 2) {
+    return "it has heard " + std::to_string(heard - 1) +
+           " other nodes of the new generation, and a majority has to "
+           "compare its stores";
+  }
+  return ahead.empty() ? unknown : ahead;
+}
+
+}  // namespace kesh

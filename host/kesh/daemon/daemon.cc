@@ -1,0 +1,189 @@
+#include "daemon/daemon.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "control/server.h"
+#include "daemon/operations.h"
+#include "daemon/service.h"
+#include "exit_codes.h"
+#include "items/item_text.h"
+#include "known_keys.h"
+#include "platform.h"
+#include "vx_cons.h"
+#include "vx_host.h"
+
+namespace kesh
+{
+
+using platform::log_level;
+using platform::log_line;
+
+namespace
+{
+
+// The library does not report that it left the cluster by itself. The log says so within this time.
+constexpr int ISOLATION_CHECK_MS = 500;
+
+/// Blocks the daemon's signals in all threads. They are read from the descriptor that this returns.
+platform::unique_fd open_signals()
+{
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaddset(&signals, number);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return platform::unique_fd(signalfd(-1, &signals, SFD_CLOEXEC));
+}
+
+/// Reports the failure to the log, and also to stderr for an operator who starts the daemon by hand.
+int fail(int code, const std::string &error)
+{
+  log_line(log_level::error, "kesh: " + error);
+  if (!platform::config_text("log.file", "").empty()) {
+    fprintf(stderr, "kesh: %s\n", error.c_str());
+  }
+  return code;
+}
+
+void handle_signal(int signal_fd, service &host)
+{
+  signalfd_siginfo info;
+  if (read(signal_fd, &info, sizeof info) != sizeof info) {
+    return;
+  }
+  if (info.ssi_signo != SIGHUP) {
+    log_line(log_level::info, std::string("kesh: ") + strsignal(static_cast<int>(info.ssi_signo)) + ", stopping");
+    host.request_stop();
+    return;
+  }
+  std::string error;
+  if (platform::log_open(error)) {
+    log_line(log_level::info, "kesh: log opened again");
+  } else {
+    log_line(log_level::error, "kesh: " + error);
+  }
+}
+
+void main_loop(service &host, int signal_fd)
+{
+  pollfd waited[] = {{signal_fd, POLLIN, 0}, {host.wake_fd(), POLLIN, 0}};
+  while (!host.stop_requested()) {
+    if (poll(waited, 2, ISOLATION_CHECK_MS) < 0) {
+      continue;
+    }
+    if (waited[0].revents != 0) {
+      handle_signal(signal_fd, host);
+    }
+    if (waited[1].revents != 0) {
+      uint64_t count;
+      [[maybe_unused]] const ssize_t got = read(host.wake_fd(), &count, sizeof count);
+    }
+    host.watch();
+  }
+}
+
+/// Runs the library while messaging is up.
+int run_library(service &host, int signal_fd, control_server &control)
+{
+  if (!host.open_library()) {
+    return fail(EXIT_RUNTIME, "the library does not come up: the log's last lines say why");
+  }
+  std::string error;
+  int code = EXIT_OK;
+  if (!control.start(error)) {
+    code = fail(EXIT_CONFIG, error);
+  } else if (vx_cons_cluster_enabled() == 0) {
+    log_line(log_level::warning, "kesh: no cluster is configured; waiting for kesh stop and kesh configure");
+  } else if (!host.configured.start) {
+    log_line(log_level::info, "kesh: kesh.start is no; waiting for kesh start");
+  } else if ((code = host.start(error)) != EXIT_OK) {
+    fail(code, error);
+  }
+  if (code == EXIT_OK) {
+    main_loop(host, signal_fd);
+  }
+  host.shut_down();
+  control.stop();
+  host.close_library();
+  return code;
+}
+
+/// Runs all that hears other nodes.
+int run_cluster(service &host, int signal_fd)
+{
+  control_settings where;
+  where.socket_path = host.configured.socket_path;
+  where.submit_fields = {{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}};
+  control_server control(std::move(where), daemon_operations(host), *host.submissions);
+  std::string error;
+  const bool enabled = vx_cons_cluster_enabled() != 0;
+  if (enabled && !platform::messaging_start(error)) {
+    return fail(EXIT_CONFIG, error);
+  }
+  host.link->start();
+  const int code = run_library(host, signal_fd, control);
+  host.link->stop();
+  if (enabled) {
+    platform::messaging_stop();
+  }
+  return code;
+}
+
+int run_service(const settings &configured, int signal_fd)
+{
+  service host(configured);
+  std::string error;
+  if (!host.events.open(configured.trace.path, host.life, error)) {
+    return fail(EXIT_CONFIG, error);
+  }
+  int code = host.open_store(error);
+  if (code != EXIT_OK) {
+    return fail(code, error);
+  }
+  code = run_cluster(host, signal_fd);
+  host.close_store();
+  log_line(log_level::info, "kesh: stopped");
+  return code;
+}
+
+}  // namespace
+
+int daemon_run(const std::string &config_path, bool log_to_stderr)
+{
+  std::string error;
+  settings configured;
+  const platform::unique_fd signals = open_signals();
+  if (!signals) {
+    return fail(EXIT_RUNTIME, std::string("signalfd: ") + strerror(errno));
+  }
+  if (!platform::config_load(config_path, error)) {
+    return fail(EXIT_CONFIG, error);
+  }
+  if (log_to_stderr) {
+    vx_cfg_set(nullptr, "log.file");
+  }
+  if (!platform::log_open(error) || !settings_read(configured, error)) {
+    return fail(EXIT_CONFIG, error);
+  }
+  log_line(log_level::info, "kesh: starting, build " + std::to_string(vx_firmware_dova_build_nr) + ", process " +
+                                std::to_string(getpid()));
+  warn_of_unknown_keys(config_path);
+  try {
+    return run_service(configured, signals.get());
+  } catch (const std::exception &failure) {
+    return fail(EXIT_RUNTIME, failure.what());
+  }
+}
+
+}  // namespace kesh

@@ -1,0 +1,243 @@
+#include "daemon/hooks.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <string>
+#include <thread>
+
+#include "daemon/node_files.h"
+#include "daemon/pattern_state.h"
+#include "daemon/service.h"
+#include "exit_codes.h"
+#include "items/item_text.h"
+#include "platform.h"
+#include "store/library_records.h"
+#include "vx_cons.h"
+
+namespace kesh
+{
+
+namespace
+{
+
+constexpr uint32_t TYPES = 4;  // a full state is one hook call for each
+
+// Hooks have no argument for the host, hence this pointer. Written only while no hook is registered, so none runs.
+service *hooked = nullptr;
+
+std::string_view as_bytes(const uint8_t *data, uint32_t length)
+{
+  return {reinterpret_cast<const char *>(data), length};
+}
+
+void mark(const char *point)
+{
+  if (hooked->configured.trace.marks) {
+    platform::messaging_mark(point);
+  }
+}
+
+/// Test aid: makes a hook slow. 0 also ends a pause that has begun.
+void take_time(const std::atomic<uint32_t> &wait_ms)
+{
+  using std::chrono::milliseconds;
+  const auto entered = std::chrono::steady_clock::now();
+  for (;;) {
+    const auto left = entered + milliseconds(wait_ms) - std::chrono::steady_clock::now();
+    if (left <= left.zero()) {
+      return;
+    }
+    std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(left, milliseconds(50)));
+  }
+}
+
+/// If a hook returned, the library would take the payload as delivered here, or the state as made. So the process ends,
+/// and the library delivers again when it starts.
+[[noreturn]] void end_process(const std::string &why) noexcept
+{
+  try {
+    platform::log_line(platform::log_level::error, "kesh ends: " + why);
+  } catch (const std::exception &) {
+    // No memory for the line either.
+  }
+  _exit(EXIT_STORE);
+}
+
+template <typename... words>
+void note_with_journal(std::string_view event, const words &...rest)
+{
+  if (hooked->events.on()) {
+    const journal_end now = hooked->lines.end();
+    hooked->events.note(event, rest..., now.lines, now.key);
+  }
+}
+
+/// What the library has delivered before: it saves that after the hook's return.
+library_entry delivered_before()
+{
+  const auto last = last_delivery_read();
+  return last ? library_entry{.sender = last->sender, .msg_id = last->msg_id} : library_entry{};
+}
+
+/// `before`: the journal's end before this payload.
+void note_items(const payload &from, const applied &result, journal_end before, uint64_t entered_ns)
+{
+  for (size_t i = 0; i < from.items.size(); i++) {
+    const item &one = from.items[i];
+    const char *what = "doubled";
+    if (!result.is_redelivered && result.items[i].is_repeat) {
+      what = "repeated";
+    } else if (!result.is_redelivered && one.kind != item_kind::line) {
+      what = "no-op";
+    } else if (!result.is_redelivered) {
+      what = "applied";
+      before = {.lines = result.items[i].line, .key = line_key(result.hash, i)};
+    }
+    hooked->events.note("deliver", entered_ns, tag_text(from.origin, from.life, one.sequence), one.attempt, what,
+                        before.lines, before.key);
+  }
+}
+
+void deliver_payload(std::string_view bytes, uint32_t type, uint64_t entered_ns)
+{
+  payload decoded;
+  std::string fault = "payloads have type " + std::to_string(DATA_TYPE);
+  if (type != DATA_TYPE || !payload_decode(bytes, decoded, fault)) {
+    hooked->events.note("damaged", entered_ns, type, bytes.size());
+    end_process("a payload of " + std::to_string(bytes.size()) + " bytes, type " + std::to_string(type) +
+                ", cannot be read: " + fault + "; the other nodes may understand it, so it is not passed over");
+  }
+  const bool is_traced = hooked->events.on();
+  const journal_end before = is_traced ? hooked->lines.end() : journal_end{};
+  const applied result = hooked->lines.apply(bytes, decoded, delivered_before());
+  if (is_traced) {
+    note_items(decoded, result, before, entered_ns);
+  }
+  std::vector<applied_item> items;
+  items.reserve(result.items.size());
+  for (const item_outcome &one : result.items) {
+    items.push_back({one.sequence, one.line});
+  }
+  hooked->submissions->applied(decoded.origin, decoded.life, items);
+}
+
+void adopt_state()
+{
+  const adoption done = hooked->lines.commit_adopt(delivered_before(), library_log_start(CONS_DIRECTORY));
+  constexpr const char *KINDS[] = {"kept", "extended", "replaced"};
+  std::atomic<uint64_t> *const counters[] = {&hooked->states.kept, &hooked->states.extended, &hooked->states.replaced};
+  const auto kind = static_cast<size_t>(done.kind);
+  (*counters[kind])++;
+  hooked->events.note("adopted", KINDS[kind], done.state_n);
+  if (!done.aside.empty()) {
+    hooked->states.put_aside++;
+    platform::log_line(platform::log_level::error,
+                       "store: the cluster's state at payload " + std::to_string(done.state_n) +
+                           " does not continue what this node had; that is kept as " + done.aside);
+  } else if (done.kind != adoption_kind::kept) {
+    platform::log_line(platform::log_level::info,
+                       "store: brought to payload " + std::to_string(done.state_n) + " by a state of the cluster");
+  }
+  hooked->link->changed();
+}
+
+/// Nothing of a full state is visible before its last hook call.
+void deliver_state(std::string_view bytes, uint32_t type, uint64_t entered_ns)
+{
+  if (type == DATA_TYPE) {
+    hooked->lines.begin_adopt(bytes);
+  } else if (!pattern_state_matches(type, bytes)) {
+    hooked->events.note("damaged", entered_ns, type, bytes.size());
+    platform::log_line(platform::log_level::error, "a state of type " + std::to_string(type) + " and " +
+                                                       std::to_string(bytes.size()) + " bytes arrived damaged");
+  }
+  if (type + 1 < TYPES) {
+    note_with_journal("adopt", entered_ns, type, bytes.size());
+    return;
+  }
+  const bool is_traced = hooked->events.on();
+  adopt_state();
+  if (is_traced) {
+    note_with_journal("adopt", entered_ns, type, bytes.size());
+  }
+}
+
+template <uint32_t type>
+void deliver_hook(const uint8_t *data, uint32_t length, uint32_t full_state)
+{
+  try {
+    const uint64_t entered_ns = trace::now_ns();
+    mark("deliver-enter");
+    if (type == DATA_TYPE) {
+      take_time(hooked->delays.deliver_ms);
+    }
+    if (full_state != 0) {
+      deliver_state(as_bytes(data, length), type, entered_ns);
+    } else {
+      deliver_payload(as_bytes(data, length), type, entered_ns);
+    }
+    mark("deliver-leave");
+  } catch (const std::exception &failure) {
+    end_process(failure.what());
+  }
+}
+
+bool make_state(uint32_t type, uint8_t **state, uint32_t *length)
+{
+  if (type == DATA_TYPE) {
+    take_time(hooked->delays.state_ms);
+    hooked->lines.encode_state(state, length);
+    return true;
+  }
+  *length = hooked->configured.trace.state_bytes[type];
+  *state = *length == 0 ? nullptr : pattern_state_make(type, *length);
+  return *state != nullptr;
+}
+
+/// Only the patterns of the test aid may be "no state": any other answer would replace the journal of every node.
+template <uint32_t type>
+int get_state_hook(uint8_t **state, uint32_t *length)
+{
+  try {
+    const bool made = make_state(type, state, length);
+    note_with_journal("get-state", type, made ? *length : 0);
+    mark("state-leave");
+    return made ? 0 : -1;
+  } catch (const std::exception &failure) {
+    end_process(std::string("no state can be made: ") + failure.what());
+  }
+}
+
+void clmsg_hook(const uint8_t *data, uint32_t length, uint32_t)
+{
+  try {
+    uint8_t node = 0;
+    std::string_view text;
+    if (!say_message_decode(as_bytes(data, length), node, text)) {
+      return;
+    }
+    hooked->messages.add(node, text);
+    std::string line = "node " + std::to_string(node) + " says: ";
+    text_escape(line, text);
+    platform::log_line(platform::log_level::info, line);
+  } catch (const std::exception &) {
+    // A cluster message may get lost anyway.
+  }
+}
+
+}  // namespace
+
+void hooks_register(service &host)
+{
+  hooked = &host;
+  vx_cons_register_data_hooks(0, get_state_hook<0>, deliver_hook<0>);
+  vx_cons_register_data_hooks(1, get_state_hook<1>, deliver_hook<1>);
+  vx_cons_register_data_hooks(2, get_state_hook<2>, deliver_hook<2>);
+  vx_cons_register_data_hooks(3, get_state_hook<3>, deliver_hook<3>);
+  vx_cons_register_clmsg_hook(0, clmsg_hook);
+}
+
+}  // namespace kesh

@@ -1,0 +1,168 @@
+#include "daemon/status.h"
+
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/node_files.h"
+#include "items/item_text.h"
+#include "platform.h"
+#include "vx_cons.h"
+#include "vx_host.h"
+
+namespace kesh
+{
+
+using nlohmann::json;
+
+namespace
+{
+
+json journal_fields(service &host)
+{
+  const store_position now = host.lines.position();
+  const journal_end end = host.lines.end();
+  const state_counters &states = host.states;
+  return {{"store", host.configured.store_path},
+          {"lines", end.lines},
+          {"hash", end.key},
+          {"first_line", now.first_line},
+          {"n", now.n},
+          {"chain", hash_text(now.hash)},
+          {"bytes", now.bytes},
+          {"incomplete", now.incomplete},
+          {"states",
+           {{"kept", states.kept.load()}, {"extended", states.extended.load()}, {"replaced", states.replaced.load()}}},
+          {"put_aside", states.put_aside.load()},
+          {"rejoined", states.rejoined.load()}};
+}
+
+json message_fields()
+{
+  const platform::messaging_statistics counted = platform::messaging_read_statistics();
+  json dropped = json::object();
+  for (size_t i = 0; i < counted.dropped.size(); i++) {
+    dropped[platform::drop_reason_name(static_cast<platform::drop_reason>(i))] = counted.dropped[i];
+  }
+  return {{"sent", counted.sent}, {"received", counted.received}, {"queued", counted.queued}, {"dropped", dropped}};
+}
+
+std::string yes_no(const json &value)
+{
+  return value.get<bool>() ? "yes" : "no";
+}
+
+std::string number_text(const json &value)
+{
+  return std::to_string(value.get<uint64_t>());
+}
+
+std::string decision_text(const json &decision)
+{
+  return decision.is_null()
+             ? "none on disk"
+             : number_text(decision.at("number")) + " (" + number_text(decision.at("entries")) + " entries in the log)";
+}
+
+std::string delivery_text(const json &delivery)
+{
+  return delivery.is_null()
+             ? "none on disk"
+             : "message " + number_text(delivery.at("msg_id")) + " of node " + number_text(delivery.at("sender"));
+}
+
+std::string journal_text(const json &lines)
+{
+  std::string text = number_text(lines.at("lines")) + " lines, hash " + lines.at("hash").get<std::string>();
+  if (lines.at("first_line") != 1) {
+    text += ", from line " + number_text(lines.at("first_line"));
+  }
+  if (const std::string why = lines.at("incomplete"); !why.empty()) {
+    text += ", INCOMPLETE until the next full state: " + why;
+  }
+  return text;
+}
+
+std::string dropped_text(const json &dropped)
+{
+  std::string text;
+  for (const auto &[reason, count] : dropped.items()) {
+    text += (text.empty() ? "" : ", ") + reason + " " + number_text(count);
+  }
+  return text;
+}
+
+}  // namespace
+
+json status_collect(service &host)
+{
+  const bool active = vx_cons_cluster_active() != 0;
+  const auto up = std::chrono::steady_clock::now() - host.started_at;
+  const submit_counts sent = host.submissions->counts();
+  json status = {{"active", active},
+                 {"enabled", vx_cons_cluster_enabled() != 0},
+                 {"leader", active && node_state_read() == "MASTER"},
+                 {"node_id", host.configured.node_id},
+                 {"node_count", host.configured.node_count},
+                 {"build", vx_firmware_dova_build_nr},
+                 {"pid", getpid()},
+                 {"life", hex_text(host.life, 16)},
+                 {"uptime_s", std::chrono::duration_cast<std::chrono::seconds>(up).count()},
+                 {"decision", nullptr},
+                 {"delivery", nullptr},
+                 {"journal", journal_fields(host)},
+                 {"submissions",
+                  {{"open", sent.open},
+                   {"acknowledged", sent.applied},
+                   {"not_submitted", sent.not_submitted},
+                   {"unknown", sent.unknown},
+                   {"again", sent.again},
+                   {"payloads", sent.payloads}}},
+                 {"eligible", host.link->eligible().yes},
+                 {"cluster", host.link->status_json()},
+                 {"messages", message_fields()},
+                 {"heard", host.messages.count()}};
+  if (const auto decision = last_decision_read()) {
+    status["decision"] = {{"number", decision->number}, {"entries", decision->entries}};
+  }
+  if (const auto delivery = last_delivery_read()) {
+    status["delivery"] = {{"sender", delivery->sender}, {"msg_id", delivery->msg_id}};
+  }
+  return status;
+}
+
+std::string status_text(const json &status)
+{
+  const json &lines = status.at("journal");
+  const json &sent = status.at("submissions");
+  const json &messages = status.at("messages");
+  std::string text;
+  const auto row = [&text](std::string name, const std::string &value) {
+    name.resize(15, ' ');
+    text += name + value + '\n';
+  };
+  row("active", yes_no(status.at("active")) + (status.at("enabled").get<bool>() ? "" : " (no cluster configured)"));
+  row("leader", yes_no(status.at("leader")));
+  row("node", number_text(status.at("node_id")) + " of " + number_text(status.at("node_count")));
+  row("last decision", decision_text(status.at("decision")));
+  row("last delivery", delivery_text(status.at("delivery")));
+  row("journal", journal_text(lines));
+  const json &states = lines.at("states");
+  row("", "payload " + number_text(lines.at("n")) + ", H " + lines.at("chain").get<std::string>());
+  row("states", number_text(states.at("kept")) + " kept, " + number_text(states.at("extended")) + " extended, " +
+                    number_text(states.at("replaced")) + " replaced the store; " + number_text(lines.at("put_aside")) +
+                    " stores put aside, rejoined " + number_text(lines.at("rejoined")) + " times");
+  row("submissions", number_text(sent.at("open")) + " open, " + number_text(sent.at("acknowledged")) +
+                         " acknowledged, " + number_text(sent.at("not_submitted")) + " not submitted, " +
+                         number_text(sent.at("unknown")) + " unknown; " + number_text(sent.at("payloads")) +
+                         " payloads, " + number_text(sent.at("again")) + " attempts repeated");
+  row("messages", number_text(messages.at("sent")) + " sent, " + number_text(messages.at("received")) + " received, " +
+                      number_text(messages.at("queued")) + " being repeated");
+  row("dropped", dropped_text(messages.at("dropped")));
+  row("heard", number_text(status.at("heard")) + " cluster messages");
+  row("up", number_text(status.at("uptime_s")) + " s, process " + number_text(status.at("pid")) + ", build " +
+                number_text(status.at("build")));
+  return text;
+}
+
+}  // namespace kesh
