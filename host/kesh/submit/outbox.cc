@@ -170,12 +170,17 @@ void outbox::erase_if_gone(client &one)
   }
 }
 
+bool outbox::has_worth_beside(const batch &first) const
+{
+  return first.not_applied == 0 || bytes_ - first.bytes >= limits_.payload_bytes;
+}
+
 bool outbox::has_room() const
 {
-  const bool newest_only = std::all_of(slots_.begin(), slots_.end(), [this](const batch &one) {
-    return !one.is_under_way || one.ordinal == last_ordinal_;
+  const bool has_slot = std::all_of(slots_.begin(), slots_.end(), [this](const batch &one) {
+    return !one.is_under_way || (one.ordinal == last_ordinal_ && has_worth_beside(one));
   });
-  return newest_only && !is_repeating_;
+  return has_slot && !is_repeating_;
 }
 
 outbox::readiness outbox::ready() const
@@ -289,7 +294,10 @@ outbox::taken outbox::send(size_t slot)
   counts_.payloads++;
   taken result{slot, {origin_, life_, {}}};
   result.content.items.reserve(out.items.size());
+  out.not_applied = out.items.size();
+  out.bytes = 0;
   for (const open_item &one : out.items) {
+    out.bytes += one.text.size();
     result.content.items.push_back({one.kind, one.sequence, one.attempts, one.text});
   }
   return result;
@@ -302,6 +310,9 @@ void outbox::applied(uint64_t sequence, uint64_t line, time_point now)
                                         [](const open_item &one, uint64_t wanted) { return one.sequence < wanted; });
     if (found == items->end() || found->sequence != sequence) {
       continue;
+    }
+    for (batch &one : slots_) {
+      one.not_applied -= items == &one.items && one.not_applied > 0 ? 1 : 0;
     }
     if (found->now == open_item::state::open) {
       client &owner = *found->owner;

@@ -2,6 +2,8 @@
 ///
 /// - At most two payloads are under way. The second goes out only behind the newest, so that no payload that is still
 ///   open has more than one of this node behind it: those who drop repeated items remember two payloads of a node.
+///   It waits until it is full, or until all of the first is applied: payloads are ordered one after the other, so two
+///   halves take twice the time of one.
 /// - The items of a client are in at most one payload under way, in their order.
 /// - Clients take turns, TURN_SIZE bytes each, until a payload is full. An item beyond its size goes alone.
 /// - After a payload of several clients the next waits for as many, at most HOLD_TIME.
@@ -121,6 +123,8 @@ private:
     bool is_under_way = false;
     uint64_t ordinal = 0;
     std::vector<open_item> items;  // by sequence
+    size_t bytes = 0;              // of their texts
+    size_t not_applied = 0;
   };
 
   std::string refusal(const client &from, size_t size) const;
@@ -139,6 +143,7 @@ private:
   void drop_repeat_if_closed();
   bool needs_hold() const { return last_clients_ > 1 && ready_.size() < last_clients_; }
   bool has_room() const;
+  bool has_worth_beside(const batch &first) const;
   void fill(std::vector<open_item> &items);
   /// Takes the client's turn. False if the payload is full.
   bool take_turn(client &from, std::vector<open_item> &items, size_t &used);

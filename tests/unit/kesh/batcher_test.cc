@@ -111,6 +111,7 @@ protected:
     lines.applied(1, LIFE, {&one, 1});
   }
 
+  static constexpr size_t FULL = 1 << 20;  // what goes out beside another payload
   held_distribute distribute;
   result_log results;
   std::atomic<bool> is_active = true;
@@ -148,7 +149,7 @@ TEST_F(batcher_test, keeps_deadlines_while_distribute_blocks)
   const uint64_t a = client(50ms), b = client(50ms), c = client(50ms);
   push(a, 1);
   distribute.call(0);
-  push(b, 1);
+  push(b, 1, FULL);
   distribute.call(1);
   push(c, 1);
   EXPECT_EQ(results.of(c, 1).fate, item_fate::not_submitted);
@@ -170,12 +171,12 @@ TEST_F(batcher_test, wakes_the_other_sender)
   const uint64_t a = client(), b = client(), c = client(), d = client();
   push(a, 1);
   distribute.call(0);
-  push(b, 1);
+  push(b, 1, FULL);
   distribute.call(1);
   distribute.release(1, 0);
   results.of(b, 1);
-  push(c, 1, 1 << 20);
-  push(d, 1, 1 << 20);
+  push(c, 1, FULL);
+  push(d, 1, FULL);
   distribute.release(0, 0);
   distribute.call(3);
 }
@@ -204,7 +205,7 @@ TEST_F(batcher_test, stops_while_distribute_blocks)
   const uint64_t a = client(), b = client(), c = client();
   push(a, 1);
   distribute.call(0);
-  push(b, 1);
+  push(b, 1, FULL);
   const uint64_t sequence = distribute.call(1).at(0).first;
   push(c, 1);
   lines.stop();

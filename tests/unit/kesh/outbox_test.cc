@@ -131,31 +131,31 @@ TEST(outbox, decides_what_goes_out)
   const kesh::submit_limits small{.payload_bytes = 1000, .payload_items = 5};
   // clang-format off
   const char *const scripts[][2] = {
-    {"a client's newer items wait for its payload, another's do not",
-     "push A 2; take = 0: A1 A2; push A 1; take = nothing; push B 1; take = 1: B1; push C 1; take = nothing; "
+    {"a client's newer items wait for its payload, another's until they fill one",
+     "push A 2; take = 0: A1 A2; push A 1; push B 1; take = nothing; push B 1 1000; take = 1: B1; push C 1; take = nothing; "
      "applied A1 = A1 applied; take = nothing; applied A2 = A2 applied; ok 0; take = 0: C1 A3"},
     {"a client goes on once its items are applied, before the call returns",
      "push A 1; take = 0: A1; push A 1; applied A1 = A1 applied; take = 1: A2"},
     {"no third payload beside one older than the newest",
-     "push A 1; take = 0: A1; push B 1; take = 1: B1; ok 1 = B1 unknown; push C 1; take = nothing; "
+     "push A 1; take = 0: A1; push B 1 1000; take = 1: B1; ok 1 = B1 unknown; push C 1 1000; take = nothing; "
      "ok 0 = A1 unknown; take = 0: C1"},
     {"after several clients the next payload waits for as many, or for the time",
      "push A 1; push B 1; take = 0: A1 B1; ok 0 = A1 unknown, B1 unknown; push A 1; take = wait 300; "
      "pass 100; take = wait 200; push B 1; take = 0: A2 B2; ok 0 = A2 unknown, B2 unknown; push A 1; "
      "take = wait 300; pass 300; take = 0: A3; ok 0 = A3 unknown; push A 1; take = 0: A4"},
     {"a payload is filled by turns of clients, and the rest comes next",
-     "push A 9; push B 1; take = 0: A1 A2 A3 A4 A5; push C 1; take = 1: B1 C1; "
+     "push A 9 100; push B 1; take = 0: A1 A2 A3 A4 A5; push C 1 600; take = 1: B1 C1; "
      "ok 0 = A1 unknown, A2 unknown, A3 unknown, A4 unknown, A5 unknown; ok 1 = B1 unknown, C1 unknown; "
      "push B 1; take = 0: A6 A7 A8 A9 B2"},
     {"a large item goes alone, and none overtakes it for being small",
      "push A 1; push B 1 5000; push C 1; take = 0: A1; take = 1: B1"},
     {"both payloads fail: one payload repeats them, alone, before anything new",
-     "push A 2; take = 0: A1 A2; push B 1; take = 1: B1; push C 1; fail 1; take = nothing; "
+     "push A 2; take = 0: A1 A2; push B 1 1000; take = 1: B1; push C 1; fail 1; take = nothing; "
      "applied A1 = A1 applied; fail 0; take = wait 20000; pass 20000; take = 0: A2/2 B1/2; take = nothing; "
      "applied B1 = B1 applied; push B 1; take = nothing; fail 0; pass 20000; take = 0: A2/3; "
      "applied A2 = A2 applied; ok 0; take = 0: C1 B2"},
     {"one fails, the other does not: only the failed one is repeated",
-     "push A 1; take = 0: A1; push B 1; take = 1: B1; fail 0; pass 20000; take = nothing; applied B1 = B1 applied; "
+     "push A 1; take = 0: A1; push B 1 1000; take = 1: B1; fail 0; pass 20000; take = nothing; applied B1 = B1 applied; "
      "take = nothing; ok 1; take = 0: A1/2"},
     {"what failed is applied after all before its repeat",
      "push A 1; take = 0: A1; push B 1; fail 0; applied A1 = A1 applied; take = 0: B1; ok 0 = B1 unknown"},
@@ -177,7 +177,7 @@ TEST(outbox, decides_what_goes_out)
      "push A 1; take = 0: A1; push A 1; push B 1; leave A; leave B; take = nothing; fail 0; pass 20000; "
      "take = 0: A1/2; applied A1; ok 0; take = nothing"},
     {"stop: what waits ends at once, what failed too, what is under way with its call",
-     "push A 2; take = 0: A1 A2; push B 1; take = 1: B1; push C 1; fail 1; stop = C1 refused, B1 unknown; "
+     "push A 2; take = 0: A1 A2; push B 1 1000; take = 1: B1; push C 1; fail 1; stop = C1 refused, B1 unknown; "
      "push C 1 = 0 taken, the daemon is stopping; take = nothing; applied A1 = A1 applied; "
      "fail 0 = A2 unknown; take = nothing; push D 1 = the daemon is stopping"},
   };
