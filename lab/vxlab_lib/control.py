@@ -18,15 +18,16 @@ class NodeUnreachable(LabError):
 
 @contextmanager
 def connect(directory, what, request, timeout_s=ANSWER_TIMEOUT_S):
-    """Sends the request to the socket kesh.sock in `directory`; returns (answer, stream, socket). `what` names the node
-    in errors. Raises NodeUnreachable, or LabError if the node refuses."""
+    """Sends the request (text goes as it is) to the socket kesh.sock in `directory`; returns (answer, stream, socket).
+    `what` names the node in errors. Raises NodeUnreachable, or LabError if the node refuses."""
     fd = -1
     try:
         path, fd = short_path(directory, "kesh.sock")
         with socket.socket(socket.AF_UNIX) as sock:
             sock.settimeout(timeout_s)
             sock.connect(path)
-            sock.sendall(json.dumps(request).encode() + b"\n")
+            text = request if isinstance(request, str) else json.dumps(request)
+            sock.sendall(text.encode() + b"\n")
             with sock.makefile("rb") as stream:
                 reply = stream.readline()
                 if not reply:

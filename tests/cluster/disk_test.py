@@ -19,10 +19,6 @@ class Disk(Scenario):
         wait_until(lambda: not self.cluster.status(node)["active"], 20.0, f"node {node} isolates itself")
         self.assertIn("Isolating from cluster ...", self.log_of(node))
 
-    def log_of(self, node):
-        with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
-            return log.read()
-
     def test_each_save_that_fails_isolates_its_node_only(self):
         for node, name in ((3, "paxos_decide"), (3, "paxos_deliver"), (2, "msg_id")):
             with self.subTest(name):

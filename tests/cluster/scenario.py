@@ -46,6 +46,10 @@ class Scenario(unittest.TestCase):
             with open(node.log_path, encoding="utf-8", errors="replace") as log:
                 sys.stderr.writelines(log.readlines()[-LOG_LINES_SHOWN:])
 
+    def log_of(self, node):
+        with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
+            return log.read()
+
     def submit(self, node, count, window=4, timeout_s=60):
         name = f"node {node}, part {len(self.submissions)}, line"
         self.submissions.append(self.cluster.submit(node, lines(name, count), window, timeout_s))

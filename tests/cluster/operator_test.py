@@ -1,0 +1,105 @@
+"""What operators, scripts and impatient clients do to a daemon: nothing acknowledged goes, and it always answers."""
+
+import os
+import shutil
+import subprocess
+import time
+import unittest
+
+from scenario import Scenario, wait_until
+
+from vxlab_lib import control
+from vxlab_lib.errors import LabError
+
+REFUSED, UNKNOWN, BAD_CONFIG = 5, 6, 3
+
+
+class Operator(Scenario):
+    def path_of(self, node, name):
+        return self.cluster.node(node).path("flashdisk", name)
+
+    def test_the_master_starts_without_its_store(self):
+        """It must not hand its emptiness to the others with the next log, not even after a restart of all."""
+        self.submit(1, 350, window=1).wait()
+        self.cluster.kill(1)
+        os.rename(self.path_of(1, "kesh.store"), self.path_of(1, "elsewhere"))
+        self.cluster.start(1)
+        for node in (1, 2, 3):
+            self.cluster.kill(node)
+        self.cluster.start_all(master=1)
+        wait_until(lambda: "this node may not lead" in self.log_of(1), 20.0, "node 1 must not lead")
+        self.cluster.set_master(2)
+        self.submit(2, 300, window=1).wait()
+        self.cluster.set_master(1)
+        self.submit(3, 300, window=1).wait()
+        self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+
+    def kesh_submit(self, node, text, timeout_s):
+        """Returns (exit code, seconds) of a submission of this text."""
+        one = self.cluster.node(node)
+        began = time.monotonic()
+        done = subprocess.run(one.kesh("submit", "--timeout", str(timeout_s)), cwd=one.dir, input=text,
+                              capture_output=True, check=False, timeout=60)
+        return done.returncode, time.monotonic() - began
+
+    def test_without_a_quorum_it_keeps_deadlines_and_answers(self):
+        self.submit(1, 20).wait()
+        for node in (2, 3):
+            self.cluster.kill(node)
+        code, seconds = self.kesh_submit(1, b"in doubt\n", 2)
+        self.assertEqual(code, UNKNOWN)
+        self.assertLess(seconds, 4)
+        one = self.cluster.node(1)
+        abandoned = [subprocess.Popen(one.kesh("submit"), cwd=one.dir, stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+                     for _ in range(130)]
+        for client in abandoned:
+            client.stdin.write(b"abandoned\n")
+            client.stdin.flush()
+        wait_until(lambda: self.cluster.status(1)["submissions"]["open"] >= 130, 20.0, "130 lines are open")
+        for client in abandoned:
+            client.kill()
+            client.communicate()
+        for arguments in (["status"], ["health"]):
+            subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=False, timeout=5)
+        code, seconds = self.kesh_submit(1, b"behind them\n", 1)
+        self.assertIn(code, (REFUSED, UNKNOWN))
+        self.assertLess(seconds, 3)
+        began = time.monotonic()
+        self.assertEqual(self.cluster.stop(1), 0)
+        self.assertLess(time.monotonic() - began, 10)
+        self.cluster.start_all(master=1)
+        self.submit(1, 20).wait()
+        self.check_all()
+
+    def test_requests_and_files_that_cannot_be_right(self):
+        one = self.cluster.node(1)
+        for field in ("-1", "1e300", "NaN", "null", '"7"', "1.5"):
+            for request in ('{"op": "journal", "since": %s}', '{"op": "submit", "window": %s}',
+                            '{"op": "submit", "timeout_s": %s, "window": 1}'):
+                if "timeout_s" in request and field == "1.5":
+                    continue
+                with self.assertRaises(LabError, msg=request % field):
+                    with control.connect(one.path("run"), "node 1", request % field):
+                        pass
+        self.cluster.stop(1)
+        os.mkfifo(one.path("fifo"))
+        with open(one.path("empty"), "wb"):
+            pass
+        for name in ("fifo", "empty", "run", "absent"):
+            done = subprocess.run(one.view(one.kesh("run")[0], "run", "--config", one.path(name)), cwd=one.dir,
+                                  capture_output=True, text=True, check=False, timeout=10)
+            self.assertEqual(done.returncode, BAD_CONFIG, name)
+            self.assertIn(name, done.stderr)
+        with open(one.path("run", "kesh.sock"), "wb") as file:
+            file.write(b"somebody's")
+        self.assertEqual((one.spawn(), one.await_end())[1], BAD_CONFIG)
+        with open(one.path("run", "kesh.sock"), "rb") as file:
+            self.assertEqual(file.read(), b"somebody's")
+        os.remove(one.path("run", "kesh.sock"))
+        self.cluster.start(1)
+        self.submit(1, 20).wait()
+        self.check_all()
+
+
+if __name__ == "__main__":
+    unittest.main()
