@@ -228,7 +228,7 @@ outbox::step outbox::take(time_point now, bool is_active)
 void outbox::fill(std::vector<open_item> &items)
 {
   size_t used = PAYLOAD_HEADER_SIZE;
-  last_clients_ = 0;
+  recent_clients_ = std::exchange(last_clients_, 0);
   // A client with more than its turn goes to the end, so that all have one turn before any has two.
   while (!ready_.empty() && take_turn(*ready_.front(), items, used)) {
     client *served = ready_.front();
@@ -259,7 +259,10 @@ bool outbox::take_turn(client &from, std::vector<open_item> &items, size_t &used
     }
     turn += size;
     used += size;
-    last_clients_ += from.under_way++ == 0 ? 1 : 0;
+    if (from.under_way++ == 0) {
+      last_clients_++;
+      recent_clients_ += std::exchange(from.payload, last_ordinal_ + 1) == last_ordinal_ ? 0 : 1;
+    }
     first.sequence = ++last_sequence_;
     first.attempts = 1;
     items.push_back(std::move(first));

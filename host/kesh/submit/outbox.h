@@ -6,7 +6,8 @@
 ///   halves take twice the time of one.
 /// - The items of a client are in at most one payload under way, in their order.
 /// - Clients take turns, TURN_SIZE bytes each, until a payload is full. An item beyond its size goes alone.
-/// - After a payload of several clients the next waits for as many, at most HOLD_TIME.
+/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. Were it
+///   only as many as the last one served, two halves of the clients would take turns for ever.
 /// - If a payload fails, what is open of it waits until nothing is under way, then goes out alone, in one payload, with
 ///   the next attempt. Nothing new goes out before that payload has ended well.
 /// - No item goes out once its deadline has passed.
@@ -115,6 +116,7 @@ private:
     size_t items = 0;      // without a result
     size_t bytes = 0;      // of those
     size_t under_way = 0;  // in a payload, and not applied
+    uint64_t payload = UINT64_MAX;  // ordinal of the last one that it had a turn in
     bool is_ready = false;
     bool is_gone = false;
     bool has_failed = false;
@@ -141,7 +143,7 @@ private:
   /// Returns how many were open and are so no more.
   size_t expire_sent(std::vector<open_item> &items, time_point now);
   void drop_repeat_if_closed();
-  bool needs_hold() const { return last_clients_ > 1 && ready_.size() < last_clients_; }
+  bool needs_hold() const { return recent_clients_ > 1 && ready_.size() < recent_clients_; }
   bool has_room() const;
   bool has_worth_beside(const batch &first) const;
   void fill(std::vector<open_item> &items);
@@ -164,7 +166,8 @@ private:
   bool is_repeating_ = false;  // the payload under way is a repeat
   uint64_t last_sequence_ = 0;
   uint64_t last_ordinal_ = 0;
-  size_t last_clients_ = 0;  // in the last payload
+  size_t last_clients_ = 0;    // in the last payload
+  size_t recent_clients_ = 0;  // in the last two
   time_point hold_until_ = NEVER;
   time_point next_deadline_ = NEVER;
   size_t bytes_ = 0;

@@ -138,15 +138,20 @@ TEST(outbox, decides_what_goes_out)
      "push A 1; take = 0: A1; push A 1; applied A1 = A1 applied; take = 1: A2"},
     {"no third payload beside one older than the newest",
      "push A 1; take = 0: A1; push B 1 1000; take = 1: B1; ok 1 = B1 unknown; push C 1 1000; take = nothing; "
-     "ok 0 = A1 unknown; take = 0: C1"},
+     "ok 0 = A1 unknown; take = wait 300; pass 300; take = 0: C1"},
     {"after several clients the next payload waits for as many, or for the time",
      "push A 1; push B 1; take = 0: A1 B1; ok 0 = A1 unknown, B1 unknown; push A 1; take = wait 300; "
      "pass 100; take = wait 200; push B 1; take = 0: A2 B2; ok 0 = A2 unknown, B2 unknown; push A 1; "
-     "take = wait 300; pass 300; take = 0: A3; ok 0 = A3 unknown; push A 1; take = 0: A4"},
+     "take = wait 300; pass 300; take = 0: A3; ok 0 = A3 unknown; push A 1; take = wait 300; pass 300; take = 0: A4; "
+     "ok 0 = A4 unknown; push A 1; take = 0: A5"},
+    {"two halves of the clients that took turns come together",
+     "push A 1; push B 1; take = 0: A1 B1; push C 1; push D 1; applied A1 = A1 applied; applied B1 = B1 applied; "
+     "take = 1: C1 D1; ok 0; push A 1; push B 1; applied C1 = C1 applied; applied D1 = D1 applied; take = wait 300; "
+     "push D 1; ok 1; push C 1; take = 0: A2 B2 D2 C2"},
     {"a payload is filled by turns of clients, and the rest comes next",
      "push A 9 100; push B 1; take = 0: A1 A2 A3 A4 A5; push C 1 600; take = 1: B1 C1; "
      "ok 0 = A1 unknown, A2 unknown, A3 unknown, A4 unknown, A5 unknown; ok 1 = B1 unknown, C1 unknown; "
-     "push B 1; take = 0: A6 A7 A8 A9 B2"},
+     "push B 1; take = wait 300; pass 300; take = 0: A6 A7 A8 A9 B2"},
     {"a large item goes alone, and none overtakes it for being small",
      "push A 1; push B 1 5000; push C 1; take = 0: A1; take = 1: B1"},
     {"both payloads fail: one payload repeats them, alone, before anything new",
