@@ -1,6 +1,8 @@
 """Many clients, each with one line under way: how many lines per second does kesh order, and how many puts does etcd,
-with as many members, on the same disk, in the same run? Both clusters are up all the time and are loaded in turn."""
+with as many members, on the same disk, in the same run? Both clusters are up all the time and are loaded in turn. The
+clients are at the leader, as those are that use a cluster's virtual address, or spread over all nodes."""
 
+import itertools
 import json
 import os
 import shutil
@@ -16,6 +18,7 @@ from .errors import LabError
 from .waiting import wait_until
 
 NODES = 3
+LEADER = 1
 CLIENTS = [1, 32, 256, 1000]
 LINE_BYTES = 100
 WARM_UP_S = 2
@@ -23,12 +26,14 @@ END_S = 30.0  # beyond its time, a load may take so long for its last answers
 ETCD_START_S = 30.0
 ETCD_STOP_S = 10.0
 SETTINGS = {"log.level": "warning"}
-COLUMNS = ["system", "clients", "per s", "p50 ms", "p99 ms", "p99/p50", "failed", "MiB of the largest process"]
+PLACES = ["leader", "all"]
+COLUMNS = ["system", "at", "clients", "per s", "p50 ms", "p99 ms", "p99/p50", "failed", "MiB of the largest process"]
 
 
 @dataclass
 class Cell:
     system: str
+    at: str  # one of PLACES
     clients: int
     per_s: float
     p50_us: int
@@ -37,7 +42,7 @@ class Cell:
     memory_kb: int  # resident, of the largest process, when the load had ended
 
     def row(self):
-        return [self.system, self.clients, f"{self.per_s:.0f}", f"{self.p50_us / 1000:.2f}",
+        return [self.system, self.at, self.clients, f"{self.per_s:.0f}", f"{self.p50_us / 1000:.2f}",
                 f"{self.p99_us / 1000:.2f}", f"{self.p99_us / max(1, self.p50_us):.1f}", self.failed,
                 f"{self.memory_kb / 1024:.0f}"]
 
@@ -73,10 +78,10 @@ class Kesh:
         return None if self.program else "vx-kesh-clients is not built"
 
     def start(self):
-        self._cluster.start_all(master=1)
+        self._cluster.start_all(master=LEADER)
 
-    def targets(self):
-        return [f"node{node_id}/run/kesh.sock" for node_id in self._cluster.nodes]
+    def targets(self, at):
+        return [f"node{node_id}/run/kesh.sock" for node_id in self._cluster.nodes if at == "all" or node_id == LEADER]
 
     def pids(self):
         return [node.pid() for node in self._cluster.nodes.values()]
@@ -124,8 +129,8 @@ class Etcd:
         wait_until(lambda: all(map(is_healthy, self._ports)), ETCD_START_S,
                    f"etcd is healthy (see {self._dir.file('etcd1.log')})", poll_s=0.2)
 
-    def targets(self):
-        return [f"127.0.0.1:{port}" for port in self._ports]
+    def targets(self, at):
+        return [f"127.0.0.1:{port}" for port in self._ports if at == "all" or leads(port)]
 
     def pids(self):
         return [member.pid for member in self._members]
@@ -157,6 +162,14 @@ def is_healthy(port):
         return False
 
 
+def leads(port):
+    """Returns whether the member of etcd at this port is its leader."""
+    asked = urllib.request.Request(f"http://127.0.0.1:{port}/v3/maintenance/status", data=b"{}")
+    with urllib.request.urlopen(asked, timeout=5.0) as answer:
+        told = json.load(answer)
+    return told["leader"] == told["header"]["member_id"]
+
+
 def measure(cluster, counts, seconds, progress):
     """Returns (cells, etcd's version, [what is missing])."""
     progress.say(f"{NODES} nodes of kesh come up, and {NODES} of etcd if it is installed")
@@ -171,13 +184,12 @@ def measure(cluster, counts, seconds, progress):
             running.callback(system.stop)
             system.start()
             systems.append(system)
-        for clients in counts:
-            for system in systems:
-                progress.update(f"{system.name}: {clients} clients")
-                run_clients(system.program, system.targets(), clients, WARM_UP_S, cluster.dir.path)
-                found = run_clients(system.program, system.targets(), clients, seconds, cluster.dir.path)
-                cells.append(Cell(system.name, clients, found["per_s"], found["p50_us"], found["p99_us"],
-                                  found["failed"], resident_kb(system.pids())))
+        for at, clients, system in itertools.product(PLACES, counts, systems):
+            progress.update(f"{system.name}: {clients} clients at {at}")
+            run_clients(system.program, system.targets(at), clients, WARM_UP_S, cluster.dir.path)
+            found = run_clients(system.program, system.targets(at), clients, seconds, cluster.dir.path)
+            cells.append(Cell(system.name, at, clients, found["per_s"], found["p50_us"], found["p99_us"],
+                              found["failed"], resident_kb(system.pids())))
     return cells, etcd.version, missing
 
 
@@ -186,11 +198,11 @@ def print_cells(cells, version, missing, stream):
     widths = [max(len(line[i]) for line in table) for i in range(len(COLUMNS))]
     for line in table:
         print("  ".join(text.rjust(width) for text, width in zip(line, widths)), file=stream)
-    rates = {(one.system, one.clients): one.per_s for one in cells}
-    for (system, clients), per_s in rates.items():
-        other = rates.get(("etcd", clients))
+    rates = {(one.system, one.at, one.clients): one.per_s for one in cells}
+    for (system, at, clients), per_s in rates.items():
+        other = rates.get(("etcd", at, clients))
         if system == "kesh" and other:
-            print(f"{clients} clients: kesh {per_s:.0f}/s, etcd {other:.0f}/s, ratio {per_s / other:.2f}", file=stream)
+            print(f"{clients} clients at {at}: kesh {per_s:.0f}/s, etcd {other:.0f}/s, ratio {per_s / other:.2f}", file=stream)
     print(f"lines and values of {LINE_BYTES} bytes; {NODES} nodes each, all on this machine and disk; "
           f"etcd {version or 'was not measured'}", file=stream)
     for what in missing:
