@@ -75,7 +75,7 @@ class Bench:
 
     def _one_cluster(self, plan, count, rows):
         self._progress.say(f"{count} nodes come up{', with durable payloads' if self._durable else ''}")
-        self._cluster.create(count, {**SETTINGS, **(DURABLE if self._durable else {})})
+        self._cluster.create(count, {**SETTINGS, **DURABLE[self._durable]})
         for node in self._cluster.nodes.values() if self._counts_disk else []:
             count_disk(node, find_library(self._cluster.programs.build_dir))
         try:

@@ -45,7 +45,7 @@ class RollOvers:
 
         def settings(node):
             states = {f"trace.state_bytes[{STATE_TYPE}]": state_bytes, "trace.file": node.path("trace")}
-            return {**self._settings, **(DURABLE if durable else {}), **states}
+            return {**self._settings, **DURABLE[durable], **states}
 
         self._progress.say(name)
         self._cluster.create(count, settings)

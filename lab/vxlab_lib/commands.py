@@ -8,7 +8,6 @@ from . import bench, bench_clients, demo, network
 from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
-from .programs import DURABLE
 from .progress import Progress
 
 
@@ -42,8 +41,7 @@ def up(subparsers):
                 cluster.open(detached=True)
             else:
                 progress.say(f"{options.count} nodes are made in {cluster.dir.path}")
-                settings = {**(DURABLE if options.durable else {}), **dict(options.set or [])}
-                cluster.create(options.count, settings, detached=True)
+                cluster.create(options.count, dict(options.set or []), detached=True)
             for node_id in cluster.nodes:
                 progress.update(f"node {node_id} starts")
                 cluster.start(node_id)
@@ -60,7 +58,6 @@ def up(subparsers):
     parser.add_argument("count", type=int, nargs="?", default=3, metavar="N",
                         help=f"number of nodes, 1 to {NODES_MAX} (default 3)")
     parser.add_argument("--keep", action="store_true", help="start the cluster that is in the run directory again")
-    parser.add_argument("--durable", action="store_true", help="payloads survive all nodes: cluster.durable_payloads")
     parser.add_argument("--set", action="append", type=setting, metavar="KEY=VALUE",
                         help="a configuration key for every node; repeat it for more")
 

@@ -87,9 +87,9 @@ class ControlClient:
         with self.open({"op": "reinit"}, 60.0):
             pass
 
-    def vrrp(self, state):
-        """Tells the daemon what keepalived says: MASTER, BACKUP, FAULT or STOP."""
-        with self.open({"op": "vrrp", "state": state}, VRRP_TIMEOUT_S):
+    def vrrp_changed(self):
+        """The file that keepalived's word is in holds another one."""
+        with self.open({"op": "vrrp"}, VRRP_TIMEOUT_S):
             pass
 
     def slow(self, hook, wait_ms):

@@ -69,7 +69,7 @@ class Node:
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
             file.write(programs.config_text(self.id, self.log_path, settings))
-        self._is_durable = settings.get(programs.DURABLE_KEY) == "yes"
+        self._is_durable = settings.get(programs.DURABLE_KEY, "yes") == "yes"
         self.write_state("BACKUP")
         self.configure(node_count)
 
@@ -93,7 +93,7 @@ class Node:
         """Says what keepalived would say. A daemon that does not answer looks at the file later."""
         write_by_rename(self.path("run", VRRP), state + "\n")
         try:
-            self.control.vrrp(state)
+            self.control.vrrp_changed()
         except NodeUnreachable:
             pass
 

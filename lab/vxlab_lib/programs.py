@@ -7,7 +7,7 @@ from .errors import LabError, UsageError
 
 COMMAND_TIMEOUT_S = 60.0
 DURABLE_KEY = "cluster.durable_payloads"
-DURABLE = {DURABLE_KEY: "yes"}  # keys of every node for durable payloads
+DURABLE = {True: {DURABLE_KEY: "yes"}, False: {DURABLE_KEY: "no"}}  # keys of every node; kesh configure writes yes
 
 CONFIG = """\
 # Node {node} of a laboratory; written by vxlab.

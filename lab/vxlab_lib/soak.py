@@ -48,7 +48,7 @@ class SoakArena(BrokerArena):
 def new_cluster(options):
     """Gives a cluster with all nodes configured and none started."""
     build = Build(options.bin, options.library)
-    settings = {**SETTINGS, **(DURABLE if options.durable else {})}
+    settings = {**SETTINGS, **DURABLE[options.durable]}
     if options.transport == "udp":
         with Cluster(options.dir, options.bin) as cluster:
             cluster.create(options.nodes, settings)

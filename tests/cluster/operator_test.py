@@ -34,6 +34,32 @@ class Operator(Scenario):
         self.submit(3, 300, window=1).wait()
         self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
 
+    def told_by(self, node):
+        """Returns the decision that the node has told node 1."""
+        peers = self.cluster.status(1)["cluster"]["peers"]
+        return next((one["decision"] for one in peers if one["node"] == node), None)
+
+    def test_a_disk_of_yesterday_stops_its_node(self):
+        self.submit(3, 20).wait()
+        self.cluster.stop(3)
+        shutil.copytree(self.path_of(3, ""), self.path_of(3, "../yesterday"))
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        wait_until(lambda: self.told_by(3) == self.cluster.status(3)["decision"]["number"], 20.0,
+                   "node 1 has heard of node 3's decisions")
+        self.cluster.stop(3)
+        shutil.rmtree(self.path_of(3, "cons"))
+        os.rename(self.path_of(3, "../yesterday/cons"), self.path_of(3, "cons"))
+        self.cluster.node(3).start()
+        wait_until(lambda: not self.cluster.status(3)["active"], 20.0, "node 3 stops")
+        self.assertTrue("THE DISK WENT BACK" in self.log_of(3))
+        self.submit(1, 20).wait()
+        self.cluster.stop(3)
+        self.cluster.node(3).configure(3)
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        self.check_all()
+
     def kesh_submit(self, node, text, timeout_s):
         """Returns (exit code, seconds) of a submission of this text."""
         one = self.cluster.node(node)

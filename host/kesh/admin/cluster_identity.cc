@@ -40,6 +40,7 @@ std::vector<std::string> cluster_macs(const std::string &name, uint64_t generati
   hasher sum;
   std::string bytes;
   put_le(bytes, generation);
+  put_le(bytes, count);
   sum.add(bytes);
   sum.add(name);
   const chain_hash hash = sum.finish();

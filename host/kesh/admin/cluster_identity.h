@@ -8,9 +8,10 @@
 namespace kesh
 {
 
-/// Addresses of `count` nodes, locally administered, the same on each node: 02, four octets of a SHA-256 over name and
-/// generation, the node's number. The first one is the library's cluster id, so clusters of other names, and other
-/// generations of this one, do not hear each other.
+/// Addresses of `count` nodes, locally administered, the same on each node: 02, four octets of a SHA-256 over
+/// generation, count and name, the node's number. The first one is the library's cluster id, so clusters of other
+/// names, other generations of this one, and a node that was told another count, do not hear each other: a quorum is no
+/// quorum of another count.
 std::vector<std::string> cluster_macs(const std::string &name, uint64_t generation, uint32_t count);
 
 /// Why it is no name: empty, too long, or other characters than letters, digits and . _ -. Empty: it is one.

@@ -12,8 +12,9 @@
 #include "admin/cluster_identity.h"
 #include "admin/configure_steps.h"
 #include "client/socket_text.h"
-#include "cluster/cluster_link.h"
+#include "cluster/configured_cluster.h"
 #include "cluster/reform.h"
+#include "cluster/standing_file.h"
 #include "daemon/node_files.h"
 #include "exit_codes.h"
 #include "platform.h"
@@ -116,7 +117,7 @@ int write_cluster(const configure_options &options)
   vx_cfg_set("yes", "cluster.durable_payloads");
   // The records are about to be reset: this node has no past in the new cluster.
   std::string error;
-  if (!forget_standing(error)) {
+  if (!forget_standing(error, CONS_DIRECTORY)) {
     return fail(EXIT_RUNTIME, error);
   }
   if (vx_cons_init() != 0) {
@@ -212,7 +213,8 @@ int reform_run(const reform_options &given)
     if (const int code = write_cluster(options); code != EXIT_OK) {
       return code;
     }
-    return mark_reformed(reformed, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
+    const standing_file file(CONS_DIRECTORY, configured_cluster(reformed));
+    return file.write({standing::reformed, {}}, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
   };
   const int code = configure_steps_run({.command = command,
                                         .yes = given.yes,

@@ -91,11 +91,10 @@ int vrrp_command(const std::string &socket_path, const std::string &state_path, 
     fprintf(stderr, "kesh vrrp: %s\n", error.c_str());
     return EXIT_CONFIG;
   }
-  // A daemon that is not there yet, or is busy, reads the file.
+  // The daemon reads the file: also one that is not there yet, or is busy.
   control_client client;
   json reply;
-  return client.connect(socket_path, CHECK_WAIT) ? client.ask({{"op", "vrrp"}, {"state", word}}, reply, CHECK_WAIT)
-                                                 : EXIT_OK;
+  return client.connect(socket_path, CHECK_WAIT) ? client.ask({{"op", "vrrp"}}, reply, CHECK_WAIT) : EXIT_OK;
 }
 
 int say_command(const std::string &socket_path, const std::string &text)

@@ -11,8 +11,8 @@
 #include <exception>
 #include <system_error>
 
-#include "atomic_file.h"
 #include "bytes.h"
+#include "cluster/configured_cluster.h"
 #include "vx_host.h"
 
 namespace kesh
@@ -30,51 +30,24 @@ constexpr uint32_t CHANNEL = 7;
 constexpr uint8_t TO_ALL[4] = {224, 0, 0, 81};
 constexpr size_t WORD_SIZE = 4;
 constexpr size_t ENVELOPE_SIZE = 20;
+// Each try restarts the library.
+constexpr std::chrono::seconds RAISE_AGAIN{30};
 
 // Hooks have no argument for the host. Set before the hook is registered, and reset when messaging has stopped.
 std::atomic<cluster_link *> hooked = nullptr;
 
-/// The number that the library makes of it.
-uint64_t mac_number(std::string mac)
+uint32_t random_number()
 {
-  std::erase(mac, ':');
-  return strtoull(mac.c_str(), nullptr, 16);
-}
-
-/// The same address, always written in the same way.
-std::string mac_text(uint64_t number)
-{
-  constexpr std::string_view DIGITS = "0123456789abcdef";
-  std::string text;
-  for (int shift = 40; shift >= 0; shift -= 8) {
-    text += DIGITS[number >> (shift + 4) & 0xf];
-    text += DIGITS[number >> shift & 0xf];
-    text += shift == 0 ? "" : ":";
-  }
-  return text;
-}
-
-/// A name that arrives as it was sent.
-std::string plain_name(std::string name)
-{
-  name.resize(std::min(name.size(), CLUSTER_NAME_MAX));
-  std::replace_if(
-      name.begin(), name.end(), [](char letter) { return letter < ' ' || letter > '~'; }, '?');
-  return name;
-}
-
-uint64_t random_number()
-{
-  uint64_t number = 0;
+  uint32_t number = 0;
   if (getrandom(&number, sizeof number, 0) != sizeof number) {
-    number = static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+    number = static_cast<uint32_t>(std::chrono::system_clock::now().time_since_epoch().count());
   }
   return number;
 }
 
-hello_settings settings_of(const settings &from, uint64_t cluster_id, std::chrono::milliseconds period)
+hello_settings settings_of(const settings &from, std::chrono::milliseconds period)
 {
-  return {.cluster = {plain_name(from.cluster_name), mac_text(cluster_id), from.generation},
+  return {.cluster = configured_cluster(from),
           .build = vx_firmware_dova_build_nr,
           .node_count = from.node_count,
           .node = from.node_id,
@@ -94,26 +67,6 @@ int64_t now_ms()
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
-std::string identity_of(const cluster_identity &cluster)
-{
-  return cluster.name + ", generation " + std::to_string(cluster.generation) + ", " + cluster.first_mac;
-}
-
-std::string standing_path(const std::string &records)
-{
-  return records + "/kesh.standing";
-}
-
-bool standing_save(const std::string &records, standing now, const std::string &identity, std::string &error)
-{
-  std::string why;
-  const bool done = platform::file_replace(standing_path(records), standing_text(now, identity), why);
-  if (!done) {
-    error = standing_path(records) + ": " + why;
-  }
-  return done;
-}
-
 /// Each the highest of both.
 message_ids merged(message_ids ids, const message_ids &more)
 {
@@ -124,29 +77,12 @@ message_ids merged(message_ids ids, const message_ids &more)
 
 }  // namespace
 
-bool forget_standing(std::string &error, const std::string &records)
-{
-  const std::string path = standing_path(records);
-  const bool done = unlink(path.c_str()) == 0 || errno == ENOENT;
-  if (!done) {
-    error = path + ": " + std::generic_category().message(errno);
-  }
-  return done;
-}
-
-bool mark_reformed(const settings &configured, std::string &error, const std::string &records)
-{
-  const hello_settings of = settings_of(configured, mac_number(configured.first_mac), {});
-  return standing_save(records, standing::reformed, identity_of(of.cluster), error);
-}
-
 cluster_link::cluster_link(const settings &configured, store &of, link_functions functions, link_places places)
-    : store_(of), functions_(std::move(functions)), places_(std::move(places)),
-      cluster_id_(mac_number(configured.first_mac)),
-      hello_settings_(settings_of(configured, cluster_id_, places_.period)),
-      is_configured_(is_usable(hello_settings_, cluster_id_)), identity_(identity_of(hello_settings_.cluster)),
-      filter_(cluster_id_, vx_firmware_dova_build_nr), records_(places_.records), look_(of),
-      newcomer_(hello_settings_.node_count, hello_settings_.node), hello_(hello_settings_, make_functions())
+    : store_(of), functions_(std::move(functions)), places_(std::move(places)), cluster_id_(cluster_number(configured)),
+      hello_settings_(settings_of(configured, places_.period)), is_configured_(is_usable(hello_settings_, cluster_id_)),
+      standing_file_(places_.records, hello_settings_.cluster), filter_(cluster_id_, vx_firmware_dova_build_nr),
+      records_(places_.records), look_(of), newcomer_(hello_settings_.node_count, hello_settings_.node),
+      hello_(hello_settings_, make_functions())
 {
 }
 
@@ -220,18 +156,18 @@ bool cluster_link::before_library_start(std::string &error)
   {
     const lock_scope scope(lock_);
     is_started_ = false;
-    if (!state_word_write(places_.node_state, "BACKUP", error)) {
-      return false;
-    }
-    if (has_disk_gone_back_) {
-      error = "the disk of this node has gone back to an earlier state, so it has forgotten votes: empty it, then "
-              "configure it anew";
+    if (!step_down(places_.node_state, error)) {
       return false;
     }
   }
   const bool is_settled = look_for_past(error);
   tell_submission();
-  return is_settled;
+  if (is_settled) {
+    const lock_scope scope(lock_);
+    error = stays_out();
+    return error.empty();
+  }
+  return false;
 }
 
 void cluster_link::library_started()
@@ -277,12 +213,11 @@ void cluster_link::changed() noexcept
   }
 }
 
-void cluster_link::vrrp(vrrp_state state)
+void cluster_link::vrrp_changed()
 {
   log_text line;
   {
     const lock_scope scope(lock_);
-    vrrp_ = state;
     line = decide();
   }
   say(line);
@@ -362,14 +297,32 @@ void cluster_link::say(const log_text &line)
   }
 }
 
+std::string cluster_link::stays_out() const
+{
+  if (has_disk_gone_back_) {
+    return "the disk of this node has gone back to an earlier state, so it has forgotten votes: empty it, then "
+           "configure it anew";
+  }
+  return has_lasting_double_ ? "another daemon has the number of this node: stop one of them" : "";
+}
+
+bool cluster_link::may_vote() const
+{
+  return newcomer_.stands() != standing::is_new && stays_out().empty() && is_echoed();
+}
+
 lead_facts cluster_link::facts_now() const
 {
-  return {.vrrp = vrrp_,
+  std::string not_yet = newcomer_.why_no_lead();
+  if (not_yet.empty() && !is_echoed()) {
+    not_yet = "too few of the others have said hello to it since it began";
+  }
+  return {.vrrp = vrrp_state_of(state_word_read(places_.vrrp_state)).value_or(vrrp_state::unknown),
           .is_started = is_started_,
           .is_complete = is_complete_,
           .is_barred = is_barred_,
-          .has_disk_gone_back = has_disk_gone_back_,
-          .not_yet = newcomer_.why_no_lead()};
+          .stays_out = stays_out(),
+          .not_yet = std::move(not_yet)};
 }
 
 cluster_link::log_text cluster_link::decide()
@@ -377,11 +330,14 @@ cluster_link::log_text cluster_link::decide()
   if (!is_configured_) {
     return std::nullopt;
   }
+  filter_.let_votes_pass(may_vote());
   const lead_answer answer = kesh::may_lead(facts_now());
   std::string error;
   log_level level = log_level::debug;
   std::string text = answer.yes ? "cluster: this node may lead" : "cluster: this node may not lead: " + answer.reason;
-  if (!state_word_write(places_.node_state, answer.yes ? "MASTER" : "BACKUP", error)) {
+  const bool is_written =
+      answer.yes ? state_word_write(places_.node_state, "MASTER", error) : step_down(places_.node_state, error);
+  if (!is_written) {
     level = log_level::error;
     text = "cluster: the node state cannot be written: " + error;
   }
@@ -395,11 +351,6 @@ cluster_link::log_text cluster_link::decide()
   was_master_ = answer.yes;
   written_ = text;
   return std::pair(level, std::move(text));
-}
-
-bool cluster_link::write_standing(standing now, std::string &error)
-{
-  return standing_save(places_.records, now, identity_, error);
 }
 
 void cluster_link::tell_submission()
@@ -420,19 +371,30 @@ bool cluster_link::look_for_past(std::string &error)
 {
   const lock_scope standing_scope(standing_lock_);
   const own_records records = records_reader(places_.records).read();
-  std::string text, unread;
-  const bool is_kept = platform::file_read(standing_path(places_.records), text, unread);
-  const auto kept = is_kept ? standing_read(text, identity_) : std::nullopt;
-  const standing found = standing_at_start(kept, records.has_past);
-  if (found == standing::is_new && kept != found && !write_standing(found, error)) {
+  const auto kept = standing_file_.read(error);
+  if (!error.empty()) {
     return false;
   }
+  const standing found = standing_at_start(kept ? std::optional(kept->stands) : std::nullopt, records.has_past);
+  const bool becomes_new = found == standing::is_new && !kept;
+  kept_ = kept.value_or(kept_standing{found, {}});
+  if (becomes_new && !standing_file_.write(kept_, error)) {
+    return false;
+  }
+  log_text line;
   {
     const lock_scope scope(lock_);
+    const bool is_known = records.fault.empty() && found != standing::is_new;
+    if (!std::exchange(has_looked_, true) && is_known) {
+      decision_at_start_ = records.decision;
+    }
+    has_disk_gone_back_ |= is_known && facts_ && records.decision < facts_->decision;
     newcomer_.begin(found);
-    filter_.let_votes_pass(found != standing::is_new);
+    filter_.hold_missing(kept_.held);
+    line = decide();
   }
-  if (found == standing::is_new && kept != found) {
+  say(line);
+  if (becomes_new) {
     log_line(log_level::warning, "cluster: this node has no past: it does not vote, lead or submit before it has heard "
                                  "all others and knows what they know");
   }
@@ -450,17 +412,6 @@ void cluster_link::look_for_ids(const told_position &now, std::string &reason)
   }
 }
 
-void cluster_link::note_vrrp_file()
-{
-  std::string word = state_word_read(places_.vrrp_state);
-  if (word == vrrp_word_) {
-    return;  // a later word of the control socket stands
-  }
-  vrrp_word_ = std::move(word);
-  const lock_scope scope(lock_);
-  vrrp_ = vrrp_state_of(vrrp_word_).value_or(vrrp_state::unknown);
-}
-
 own_facts cluster_link::gather()
 {
   own_facts now;
@@ -468,9 +419,8 @@ own_facts cluster_link::gather()
   const own_records records = records_.read();
   now.position = look_.position();
   look_for_ids(now.position, now.reason);
-  note_vrrp_file();
   const auto in_store = look_.ids();
-  const message_ids known = merged(records.ids, in_store.value_or(message_ids{}));
+  message_ids known = merged(records.ids, in_store.value_or(message_ids{}));
   if (records.fault.empty()) {
     told_decision_ = records.decision;
   }
@@ -488,11 +438,13 @@ own_facts cluster_link::gather()
   // What a new node was asked for it did not answer.
   now.top = std::max({now.decision, records.register_max, is_new ? 0 : filter_.watch().greatest()});
   now.handled = records.fault.empty() && records.handled;
+  uint32_t &own_id = known[hello_settings_.node - 1];
+  own_id = std::max(own_id, records.msg_id);
   now.ids = in_store ? std::optional(known) : std::nullopt;
-  now.is_decision_certain = records.fault.empty() && !is_new;
   now.reason = now.reason.empty() ? records.fault : now.reason;
   now.reason = now.reason.empty() ? why_nothing_is_ordered(now.role) : now.reason;
   const lock_scope scope(lock_);
+  now.decision_at_start = decision_at_start_;
   facts_ = now;
   return now;
 }
@@ -548,7 +500,8 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
                               .decision = records.decision,
                               .msg_id = records.msg_id,
                               .known_msg_id = known[hello_settings_.node - 1],
-                              .obstacle = std::move(obstacle)});
+                              .obstacle = std::move(obstacle),
+                              .has_double = has_double_});
     if (next.msg_id && !msg_id_wanted_) {
       msg_id_wanted_ = next.msg_id;
       wake_worker_.signal_all();
@@ -557,19 +510,25 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
   if (!next.becomes) {
     return;
   }
+  const bool was_new = kept_.stands == standing::is_new;
+  kept_standing now = kept_;
+  now.stands = *next.becomes;
+  now.held = was_new ? next.held : kept_.held;
   std::string error;
-  if (!write_standing(*next.becomes, error)) {
+  if (!standing_file_.write(now, error)) {
     log_line(log_level::error, "cluster: this node cannot join: " + error);
     return;
   }
-  bool is_new;
+  kept_ = now;
+  log_text line;
   {
     const lock_scope scope(lock_);
-    is_new = newcomer_.stands() == standing::is_new;
-    newcomer_.begin(*next.becomes);
-    filter_.let_votes_pass(true);
+    newcomer_.begin(now.stands);
+    filter_.hold_missing(now.held);
+    line = decide();
   }
-  if (is_new) {
+  say(line);
+  if (was_new) {
     log_line(log_level::info, "cluster: this node has joined: it votes and submits from now on");
   }
 }
@@ -577,19 +536,21 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
 void cluster_link::judged(const cluster_view &view)
 {
   log_text line;
-  bool must_stop = false;
+  std::string must_stop;
   {
     const lock_scope scope(lock_);
     is_barred_ = view.barred.has_value();
-    must_stop = view.disk_went_back && !has_disk_gone_back_;
-    has_disk_gone_back_ = view.disk_went_back.has_value();
+    has_double_ = view.has_double;
+    has_lasting_double_ = view.has_lasting_double;
+    has_disk_gone_back_ |= view.disk_went_back.has_value();
+    echoes_ = view.echoes;
+    must_stop = stays_out();
+    must_stop = std::exchange(told_out_, must_stop) == must_stop ? "" : must_stop;
     line = decide();
   }
   say(line);
-  if (must_stop) {
-    functions_.stop_protocol("node " + std::to_string(view.disk_went_back->told_by) + " remembers decision " +
-                             std::to_string(view.disk_went_back->decision) +
-                             " of this node, whose disk has gone back to an earlier one: it has forgotten votes");
+  if (!must_stop.empty()) {
+    functions_.stop_protocol(must_stop);
   }
 }
 
@@ -604,6 +565,7 @@ bool cluster_link::is_stopping()
 void cluster_link::work()
 {
   no_op_rule rule;
+  std::chrono::steady_clock::time_point raise_not_before{};
   for (;;) {
     std::optional<uint32_t> msg_id;
     {
@@ -619,7 +581,7 @@ void cluster_link::work()
     }
     try {
       if (msg_id) {
-        raise_msg_id(*msg_id);
+        raise_msg_id(*msg_id, raise_not_before);
       }
       order_no_ops(rule);
     } catch (const std::exception &failure) {
@@ -633,14 +595,18 @@ void cluster_link::work()
   }
 }
 
-void cluster_link::raise_msg_id(uint32_t to)
+void cluster_link::raise_msg_id(uint32_t to, std::chrono::steady_clock::time_point &not_before)
 {
+  if (std::chrono::steady_clock::now() < not_before) {
+    return;
+  }
   std::string error;
   const auto write = [&](std::string &why) { return records_reader(places_.records).write_msg_id(to, why); };
   if (functions_.restart_protocol(write, error)) {
     log_line(log_level::info, "cluster: message ids of this node begin above " + std::to_string(to));
   } else {
     log_line(log_level::error, "cluster: message ids cannot be raised above those that were used: " + error);
+    not_before = std::chrono::steady_clock::now() + RAISE_AGAIN;
   }
 }
 

@@ -27,6 +27,7 @@
 #include "cluster/node_state_file.h"
 #include "cluster/own_records.h"
 #include "cluster/reform.h"
+#include "cluster/standing_file.h"
 #include "cluster/store_look.h"
 #include "cluster/vote_filter.h"
 #include "guarded.h"
@@ -46,7 +47,7 @@ struct link_functions {
   /// Orders one no-op, as a payload of its own. Waits until its fate is known; true: it was applied here. Work thread.
   std::function<bool()> order_no_op;
   /// Asks the main thread to leave the cluster, log the reason as an error and stay out. Hello thread; waits for
-  /// nothing. Called once.
+  /// nothing. Called once for each reason.
   std::function<void(const std::string &reason)> stop_protocol;
   /// Stops the library, does `work`, and starts the library again, whatever `work` says. Fails if the library does not
   /// run or the daemon is stopping. Work thread.
@@ -64,11 +65,6 @@ struct link_places {
   std::function<void(std::string_view hello)> send;  ///< null: on channel 7, to all nodes
   std::chrono::milliseconds period{1000};
 };
-
-/// For `kesh configure`, before it resets the library's records: this node is a new one then. False: `error` says why.
-bool forget_standing(std::string &error, const std::string &records = RECORDS_DIRECTORY);
-/// For a reform, after the records were reset: this node goes on with its store in the generation that is configured.
-bool mark_reformed(const settings &configured, std::string &error, const std::string &records = RECORDS_DIRECTORY);
 
 class cluster_link
 {
@@ -96,8 +92,8 @@ public:
 
   /// The store became complete, incomplete or another one. From a hook too: needs little stack.
   void changed() noexcept PLATFORM_EXCLUDES(lock_);
-  /// What keepalived says now.
-  void vrrp(vrrp_state state) PLATFORM_EXCLUDES(lock_);
+  /// keepalived's word in its file may be another one. Without this call it is seen within a second.
+  void vrrp_changed() PLATFORM_EXCLUDES(lock_);
 
   /// Whether keepalived may choose this node.
   lead_answer eligible() PLATFORM_EXCLUDES(lock_);
@@ -128,7 +124,6 @@ private:
   // Hello thread.
   own_facts gather() PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   void look_for_ids(const told_position &now, std::string &reason);
-  void note_vrrp_file() PLATFORM_EXCLUDES(lock_);
   void note_hello(const hello &said) PLATFORM_EXCLUDES(lock_);
   void judged(const cluster_view &view) PLATFORM_EXCLUDES(lock_);
   std::string obstacle_to_reform(const told_position &own);
@@ -138,16 +133,20 @@ private:
 
   // Work thread.
   void work() PLATFORM_EXCLUDES(lock_);
-  void raise_msg_id(uint32_t to);
+  void raise_msg_id(uint32_t to, std::chrono::steady_clock::time_point &not_before);
   void order_no_ops(no_op_rule &rule) PLATFORM_EXCLUDES(lock_);
   bool is_stopping() PLATFORM_EXCLUDES(lock_);
 
   /// May call may_submit_changed.
   void tell_submission() PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
-  bool write_standing(standing now, std::string &error) PLATFORM_REQUIRES(standing_lock_) PLATFORM_EXCLUDES(lock_);
+  /// Why this node must take no part until a person has seen to it; empty: it may.
+  std::string stays_out() const PLATFORM_REQUIRES(lock_);
+  /// So many others have heard this session that one of them would know if this node had forgotten a vote.
+  bool is_echoed() const PLATFORM_REQUIRES(lock_) { return echoes_ >= hello_settings_.node_count / 2; }
+  bool may_vote() const PLATFORM_REQUIRES(lock_);
   lead_facts facts_now() const PLATFORM_REQUIRES(lock_);
-  /// Writes the node state file by what is known now.
+  /// Lets votes pass or not, and writes the node state file, by what is known now.
   [[nodiscard]] log_text decide() PLATFORM_REQUIRES(lock_);
 
   store &store_;
@@ -156,7 +155,7 @@ private:
   const uint64_t cluster_id_;
   const hello_settings hello_settings_;
   const bool is_configured_;
-  const std::string identity_;  // of the cluster, in the file of the standing
+  const standing_file standing_file_;
   vote_filter filter_;
   bool is_used_ = false;  // start and stop only, as worker_
   std::thread worker_;
@@ -165,9 +164,9 @@ private:
   records_reader records_;
   store_look look_;
   uint32_t told_decision_ = 0;
-  std::string vrrp_word_;  // what the file said last
 
   platform::mutex standing_lock_;  // held while the standing is written; lock_ may be taken under it
+  kept_standing kept_ PLATFORM_GUARDED_BY(standing_lock_);
 
   platform::mutex lock_;
   platform::condition wake_worker_;  // stopping, or an id is to be raised
@@ -177,7 +176,12 @@ private:
   bool is_complete_ PLATFORM_GUARDED_BY(lock_) = false;
   bool is_barred_ PLATFORM_GUARDED_BY(lock_) = false;
   bool has_disk_gone_back_ PLATFORM_GUARDED_BY(lock_) = false;
-  vrrp_state vrrp_ PLATFORM_GUARDED_BY(lock_) = vrrp_state::unknown;
+  bool has_double_ PLATFORM_GUARDED_BY(lock_) = false;
+  bool has_lasting_double_ PLATFORM_GUARDED_BY(lock_) = false;
+  std::string told_out_ PLATFORM_GUARDED_BY(lock_);  // the reason for which the library was to stop last
+  uint32_t echoes_ PLATFORM_GUARDED_BY(lock_) = 0;
+  bool has_looked_ PLATFORM_GUARDED_BY(lock_) = false;
+  std::optional<uint32_t> decision_at_start_ PLATFORM_GUARDED_BY(lock_);  // of this session
   newcomer newcomer_ PLATFORM_GUARDED_BY(lock_);
   std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);
   std::optional<own_facts> facts_ PLATFORM_GUARDED_BY(lock_);  // told last

@@ -137,10 +137,9 @@ std::vector<heard_line> read_heard(const json &from)
   demand(from.is_array() && from.size() <= HELLO_NODES_MAX);
   std::vector<heard_line> lines;
   for (const json &one : from) {
-    demand(one.is_array() && one.size() == 3);
-    lines.push_back({field_reader::as_number<uint32_t>(one[0], 1, HELLO_NODES_MAX),
-                     field_reader::as_number<uint32_t>(one[1], 0, UINT32_MAX),
-                     field_reader::as_number<uint32_t>(one[2], 0, UINT32_MAX)});
+    demand(one.is_array() && one.size() == 4);
+    const auto field = [&one](size_t at) { return field_reader::as_number<uint32_t>(one[at], 0, UINT32_MAX); };
+    lines.push_back({field_reader::as_number<uint32_t>(one[0], 1, HELLO_NODES_MAX), field(1), field(2), field(3)});
   }
   return lines;
 }
@@ -209,7 +208,7 @@ std::string hello_encode(hello from)
 {
   json heard = json::array();
   for (const heard_line &one : from.heard) {
-    heard.push_back({one.node, one.age_ms, one.decision});
+    heard.push_back({one.node, one.age_ms, one.session, one.before});
   }
   const told_position &position = from.position;
   json fields = {
@@ -252,7 +251,7 @@ std::optional<hello> hello_decode(std::string_view bytes)
     read.build = from.any<uint32_t>("build");
     read.node_count = from.in_range<uint32_t>("nodes", 1, HELLO_NODES_MAX);
     read.node = from.in_range<uint32_t>("node", 1, read.node_count);
-    read.session = from.any<uint64_t>("session");
+    read.session = from.any<uint32_t>("session");
     read.number = from.any<uint64_t>("number");
     read.role = read_role(from);
     read.stands = read_standing(from);

@@ -4,13 +4,13 @@
 /// One JSON object, at most 1400 bytes. Fields that a node does not know are ignored, and none of these is ever left
 /// out, so that builds can differ:
 ///
-///     cluster            which cluster: text of at most 64 bytes, printable ASCII
+///     cluster            which cluster: text of at most 64 bytes, printable ASCII without quotes and backslashes
 ///     mac                of its node 1: "02:00:00:00:00:01"
 ///     generation         which life of it
 ///     build              build number
 ///     nodes              count of nodes
 ///     node               number of this one, 1 to 16
-///     session            drawn at random by each daemon
+///     session            drawn at random by each daemon, 32 bits
 ///     number             of this hello in its session, from 1
 ///     role               "stopped", "follower", "leader" or "isolated"
 ///     standing           "new", "joined", "member" or "reformed": newcomer.h
@@ -21,9 +21,10 @@
 ///     n, hash            payloads applied, and H(n), 64 hexadecimal digits
 ///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
 ///     handled            the library's log is delivered to its end
-///     ids                per node the highest message id of it that this node's records know; null: not looked up yet
+///     ids                per node the highest message id of it that this node's records know, its own that it handed
+///                        out; null: not looked up yet
 ///     reason             why nothing is ordered here; empty: it is
-///     heard              [[node, age in ms, greatest decision heard of it], ..]
+///     heard              [[node, age in ms, session, greatest decision that it told in other sessions], ..]
 #pragma once
 
 #include <array>
@@ -80,7 +81,8 @@ struct told_position {
 struct heard_line {
   uint32_t node = 0;
   uint32_t age_ms = 0;
-  uint32_t decision = 0;
+  uint32_t session = 0;
+  uint32_t before = 0;
 
   bool operator==(const heard_line &) const = default;
 };
@@ -90,7 +92,7 @@ struct hello {
   uint32_t build = 0;
   uint32_t node_count = 0;
   uint32_t node = 0;
-  uint64_t session = 0;
+  uint32_t session = 0;
   uint64_t number = 0;
   node_role role = node_role::stopped;
   standing stands = standing::member;
@@ -105,8 +107,7 @@ struct hello {
   bool operator==(const hello &) const = default;
 };
 
-/// At most HELLO_MAX bytes if the cluster's name has at most CLUSTER_NAME_MAX letters of ASCII that can be printed; a
-/// long reason is cut.
+/// At most HELLO_MAX bytes if the cluster's name has at most CLUSTER_NAME_MAX letters as above; a long reason is cut.
 std::string hello_encode(hello from);
 /// Nothing if anything is missing, out of range or of a wrong kind.
 std::optional<hello> hello_decode(std::string_view bytes);

@@ -45,7 +45,9 @@ agreement_verdict verdict_in(const cluster_view &view, uint32_t node)
 /// Logs what people must hear of. Returns whether anything that `changed` is called for has changed.
 bool say_changes(const cluster_view &before, const cluster_view &now)
 {
-  bool has_changed = before.barred.has_value() != now.barred.has_value() || before.disk_went_back != now.disk_went_back;
+  bool has_changed = before.barred.has_value() != now.barred.has_value() ||
+                     before.disk_went_back != now.disk_went_back || before.echoes != now.echoes ||
+                     before.has_double != now.has_double || before.has_lasting_double != now.has_lasting_double;
   for (const peer_view &one : now.peers) {
     const agreement_verdict was = verdict_in(before, one.last.node);
     has_changed |= was.kind != one.verdict.kind;
@@ -64,7 +66,7 @@ bool say_changes(const cluster_view &before, const cluster_view &now)
   if (now.disk_went_back && !before.disk_went_back) {
     log_line(log_level::error, "cluster: THE DISK WENT BACK: node " + std::to_string(now.disk_went_back->told_by) +
                                    " remembers decision " + std::to_string(now.disk_went_back->decision) +
-                                   " of this node, which has only an earlier one");
+                                   " of this node, which began with an earlier one");
   }
   if (now.own_number_count != 0 && before.own_number_count == 0) {
     log_line(log_level::error, "cluster: another daemon has the number of this node");
@@ -76,7 +78,7 @@ bool say_changes(const cluster_view &before, const cluster_view &now)
 
 hello_service::hello_service(hello_settings settings, hello_functions functions)
     : settings_(std::move(settings)), functions_(std::move(functions)),
-      peers_(settings_.cluster, settings_.node, settings_.session),
+      peers_(settings_.cluster, settings_.node_count, settings_.node, settings_.session),
       agreement_(settings_.node_count, functions_.own_hash)
 {
 }
@@ -175,10 +177,14 @@ void hello_service::run()
 
 void hello_service::work(const std::vector<arrival> &arrived, bool is_due)
 {
+  bool is_new_session = false;
   for (const arrival &one : arrived) {
+    const heard_hello *const before = peers_.last_of(one.said.node);
+    const bool begins = before == nullptr || before->last.session != one.said.session;
     if (peers_.heard(one.said, one.heard_ms) == hello_kind::member) {
+      is_new_session |= begins;
       agreement_.heard(one.said.node, one.said.position);
-      if (functions_.heard) {
+      if (functions_.heard && peers_.is_echo(one.said)) {
         functions_.heard(one.said);
       }
     }
@@ -188,7 +194,8 @@ void hello_service::work(const std::vector<arrival> &arrived, bool is_due)
     agreement_.own(facts_->position);
   }
   judge();
-  if (is_due) {
+  // Who begins waits for an echo before it votes.
+  if (is_due || (is_new_session && facts_)) {
     say_hello();
   }
 }
@@ -216,8 +223,8 @@ void hello_service::say_hello()
 
 void hello_service::judge()
 {
-  if (facts_ && facts_->is_decision_certain && !disk_went_back_) {
-    disk_went_back_ = peers_.disk_went_back(facts_->decision);
+  if (facts_ && facts_->decision_at_start && !disk_went_back_) {
+    disk_went_back_ = peers_.disk_went_back(*facts_->decision_at_start);
   }
   const int64_t now = now_ms();
   const cluster_view view = make_view(now);
@@ -246,6 +253,9 @@ cluster_view hello_service::make_view(int64_t now) const
     view.stranger = view_of(*peers_.stranger(), now);
   }
   view.own_number_count = peers_.own_number_count();
+  view.has_double = peers_.has_double(now);
+  view.has_lasting_double = peers_.has_lasting_double(now);
+  view.echoes = peers_.echo_count();
   view.barred = agreement_.barred();
   view.disk_went_back = disk_went_back_;
   return view;

@@ -22,7 +22,7 @@ struct hello_settings {
   uint32_t build = 0;
   uint32_t node_count = 0;
   uint32_t node = 0;
-  uint64_t session = 0;  ///< drawn at random for each start of the daemon
+  uint32_t session = 0;  ///< drawn at random for each start of the daemon
   std::chrono::milliseconds period{1000};
 };
 
@@ -36,8 +36,9 @@ struct own_facts {
   bool handled = false;
   std::optional<message_ids> ids;
   std::string reason;
-  /// Whether `decision` may be held against what others remember: it was read, and this node is not new.
-  bool is_decision_certain = true;
+  /// The decision with which this session began. Unset: it was not read, or this node was new then, and is known to
+  /// have forgotten.
+  std::optional<uint32_t> decision_at_start;
 };
 
 struct peer_view {
@@ -51,6 +52,9 @@ struct cluster_view {
   std::vector<peer_view> peers;  ///< those heard, by number
   std::optional<peer_view> stranger;
   uint64_t own_number_count = 0;
+  bool has_double = false;          ///< another daemon with this node's number was heard lately
+  bool has_lasting_double = false;  ///< and for longer than hellos of its own last session can be on their way
+  uint32_t echoes = 0;              ///< other members that have said hello after they heard this session
   std::optional<outvoted> barred;
   std::optional<lost_decisions> disk_went_back;  ///< once set it stays
 };
@@ -59,11 +63,11 @@ struct cluster_view {
 /// stop. If one throws, a line says so once, and the service goes on with the next hello.
 struct hello_functions {
   std::function<own_facts()> facts;
-  /// A member said hello. May be null.
+  /// A member said hello, after it had heard this session. May be null.
   std::function<void(const hello &)> heard;
   agreement::hash_lookup own_hash;  ///< nothing if the store's number is not that of the position any more
   std::function<void(std::string_view hello)> send;
-  /// A verdict, `barred` or `disk_went_back` has changed. May be null.
+  /// A verdict, `barred`, `disk_went_back`, `echoes` or one of the doubles has changed. May be null.
   std::function<void(const cluster_view &)> changed;
 };
 

@@ -27,8 +27,8 @@ std::string_view vrrp_state_name(vrrp_state state)
 
 lead_answer is_eligible(const lead_facts &node)
 {
-  if (node.has_disk_gone_back) {
-    return {false, "its disk has gone back to an earlier state"};
+  if (!node.stays_out.empty()) {
+    return {false, node.stays_out};
   }
   if (!node.not_yet.empty()) {
     return {false, node.not_yet};

@@ -16,11 +16,11 @@ std::string_view vrrp_state_name(vrrp_state state);
 
 struct lead_facts {
   vrrp_state vrrp = vrrp_state::unknown;
-  bool is_started = false;          ///< the library runs
-  bool is_complete = false;         ///< no payload was skipped
-  bool is_barred = false;           ///< a quorum has another history
-  bool has_disk_gone_back = false;  ///< another node remembers more of this one than its disk
-  std::string not_yet{};            ///< why this node, which is new to the cluster, may not; empty: it may
+  bool is_started = false;   ///< the library runs
+  bool is_complete = false;  ///< no payload was skipped
+  bool is_barred = false;    ///< a quorum has another history
+  std::string stays_out{};   ///< why this node must take no part at all; empty: it may
+  std::string not_yet{};     ///< why this node, which is new to the cluster or has just begun, may not; empty: it may
 };
 
 struct lead_answer {

@@ -60,6 +60,7 @@ json stranger_json(const std::optional<peer_view> &stranger)
   return stranger ? json{{"cluster", stranger->last.cluster.name},
                          {"mac", stranger->last.cluster.first_mac},
                          {"node", stranger->last.node},
+                         {"nodes", stranger->last.node_count},
                          {"age_ms", stranger->age_ms}}
                   : json(nullptr);
 }
@@ -92,7 +93,7 @@ nlohmann::json cluster_link::status_json()
                  {"peers", peers_json(seen.peers)}};
   const platform::lock_scope scope(lock_);
   status["standing"] = standing_name(newcomer_.stands());
-  status["vrrp"] = vrrp_state_name(vrrp_);
+  status["vrrp"] = vrrp_state_name(facts_now().vrrp);
   status["reason"] = facts_ ? facts_->reason : "";
   return status;
 }

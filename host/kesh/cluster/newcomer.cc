@@ -10,17 +10,6 @@ standing standing_at_start(std::optional<standing> kept, bool has_past)
   return kept.value_or(has_past ? standing::member : standing::is_new);
 }
 
-std::string standing_text(standing of, const std::string &identity)
-{
-  return std::string(standing_name(of)) + '\n' + identity + '\n';
-}
-
-std::optional<standing> standing_read(const std::string &text, const std::string &identity)
-{
-  const auto read = standing_of(text.substr(0, text.find('\n')));
-  return read && text == standing_text(*read, identity) ? read : std::nullopt;
-}
-
 void newcomer::begin(standing from)
 {
   if (from == standing::is_new && stands_ != standing::is_new) {
@@ -43,7 +32,9 @@ void newcomer::heard(const hello &said)
   }
   from.is_heard = true;
   from.is_new = said.stands == standing::is_new;
+  from.is_reformed = said.stands == standing::reformed;
   if (said.ids) {
+    from.handed_out = from.has_ids ? from.handed_out : (*said.ids)[said.node - 1];
     from.has_ids = true;
     from.own_id = std::max(from.own_id, (*said.ids)[node_ - 1]);
   }
@@ -62,25 +53,41 @@ std::string newcomer::numbers_of(predicate matches) const
   return numbers;
 }
 
+uint32_t newcomer::top() const
+{
+  uint32_t greatest = 0;
+  for (const other &one : others_) {
+    greatest = std::max(greatest, one.top);
+  }
+  return greatest;
+}
+
+std::string newcomer::forerunners(const own &now) const
+{
+  return now.decision != 0 ? "" : numbers_of([](const other &one) { return one.is_reformed; });
+}
+
 /// Why it has not joined yet.
 std::string newcomer::obstacle(const own &now) const
 {
+  if (now.has_double) {
+    return "another daemon has the number of this node";
+  }
   if (const std::string silent = numbers_of([](const other &one) { return !one.is_heard; }); !silent.empty()) {
     return "it has not heard every other node yet: not" + silent;
   }
   if (const std::string busy = numbers_of([](const other &one) { return !one.has_ids; }); !busy.empty()) {
     return "others still look up which message ids were used: nodes" + busy;
   }
-  uint32_t top = 0;
-  for (const other &one : others_) {
-    top = std::max(top, one.top);
+  if (const std::string first = forerunners(now); !first.empty()) {
+    return "a reformed cluster begins with the store of one of nodes" + first;
   }
   const auto forgetful = std::count_if(others_.begin(), others_.end(), [](const other &one) { return one.was_new; });
-  if (top != 0 && static_cast<uint32_t>(forgetful) + 1 > node_count_ / 2) {
+  if (top() != 0 && static_cast<uint32_t>(forgetful) + 1 > node_count_ / 2) {
     return "a majority has no past, and may have forgotten a decision: a person must decide, see kesh reform";
   }
-  if (now.decision < top) {
-    return "it knows decision " + std::to_string(now.decision) + ", and others had to do with " + std::to_string(top);
+  if (now.decision < top()) {
+    return "it knows decision " + std::to_string(now.decision) + ", and others had to do with " + std::to_string(top());
   }
   return now.is_running && now.handled ? "" : "the library's log is not delivered to its end";
 }
@@ -92,10 +99,12 @@ std::optional<uint32_t> newcomer::id_to_raise(const own &now) const
   for (const other &one : others_) {
     used = std::max(used, one.own_id);
   }
-  if (used == 0 || now.msg_id > used) {
+  // Where something was decided, this node may have used ids that nobody knows, and at first none is known.
+  if (used == 0 && top() == 0) {
     return std::nullopt;
   }
-  return used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
+  const uint32_t begin = used + std::min(UNKNOWN_IDS_MAX, UINT32_MAX - used);
+  return now.msg_id >= begin ? std::nullopt : std::optional(begin);
 }
 
 newcomer::step newcomer::advance_new(const own &now)
@@ -108,12 +117,21 @@ newcomer::step newcomer::advance_new(const own &now)
     waits_for_ = "its message ids are being raised";
     return {.becomes = std::nullopt, .msg_id = id};
   }
-  return {.becomes = now.decision != 0 ? standing::member : standing::joined, .msg_id = std::nullopt};
+  step joins{.becomes = now.decision != 0 ? standing::member : standing::joined, .msg_id = std::nullopt};
+  if (top() != 0) {
+    std::transform(others_.begin(), others_.end(), joins.held.begin(), [](const other &one) { return one.handed_out; });
+    joins.held[node_ - 1] = now.msg_id;
+  }
+  return joins;
 }
 
 newcomer::step newcomer::advance_joined(const own &now)
 {
   const std::string missing = numbers_of([](const other &one) { return !one.is_heard || one.is_new; });
+  if (const std::string first = forerunners(now); !first.empty()) {
+    waits_for_ = "one of nodes" + first + " goes first, with its store";
+    return {};
+  }
   if (now.decision != 0 || missing.empty()) {
     return {.becomes = standing::member, .msg_id = std::nullopt};
   }

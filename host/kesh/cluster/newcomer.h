@@ -13,12 +13,11 @@
 /// The first top is enough: whatever this node had promised was asked for before its daemon started. But where a
 /// majority is new, beside a node that has a past, nobody may be left that knows the last decision: then none joins.
 ///
-/// The standing is kept in the file kesh.standing beside the library's records, which shares their fate:
+/// Where others are reformed and nothing is decided yet, one of them goes first: a node that is new has no store to
+/// give.
 ///
-///     line 1   new, joined, member or reformed
-///     line 2   identity of the cluster
-///
-/// Its message ids begin above those that the others know: numbers that are used twice would name two payloads.
+/// Its message ids begin above those that the others know: numbers that are used twice would name two payloads. Of
+/// payloads up to those ids it never says that it lacks them: it may have held them.
 #pragma once
 
 #include <array>
@@ -37,10 +36,6 @@ inline constexpr uint32_t UNKNOWN_IDS_MAX = 65536;
 /// The standing with which a node starts. `kept`: what its file says; nothing if there is none for this cluster.
 standing standing_at_start(std::optional<standing> kept, bool has_past);
 
-std::string standing_text(standing of, const std::string &identity);
-/// Nothing if it is cut or of another identity.
-std::optional<standing> standing_read(const std::string &text, const std::string &identity);
-
 /// Pure. Not synchronised.
 class newcomer
 {
@@ -51,7 +46,7 @@ public:
   /// At a start of the library. One that becomes new forgets what it has heard.
   void begin(standing from);
 
-  /// A hello of another node of this cluster and generation.
+  /// A hello of another node of this cluster and generation, which had heard this session before it said it.
   void heard(const hello &said);
 
   struct own {
@@ -61,10 +56,12 @@ public:
     uint32_t msg_id = 0;        ///< the last one that the library's record says was handed out
     uint32_t known_msg_id = 0;  ///< the highest one that the own records and store know
     std::string obstacle{};     ///< of a reformed node: what reform_obstacle() says
+    bool has_double = false;    ///< another daemon has this node's number
   };
   struct step {
     std::optional<standing> becomes;  ///< to be made durable, then told to begin()
     std::optional<uint32_t> msg_id;   ///< before that: to be written into the record while the library is stopped
+    message_ids held{};               ///< of a node that was new, with `becomes`: standing_file.h
   };
   /// What is to be done now. To be asked again until nothing is.
   step advance(const own &now);
@@ -78,14 +75,19 @@ private:
     bool is_heard = false;
     bool has_ids = false;
     bool is_new = true;
-    bool was_new = false;  // when it was heard first
-    uint32_t top = 0;      // the first one told
-    uint32_t own_id = 0;   // highest id of this node that it knows
+    bool is_reformed = false;
+    bool was_new = false;     // when it was heard first
+    uint32_t top = 0;         // the first one told
+    uint32_t handed_out = 0;  // the first id of its own that it told
+    uint32_t own_id = 0;      // highest id of this node that it knows
   };
 
   template <typename predicate>
   std::string numbers_of(predicate matches) const;
+  uint32_t top() const;
   std::string obstacle(const own &now) const;
+  /// Reformed nodes that go before this one, while nothing is decided.
+  std::string forerunners(const own &now) const;
   std::optional<uint32_t> id_to_raise(const own &now) const;
   step advance_new(const own &now);
   step advance_joined(const own &now);

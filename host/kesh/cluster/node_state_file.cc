@@ -34,6 +34,11 @@ bool state_word_write(const std::string &path, std::string_view word, std::strin
   return false;
 }
 
+bool step_down(const std::string &path, std::string &error)
+{
+  return state_word_write(path, "BACKUP", error) || truncate(path.c_str(), 0) == 0;
+}
+
 std::string state_word_read(const std::string &path)
 {
   const platform::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -41,11 +46,6 @@ std::string state_word_read(const std::string &path)
   const ssize_t got = fd ? read(fd.get(), bytes, sizeof bytes) : 0;
   const std::string_view text(bytes, got > 0 ? static_cast<size_t>(got) : 0);
   return std::string(text.substr(0, std::min(text.find('\n'), sizeof bytes - 1)));
-}
-
-bool node_state_write(bool is_master, std::string &error)
-{
-  return state_word_write(NODE_STATE_PATH, is_master ? "MASTER" : "BACKUP", error);
 }
 
 }  // namespace kesh

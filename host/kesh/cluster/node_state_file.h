@@ -14,10 +14,10 @@ inline constexpr char VRRP_STATE_PATH[] = "/run/kesh.vrrp";
 /// several processes write. Not flushed: the file does not outlive the machine, and a step down must not wait for a
 /// disk. On failure returns false, `error` says why, and the file is as it was.
 bool state_word_write(const std::string &path, std::string_view word, std::string &error);
+/// Writes BACKUP, or empties the file, which needs no room: the library leads by the word MASTER alone. False: neither
+/// can be done, `error` says why.
+bool step_down(const std::string &path, std::string &error);
 /// The first line, at most 31 bytes of it; empty if there is none.
 std::string state_word_read(const std::string &path);
-
-/// MASTER or BACKUP for the library.
-bool node_state_write(bool is_master, std::string &error);
 
 }  // namespace kesh

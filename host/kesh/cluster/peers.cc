@@ -5,11 +5,43 @@
 namespace kesh
 {
 
+namespace
+{
+constexpr size_t SESSIONS_KEPT = 4;
+constexpr int64_t DOUBLE_MS = 5000;
+}  // namespace
+
+void peers::session_log::note(uint32_t session, uint32_t decision)
+{
+  entry now{session, decision};
+  const auto found = std::find_if(kept.begin(), kept.end(), [&](const entry &one) { return one.session == session; });
+  if (found != kept.end()) {
+    now.decision = std::max(now.decision, found->decision);
+    kept.erase(found);
+  }
+  kept.insert(kept.begin(), now);
+  if (kept.size() > SESSIONS_KEPT) {
+    older = std::max(older, kept.back().decision);
+    kept.pop_back();
+  }
+}
+
+/// The greatest decision of all sessions but the latest.
+uint32_t peers::session_log::before() const
+{
+  uint32_t greatest = older;
+  for (size_t i = 1; i < kept.size(); ++i) {
+    greatest = std::max(greatest, kept[i].decision);
+  }
+  return greatest;
+}
+
 hello_kind peers::kind_of(const hello &said) const
 {
   // Another generation has other addresses.
   const bool is_same_life = said.cluster.generation == cluster_.generation;
-  if (said.cluster.name != cluster_.name || (is_same_life && said.cluster.first_mac != cluster_.first_mac)) {
+  if (said.cluster.name != cluster_.name || (is_same_life && said.cluster.first_mac != cluster_.first_mac) ||
+      said.node_count != node_count_) {
     return hello_kind::other_cluster;
   }
   if (said.node == node_) {
@@ -33,7 +65,7 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
     stranger_ = {said, now_ms};
     return kind;
   case hello_kind::own_number:
-    ++own_number_count_;
+    note_double(said, now_ms);
     return kind;
   case hello_kind::member:
   case hello_kind::other_generation:
@@ -41,11 +73,11 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
   }
   last_[said.node - 1] = {said, now_ms};
   if (kind == hello_kind::member) {
-    uint32_t &decision = decision_[said.node - 1];
-    decision = std::max(decision, said.decision);
+    sessions_[said.node - 1].note(said.session, said.decision);
+    has_echoed_[said.node - 1] |= is_echo(said);
     for (const heard_line &one : said.heard) {
-      if (one.node == node_ && one.decision > remembered_of_us_.decision) {
-        remembered_of_us_ = {said.node, one.decision};
+      if (one.node == node_ && one.session == session_ && one.before > remembered_of_us_.decision) {
+        remembered_of_us_ = {said.node, one.before};
       }
     }
   }
@@ -64,15 +96,45 @@ std::vector<heard_line> peers::lines(int64_t now_ms) const
   for (uint32_t node = 1; node <= HELLO_NODES_MAX; ++node) {
     if (const heard_hello *one = last_of(node)) {
       const int64_t age_ms = std::clamp<int64_t>(now_ms - one->heard_ms, 0, UINT32_MAX);
-      all.push_back({node, static_cast<uint32_t>(age_ms), decision_[node - 1]});
+      all.push_back({node, static_cast<uint32_t>(age_ms), one->last.session, sessions_[node - 1].before()});
     }
   }
   return all;
 }
 
-std::optional<lost_decisions> peers::disk_went_back(uint32_t own_decision) const
+void peers::note_double(const hello &said, int64_t now_ms)
 {
-  return remembered_of_us_.decision > own_decision ? std::optional(remembered_of_us_) : std::nullopt;
+  ++own_number_count_;
+  if (!double_ || double_->session != said.session || now_ms - double_->last_ms >= DOUBLE_MS) {
+    double_ = {said.session, now_ms, now_ms};
+  }
+  double_->last_ms = now_ms;
+}
+
+bool peers::has_double(int64_t now_ms) const
+{
+  return double_ && now_ms - double_->last_ms < DOUBLE_MS;
+}
+
+bool peers::has_lasting_double(int64_t now_ms) const
+{
+  return has_double(now_ms) && double_->last_ms - double_->first_ms >= DOUBLE_MS;
+}
+
+bool peers::is_echo(const hello &said) const
+{
+  return std::any_of(said.heard.begin(), said.heard.end(),
+                     [this](const heard_line &one) { return one.node == node_ && one.session == session_; });
+}
+
+uint32_t peers::echo_count() const
+{
+  return static_cast<uint32_t>(std::count(has_echoed_.begin(), has_echoed_.end(), true));
+}
+
+std::optional<lost_decisions> peers::disk_went_back(uint32_t decision_at_start) const
+{
+  return remembered_of_us_.decision > decision_at_start ? std::optional(remembered_of_us_) : std::nullopt;
 }
 
 }  // namespace kesh

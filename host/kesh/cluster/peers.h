@@ -26,7 +26,7 @@ struct heard_hello {
   int64_t heard_ms = 0;
 };
 
-/// A node that this one remembers as further than it now is.
+/// This node, or its disk, was further in an earlier session than when this one began.
 struct lost_decisions {
   uint32_t told_by = 0;
   uint32_t decision = 0;
@@ -37,8 +37,8 @@ struct lost_decisions {
 class peers
 {
 public:
-  peers(cluster_identity cluster, uint32_t node, uint64_t session)
-      : cluster_(std::move(cluster)), node_(node), session_(session)
+  peers(cluster_identity cluster, uint32_t node_count, uint32_t node, uint32_t session)
+      : cluster_(std::move(cluster)), node_count_(node_count), node_(node), session_(session)
   {
   }
 
@@ -51,24 +51,54 @@ public:
   const std::optional<heard_hello> &stranger() const { return stranger_; }
   /// How many came from another daemon with this node's number.
   uint64_t own_number_count() const { return own_number_count_; }
+  /// Another daemon with this node's number was heard lately: no old hello of this node's last session, if it lasts.
+  bool has_double(int64_t now_ms) const;
+  bool has_lasting_double(int64_t now_ms) const;
+
+  /// Whether the sender had heard this session before it said this.
+  bool is_echo(const hello &said) const;
+  /// How many other members have said hello after they heard this session.
+  uint32_t echo_count() const;
 
   /// For this node's hello.
   std::vector<heard_line> lines(int64_t now_ms) const;
 
-  /// Set if another node remembers a higher decision of this node than its disk has now: it must stop, since it has
-  /// forgotten votes.
-  std::optional<lost_decisions> disk_went_back(uint32_t own_decision) const;
+  /// Set if another node heard, in an earlier session of this node, of a decision above the one that its disk had when
+  /// this session began: it must stop, since it has forgotten votes.
+  std::optional<lost_decisions> disk_went_back(uint32_t decision_at_start) const;
 
 private:
+  /// The last sessions of a node, the latest first. Hellos overtake each other, so two may alternate.
+  struct session_log {
+    struct entry {
+      uint32_t session = 0;
+      uint32_t decision = 0;  // the greatest told
+    };
+    std::vector<entry> kept;
+    uint32_t older = 0;  // of those that are not kept
+
+    void note(uint32_t session, uint32_t decision);
+    uint32_t before() const;
+  };
+  struct double_sighting {
+    uint32_t session = 0;
+    int64_t first_ms = 0;
+    int64_t last_ms = 0;
+  };
+
   hello_kind kind_of(const hello &said) const;
+  void note_double(const hello &said, int64_t now_ms);
 
   cluster_identity cluster_;
+  uint32_t node_count_;
   uint32_t node_;
-  uint64_t session_;
+  uint32_t session_;
   std::array<std::optional<heard_hello>, HELLO_NODES_MAX> last_;
-  std::array<uint32_t, HELLO_NODES_MAX> decision_{};  // greatest heard of each in this generation
+  std::array<session_log, HELLO_NODES_MAX> sessions_;  // in this generation
+  std::array<bool, HELLO_NODES_MAX> has_echoed_{};
   std::optional<heard_hello> stranger_;
   uint64_t own_number_count_ = 0;
+  std::optional<double_sighting> double_;
   lost_decisions remembered_of_us_;
 };
 

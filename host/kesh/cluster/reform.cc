@@ -52,6 +52,7 @@ std::string reform_obstacle(uint32_t node_count, const told_position &own, const
                             const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash)
 {
   uint32_t heard = 1;
+  uint32_t compared = 1;
   std::string ahead, unknown;
   for (const reform_voice &one : voices) {
     if (one.decision != 0) {
@@ -60,10 +61,14 @@ std::string reform_obstacle(uint32_t node_count, const told_position &own, const
       }
       continue;
     }
-    if (!one.said.complete || one.stands != standing::reformed) {
+    if (one.stands != standing::reformed) {
       continue;
     }
     ++heard;
+    if (!one.said.complete) {
+      continue;
+    }
+    ++compared;
     if (const auto fork = fork_of(own, one.said, own_hash)) {
       return node_name(one) + " has another history, seen at payload " + std::to_string(*fork) +
              ": neither may begin the new generation; decide whose store is right and put the other one aside";
@@ -75,10 +80,14 @@ std::string reform_obstacle(uint32_t node_count, const told_position &own, const
                 ", is not kept here; put its store aside";
     }
   }
-  if (heard <= node_count / 2) {
-    return "it has heard " + std::to_string(heard - 1) +
-           " other nodes of the new generation, and a majority has to "
-           "compare its stores";
+  const uint32_t quorum = node_count / 2 + 1;
+  if (heard < quorum) {
+    return "of the new generation it has heard " + std::to_string(heard) + " of " + std::to_string(node_count) +
+           " nodes with itself, and " + std::to_string(quorum) + " have to compare their stores";
+  }
+  if (compared < node_count - quorum + 1) {
+    return "of the new generation " + std::to_string(compared) + " of " + std::to_string(node_count) +
+           " nodes have their store, and " + std::to_string(node_count - quorum + 1) + " have to compare theirs";
   }
   return ahead.empty() ? unknown : ahead;
 }

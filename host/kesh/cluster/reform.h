@@ -32,8 +32,9 @@ struct reform_voice {
   told_position said;
 };
 
-/// Why this node, which knows no decision of this generation, may not lead first; empty: it may. Pure.
-/// `own_hash`: H(n) of the own store, if it is kept.
+/// Why this node, which knows no decision of this generation, may not lead first; empty: it may. Pure. A majority has
+/// to be heard, and so many whole stores compared that no quorum was without one of them. `own_hash`: H(n) of the own
+/// store, if it is kept.
 std::string reform_obstacle(uint32_t node_count, const told_position &own, const std::vector<reform_voice> &voices,
                             const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash);
 

@@ -89,13 +89,9 @@ void health(service &host, const json &, control_peer &peer)
   peer.accept({{"eligible", eligible.yes}, {"reason", eligible.reason}, {"active", vx_cons_cluster_active() != 0}});
 }
 
-void vrrp(service &host, const json &request, control_peer &peer)
+void vrrp(service &host, const json &, control_peer &peer)
 {
-  const auto state = vrrp_state_of(request.at("state").get<std::string>());
-  if (!state) {
-    throw request_error("state: MASTER, BACKUP, FAULT or STOP");
-  }
-  host.link->vrrp(*state);
+  host.link->vrrp_changed();
   peer.accept();
 }
 

@@ -1,5 +1,7 @@
 #include "daemon/store_start.h"
 
+#include "cluster/configured_cluster.h"
+#include "cluster/standing_file.h"
 #include "daemon/node_files.h"
 #include "exit_codes.h"
 #include "platform.h"
@@ -27,11 +29,20 @@ library_records read_records()
   return read.value_or(library_records{});
 }
 
-void create(store &lines, const std::string &reason)
+/// A reformed node that has no store has nothing to begin the generation with. Where nobody can say, it is taken for
+/// one.
+bool may_be_reformed(const settings &configured)
+{
+  std::string error;
+  const auto kept = standing_file(CONS_DIRECTORY, configured_cluster(configured)).read(error);
+  return kept ? kept->stands == standing::reformed : !error.empty();
+}
+
+void create(store &lines, const settings &configured, const std::string &reason)
 {
   lines.create();
   const library_records records = read_records();
-  if (records.decision != 0 || !records.delivered.is_none()) {
+  if (records.decision != 0 || !records.delivered.is_none() || may_be_reformed(configured)) {
     lines.mark_incomplete(reason);
     log_line(log_level::error, "store: " + reason + "; this node asks the others for everything anew");
   }
@@ -45,7 +56,7 @@ void create_first(store &lines, const settings &configured)
     if (!why.empty()) {
       throw store_failure(why);
     }
-    create(lines, configured.store_path + " is missing");
+    create(lines, configured, configured.store_path + " is missing");
     return;
   }
   const auto start = journal_import(configured.old_journal_path, read_records().delivered, why);
@@ -71,7 +82,7 @@ int store_bring_up(store &lines, const settings &configured, std::string &error)
       break;
     case store_found::unusable:
       log_line(log_level::error, "store: " + why + "; it is kept as " + lines.put_aside());
-      create(lines, why);
+      create(lines, configured, why);
       break;
     }
     return note_taken_over(configured.old_journal_path, error) ? EXIT_OK : EXIT_STORE;

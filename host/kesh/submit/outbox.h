@@ -6,7 +6,8 @@
 ///   halves take twice the time of one.
 /// - The items of a client are in at most one payload under way, in their order.
 /// - Clients take turns, TURN_SIZE bytes each, until a payload is full. An item beyond its size goes alone.
-/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. Were it
+/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. Were
+/// it
 ///   only as many as the last one served, two halves of the clients would take turns for ever.
 /// - If a payload fails, what is open of it waits until nothing is under way, then goes out alone, in one payload, with
 ///   the next attempt. Nothing new goes out before that payload has ended well.
@@ -113,9 +114,9 @@ private:
     uint64_t id = 0;
     client_options options;
     std::deque<open_item> waiting;
-    size_t items = 0;      // without a result
-    size_t bytes = 0;      // of those
-    size_t under_way = 0;  // in a payload, and not applied
+    size_t items = 0;               // without a result
+    size_t bytes = 0;               // of those
+    size_t under_way = 0;           // in a payload, and not applied
     uint64_t payload = UINT64_MAX;  // ordinal of the last one that it had a turn in
     bool is_ready = false;
     bool is_gone = false;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -54,7 +55,7 @@ hello hello_of(uint32_t node, uint64_t number, uint32_t decision = 740)
   said.top = decision + 1;
   said.position = position_at(300);
   said.handled = true;
-  said.heard = {{1, 20, 739}, {3, 5, 0}};
+  said.heard = {{1, 20, 101, 739}, {3, 5, 103, 0}};
   return said;
 }
 
@@ -72,7 +73,7 @@ TEST(cluster_hello, is_this_text)
   const std::string text =
       R"({"build":10000,"checkpoint_hash":null,"cluster":"blue","complete":true,"decision":740,)"
       R"("generation":3,"handled":true,"hash":")" +
-      hash + R"(","heard":[[1,20,739],[3,5,0]],"ids":[7,0,9],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
+      hash + R"(","heard":[[1,20,101,739],[3,5,103,0]],"ids":[7,0,9],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
       R"("nodes":3,"number":7,"reason":"no \"leader\"","role":"leader","session":102,)" +
       R"("standing":"joined","store":1,)" + R"("top":741})";
   EXPECT_EQ(hello_encode(said), text);
@@ -82,12 +83,12 @@ TEST(cluster_hello, is_this_text)
 TEST(cluster_hello, fits_its_datagram_whatever_it_says)
 {
   hello said = hello_of(16, UINT64_MAX, UINT32_MAX - 1);
-  said.cluster.name = std::string(CLUSTER_NAME_MAX, '"');
-  said.cluster.generation = said.session = said.position.store = said.position.n = UINT64_MAX;
-  said.build = UINT32_MAX;
+  said.cluster.name = std::string(CLUSTER_NAME_MAX, 'x');
+  said.cluster.generation = said.position.store = said.position.n = UINT64_MAX;
+  said.build = said.session = UINT32_MAX;
   said.node_count = 16;
   said.role = node_role::isolated;
-  said.heard.assign(16, {16, UINT32_MAX, UINT32_MAX});
+  said.heard.assign(16, {16, UINT32_MAX, UINT32_MAX, UINT32_MAX});
   said.ids.emplace().fill(UINT32_MAX);
   for (const std::string &reason :
        {std::string(5000, '\x01'), std::string(5000, '\xff'), std::string(5000, 'x'), std::string("short")}) {
@@ -146,9 +147,10 @@ TEST(cluster_hello, hostile_bytes_are_dropped_as_a_whole)
                {"ids", nullptr, true},
                {"ids", {1, 2}, false},
                {"ids", {1, 2, -3}, false},
-               {"heard", {{1, 2}}, false},
-               {"heard", {{17, 2, 3}}, false},
-               {"heard", nlohmann::json(17, {1, 2, 3}), false},
+               {"heard", {{1, 2, 3}}, false},
+               {"heard", {{17, 2, 3, 4}}, false},
+               {"session", uint64_t{1} << 32, false},
+               {"heard", nlohmann::json(17, {1, 2, 3, 4}), false},
                {"later", std::string(HELLO_MAX, 'x'), false}};
   for (const auto &c : cases) {
     nlohmann::json changed = fields;
@@ -256,32 +258,60 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
 
 TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 {
-  peers heard(CLUSTER, 1, 101);
+  peers heard(CLUSTER, 3, 1, 101);
   EXPECT_EQ(heard.heard(hello_of(2, 5, 700), 1000), hello_kind::member);
   EXPECT_EQ(heard.heard(hello_of(2, 5, 900), 1001), hello_kind::old) << "doubled or overtaken";
   hello one = hello_of(2, 1, 690);
   one.session = 1;  // its daemon began anew
   EXPECT_EQ(heard.heard(one, 1200), hello_kind::member);
-  EXPECT_EQ(heard.lines(1500), (std::vector<heard_line>{{2, 300, 700}}));
+  EXPECT_EQ(heard.lines(1500), (std::vector<heard_line>{{2, 300, 1, 700}}));
+  EXPECT_EQ(heard.heard(hello_of(2, 6, 710), 1300), hello_kind::member) << "it overtakes";
+  one.number = 2;
+  one.decision = 720;
+  heard.heard(one, 1500);
+  EXPECT_EQ(heard.lines(1500), (std::vector<heard_line>{{2, 0, 1, 710}})) << "not what it told in this session";
 
   one = hello_of(3, 1, 2000);
   one.cluster.generation = 2;
-  one.heard = {{1, 0, 5000}};
+  one.heard = {{1, 0, 101, 5000}};
   EXPECT_EQ(heard.heard(one, 1500), hello_kind::other_generation);
-  EXPECT_EQ(heard.lines(1500)[1], (heard_line{3, 0, 0})) << "decisions of another life say nothing";
+  EXPECT_EQ(heard.lines(1500)[1], (heard_line{3, 0, 103, 0})) << "decisions of another life say nothing";
   one.cluster = {"red", CLUSTER.first_mac, 3};
   EXPECT_EQ(heard.heard(one, 1600), hello_kind::other_cluster);
   EXPECT_EQ(heard.stranger()->last, one);
+  one.cluster = CLUSTER;
+  one.node_count = 4;
+  EXPECT_EQ(heard.heard(one, 1600), hello_kind::other_cluster) << "its quorums are others";
   EXPECT_EQ(heard.heard(hello_of(1, 9), 1600), hello_kind::own);
-  one = hello_of(1, 9);
-  one.session = 77;
-  one.heard = {{1, 0, 5000}};
-  EXPECT_EQ(heard.heard(one, 1600), hello_kind::own_number);
-  EXPECT_EQ(heard.own_number_count(), 1u);
 
-  // Node 2 remembers decision 739 of this node; of those above only it may be believed.
+  // Node 2 had heard this session, and decision 739 of another one; of those above only it may be believed.
+  EXPECT_EQ(heard.echo_count(), 1u);
   EXPECT_EQ(heard.disk_went_back(739), std::nullopt);
   EXPECT_EQ(heard.disk_went_back(738), (lost_decisions{2, 739}));
+  one = hello_of(2, 7);
+  one.heard = {{1, 0, 99, 6000}};
+  heard.heard(one, 1700);
+  EXPECT_EQ(heard.disk_went_back(739), std::nullopt) << "said to another session";
+}
+
+// A node that was restarted may hear the last hellos of its own former session.
+TEST(cluster_peers, a_double_is_one_that_goes_on)
+{
+  peers heard(CLUSTER, 3, 1, 101);
+  hello one = hello_of(1, 9);
+  one.session = 77;
+  one.heard = {{1, 0, 101, 5000}};
+  for (int64_t at = 1000; at <= 6000; at += 1000) {
+    EXPECT_FALSE(heard.has_lasting_double(at));
+    EXPECT_EQ(heard.heard(one, at), hello_kind::own_number);
+    EXPECT_TRUE(heard.has_double(at));
+  }
+  EXPECT_EQ(heard.own_number_count(), 6u);
+  EXPECT_TRUE(heard.has_lasting_double(10999));
+  EXPECT_FALSE(heard.has_double(11000));
+  EXPECT_EQ(heard.heard(one, 11000), hello_kind::own_number);
+  EXPECT_FALSE(heard.has_lasting_double(11000));
+  EXPECT_EQ(heard.disk_went_back(0), std::nullopt) << "it is no other member";
 }
 
 TEST(cluster_lead, needs_every_reason)
@@ -292,11 +322,11 @@ TEST(cluster_lead, needs_every_reason)
     bool is_eligible;
     bool may_lead;
   } cases[] = {
-      {{master, true, true, false, false}, true, true},    {{backup, true, true, false, false}, true, false},
-      {{fault, true, true, false, false}, true, false},    {{stop, true, true, false, false}, true, false},
-      {{unknown, true, true, false, false}, true, false},  {{master, false, true, false, false}, true, false},
-      {{master, true, false, false, false}, false, false}, {{master, true, true, true, false}, false, false},
-      {{master, true, true, false, true}, false, false},   {{master, true, true, false, false, "new"}, false, false}};
+      {{master, true, true, false, ""}, true, true},       {{backup, true, true, false, ""}, true, false},
+      {{fault, true, true, false, ""}, true, false},       {{stop, true, true, false, ""}, true, false},
+      {{unknown, true, true, false, ""}, true, false},     {{master, false, true, false, ""}, true, false},
+      {{master, true, false, false, ""}, false, false},    {{master, true, true, true, ""}, false, false},
+      {{master, true, true, false, "back"}, false, false}, {{master, true, true, false, "", "new"}, false, false}};
   for (const auto &c : cases) {
     for (const auto &[answer, yes] : {std::pair(is_eligible(c.node), c.is_eligible), {may_lead(c.node), c.may_lead}}) {
       EXPECT_EQ(answer.yes, yes) << answer.reason;
@@ -337,6 +367,13 @@ TEST(cluster_state_file, is_never_half)
   reader.join();
   EXPECT_EQ(dir.read("state").back(), '\n');
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path(".")), {}), 1) << "nothing is left behind";
+  EXPECT_TRUE(step_down(path, error));
+  EXPECT_EQ(state_word_read(path), "BACKUP");
+  const std::string alone = dir.path(std::string(255, 's'));  // no temporary file can have a longer name
+  std::ofstream(alone) << "MASTER\n";
+  EXPECT_FALSE(state_word_write(alone, "BACKUP", error));
+  EXPECT_TRUE(step_down(alone, error));
+  EXPECT_EQ(state_word_read(alone), "");
   EXPECT_FALSE(state_word_write(dir.path("none/state"), "MASTER", error));
   EXPECT_EQ(error, dir.path("none/state") + ": No such file or directory");
 }
@@ -371,7 +408,7 @@ namespace
 
 /// Nodes of three whose hellos reach each other through the test.
 struct played_node {
-  played_node(uint32_t node, uint8_t history) : name(history)
+  played_node(uint32_t node, uint8_t history, uint32_t session) : name(history)
   {
     const auto facts = [this] {
       const std::lock_guard held(lock);
@@ -382,11 +419,13 @@ struct played_node {
       }
       own_facts now;
       now.decision = decision;
+      now.decision_at_start = 49;
       now.position = position_at(n, name, 200);
       return now;
     };
     const auto hash = [this](const told_position &, uint64_t at) { return std::optional(hash_of(at, name, 200)); };
     const auto send = [this](std::string_view bytes) {
+      const std::lock_guard held(lock);
       for (played_node *one : to) {
         one->service->receive(bytes);
       }
@@ -396,8 +435,13 @@ struct played_node {
       last = view;
       grown.notify_all();
     };
-    hello_settings settings{CLUSTER, 10000, 3, node, 100 + node, std::chrono::milliseconds(5)};
+    hello_settings settings{CLUSTER, 10000, 3, node, session, std::chrono::milliseconds(5)};
     service = std::make_unique<hello_service>(settings, hello_functions{facts, nullptr, hash, send, changed});
+  }
+  void connect(const std::vector<played_node *> &all)
+  {
+    const std::lock_guard held(lock);
+    to = all;
   }
   template <typename predicate>
   bool await(predicate reached)
@@ -422,9 +466,9 @@ struct played_node {
 
 TEST(cluster_hello_service, a_diverged_node_is_barred_and_one_whose_disk_went_back_is_told)
 {
-  played_node one(1, 0), two(2, 0), three(3, 4);
+  played_node one(1, 0, 101), two(2, 0, 102), three(3, 4, 103), again(2, 0, 202);
   for (played_node *from : {&one, &two, &three}) {
-    from->to = {&one, &two, &three};
+    from->connect({&one, &two, &three});
   }
   for (played_node *each : {&one, &two, &three}) {
     each->service->start();
@@ -445,12 +489,20 @@ TEST(cluster_hello_service, a_diverged_node_is_barred_and_one_whose_disk_went_ba
   EXPECT_TRUE(two.await([&] { return two.asked > 2; }));
   {
     const std::lock_guard held(two.lock);
-    two.decision = 49;
     two.is_failing = false;
   }
-  EXPECT_TRUE(two.await([&] { return two.last.disk_went_back.has_value(); }));
-  EXPECT_EQ(two.last.disk_went_back->decision, 50u);
-  for (played_node *each : {&one, &two, &three}) {
+  EXPECT_TRUE(two.await([&] { return two.last.echoes == 2; }));
+  EXPECT_FALSE(two.service->view().disk_went_back) << "it told decision 50 in this session";
+
+  // Its daemon begins anew, with the decision that it had at first.
+  two.service->stop();
+  for (played_node *from : {&one, &again, &three}) {
+    from->connect({&one, &again, &three});
+  }
+  again.service->start();
+  EXPECT_TRUE(again.await([&] { return again.last.disk_went_back.has_value(); }));
+  EXPECT_EQ(again.last.disk_went_back->decision, 50u);
+  for (played_node *each : {&one, &two, &three, &again}) {
     each->service->stop();
     each->service->receive("late");
   }

@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
+#include "../platform/scratch.h"
 #include "cluster/no_op_rule.h"
 #include "cluster/reform.h"
+#include "cluster/standing_file.h"
 #include "cluster/vote_filter.h"
 
 using namespace kesh;
@@ -15,7 +19,8 @@ namespace
 
 constexpr const char *IDENTITY = "blue, generation 3, 02:00:00:00:00:01";
 
-/// A hello as a word: NODE, its top, n for new, the id of node 1 that it knows (i12); ? for ids not looked up.
+/// A hello as a word: NODE, its top, n for new, f for reformed, the id of node 1 that it knows (i12), the one of its
+/// own that it handed out (h70); ? for ids not looked up.
 hello hello_of(const std::string &word)
 {
   const auto number_after = [&](char mark) {
@@ -26,9 +31,13 @@ hello hello_of(const std::string &word)
   said.node_count = 3;
   said.node = static_cast<uint32_t>(std::stoul(word));
   said.top = number_after('@');
-  said.stands = word.find('n') == std::string::npos ? standing::member : standing::is_new;
+  const size_t mark = word.find_first_of("nf");
+  said.stands = mark == std::string::npos ? standing::member
+                : word[mark] == 'n'       ? standing::is_new
+                                          : standing::reformed;
   if (word.find('?') == std::string::npos) {
-    said.ids = message_ids{number_after('i'), 0, 0};
+    said.ids.emplace()[said.node - 1] = number_after('h');
+    (*said.ids)[0] = number_after('i');
   }
   return said;
 }
@@ -38,7 +47,7 @@ hello hello_of(const std::string &word)
 // Node 1 of three is new. What it may have promised must not be decided behind its back.
 TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
 {
-  const newcomer::own at_740{true, true, 740, 1, 0};
+  const newcomer::own at_740{true, true, 740, 65536, 0}, low{true, true, 740, 1, 0};
   const struct {
     const char *what;
     const char *hellos;
@@ -54,15 +63,19 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
       {"its library does not run", "2@740 3@740", {false, true, 740, 1, 0}, "-"},
       {"a cluster that forms", "2@0n 3@0n", {true, true, 0, 1, 0}, "j"},
       {"forms, and one leads already", "2@0n 3@1", {true, true, 0, 1, 0}, "-"},
+      {"forms, and others are reformed", "2@0f 3@0n", {true, true, 0, 1, 0}, "-"},
+      {"others are reformed, and have begun", "2@3f 3@3", {true, true, 3, 65536, 0}, "m"},
+      {"another daemon has its number", "2@740 3@740", {true, true, 740, 65536, 0, "", true}, "-"},
       {"a majority forgot, and the third may have missed what it decided", "2@740 3@0n", at_740, "-"},
       {"also when one of it has learnt something since", "2@740 3@0n 3@740", at_740, "-"},
       {"used ids are not known yet", "2@740 3@740?", at_740, "-"},
-      {"one knows a used id", "2@740i12 3@740", at_740, "65548"},
-      {"one knew it before", "2@740i12 2@740? 3@740", at_740, "65548"},
+      {"no used id is known, which proves nothing", "2@740 3@740", low, "65536"},
+      {"one knows a used id", "2@740i12 3@740", low, "65548"},
+      {"one knew it before", "2@740i12 2@740? 3@740", low, "65548"},
       {"itself knows a higher one", "2@740i12 3@740", {true, true, 740, 1, 13}, "65549"},
       {"the last known id is not free", "2@740i12 3@740", {true, true, 740, 12, 0}, "65548"},
       {"its ids were raised", "2@740i12 3@740", {true, true, 740, 65548, 0}, "m"},
-      {"there is no room above", "2@740i4294967290 3@740", at_740, "4294967295"},
+      {"there is no room above", "2@740i4294967290 3@740", low, "4294967295"},
       {"its own number, and one above the count", "1@900 4@900 2@740 3@740", at_740, "m"},
   };
   for (const auto &c : cases) {
@@ -113,45 +126,71 @@ TEST(newcomer, does_not_lead_before_all_have_joined)
   EXPECT_EQ(alone.advance(nothing).becomes, standing::joined);
 }
 
-// A node that formed a cluster and was restarted before the first decision has nothing else to show. One that is new
-// stays so when it has learnt decisions.
-TEST(newcomer, its_file_tells_what_the_records_cannot)
+// What it held it may be asked for, and its word would make it lost.
+TEST(newcomer, never_says_that_it_lacks_what_it_may_have_held)
 {
-  const std::string joined = standing_text(standing::joined, IDENTITY);
-  EXPECT_EQ(joined, std::string("joined\n") + IDENTITY + "\n");
-  const struct {
-    std::string text;
-    bool has_past;
-    standing found;
-  } cases[] = {{"", false, standing::is_new},
-               {"", true, standing::member},
-               {joined, false, standing::joined},
-               {standing_text(standing::is_new, IDENTITY), true, standing::is_new},
-               {standing_text(standing::member, IDENTITY), false, standing::member},
-               {standing_text(standing::member, "blue, generation 2"), false, standing::is_new},
-               {joined.substr(0, joined.size() - 1), false, standing::is_new},
-               {"king\n" + std::string(IDENTITY) + "\n", false, standing::is_new}};
-  for (const auto &c : cases) {
-    EXPECT_EQ(standing_at_start(standing_read(c.text, IDENTITY), c.has_past), c.found) << c.text;
+  newcomer node(3, 1);
+  node.begin(standing::is_new);
+  for (const char *word : {"2@740h70", "3@740?", "3@740h80", "2@740h75"}) {
+    node.heard(hello_of(word));
   }
-}
+  const auto next = node.advance({true, true, 740, 65536, 0});
+  ASSERT_EQ(next.becomes, standing::member);
+  EXPECT_EQ(next.held, (message_ids{65536, 70, 80}));
 
-TEST(newcomer, takes_no_part_in_votes)
-{
   vote_filter filter(7, 9);
+  filter.hold_missing(next.held);
   const std::vector<uint8_t> question = {0, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0};
-  const std::vector<uint8_t> missing = {4, 0, 1, 2, 1, 0, 0, 0}, complete = {3, 0, 1, 2, 1, 0, 0, 0}, cut = {4};
+  const std::vector<uint8_t> held = {4, 0, 3, 2, 70, 0, 0, 0}, later = {4, 0, 3, 2, 71, 0, 0, 0};
+  const std::vector<uint8_t> complete = {3, 0, 3, 2, 1, 0, 0, 0}, cut = {4, 0, 3}, nobody = {4, 0, 3, 99, 1, 0, 0, 0};
   for (const bool passes : {false, true}) {
     filter.let_votes_pass(passes);
     EXPECT_EQ(filter.lets_in({3, 0, 7, 9, question}), passes);
     EXPECT_TRUE(filter.lets_in({4, 0, 7, 9, question}));
-    EXPECT_TRUE(filter.lets_in({5, 0, 7, 9, missing}));
-    EXPECT_EQ(filter.lets_out({5, 0, 7, 9, missing}), passes);
-    EXPECT_TRUE(filter.lets_out({5, 0, 7, 9, complete}));
-    EXPECT_TRUE(filter.lets_out({5, 0, 7, 9, cut}));
-    EXPECT_TRUE(filter.lets_out({4, 0, 7, 9, missing}));
+    EXPECT_TRUE(filter.lets_out({4, 0, 7, 9, held}));
+    for (const auto lets : {&vote_filter::lets_in, &vote_filter::lets_out}) {
+      EXPECT_FALSE((filter.*lets)({5, 0, 7, 9, held}));
+      EXPECT_EQ((filter.*lets)({5, 0, 7, 9, later}), passes);
+      EXPECT_EQ((filter.*lets)({5, 0, 7, 9, nobody}), passes);
+      EXPECT_TRUE((filter.*lets)({5, 0, 7, 9, complete}));
+      EXPECT_TRUE((filter.*lets)({5, 0, 7, 9, cut}));
+    }
   }
   EXPECT_EQ(filter.watch().greatest(), 5u) << "it is seen all the same";
+}
+
+// A node that formed a cluster and was restarted before the first decision has nothing else to show. One that is new
+// stays so when it has learnt decisions.
+TEST(newcomer, its_file_tells_what_the_records_cannot)
+{
+  const cluster_identity blue{"blue", "02:00:00:00:00:01", 3};
+  const scratch dir;
+  const standing_file file(dir.path("."), blue);
+  std::string error;
+  EXPECT_EQ(file.read(error), std::nullopt);
+  EXPECT_EQ(error, "") << "absent";
+  const kept_standing joined{standing::joined, {0, 70, 80}};
+  ASSERT_TRUE(file.write(joined, error)) << error;
+  const std::string text = dir.read("kesh.standing");
+  EXPECT_EQ(text, std::string("joined\n") + IDENTITY + "\n0 70 80 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
+  EXPECT_EQ(file.read(error), joined);
+  EXPECT_EQ(standing_read(text, "blue, generation 2"), std::nullopt);
+  for (size_t cut = 0; cut < text.size(); ++cut) {
+    EXPECT_EQ(standing_read(text.substr(0, cut), IDENTITY), std::nullopt);
+  }
+  std::ofstream(dir.path("kesh.standing")) << "king" << text.substr(text.find('\n'));
+  EXPECT_EQ(file.read(error), std::nullopt);
+  EXPECT_NE(error, "");
+  std::filesystem::remove(dir.path("kesh.standing"));
+  std::filesystem::create_directory(dir.path("kesh.standing"));
+  EXPECT_EQ(file.read(error), std::nullopt);
+  EXPECT_NE(error, "");
+
+  EXPECT_EQ(standing_at_start(std::nullopt, false), standing::is_new);
+  EXPECT_EQ(standing_at_start(std::nullopt, true), standing::member);
+  for (const standing kept : {standing::is_new, standing::joined, standing::member, standing::reformed}) {
+    EXPECT_EQ(standing_at_start(kept, kept == standing::is_new), kept);
+  }
 }
 
 TEST(no_op_rule, orders_for_those_in_need_and_not_for_ever)
@@ -203,6 +242,10 @@ TEST(no_op_rule, orders_for_those_in_need_and_not_for_ever)
     rule.ordered();
   }
   EXPECT_FALSE(rule.wants(view, own, 1000)) << "that many would have begun a log";
+  view.peers.push_back(waits);
+  view.peers[1].last.node = 3;
+  EXPECT_TRUE(rule.wants(view, own, 1000)) << "each node has its own count";
+  EXPECT_TRUE(rule.wants(view, own, 1000 + no_op_rule::AGAIN_MS)) << "it may have been a disk that was full";
   view.peers = {good};
   EXPECT_FALSE(rule.wants(view, own, 1000));
   view.peers = {waits};
@@ -249,7 +292,7 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
     std::vector<reform_voice> voices;
     const char *obstacle;  // part of it; empty: none
   } cases[] = {
-      {"alone", {}, "has heard 0 other nodes"},
+      {"alone", {}, "it has heard 1 of 3 nodes with itself, and 2 have to"},
       {"equal", {voice_of(2, 600)}, ""},
       {"behind", {voice_of(2, 500), voice_of(3, 600)}, ""},
       {"ahead", {voice_of(2, 601)}, "node 2 has applied more, 601"},
@@ -258,8 +301,8 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
       {"another one behind", {voice_of(2, 500, 500)}, "another history, seen at payload 500"},
       {"another one ahead", {voice_of(2, 700, 500)}, "another history, seen at payload 512"},
       {"another one, beside an equal one", {voice_of(2, 600), voice_of(3, 500, 400)}, "node 3 has another history"},
-      {"one that waits for a state", {incomplete}, "has heard 0 other nodes"},
-      {"one that lost its disk", {without_disk}, "has heard 0 other nodes"},
+      {"one that waits for a state", {incomplete}, "1 of 3 nodes have their store, and 2 have to"},
+      {"one that lost its disk", {without_disk}, "it has heard 1 of 3 nodes"},
       {"one has begun", {begun}, "node 2 has begun"},
       {"one had begun and is gone", {gone, voice_of(3, 600)}, ""},
   };
@@ -270,6 +313,8 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
     EXPECT_EQ(obstacle.empty(), *c.obstacle == '\0') << obstacle;
     EXPECT_NE(obstacle.find(c.obstacle), std::string::npos) << obstacle;
   }
+  EXPECT_EQ(reform_obstacle(2, voice_of(1, 600).said, {incomplete}, own_hash), "")
+      << "both were needed for whatever was acknowledged, so one store has it all";
 }
 
 // The log of a new generation begins with new ids: rows of the one before name the same nodes.
