@@ -1,0 +1,271 @@
+#include "oracle.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "bytes_hash.h"
+
+namespace sim
+{
+
+namespace
+{
+
+constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
+constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
+constexpr const char *REGISTER_FILE = "/flashdisk/cons/rb_reg.";
+
+constexpr uint32_t WRITE_REQ = 3;
+constexpr uint32_t READ_ACK = 1;
+constexpr uint32_t WRITE_ACK = 4;
+
+uint8_t filler(uint32_t id, uint32_t at)
+{
+  return static_cast<uint8_t>(id * 31 + at * 7 + (at >> 8));
+}
+
+}  // namespace
+
+std::vector<uint8_t> submission_bytes(const submission &one)
+{
+  std::vector<uint8_t> bytes(one.length);
+  for (uint32_t i = 0; i < one.length; ++i) {
+    bytes[i] = i < 4 ? static_cast<uint8_t>(one.id >> 8 * i) : filler(one.id, i);
+  }
+  return bytes;
+}
+
+submission &oracle::call(uint32_t node, uint32_t length, int64_t now_us)
+{
+  auto made = std::make_unique<submission>();
+  made->id = static_cast<uint32_t>(submissions_.size() + 1);
+  made->node = node;
+  made->length = std::max(length, 4u);
+  made->called_us = now_us;
+  made->floor = acknowledged_top_;
+  submissions_.push_back(std::move(made));
+  return *submissions_.back();
+}
+
+void oracle::returned(submission &one, int result, const application &app, int64_t now_us)
+{
+  one.returned_us = now_us;
+  one.result = result;
+  if (result != 0) {
+    return;
+  }
+  ++acknowledged_;
+  if (lost_ != 0 && !is_durable_) {
+    return;
+  }
+  const auto at = place_.find(one.id);
+  if (at == place_.end()) {
+    report_("acknowledged", one.node, "submission " + std::to_string(one.id) + " returned 0, and no node has delivered it");
+    return;
+  }
+  if (static_cast<int64_t>(app.history.size()) <= at->second) {
+    report_("acknowledged", one.node,
+            "submission " + std::to_string(one.id) + " returned 0, and this node has not delivered it");
+  }
+  acknowledged_top_ = std::max(acknowledged_top_, at->second);
+}
+
+void oracle::delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bool may_repeat)
+{
+  const uint32_t id = length >= 4 ? get_u32(bytes) : 0;
+  if (id == 0 || id > submissions_.size()) {
+    report_("integrity", node.number, "delivered " + std::to_string(length) + " bytes that nobody submitted");
+    return;
+  }
+  const submission &one = *submissions_[id - 1];
+  bool is_whole = length == one.length;
+  for (uint32_t i = 4; is_whole && i < length; ++i) {
+    is_whole = bytes[i] == filler(id, i);
+  }
+  if (!is_whole) {
+    report_("integrity", node.number, "submission " + std::to_string(id) + " was delivered with other bytes");
+  }
+  std::vector<uint32_t> &history = node.app.history;
+  if (may_repeat && !history.empty() && history.back() == id) {
+    return;
+  }
+  if (lost_ != 0 && !is_durable_) {
+    history.push_back(id);
+    return;
+  }
+  if (history.size() < order_.size()) {
+    if (order_[history.size()] != id) {
+      report_("agreement", node.number,
+              "delivered submission " + std::to_string(id) + " at place " + std::to_string(history.size()) +
+                  ", where others have " + std::to_string(order_[history.size()]));
+    }
+  } else {
+    const auto place = static_cast<int64_t>(order_.size());
+    if (!place_.emplace(id, place).second) {
+      report_("integrity", node.number, "submission " + std::to_string(id) + " was delivered twice: at places " +
+                                            std::to_string(place_[id]) + " and " + std::to_string(place));
+    }
+    if (place <= one.floor) {
+      report_("real time", node.number, "submission " + std::to_string(id) + " is at place " + std::to_string(place) +
+                                            "; when it was called, place " + std::to_string(one.floor) +
+                                            " had been acknowledged");
+    }
+    order_.push_back(id);
+  }
+  history.push_back(id);
+}
+
+void oracle::state_adopted(const sim_node &node, const std::vector<uint32_t> &history)
+{
+  if (lost_ != 0 && !is_durable_) {
+    return;
+  }
+  if (history.size() > order_.size() || !std::equal(history.begin(), history.end(), order_.begin())) {
+    report_("agreement", node.number, "adopted a state that is no beginning of the order");
+  }
+}
+
+void oracle::check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where)
+{
+  const auto [at, is_first] = decisions_.emplace(number, hash_of(log));
+  const bool is_same = at->second == hash_of(log);
+  if (!is_same && (is_durable_ || lost_ == 0)) {
+    report_("decision", node, "decision " + std::to_string(number) + " has another log " + where);
+  }
+  if (is_first && log.size() >= 9) {
+    states_.emplace(hash_of(log.substr(4, 5)), 0);
+  }
+}
+
+void oracle::check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes)
+{
+  if (bytes.size() < 12) {
+    report_("numbers", node.number, "the file of register " + std::to_string(id) + " is too short");
+    return;
+  }
+  auto &[promised, accepted] = nodes_[node.number].registers[id];
+  const uint32_t read_round = get_u32(bytes.data());
+  const uint32_t write_round = get_u32(bytes.data() + 4);
+  if (read_round < promised || write_round < accepted) {
+    report_("promise", node.number,
+            "register " + std::to_string(id) + " went back: promised " + std::to_string(promised) + ", now " +
+                std::to_string(read_round) + "; accepted " + std::to_string(accepted) + ", now " +
+                std::to_string(write_round));
+  }
+  promised = read_round;
+  accepted = write_round;
+}
+
+void oracle::record_saved(const sim_node &node, const std::string &path, const file_bytes &bytes)
+{
+  node_numbers &own = nodes_[node.number];
+  if (path == DECIDE_FILE && bytes.size() == 1258) {
+    const uint32_t number = get_u32(bytes.data());
+    if (number < own.decision) {
+      report_("numbers", node.number, "paxos_decide fell from " + std::to_string(own.decision) + " to " + std::to_string(number));
+    }
+    own.decision = number;
+    if (number != 0) {
+      const size_t used = 4 + 5 * std::min<size_t>(get_u32(bytes.data() + 4), 250);
+      check_decision(node.number, number, {reinterpret_cast<const char *>(bytes.data()) + 4, used}, "in paxos_decide");
+      own.registers.erase(own.registers.begin(), own.registers.upper_bound(number));
+    }
+  } else if (path == MSG_ID_FILE && bytes.size() == 4) {
+    const uint32_t id = get_u32(bytes.data());
+    if (id < own.msg_id) {
+      report_("numbers", node.number, "msg_id fell from " + std::to_string(own.msg_id) + " to " + std::to_string(id));
+    }
+    own.msg_id = id;
+  } else if (uint32_t id = 0; path.starts_with(REGISTER_FILE) &&
+                              std::sscanf(path.c_str(), "/flashdisk/cons/rb_reg.%u", &id) == 1) {
+    check_register_saved(node, id, bytes);
+  }
+}
+
+void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
+{
+  if (node.run->was_stopped && (channel == 4 || channel == 5)) {
+    report_("silence", node.number, "a stopped library sends on channel " + std::to_string(channel));
+  }
+  const uint8_t *const payload = one->data() + ENVELOPE_BYTES;
+  const size_t size = one->size() - ENVELOPE_BYTES;
+  if (channel == 4 && size == 1268 && get_u32(payload) == 0) {
+    const size_t used = 4 + 5 * std::min<size_t>(get_u32(payload + 13), 250);
+    check_decision(node.number, get_u32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used}, "in a datagram");
+  }
+  if (channel != 3 || size < 12) {
+    return;
+  }
+  const uint32_t type = get_u32(payload);
+  const uint32_t id = get_u32(payload + 4);
+  const uint32_t round = get_u32(payload + 8);
+  const auto check_value = [&](uint32_t of_round, size_t at) {
+    const uint64_t hash = hash_of({reinterpret_cast<const char *>(payload) + at, size - at});
+    if (round_values_.emplace(std::pair{id, of_round}, hash).first->second != hash) {
+      report_("round", node.number,
+              "register " + std::to_string(id) + " has two values of round " + std::to_string(of_round));
+    }
+  };
+  if (type == WRITE_REQ && size >= 16) {
+    check_value(round, 16);
+  } else if (type == READ_ACK && size > 20) {
+    check_value(get_u32(payload + 12), 20);
+  }
+  // What is answered has been saved before.
+  const auto saved = nodes_[node.number].registers.find(id);
+  const uint32_t promised = saved == nodes_[node.number].registers.end() ? 0 : saved->second.first;
+  const uint32_t accepted = saved == nodes_[node.number].registers.end() ? 0 : saved->second.second;
+  if (id > nodes_[node.number].decision &&
+      ((type == READ_ACK && promised < round) || (type == WRITE_ACK && accepted < round))) {
+    report_("promise", node.number, "register " + std::to_string(id) + ": round " + std::to_string(round) +
+                                        " is acknowledged, but not saved");
+  }
+}
+
+void oracle::log_line(const sim_node &, std::string_view text)
+{
+  if (text.find("data lost - skipped") != std::string_view::npos) {
+    ++lost_;
+  }
+}
+
+void oracle::disk_went_back(const sim_node &node)
+{
+  node_numbers &own = nodes_[node.number];
+  own = {};
+  const auto number_in = [&](const char *path) {
+    const sim_disk::file_ptr file = node.disk.find(path);
+    return file != nullptr && file->bytes.size() >= 4 ? get_u32(file->bytes.data()) : 0;
+  };
+  own.decision = number_in(DECIDE_FILE);
+  own.msg_id = number_in(MSG_ID_FILE);
+  for (const std::string &name : node.disk.list("/flashdisk/cons")) {
+    uint32_t id = 0;
+    char rest = 0;
+    if (std::sscanf(name.c_str(), "rb_reg.%u%c", &id, &rest) == 1) {
+      const sim_disk::file_ptr file = node.disk.find("/flashdisk/cons/" + name);
+      if (file->bytes.size() >= 12) {
+        own.registers[id] = {get_u32(file->bytes.data()), get_u32(file->bytes.data() + 4)};
+      }
+    }
+  }
+}
+
+bool oracle::is_healed(const std::vector<std::unique_ptr<sim_node>> &all, std::string &why) const
+{
+  for (const std::unique_ptr<sim_node> &one : all) {
+    if (lost_ == 0 || is_durable_) {
+      if (one->app.history.size() != order_.size()) {
+        why = "node " + std::to_string(one->number) + " has " + std::to_string(one->app.history.size()) + " of " +
+              std::to_string(order_.size()) + " submissions";
+        return false;
+      }
+    } else if (one->app.history.back() != all.front()->app.history.back()) {
+      why = "node " + std::to_string(one->number) + " does not end as node 1";
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace sim

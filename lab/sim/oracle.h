@@ -1,0 +1,102 @@
+/// What must hold, checked while it happens.
+///
+///   agreement    all nodes deliver the same submissions in the same order
+///   integrity    what is delivered was submitted, whole, and no more than once
+///   real time    what was acknowledged before another call began is delivered before it
+///   acknowledged what was acknowledged is in the order, and its node has it
+///   decision     one decision number has one log, on every disk and in every datagram
+///   round        one round of a register carries one value
+///   promise      an acceptor never answers below what it promised, nor forgets what it accepted
+///   numbers      in a node's files no number falls
+///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
+///   verdict      stop returns in time, and so do calls after it
+///   waiting      no thread waits for a mutex for ever; after cleanup no thread is left
+///
+/// Without durable payloads a payload may be lost with the processes that held it: the library says so in its log. From
+/// then on order and loss are not judged in this run.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "sim_node.h"
+
+namespace sim
+{
+
+/// One call of vx_cons_distribute.
+struct submission {
+  uint32_t id = 0;
+  uint32_t node = 0;
+  uint32_t length = 0;
+  int64_t called_us = 0;
+  int64_t returned_us = -1;
+  int result = 1;
+  int64_t floor = -1;  ///< what has been acknowledged when it was called has places up to this
+};
+
+/// The bytes of a submission: its id, then bytes that depend on it.
+std::vector<uint8_t> submission_bytes(const submission &one);
+
+class oracle
+{
+public:
+  using violated = std::function<void(const std::string &invariant, uint32_t node, const std::string &what)>;
+
+  oracle(uint32_t nodes, bool is_durable, violated report) : is_durable_(is_durable), report_(std::move(report)), nodes_(nodes + 1) {}
+
+  submission &call(uint32_t node, uint32_t length, int64_t now_us);
+  void returned(submission &one, int result, const application &app, int64_t now_us);
+
+  /// A deliver hook runs: `bytes` of a submission. Appends to the history, unless it is the last one once more.
+  void delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bool may_repeat);
+  /// All types of a full state have come.
+  void state_adopted(const sim_node &node, const std::vector<uint32_t> &history);
+
+  void record_saved(const sim_node &node, const std::string &path, const file_bytes &bytes);
+  void sent(const sim_node &node, uint32_t channel, const datagram &one);
+  void log_line(const sim_node &node, std::string_view text);
+  /// What is on its disk is less than was saved: the power was cut before a sync, or the disk was lost.
+  void disk_went_back(const sim_node &node);
+
+  /// After healing: whether all are equal and have what was acknowledged. If not, `why` tells.
+  bool is_healed(const std::vector<std::unique_ptr<sim_node>> &all, std::string &why) const;
+
+  const std::vector<uint32_t> &order() const { return order_; }
+  const std::map<uint32_t, uint64_t> &decisions() const { return decisions_; }
+  uint32_t top_decision() const { return decisions_.empty() ? 0 : decisions_.rbegin()->first; }
+  uint64_t acknowledged() const { return acknowledged_; }
+  uint64_t lost() const { return lost_; }
+  uint64_t roll_overs() const { return states_.size(); }
+  void break_promise(const std::string &invariant, uint32_t node, const std::string &what) { report_(invariant, node, what); }
+
+private:
+  struct node_numbers {
+    uint32_t decision = 0;
+    uint32_t msg_id = 0;
+    std::map<uint32_t, std::pair<uint32_t, uint32_t>> registers;  // id: promised round, accepted round
+  };
+
+  void check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where);
+  void check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes);
+
+  bool is_durable_;
+  violated report_;
+  std::vector<std::unique_ptr<submission>> submissions_;
+  std::vector<uint32_t> order_;
+  std::unordered_map<uint32_t, int64_t> place_;  // of a submission in the order
+  int64_t acknowledged_top_ = -1;
+  uint64_t acknowledged_ = 0;
+  uint64_t lost_ = 0;
+  std::map<uint32_t, uint64_t> decisions_;
+  std::map<std::pair<uint32_t, uint32_t>, uint64_t> round_values_;
+  std::map<uint64_t, int> states_;  // first entries of logs
+  std::vector<node_numbers> nodes_;
+};
+
+}  // namespace sim

@@ -1,0 +1,319 @@
+#include "world.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "bytes_hash.h"
+
+namespace sim
+{
+
+namespace
+{
+
+constexpr int64_t S = 1'000'000;
+constexpr int64_t LOOK_EVERY_US = 20'000;
+constexpr int64_t HEAL_LIMIT_US = 120 * S;
+constexpr int64_t STALL_LIMIT_US = 120 * S;
+constexpr int64_t RUN_LIMIT_US = 3600 * S;
+
+load drawn_load(draw &choices, const run_options &options)
+{
+  load is;
+  is.submitters = options.submitters != 0 ? options.submitters : static_cast<uint32_t>(choices.between(1, 3));
+  is.think_us = choices.spread(200, 20'000);
+  is.length_max = choices.once_in(4) ? 9000 : 200;
+  return is;
+}
+
+}  // namespace
+
+world::world(const run_options &options, const library_image &image)
+    : options_(options),
+      log_(options.nodes, options.trace),
+      clock_(options.seed, options.how, log_),
+      judge_(options.nodes, options.is_durable,
+             [this](const std::string &invariant, uint32_t node, const std::string &what) { report(invariant, node, what); }),
+      network_(options.seed, clock_, options.nodes,
+               [this](uint32_t to, uint32_t channel, const datagram &one) {
+                 sim_node &node = *nodes_[to - 1];
+                 if (channel == 3 && one->size() >= ENVELOPE_BYTES + 8) {
+                   node.asked_for = std::max(node.asked_for, get_u32(one->data() + ENVELOPE_BYTES + 4));
+                 }
+                 if (node.run != nullptr && node_host::passes(node, channel, one) &&
+                     node.run->inbox[channel - FIRST_CHANNEL].size() < 4000) {
+                   std::deque<datagram> &inbox = node.run->inbox[channel - FIRST_CHANNEL];
+                   inbox.push_back(one);
+                   clock_.wake_all(node.run.get(), &inbox);
+                 }
+               }),
+      host_(image, options.copies, options.nodes, options.is_durable),
+      choices_(options.seed, 4)
+{
+  host_.work = drawn_load(choices_, options);
+  for (uint32_t number = 1; number <= options.nodes; ++number) {
+    auto made = std::make_unique<sim_node>();
+    made->number = number;
+    made->choices = draw(options.seed, 100 + number);
+    made->state_bytes = static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.below(100));
+    nodes_.push_back(std::move(made));
+  }
+  plan_ = plan_of(options.seed, options.decisions, options.faults);
+  clock_.on_dead_end = [this](const std::string &why) {
+    const process *const owner = clock_.self().owner;
+    report("waiting", owner != nullptr ? owner->node : 0, why);
+  };
+  sim_context = {.log = &log_, .clock = &clock_, .network = &network_, .judge = &judge_, .crash = [this](sim_node &node) {
+                   if (std::exchange(node.dies_with_power, false)) {
+                     cut_power(node, node.stays_down_us);
+                   } else {
+                     crash(node, node.stays_down_us);
+                   }
+                 }};
+}
+
+uint32_t world::master() const
+{
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    if (one->vrrp == "MASTER") {
+      return one->number;
+    }
+  }
+  return 0;
+}
+
+void world::set_masters(const std::vector<uint32_t> &numbers)
+{
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    const bool leads = std::find(numbers.begin(), numbers.end(), one->number) != numbers.end();
+    node_host::set_vrrp(*one, leads ? "MASTER" : "BACKUP");
+  }
+}
+
+void world::restart_later(sim_node &node, int64_t down_us)
+{
+  clock_.at(clock_.now_us() + down_us, [this, &node] {
+    if (node.run == nullptr) {
+      host_.start_process(node);
+    }
+  });
+}
+
+void world::crash(sim_node &node, int64_t down_us)
+{
+  node_host::kill_process(node);
+  restart_later(node, down_us);
+}
+
+void world::cut_power(sim_node &node, int64_t down_us)
+{
+  node_host::kill_process(node);
+  const std::string state = node.vrrp;
+  node.disk.cut_power(node.choices);
+  judge_.disk_went_back(node);
+  node_host::set_vrrp(node, state);
+  restart_later(node, down_us);
+}
+
+// Two disks lost at once are more than the promise covers.
+bool world::may_lose_disk(const sim_node &node) const
+{
+  return node.is_configured && std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
+           return !one->is_new && one->is_configured;
+         });
+}
+
+void world::lose_disk(sim_node &node, int64_t down_us)
+{
+  const sim_disk::file_ptr ids = node.disk.find("/flashdisk/cons/msg_id");
+  node.ids_before = ids != nullptr && ids->bytes.size() >= 4 ? get_u32(ids->bytes.data()) : 0;
+  node_host::kill_process(node);
+  host_.begin_anew(node);
+  judge_.disk_went_back(node);
+  restart_later(node, down_us);
+}
+
+void world::report(const std::string &invariant, uint32_t node, const std::string &what)
+{
+  run_result so_far = result();
+  so_far.is_violated = true;
+  std::snprintf(so_far.invariant, sizeof so_far.invariant, "%s", invariant.c_str());
+  std::fprintf(stderr, "violated: %s, node %u, step %llu: %s\n", invariant.c_str(), node,
+               static_cast<unsigned long long>(clock_.steps()), what.c_str());
+  for (const std::string &one : done_) {
+    std::fprintf(stderr, "  fault %s\n", one.c_str());
+  }
+  log_.print_last(stderr);
+  if (options_.trace != nullptr) {
+    std::fflush(options_.trace);
+  }
+  ended(so_far);
+  std::abort();
+}
+
+run_result world::result() const
+{
+  run_result so_far;
+  so_far.decisions = judge_.top_decision();
+  so_far.steps = clock_.steps();
+  so_far.hand_overs = clock_.hand_overs();
+  so_far.hash = log_.hash();
+  so_far.acknowledged = judge_.acknowledged();
+  so_far.lost = judge_.lost();
+  so_far.roll_overs = judge_.roll_overs();
+  so_far.virtual_us = clock_.now_us();
+  so_far.faults_done = static_cast<uint32_t>(done_.size());
+  return so_far;
+}
+
+// As an operator, or a supervisor, does: a service that ended by itself is started again.
+void world::look_after()
+{
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    host_.learn(*one, nodes_);
+    node_run *const run = one->run.get();
+    if (run != nullptr && run->is_started && !run->is_paused && !is_active(*run)) {
+      run->is_started = false;
+      say(one->number, "is isolated, and will be started again");
+      clock_.at(clock_.now_us() + one->choices.between(1, 2 * S), [this, &node = *one, run] {
+        if (node.run.get() == run) {
+          host_.start_service(node);
+        }
+      });
+    }
+  }
+}
+
+void world::do_faults()
+{
+  while (next_fault_ < plan_.size() && plan_[next_fault_].at_decision <= judge_.top_decision()) {
+    const size_t index = next_fault_++;
+    const planned_fault &one = plan_[index];
+    if (std::find(options_.left_out.begin(), options_.left_out.end(), index) != options_.left_out.end()) {
+      continue;
+    }
+    char text[120];
+    std::snprintf(text, sizeof text, "%zu: %s at decision %u, %lld us", index, one.kind->name, judge_.top_decision(),
+                  static_cast<long long>(one.duration_us));
+    done_.emplace_back(text);
+    say(0, text);
+    draw choices(one.stream, 5);
+    if (const undo back = one.kind->begin(*this, choices, one.duration_us)) {
+      clock_.at(clock_.now_us() + one.duration_us, [this, index, back] {
+        if (!is_healing_) {
+          say(0, "end of " + std::to_string(index));
+          back();
+        }
+      });
+      undos_.push_back(back);
+    }
+  }
+}
+
+bool world::wait_until(const std::function<bool()> &holds, int64_t limit_us)
+{
+  const int64_t until_us = clock_.now_us() + limit_us;
+  while (!holds()) {
+    if (clock_.now_us() > until_us) {
+      return false;
+    }
+    clock_.sleep_for(LOOK_EVERY_US, "world");
+    look_after();
+  }
+  return true;
+}
+
+void world::heal()
+{
+  is_healing_ = true;
+  say(0, "healing");
+  for (const undo &back : undos_) {
+    back();
+  }
+  network_.heal();
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    one->disk.stall_us = 0;
+    std::fill(std::begin(one->disk.failures), std::end(one->disk.failures), sim_disk::failure{});
+    one->dies_at_operation = 0;
+  }
+  host_.work.think_us = 300'000;
+  const auto may_lead = [](const std::unique_ptr<sim_node> &one) { return !one->is_new; };
+  set_masters({(*std::find_if(nodes_.begin(), nodes_.end(), may_lead))->number});
+  std::string why = "a node is not active";
+  const auto all_active = [this, &why] {
+    return std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
+      why = "node " + std::to_string(one->number) + " is not active";
+      if (one->run != nullptr && !one->run->is_started && !one->run->is_starting) {
+        host_.start_service(*one);
+      }
+      return one->run != nullptr && one->run->is_started && !one->is_new;
+    });
+  };
+  if (!wait_until(all_active, HEAL_LIMIT_US)) {
+    report("healing", 0, why);
+  }
+  // A submission of each node, begun now, comes back.
+  const uint64_t before = judge_.acknowledged();
+  const auto orders = [this, before, &why] {
+    why = "only " + std::to_string(judge_.acknowledged() - before) + " submissions were acknowledged";
+    return judge_.acknowledged() >= before + 3 * nodes_.size();
+  };
+  if (!wait_until(orders, HEAL_LIMIT_US)) {
+    report("healing", 0, why);
+  }
+  host_.work.is_on = false;
+  if (!wait_until([this, &why] { return judge_.is_healed(nodes_, why); }, HEAL_LIMIT_US)) {
+    report("healing", 0, why);
+  }
+}
+
+void world::end_service()
+{
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    host_.stop_service(*one);
+  }
+  clock_.sleep_for(8 * S, "world");
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    if (!one->run->was_stopped) {
+      report("verdict", one->number, "stop does not return");
+    }
+    host_.clean_up_service(*one);
+  }
+  clock_.sleep_for(8 * S, "world");
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    if (one->run->is_initialised) {
+      report("verdict", one->number, "cleanup does not return");
+    }
+  }
+}
+
+run_result world::run()
+{
+  clock_.adopt_main();
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    node_host::set_vrrp(*one, one->number == 1 ? "MASTER" : "BACKUP");
+    host_.start_process(*one);
+  }
+  uint32_t last = 0;
+  int64_t progress_us = 0;
+  while (judge_.top_decision() < options_.decisions || next_fault_ < plan_.size()) {
+    clock_.sleep_for(LOOK_EVERY_US / 20, "world");
+    do_faults();
+    look_after();
+    if (judge_.top_decision() != last) {
+      last = judge_.top_decision();
+      progress_us = clock_.now_us();
+    }
+    if (clock_.now_us() - progress_us > STALL_LIMIT_US || clock_.now_us() > RUN_LIMIT_US) {
+      say(0, "no progress");
+      break;  // healing shows whether it comes back
+    }
+  }
+  heal();
+  end_service();
+  run_result all = result();
+  return all;
+}
+
+}  // namespace sim
