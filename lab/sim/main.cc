@@ -90,13 +90,15 @@ std::string command_of(const run_options &one)
   std::string text = "vx-sim --seed " + std::to_string(one.seed) + " --nodes " + std::to_string(one.nodes) +
                      " --steps " + std::to_string(one.decisions) + (one.is_durable ? "" : " --payloads memory") +
                      " --policy " + (one.how == sim::policy::pct ? "pct" : "uniform");
+  std::vector<std::string> all;
+  names_of("all", one.is_durable, all);
   std::string names;
   for (const std::string &name : one.faults) {
     names += (names.empty() ? "" : ",") + name;
   }
-  text += " --faults " + (names.empty() ? "none" : names);
+  text += one.faults == all ? "" : " --faults " + (names.empty() ? "none" : names);
   for (const uint32_t index : one.left_out) {
-    text += " --leave-out " + std::to_string(index);
+    text += (index == one.left_out.front() ? " --leave-out " : ",") + std::to_string(index);
   }
   if (one.submitters != 0) {
     text += " --submitters " + std::to_string(one.submitters);
@@ -173,7 +175,7 @@ int main(int argc, char **argv)
   app.add_option("--policy", given.policy, "which thread goes on: uniform, pct, both by turns")
       ->check(CLI::IsMember({"uniform", "pct", "both"}));
   app.add_option("--submitters", given.submitters, "threads per node that submit (default: drawn)");
-  app.add_option("--leave-out", given.left_out, "faults of the plan, by number, that are not done");
+  app.add_option("--leave-out", given.left_out, "faults of the plan, by number, that are not done")->delimiter(',');
   app.add_option("--trace", given.trace, "writes every step of a single seed to this file");
   app.add_option("--copies", given.copies, "directory for the nodes' copies of the library, for a debugger");
   app.add_option("--jobs", given.jobs, "runs at once (default: one per core)");

@@ -241,6 +241,7 @@ void node_host::bring_up(node_run &run)
     node.is_configured = true;
   }
   run.was_stopped = false;
+  ++run.starts;
   run.is_first_delivery = true;
   run.is_started = run.library.start() == 0;
   run.is_starting = false;
@@ -296,10 +297,11 @@ void node_host::stop_now(node_run &run)
 {
   scheduler &clock = *sim_context.clock;
   run.is_started = false;
+  const uint32_t starts = run.starts;
   const int64_t from_us = clock.now_us();
   run.library.stop();
   const int64_t took_us = clock.now_us() - std::max(from_us, run.hook_until_us);
-  run.was_stopped = true;
+  run.was_stopped = run.starts == starts && !run.is_starting;  // else a start may have waited for this stop
   sim_context.log->line(clock.now_us(), run.node, "stopped");
   if (took_us > stop_limit_us) {
     sim_context.judge->break_promise("verdict", run.node, "stop took " + std::to_string(took_us) + " us");
@@ -403,7 +405,13 @@ void node_host::learn(sim_node &node, const std::vector<std::unique_ptr<sim_node
     home.disk.put(MSG_ID_FILE, bytes_of(home.ids_before + UNKNOWN_IDS_MAX));
     home.is_new = false;
     set_vrrp(home, home.vrrp);
-    bring_up(run);
+    // The library has its last identifier in memory since configure: a new process reads the file.
+    sim_context.clock->at(sim_context.clock->now_us(), [this, &run, &home] {
+      if (home.run.get() == &run) {
+        kill_process(home);
+        start_process(home);
+      }
+    });
   });
   run.is_started = false;
 }

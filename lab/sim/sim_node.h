@@ -52,6 +52,7 @@ struct node_run : process {
   bool is_starting = false;   ///< init or start runs
   bool is_started = false;    ///< start has returned 0, and no stop has begun
   bool was_stopped = false;   ///< stop has returned, and no start has begun
+  uint32_t starts = 0;        ///< that have begun
   int64_t hook_until_us = 0;  ///< a hook runs, or ran, until then
   bool is_first_delivery = true;  ///< since start: the last payload may come once more
 };

@@ -83,6 +83,12 @@ uint32_t world::master() const
   return 0;
 }
 
+uint32_t world::first_that_may_lead() const
+{
+  const auto at = std::find_if(nodes_.begin(), nodes_.end(), [](const std::unique_ptr<sim_node> &one) { return !one->is_new; });
+  return (*at)->number;
+}
+
 void world::set_masters(const std::vector<uint32_t> &numbers)
 {
   for (const std::unique_ptr<sim_node> &one : nodes_) {
@@ -116,10 +122,10 @@ void world::cut_power(sim_node &node, int64_t down_us)
   restart_later(node, down_us);
 }
 
-// Two disks lost at once are more than the promise covers.
+// The promise asks for a majority that keeps its disks.
 bool world::may_lose_disk(const sim_node &node) const
 {
-  return node.is_configured && std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
+  return nodes_.size() >= 3 && node.is_configured && std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
            return !one->is_new && one->is_configured;
          });
 }
@@ -167,17 +173,23 @@ run_result world::result() const
   return so_far;
 }
 
-// As an operator, or a supervisor, does: a service that ended by itself is started again.
+// As keepalived and a supervisor do: another node leads for one that may not, and a service that ended by itself is
+// started again.
 void world::look_after()
 {
+  if (const uint32_t leader = master(); leader != 0 && node(leader).is_new) {
+    set_masters({first_that_may_lead()});
+  }
   for (const std::unique_ptr<sim_node> &one : nodes_) {
     host_.learn(*one, nodes_);
     node_run *const run = one->run.get();
-    if (run != nullptr && run->is_started && !run->is_paused && !is_active(*run)) {
+    if (is_healing_ && run != nullptr && !run->is_started && !run->is_starting) {
+      host_.start_service(*one);
+    } else if (run != nullptr && run->is_started && !run->is_paused && !is_active(*run)) {
       run->is_started = false;
       say(one->number, "is isolated, and will be started again");
       clock_.at(clock_.now_us() + one->choices.between(1, 2 * S), [this, &node = *one, run] {
-        if (node.run.get() == run) {
+        if (node.run.get() == run && !is_healing_) {
           host_.start_service(node);
         }
       });
@@ -238,15 +250,11 @@ void world::heal()
     one->dies_at_operation = 0;
   }
   host_.work.think_us = 300'000;
-  const auto may_lead = [](const std::unique_ptr<sim_node> &one) { return !one->is_new; };
-  set_masters({(*std::find_if(nodes_.begin(), nodes_.end(), may_lead))->number});
+  set_masters({first_that_may_lead()});
   std::string why = "a node is not active";
   const auto all_active = [this, &why] {
     return std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
       why = "node " + std::to_string(one->number) + " is not active";
-      if (one->run != nullptr && !one->run->is_started && !one->run->is_starting) {
-        host_.start_service(*one);
-      }
       return one->run != nullptr && one->run->is_started && !one->is_new;
     });
   };
@@ -270,6 +278,7 @@ void world::heal()
 
 void world::end_service()
 {
+  say(0, "the end");
   for (const std::unique_ptr<sim_node> &one : nodes_) {
     host_.stop_service(*one);
   }

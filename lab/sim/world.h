@@ -71,6 +71,7 @@ public:
   bool may_lose_disk(const sim_node &node) const;
 
 private:
+  uint32_t first_that_may_lead() const;
   void report(const std::string &invariant, uint32_t node, const std::string &what);
   void restart_later(sim_node &node, int64_t down_us);
   void look_after();
