@@ -11,6 +11,8 @@ namespace sim
 namespace
 {
 
+constexpr uint32_t LOG_LENGTH = 250;
+
 uint32_t any_node(world &all, draw &choices)
 {
   return static_cast<uint32_t>(choices.below(all.count())) + 1;
@@ -170,13 +172,19 @@ undo clean_up_and_start(world &all, draw &choices, int64_t)
   return [&all, &node] { all.host().start_service(node); };
 }
 
-undo disk_fails(world &all, draw &choices, int64_t)
+// Of some files, or of all; now, or as the first thing that another process meets.
+undo disk_fails(world &all, draw &choices, int64_t duration_us)
 {
+  static const std::vector<std::string> names = {"", "rb_reg", "paxos_decide", "paxos_deliver", "msg_id", "payloads"};
   sim_node &node = some_node(all, choices);
-  const uint64_t op = choices.below(DISK_OPS);
-  const bool is_full = (op == static_cast<uint64_t>(disk_op::write) || op == static_cast<uint64_t>(disk_op::allocate));
-  node.disk.failures[op] = {.error = is_full && choices.once_in(2) ? ENOSPC : EIO,
-                            .left = static_cast<uint64_t>(choices.spread(1, 300))};
+  const uint64_t op = choices.once_in(2) ? choices.below(DISK_OPS) : static_cast<uint64_t>(disk_op::open_read);
+  const bool takes_room = op == static_cast<uint64_t>(disk_op::write) || op == static_cast<uint64_t>(disk_op::allocate);
+  node.disk.failures[op] = {.error = takes_room && choices.once_in(2) ? ENOSPC : EIO,
+                            .left = static_cast<uint64_t>(choices.spread(1, 300)),
+                            .name = choices.one_of(names)};
+  if (choices.once_in(2)) {
+    all.crash(node, choices.spread(500, duration_us));
+  }
   return [&node, op] { node.disk.failures[op] = {}; };
 }
 
@@ -262,12 +270,17 @@ std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, const std:
   }
   draw choices(seed, 3);
   const int64_t count = choices.spread(2, 24);
+  // A log ends at its 250th entry. Most of what can go wrong is near: in every second run, all faults are.
+  const bool is_focused = decisions > LOG_LENGTH && choices.once_in(2);
+  uint32_t at = 0;
   for (int64_t i = 0; i < count; ++i) {
-    const std::string &name = choices.one_of(names);
-    // A log begins at the 250th entry: there, most of what can go wrong is near.
-    const bool near_roll_over = decisions > 250 && choices.once_in(4);
-    const auto at = static_cast<uint32_t>(near_roll_over ? choices.between(246, 254) : choices.between(0, decisions));
-    plan.push_back({.kind = find_fault(name), .at_decision = at, .duration_us = choices.spread(500, 8'000'000), .stream = choices.below(UINT64_MAX)});
+    if (i == 0 || !choices.once_in(3)) {  // else at once with the last one
+      at = static_cast<uint32_t>(is_focused ? choices.between(LOG_LENGTH - 5, LOG_LENGTH + 4) : choices.between(0, decisions));
+    }
+    plan.push_back({.kind = find_fault(choices.one_of(names)),
+                    .at_decision = at,
+                    .duration_us = choices.spread(500, 8'000'000),
+                    .stream = choices.below(UINT64_MAX)});
   }
   std::stable_sort(plan.begin(), plan.end(), [](const planned_fault &a, const planned_fault &b) { return a.at_decision < b.at_decision; });
   return plan;

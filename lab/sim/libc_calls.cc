@@ -203,7 +203,7 @@ void die_if_due(bool is_after)
 }
 
 // One file operation: its time passes, and it may fail. Returns 0 or the error.
-int operate(disk_op op)
+int operate(disk_op op, const std::string &path)
 {
   scheduler &clock = *sim_context.clock;
   sim_node &node = *here().home;
@@ -222,7 +222,7 @@ int operate(disk_op op)
     clock.sleep_for(takes_us, OP_NAMES[index]);
   }
   sim_disk::failure &failure = node.disk.failures[index];
-  if (failure.left != 0) {
+  if (failure.left != 0 && path.find(failure.name) != std::string::npos) {
     --failure.left;
     return failure.error;
   }
@@ -235,10 +235,15 @@ int failed(int error)
   return -1;
 }
 
+const std::string &path_of(int fd)
+{
+  return here().files.at(fd).path;
+}
+
 int file_open(const char *path, int flags, ...)
 {
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-  if (const int error = operate(writes ? disk_op::open_write : disk_op::open_read)) {
+  if (const int error = operate(writes ? disk_op::open_write : disk_op::open_read, path)) {
     return failed(error);
   }
   node_run &run = here();
@@ -263,7 +268,7 @@ int file_close(int fd)
 
 ssize_t file_read(int fd, void *to, size_t size)
 {
-  if (const int error = operate(disk_op::read)) {
+  if (const int error = operate(disk_op::read, path_of(fd))) {
     return failed(error);
   }
   open_file &from = here().files.at(fd);
@@ -278,7 +283,7 @@ ssize_t file_read(int fd, void *to, size_t size)
 
 ssize_t file_write(int fd, const void *from, size_t size)
 {
-  const int error = operate(disk_op::write);
+  const int error = operate(disk_op::write, path_of(fd));
   open_file &to = here().files.at(fd);
   const auto *const bytes = static_cast<const uint8_t *>(from);
   if (error == 0) {
@@ -297,7 +302,7 @@ ssize_t file_write(int fd, const void *from, size_t size)
 
 int file_datasync(int fd)
 {
-  if (const int error = operate(disk_op::datasync)) {
+  if (const int error = operate(disk_op::datasync, path_of(fd))) {
     return failed(error);
   }
   sim_disk::datasync(*here().files.at(fd).file);
@@ -307,7 +312,7 @@ int file_datasync(int fd)
 
 int file_rename(const char *from, const char *to)
 {
-  if (const int error = operate(disk_op::rename)) {
+  if (const int error = operate(disk_op::rename, to)) {
     return failed(error);
   }
   sim_node &node = *here().home;
@@ -321,7 +326,7 @@ int file_rename(const char *from, const char *to)
 
 int file_unlink(const char *path)
 {
-  if (const int error = operate(disk_op::unlink)) {
+  if (const int error = operate(disk_op::unlink, path)) {
     return failed(error);
   }
   const bool is_done = here().home->disk.unlink(path);
@@ -331,7 +336,7 @@ int file_unlink(const char *path)
 
 void disk_sync()
 {
-  if (operate(disk_op::sync) == 0) {
+  if (operate(disk_op::sync, "") == 0) {
     here().home->disk.sync();
   }
   die_if_due(true);
@@ -345,9 +350,9 @@ int file_stat(int fd, struct stat *status)
   return 0;
 }
 
-int file_allocate(int, off_t, off_t)
+int file_allocate(int fd, off_t, off_t)
 {
-  return operate(disk_op::allocate);  // the size is kept by the write that follows
+  return operate(disk_op::allocate, path_of(fd));  // the size is kept by the write that follows
 }
 
 int file_space(int, struct statvfs *space)
@@ -360,7 +365,7 @@ int file_space(int, struct statvfs *space)
 
 int directory_make(const char *path, mode_t)
 {
-  if (const int error = operate(disk_op::make_directory)) {
+  if (const int error = operate(disk_op::make_directory, path)) {
     return failed(error);
   }
   sim_disk &disk = here().home->disk;
@@ -386,7 +391,7 @@ struct open_directory {
 
 DIR *directory_open(const char *path)
 {
-  const int error = operate(disk_op::list);
+  const int error = operate(disk_op::list, path);
   const sim_disk &disk = here().home->disk;
   if (error != 0 || !disk.has_directory(path)) {
     errno = error != 0 ? error : ENOENT;

@@ -330,7 +330,11 @@ void node_host::clean_up_service(sim_node &node)
     node_run &run = *node.run;
     sim_context.clock->create(&run, "host-cleanup", [&run] {
       run.is_started = false;
+      const uint32_t starts = run.starts;
       run.library.cleanup();
+      if (run.starts != starts || run.is_starting) {
+        return;  // a start may have waited for this
+      }
       run.is_initialised = false;
       run.was_stopped = true;
       if (const size_t left = library_threads(run); left != 0) {

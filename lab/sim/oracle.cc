@@ -15,6 +15,9 @@ constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
 constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
 constexpr const char *REGISTER_FILE = "/flashdisk/cons/rb_reg.";
 
+constexpr uint32_t OFFER = 0;
+constexpr uint32_t COMPLETE = 3;
+
 constexpr uint32_t WRITE_REQ = 3;
 constexpr uint32_t READ_ACK = 1;
 constexpr uint32_t WRITE_ACK = 4;
@@ -182,6 +185,22 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
   }
 }
 
+// What is said of a payload has been made true before: an identifier is used up, a file is on the disk.
+void oracle::check_payload_message(const sim_node &node, const uint8_t *message)
+{
+  const uint32_t type = message[0];
+  const uint32_t sender = message[3];
+  const uint32_t id = get_u32(message + 4);
+  if (type == OFFER && sender == node.number && id > nodes_[node.number].msg_id) {
+    report_("numbers", node.number, "identifier " + std::to_string(id) + " is offered, but not saved");
+  }
+  const std::string path = "/flashdisk/cons/payloads/" + std::to_string(sender) + "." + std::to_string(id);
+  if (type == COMPLETE && is_durable_ && message[2] == node.number && !node.disk.is_durable(path)) {
+    report_("promise", node.number, "payload " + std::to_string(id) + "/" + std::to_string(sender) +
+                                        " is said to be complete, but not on the disk");
+  }
+}
+
 void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
 {
   if (node.run->was_stopped && (channel == 4 || channel == 5)) {
@@ -191,7 +210,13 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   const size_t size = one->size() - ENVELOPE_BYTES;
   if (channel == 4 && size == 1268 && get_u32(payload) == 0) {
     const size_t used = 4 + 5 * std::min<size_t>(get_u32(payload + 13), 250);
+    if (get_u32(payload + 4) > nodes_[node.number].decision) {
+      report_("numbers", node.number, "decision " + std::to_string(get_u32(payload + 4)) + " is told, but not saved");
+    }
     check_decision(node.number, get_u32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used}, "in a datagram");
+  }
+  if (channel == 5 && size >= 8) {
+    check_payload_message(node, payload);
   }
   if (channel != 3 || size < 12) {
     return;
@@ -222,10 +247,13 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   }
 }
 
-void oracle::log_line(const sim_node &, std::string_view text)
+void oracle::log_line(const sim_node &node, std::string_view text)
 {
   if (text.find("data lost - skipped") != std::string_view::npos) {
     ++lost_;
+    if (is_durable_) {
+      report_("acknowledged", node.number, "a durable payload is skipped");
+    }
   }
 }
 

@@ -6,7 +6,7 @@
 ///   acknowledged what was acknowledged is in the order, and its node has it
 ///   decision     one decision number has one log, on every disk and in every datagram
 ///   round        one round of a register carries one value
-///   promise      an acceptor never answers below what it promised, nor forgets what it accepted
+///   promise      what an acceptor answers, and a payload that a node calls complete, is on its disk; it never goes back
 ///   numbers      in a node's files no number falls
 ///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
 ///   verdict      stop returns in time, and so do calls after it
@@ -83,6 +83,7 @@ private:
   };
 
   void check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where);
+  void check_payload_message(const sim_node &node, const uint8_t *message);
   void check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes);
 
   bool is_durable_;

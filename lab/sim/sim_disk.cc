@@ -106,6 +106,12 @@ void sim_disk::remove_directory(const std::string &path)
   directories_.erase(path);
 }
 
+bool sim_disk::is_durable(const std::string &path) const
+{
+  const auto at = names_on_disk_.find(path);
+  return at != names_on_disk_.end() && at->second->is_clean;
+}
+
 std::vector<std::string> sim_disk::list(const std::string &directory) const
 {
   std::vector<std::string> found;

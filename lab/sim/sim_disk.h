@@ -47,6 +47,8 @@ public:
   bool has_directory(const std::string &path) const { return directories_.count(path) != 0; }
   void make_directory(const std::string &path);
   void remove_directory(const std::string &path);
+  /// Whether a power cut would leave the file, whole.
+  bool is_durable(const std::string &path) const;
   /// Names directly in the directory.
   std::vector<std::string> list(const std::string &directory) const;
 
@@ -58,10 +60,11 @@ public:
   void put(const std::string &path, const std::string &bytes);
   std::optional<std::string> get(const std::string &path) const;
 
-  /// The next operations of this kind fail with `error`.
+  /// The next operations of this kind fail with `error`, on files whose path has `name` in it.
   struct failure {
     int error = 0;
     uint64_t left = 0;  ///< operations
+    std::string name;
   };
   failure failures[DISK_OPS];
   int64_t stall_us = 0;  ///< added to each operation
