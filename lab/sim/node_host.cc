@@ -408,6 +408,7 @@ void node_host::learn(sim_node &node, const std::vector<std::unique_ptr<sim_node
     stop_now(run);
     home.disk.put(MSG_ID_FILE, bytes_of(home.ids_before + UNKNOWN_IDS_MAX));
     home.is_new = false;
+    home.joined_us = sim_context.clock->now_us();
     set_vrrp(home, home.vrrp);
     // The library has its last identifier in memory since configure: a new process reads the file.
     sim_context.clock->at(sim_context.clock->now_us(), [this, &run, &home] {

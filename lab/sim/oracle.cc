@@ -236,14 +236,20 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   } else if (type == READ_ACK && size > 20) {
     check_value(get_u32(payload + 12), 20);
   }
-  // What is answered has been saved before.
+  if ((type == READ_ACK || type == WRITE_ACK) && id > nodes_[node.number].decision) {
+    check_answer(node, id, type == READ_ACK, round);
+  }
+}
+
+// What is answered has been saved before, and no power cut takes it away.
+void oracle::check_answer(const sim_node &node, uint32_t id, bool is_promise, uint32_t round)
+{
   const auto saved = nodes_[node.number].registers.find(id);
-  const uint32_t promised = saved == nodes_[node.number].registers.end() ? 0 : saved->second.first;
-  const uint32_t accepted = saved == nodes_[node.number].registers.end() ? 0 : saved->second.second;
-  if (id > nodes_[node.number].decision &&
-      ((type == READ_ACK && promised < round) || (type == WRITE_ACK && accepted < round))) {
+  const auto [promised, accepted] = saved == nodes_[node.number].registers.end() ? std::pair{0u, 0u} : saved->second;
+  const bool is_on_disk = !is_durable_ || node.disk.is_durable(REGISTER_FILE + std::to_string(id));
+  if ((is_promise ? promised : accepted) < round || !is_on_disk) {
     report_("promise", node.number, "register " + std::to_string(id) + ": round " + std::to_string(round) +
-                                        " is acknowledged, but not saved");
+                                        " is acknowledged, but not on the disk");
   }
 }
 

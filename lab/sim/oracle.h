@@ -83,6 +83,7 @@ private:
   };
 
   void check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where);
+  void check_answer(const sim_node &node, uint32_t id, bool is_promise, uint32_t round);
   void check_payload_message(const sim_node &node, const uint8_t *message);
   void check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes);
 

@@ -109,7 +109,7 @@ void sim_disk::remove_directory(const std::string &path)
 bool sim_disk::is_durable(const std::string &path) const
 {
   const auto at = names_on_disk_.find(path);
-  return at != names_on_disk_.end() && at->second->is_clean;
+  return at != names_on_disk_.end() && at->second->is_clean && at->second == find(path);
 }
 
 std::vector<std::string> sim_disk::list(const std::string &directory) const

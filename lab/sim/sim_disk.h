@@ -47,7 +47,7 @@ public:
   bool has_directory(const std::string &path) const { return directories_.count(path) != 0; }
   void make_directory(const std::string &path);
   void remove_directory(const std::string &path);
-  /// Whether a power cut would leave the file, whole.
+  /// Whether a power cut would leave the file as it is.
   bool is_durable(const std::string &path) const;
   /// Names directly in the directory.
   std::vector<std::string> list(const std::string &directory) const;

@@ -77,6 +77,7 @@ struct sim_node {
   /// Of a new node: the first top that each of the others told.
   std::array<std::optional<uint32_t>, NODES_MAX + 1> first_tops{};
   uint32_t asked_for = 0;        ///< greatest register that it was asked for
+  int64_t joined_us = -3'600'000'000;  ///< when it last was new no more
   uint32_t ids_before = 0;       ///< the last identifier that it had handed out when its disk was lost
   std::array<uint32_t, NODES_MAX + 1> held_missing{};
   int64_t wall_offset_us = 0;    ///< wall clock minus monotonic clock

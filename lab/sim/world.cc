@@ -122,11 +122,13 @@ void world::cut_power(sim_node &node, int64_t down_us)
   restart_later(node, down_us);
 }
 
-// The promise asks for a majority that keeps its disks.
+// The promise asks for a majority that keeps its disks. A node that has joined holds what was decided; what others had
+// only offered it before, and what it called complete then, it lost: until that is delivered everywhere no other disk
+// may be lost.
 bool world::may_lose_disk(const sim_node &node) const
 {
   return nodes_.size() >= 3 && node.is_configured && std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
-           return !one->is_new && one->is_configured;
+           return !one->is_new && one->is_configured && clock_.now_us() - one->joined_us > 5 * S;
          });
 }
 

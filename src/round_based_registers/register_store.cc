@@ -180,8 +180,10 @@ bool store_delete_if_there(uint32_t id)
   return true;
 }
 
-void store_delete_temporaries()
+void store_take_over()
 {
+  // A file that is only in the cache would be read, and answered for, as if it were on the disk.
+  sync();
   DIR *directory = opendir(STORE_DIRECTORY);
   if (directory == nullptr) {
     return;

@@ -35,8 +35,9 @@ int store_delete(uint32_t id);
 /// Deletes the file if it exists. Returns false if it could not be deleted.
 bool store_delete_if_there(uint32_t id);
 
-/// Deletes the temporary files that a crash or a failed save left. While nothing is saved.
-void store_delete_temporaries();
+/// Takes over what the last process of this node left: makes durable what it wrote and was killed before it could sync,
+/// records and payloads too, and deletes the temporary files of registers. Before anything is read or answered.
+void store_take_over();
 
 inline constexpr uint32_t STORE_ALL = 0xffffffff;
 

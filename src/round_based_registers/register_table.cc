@@ -122,7 +122,7 @@ int rb_reg_init(rb_reg_newcomer_cb newcomer)
   layer.floor_known = false;
   layer.may_have_strays = true;
   layer.newcomer = newcomer;
-  store_delete_temporaries();
+  store_take_over();
   rb_reg_gate.open();
   vx_msg_register_recv_hook(rb_reg_recv, RB_REG_CHANNEL);
   layer.initialised = true;
