@@ -104,7 +104,13 @@ void oracle::delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bo
     }
   } else {
     const auto place = static_cast<int64_t>(order_.size());
-    if (!place_.emplace(id, place).second) {
+    const bool is_new = place_.emplace(id, place).second;
+    if (!is_new && !is_durable_) {  // a leader that forgot a decision may order it again: guarantees.md
+      ++lost_;
+      history.push_back(id);
+      return;
+    }
+    if (!is_new) {
       report_("integrity", node.number, "submission " + std::to_string(id) + " was delivered twice: at places " +
                                             std::to_string(place_[id]) + " and " + std::to_string(place));
     }

@@ -12,8 +12,8 @@
 ///   verdict      stop returns in time, and so do calls after it
 ///   waiting      no thread waits for a mutex for ever; after cleanup no thread is left
 ///
-/// Without durable payloads a payload may be lost with the processes that held it: the library says so in its log. From
-/// then on order and loss are not judged in this run.
+/// Without durable payloads a payload may be lost with the processes that held it, which the library says in its log,
+/// or be ordered again by a leader that forgot its decision. From then on order and loss are not judged in this run.
 #pragma once
 
 #include <cstdint>
@@ -94,7 +94,7 @@ private:
   std::unordered_map<uint32_t, int64_t> place_;  // of a submission in the order
   int64_t acknowledged_top_ = -1;
   uint64_t acknowledged_ = 0;
-  uint64_t lost_ = 0;
+  uint64_t lost_ = 0;  // payloads, or the order, without durable payloads
   std::map<uint32_t, uint64_t> decisions_;
   std::map<std::pair<uint32_t, uint32_t>, uint64_t> round_values_;
   std::map<uint64_t, int> states_;  // first entries of logs

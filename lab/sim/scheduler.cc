@@ -15,8 +15,8 @@ constexpr int64_t PRIORITIES = 1 << 20;
 
 }  // namespace
 
-scheduler::scheduler(uint64_t seed, policy how, event_log &log)
-    : log_(log), draw_(seed, 1), policy_(how), switch_once_in_(1u << draw_.between(1, 5))
+scheduler::scheduler(uint64_t seed, policy how, uint32_t cores, event_log &log)
+    : log_(log), draw_(seed, 1), policy_(how), switch_once_in_(1u << draw_.between(1, 5)), cores_(cores)
 {
   const int64_t changes = draw_.between(3, 40);
   for (int64_t i = 0; how == policy::pct && i < changes; ++i) {
@@ -228,7 +228,7 @@ thread &scheduler::next_after_block()
 void scheduler::step(const char *what, uint64_t object)
 {
   ++steps_;
-  ++now_us_;
+  now_us_ += steps_ % cores_ == 0 ? 1 : 0;
   thread &self = *running_;
   log_.step(now_us_, self.owner != nullptr ? self.owner->node : 0, self.number, what, object);
   fire_due();

@@ -66,7 +66,8 @@ enum class policy { uniform, pct };
 class scheduler
 {
 public:
-  scheduler(uint64_t seed, policy how, event_log &log);
+  /// `cores`: as many steps as that take a microsecond.
+  scheduler(uint64_t seed, policy how, uint32_t cores, event_log &log);
 
   /// The thread that runs.
   thread &self() const { return *running_; }
@@ -136,6 +137,7 @@ private:
   draw draw_;
   policy policy_;
   uint64_t switch_once_in_;
+  uint32_t cores_;
   std::vector<uint64_t> change_at_;
   int64_t lowest_priority_ = 0;
 

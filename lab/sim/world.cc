@@ -22,7 +22,7 @@ load drawn_load(draw &choices, const run_options &options)
 {
   load is;
   is.submitters = options.submitters != 0 ? options.submitters : static_cast<uint32_t>(choices.between(1, 3));
-  is.think_us = choices.spread(200, 20'000);
+  is.think_us = choices.spread(200, 20'000) * options.nodes / 3 + 1;
   is.length_max = choices.once_in(4) ? 9000 : 200;
   return is;
 }
@@ -32,7 +32,7 @@ load drawn_load(draw &choices, const run_options &options)
 world::world(const run_options &options, const library_image &image)
     : options_(options),
       log_(options.nodes, options.trace),
-      clock_(options.seed, options.how, log_),
+      clock_(options.seed, options.how, options.nodes, log_),
       judge_(options.nodes, options.is_durable,
              [this](const std::string &invariant, uint32_t node, const std::string &what) { report(invariant, node, what); }),
       network_(options.seed, clock_, options.nodes,
@@ -52,6 +52,9 @@ world::world(const run_options &options, const library_image &image)
       choices_(options.seed, 4)
 {
   host_.work = drawn_load(choices_, options);
+  if (options.how == policy::pct) {
+    host_.stop_limit_us = 60 * S;  // a thread of low priority waits for all others of all nodes
+  }
   for (uint32_t number = 1; number <= options.nodes; ++number) {
     auto made = std::make_unique<sim_node>();
     made->number = number;
