@@ -42,7 +42,8 @@ void pin_to(unsigned worker)
   }
 }
 
-[[noreturn]] void run_here(const run_options &options, const library_image &image, slot &to, unsigned worker, bool is_quiet)
+[[noreturn]] void run_here(const run_options &options, const library_image &image, slot &to, unsigned worker,
+                           bool is_quiet)
 {
   pin_to(worker);
   if (is_quiet) {
@@ -69,7 +70,8 @@ void run_all(const std::vector<run_options> &all, const library_image &image, un
              const std::function<bool(const seed_result &)> &done)
 {
   const size_t bytes = std::max<size_t>(all.size(), 1) * sizeof(slot);
-  auto *const slots = static_cast<slot *>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto *const slots =
+      static_cast<slot *>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   if (slots == MAP_FAILED) {
     std::perror("vx-sim: mmap");
     return;

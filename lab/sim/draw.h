@@ -17,7 +17,10 @@ public:
   /// Uniform in [0, n). n is not 0.
   uint64_t below(uint64_t n) { return from_.next() % n; }
   /// Uniform in [low, high].
-  int64_t between(int64_t low, int64_t high) { return low + static_cast<int64_t>(below(static_cast<uint64_t>(high - low) + 1)); }
+  int64_t between(int64_t low, int64_t high)
+  {
+    return low + static_cast<int64_t>(below(static_cast<uint64_t>(high - low) + 1));
+  }
   /// True once in n times.
   bool once_in(uint64_t n) { return below(n) == 0; }
   bool chance(double probability) { return from_.fraction() < probability; }

@@ -275,14 +275,16 @@ std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, const std:
   uint32_t at = 0;
   for (int64_t i = 0; i < count; ++i) {
     if (i == 0 || !choices.once_in(3)) {  // else at once with the last one
-      at = static_cast<uint32_t>(is_focused ? choices.between(LOG_LENGTH - 5, LOG_LENGTH + 4) : choices.between(0, decisions));
+      at = static_cast<uint32_t>(is_focused ? choices.between(LOG_LENGTH - 5, LOG_LENGTH + 4)
+                                            : choices.between(0, decisions));
     }
     plan.push_back({.kind = find_fault(choices.one_of(names)),
                     .at_decision = at,
                     .duration_us = choices.spread(500, 8'000'000),
                     .stream = choices.below(UINT64_MAX)});
   }
-  std::stable_sort(plan.begin(), plan.end(), [](const planned_fault &a, const planned_fault &b) { return a.at_decision < b.at_decision; });
+  std::stable_sort(plan.begin(), plan.end(),
+                   [](const planned_fault &a, const planned_fault &b) { return a.at_decision < b.at_decision; });
   return plan;
 }
 

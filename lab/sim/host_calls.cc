@@ -60,7 +60,8 @@ void repeat_later(node_run &run, uint64_t id, int64_t period_us)
 {
   scheduler &clock = *sim_context.clock;
   clock.at(clock.now_us() + period_us, [&run, id, period_us] {
-    const auto at = std::find_if(run.repeated.begin(), run.repeated.end(), [id](const repeated_message &one) { return one.id == id; });
+    const auto at = std::find_if(run.repeated.begin(), run.repeated.end(),
+                                 [id](const repeated_message &one) { return one.id == id; });
     if (run.is_killed || at == run.repeated.end()) {
       return;
     }
@@ -91,7 +92,8 @@ void *vx_msg_allocate(uint32_t size)
   return head + 1;
 }
 
-void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t destination, int32_t repeat, uint32_t interval)
+void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t destination, int32_t repeat,
+                     uint32_t interval)
 {
   node_run &run = here();
   auto *const head = static_cast<object_head *>(msg) - 1;
@@ -104,7 +106,8 @@ void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t des
   transmit(run, to, channel, one);
   if (repeat == -1) {
     const int64_t period_us = std::max(interval, 1u) * INTERVAL_US;
-    run.repeated.push_back({.id = id, .channel = channel, .key = msg_key, .to = to, .period_us = period_us, .one = one});
+    run.repeated.push_back(
+        {.id = id, .channel = channel, .key = msg_key, .to = to, .period_us = period_us, .one = one});
     repeat_later(run, id, period_us);
   }
   return reinterpret_cast<void *>(id);

@@ -187,8 +187,8 @@ time_t get_seconds(time_t *now)
 
 // --- Files
 
-constexpr const char *OP_NAMES[DISK_OPS] = {"open-read", "open-write", "read",     "write", "datasync", "rename",
-                                            "unlink",    "fallocate",  "list",     "sync",  "mkdir"};
+constexpr const char *OP_NAMES[DISK_OPS] = {"open-read", "open-write", "read", "write", "datasync", "rename",
+                                            "unlink",    "fallocate",  "list", "sync",  "mkdir"};
 
 void die_if_due(bool is_after)
 {

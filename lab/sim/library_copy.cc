@@ -48,7 +48,7 @@ std::string copy_of(const library_image &image, const std::string &directory, st
 struct tables {
   const ElfW(Sym) *symbols = nullptr;
   const char *strings = nullptr;
-  const ElfW(Rela) *relocations[2] = {};
+  const ElfW(Rela) * relocations[2] = {};
   size_t counts[2] = {};
 };
 
@@ -57,13 +57,26 @@ tables tables_of(const link_map &map)
   tables found;
   for (const ElfW(Dyn) *entry = map.l_ld; entry->d_tag != DT_NULL; ++entry) {
     switch (entry->d_tag) {
-      case DT_SYMTAB: found.symbols = reinterpret_cast<const ElfW(Sym) *>(entry->d_un.d_ptr); break;
-      case DT_STRTAB: found.strings = reinterpret_cast<const char *>(entry->d_un.d_ptr); break;
-      case DT_JMPREL: found.relocations[0] = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr); break;
-      case DT_PLTRELSZ: found.counts[0] = entry->d_un.d_val / sizeof(ElfW(Rela)); break;
-      case DT_RELA: found.relocations[1] = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr); break;
-      case DT_RELASZ: found.counts[1] = entry->d_un.d_val / sizeof(ElfW(Rela)); break;
-      default: break;
+    case DT_SYMTAB:
+      found.symbols = reinterpret_cast<const ElfW(Sym) *>(entry->d_un.d_ptr);
+      break;
+    case DT_STRTAB:
+      found.strings = reinterpret_cast<const char *>(entry->d_un.d_ptr);
+      break;
+    case DT_JMPREL:
+      found.relocations[0] = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr);
+      break;
+    case DT_PLTRELSZ:
+      found.counts[0] = entry->d_un.d_val / sizeof(ElfW(Rela));
+      break;
+    case DT_RELA:
+      found.relocations[1] = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr);
+      break;
+    case DT_RELASZ:
+      found.counts[1] = entry->d_un.d_val / sizeof(ElfW(Rela));
+      break;
+    default:
+      break;
     }
   }
   return found;

@@ -41,7 +41,8 @@ struct library_copy {
   decltype(&vx_cons_cluster_active) cluster_active = nullptr;
 
   /// `directory`: where the copy gets a file that a debugger finds; empty: in memory.
-  bool load(const library_image &image, const std::string &directory, const redirections &redirected, std::string &error);
+  bool load(const library_image &image, const std::string &directory, const redirections &redirected,
+            std::string &error);
 };
 
 }  // namespace sim

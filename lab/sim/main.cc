@@ -76,7 +76,8 @@ run_options options_of(const command_line &given, uint64_t seed, const std::vect
   one.decisions = given.decisions;
   one.is_durable = given.payloads == "durable";
   // Odd seeds are uniform, even ones PCT.
-  one.how = given.policy == "pct" || (given.policy == "both" && seed % 2 == 0) ? sim::policy::pct : sim::policy::uniform;
+  one.how =
+      given.policy == "pct" || (given.policy == "both" && seed % 2 == 0) ? sim::policy::pct : sim::policy::uniform;
   one.faults = names;
   one.left_out = given.left_out;
   one.submitters = given.submitters;
@@ -108,24 +109,31 @@ std::string command_of(const run_options &one)
 
 void print_line(const seed_result &one)
 {
-  std::printf("seed %llu: %s, %u decisions, %llu roll-overs, %llu acknowledged, %llu lost, %u faults, %.3f s, %llu calls, "
-              "%llu hand-overs, hash %016llx\n",
-              static_cast<unsigned long long>(one.options.seed),
-              one.has_crashed ? "CRASHED" : one.result.is_violated ? one.result.invariant : "good", one.result.decisions,
-              static_cast<unsigned long long>(one.result.roll_overs), static_cast<unsigned long long>(one.result.acknowledged),
-              static_cast<unsigned long long>(one.result.lost), one.result.faults_done,
-              static_cast<double>(one.result.virtual_us) / 1e6, static_cast<unsigned long long>(one.result.steps),
-              static_cast<unsigned long long>(one.result.hand_overs), static_cast<unsigned long long>(one.result.hash));
+  std::printf(
+      "seed %llu: %s, %u decisions, %llu roll-overs, %llu acknowledged, %llu lost, %u faults, %.3f s, %llu calls, "
+      "%llu hand-overs, hash %016llx\n",
+      static_cast<unsigned long long>(one.options.seed),
+      one.has_crashed          ? "CRASHED"
+      : one.result.is_violated ? one.result.invariant
+                               : "good",
+      one.result.decisions, static_cast<unsigned long long>(one.result.roll_overs),
+      static_cast<unsigned long long>(one.result.acknowledged), static_cast<unsigned long long>(one.result.lost),
+      one.result.faults_done, static_cast<double>(one.result.virtual_us) / 1e6,
+      static_cast<unsigned long long>(one.result.steps), static_cast<unsigned long long>(one.result.hand_overs),
+      static_cast<unsigned long long>(one.result.hash));
 }
 
-int run_campaign(const command_line &given, const std::vector<std::string> &names, const sim::library_image &image, FILE *trace)
+int run_campaign(const command_line &given, const std::vector<std::string> &names, const sim::library_image &image,
+                 FILE *trace)
 {
   std::vector<run_options> all;
   for (uint64_t i = 0; i < given.seeds; ++i) {
     all.push_back(options_of(given, given.seed + i, names, trace));
   }
   const auto begin = std::chrono::steady_clock::now();
-  const auto seconds = [begin] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(); };
+  const auto seconds = [begin] {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  };
   uint64_t runs = 0;
   uint64_t decisions = 0;
   std::vector<run_options> bad;
@@ -165,7 +173,8 @@ int main(int argc, char **argv)
   given.library = next_to_executable("lib/libvx_cons.so.1");
   CLI::App app("Runs clusters of libvx_cons in one process. One seed is one execution, to the step.\n"
                "Exit code 0: no promise was broken; 1: one was; 2: the command line is wrong.");
-  app.add_option("--library", given.library, "the library to run (default: the one that was built beside this program)");
+  app.add_option("--library", given.library,
+                 "the library to run (default: the one that was built beside this program)");
   app.add_option("--seed", given.seed, "first seed");
   app.add_option("--seeds", given.seeds, "how many seeds, one after the other");
   app.add_option("--nodes", given.nodes, "nodes")->check(CLI::Range(2, 16));

@@ -169,7 +169,8 @@ bool is_handled(const sim_node &node)
     return false;
   }
   const uint32_t count = get_u32(decide->bytes.data() + 4);
-  return count == 0 || (count <= 250 && std::memcmp(decide->bytes.data() + 8 + 5 * (count - 1), deliver->bytes.data(), 5) == 0);
+  return count == 0 ||
+         (count <= 250 && std::memcmp(decide->bytes.data() + 8 + 5 * (count - 1), deliver->bytes.data(), 5) == 0);
 }
 
 }  // namespace

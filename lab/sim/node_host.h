@@ -11,9 +11,9 @@ namespace sim
 {
 
 struct load {
-  uint32_t submitters = 2;      ///< threads per node
-  int64_t think_us = 2000;      ///< longest pause between two submissions of a thread
-  uint32_t length_max = 200;    ///< of a submission, bytes
+  uint32_t submitters = 2;    ///< threads per node
+  int64_t think_us = 2000;    ///< longest pause between two submissions of a thread
+  uint32_t length_max = 200;  ///< of a submission, bytes
   bool is_on = true;
 };
 

@@ -63,7 +63,8 @@ void oracle::returned(submission &one, int result, const application &app, int64
   }
   const auto at = place_.find(one.id);
   if (at == place_.end()) {
-    report_("acknowledged", one.node, "submission " + std::to_string(one.id) + " returned 0, and no node has delivered it");
+    report_("acknowledged", one.node,
+            "submission " + std::to_string(one.id) + " returned 0, and no node has delivered it");
     return;
   }
   if (static_cast<int64_t>(app.history.size()) <= at->second) {
@@ -111,13 +112,14 @@ void oracle::delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bo
       return;
     }
     if (!is_new) {
-      report_("integrity", node.number, "submission " + std::to_string(id) + " was delivered twice: at places " +
-                                            std::to_string(place_[id]) + " and " + std::to_string(place));
+      report_("integrity", node.number,
+              "submission " + std::to_string(id) + " was delivered twice: at places " + std::to_string(place_[id]) +
+                  " and " + std::to_string(place));
     }
     if (place <= one.floor) {
-      report_("real time", node.number, "submission " + std::to_string(id) + " is at place " + std::to_string(place) +
-                                            "; when it was called, place " + std::to_string(one.floor) +
-                                            " had been acknowledged");
+      report_("real time", node.number,
+              "submission " + std::to_string(id) + " is at place " + std::to_string(place) +
+                  "; when it was called, place " + std::to_string(one.floor) + " had been acknowledged");
     }
     order_.push_back(id);
   }
@@ -171,7 +173,8 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
   if (path == DECIDE_FILE && bytes.size() == 1258) {
     const uint32_t number = get_u32(bytes.data());
     if (number < own.decision) {
-      report_("numbers", node.number, "paxos_decide fell from " + std::to_string(own.decision) + " to " + std::to_string(number));
+      report_("numbers", node.number,
+              "paxos_decide fell from " + std::to_string(own.decision) + " to " + std::to_string(number));
     }
     own.decision = number;
     if (number != 0) {
@@ -185,8 +188,8 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
       report_("numbers", node.number, "msg_id fell from " + std::to_string(own.msg_id) + " to " + std::to_string(id));
     }
     own.msg_id = id;
-  } else if (uint32_t id = 0; path.starts_with(REGISTER_FILE) &&
-                              std::sscanf(path.c_str(), "/flashdisk/cons/rb_reg.%u", &id) == 1) {
+  } else if (uint32_t id = 0;
+             path.starts_with(REGISTER_FILE) && std::sscanf(path.c_str(), "/flashdisk/cons/rb_reg.%u", &id) == 1) {
     check_register_saved(node, id, bytes);
   }
 }
@@ -202,8 +205,9 @@ void oracle::check_payload_message(const sim_node &node, const uint8_t *message)
   }
   const std::string path = "/flashdisk/cons/payloads/" + std::to_string(sender) + "." + std::to_string(id);
   if (type == COMPLETE && is_durable_ && message[2] == node.number && !node.disk.is_durable(path)) {
-    report_("promise", node.number, "payload " + std::to_string(id) + "/" + std::to_string(sender) +
-                                        " is said to be complete, but not on the disk");
+    report_("promise", node.number,
+            "payload " + std::to_string(id) + "/" + std::to_string(sender) +
+                " is said to be complete, but not on the disk");
   }
 }
 
@@ -219,7 +223,8 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
     if (get_u32(payload + 4) > nodes_[node.number].decision) {
       report_("numbers", node.number, "decision " + std::to_string(get_u32(payload + 4)) + " is told, but not saved");
     }
-    check_decision(node.number, get_u32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used}, "in a datagram");
+    check_decision(node.number, get_u32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used},
+                   "in a datagram");
   }
   if (channel == 5 && size >= 8) {
     check_payload_message(node, payload);
@@ -254,8 +259,9 @@ void oracle::check_answer(const sim_node &node, uint32_t id, bool is_promise, ui
   const auto [promised, accepted] = saved == nodes_[node.number].registers.end() ? std::pair{0u, 0u} : saved->second;
   const bool is_on_disk = !is_durable_ || node.disk.is_durable(REGISTER_FILE + std::to_string(id));
   if ((is_promise ? promised : accepted) < round || !is_on_disk) {
-    report_("promise", node.number, "register " + std::to_string(id) + ": round " + std::to_string(round) +
-                                        " is acknowledged, but not on the disk");
+    report_("promise", node.number,
+            "register " + std::to_string(id) + ": round " + std::to_string(round) +
+                " is acknowledged, but not on the disk");
   }
 }
 

@@ -6,11 +6,10 @@
 ///   acknowledged what was acknowledged is in the order, and its node has it
 ///   decision     one decision number has one log, on every disk and in every datagram
 ///   round        one round of a register carries one value
-///   promise      what an acceptor answers, and a payload that a node calls complete, is on its disk; it never goes back
-///   numbers      in a node's files no number falls
-///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
-///   verdict      stop returns in time, and so do calls after it
-///   waiting      no thread waits for a mutex for ever; after cleanup no thread is left
+///   promise      what an acceptor answers, and a payload that a node calls complete, is on its disk; it never goes
+///   back numbers      in a node's files no number falls silence      a stopped library sends nothing on channels 4 and
+///   5, and calls no hook verdict      stop returns in time, and so do calls after it waiting      no thread waits for
+///   a mutex for ever; after cleanup no thread is left
 ///
 /// Without durable payloads a payload may be lost with the processes that held it, which the library says in its log,
 /// or be ordered again by a leader that forgot its decision. From then on order and loss are not judged in this run.
@@ -48,7 +47,10 @@ class oracle
 public:
   using violated = std::function<void(const std::string &invariant, uint32_t node, const std::string &what)>;
 
-  oracle(uint32_t nodes, bool is_durable, violated report) : is_durable_(is_durable), report_(std::move(report)), nodes_(nodes + 1) {}
+  oracle(uint32_t nodes, bool is_durable, violated report)
+      : is_durable_(is_durable), report_(std::move(report)), nodes_(nodes + 1)
+  {
+  }
 
   submission &call(uint32_t node, uint32_t length, int64_t now_us);
   void returned(submission &one, int result, const application &app, int64_t now_us);
@@ -73,7 +75,10 @@ public:
   uint64_t acknowledged() const { return acknowledged_; }
   uint64_t lost() const { return lost_; }
   uint64_t roll_overs() const { return states_.size(); }
-  void break_promise(const std::string &invariant, uint32_t node, const std::string &what) { report_(invariant, node, what); }
+  void break_promise(const std::string &invariant, uint32_t node, const std::string &what)
+  {
+    report_(invariant, node, what);
+  }
 
 private:
   struct node_numbers {

@@ -145,7 +145,8 @@ void scheduler::at(int64_t when_us, std::function<void()> action)
     free_actions_.pop_back();
     actions_[index] = std::move(action);
   }
-  deadlines_.push({.when_us = std::max(when_us, now_us_), .order = ++order_, .who = nullptr, .wait_number = 0, .action = index});
+  deadlines_.push(
+      {.when_us = std::max(when_us, now_us_), .order = ++order_, .who = nullptr, .wait_number = 0, .action = index});
 }
 
 void scheduler::change_points()
@@ -255,7 +256,11 @@ bool scheduler::wait(const void *address, int64_t deadline_us, const char *what)
     ++self.wait_number_;
     blocked_.push_back(&self);
     if (deadline_us != NEVER) {
-      deadlines_.push({.when_us = std::max(deadline_us, now_us_), .order = ++order_, .who = &self, .wait_number = self.wait_number_, .action = 0});
+      deadlines_.push({.when_us = std::max(deadline_us, now_us_),
+                       .order = ++order_,
+                       .who = &self,
+                       .wait_number = self.wait_number_,
+                       .action = 0});
     }
   }
   fire_due();

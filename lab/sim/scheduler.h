@@ -52,11 +52,11 @@ private:
   enum class state { ready, blocked, gone };
 
   state state_ = state::ready;
-  size_t ready_at_ = 0;                 // index among the ready ones
-  const void *waits_for_ = nullptr;     // an address: only compared
-  uint64_t wait_number_ = 0;            // so that an old deadline wakes nobody
+  size_t ready_at_ = 0;              // index among the ready ones
+  const void *waits_for_ = nullptr;  // an address: only compared
+  uint64_t wait_number_ = 0;         // so that an old deadline wakes nobody
   bool is_timed_out_ = false;
-  thread *mutex_owner_ = nullptr;       // of the mutex that it waits for without a deadline
+  thread *mutex_owner_ = nullptr;  // of the mutex that it waits for without a deadline
   int64_t priority_ = 0;
   baton baton_;
 };
@@ -78,7 +78,10 @@ public:
   /// Makes the calling thread of the process the first simulated one.
   void adopt_main();
   thread &create(process *owner, const std::string &name, std::function<void()> body);
-  thread *find(uint32_t number) const { return number <= threads_.size() && number != 0 ? threads_[number - 1].get() : nullptr; }
+  thread *find(uint32_t number) const
+  {
+    return number <= threads_.size() && number != 0 ? threads_[number - 1].get() : nullptr;
+  }
   /// Threads that have not ended and whose name does not begin so.
   size_t living(const process &owner, const char *but) const;
 
@@ -119,7 +122,10 @@ private:
   };
 
   static void *thread_main(void *argument);
-  bool runs(const thread &one) const { return one.owner == nullptr || (!one.owner->is_killed && !one.owner->is_paused); }
+  bool runs(const thread &one) const
+  {
+    return one.owner == nullptr || (!one.owner->is_killed && !one.owner->is_paused);
+  }
   void make_ready(thread &one);
   void leave_ready(thread &one);
   void fire_due();

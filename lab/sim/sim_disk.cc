@@ -143,9 +143,14 @@ void sim_disk::cut_power(draw &from)
       continue;
     }
     switch (from.below(3)) {
-      case 0: one->bytes = one->on_disk; break;
-      case 1: break;
-      default: one->bytes.resize(from.below(one->bytes.size() + 1)); break;
+    case 0:
+      one->bytes = one->on_disk;
+      break;
+    case 1:
+      break;
+    default:
+      one->bytes.resize(from.below(one->bytes.size() + 1));
+      break;
     }
     one->on_disk = one->bytes;
     one->is_clean = true;

@@ -20,7 +20,19 @@
 namespace sim
 {
 
-enum class disk_op { open_read, open_write, read, write, datasync, rename, unlink, allocate, list, sync, make_directory };
+enum class disk_op {
+  open_read,
+  open_write,
+  read,
+  write,
+  datasync,
+  rename,
+  unlink,
+  allocate,
+  list,
+  sync,
+  make_directory
+};
 inline constexpr int DISK_OPS = 11;
 
 using file_bytes = std::vector<uint8_t>;
@@ -29,9 +41,9 @@ class sim_disk
 {
 public:
   struct file {
-    file_bytes bytes;        ///< as the process sees them
-    file_bytes on_disk;      ///< as a power cut leaves them, at least
-    bool is_clean = true;    ///< both are equal
+    file_bytes bytes;      ///< as the process sees them
+    file_bytes on_disk;    ///< as a power cut leaves them, at least
+    bool is_clean = true;  ///< both are equal
   };
   using file_ptr = std::shared_ptr<file>;
 

@@ -37,7 +37,10 @@ class sim_network
 public:
   using deliver = std::function<void(uint32_t to, uint32_t channel, const datagram &one)>;
 
-  sim_network(uint64_t seed, scheduler &clock, uint32_t nodes, deliver to) : clock_(clock), draw_(seed, 2), nodes_(nodes), deliver_(std::move(to)) {}
+  sim_network(uint64_t seed, scheduler &clock, uint32_t nodes, deliver to)
+      : clock_(clock), draw_(seed, 2), nodes_(nodes), deliver_(std::move(to))
+  {
+  }
 
   /// `to` 0: all nodes, the sender included.
   void send(uint32_t from, uint32_t to, uint32_t channel, const datagram &one);

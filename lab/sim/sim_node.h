@@ -49,17 +49,17 @@ struct node_run : process {
   uint64_t signs_of_life = 0;
 
   bool is_initialised = false;
-  bool is_starting = false;   ///< init or start runs
-  bool is_started = false;    ///< start has returned 0, and no stop has begun
-  bool was_stopped = false;   ///< stop has returned, and no start has begun
-  uint32_t starts = 0;        ///< that have begun
-  int64_t hook_until_us = 0;  ///< a hook runs, or ran, until then
+  bool is_starting = false;       ///< init or start runs
+  bool is_started = false;        ///< start has returned 0, and no stop has begun
+  bool was_stopped = false;       ///< stop has returned, and no start has begun
+  uint32_t starts = 0;            ///< that have begun
+  int64_t hook_until_us = 0;      ///< a hook runs, or ran, until then
   bool is_first_delivery = true;  ///< since start: the last payload may come once more
 };
 
 /// What the host's application keeps on the node's disk. It is durable when a hook returns.
 struct application {
-  std::vector<uint32_t> history;  ///< submissions in the order of their delivery
+  std::vector<uint32_t> history;                  ///< submissions in the order of their delivery
   std::optional<std::vector<uint32_t>> arriving;  ///< a full state of which not all types have come
 };
 
@@ -69,21 +69,21 @@ struct sim_node {
   std::map<std::string, std::string> config;
   application app;
   std::string vrrp = "BACKUP";
-  std::unique_ptr<node_run> run;  ///< null: no process
+  std::unique_ptr<node_run> run;                ///< null: no process
   std::vector<std::unique_ptr<node_run>> past;  ///< their threads stand where they stood
   draw choices{0, 0};
-  bool is_new = false;           ///< its disk was lost: it does not vote yet
+  bool is_new = false;  ///< its disk was lost: it does not vote yet
   bool is_configured = false;
   /// Of a new node: the first top that each of the others told.
   std::array<std::optional<uint32_t>, NODES_MAX + 1> first_tops{};
-  uint32_t asked_for = 0;        ///< greatest register that it was asked for
+  uint32_t asked_for = 0;              ///< greatest register that it was asked for
   int64_t joined_us = -3'600'000'000;  ///< when it last was new no more
-  uint32_t ids_before = 0;       ///< the last identifier that it had handed out when its disk was lost
+  uint32_t ids_before = 0;             ///< the last identifier that it had handed out when its disk was lost
   std::array<uint32_t, NODES_MAX + 1> held_missing{};
-  int64_t wall_offset_us = 0;    ///< wall clock minus monotonic clock
-  int64_t deliver_hook_us = 0;   ///< a slow hook
+  int64_t wall_offset_us = 0;   ///< wall clock minus monotonic clock
+  int64_t deliver_hook_us = 0;  ///< a slow hook
   int64_t state_hook_us = 0;
-  uint32_t state_bytes = 0;      ///< size of its state beside the history
+  uint32_t state_bytes = 0;  ///< size of its state beside the history
   /// The process dies at its nth file operation from now; 0: not.
   uint64_t dies_at_operation = 0;
   bool dies_after = false;

@@ -30,11 +30,11 @@ load drawn_load(draw &choices, const run_options &options)
 }  // namespace
 
 world::world(const run_options &options, const library_image &image)
-    : options_(options),
-      log_(options.nodes, options.trace),
-      clock_(options.seed, options.how, options.nodes, log_),
+    : options_(options), log_(options.nodes, options.trace), clock_(options.seed, options.how, options.nodes, log_),
       judge_(options.nodes, options.is_durable,
-             [this](const std::string &invariant, uint32_t node, const std::string &what) { report(invariant, node, what); }),
+             [this](const std::string &invariant, uint32_t node, const std::string &what) {
+               report(invariant, node, what);
+             }),
       network_(options.seed, clock_, options.nodes,
                [this](uint32_t to, uint32_t channel, const datagram &one) {
                  sim_node &node = *nodes_[to - 1];
@@ -48,8 +48,7 @@ world::world(const run_options &options, const library_image &image)
                    clock_.wake_all(node.run.get(), &inbox);
                  }
                }),
-      host_(image, options.copies, options.nodes, options.is_durable),
-      choices_(options.seed, 4)
+      host_(image, options.copies, options.nodes, options.is_durable), choices_(options.seed, 4)
 {
   host_.work = drawn_load(choices_, options);
   if (options.how == policy::pct) {
@@ -59,7 +58,8 @@ world::world(const run_options &options, const library_image &image)
     auto made = std::make_unique<sim_node>();
     made->number = number;
     made->choices = draw(options.seed, 100 + number);
-    made->state_bytes = static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.below(100));
+    made->state_bytes =
+        static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.below(100));
     nodes_.push_back(std::move(made));
   }
   plan_ = plan_of(options.seed, options.decisions, options.faults);
@@ -67,13 +67,14 @@ world::world(const run_options &options, const library_image &image)
     const process *const owner = clock_.self().owner;
     report("waiting", owner != nullptr ? owner->node : 0, why);
   };
-  sim_context = {.log = &log_, .clock = &clock_, .network = &network_, .judge = &judge_, .crash = [this](sim_node &node) {
-                   if (std::exchange(node.dies_with_power, false)) {
-                     cut_power(node, node.stays_down_us);
-                   } else {
-                     crash(node, node.stays_down_us);
-                   }
-                 }};
+  sim_context = {
+      .log = &log_, .clock = &clock_, .network = &network_, .judge = &judge_, .crash = [this](sim_node &node) {
+        if (std::exchange(node.dies_with_power, false)) {
+          cut_power(node, node.stays_down_us);
+        } else {
+          crash(node, node.stays_down_us);
+        }
+      }};
 }
 
 uint32_t world::master() const
@@ -88,7 +89,8 @@ uint32_t world::master() const
 
 uint32_t world::first_that_may_lead() const
 {
-  const auto at = std::find_if(nodes_.begin(), nodes_.end(), [](const std::unique_ptr<sim_node> &one) { return !one->is_new; });
+  const auto at =
+      std::find_if(nodes_.begin(), nodes_.end(), [](const std::unique_ptr<sim_node> &one) { return !one->is_new; });
   return (*at)->number;
 }
 
@@ -130,7 +132,8 @@ void world::cut_power(sim_node &node, int64_t down_us)
 // may be lost.
 bool world::may_lose_disk(const sim_node &node) const
 {
-  return nodes_.size() >= 3 && node.is_configured && std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
+  return nodes_.size() >= 3 && node.is_configured &&
+         std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
            return !one->is_new && one->is_configured && clock_.now_us() - one->joined_us > 5 * S;
          });
 }

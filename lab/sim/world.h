@@ -21,10 +21,10 @@ struct run_options {
   uint32_t decisions = 300;
   bool is_durable = true;
   policy how = policy::uniform;
-  std::vector<std::string> faults;     ///< names
-  std::vector<uint32_t> left_out;      ///< indices of the plan's faults that are not done
-  uint32_t submitters = 0;             ///< per node; 0: drawn
-  std::string copies;                  ///< directory for the library's copies; empty: in memory
+  std::vector<std::string> faults;  ///< names
+  std::vector<uint32_t> left_out;   ///< indices of the plan's faults that are not done
+  uint32_t submitters = 0;          ///< per node; 0: drawn
+  std::string copies;               ///< directory for the library's copies; empty: in memory
   FILE *trace = nullptr;
 };
 

@@ -49,7 +49,7 @@ class Simulator(unittest.TestCase):
         self.assert_good("--seed", "1000", "--seeds", "240")
         self.assert_good("--seed", "2000", "--seeds", "60", "--payloads", "memory")
         self.assert_good("--seed", "3000", "--seeds", "10", "--nodes", "5", "--steps", "100")
-        self.assert_good("--seed", "4000", "--seeds", "4", "--nodes", "16", "--steps", "30")
+        self.assert_good("--seed", "4000", "--seeds", "2", "--nodes", "16", "--steps", "20")
 
     def test_a_wrong_command_line_is_refused(self):
         for options, said in ((("--faults", "no-such"), 'no fault is named "no-such"'),

@@ -63,7 +63,8 @@ TEST(sim_disk, a_power_cut_keeps_what_was_synced_and_may_lose_the_rest)
 
 struct judged {
   std::vector<std::string> broken;
-  sim::oracle judge{2, true, [this](const std::string &invariant, uint32_t, const std::string &) { broken.push_back(invariant); }};
+  sim::oracle judge{
+      2, true, [this](const std::string &invariant, uint32_t, const std::string &) { broken.push_back(invariant); }};
   sim::sim_node first;
   sim::sim_node second;
 

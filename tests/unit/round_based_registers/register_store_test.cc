@@ -1,6 +1,23 @@
 #include "round_based_registers/register_store.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "layer_fixture.h"
+
+namespace
+{
+
+int syncs = 0;
+
+}  // namespace
+
+// Stands before the one of libc.
+extern "C" void sync() noexcept
+{
+  ++syncs;
+  syscall(SYS_sync);
+}
 
 namespace
 {
@@ -30,6 +47,18 @@ TEST_F(register_store, has_these_bytes)
   EXPECT_EQ(files::all(), (std::map<std::string, bytes>{{"rb_reg.7", words({12, 9, 5}) + VALUE}}));
   ASSERT_EQ(store_save(7, state_of(13, 9, {})), 0);  // shorter: nothing of the old file may remain
   EXPECT_EQ(files::read("rb_reg.7"), words({13, 9, 0}));
+}
+
+// The process before this one may have been killed between a rename and its sync: what is read must be on the disk.
+TEST_F(register_store, takes_over_what_a_killed_process_left)
+{
+  files::write("rb_reg.7", words({12, 9, 5}) + VALUE);
+  files::write("rb_reg.8.tmp", VALUE);
+  syncs = 0;
+  store_take_over();
+  EXPECT_EQ(syncs, 1);
+  EXPECT_EQ(files::all().count("rb_reg.7"), 1u);
+  EXPECT_EQ(files::all().count("rb_reg.8.tmp"), 0u);
 }
 
 // A promise that is not read back is a promise broken.
