@@ -94,6 +94,7 @@ byte votes[VALUES * ROUNDS]; /* a bit for each node */
 byte chosen;
 byte chosen_round;
 byte told;
+bit is_any_written;
 
 /* A rule that is missing must show as two decisions, not only as something unsound on the way there. */
 #ifdef DECISIONS_ONLY
@@ -209,7 +210,7 @@ inline restart(n)
 
 /* The machine is replaced. By the time the new one has joined, nothing that the old one answered, or was answered, is
  * under way any more; what it asked may be. */
-inline lose_disk(n)
+inline empty_disk(n)
 {
   forget(disk[n]);
   decision[n] = 0;
@@ -243,7 +244,10 @@ inline lose_disk(n)
 #endif
 #define accepts(n, r, v) \
   (((write_req[r] >> (v)) & 1) && votes_here(n) && is_not_below_promise(n, r) && r >= memory[n].accepted)
-#define is_new_vote(n, r, v) (!(votes[vote(r, v)] & bit_of(n)) || !(write_ack[r] & bit_of(n)) && may_count_write(r))
+/* To accept again what is accepted changes something only if the answer got lost. */
+#define changes(n, r, v) \
+  (memory[n].accepted != r || memory[n].value != v || (may_count_write(r) && !(write_ack[r] & bit_of(n))))
+#define may_vote(n, r, v) (accepts(n, r, v) && changes(n, r, v))
 
 inline save(n)
 {
@@ -306,18 +310,17 @@ inline retire(n)
 #endif
 
 #define may_write(n) (leads_here(n) && lead[n].phase == READING && count(lead[n].acked) >= QUORUM)
-#define has_decided(n) (leads_here(n) && lead[n].phase == WRITING && count(write_ack[lead[n].round]) >= QUORUM)
+#define has_decided(n, v) \
+  (leads_here(n) && lead[n].phase == WRITING && lead[n].value == v && count(write_ack[lead[n].round]) >= QUORUM)
+#define is_told(n, v) (decision[n] == 0 && ((decide >> (v)) & 1))
 
 /* The names of values do not matter: the first that is written is 1. */
-#define is_any_written \
-  (write_req[1] || write_req[2] || (ROUNDS > 2 && write_req[3 % (ROUNDS + 1)]) || \
-   (ROUNDS > 3 && write_req[4 % (ROUNDS + 1)]) || (ROUNDS > 4 && write_req[5 % (ROUNDS + 1)]) || \
-   (ROUNDS > 5 && write_req[6 % (ROUNDS + 1)]))
+#define has_to_write(n, v) \
+  (lead[n].found_round > 0 && lead[n].found_value == v || lead[n].found_round == 0 && (v == 1 || is_any_written))
 
 /* ---- Joining as new: host/kesh/cluster/newcomer.cc ---- */
 
-#define other_1(n) (((n) + 1) % NODES)
-#define other_2(n) (((n) + 2) % NODES)
+#define has_to_hear(n, m) (is_new[n] && (n) != (m) && !(heard[n] & bit_of(m)))
 
 /* What a hello tells: this node had to do with this number, or a later one. */
 #define has_on_disk(n) (decision[n] != 0 || disk[n].promised != 0 || disk[n].accepted != 0)
@@ -348,207 +351,221 @@ byte losses;
 #define one_more_loss skip
 #endif
 
-/* ---- A node ---- */
-
-#if ROUNDS == 2
-#define pick_round(condition) if :: condition(me, 1) -> r = 1 :: condition(me, 2) -> r = 2 fi
-#elif ROUNDS == 3
-#define pick_round(condition) if :: condition(me, 1) -> r = 1 :: condition(me, 2) -> r = 2 \
-                              :: condition(me, 3) -> r = 3 fi
-#elif ROUNDS == 4
-#define pick_round(condition) if :: condition(me, 1) -> r = 1 :: condition(me, 2) -> r = 2 \
-                              :: condition(me, 3) -> r = 3 :: condition(me, 4) -> r = 4 fi
-#elif ROUNDS == 5
-#define pick_round(condition) if :: condition(me, 1) -> r = 1 :: condition(me, 2) -> r = 2 \
-                              :: condition(me, 3) -> r = 3 :: condition(me, 4) -> r = 4 \
-                              :: condition(me, 5) -> r = 5 fi
-#else
-#define pick_round(condition) if :: condition(me, 1) -> r = 1 :: condition(me, 2) -> r = 2 \
-                              :: condition(me, 3) -> r = 3 :: condition(me, 4) -> r = 4 \
-                              :: condition(me, 5) -> r = 5 :: condition(me, 6) -> r = 6 fi
-#endif
-
-#define accepts_1(n, r) (accepts(n, r, 1) && is_new_vote(n, r, 1))
-#define accepts_2(n, r) (accepts(n, r, 2) && is_new_vote(n, r, 2))
+/* ---- Steps ---- */
 
 #define me _pid
 
+inline read_arrives(r, crashes)
+{
+  memory[me].promised = r;
+  save(me);
+  if /* crash_point */
+  :: crashes ->
+    printf("node %d saves its promise for round %d, and crashes before its READ_ACK\n", me, r);
+    restart(me)
+  :: else ->
+    printf("node %d saves its promise for round %d; READ_ACK (write round %d, value %d)\n", me, r,
+           memory[me].accepted, memory[me].value);
+    send_read_ack(me, r)
+  fi;
+  drop_dead_answers()
+}
+
+inline write_arrives(r, v, crashes)
+{
+  memory[me].accepted = r;
+  memory[me].value = v;
+  votes[vote(r, v)] = votes[vote(r, v)] | bit_of(me);
+#ifdef ACCEPTED_NOT_SAVED
+  send_write_ack(me, r);
+  if /* crash_point */
+  :: crashes ->
+    printf("node %d accepts value %d in round %d; WRITE_ACK; it crashes before it saves\n", me, v, r);
+    restart(me)
+  :: else ->
+    printf("node %d accepts value %d in round %d; WRITE_ACK\n", me, v, r);
+    save(me)
+  fi;
+#else
+  save(me);
+  if /* crash_point */
+  :: crashes ->
+    printf("node %d accepts and saves value %d in round %d, and crashes before its WRITE_ACK\n", me, v, r);
+    restart(me)
+  :: else ->
+    printf("node %d accepts and saves value %d in round %d; WRITE_ACK\n", me, v, r);
+    send_write_ack(me, r)
+  fi;
+#endif
+  check_one_decision(r, v);
+  check_nothing_lost();
+  drop_dead_answers()
+}
+
+inline read(r)
+{
+  printf("node %d leads: READ in round %d\n", me, r);
+  lead[me].phase = READING;
+  lead[me].round = r;
+  lead[me].acked = 0;
+  lead[me].value = 0;
+  read_req = read_req | (1 << r);
+  drop_dead_answers()
+}
+
+inline read_back(a)
+{
+  printf("node %d counts the READ_ACK of node %d for round %d\n", me, a, lead[me].round);
+  lead[me].acked = lead[me].acked | bit_of(a);
+  i = read_ack[slot(lead[me].round, a)];
+  if
+  :: is_better(me, i) -> lead[me].found_round = ack_round(i); lead[me].found_value = ack_value(i)
+  :: else
+  fi;
+  i = 0
+}
+
+inline write(v)
+{
+  printf("node %d writes value %d in round %d (read back: round %d)\n", me, v, lead[me].round, lead[me].found_round);
+  check_write(lead[me].round, v);
+#ifndef WRITE_UNCOVERED
+  if
+  :: memory[me].promised < lead[me].round -> memory[me].promised = lead[me].round; save(me)
+  :: else
+  fi;
+#endif
+  lead[me].phase = WRITING;
+  lead[me].value = v;
+  lead[me].acked = 0;
+  is_any_written = 1;
+  write_req[lead[me].round] = write_req[lead[me].round] | bit_of(v);
+  drop_dead_answers()
+}
+
+/* The decision comes from WRITE_ACKs of a majority, or in a DECIDE. */
+inline install(v, crashes)
+{
+  check_decision(v);
+#ifdef UNSAVED_RETIRES
+  retire(me);
+  if /* crash_point */
+  :: crashes ->
+    printf("node %d retires the register for decision %d, and crashes before it saves that\n", me, v);
+    restart(me)
+  :: else ->
+    printf("node %d retires the register and saves decision %d; DECIDE\n", me, v);
+    decision[me] = v;
+    decide = decide | bit_of(v)
+  fi;
+#else
+  decision[me] = v;
+  if /* crash_point */
+  :: crashes ->
+    printf("node %d saves decision %d, and crashes before it retires the register\n", me, v);
+    restart(me)
+  :: else ->
+    printf("node %d saves decision %d and retires the register; DECIDE\n", me, v);
+    retire(me);
+    decide = decide | bit_of(v)
+  fi;
+#endif
+  check_nothing_lost();
+  drop_dead_answers()
+}
+
+inline crash()
+{
+  printf("node %d crashes and restarts\n", me);
+  restart(me);
+  check_nothing_lost();
+  drop_dead_answers()
+}
+
+inline lose_disk()
+{
+  printf("node %d loses its disk\n", me);
+  one_more_loss;
+  empty_disk(me);
+  check_nothing_lost();
+  drop_dead_answers()
+}
+
+inline hear(n, is_old)
+{
+  printf("node %d, which is new, hears node %d (top: %d)\n", me, n, top(n) && !is_old);
+  heard[me] = heard[me] | bit_of(n);
+  must_know[me] = must_know[me] || (top(n) && !is_old)
+}
+
+inline join_as_new()
+{
+  printf("node %d, which was new, votes\n", me);
+  is_new[me] = 0;
+  heard[me] = 0;
+  must_know[me] = 0;
+  check_nothing_lost()
+}
+
+/* ---- A node ---- */
+
+/* A step without choices inside is one transition. So the choices, round, value and crash, are made outside. */
+#define acceptor_steps(r) \
+  :: d_step { promises(me, r) -> read_arrives(r, false) } \
+  :: d_step { promises(me, r) -> read_arrives(r, true) } \
+  :: d_step { may_vote(me, r, 1) -> write_arrives(r, 1, false) } \
+  :: d_step { may_vote(me, r, 1) -> write_arrives(r, 1, true) } \
+  :: d_step { may_vote(me, r, 2) -> write_arrives(r, 2, false) } \
+  :: d_step { may_vote(me, r, 2) -> write_arrives(r, 2, true) }
+
+#define leader_steps(v) \
+  :: d_step { may_write(me) && has_to_write(me, v) -> write(v) } \
+  :: d_step { has_decided(me, v) || is_told(me, v) -> install(v, false) } \
+  :: d_step { has_decided(me, v) || is_told(me, v) -> install(v, true) }
+
+#ifdef OLD_TOP
+#define hear_steps(n) \
+  :: d_step { has_to_hear(me, n) -> hear(n, false) } \
+  :: d_step { has_to_hear(me, n) -> hear(n, true) }
+#else
+#define hear_steps(n) :: d_step { has_to_hear(me, n) -> hear(n, false) }
+#endif
+
 active [NODES] proctype node()
 {
-  byte r, v;
-  bit crashes;
-
 end:
   do
-  :: atomic { /* READ_REQ arrives */
-      pick_round(promises);
-      if :: crashes = 0 :: crashes = 1 fi;
-promise:
-      d_step {
-        memory[me].promised = r;
-        save(me);
-        if /* crash_point */
-        :: crashes -> restart(me)
-        :: else -> send_read_ack(me, r)
-        fi;
-        drop_dead_answers();
-        r = 0; crashes = 0
-      }
-    }
-  :: atomic { /* WRITE_REQ arrives */
-      if
-      :: pick_round(accepts_1); v = 1
-      :: pick_round(accepts_2); v = 2
-      fi;
-      if :: crashes = 0 :: crashes = 1 fi;
-acceptance:
-      d_step {
-        memory[me].accepted = r;
-        memory[me].value = v;
-#ifdef ACCEPTED_NOT_SAVED
-        votes[vote(r, v)] = votes[vote(r, v)] | bit_of(me);
-        send_write_ack(me, r);
-        if /* crash_point */
-        :: crashes -> restart(me)
-        :: else -> save(me)
-        fi;
-#else
-        save(me);
-        votes[vote(r, v)] = votes[vote(r, v)] | bit_of(me);
-        if /* crash_point */
-        :: crashes -> restart(me)
-        :: else -> send_write_ack(me, r)
-        fi;
+  acceptor_steps(1)
+  acceptor_steps(2)
+  :: d_step { may_read(me, 1) -> read(1) }
+  :: d_step { may_read(me, 2) -> read(2) }
+#if ROUNDS > 2
+  acceptor_steps(3)
+  :: d_step { may_read(me, 3) -> read(3) }
 #endif
-        check_one_decision(r, v);
-        check_nothing_lost();
-        drop_dead_answers();
-        r = 0; v = 0; crashes = 0
-      }
-    }
+#if ROUNDS > 3
+  acceptor_steps(4)
+  :: d_step { may_read(me, 4) -> read(4) }
+#endif
+#if ROUNDS > 4
+  acceptor_steps(5)
+  :: d_step { may_read(me, 5) -> read(5) }
+#endif
+#if ROUNDS > 5
+  acceptor_steps(6)
+  :: d_step { may_read(me, 6) -> read(6) }
+#endif
+  :: d_step { may_count(me, 0) -> read_back(0) }
+  :: d_step { may_count(me, 1) -> read_back(1) }
+  :: d_step { may_count(me, 2) -> read_back(2) }
+  leader_steps(1)
+  leader_steps(2)
 
-  :: atomic { /* begins a round: READ */
-      pick_round(may_read);
-      d_step {
-        lead[me].phase = READING;
-        lead[me].round = r;
-        lead[me].acked = 0;
-        lead[me].value = 0;
-        read_req = read_req | (1 << r);
-        drop_dead_answers();
-        r = 0
-      }
-    }
-  :: atomic { /* READ_ACK arrives */
-      if
-      :: may_count(me, 0) -> r = 0
-      :: may_count(me, 1) -> r = 1
-      :: may_count(me, 2) -> r = 2
-      fi;
-      d_step {
-        lead[me].acked = lead[me].acked | bit_of(r);
-        v = read_ack[slot(lead[me].round, r)];
-        if
-        :: is_better(me, v) ->
-read_back:
-          lead[me].found_round = ack_round(v);
-          lead[me].found_value = ack_value(v)
-        :: else
-        fi;
-        r = 0; v = 0
-      }
-    }
-  :: atomic { /* WRITE */
-      may_write(me);
-      if
-      :: lead[me].found_round > 0 -> v = lead[me].found_value
-      :: lead[me].found_round == 0 -> v = 1
-      :: lead[me].found_round == 0 && is_any_written -> v = 2
-      fi;
-      d_step {
-        r = lead[me].round;
-#ifndef WRITE_UNCOVERED
-cover:
-        if
-        :: memory[me].promised < r -> memory[me].promised = r; save(me)
-        :: else
-        fi;
-#endif
-        check_write(r, v);
-        lead[me].phase = WRITING;
-        lead[me].value = v;
-        lead[me].acked = 0;
-        write_req[r] = write_req[r] | bit_of(v);
-        drop_dead_answers();
-        r = 0; v = 0
-      }
-    }
-
-  :: atomic { /* a decision: by WRITE_ACKs of a majority, or by DECIDE */
-      if
-      :: has_decided(me) -> v = lead[me].value
-      :: decision[me] == 0 && (decide & bit_of(1)) -> v = 1
-      :: decision[me] == 0 && (decide & bit_of(2)) -> v = 2
-      fi;
-      if :: crashes = 0 :: crashes = 1 fi;
-      d_step {
-        check_decision(v);
-#ifdef UNSAVED_RETIRES
-        retire(me);
-        if /* crash_point */
-        :: crashes -> restart(me)
-        :: else -> decision[me] = v; decide = decide | bit_of(v)
-        fi;
-#else
-        decision[me] = v;
-        if /* crash_point */
-        :: crashes -> restart(me)
-        :: else ->
-retirement:
-          retire(me);
-          decide = decide | bit_of(v)
-        fi;
-#endif
-        check_nothing_lost();
-        drop_dead_answers();
-        v = 0; crashes = 0
-      }
-    }
-
-  :: d_step { /* crash */
-      true;
-      restart(me);
-      check_nothing_lost();
-      drop_dead_answers()
-    }
-  :: d_step { /* the disk is lost */
-      may_lose_disk(me);
-      one_more_loss;
-      lose_disk(me);
-      check_nothing_lost();
-      drop_dead_answers()
-    }
-  :: atomic { /* a hello arrives at a new node */
-      if
-      :: is_new[me] && !(heard[me] & bit_of(other_1(me))) -> r = other_1(me)
-      :: is_new[me] && !(heard[me] & bit_of(other_2(me))) -> r = other_2(me)
-      fi;
-#ifdef OLD_TOP
-      if :: v = 0 :: v = 1 fi;
-#endif
-      d_step {
-        heard[me] = heard[me] | bit_of(r);
-        must_know[me] = must_know[me] || (top(r) && v == 0);
-        r = 0; v = 0
-      }
-    }
-  :: d_step {
-      is_new[me] && has_heard_enough(me) && knows_enough(me);
-joining_as_new:
-      is_new[me] = 0;
-      heard[me] = 0;
-      must_know[me] = 0;
-      check_nothing_lost()
-    }
+  :: d_step { true -> crash() }
+  :: d_step { may_lose_disk(me) -> lose_disk() }
+  hear_steps(0)
+  hear_steps(1)
+  hear_steps(2)
+  :: d_step { is_new[me] && has_heard_enough(me) && knows_enough(me) -> join_as_new() }
   od
 }
