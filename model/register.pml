@@ -20,7 +20,9 @@
  *     PROMISE_NOT_SAVED      PROMISE_IGNORED       FIRST_VALUE           WRITE_UNCOVERED    FLOOR_FORGOTTEN
  *     ACCEPTED_NOT_SAVED     SMALL_QUORUM          ROUND_REUSED          UNSAVED_RETIRES    EMPTIED_VOTES
  *     HEARS_ONE              TOP_IGNORED           QUESTION_NOT_TOP      OLD_TOP
- * WITNESS=n turns the n-th thing that must be able to happen into an error. */
+ * With DECISIONS_ONLY such a run is judged by its decisions alone, and KEEP_ANSWERS keeps what only a missing rule needs.
+ *
+ * A model in which too little happens proves nothing. WITNESS=n makes an error of the n-th thing that must happen. */
 
 #ifndef ROUNDS
 #define ROUNDS 4
@@ -138,6 +140,18 @@ inline check_decision(v)
 
 #define check_write(r, v) \
   assert(is_beside_the_point || chosen == 0 || r < chosen_round || v == chosen) /* a later leader writes the decided */
+
+/* ---- What must be able to happen ---- */
+
+#ifdef WITNESS
+#define happens(n, condition) assert(WITNESS != n || !(condition))
+bit has_joined_empty[NODES];
+#define note_joins_empty(n) has_joined_empty[n] = !must_know[n]
+#define joined_empty(n) has_joined_empty[n]
+#else
+#define happens(n, condition) skip
+#define note_joins_empty(n) skip
+#endif
 
 /* ---- Crash, and loss of a disk ---- */
 
@@ -398,6 +412,7 @@ inline write_arrives(r, v, crashes)
   fi;
 #endif
   check_one_decision(r, v);
+  happens(5, joined_empty(me) && chosen == v); /* one that joined as new votes with the majority that decides */
   check_nothing_lost();
   drop_dead_answers()
 }
@@ -418,6 +433,9 @@ inline read_back(a)
   printf("node %d counts the READ_ACK of node %d for round %d\n", me, a, lead[me].round);
   lead[me].acked = lead[me].acked | bit_of(a);
   i = read_ack[slot(lead[me].round, a)];
+  /* two READ_ACKs of one register carry different values */
+  happens(2, lead[me].found_round > 0 && ack_round(i) > lead[me].found_round && ack_value(i) != lead[me].found_value);
+  happens(3, floor[0] || floor[1] || floor[2]); /* a leader asks for a register that is retired elsewhere */
   if
   :: is_better(me, i) -> lead[me].found_round = ack_round(i); lead[me].found_value = ack_value(i)
   :: else
@@ -429,6 +447,7 @@ inline write(v)
 {
   printf("node %d writes value %d in round %d (read back: round %d)\n", me, v, lead[me].round, lead[me].found_round);
   check_write(lead[me].round, v);
+  happens(1, chosen != 0 && lead[me].round > chosen_round); /* a leader reads back what is decided, and writes it */
 #ifndef WRITE_UNCOVERED
   if
   :: memory[me].promised < lead[me].round -> memory[me].promised = lead[me].round; save(me)
@@ -501,6 +520,8 @@ inline hear(n, is_old)
 inline join_as_new()
 {
   printf("node %d, which was new, votes\n", me);
+  note_joins_empty(me);
+  happens(4, must_know[me]); /* one joins that had to learn a decision first */
   is_new[me] = 0;
   heard[me] = 0;
   must_know[me] = 0;
