@@ -14,7 +14,7 @@
  * is not modelled either, for it is in the set already.
  *
  * Everything may happen without end: crashes, lost disks, new rounds up to ROUNDS. Of lost disks, one at a time: the
- * next goes when the node of the last has joined.
+ * next goes when the node of the last has joined. MANY_LOST takes this assumption away.
  *
  * Each of these macros takes one rule away; scripts/model-check says what it breaks:
  *     PROMISE_NOT_SAVED      PROMISE_IGNORED       FIRST_VALUE           WRITE_UNCOVERED    FLOOR_FORGOTTEN
@@ -223,7 +223,7 @@ inline restart(n)
 }
 
 /* The machine is replaced. By the time the new one has joined, nothing that the old one answered, or was answered, is
- * under way any more; what it asked may be. */
+ * under way any more; what it asked may be. LATE_ANSWERS takes this assumption away. */
 inline empty_disk(n)
 {
   forget(disk[n]);
@@ -232,6 +232,7 @@ inline empty_disk(n)
 #ifndef EMPTIED_VOTES
   is_new[n] = 1;
 #endif
+#ifndef LATE_ANSWERS
   for (i : 1 .. ROUNDS) {
     read_ack[slot(i, n)] = 0;
     write_ack[i] = write_ack[i] & ~bit_of(n);
@@ -243,6 +244,9 @@ inline empty_disk(n)
     fi
   }
   i = 0
+#else
+  skip
+#endif
 }
 
 /* ---- Acceptor: src/round_based_registers/register_acceptor.cc ---- */
@@ -360,6 +364,9 @@ inline retire(n)
 byte losses;
 #define may_lose_disk(n) (losses < LOSSES)
 #define one_more_loss losses++
+#elif defined(MANY_LOST)
+#define may_lose_disk(n) true
+#define one_more_loss skip
 #else
 #define may_lose_disk(n) (!is_new[0] && !is_new[1] && !is_new[2])
 #define one_more_loss skip
