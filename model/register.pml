@@ -4,9 +4,9 @@
  * the decision of n - 1, and a decision retires all registers up to its own. So one register is modelled. "Retired"
  * means that its number, or a later one, is decided on this node's disk.
  *
- * Each node is a process. It is an acceptor, and nodes 0 .. LEADERS - 1 lead, all at once and all the time, which is the
- * worst that an election can do. One pass of its loop is one step. A step is atomic but for the places named
- * crash_point, where the node may restart: it then has what its disk has. The other places need none: no other node
+ * Each node is a process. It is an acceptor, and nodes 0 .. LEADERS - 1 lead, all at once and all the time: no election
+ * can do worse. One pass of its loop is one step. A step is atomic but for the places named crash_point, where the node
+ * may restart: it then has what its disk has. The other places need none: no other node
  * sees what lies between them, so a crash there is a request that got lost, and then a crash.
  *
  * The network is the set of what was sent. Nobody takes a message out, so it may be read never, late, twice and in any
@@ -20,7 +20,7 @@
  *     PROMISE_NOT_SAVED      PROMISE_IGNORED       FIRST_VALUE           WRITE_UNCOVERED    FLOOR_FORGOTTEN
  *     ACCEPTED_NOT_SAVED     SMALL_QUORUM          ROUND_REUSED          UNSAVED_RETIRES    EMPTIED_VOTES
  *     HEARS_ONE              TOP_IGNORED           QUESTION_NOT_TOP      OLD_TOP
- * With DECISIONS_ONLY such a run is judged by its decisions alone, and KEEP_ANSWERS keeps what only a missing rule needs.
+ * With DECISIONS_ONLY such a run is judged by its decisions alone; KEEP_ANSWERS keeps what only a missing rule needs.
  *
  * A model in which too little happens proves nothing. WITNESS=n makes an error of the n-th thing that must happen. */
 
@@ -162,12 +162,15 @@ inline forget(register)
   register.value = 0
 }
 
-/* Answers that nobody will count any more leave the set: that changes nothing but the number of states. A round is asked
- * for again only by a leader that has neither promised it nor had it retired. Where a rule is missing, all stay. */
+/* Answers that nobody will count any more leave the set: that changes nothing but the number of states. A leader asks
+ * again for a round only if it has neither promised it itself nor retired the register. KEEP_ANSWERS keeps them all, and
+ * a leader that writes still counts READ_ACKs, as the code does: it then knows more than it must in its next round. */
 #ifdef KEEP_ANSWERS
 #define may_count_read(r) true
 #define may_count_write(r) true
+#define still_counts(n) (lead[n].phase != IDLE)
 #else
+#define still_counts(n) (lead[n].phase == READING)
 #define is_in(n, r, p) (lead[n].phase == p && lead[n].round == r)
 #define may_count_read(r) (is_in(owner(r), r, READING) || (disk[owner(r)].promised < r && !floor[owner(r)]))
 #define may_count_write(r) (is_in(owner(r), r, WRITING))
@@ -318,7 +321,7 @@ inline retire(n)
 #define may_read(n, r) \
   (leads_here(n) && owner(r) == n && is_unused(n, r) && (lead[n].phase == IDLE || lead[n].round < r))
 
-#define may_count(n, a) (leads_here(n) && lead[n].phase == READING && !(lead[n].acked & bit_of(a)) && \
+#define may_count(n, a) (leads_here(n) && still_counts(n) && !(lead[n].acked & bit_of(a)) && \
                          read_ack[slot(lead[n].round, a)] != 0)
 
 #ifdef FIRST_VALUE
