@@ -25,7 +25,7 @@
  * A model in which too little happens proves nothing. WITNESS=n makes an error of the n-th thing that must happen. */
 
 #ifndef ROUNDS
-#define ROUNDS 4
+#define ROUNDS 3
 #endif
 #ifndef LEADERS
 #define LEADERS 2
@@ -163,8 +163,8 @@ inline forget(register)
 }
 
 /* Answers that nobody will count any more leave the set: that changes nothing but the number of states. A leader asks
- * again for a round only if it has neither promised it itself nor retired the register. KEEP_ANSWERS keeps them all, and
- * a leader that writes still counts READ_ACKs, as the code does: it then knows more than it must in its next round. */
+ * again for a round only if it has neither promised it itself nor retired the register. KEEP_ANSWERS keeps them all. A
+ * leader that writes then still counts READ_ACKs, as the code does, and knows more than it must in its next round. */
 #ifdef KEEP_ANSWERS
 #define may_count_read(r) true
 #define may_count_write(r) true
