@@ -189,13 +189,14 @@ void hello_service::work(const std::vector<arrival> &arrived, bool is_due)
       }
     }
   }
-  if (is_due) {
+  // Who begins waits for an echo before it votes. It trusts the first top that it is told, so that one is of now.
+  const bool says_hello = is_due || (is_new_session && facts_);
+  if (says_hello) {
     facts_ = functions_.facts();
     agreement_.own(facts_->position);
   }
   judge();
-  // Who begins waits for an echo before it votes.
-  if (is_due || (is_new_session && facts_)) {
+  if (says_hello) {
     say_hello();
   }
 }

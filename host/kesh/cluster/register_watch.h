@@ -1,4 +1,4 @@
-/// The greatest register id in what arrives on channel 3: how far the cluster's votes are, even for a node that has no
+/// The greatest register id in what passes on channel 3: how far the cluster's votes are, even for a node that has no
 /// disk to tell it.
 #pragma once
 
@@ -16,7 +16,7 @@ public:
   /// Takes notice only of messages of this cluster and build, as the library does.
   register_watch(uint64_t cluster_id, uint32_t build) : cluster_id_(cluster_id), build_(build) {}
 
-  /// Any incoming message. Any thread, from a filter too: it waits for nothing.
+  /// Any message, in or out. Any thread, from a filter too: it waits for nothing.
   void note(const platform::message_view &one) noexcept;
   /// 0: none was seen.
   uint32_t greatest() const { return greatest_.load(std::memory_order_relaxed); }

@@ -46,6 +46,10 @@ bool vote_filter::lets_in(const platform::message_view &one) noexcept
 
 bool vote_filter::lets_out(const platform::message_view &one) noexcept
 {
+  // A question counts before this node has answered it itself: the answer of another node may be counted earlier.
+  if (one.channel == VOTES) {
+    watch_.note(one);
+  }
   return !holds(one);
 }
 

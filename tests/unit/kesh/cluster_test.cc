@@ -507,3 +507,39 @@ TEST(cluster_hello_service, a_diverged_node_is_barred_and_one_whose_disk_went_ba
     each->service->receive("late");
   }
 }
+
+// A new node votes when it knows the first top that each node told it. One of a second ago could lack the question that
+// the new node answered before it lost its disk.
+TEST(cluster_hello_service, a_new_session_is_told_the_top_of_now)
+{
+  std::mutex lock;
+  std::condition_variable grown;
+  std::vector<uint32_t> told;
+  uint32_t top = 50;
+  hello_functions functions;
+  functions.facts = [&] {
+    const std::lock_guard held(lock);
+    own_facts now;
+    now.top = top;
+    now.position = position_at(300);
+    return now;
+  };
+  functions.own_hash = [](const told_position &, uint64_t) { return std::optional<chain_hash>(); };
+  functions.send = [&](std::string_view bytes) {
+    const std::lock_guard held(lock);
+    told.push_back(hello_decode(bytes).value().top);
+    grown.notify_all();
+  };
+  hello_service service({CLUSTER, 10000, 3, 1, 101, std::chrono::hours(1)}, functions);
+  service.start();
+  std::unique_lock held(lock);
+  ASSERT_TRUE(grown.wait_for(held, std::chrono::seconds(10), [&] { return told.size() == 1; }));
+  top = 51;
+  held.unlock();
+  service.receive(hello_encode(hello_of(2, 1)));
+  held.lock();
+  EXPECT_TRUE(grown.wait_for(held, std::chrono::seconds(10), [&] { return told.size() == 2; }));
+  EXPECT_EQ(told.back(), 51u);
+  held.unlock();
+  service.stop();
+}

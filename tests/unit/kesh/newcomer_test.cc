@@ -157,6 +157,9 @@ TEST(newcomer, never_says_that_it_lacks_what_it_may_have_held)
     }
   }
   EXPECT_EQ(filter.watch().greatest(), 5u) << "it is seen all the same";
+  const std::vector<uint8_t> asked = {0, 0, 0, 0, 6, 0, 0, 0, 1, 0, 0, 0};
+  EXPECT_TRUE(filter.lets_out({3, 0, 7, 9, asked}));
+  EXPECT_EQ(filter.watch().greatest(), 6u) << "a question counts when it is sent";
 }
 
 // A node that formed a cluster and was restarted before the first decision has nothing else to show. One that is new
