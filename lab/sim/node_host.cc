@@ -19,7 +19,6 @@ constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
 constexpr const char *DELIVER_FILE = "/flashdisk/cons/paxos_deliver";
 constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
 constexpr uint32_t UNKNOWN_IDS_MAX = 65536;
-constexpr size_t INBOX_MAX = 4000;
 constexpr uint32_t MISSING = 4;
 
 // Histories that snapshots name: a snapshot carries its index.

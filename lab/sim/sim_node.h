@@ -36,6 +36,9 @@ struct open_file {
 
 using receive_hook = void (*)(void *msg);
 
+/// Datagrams that wait per channel; more are lost, as in the kernel.
+inline constexpr size_t INBOX_MAX = 4000;
+
 /// One process of a node, from its start to its end.
 struct node_run : process {
   struct sim_node *home = nullptr;

@@ -42,7 +42,7 @@ world::world(const run_options &options, const library_image &image)
                    node.asked_for = std::max(node.asked_for, get_u32(one->data() + ENVELOPE_BYTES + 4));
                  }
                  if (node.run != nullptr && node_host::passes(node, channel, one) &&
-                     node.run->inbox[channel - FIRST_CHANNEL].size() < 4000) {
+                     node.run->inbox[channel - FIRST_CHANNEL].size() < INBOX_MAX) {
                    std::deque<datagram> &inbox = node.run->inbox[channel - FIRST_CHANNEL];
                    inbox.push_back(one);
                    clock_.wake_all(node.run.get(), &inbox);
@@ -59,7 +59,7 @@ world::world(const run_options &options, const library_image &image)
     made->number = number;
     made->choices = draw(options.seed, 100 + number);
     made->state_bytes =
-        static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.below(100));
+        static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.between(0, 99));
     nodes_.push_back(std::move(made));
   }
   plan_ = plan_of(options.seed, options.decisions, options.faults);
