@@ -72,11 +72,17 @@ void repeat_later(node_run &run, uint64_t id, int64_t period_us)
   });
 }
 
-const std::string *configured(const char *format, va_list arguments)
+// Runs `take` with the key's value. -1: it has none.
+template <class taker>
+int with_value(const char *format, va_list arguments, taker take)
 {
   const std::map<std::string, std::string> &config = here().home->config;
   const auto at = config.find(formatted(format, arguments));
-  return at == config.end() ? nullptr : &at->second;
+  if (at == config.end()) {
+    return -1;
+  }
+  take(at->second);
+  return 0;
 }
 
 }  // namespace
@@ -139,52 +145,38 @@ int vx_cfg_get(char **value, const char *key_format, ...)
 {
   va_list arguments;
   va_start(arguments, key_format);
-  const std::string *const text = configured(key_format, arguments);
+  const int result = with_value(key_format, arguments, [&](const std::string &text) { *value = strdup(text.c_str()); });
   va_end(arguments);
-  if (text == nullptr) {
-    return -1;
-  }
-  *value = strdup(text->c_str());
-  return 0;
+  return result;
 }
 
 int vx_cfg_get_int(int32_t *value, const char *key_format, ...)
 {
   va_list arguments;
   va_start(arguments, key_format);
-  const std::string *const text = configured(key_format, arguments);
+  const int result = with_value(key_format, arguments, [&](const std::string &text) { *value = std::stoi(text); });
   va_end(arguments);
-  if (text == nullptr) {
-    return -1;
-  }
-  *value = std::stoi(*text);
-  return 0;
+  return result;
 }
 
 int vx_cfg_get_uint(uint32_t *value, const char *key_format, ...)
 {
   va_list arguments;
   va_start(arguments, key_format);
-  const std::string *const text = configured(key_format, arguments);
+  const int result = with_value(key_format, arguments,
+                                [&](const std::string &text) { *value = static_cast<uint32_t>(std::stoul(text)); });
   va_end(arguments);
-  if (text == nullptr) {
-    return -1;
-  }
-  *value = static_cast<uint32_t>(std::stoul(*text));
-  return 0;
+  return result;
 }
 
 int vx_cfg_is_enabled(int *enabled, const char *key_format, ...)
 {
   va_list arguments;
   va_start(arguments, key_format);
-  const std::string *const text = configured(key_format, arguments);
+  const int result =
+      with_value(key_format, arguments, [&](const std::string &text) { *enabled = text == "1" ? 1 : 0; });
   va_end(arguments);
-  if (text == nullptr) {
-    return -1;
-  }
-  *enabled = *text == "1" ? 1 : 0;
-  return 0;
+  return result;
 }
 
 int vx_cfg_set(const char *value, const char *key_format, ...)

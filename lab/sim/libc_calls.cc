@@ -424,7 +424,6 @@ int queue_get(key_t, int)
 
 int queue_send(int, const void *, size_t, int)
 {
-  ++here().signs_of_life;
   caught("msgsnd");
   return 0;
 }

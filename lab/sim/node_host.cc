@@ -1,12 +1,11 @@
 #include "node_host.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
-#include "bytes_hash.h"
+#include "library_files.h"
 
 namespace sim
 {
@@ -15,9 +14,6 @@ namespace
 {
 
 constexpr const char *NODE_STATE_FILE = "/var/run/node_state";
-constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
-constexpr const char *DELIVER_FILE = "/flashdisk/cons/paxos_deliver";
-constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
 constexpr uint32_t UNKNOWN_IDS_MAX = 65536;
 constexpr uint32_t MISSING = 4;
 
@@ -26,11 +22,9 @@ std::vector<std::vector<uint32_t>> snapshots;
 
 std::string bytes_of(uint32_t number)
 {
-  std::string bytes;
-  for (int i = 0; i < 4; ++i) {
-    bytes += static_cast<char>(number >> 8 * i);
-  }
-  return bytes;
+  uint8_t bytes[4];
+  put_le32(bytes, number);
+  return {reinterpret_cast<const char *>(bytes), sizeof bytes};
 }
 
 void pass_hook_time(node_run &run, int64_t us, const char *what)
@@ -52,10 +46,10 @@ void adopt(node_run &run, uint32_t type, const uint8_t *bytes, uint32_t length)
   application &app = run.home->app;
   if (type == 0) {
     app.arriving.emplace();
-    if (length != 0 && (length != 4 || get_u32(bytes) >= snapshots.size())) {
+    if (length != 0 && (length != 4 || get_le32(bytes) >= snapshots.size())) {
       sim_context.judge->break_promise("integrity", run.node, "a full state is not what a node handed over");
     } else if (length != 0) {
-      *app.arriving = snapshots[get_u32(bytes)];
+      *app.arriving = snapshots[get_le32(bytes)];
     }
     return;
   }
@@ -140,21 +134,12 @@ void register_hooks(const library_copy &library)
   library.register_clmsg_hook(0, clmsg_hook);
 }
 
-uint32_t number_in(const sim_node &node, const char *path)
-{
-  const sim_disk::file_ptr file = node.disk.find(path);
-  return file != nullptr && file->bytes.size() >= 4 ? get_u32(file->bytes.data()) : 0;
-}
-
 // The greatest register that it may have answered for.
 uint32_t top_of(const sim_node &node)
 {
-  uint32_t top = std::max(number_in(node, DECIDE_FILE), node.asked_for);
-  for (const std::string &name : node.disk.list("/flashdisk/cons")) {
-    uint32_t id = 0;
-    if (std::sscanf(name.c_str(), "rb_reg.%u", &id) == 1) {
-      top = std::max(top, id);
-    }
+  uint32_t top = std::max(number_in(node.disk, DECIDE_FILE), node.asked_for);
+  for (const uint32_t id : registers_on(node.disk)) {
+    top = std::max(top, id);
   }
   return top;
 }
@@ -167,7 +152,7 @@ bool is_handled(const sim_node &node)
   if (decide == nullptr || deliver == nullptr || decide->bytes.size() < 1258 || deliver->bytes.size() < 5) {
     return false;
   }
-  const uint32_t count = get_u32(decide->bytes.data() + 4);
+  const uint32_t count = get_le32(decide->bytes.data() + 4);
   return count == 0 ||
          (count <= 250 && std::memcmp(decide->bytes.data() + 8 + 5 * (count - 1), deliver->bytes.data(), 5) == 0);
 }
@@ -282,11 +267,13 @@ void node_host::run_submitter(node_run &run, uint64_t stream)
       continue;
     }
     const auto length = static_cast<uint32_t>(choices.spread(4, work.length_max));
-    submission &one = sim_context.judge->call(run.node, length, clock.now_us());
+    const submission &one = sim_context.judge->call(run.node, length);
     const std::vector<uint8_t> bytes = submission_bytes(one);
     const uint32_t type = static_cast<uint32_t>(choices.below(4));
+    ++run.open_calls;
     const int result = run.library.distribute(bytes.data(), one.length, type);
-    sim_context.judge->returned(one, result, run.home->app, clock.now_us());
+    --run.open_calls;
+    sim_context.judge->returned(one, result, run.home->app);
     if (choices.once_in(20)) {
       run.library.bcast_clmsg(0, bytes.data(), std::min(one.length, 100u));
     }
@@ -358,7 +345,7 @@ bool node_host::passes(const sim_node &node, uint32_t channel, const datagram &o
     return !node.is_new;
   }
   if (channel == 5 && size >= 8 && payload[0] == MISSING) {
-    const uint32_t id = get_u32(payload + 4);
+    const uint32_t id = get_le32(payload + 4);
     return !node.is_new && (payload[3] > NODES_MAX || id > node.held_missing[payload[3]]);
   }
   return true;
@@ -366,6 +353,7 @@ bool node_host::passes(const sim_node &node, uint32_t channel, const datagram &o
 
 void node_host::begin_anew(sim_node &node)
 {
+  node.ids_before = number_in(node.disk, MSG_ID_FILE);
   node.disk.empty();
   node.app = {};
   node.is_new = true;
@@ -394,13 +382,13 @@ void node_host::learn(sim_node &node, const std::vector<std::unique_ptr<sim_node
     }
     top = std::max(top, *node.first_tops[other->number]);
   }
-  if (number_in(node, DECIDE_FILE) < top || !is_handled(node)) {
+  if (number_in(node.disk, DECIDE_FILE) < top || !is_handled(node)) {
     return;
   }
   node_run &run = *node.run;
   sim_context.log->line(sim_context.clock->now_us(), node.number, "joins");
   for (const std::unique_ptr<sim_node> &other : all) {
-    node.held_missing[other->number] = number_in(*other, MSG_ID_FILE);
+    node.held_missing[other->number] = number_in(other->disk, MSG_ID_FILE);
   }
   node.held_missing[node.number] = node.ids_before;
   sim_context.clock->create(&run, "host-join", [this, &run] {

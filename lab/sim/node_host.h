@@ -42,7 +42,7 @@ public:
   static bool passes(const sim_node &node, uint32_t channel, const datagram &one);
 
   /// The node has lost its disk. It takes no part in votes until learn() says so.
-  void begin_anew(sim_node &node);
+  static void begin_anew(sim_node &node);
   /// What the other nodes tell once a second.
   void learn(sim_node &node, const std::vector<std::unique_ptr<sim_node>> &all);
 

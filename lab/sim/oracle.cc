@@ -1,9 +1,8 @@
 #include "oracle.h"
 
 #include <algorithm>
-#include <cstdio>
 
-#include "bytes_hash.h"
+#include "library_files.h"
 
 namespace sim
 {
@@ -11,16 +10,22 @@ namespace sim
 namespace
 {
 
-constexpr const char *DECIDE_FILE = "/flashdisk/cons/paxos_decide";
-constexpr const char *MSG_ID_FILE = "/flashdisk/cons/msg_id";
-constexpr const char *REGISTER_FILE = "/flashdisk/cons/rb_reg.";
-
 constexpr uint32_t OFFER = 0;
 constexpr uint32_t COMPLETE = 3;
 
 constexpr uint32_t WRITE_REQ = 3;
 constexpr uint32_t READ_ACK = 1;
 constexpr uint32_t WRITE_ACK = 4;
+
+// FNV-1a.
+uint64_t hash_of(std::string_view bytes)
+{
+  uint64_t hash = 0xcbf29ce484222325;
+  for (const char byte : bytes) {
+    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
+  }
+  return hash;
+}
 
 uint8_t filler(uint32_t id, uint32_t at)
 {
@@ -38,26 +43,23 @@ std::vector<uint8_t> submission_bytes(const submission &one)
   return bytes;
 }
 
-submission &oracle::call(uint32_t node, uint32_t length, int64_t now_us)
+const submission &oracle::call(uint32_t node, uint32_t length)
 {
   auto made = std::make_unique<submission>();
   made->id = static_cast<uint32_t>(submissions_.size() + 1);
   made->node = node;
   made->length = std::max(length, 4u);
-  made->called_us = now_us;
   made->floor = acknowledged_top_;
   submissions_.push_back(std::move(made));
   return *submissions_.back();
 }
 
-void oracle::returned(submission &one, int result, const application &app, int64_t now_us)
+void oracle::returned(const submission &one, int result, const application &app)
 {
-  one.returned_us = now_us;
-  one.result = result;
   if (result != 0) {
     return;
   }
-  ++acknowledged_;
+  ++nodes_[one.node].acknowledged;
   if (lost_ != 0 && !is_durable_) {
     return;
   }
@@ -76,7 +78,7 @@ void oracle::returned(submission &one, int result, const application &app, int64
 
 void oracle::delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bool may_repeat)
 {
-  const uint32_t id = length >= 4 ? get_u32(bytes) : 0;
+  const uint32_t id = length >= 4 ? get_le32(bytes) : 0;
   if (id == 0 || id > submissions_.size()) {
     report_("integrity", node.number, "delivered " + std::to_string(length) + " bytes that nobody submitted");
     return;
@@ -144,7 +146,7 @@ void oracle::check_decision(uint32_t node, uint32_t number, std::string_view log
     report_("decision", node, "decision " + std::to_string(number) + " has another log " + where);
   }
   if (is_first && log.size() >= 9) {
-    states_.emplace(hash_of(log.substr(4, 5)), 0);
+    states_.insert(hash_of(log.substr(4, 5)));
   }
 }
 
@@ -155,8 +157,8 @@ void oracle::check_register_saved(const sim_node &node, uint32_t id, const file_
     return;
   }
   auto &[promised, accepted] = nodes_[node.number].registers[id];
-  const uint32_t read_round = get_u32(bytes.data());
-  const uint32_t write_round = get_u32(bytes.data() + 4);
+  const uint32_t read_round = get_le32(bytes.data());
+  const uint32_t write_round = get_le32(bytes.data() + 4);
   if (read_round < promised || write_round < accepted) {
     report_("promise", node.number,
             "register " + std::to_string(id) + " went back: promised " + std::to_string(promised) + ", now " +
@@ -171,25 +173,24 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
 {
   node_numbers &own = nodes_[node.number];
   if (path == DECIDE_FILE && bytes.size() == 1258) {
-    const uint32_t number = get_u32(bytes.data());
+    const uint32_t number = get_le32(bytes.data());
     if (number < own.decision) {
       report_("numbers", node.number,
               "paxos_decide fell from " + std::to_string(own.decision) + " to " + std::to_string(number));
     }
     own.decision = number;
     if (number != 0) {
-      const size_t used = 4 + 5 * std::min<size_t>(get_u32(bytes.data() + 4), 250);
+      const size_t used = 4 + 5 * std::min<size_t>(get_le32(bytes.data() + 4), 250);
       check_decision(node.number, number, {reinterpret_cast<const char *>(bytes.data()) + 4, used}, "in paxos_decide");
       own.registers.erase(own.registers.begin(), own.registers.upper_bound(number));
     }
   } else if (path == MSG_ID_FILE && bytes.size() == 4) {
-    const uint32_t id = get_u32(bytes.data());
+    const uint32_t id = get_le32(bytes.data());
     if (id < own.msg_id) {
       report_("numbers", node.number, "msg_id fell from " + std::to_string(own.msg_id) + " to " + std::to_string(id));
     }
     own.msg_id = id;
-  } else if (uint32_t id = 0;
-             path.starts_with(REGISTER_FILE) && std::sscanf(path.c_str(), "/flashdisk/cons/rb_reg.%u", &id) == 1) {
+  } else if (const uint32_t id = register_of(path); id != 0) {
     check_register_saved(node, id, bytes);
   }
 }
@@ -199,7 +200,7 @@ void oracle::check_payload_message(const sim_node &node, const uint8_t *message)
 {
   const uint32_t type = message[0];
   const uint32_t sender = message[3];
-  const uint32_t id = get_u32(message + 4);
+  const uint32_t id = get_le32(message + 4);
   if (type == OFFER && sender == node.number && id > nodes_[node.number].msg_id) {
     report_("numbers", node.number, "identifier " + std::to_string(id) + " is offered, but not saved");
   }
@@ -218,12 +219,12 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   }
   const uint8_t *const payload = one->data() + ENVELOPE_BYTES;
   const size_t size = one->size() - ENVELOPE_BYTES;
-  if (channel == 4 && size == 1268 && get_u32(payload) == 0) {
-    const size_t used = 4 + 5 * std::min<size_t>(get_u32(payload + 13), 250);
-    if (get_u32(payload + 4) > nodes_[node.number].decision) {
-      report_("numbers", node.number, "decision " + std::to_string(get_u32(payload + 4)) + " is told, but not saved");
+  if (channel == 4 && size == 1268 && get_le32(payload) == 0) {
+    const size_t used = 4 + 5 * std::min<size_t>(get_le32(payload + 13), 250);
+    if (get_le32(payload + 4) > nodes_[node.number].decision) {
+      report_("numbers", node.number, "decision " + std::to_string(get_le32(payload + 4)) + " is told, but not saved");
     }
-    check_decision(node.number, get_u32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used},
+    check_decision(node.number, get_le32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used},
                    "in a datagram");
   }
   if (channel == 5 && size >= 8) {
@@ -232,9 +233,9 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   if (channel != 3 || size < 12) {
     return;
   }
-  const uint32_t type = get_u32(payload);
-  const uint32_t id = get_u32(payload + 4);
-  const uint32_t round = get_u32(payload + 8);
+  const uint32_t type = get_le32(payload);
+  const uint32_t id = get_le32(payload + 4);
+  const uint32_t round = get_le32(payload + 8);
   const auto check_value = [&](uint32_t of_round, size_t at) {
     const uint64_t hash = hash_of({reinterpret_cast<const char *>(payload) + at, size - at});
     if (round_values_.emplace(std::pair{id, of_round}, hash).first->second != hash) {
@@ -245,7 +246,7 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   if (type == WRITE_REQ && size >= 16) {
     check_value(round, 16);
   } else if (type == READ_ACK && size > 20) {
-    check_value(get_u32(payload + 12), 20);
+    check_value(get_le32(payload + 12), 20);
   }
   if ((type == READ_ACK || type == WRITE_ACK) && id > nodes_[node.number].decision) {
     check_answer(node, id, type == READ_ACK, round);
@@ -278,23 +279,24 @@ void oracle::log_line(const sim_node &node, std::string_view text)
 void oracle::disk_went_back(const sim_node &node)
 {
   node_numbers &own = nodes_[node.number];
-  own = {};
-  const auto number_in = [&](const char *path) {
-    const sim_disk::file_ptr file = node.disk.find(path);
-    return file != nullptr && file->bytes.size() >= 4 ? get_u32(file->bytes.data()) : 0;
-  };
-  own.decision = number_in(DECIDE_FILE);
-  own.msg_id = number_in(MSG_ID_FILE);
-  for (const std::string &name : node.disk.list("/flashdisk/cons")) {
-    uint32_t id = 0;
-    char rest = 0;
-    if (std::sscanf(name.c_str(), "rb_reg.%u%c", &id, &rest) == 1) {
-      const sim_disk::file_ptr file = node.disk.find("/flashdisk/cons/" + name);
-      if (file->bytes.size() >= 12) {
-        own.registers[id] = {get_u32(file->bytes.data()), get_u32(file->bytes.data() + 4)};
-      }
+  own.decision = number_in(node.disk, DECIDE_FILE);
+  own.msg_id = number_in(node.disk, MSG_ID_FILE);
+  own.registers.clear();
+  for (const uint32_t id : registers_on(node.disk)) {
+    const sim_disk::file_ptr file = node.disk.find(REGISTER_FILE + std::to_string(id));
+    if (file->bytes.size() >= 12) {
+      own.registers[id] = {get_le32(file->bytes.data()), get_le32(file->bytes.data() + 4)};
     }
   }
+}
+
+uint64_t oracle::acknowledged() const
+{
+  uint64_t all = 0;
+  for (const node_numbers &one : nodes_) {
+    all += one.acknowledged;
+  }
+  return all;
 }
 
 bool oracle::is_healed(const std::vector<std::unique_ptr<sim_node>> &all, std::string &why) const

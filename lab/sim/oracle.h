@@ -6,10 +6,11 @@
 ///   acknowledged what was acknowledged is in the order, and its node has it
 ///   decision     one decision number has one log, on every disk and in every datagram
 ///   round        one round of a register carries one value
-///   promise      what an acceptor answers, and a payload that a node calls complete, is on its disk; it never goes
-///   back numbers      in a node's files no number falls silence      a stopped library sends nothing on channels 4 and
-///   5, and calls no hook verdict      stop returns in time, and so do calls after it waiting      no thread waits for
-///   a mutex for ever; after cleanup no thread is left
+///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back
+///   numbers      in a node's files no number falls
+///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
+///   verdict      stop returns in time, and after it all calls have returned
+///   waiting      no thread waits for a mutex for ever; after cleanup no thread is left
 ///
 /// Without durable payloads a payload may be lost with the processes that held it, which the library says in its log,
 /// or be ordered again by a leader that forgot its decision. From then on order and loss are not judged in this run.
@@ -18,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -33,9 +35,6 @@ struct submission {
   uint32_t id = 0;
   uint32_t node = 0;
   uint32_t length = 0;
-  int64_t called_us = 0;
-  int64_t returned_us = -1;
-  int result = 1;
   int64_t floor = -1;  ///< what has been acknowledged when it was called has places up to this
 };
 
@@ -52,8 +51,8 @@ public:
   {
   }
 
-  submission &call(uint32_t node, uint32_t length, int64_t now_us);
-  void returned(submission &one, int result, const application &app, int64_t now_us);
+  const submission &call(uint32_t node, uint32_t length);
+  void returned(const submission &one, int result, const application &app);
 
   /// A deliver hook runs: `bytes` of a submission. Appends to the history, unless it is the last one once more.
   void delivered(sim_node &node, const uint8_t *bytes, uint32_t length, bool may_repeat);
@@ -69,10 +68,9 @@ public:
   /// After healing: whether all are equal and have what was acknowledged. If not, `why` tells.
   bool is_healed(const std::vector<std::unique_ptr<sim_node>> &all, std::string &why) const;
 
-  const std::vector<uint32_t> &order() const { return order_; }
-  const std::map<uint32_t, uint64_t> &decisions() const { return decisions_; }
   uint32_t top_decision() const { return decisions_.empty() ? 0 : decisions_.rbegin()->first; }
-  uint64_t acknowledged() const { return acknowledged_; }
+  uint64_t acknowledged() const;
+  uint64_t acknowledged_by(uint32_t node) const { return nodes_[node].acknowledged; }
   uint64_t lost() const { return lost_; }
   uint64_t roll_overs() const { return states_.size(); }
   void break_promise(const std::string &invariant, uint32_t node, const std::string &what)
@@ -84,6 +82,7 @@ private:
   struct node_numbers {
     uint32_t decision = 0;
     uint32_t msg_id = 0;
+    uint64_t acknowledged = 0;
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> registers;  // id: promised round, accepted round
   };
 
@@ -98,11 +97,10 @@ private:
   std::vector<uint32_t> order_;
   std::unordered_map<uint32_t, int64_t> place_;  // of a submission in the order
   int64_t acknowledged_top_ = -1;
-  uint64_t acknowledged_ = 0;
   uint64_t lost_ = 0;  // payloads, or the order, without durable payloads
   std::map<uint32_t, uint64_t> decisions_;
   std::map<std::pair<uint32_t, uint32_t>, uint64_t> round_values_;
-  std::map<uint64_t, int> states_;  // first entries of logs
+  std::set<uint64_t> states_;  // first entries of logs
   std::vector<node_numbers> nodes_;
 };
 

@@ -42,21 +42,18 @@ thread &scheduler::create(process *owner, const std::string &name, std::function
   thread &one = *made;
   one.number = static_cast<uint32_t>(threads_.size() + 1);
   one.owner = owner;
+  one.home_ = this;
   one.name = name;
   one.body = std::move(body);
   one.priority_ = draw_.between(1, PRIORITIES);
   threads_.push_back(std::move(made));
 
-  struct start {
-    scheduler *all;
-    thread *one;
-  };
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, STACK_SIZE);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t handle;
-  const int result = pthread_create(&handle, &attributes, thread_main, new start{this, &one});
+  const int result = pthread_create(&handle, &attributes, thread_main, &one);
   pthread_attr_destroy(&attributes);
   if (result != 0) {
     on_dead_end("the machine gives no thread");
@@ -67,14 +64,10 @@ thread &scheduler::create(process *owner, const std::string &name, std::function
 
 void *scheduler::thread_main(void *argument)
 {
-  struct start {
-    scheduler *all;
-    thread *one;
-  };
-  const std::unique_ptr<start> given(static_cast<start *>(argument));
-  given->one->baton_.take();
-  given->one->body();
-  given->all->end_self();
+  auto *const one = static_cast<thread *>(argument);
+  one->baton_.take();
+  one->body();
+  one->home_->end_self();
   return nullptr;
 }
 

@@ -52,6 +52,7 @@ private:
   enum class state { ready, blocked, gone };
 
   state state_ = state::ready;
+  class scheduler *home_ = nullptr;
   size_t ready_at_ = 0;              // index among the ready ones
   const void *waits_for_ = nullptr;  // an address: only compared
   uint64_t wait_number_ = 0;         // so that an old deadline wakes nobody

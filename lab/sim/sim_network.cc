@@ -2,12 +2,13 @@
 
 #include <utility>
 
+#include "common/le_bytes.h"
+
 namespace sim
 {
 
 void sim_network::send(uint32_t from, uint32_t to, uint32_t channel, const datagram &one)
 {
-  ++sent_;
   if (to != 0) {
     send_to(from, to, channel, one);
     return;
@@ -34,13 +35,13 @@ void sim_network::send_to(uint32_t from, uint32_t to, uint32_t channel, const da
     return;
   }
   const bool is_damaged = !is_own && is.damage > 0 && draw_.chance(is.damage);
-  arrive(from, to, channel, is_damaged ? damaged(one) : one, draw_.between(is.low_us, is.high_us));
+  arrive(to, channel, is_damaged ? damaged(one) : one, draw_.between(is.low_us, is.high_us));
   if (!is_own && is.twice > 0 && draw_.chance(is.twice)) {
-    arrive(from, to, channel, one, draw_.spread(is.high_us, is.high_us * 20));
+    arrive(to, channel, one, draw_.spread(is.high_us, is.high_us * 20));
   }
 }
 
-void sim_network::arrive(uint32_t, uint32_t to, uint32_t channel, const datagram &one, int64_t delay_us)
+void sim_network::arrive(uint32_t to, uint32_t channel, const datagram &one, int64_t delay_us)
 {
   clock_.at(clock_.now_us() + delay_us, [this, to, channel, one] { deliver_(to, channel, one); });
 }
@@ -53,10 +54,7 @@ datagram sim_network::damaged(const datagram &one)
   const size_t payload = bytes->size() - ENVELOPE_BYTES;
   if (draw_.once_in(2)) {
     bytes->resize(ENVELOPE_BYTES + draw_.below(payload + 8));
-    const auto length = static_cast<uint32_t>(bytes->size() - ENVELOPE_BYTES);
-    for (size_t i = 0; i < 4; ++i) {
-      (*bytes)[16 + i] = static_cast<uint8_t>(length >> 8 * i);
-    }
+    put_le32(bytes->data() + 16, static_cast<uint32_t>(bytes->size() - ENVELOPE_BYTES));
   } else {
     // A foreign cluster or build: its content means nothing here.
     (*bytes)[draw_.below(12)] ^= static_cast<uint8_t>(1 + draw_.below(255));
@@ -86,7 +84,7 @@ void sim_network::release()
 {
   holds_ = {};
   for (const held_one &late : std::exchange(held_, {})) {
-    arrive(0, late.to, late.channel, late.one, 1);
+    arrive(late.to, late.channel, late.one, 1);
   }
 }
 

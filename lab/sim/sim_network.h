@@ -53,7 +53,6 @@ public:
   void release();
   /// No cut, no hold, no weather.
   void heal();
-  uint64_t sent() const { return sent_; }
 
 private:
   struct held_one {
@@ -63,7 +62,7 @@ private:
   };
 
   void send_to(uint32_t from, uint32_t to, uint32_t channel, const datagram &one);
-  void arrive(uint32_t from, uint32_t to, uint32_t channel, const datagram &one, int64_t delay_us);
+  void arrive(uint32_t to, uint32_t channel, const datagram &one, int64_t delay_us);
   datagram damaged(const datagram &one);
 
   scheduler &clock_;
@@ -74,7 +73,6 @@ private:
   std::array<std::array<bool, NODES_MAX + 1>, NODES_MAX + 1> cut_{};
   std::array<std::array<uint32_t, NODES_MAX + 1>, CHANNELS> holds_{};
   std::vector<held_one> held_;
-  uint64_t sent_ = 0;
 };
 
 }  // namespace sim

@@ -49,7 +49,7 @@ struct node_run : process {
   uint64_t last_message = 0;
   std::map<int, open_file> files;
   int last_file = 100;
-  uint64_t signs_of_life = 0;
+  uint32_t open_calls = 0;  ///< of vx_cons_distribute
 
   bool is_initialised = false;
   bool is_starting = false;       ///< init or start runs

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "bytes_hash.h"
+#include "library_files.h"
 
 namespace sim
 {
@@ -39,7 +39,7 @@ world::world(const run_options &options, const library_image &image)
                [this](uint32_t to, uint32_t channel, const datagram &one) {
                  sim_node &node = *nodes_[to - 1];
                  if (channel == 3 && one->size() >= ENVELOPE_BYTES + 8) {
-                   node.asked_for = std::max(node.asked_for, get_u32(one->data() + ENVELOPE_BYTES + 4));
+                   node.asked_for = std::max(node.asked_for, get_le32(one->data() + ENVELOPE_BYTES + 4));
                  }
                  if (node.run != nullptr && node_host::passes(node, channel, one) &&
                      node.run->inbox[channel - FIRST_CHANNEL].size() < INBOX_MAX) {
@@ -140,10 +140,8 @@ bool world::may_lose_disk(const sim_node &node) const
 
 void world::lose_disk(sim_node &node, int64_t down_us)
 {
-  const sim_disk::file_ptr ids = node.disk.find("/flashdisk/cons/msg_id");
-  node.ids_before = ids != nullptr && ids->bytes.size() >= 4 ? get_u32(ids->bytes.data()) : 0;
   node_host::kill_process(node);
-  host_.begin_anew(node);
+  node_host::begin_anew(node);
   judge_.disk_went_back(node);
   restart_later(node, down_us);
 }
@@ -270,10 +268,15 @@ void world::heal()
     report("healing", 0, why);
   }
   // A submission of each node, begun now, comes back.
-  const uint64_t before = judge_.acknowledged();
-  const auto orders = [this, before, &why] {
-    why = "only " + std::to_string(judge_.acknowledged() - before) + " submissions were acknowledged";
-    return judge_.acknowledged() >= before + 3 * nodes_.size();
+  std::vector<uint64_t> before;
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    before.push_back(judge_.acknowledged_by(one->number));
+  }
+  const auto orders = [this, &before, &why] {
+    return std::all_of(nodes_.begin(), nodes_.end(), [&](const std::unique_ptr<sim_node> &one) {
+      why = "no new submission of node " + std::to_string(one->number) + " is acknowledged";
+      return judge_.acknowledged_by(one->number) > before[one->number - 1] + host_.work.submitters;
+    });
   };
   if (!wait_until(orders, HEAL_LIMIT_US)) {
     report("healing", 0, why);
@@ -294,6 +297,9 @@ void world::end_service()
   for (const std::unique_ptr<sim_node> &one : nodes_) {
     if (!one->run->was_stopped) {
       report("verdict", one->number, "stop does not return");
+    }
+    if (one->run->open_calls != 0) {
+      report("verdict", one->number, std::to_string(one->run->open_calls) + " calls have not returned after stop");
     }
     host_.clean_up_service(*one);
   }
@@ -329,8 +335,7 @@ run_result world::run()
   }
   heal();
   end_service();
-  run_result all = result();
-  return all;
+  return result();
 }
 
 }  // namespace sim

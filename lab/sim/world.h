@@ -57,7 +57,6 @@ public:
   scheduler &clock() { return clock_; }
   sim_network &network() { return network_; }
   node_host &host() { return host_; }
-  const std::vector<std::unique_ptr<sim_node>> &nodes() const { return nodes_; }
   bool is_durable() const { return options_.is_durable; }
   void say(uint32_t node, const std::string &text) { log_.line(clock_.now_us(), node, text); }
 

@@ -75,7 +75,7 @@ struct judged {
     first.run = std::make_unique<sim::node_run>();
     second.run = std::make_unique<sim::node_run>();
   }
-  sim::submission &call(uint32_t node) { return judge.call(node, 20, 0); }
+  const sim::submission &call(uint32_t node) { return judge.call(node, 20); }
   void deliver(sim::sim_node &to, const sim::submission &one, bool may_repeat = false)
   {
     const std::vector<uint8_t> bytes = sim::submission_bytes(one);
@@ -93,13 +93,13 @@ TEST(oracle, sees_histories_that_differ)
 {
   judged all;
   const sim::submission &one = all.call(1);
-  sim::submission &two = all.call(2);
+  const sim::submission &two = all.call(2);
   all.deliver(all.first, one);
   all.deliver(all.second, one);
   all.deliver(all.second, one, true);  // the last one, once more
   all.deliver(all.first, two);
   EXPECT_EQ(all.broken, names{});
-  all.judge.returned(two, 0, all.second.app, 1);
+  all.judge.returned(two, 0, all.second.app);
   EXPECT_EQ(all.broken, names{"acknowledged"});  // node 2 has not delivered it
   all.deliver(all.second, all.call(1));
   EXPECT_EQ(all.broken.back(), "agreement");
@@ -116,18 +116,18 @@ TEST(oracle, sees_histories_that_differ)
 TEST(oracle, sees_an_order_against_time)
 {
   judged all;
-  sim::submission &early = all.call(1);
+  const sim::submission &early = all.call(1);
   const sim::submission &beside = all.call(2);
   all.deliver(all.first, early);
-  all.judge.returned(early, 0, all.first.app, 1);
-  sim::submission &late = all.call(1);
+  all.judge.returned(early, 0, all.first.app);
+  const sim::submission &late = all.call(1);
   all.deliver(all.first, beside);
   all.deliver(all.first, late);
   EXPECT_EQ(all.broken, names{});
 
   judged other;
-  sim::submission &never = other.call(1);
-  other.judge.returned(never, 0, other.first.app, 1);
+  const sim::submission &never = other.call(1);
+  other.judge.returned(never, 0, other.first.app);
   EXPECT_EQ(other.broken, names{"acknowledged"});
 }
 
