@@ -21,7 +21,6 @@
 #include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
-#include "store/store_aside.h"
 
 namespace
 {
@@ -30,7 +29,7 @@ constexpr char FOOTER[] = R"(Exit codes:
   0  done
   1  failed while it ran
   2  wrong command line
-  3  the configuration, or a file or directory that it needs, cannot be used
+  3  the configuration, or a file or directory that it needs, cannot be used: somebody has to mend it first
   4  no daemon answers on the control socket
   5  refused in the present state (not active, daemon running); a line was not submitted, and never will be
   6  the outcome of a line is not known: it may be in the journal, or come into it later, once at most
@@ -43,21 +42,6 @@ A first cluster of one node, as root:
   kesh vrrp MASTER
   echo hello | kesh submit
   kesh journal)";
-
-/// What only an operator can mend is no failure of the store: a supervisor must not start the daemon again and again.
-int run_daemon(const std::string &config_path, bool log_to_stderr)
-{
-  std::string error;
-  kesh::settings configured;
-  if (platform::config_load(config_path, error) && kesh::settings_read(configured, error)) {
-    const std::string obstacle = kesh::store_obstacle(configured.store_path);
-    if (!obstacle.empty()) {
-      fprintf(stderr, "kesh: %s\n", obstacle.c_str());
-      return kesh::EXIT_CONFIG;
-    }
-  }
-  return kesh::daemon_run(config_path, log_to_stderr);
-}
 
 /// The options by which a client command finds the daemon.
 struct address_options {
@@ -111,6 +95,7 @@ struct command_line {
   address_options address;
   std::string config_path = kesh::CONFIG_PATH_DEFAULT;
   bool foreground = false;
+  double life_cycle_timeout_s = 120;
   kesh::configure_options configure;
   kesh::reform_options reform;
   kesh::submit_options submit;
@@ -157,12 +142,23 @@ struct command_line {
     return command;
   }
 
+  void add_life_cycle(const char *name, const char *help)
+  {
+    add_client(
+        name, help,
+        [this, name](const std::string &path) { return kesh::life_cycle_command(path, name, life_cycle_timeout_s); })
+        .add_option("--timeout", life_cycle_timeout_s,
+                    "seconds to wait for the end of it; the daemon goes on if it takes longer")
+        ->capture_default_str()
+        ->check(CLI::Range(0.001, 1e6));
+  }
+
   void add_daemon_commands()
   {
     CLI::App &run = add("run",
                         "Run the daemon, in the foreground. SIGTERM and SIGINT stop it cleanly, SIGHUP opens the log "
                         "again.",
-                        [this] { return run_daemon(config_path, foreground); });
+                        [this] { return kesh::daemon_run(config_path, foreground); });
     run.add_option("--config", config_path, "configuration file")->capture_default_str();
     run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
 
@@ -211,15 +207,12 @@ struct command_line {
         ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
     again.add_flag("--yes", reform.yes, "give up another command that was interrupted");
 
-    add_client("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.",
-               kesh::start_command);
-    add_client("leave", "Leave the cluster: stop the protocol, not the daemon. This node goes on voting.",
-               kesh::leave_command);
-    add_client("reinit",
-               "Clean the library up and bring it up again, and join the cluster if the node was active. As after a "
-               "restart of the daemon, but the process stays.",
-               kesh::reinit_command);
-    add_client("stop", "Stop the daemon cleanly, and wait for its end.", kesh::stop_command);
+    add_life_cycle("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.");
+    add_life_cycle("leave", "Leave the cluster: stop the protocol, not the daemon. This node goes on voting.");
+    add_life_cycle("reinit",
+                   "Clean the library up and bring it up again, and join the cluster if the node was active. As after "
+                   "a restart of the daemon, but the process stays.");
+    add_life_cycle("stop", "Stop the daemon cleanly, and wait for its end.");
   }
 
   void add_line_commands()

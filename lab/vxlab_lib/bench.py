@@ -17,7 +17,7 @@ from .waiting import wait_until
 SAVES_IN_SERIES = {"leader": 5, "follower": 6}
 SAVES_OF_PAYLOADS = 2  # further ones with durable payloads: at the submitter, and at the others
 HOST_FLUSHES = 1  # the host also flushes its store before the hook returns
-STATES = [0, 1_000_000, 20_000_000]
+STATES_MB = [0, 1, 4, 16, 64]
 COUNT_MIN = 10
 COUNT_MAX = 3000
 WARM_UP = 5
@@ -67,10 +67,10 @@ class Bench:
         for count in plan.nodes:
             for self._durable in kinds:
                 idle[count] = self._one_cluster(plan, count, rows)
-            for state_bytes in STATES if plan.durable else []:
+            for state_mb in STATES_MB if plan.durable else []:
                 for durable in kinds:
-                    measured = RollOvers(self._cluster, self._progress, SETTINGS).measure(count, durable, state_bytes)
-                    roll_overs[count, durable, state_bytes] = measured
+                    measured = RollOvers(self._cluster, self._progress, SETTINGS).measure(count, durable, state_mb)
+                    roll_overs[count, durable, state_mb] = measured
         return rows, idle, roll_overs
 
     def _one_cluster(self, plan, count, rows):

@@ -4,15 +4,19 @@ import os
 import struct
 from statistics import median
 
-from .chaos.decisions import LOG_ENTRIES_MAX
+from .chaos.decisions import LOG_ENTRIES_MAX, read_position
 from .programs import DURABLE
 
 ROLL_OVERS = 3
 LINE_BYTES = 100
 NEIGHBOURS = 2  # the submission that meets a new log is searched this far around the expected one
 LINE_TIMEOUT_S = 120.0
+FILL_TIMEOUT_S = 600.0
+FILL_BYTES = 1000  # of a line that fills the state
+FILL_WINDOW = 4096
+MEGABYTE = 1 << 20
+STATE_MAX_LOW = 64 << 10  # the smallest that kesh allows
 COUNTS = struct.Struct("<QQQQ")  # lab/disk_faults/disk_counts.h
-STATE_TYPE = 1
 
 
 def count_disk(node, library):
@@ -39,26 +43,26 @@ class RollOvers:
         self._progress = progress
         self._settings = settings
 
-    def measure(self, count, durable, state_bytes):
-        """Submits at the leader one by one. Returns (median ms of all submissions, [ms of each that met a new log])."""
-        name = f"{count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes"
-
-        def settings(node):
-            states = {f"trace.state_bytes[{STATE_TYPE}]": state_bytes, "trace.file": node.path("trace")}
-            return {**self._settings, **DURABLE[durable], **states}
-
-        self._progress.say(name)
-        self._cluster.create(count, settings)
+    def measure(self, count, durable, state_mb):
+        """Fills the journal until a state has its full size, then submits at the leader one by one. Returns (median ms
+        of all submissions, [ms of each that met a new log])."""
+        state_max = max(STATE_MAX_LOW, state_mb * MEGABYTE)
+        self._progress.say(f"{count} nodes, {'durable' if durable else 'not durable'}, a state of {state_mb} MB")
+        self._cluster.create(count, {**self._settings, **DURABLE[durable], "state.max": state_max})
         try:
             self._cluster.start_all(master=1)
-            # Index of the submission that meets each new log, give or take NEIGHBOURS.
-            places = [(LOG_ENTRIES_MAX - 1) * (number + 1) for number in range(ROLL_OVERS)]  # each begins with a snapshot
+            if state_mb:
+                fill = [f"{number:0{FILL_BYTES}}".encode() for number in range(state_max // FILL_BYTES)]
+                self._cluster.submit(1, fill, FILL_WINDOW).wait(FILL_TIMEOUT_S)
+            entries = read_position(self._cluster.node(1).cons_dir)[1]
+            # Index of the submission that meets each new log, give or take NEIGHBOURS. Each log begins with a snapshot.
+            places = [LOG_ENTRIES_MAX - entries + (LOG_ENTRIES_MAX - 1) * number for number in range(ROLL_OVERS)]
             lines = [f"{number:0{LINE_BYTES}}".encode() for number in range(places[-1] + NEIGHBOURS + 1)]
             part = self._cluster.submit(1, lines).wait(LINE_TIMEOUT_S)
         finally:
             self._cluster.close()
         times = [part.acknowledged[number].latency_us / 1000 for number in range(len(lines))]
-        return median(times), [max(times[place - NEIGHBOURS:place + NEIGHBOURS + 1]) for place in places]
+        return median(times), [max(times[max(0, place - NEIGHBOURS):place + NEIGHBOURS + 1]) for place in places]
 
 
 def print_ratios(rows, keys, stream):
@@ -73,10 +77,10 @@ def print_ratios(rows, keys, stream):
 
 
 def print_roll_overs(found, stream):
-    """`found`: (nodes, durable, state bytes) -> result of RollOvers.measure."""
+    """`found`: (nodes, durable, MB of state) -> result of RollOvers.measure."""
     print("\na new log, submitting at the leader one by one (ms):", file=stream)
-    for (count, durable, state_bytes), (usual, met) in found.items():
-        print(f"  {count} nodes, {'durable' if durable else 'not durable'}, a state of {state_bytes} bytes: usual "
+    for (count, durable, state_mb), (usual, met) in found.items():
+        print(f"  {count} nodes, {'durable' if durable else 'not durable'}, a state of {state_mb} MB: usual "
               f"{usual:.1f}, with a new log " + ", ".join(f"{each:.0f}" for each in met), file=stream)
 
 

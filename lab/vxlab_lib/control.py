@@ -9,6 +9,7 @@ from .errors import LabError
 from .rundir import short_path
 
 ANSWER_TIMEOUT_S = 20.0
+STREAM_END = "# end"
 VRRP_TIMEOUT_S = 1.0  # a frozen daemon must not hold up the others
 
 
@@ -64,7 +65,10 @@ class ControlClient:
     def heard(self):
         """Returns [(node, text)] of the cluster messages heard so far, with text escaped as `kesh journal` does."""
         with self.open({"op": "heard"}) as (_, stream, _):
-            rows = [line.decode("utf-8", "replace").rstrip("\n").split(" ", 2) for line in stream]
+            lines = [line.decode("utf-8", "replace").rstrip("\n") for line in stream]
+        if not lines or lines.pop() != STREAM_END:
+            raise NodeUnreachable(f"{self._what} went away")
+        rows = [line.split(" ", 2) for line in lines]
         return [(int(row[1]), row[2]) for row in rows]
 
     def block(self, nodes):

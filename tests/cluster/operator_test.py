@@ -1,7 +1,10 @@
 """What operators, scripts and impatient clients do to a daemon: nothing acknowledged goes, and it always answers."""
 
+import filecmp
 import os
 import shutil
+import signal
+import sqlite3
 import subprocess
 import time
 import unittest
@@ -11,7 +14,7 @@ from scenario import Scenario, wait_until
 from vxlab_lib import control
 from vxlab_lib.errors import LabError
 
-REFUSED, UNKNOWN, BAD_CONFIG = 5, 6, 3
+BAD_CONFIG, UNREACHABLE, REFUSED, UNKNOWN = 3, 4, 5, 6
 
 
 class Operator(Scenario):
@@ -97,6 +100,26 @@ class Operator(Scenario):
         self.submit(1, 20).wait()
         self.check_all()
 
+    def test_commands_notice_a_daemon_that_hangs_or_dies(self):
+        self.submit(1, 20).wait()
+        one = self.cluster.node(1)
+
+        def code_of(*arguments):
+            return subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=False,
+                                  timeout=20).returncode
+
+        self.assertEqual((code_of("journal"), code_of("heard")), (0, 0))
+        with subprocess.Popen(one.kesh("journal", "--follow"), cwd=one.dir, stdout=subprocess.PIPE,
+                              stderr=subprocess.DEVNULL) as follows:
+            for _ in range(20):
+                self.assertTrue(follows.stdout.readline())
+            one.signal(signal.SIGSTOP)
+            self.assertEqual(code_of("leave", "--timeout", "0.2"), UNREACHABLE)
+            self.assertEqual(code_of("stop", "--timeout", "0.2"), UNREACHABLE)
+            self.assertEqual(code_of("vrrp", "MASTER"), 0)
+            self.cluster.kill(1)
+            self.assertEqual(follows.wait(10), UNREACHABLE)
+
     def test_requests_and_files_that_cannot_be_right(self):
         one = self.cluster.node(1)
         for field in ("-1", "1e300", "NaN", "null", '"7"', "1.5"):
@@ -122,6 +145,19 @@ class Operator(Scenario):
         with open(one.path("run", "kesh.sock"), "rb") as file:
             self.assertEqual(file.read(), b"somebody's")
         os.remove(one.path("run", "kesh.sock"))
+        store = self.path_of(1, "kesh.store")
+        os.rename(store, store + ".own")
+        shutil.copy(store + ".own", store + ".newer")
+        with sqlite3.connect(store + ".newer") as newer:
+            newer.execute("PRAGMA user_version = 1000")
+        newer.close()
+        with open(store + ".notes", "wb") as file:
+            file.write(b"somebody's notes, which are longer than the head of a store" * 10)
+        for kind in (".newer", ".notes"):
+            shutil.copy(store + kind, store)
+            self.assertEqual((one.spawn(), one.await_end())[1], BAD_CONFIG, kind)
+            self.assertTrue(filecmp.cmp(store, store + kind, shallow=False), kind)
+        os.rename(store + ".own", store)
         self.cluster.start(1)
         self.submit(1, 20).wait()
         self.check_all()

@@ -91,10 +91,13 @@ int vrrp_command(const std::string &socket_path, const std::string &state_path, 
     fprintf(stderr, "kesh vrrp: %s\n", error.c_str());
     return EXIT_CONFIG;
   }
-  // The daemon reads the file: also one that is not there yet, or is busy.
+  // The state is noted: a daemon that is not there yet, or is busy, reads the file later.
   control_client client;
   json reply;
-  return client.connect(socket_path, CHECK_WAIT) ? client.ask({{"op", "vrrp"}}, reply, CHECK_WAIT) : EXIT_OK;
+  if (client.connect(socket_path, CHECK_WAIT)) {
+    client.ask({{"op", "vrrp"}}, reply, CHECK_WAIT);
+  }
+  return EXIT_OK;
 }
 
 int say_command(const std::string &socket_path, const std::string &text)
@@ -107,19 +110,26 @@ int heard_command(const std::string &socket_path, bool follow)
   return print_stream(socket_path, {{"op", "heard"}, {"follow", follow}}, follow, print_heard);
 }
 
-int start_command(const std::string &socket_path)
+int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s)
 {
-  return simple_command(socket_path, {{"op", "start"}});
-}
-
-int leave_command(const std::string &socket_path)
-{
-  return simple_command(socket_path, {{"op", "leave"}});
-}
-
-int reinit_command(const std::string &socket_path)
-{
-  return simple_command(socket_path, {{"op", "reinit"}});
+  const control_client::wait_time wait(timeout_s);
+  control_client client;
+  json reply;
+  const int code = client.request(socket_path, {{"op", operation}}, reply, wait);
+  if (code != EXIT_OK || operation != "stop") {
+    return code;
+  }
+  // The daemon closes the connection as the last thing that it does.
+  std::string line;
+  const auto deadline = deadline_after(wait);
+  read_result got;
+  while ((got = client.read_line(line, deadline)) == read_result::line) {
+  }
+  if (got == read_result::late) {
+    fprintf(stderr, "kesh: the daemon on %s still stops after %g s\n", socket_path.c_str(), timeout_s);
+    return EXIT_RUNTIME;
+  }
+  return EXIT_OK;
 }
 
 int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms)
@@ -160,17 +170,6 @@ int load_command(const std::string &socket_path, const load_request &options, bo
            totals.at("attempts").get<uint64_t>());
   }
   return acknowledged == lines ? EXIT_OK : EXIT_REFUSED;
-}
-
-int stop_command(const std::string &socket_path)
-{
-  control_client client;
-  json reply;
-  const int code = client.request(socket_path, {{"op", "stop"}}, reply);
-  std::string line;
-  while (code == EXIT_OK && client.read_line(line) == read_result::line) {
-  }
-  return code;
 }
 
 int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes)

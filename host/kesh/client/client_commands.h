@@ -27,11 +27,8 @@ int health_command(const std::string &socket_path, bool eligible, bool as_json);
 int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word);
 int say_command(const std::string &socket_path, const std::string &text);
 int heard_command(const std::string &socket_path, bool follow);
-int start_command(const std::string &socket_path);
-int leave_command(const std::string &socket_path);
-int reinit_command(const std::string &socket_path);
-/// Returns once the daemon has ended.
-int stop_command(const std::string &socket_path);
+/// start, leave, reinit or stop; returns when it is done, for stop when the daemon has ended, or after `timeout_s`.
+int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s);
 /// `hook`: deliver or state.
 int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms);
 /// Returns EXIT_OK if every line was acknowledged.

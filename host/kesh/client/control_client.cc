@@ -9,17 +9,12 @@
 namespace kesh
 {
 
-namespace
-{
-
 socket_deadline deadline_after(control_client::wait_time wait)
 {
   return wait == control_client::FOREVER
              ? socket_deadline::max()
              : std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(wait);
 }
-
-}  // namespace
 
 bool control_client::connect(const std::string &path, wait_time wait)
 {

@@ -38,4 +38,7 @@ private:
   std::optional<socket_reader> reader_;
 };
 
+/// Now and `wait`; the end of time for FOREVER.
+socket_deadline deadline_after(control_client::wait_time wait);
+
 }  // namespace kesh

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "client/control_client.h"
+#include "control/request.h"
 #include "exit_codes.h"
 
 namespace kesh
@@ -17,9 +18,10 @@ inline bool write_out(std::string_view bytes)
   return fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
 }
 
-/// Hands each line to `print` until the daemon ends the stream or `print` returns false. `keep_up`: flushes each line.
+/// Hands each line to `print` until the stream ends or `print` returns false. A stream that follows ends only with the
+/// daemon; each of its lines is flushed. EXIT_UNREACHABLE if the daemon went away.
 template <typename printer>
-int print_stream(const std::string &socket_path, const nlohmann::json &request, bool keep_up, printer print)
+int print_stream(const std::string &socket_path, const nlohmann::json &request, bool follows, printer print)
 {
   control_client client;
   nlohmann::json reply;
@@ -28,12 +30,20 @@ int print_stream(const std::string &socket_path, const nlohmann::json &request, 
     return code;
   }
   std::string line;
-  while (client.read_line(line) == read_result::line) {
-    if (!print(line) || (keep_up && fflush(stdout) != 0)) {
+  read_result got;
+  while ((got = client.read_line(line)) == read_result::line && line != STREAM_END) {
+    if (!print(line) || (follows && fflush(stdout) != 0)) {
       return EXIT_RUNTIME;
     }
   }
-  return fflush(stdout) == 0 ? EXIT_OK : EXIT_RUNTIME;
+  if (fflush(stdout) != 0) {
+    return EXIT_RUNTIME;
+  }
+  if (got != read_result::line) {
+    fprintf(stderr, "kesh: the daemon on %s went away%s\n", socket_path.c_str(), follows ? "" : " before the end");
+    return EXIT_UNREACHABLE;
+  }
+  return EXIT_OK;
 }
 
 }  // namespace kesh

@@ -1,7 +1,8 @@
 /// A request of the control socket, and the first line of its answer.
 ///
 /// A client sends one line of JSON, {"op": "..."}; the daemon answers with one, {"ok": true, ...} or
-/// {"ok": false, "code": exit code, "error": "..."}. Some operations go on with plain lines after that.
+/// {"ok": false, "code": exit code, "error": "..."}. Some operations go on with plain lines after that; the last line
+/// of `journal` and `heard` is STREAM_END, unless they follow what comes.
 #pragma once
 
 #include <concepts>
@@ -9,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace kesh
@@ -16,6 +18,9 @@ namespace kesh
 
 /// Longest first line of a client.
 inline constexpr size_t REQUEST_MAX = 64 << 10;
+
+/// A stream that ends without it was cut.
+inline constexpr std::string_view STREAM_END = "# end";
 
 /// The request cannot be used; what() is for its client.
 class request_error : public std::runtime_error

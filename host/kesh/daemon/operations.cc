@@ -153,6 +153,11 @@ std::string row_of(const store_line &line)
   return row;
 }
 
+void send_end(control_peer &peer)
+{
+  peer.send(std::string(STREAM_END) + '\n');
+}
+
 /// Sends the lines that are there from `next` on. False once the client has left.
 bool send_lines(store &from, uint64_t &next, control_peer &peer)
 {
@@ -187,7 +192,11 @@ void serve_journal(service &host, const json &request, control_peer &peer)
   }
   for (;;) {
     const store_position seen = host.lines.position();
-    if ((next <= seen.lines && !send_lines(host.lines, next, peer)) || !follow) {
+    if (next <= seen.lines && !send_lines(host.lines, next, peer)) {
+      return;
+    }
+    if (!follow) {
+      send_end(peer);
       return;
     }
     while (!host.lines.wait_change(seen.lines, seen.generation, steady_clock::now() + FOLLOW_CHECK)) {
@@ -220,6 +229,9 @@ void serve_heard(service &host, const json &request, control_peer &peer)
       host.messages.wait_after(sent, FOLLOW_CHECK);
     }
   } while (follow && !host.stopping() && !peer.is_gone());
+  if (!follow) {
+    send_end(peer);
+  }
 }
 
 void backup(service &host, const json &request, control_peer &peer)
@@ -228,7 +240,12 @@ void backup(service &host, const json &request, control_peer &peer)
   if (!target.starts_with('/')) {
     throw request_error("file: " + target + " is no path that begins with /");
   }
-  store_copy(host.lines, target);
+  try {
+    store_copy(host.lines, target);
+  } catch (const store_failure &failure) {
+    peer.refuse(EXIT_CONFIG, failure.what());
+    return;
+  }
   peer.accept();
 }
 

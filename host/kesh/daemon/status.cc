@@ -116,6 +116,7 @@ json status_collect(service &host)
                    {"acknowledged", sent.applied},
                    {"not_submitted", sent.not_submitted},
                    {"unknown", sent.unknown},
+                   {"refused", sent.refused},
                    {"again", sent.again},
                    {"payloads", sent.payloads}}},
                  {"eligible", host.link->eligible().yes},
@@ -154,8 +155,9 @@ std::string status_text(const json &status)
                     " stores put aside, rejoined " + number_text(lines.at("rejoined")) + " times");
   row("submissions", number_text(sent.at("open")) + " open, " + number_text(sent.at("acknowledged")) +
                          " acknowledged, " + number_text(sent.at("not_submitted")) + " not submitted, " +
-                         number_text(sent.at("unknown")) + " unknown; " + number_text(sent.at("payloads")) +
-                         " payloads, " + number_text(sent.at("again")) + " attempts repeated");
+                         number_text(sent.at("unknown")) + " unknown, " + number_text(sent.at("refused")) +
+                         " refused; " + number_text(sent.at("payloads")) + " payloads, " +
+                         number_text(sent.at("again")) + " attempts repeated");
   row("messages", number_text(messages.at("sent")) + " sent, " + number_text(messages.at("received")) + " received, " +
                       number_text(messages.at("queued")) + " being repeated");
   row("dropped", dropped_text(messages.at("dropped")));

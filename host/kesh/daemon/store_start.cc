@@ -54,14 +54,14 @@ void create_first(store &lines, const settings &configured)
   std::string why;
   if (!old_journal_waits(configured.old_journal_path, why)) {
     if (!why.empty()) {
-      throw store_failure(why);
+      throw store_unsuited(why);
     }
     create(lines, configured, configured.store_path + " is missing");
     return;
   }
   const auto start = journal_import(configured.old_journal_path, read_records().delivered, why);
   if (!start) {
-    throw store_failure(why);
+    throw store_unsuited(why);
   }
   lines.create(*start);
   log_line(log_level::info, "store: begins behind the " + std::to_string(start->lines) + " lines of " +
@@ -86,7 +86,7 @@ int store_bring_up(store &lines, const settings &configured, std::string &error)
       break;
     }
     return note_taken_over(configured.old_journal_path, error) ? EXIT_OK : EXIT_STORE;
-  } catch (const store_in_use &failure) {
+  } catch (const store_unsuited &failure) {
     error = std::string("store: ") + failure.what();
     return EXIT_CONFIG;
   } catch (const std::exception &failure) {

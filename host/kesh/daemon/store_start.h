@@ -10,8 +10,8 @@ namespace kesh
 {
 
 /// Opens the store. One that is missing or damaged is replaced by an empty one; what was there is put aside, and the
-/// new one waits for a state if this node has a past. EXIT_OK, else `error` says why: EXIT_CONFIG if another daemon has
-/// it; EXIT_STORE if the disk fails, or the file is somebody else's or a newer build's.
+/// new one waits for a state if this node has a past. EXIT_OK, else `error` says why: EXIT_CONFIG if only an
+/// operator can mend it, so that no supervisor starts the daemon again and again; EXIT_STORE if the disk fails.
 int store_bring_up(store &lines, const settings &configured, std::string &error);
 
 /// To be called before each start of the library, while it does not run: what will be delivered next has to be what the

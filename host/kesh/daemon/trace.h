@@ -8,9 +8,8 @@
 ///   start-call | start-return RESULT | stop-call | stop-return QUEUED | cleanup-call | cleanup-return | isolated
 ///   call SENDER SEQUENCE ATTEMPT BYTES       vx_cons_distribute is about to be called with this item of BYTES
 ///   return SENDER SEQUENCE ATTEMPT RESULT    it returned
-///   deliver ENTERED TAG ATTEMPT WHAT LINES HASH  one per item of a payload. WHAT: applied, repeated, no-op; or
-///   doubled:
-///                                            the payload was applied before, and is delivered again
+///   deliver ENTERED TAG ATTEMPT WHAT LINES HASH  one per item of a payload. WHAT: applied, repeated, no-op,
+///                                            or doubled: the payload was applied before, and is delivered again
 ///   damaged ENTERED TYPE BYTES               a payload or state that cannot be read
 ///   adopt ENTERED TYPE BYTES LINES HASH      a full state, of any type; the journal changes with type 3
 ///   adopted kept|extended|replaced N         after that: what became of the store

@@ -29,6 +29,14 @@ private:
   int code_;  // SQLite's primary result code; 0: the failure is not SQLite's
 };
 
+/// The file is well, but not for this daemon: somebody else's, in use, of a newer build, or an operator has to end
+/// first what was begun. Trying again does not help.
+class store_unsuited : public store_failure
+{
+public:
+  using store_failure::store_failure;
+};
+
 class database;
 
 /// Prepared once, used many times.

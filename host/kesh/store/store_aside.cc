@@ -174,15 +174,6 @@ store_file store_file_look(const std::string &path, std::string &why)
   return store_file::ours;
 }
 
-std::string store_obstacle(const std::string &path)
-{
-  if (const std::string command = interrupted_configuration(path); !command.empty()) {
-    return "the configuration of this node was interrupted; this command goes on with it: " + command;
-  }
-  std::string why;
-  return store_file_look(path, why) == store_file::foreign ? why : "";
-}
-
 bool has_parts(const std::string &path)
 {
   bool found = false;
@@ -223,7 +214,7 @@ void finish_putting_aside(const std::string &path, aside_step after_step)
     throw store_failure(intent_of(path) + " does not name a file beside it: see which files belong together");
   }
   if (std::string why; store_file_look(path, why) == store_file::foreign) {
-    throw store_failure(why);
+    throw store_unsuited(why);
   }
   const std::string target = (path.find('/') == std::string::npos ? "" : directory) + name;
   for (const char *part : PARTS) {

@@ -18,10 +18,10 @@ namespace kesh
 {
 
 /// Another process has the store open.
-class store_in_use : public store_failure
+class store_in_use : public store_unsuited
 {
 public:
-  using store_failure::store_failure;
+  using store_unsuited::store_unsuited;
 };
 
 /// Locks PATH.lock until the result is closed. Throws store_in_use, or a store_failure.
@@ -41,10 +41,6 @@ enum class store_file {
 /// Looks at the file without SQLite. To be called only while this process has no connection to it: closing a descriptor
 /// of it would drop SQLite's locks. `why` says what a foreign file is. Throws a store_failure if it cannot be read.
 store_file store_file_look(const std::string &path, std::string &why);
-
-/// What an operator has to do before a daemon may use the store: a configuration was interrupted, or the file is
-/// somebody's. Empty: nothing. Throws a store_failure if it cannot be looked at.
-std::string store_obstacle(const std::string &path);
 
 /// Called after each step that changed the disk. For tests, which end the process there.
 using aside_step = void (*)();

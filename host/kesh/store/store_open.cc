@@ -13,8 +13,8 @@ store_found store::open(const store_settings &settings, std::string &why)
   settings_ = settings;
   has_failed_ = is_ending_ = false;
   locked_ = store_lock(settings_.path);
-  if (const std::string obstacle = store_obstacle(settings_.path); !obstacle.empty()) {
-    throw store_failure(obstacle);
+  if (const std::string command = interrupted_configuration(settings_.path); !command.empty()) {
+    throw store_unsuited("the configuration of this node was interrupted; this command goes on with it: " + command);
   }
   finish_putting_aside(settings_.path);
   remove_leftover(creating_path());
@@ -22,7 +22,7 @@ store_found store::open(const store_settings &settings, std::string &why)
   case store_file::absent:
     return store_found::absent;
   case store_file::foreign:
-    throw store_failure(why);
+    throw store_unsuited(why);
   case store_file::empty:
     why = settings_.path + " is cut: it has no bytes";
     return store_found::unusable;
@@ -38,6 +38,9 @@ store_found store::open(const store_settings &settings, std::string &why)
       throw damaged("it is of another cluster: " + meta_.identity);
     }
     return store_found::ready;
+  } catch (const store_unsuited &failure) {
+    detach();
+    throw store_unsuited(settings_.path + ": " + failure.what());
   } catch (const store_failure &failure) {
     detach();
     if (!failure.is_damage()) {

@@ -69,8 +69,8 @@ void schema_check_version(database &in)
 {
   const uint64_t version = in.number("PRAGMA user_version");
   if (version > STORE_SCHEMA_VERSION) {
-    throw store_failure("the store has version " + std::to_string(version) + " and this build knows " +
-                        std::to_string(STORE_SCHEMA_VERSION) + ": use the newer build");
+    throw store_unsuited("the store has version " + std::to_string(version) + " and this build knows " +
+                         std::to_string(STORE_SCHEMA_VERSION) + ": use the newer build");
   }
 }
 

@@ -42,7 +42,7 @@ struct store_meta {
 
 /// Makes the tables in an empty database.
 void schema_create(database &in);
-/// Throws a store_failure if the store is of a newer build.
+/// Throws store_unsuited if the store is of a newer build.
 void schema_check_version(database &in);
 /// Throws a store_failure, which is damage, if quick_check finds anything.
 void schema_quick_check(database &in);

@@ -12,9 +12,15 @@ namespace
 constexpr const char *STOPPING = "the daemon is stopping";
 constexpr const char *FAILED_BEFORE = "not submitted, a line before it was not";
 
-std::string limit_text(const char *what, size_t value)
+std::string limit_text(const char *what, size_t limit)
 {
-  return std::string("too many ") + what + " (limit " + std::to_string(value) + ')';
+  return std::string("too many ") + what + " (limit " + std::to_string(limit) + ')';
+}
+
+std::string bytes_text(const char *whose, size_t limit, size_t open)
+{
+  return std::string("too many bytes ") + whose + " are open (limit " + std::to_string(limit) + ", " +
+         std::to_string(open) + " are open)";
 }
 
 }  // namespace
@@ -45,13 +51,13 @@ std::string outbox::refusal(const client &from, size_t size) const
     return limit_text("lines of one client are open", limits_.client_items);
   }
   if (size > limits_.client_bytes - std::min(from.bytes, limits_.client_bytes)) {
-    return limit_text("bytes of one client are open", limits_.client_bytes);
+    return bytes_text("of one client", limits_.client_bytes, from.bytes);
   }
   if (counts_.open >= limits_.items) {
     return limit_text("lines are open on this node", limits_.items);
   }
   if (size > limits_.bytes - std::min(bytes_, limits_.bytes)) {
-    return limit_text("bytes are open on this node", limits_.bytes);
+    return bytes_text("on this node", limits_.bytes, bytes_);
   }
   return {};
 }
@@ -67,6 +73,7 @@ push_verdict outbox::push(uint64_t client_id, std::span<new_item> items, time_po
   for (new_item &one : items) {
     verdict.refusal = refusal(from, one.text.size());
     if (!verdict.refusal.empty()) {
+      counts_.refused += items.size() - verdict.taken;
       break;
     }
     open_item &added = from.waiting.emplace_back();

@@ -6,9 +6,8 @@
 ///   halves take twice the time of one.
 /// - The items of a client are in at most one payload under way, in their order.
 /// - Clients take turns, TURN_SIZE bytes each, until a payload is full. An item beyond its size goes alone.
-/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. Were
-/// it
-///   only as many as the last one served, two halves of the clients would take turns for ever.
+/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. If it
+///   waited for those of the last one only, two halves of the clients would take turns for ever.
 /// - If a payload fails, what is open of it waits until nothing is under way, then goes out alone, in one payload, with
 ///   the next attempt. Nothing new goes out before that payload has ended well.
 /// - No item goes out once its deadline has passed.
@@ -45,6 +44,7 @@ struct submit_counts {
   uint64_t applied = 0;
   uint64_t not_submitted = 0;
   uint64_t unknown = 0;
+  uint64_t refused = 0;   ///< not taken: a limit, or a line of the client before it failed
   uint64_t again = 0;     ///< attempts of items after the first
   uint64_t payloads = 0;  ///< handed over
 };

@@ -3,6 +3,7 @@
 import os
 import shutil
 
+from ..control import NodeUnreachable
 from ..errors import LabError
 from ..journal import STORE, STORE_PARTS
 from ..waiting import WaitTimeout, wait_until
@@ -11,6 +12,8 @@ from .faults.network import both_ways
 from .recovery import ensure_active, restart_after
 
 HELLO_S = 2.5  # nodes tell each other once a second what they have decided
+JOIN_S = 20.0
+FETCH_S = 5.0  # in which the others fetch what a node submitted
 NOTICE_S = 10.0  # the others tell a node within this time that its disk went back
 
 
@@ -153,6 +156,8 @@ def do_store_lost(stage, _track, step):
     with stage.claim(step["node"]) as node_id:
         if node_id is None:
             return
+        if step["how"] == "disk-empty" and not may_lose_disk(stage):
+            return
         take_down(stage, node_id, step["is_killed"])
         # No event "disk": the node has to start with what it finds.
         stage.events.add("store-lost", node=node_id, how=step["how"])
@@ -168,6 +173,20 @@ def do_store_lost(stage, _track, step):
                 if os.path.exists(os.path.join(root, name)):
                     os.rename(os.path.join(root, name), stage.cluster.node(node_id).path(f"{name}.{stage.next_id()}"))
         restart_after(stage, node_id, step)
+
+
+def has_joined(node):
+    try:
+        return node.control.status()["cluster"]["standing"] not in ("new", "reformed")
+    except NodeUnreachable:
+        return False
+
+
+def may_lose_disk(stage):
+    """Waits until no node is new, and the others have fetched what the last one that was may hold alone. False if the
+    faults end first: a second disk must not go before that."""
+    return stage.await_that(lambda: all(has_joined(node) for node in stage.cluster.nodes.values()), JOIN_S) and \
+        stage.pause(FETCH_S)
 
 
 def is_stopped_for_its_disk(node):
@@ -195,6 +214,8 @@ def empty(directory):
 def do_disk_yesterday(stage, _track, step):
     with stage.claim(step["node"]) as node_id:
         if node_id is None:
+            return
+        if not may_lose_disk(stage):
             return
         node = stage.cluster.node(node_id)
         root, copy = node.path("flashdisk"), node.path("flashdisk.yesterday")

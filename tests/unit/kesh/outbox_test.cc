@@ -208,11 +208,11 @@ TEST(outbox, keeps_its_limits)
       "applied B1 = B1 applied; push B 3 = 2 taken, too many lines of one client are open (limit 2)",
       {.clients = 2, .items = 3, .client_items = 2});
   run("bytes",
-      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100); "
-      "push B 2 40 = 1 taken, too many bytes are open on this node (limit 150); take = 0: A1 A2 B1; "
-      "applied A1 = A1 applied; push A 1 40 = 0 taken, too many bytes are open on this node (limit 150); "
+      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100, 80 are open); "
+      "push B 2 40 = 1 taken, too many bytes on this node are open (limit 150, 120 are open); take = 0: A1 A2 B1; "
+      "applied A1 = A1 applied; push A 1 40 = 0 taken, too many bytes on this node are open (limit 150, 120 are open); "
       "ok 0 = A2 unknown, B1 unknown; "
-      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100); leave A; push B 2 40",
+      "push A 3 40 = 2 taken, too many bytes of one client are open (limit 100, 80 are open); leave A; push B 2 40",
       {.bytes = 150, .client_bytes = 100});
 }
 

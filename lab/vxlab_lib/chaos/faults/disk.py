@@ -61,7 +61,8 @@ def store_lost(hows):
     def make(draw, nodes, seconds):
         return Made([at(moment, "store-lost", node=any_node(draw, nodes), how=draw.choice(hows),
                         share=round(draw.uniform(0.02, 0.98), 2), is_killed=draw.random() < 0.5,
-                        restart_s=round(draw.uniform(0.0, 1.5), 2), settle=True, failover=draw.random() < 0.5)
+                        restart_s=round(draw.uniform(0.0, 1.5), 2), settle=True,
+                        failover=draw.random() < 0.5 or hows == ["disk-empty"])  # a new node does not lead
                      for moment in times(draw, seconds, 7.0, first=3.0)])
 
     return make
@@ -99,10 +100,10 @@ FAULTS = [
     Fault("store-cut", "disk", "a node starts with a store that was cut short, or to nothing", GIVEN,
           store_lost(["cut", "cut", "cut-to-0"])),
     Fault("disk-empty", "disk", "a node gets an empty disk, is configured again and joins as new", GIVEN,
-          store_lost(["disk-empty"]), is_apart=True),
+          store_lost(["disk-empty"])),
     Fault("disk-yesterday", "disk", "a node starts with a copy of its disk that is some seconds old; the others "
-          "remember more, so it must stay stopped", "the disk is emptied and configured again, the node joins as new", disk_yesterday,
-          is_apart=True),
+          "remember more, so it must stay stopped", "the disk is emptied and configured again, the node joins as new",
+          disk_yesterday),
     Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
           "the record is whole again", cut_records),
