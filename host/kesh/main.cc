@@ -110,6 +110,7 @@ struct command_line {
   std::string store_file;
   bool verify_json = false;
   std::string say_text;
+  std::string log_level;
   std::vector<uint32_t> nodes;
   kesh::load_request load;
   bool load_json = false;
@@ -318,6 +319,12 @@ struct command_line {
     CLI::App &listen = add_client("heard", "Print the last 1000 cluster messages heard by this node.",
                                   [this](const std::string &path) { return kesh::heard_command(path, heard_follow); });
     listen.add_flag("--follow", heard_follow, "keep printing messages as they come");
+
+    CLI::App &log = add_client("log-level", "Log more, or less, until the daemon ends.",
+                               [this](const std::string &path) { return kesh::log_level_command(path, log_level); });
+    log.add_option("LEVEL", log_level, "debug, info, warning or error")
+        ->required()
+        ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
   }
 
   void add_test_aids()

@@ -1,21 +1,26 @@
-// The log: vx_log, vx_log_err and the host's own lines, on spdlog.
+// The log: vx_log, vx_log_err and the host's own lines. spdlog writes and rotates the file.
 #include "guarded.h"
+#include "log_levels.h"
+#include "log_queue.h"
 #include "platform.h"
 #include "vx_host.h"
 
-#include <spdlog/logger.h>
+#include <spdlog/sinks/dist_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 using namespace platform;
 
@@ -26,92 +31,144 @@ namespace
 constexpr size_t LINE_MAX_BYTES = 1024;
 constexpr int64_t FILE_SIZE_DEFAULT = 16 << 20;
 constexpr int64_t FILES_DEFAULT = 4;
+constexpr int64_t QUEUE_DEFAULT = 4 << 20;
+constexpr const char *PATTERN = "%Y-%m-%d %H:%M:%S.%e%z %v";
+// journald has its own time stamps, and takes the level from the front.
+constexpr const char *JOURNAL_PATTERN = "%v";
 
-spdlog::logger *make_logger(spdlog::sink_ptr sink, spdlog::level::level_enum level)
+constexpr std::array<const char *, 4> NAMES = {"debug", "info", "warning", "error"};
+constexpr std::array<const char *, 4> JOURNAL_LEVELS = {"<7>", "<6>", "<4>", "<3>"};
+
+bool level_of(const std::string &name, log_level &level)
 {
-  auto *made = new spdlog::logger("", std::move(sink));
-  made->set_pattern("%Y-%m-%d %H:%M:%S.%e %t %l: %v");
-  made->set_level(level);
-  made->flush_on(spdlog::level::trace);
-  made->set_error_handler([](const std::string &why) { fprintf(stderr, "log: %s\n", why.c_str()); });
-  return made;
+  const auto found = std::find(NAMES.begin(), NAMES.end(), name);
+  level = static_cast<log_level>(found - NAMES.begin());
+  return found != NAMES.end();
 }
 
-// Loggers are never deleted: a thread may be inside the old one, and threads may still log while the process exits.
-std::atomic<spdlog::logger *> opened_logger;
+bool is_read_by_journald()
+{
+  return std::getenv("JOURNAL_STREAM") != nullptr;
+}
 
-struct logger_list {
-  mutex guard;
-  std::vector<spdlog::logger *> all PLATFORM_GUARDED_BY(guard);
+// Never deleted: threads may still log while the process exits.
+class the_log
+{
+public:
+  the_log() : sinks_(std::make_shared<spdlog::sinks::dist_sink_mt>()), logger_("", sinks_)
+  {
+    logger_.set_level(spdlog::level::trace);
+    logger_.flush_on(spdlog::level::trace);
+    logger_.set_error_handler([](const std::string &why) { fprintf(stderr, "log: %s\n", why.c_str()); });
+    use(std::make_shared<spdlog::sinks::stderr_sink_mt>(), false);
+  }
+
+  /// Another place for what is written from now on. What was open is closed.
+  void use(const spdlog::sink_ptr &sink, bool is_journal)
+  {
+    sink->set_pattern(is_journal ? JOURNAL_PATTERN : PATTERN);
+    is_journal_ = is_journal;
+    sinks_->set_sinks({sink});
+  }
+  /// 0: whoever logs writes.
+  void set_queue(size_t bytes_max)
+  {
+    const alone_scope scope(queue_lock_);
+    queue_.reset();
+    if (bytes_max != 0) {
+      queue_ = std::make_unique<log_queue>(bytes_max, [this](const log_record &line) { write(line); });
+    }
+  }
+  void set_level(log_level level) { level_ = level; }
+  void set_node(uint32_t node) { node_ = node; }
+  bool takes(log_level level) const { return level >= level_; }
+
+  void line(log_level level, std::string_view text)
+  {
+    if (!text.empty() && text.back() == '\n') {
+      text.remove_suffix(1);
+    }
+    log_record made{std::chrono::system_clock::now(), level, head(level)};
+    made.text += text;
+    const shared_scope scope(queue_lock_);
+    if (queue_) {
+      queue_->push(std::move(made));
+    } else {
+      write(made);
+    }
+  }
+  bool flush(std::chrono::milliseconds limit)
+  {
+    const shared_scope scope(queue_lock_);
+    return !queue_ || queue_->flush(limit);
+  }
+  uint64_t dropped()
+  {
+    const shared_scope scope(queue_lock_);
+    return queue_ ? queue_->dropped() : 0;
+  }
+
+private:
+  /// "68234.123456 n2 18477 info: ": the monotonic clock, the node, the thread.
+  std::string head(log_level level) const
+  {
+    thread_local const int thread = gettid();
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char text[96];
+    snprintf(text, sizeof text,
+             "%s%lld.%06ld n%u %d %s: ", is_journal_ ? JOURNAL_LEVELS[static_cast<size_t>(level)] : "",
+             static_cast<long long>(now.tv_sec), now.tv_nsec / 1000, node_.load(), thread,
+             NAMES[static_cast<size_t>(level)]);
+    return text;
+  }
+
+  void write(const log_record &line)
+  {
+    logger_.log(line.at, spdlog::source_loc{}, spdlog::level::info,
+                spdlog::string_view_t(line.text.data(), line.text.size()));
+  }
+
+  std::shared_ptr<spdlog::sinks::dist_sink_mt> sinks_;
+  spdlog::logger logger_;
+  std::atomic<log_level> level_ = log_level::info;
+  std::atomic<uint32_t> node_ = 0;
+  std::atomic<bool> is_journal_ = false;
+  shared_mutex queue_lock_;
+  std::unique_ptr<log_queue> queue_ PLATFORM_GUARDED_BY(queue_lock_);
 };
 
-void use_logger(spdlog::logger *opened)
+the_log &opened()
 {
-  static auto *const every_logger = new logger_list;
-  const lock_scope lock(every_logger->guard);
-  every_logger->all.push_back(opened);
-  opened_logger.store(opened, std::memory_order_release);
-}
-
-spdlog::logger &logger()
-{
-  if (auto *opened = opened_logger.load(std::memory_order_acquire)) {
-    return *opened;
-  }
-  static spdlog::logger *const to_stderr =
-      make_logger(std::make_shared<spdlog::sinks::stderr_sink_mt>(), spdlog::level::info);
-  return *to_stderr;
-}
-
-void write_line(spdlog::level::level_enum level, std::string_view text)
-{
-  if (!text.empty() && text.back() == '\n') {
-    text.remove_suffix(1);
-  }
-  logger().log(level, spdlog::string_view_t(text.data(), text.size()));
+  static auto *const log = new the_log;
+  return *log;
 }
 
 // `error` is the errno to add, 0 for none. errno stays unchanged.
-void format_line(spdlog::level::level_enum level, int error, const char *format, va_list arguments)
+template <typename judge>
+void format_line(int error, const char *format, va_list arguments, const judge &level_of_text)
 {
   const int saved_errno = errno;
   try {
-    if (logger().should_log(level)) {
-      char line[LINE_MAX_BYTES];
-      // The analyzer loses track of a va_list that is handed on.
-      // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-      const int printed = vsnprintf(line, sizeof line, format, arguments);
-      size_t length = printed < 0 ? 0 : std::min(static_cast<size_t>(printed), sizeof line - 1);
+    char line[LINE_MAX_BYTES];
+    // The analyzer loses track of a va_list that is handed on.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+    const int printed = vsnprintf(line, sizeof line, format, arguments);
+    size_t length = printed < 0 ? 0 : std::min(static_cast<size_t>(printed), sizeof line - 1);
+    const log_level level = level_of_text(std::string_view(line, length));
+    if (opened().takes(level)) {
       if (error != 0) {
         char why[128];
         const char *text = strerror_r(error, why, sizeof why);
         const int added = snprintf(line + length, sizeof line - length, ": %s", text);
         length = std::min(length + static_cast<size_t>(std::max(added, 0)), sizeof line - 1);
       }
-      write_line(level, std::string_view(line, length));
+      opened().line(level, std::string_view(line, length));
     }
   } catch (...) {
     // There is nowhere to report a line that cannot be written, and the caller is C.
   }
   errno = saved_errno;
-}
-
-bool level_of(const std::string &name, spdlog::level::level_enum &level)
-{
-  const struct {
-    const char *name;
-    spdlog::level::level_enum level;
-  } levels[] = {{"debug", spdlog::level::debug},
-                {"info", spdlog::level::info},
-                {"warning", spdlog::level::warn},
-                {"error", spdlog::level::err}};
-  for (const auto &known : levels) {
-    if (name == known.name) {
-      level = known.level;
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace
@@ -120,7 +177,7 @@ void vx_log(const char *format, ...)
 {
   va_list arguments;
   va_start(arguments, format);
-  format_line(spdlog::level::info, 0, format, arguments);
+  format_line(0, format, arguments, library_line_level);
   va_end(arguments);
 }
 
@@ -129,7 +186,7 @@ void vx_log_err(const char *format, ...)
   const int error = errno;
   va_list arguments;
   va_start(arguments, format);
-  format_line(spdlog::level::err, error, format, arguments);
+  format_line(error, format, arguments, [error](std::string_view text) { return library_failure_level(text, error); });
   va_end(arguments);
 }
 
@@ -139,10 +196,25 @@ namespace platform
 bool log_open(std::string &error)
 {
   const std::string name = config_text("log.level", "info");
-  spdlog::level::level_enum level = spdlog::level::info;
+  log_level level = log_level::info;
   if (!level_of(name, level)) {
     return config_refuse("log.level", "\"" + name + "\" is none of debug, info, warning, error", error);
   }
+  int64_t queue_bytes = 0;
+  int64_t node = 0;
+  if (!config_number("log.queue", 0, int64_t{1} << 30, QUEUE_DEFAULT, queue_bytes, error) || !log_reopen(error)) {
+    return false;
+  }
+  std::string ignored;
+  config_number("cluster.node_id", 0, 255, 0, node, ignored);  // whoever needs it refuses a bad one
+  opened().set_node(static_cast<uint32_t>(node));
+  opened().set_level(level);
+  opened().set_queue(static_cast<size_t>(queue_bytes));
+  return true;
+}
+
+bool log_reopen(std::string &error)
+{
   int64_t max_size_bytes = 0;
   int64_t files = 0;
   if (!config_number("log.max_size", 4096, int64_t{1} << 40, FILE_SIZE_DEFAULT, max_size_bytes, error) ||
@@ -151,26 +223,45 @@ bool log_open(std::string &error)
   }
   const std::string path = config_text("log.file", "");
   try {
-    spdlog::sink_ptr sink;
     if (path.empty()) {
-      sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+      opened().use(std::make_shared<spdlog::sinks::stderr_sink_mt>(), is_read_by_journald());
     } else {
-      sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, static_cast<size_t>(max_size_bytes),
-                                                                    static_cast<size_t>(files));
+      opened().use(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, static_cast<size_t>(max_size_bytes),
+                                                                          static_cast<size_t>(files)),
+                   false);
     }
-    use_logger(make_logger(std::move(sink), level));
   } catch (const std::exception &failure) {
     return config_refuse("log.file", failure.what(), error);
   }
   return true;
 }
 
+bool log_set_level(const std::string &name)
+{
+  log_level level = log_level::info;
+  if (!level_of(name, level)) {
+    return false;
+  }
+  opened().set_level(level);
+  return true;
+}
+
+bool log_flush(std::chrono::milliseconds limit)
+{
+  return opened().flush(limit);
+}
+
+uint64_t log_dropped()
+{
+  return opened().dropped();
+}
+
 void log_line(log_level level, const std::string &text)
 {
-  const spdlog::level::level_enum levels[] = {spdlog::level::debug, spdlog::level::info, spdlog::level::warn,
-                                              spdlog::level::err};
   try {
-    write_line(levels[static_cast<size_t>(level)], text);
+    if (opened().takes(level)) {
+      opened().line(level, text);
+    }
   } catch (...) {
     // There is nowhere to report it.
   }

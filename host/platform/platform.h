@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -28,12 +29,26 @@ bool config_number(const std::string &key, int64_t low, int64_t high, int64_t fa
 /// For other checks of a key's value: sets `error` to file, line, key and why, and returns false.
 bool config_refuse(const std::string &key, const std::string &why, std::string &error);
 
-/// Opens the log from the keys log.level, log.file (unset: stderr), log.max_size, log.files. The library's lines
-/// (vx_log) have level "info", vx_log_err "error". Before this call lines go to stderr.
-bool log_open(std::string &error);
-
-/// The host's own lines.
+/// The log. A line is
+///
+///     2026-01-31 12:00:00.000+0100 68234.123456 n2 18477 info: TEXT
+///
+/// with the monotonic clock in seconds, the node and the thread. Of the library's lines log_levels.h judges the level.
 enum class log_level { debug, info, warning, error };
+
+/// Opens the log from the keys log.level, log.file (unset: stderr, in journald's form if that reads it), log.max_size,
+/// log.files and log.queue: bytes of lines that wait for the thread that writes them; 0: whoever logs writes. Before
+/// this call lines go to stderr.
+bool log_open(std::string &error);
+/// Opens the file again, after it was renamed. One thread.
+bool log_reopen(std::string &error);
+/// "debug", "info", "warning" or "error"; false: none of them.
+bool log_set_level(const std::string &name);
+/// Waits until what was logged before is written. False: not within `limit`.
+bool log_flush(std::chrono::milliseconds limit);
+/// Lines that were dropped, since the disk was too slow for them.
+uint64_t log_dropped();
+/// The host's own lines. Any thread; waits for no disk, unless log.queue is 0.
 void log_line(log_level level, const std::string &text);
 
 /// Why a received datagram was not handed to a hook, or a message not sent.

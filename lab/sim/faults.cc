@@ -12,15 +12,20 @@ namespace
 {
 
 constexpr uint32_t LOG_LENGTH = 250;
+constexpr size_t FEW_KINDS = 4;
 
+// If the run has a victim, every second one.
 uint32_t any_node(world &all, draw &choices)
 {
-  return static_cast<uint32_t>(choices.below(all.count())) + 1;
+  return all.victim() != 0 && choices.once_in(2) ? all.victim() : static_cast<uint32_t>(choices.below(all.count())) + 1;
 }
 
-// The leader as often as all others together: most of what can go wrong is there.
+// The leader as often as all others together: most of what can go wrong is there. Most on the victim, if there is one.
 sim_node &some_node(world &all, draw &choices)
 {
+  if (all.victim() != 0 && !choices.once_in(4)) {
+    return all.node(all.victim());
+  }
   const uint32_t master = all.master();
   return all.node(master != 0 && choices.once_in(2) ? master : any_node(all, choices));
 }
@@ -79,10 +84,25 @@ undo pause_one(world &all, draw &choices, int64_t)
   return [&all, run] { all.clock().resume(*run); };
 }
 
+undo starve_one(world &all, draw &choices, int64_t)
+{
+  node_run *const run = some_node(all, choices).run.get();
+  const std::string but = choices.once_in(4) ? "" : "host-";
+  thread *const one = run != nullptr ? all.clock().hold_one(*run, but, choices) : nullptr;
+  if (one == nullptr) {
+    return {};
+  }
+  all.say(run->node, one->name + " is held");
+  return [&all, run, one] {
+    all.clock().let_go(*one);
+    run->hook_until_us = std::max(run->hook_until_us, all.clock().now_us());  // stop may have waited for it
+  };
+}
+
 undo bad_weather(world &all, draw &choices, int64_t)
 {
   weather is;
-  is.loss = choices.once_in(2) ? 0 : static_cast<double>(choices.between(1, 60)) / 100;
+  is.loss = choices.once_in(2) ? 0 : choices.once_in(4) ? 1 : static_cast<double>(choices.between(1, 60)) / 100;
   is.twice = choices.once_in(2) ? 0 : static_cast<double>(choices.between(1, 50)) / 100;
   is.high_us = choices.spread(200, 300'000);
   const uint32_t from = choices.once_in(2) ? 0 : any_node(all, choices);
@@ -233,6 +253,7 @@ const std::vector<fault_kind> &fault_kinds()
       {"power-cut", "a node loses what no sync has covered", true, cut_power_one},
       {"power-cut-all", "all nodes do, at once", true, cut_power_all},
       {"pause", "a process stands still; its datagrams wait", false, pause_one},
+      {"starve", "one thread of a process does not run for a while", false, starve_one},
       {"weather", "loss, duplicates, reordering, delay: all ways or one", false, bad_weather},
       {"damage", "datagrams arrive shortened, lengthened or foreign", false, damage},
       {"hold", "datagrams of a channel are held, and come all at once", false, hold_some},
@@ -262,20 +283,29 @@ const fault_kind *find_fault(const std::string &name)
   return nullptr;
 }
 
-std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, const std::vector<std::string> &names)
+std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, std::vector<std::string> names)
 {
   std::vector<planned_fault> plan;
   if (names.empty()) {
     return plan;
   }
   draw choices(seed, 3);
+  // Every second run has few kinds of faults, and so more of each: what takes two of them comes together more often
+  // (Groce et al., Swarm Testing, 2012).
+  if (names.size() > FEW_KINDS && choices.once_in(2)) {
+    for (size_t i = 0; i < FEW_KINDS; ++i) {
+      std::swap(names[i], names[i + choices.below(names.size() - i)]);
+    }
+    names.resize(static_cast<size_t>(choices.between(2, FEW_KINDS)));
+  }
   const int64_t count = choices.spread(2, 24);
   // A log ends at its 250th entry. Most of what can go wrong is near: in every second run, all faults are.
   const bool is_focused = decisions > LOG_LENGTH && choices.once_in(2);
   uint32_t at = 0;
   for (int64_t i = 0; i < count; ++i) {
     if (i == 0 || !choices.once_in(3)) {  // else at once with the last one
-      at = static_cast<uint32_t>(is_focused ? choices.between(LOG_LENGTH - 5, LOG_LENGTH + 4)
+      const uint32_t before = choices.once_in(3) ? 60 : 5;
+      at = static_cast<uint32_t>(is_focused ? choices.between(LOG_LENGTH - before, LOG_LENGTH + 4)
                                             : choices.between(0, decisions));
     }
     plan.push_back({.kind = find_fault(choices.one_of(names)),

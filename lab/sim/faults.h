@@ -35,6 +35,6 @@ struct planned_fault {
 };
 
 /// Depends on its arguments alone. In the order of the decisions.
-std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, const std::vector<std::string> &names);
+std::vector<planned_fault> plan_of(uint64_t seed, uint32_t decisions, std::vector<std::string> names);
 
 }  // namespace sim

@@ -330,6 +330,9 @@ int file_unlink(const char *path)
     return failed(error);
   }
   const bool is_done = here().home->disk.unlink(path);
+  if (is_done) {
+    sim_context.judge->file_removed(*here().home, path);
+  }
   die_if_due(true);
   return is_done ? 0 : failed(ENOENT);
 }

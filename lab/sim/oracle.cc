@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "library_files.h"
-
 namespace sim
 {
 
@@ -192,7 +190,23 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
     own.msg_id = id;
   } else if (const uint32_t id = register_of(path); id != 0) {
     check_register_saved(node, id, bytes);
+  } else if (payload_name one; payload_of(path, one)) {
+    own.removed.erase(one);
   }
+}
+
+void oracle::file_removed(const sim_node &node, const std::string &path)
+{
+  payload_name one;
+  if (!payload_of(path, one)) {
+    return;
+  }
+  if (is_durable_ && is_in_log(node.disk, one)) {
+    report_("promise", node.number,
+            "the file of payload " + std::to_string(one.id) + "/" + std::to_string(one.sender) +
+                " is removed, but the log names it");
+  }
+  nodes_[node.number].removed.insert(one);
 }
 
 // What is said of a payload has been made true before: an identifier is used up, a file is on the disk.
@@ -204,8 +218,10 @@ void oracle::check_payload_message(const sim_node &node, const uint8_t *message)
   if (type == OFFER && sender == node.number && id > nodes_[node.number].msg_id) {
     report_("numbers", node.number, "identifier " + std::to_string(id) + " is offered, but not saved");
   }
-  const std::string path = "/flashdisk/cons/payloads/" + std::to_string(sender) + "." + std::to_string(id);
-  if (type == COMPLETE && is_durable_ && message[2] == node.number && !node.disk.is_durable(path)) {
+  const payload_name one{sender, id};
+  // One that a new log superseded may have lost its file since the answer was begun.
+  if (type == COMPLETE && is_durable_ && message[2] == node.number && !node.disk.is_durable(payload_path(one)) &&
+      !nodes_[node.number].removed.contains(one)) {
     report_("promise", node.number,
             "payload " + std::to_string(id) + "/" + std::to_string(sender) +
                 " is said to be complete, but not on the disk");
@@ -248,8 +264,24 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   } else if (type == READ_ACK && size > 20) {
     check_value(get_le32(payload + 12), 20);
   }
-  if ((type == READ_ACK || type == WRITE_ACK) && id > nodes_[node.number].decision) {
+  if (id <= nodes_[node.number].decision) {
+    return;
+  }
+  if (type == READ_ACK || type == WRITE_ACK) {
     check_answer(node, id, type == READ_ACK, round);
+  } else if (type == WRITE_REQ) {
+    check_own_promise(node, id, round);
+  }
+}
+
+// Whoever writes has promised the round itself, so that it cannot use it again after a restart.
+void oracle::check_own_promise(const sim_node &node, uint32_t id, uint32_t round)
+{
+  const auto saved = nodes_[node.number].registers.find(id);
+  if (saved == nodes_[node.number].registers.end() || saved->second.first < round) {
+    report_("promise", node.number,
+            "register " + std::to_string(id) + ": round " + std::to_string(round) +
+                " is written, but its writer has not promised it");
   }
 }
 

@@ -6,7 +6,9 @@
 ///   acknowledged what was acknowledged is in the order, and its node has it
 ///   decision     one decision number has one log, on every disk and in every datagram
 ///   round        one round of a register carries one value
-///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back
+///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back;
+///   whoever
+///                writes a round has promised it; the file of a payload in the log is not removed
 ///   numbers      in a node's files no number falls
 ///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
 ///   verdict      stop returns in time, and after it all calls have returned
@@ -25,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "library_files.h"
 #include "sim_node.h"
 
 namespace sim
@@ -60,6 +63,7 @@ public:
   void state_adopted(const sim_node &node, const std::vector<uint32_t> &history);
 
   void record_saved(const sim_node &node, const std::string &path, const file_bytes &bytes);
+  void file_removed(const sim_node &node, const std::string &path);
   void sent(const sim_node &node, uint32_t channel, const datagram &one);
   void log_line(const sim_node &node, std::string_view text);
   /// What is on its disk is less than was saved: the power was cut before a sync, or the disk was lost.
@@ -84,10 +88,12 @@ private:
     uint32_t msg_id = 0;
     uint64_t acknowledged = 0;
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> registers;  // id: promised round, accepted round
+    std::set<payload_name> removed;                               // files
   };
 
   void check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where);
   void check_answer(const sim_node &node, uint32_t id, bool is_promise, uint32_t round);
+  void check_own_promise(const sim_node &node, uint32_t id, uint32_t round);
   void check_payload_message(const sim_node &node, const uint8_t *message);
   void check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes);
 

@@ -154,7 +154,8 @@ void scheduler::change_points()
 
 thread *scheduler::choose_uniform()
 {
-  // Threads of paused processes stay among the ready ones: a few tries, then a walk from a drawn place.
+  // Threads that are held, or whose process is paused, stay among the ready ones: a few tries, then a walk from a drawn
+  // place.
   for (int i = 0; i < 4; ++i) {
     thread *const one = ready_[draw_.below(ready_.size())];
     if (runs(*one)) {
@@ -328,6 +329,22 @@ void scheduler::pause(process &owner)
 void scheduler::resume(process &owner)
 {
   owner.is_paused = false;
+}
+
+thread *scheduler::hold_one(const process &owner, const std::string &but, draw &choices)
+{
+  std::vector<thread *> living;
+  for (const std::unique_ptr<thread> &one : threads_) {
+    if (one->owner == &owner && !one->has_ended && !one->is_held_ && (but.empty() || !one->name.starts_with(but))) {
+      living.push_back(one.get());
+    }
+  }
+  if (living.empty()) {
+    return nullptr;
+  }
+  thread *const chosen = choices.one_of(living);
+  chosen->is_held_ = true;
+  return chosen;
 }
 
 }  // namespace sim

@@ -57,6 +57,7 @@ private:
   const void *waits_for_ = nullptr;  // an address: only compared
   uint64_t wait_number_ = 0;         // so that an old deadline wakes nobody
   bool is_timed_out_ = false;
+  bool is_held_ = false;
   thread *mutex_owner_ = nullptr;  // of the mutex that it waits for without a deadline
   int64_t priority_ = 0;
   baton baton_;
@@ -105,6 +106,10 @@ public:
   void kill(process &owner);
   void pause(process &owner);
   void resume(process &owner);
+  /// A drawn thread of the process, its name not beginning with `but`, does not run until let_go(), as one that a busy
+  /// machine gives no core. Null: there is none.
+  thread *hold_one(const process &owner, const std::string &but, draw &choices);
+  void let_go(thread &one) { one.is_held_ = false; }
 
   /// Called when a thread can be shown to wait for ever, or nothing can happen any more.
   std::function<void(const std::string &why)> on_dead_end;
@@ -125,7 +130,7 @@ private:
   static void *thread_main(void *argument);
   bool runs(const thread &one) const
   {
-    return one.owner == nullptr || (!one.owner->is_killed && !one.owner->is_paused);
+    return one.owner == nullptr || (!one.owner->is_killed && !one.owner->is_paused && !one.is_held_);
   }
   void make_ready(thread &one);
   void leave_ready(thread &one);

@@ -62,6 +62,7 @@ world::world(const run_options &options, const library_image &image)
         static_cast<uint32_t>(choices_.once_in(4) ? choices_.spread(1400, 60'000) : choices_.between(0, 99));
     nodes_.push_back(std::move(made));
   }
+  victim_ = choices_.once_in(2) ? static_cast<uint32_t>(choices_.below(options.nodes)) + 1 : 0;
   plan_ = plan_of(options.seed, options.decisions, options.faults);
   clock_.on_dead_end = [this](const std::string &why) {
     const process *const owner = clock_.self().owner;

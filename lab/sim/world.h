@@ -60,6 +60,8 @@ public:
   bool is_durable() const { return options_.is_durable; }
   void say(uint32_t node, const std::string &text) { log_.line(clock_.now_us(), node, text); }
 
+  /// The node that most faults of this run hit, so that they come together; 0 if there is none.
+  uint32_t victim() const { return victim_; }
   /// The node that keepalived would say leads, or 0.
   uint32_t master() const;
   void set_masters(const std::vector<uint32_t> &numbers);
@@ -92,6 +94,7 @@ private:
   std::vector<std::string> done_;
   std::vector<undo> undos_;
   size_t next_fault_ = 0;
+  uint32_t victim_ = 0;
   bool is_healing_ = false;
 };
 

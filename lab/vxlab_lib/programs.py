@@ -39,6 +39,9 @@ def default_build_dir():
         os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)))), "build")
 
 
+EVIDENCE = {"log.level": "debug", "log.queue": 0}  # every line, and none lost with a process that is killed
+
+
 def config_text(node, log, settings):
     """Returns the text of a configuration file. `settings` (key -> value) override the defaults."""
     log_level = settings.get("log.level", "info")

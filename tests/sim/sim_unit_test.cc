@@ -166,15 +166,19 @@ TEST(oracle, sees_two_values_of_a_round_and_answers_that_were_not_saved)
   };
   constexpr uint8_t WRITE_REQ = 3;
   constexpr uint8_t WRITE_ACK = 4;
+  for (sim::sim_node *one : {&all.first, &all.second}) {
+    one->disk.put("/flashdisk/cons/rb_reg.8", "saved");
+  }
+  all.save(all.first, "rb_reg.8", {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  all.save(all.second, "rb_reg.8", {2, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
   all.judge.sent(all.first, 3, message(WRITE_REQ, 1, {1, 0, 0, 0, 'a'}));
   all.judge.sent(all.second, 3, message(WRITE_REQ, 2, {1, 0, 0, 0, 'b'}));
-  all.second.disk.put("/flashdisk/cons/rb_reg.8", "saved");
-  all.save(all.second, "rb_reg.8", {2, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
   all.judge.sent(all.second, 3, message(WRITE_ACK, 2, {}));
   EXPECT_EQ(all.broken, names{});
   all.judge.sent(all.second, 3, message(WRITE_REQ, 1, {1, 0, 0, 0, 'b'}));
   all.judge.sent(all.first, 3, message(WRITE_ACK, 2, {}));
-  EXPECT_EQ(all.broken, (names{"round", "promise"}));
+  all.judge.sent(all.first, 3, message(WRITE_REQ, 3, {1, 0, 0, 0, 'a'}));
+  EXPECT_EQ(all.broken, (names{"round", "promise", "promise"}));
   all.first.run->was_stopped = true;
   all.judge.sent(all.first, 4, message(0, 0, {}));
   EXPECT_EQ(all.broken.back(), "silence");

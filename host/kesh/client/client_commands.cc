@@ -132,6 +132,11 @@ int life_cycle_command(const std::string &socket_path, const std::string &operat
   return EXIT_OK;
 }
 
+int log_level_command(const std::string &socket_path, const std::string &level)
+{
+  return simple_command(socket_path, {{"op", "log_level"}, {"level", level}});
+}
+
 int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms)
 {
   return simple_command(socket_path, {{"op", "slow"}, {"hook", hook}, {"ms", wait_ms}});

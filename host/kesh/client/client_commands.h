@@ -29,6 +29,7 @@ int say_command(const std::string &socket_path, const std::string &text);
 int heard_command(const std::string &socket_path, bool follow);
 /// start, leave, reinit or stop; returns when it is done, for stop when the daemon has ended, or after `timeout_s`.
 int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s);
+int log_level_command(const std::string &socket_path, const std::string &level);
 /// `hook`: deliver or state.
 int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms);
 /// Returns EXIT_OK if every line was acknowledged.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -68,7 +69,7 @@ void handle_signal(int signal_fd, service &host)
     return;
   }
   std::string error;
-  if (platform::log_open(error)) {
+  if (platform::log_reopen(error)) {
     log_line(log_level::info, "kesh: log opened again");
   } else {
     log_line(log_level::error, "kesh: " + error);
@@ -107,7 +108,11 @@ int run_library(service &host, int signal_fd, control_server &control)
     log_line(log_level::warning, "kesh: no cluster is configured; waiting for kesh stop and kesh configure");
   } else if (!host.configured.start) {
     log_line(log_level::info, "kesh: kesh.start is no; waiting for kesh start");
-  } else if ((code = host.start(error)) != EXIT_OK) {
+  } else if ((code = host.start(error)) == EXIT_REFUSED) {
+    // The daemon stays, to tell everybody why; ended, it would be started again and again.
+    log_line(log_level::error, "kesh: " + error + "; waiting for kesh stop");
+    code = EXIT_OK;
+  } else if (code != EXIT_OK) {
     fail(code, error);
   }
   if (code == EXIT_OK) {
@@ -157,9 +162,7 @@ int run_service(const settings &configured, int signal_fd)
   return code;
 }
 
-}  // namespace
-
-int daemon_run(const std::string &config_path, bool log_to_stderr)
+int run_daemon(const std::string &config_path, bool log_to_stderr)
 {
   std::string error;
   settings configured;
@@ -184,6 +187,16 @@ int daemon_run(const std::string &config_path, bool log_to_stderr)
   } catch (const std::exception &failure) {
     return fail(EXIT_RUNTIME, failure.what());
   }
+}
+
+}  // namespace
+
+int daemon_run(const std::string &config_path, bool log_to_stderr)
+{
+  constexpr std::chrono::seconds LAST_LINES_TIME{5};
+  const int code = run_daemon(config_path, log_to_stderr);
+  platform::log_flush(LAST_LINES_TIME);
+  return code;
 }
 
 }  // namespace kesh

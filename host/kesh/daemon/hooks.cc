@@ -54,12 +54,15 @@ void take_time(const std::atomic<uint32_t> &wait_ms)
   }
 }
 
+constexpr std::chrono::seconds LAST_WORDS_TIME{1};  // the disk may be what fails
+
 /// If a hook returned, the library would take the payload as delivered here, or the state as made. So the process ends,
 /// and the library delivers again when it starts.
 [[noreturn]] void end_process(const std::string &why) noexcept
 {
   try {
     platform::log_line(platform::log_level::error, "kesh ends: " + why);
+    platform::log_flush(LAST_WORDS_TIME);
   } catch (const std::exception &) {
     // No memory for the line either.
   }

@@ -234,6 +234,16 @@ void serve_heard(service &host, const json &request, control_peer &peer)
   }
 }
 
+void set_log_level(service &, const json &request, control_peer &peer)
+{
+  const std::string name = request.at("level").get<std::string>();
+  if (!platform::log_set_level(name)) {
+    throw request_error("level: \"" + name + "\" is none of debug, info, warning, error");
+  }
+  platform::log_line(platform::log_level::warning, "log: level " + name + " from here on, as asked");
+  peer.accept();
+}
+
 void backup(service &host, const json &request, control_peer &peer)
 {
   const std::string target = request.at("file").get<std::string>();
@@ -277,6 +287,7 @@ operation_table daemon_operations(service &host)
           {"reinit", bound(operation_class::command, reinit)},
           {"slow", bound(operation_class::command, slow)},
           {"say", bound(operation_class::command, say)},
+          {"log_level", bound(operation_class::command, set_log_level)},
           {"block", bound(operation_class::command, block)},
           {"backup", bound(operation_class::command, backup)},
           {"verify", bound(operation_class::command, verify)},

@@ -122,6 +122,7 @@ json status_collect(service &host)
                  {"eligible", host.link->eligible().yes},
                  {"cluster", host.link->status_json()},
                  {"messages", message_fields()},
+                 {"log_lines_dropped", platform::log_dropped()},
                  {"heard", host.messages.count()}};
   if (const auto decision = last_decision_read()) {
     status["decision"] = {{"number", decision->number}, {"entries", decision->entries}};

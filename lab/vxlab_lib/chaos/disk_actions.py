@@ -3,13 +3,12 @@
 import os
 import shutil
 
-from ..control import NodeUnreachable
 from ..errors import LabError
 from ..journal import STORE, STORE_PARTS
 from ..waiting import WaitTimeout, wait_until
 from . import decisions
 from .faults.network import both_ways
-from .recovery import ensure_active, restart_after
+from .recovery import ensure_active, has_joined, restart_after
 
 HELLO_S = 2.5  # nodes tell each other once a second what they have decided
 JOIN_S = 20.0
@@ -173,13 +172,6 @@ def do_store_lost(stage, _track, step):
                 if os.path.exists(os.path.join(root, name)):
                     os.rename(os.path.join(root, name), stage.cluster.node(node_id).path(f"{name}.{stage.next_id()}"))
         restart_after(stage, node_id, step)
-
-
-def has_joined(node):
-    try:
-        return node.control.status()["cluster"]["standing"] not in ("new", "reformed")
-    except NodeUnreachable:
-        return False
 
 
 def may_lose_disk(stage):

@@ -10,7 +10,7 @@ is not leader).
 import random
 from dataclasses import dataclass, field
 
-from ..programs import DURABLE
+from ..programs import DURABLE, EVIDENCE
 from .faults import FAULTS, names_of
 
 DURATION_S = (15.0, 40.0)
@@ -58,7 +58,7 @@ def make_plan(seed, arena, nodes, faults, durable=False):
     seconds = round(draw.uniform(*DURATION_S), 1)
     load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
             "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
-    tracks, settings, options = [], {0: dict(DURABLE[durable])}, {"durable": True} if durable else {}
+    tracks, settings, options = [], {0: {**EVIDENCE, **DURABLE[durable]}}, {"durable": True} if durable else {}
     for name in faults:
         fault = FAULTS[name]
         made = fault.make(draw, nodes, seconds)

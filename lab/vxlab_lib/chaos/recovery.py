@@ -1,5 +1,6 @@
 """How nodes come back after a fault."""
 
+from ..control import NodeUnreachable
 from ..errors import LabError
 
 
@@ -38,3 +39,10 @@ def ensure_active(stage, node_id):
         stage.start(node_id)
     if not node.control.status()["active"]:
         start_protocol(stage, node_id)
+
+
+def has_joined(node):
+    try:
+        return node.control.status()["cluster"]["standing"] not in ("new", "reformed")
+    except NodeUnreachable:
+        return False

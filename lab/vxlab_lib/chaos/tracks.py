@@ -7,7 +7,7 @@ import time
 from ..errors import LabError
 from .actions import ACTIONS, do_delay, set_clock
 from .disk_actions import write_disk_rules
-from .recovery import ensure_active
+from .recovery import ensure_active, has_joined
 
 
 class Tracks:
@@ -66,7 +66,9 @@ def undo_all(stage):
         if stage.plan.options.get("clock"):
             set_clock(stage, node_id, 0)
     if not stage.plan.options.get("keepalived"):
-        stage.set_masters([stage.draw.choice(sorted(stage.cluster.nodes))])
+        nodes = sorted(stage.cluster.nodes)
+        may_lead = [node_id for node_id in nodes if has_joined(stage.cluster.node(node_id))]  # keepalived asks for that
+        stage.set_masters([stage.draw.choice(may_lead or nodes)])
     for node_id in stage.cluster.nodes:
         ensure_active(stage, node_id)
     if stage.longest_hook_ms:
