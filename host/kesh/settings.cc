@@ -29,26 +29,16 @@ bool read_absolute_path(const char *key, const char *fallback, std::string &valu
          platform::config_refuse(key, "\"" + value + "\" is no path that begins with /", error);
 }
 
+bool read_optional_path(const char *key, std::string &value, std::string &error)
+{
+  return platform::config_text(key, "").empty() || read_absolute_path(key, "", value, error);
+}
+
 bool read_switch(const char *key, bool fallback, bool &value, std::string &error)
 {
   const std::string text = platform::config_text(key, fallback ? "yes" : "no");
   value = text == "yes";
   return value || text == "no" || platform::config_refuse(key, "\"" + text + "\" is neither yes nor no", error);
-}
-
-bool read_trace(trace_settings &result, std::string &error)
-{
-  constexpr int64_t STATE_BYTES_MAX = 1 << 30;
-  for (uint32_t type = 1; type < result.state_bytes.size(); type++) {
-    uint64_t size = 0;
-    if (!read_number(("trace.state_bytes[" + std::to_string(type) + "]").c_str(), 0, STATE_BYTES_MAX, size, error)) {
-      return false;
-    }
-    result.state_bytes[type] = static_cast<uint32_t>(size);
-  }
-  const bool wanted = !platform::config_text("trace.file", "").empty();
-  return (!wanted || read_absolute_path("trace.file", "", result.path, error)) &&
-         read_switch("trace.marks", false, result.marks, error);
 }
 
 }  // namespace
@@ -72,7 +62,8 @@ bool settings_read(settings &result, std::string &error)
       !read_number("retention.bytes", 0, ANY_MAX, result.keep.bytes, error) ||
       !read_number("retention.age_s", 0, ANY_MAX, result.keep.age_s, error) ||
       !read_number("cluster.generation", 0, ANY_MAX, result.generation, error) ||
-      !read_switch("kesh.start", true, result.start, error) || !read_trace(result.trace, error)) {
+      !read_switch("kesh.start", true, result.start, error) ||
+      !read_optional_path("trace.file", result.trace_path, error)) {
     return false;
   }
   result.cluster_name = platform::config_text("cluster.name", "");

@@ -1,7 +1,6 @@
 /// The configuration keys of the daemon itself.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 
@@ -13,12 +12,6 @@ namespace kesh
 inline constexpr char CONFIG_PATH_DEFAULT[] = "/etc/kesh.conf";
 inline constexpr char SOCKET_PATH_DEFAULT[] = "/run/kesh.sock";
 inline constexpr char STORE_PATH_DEFAULT[] = "/flashdisk/kesh.store";
-
-struct trace_settings {
-  std::string path;                          ///< empty: no trace
-  bool marks = false;                        ///< the messaging service is told where hooks begin and end
-  std::array<uint32_t, 4> state_bytes = {};  ///< size of the states of types 1 to 3; 0: no state
-};
 
 struct settings {
   std::string socket_path;
@@ -32,7 +25,7 @@ struct settings {
   uint64_t state_max = 16 << 20;  ///< bytes; the same on all nodes
   retention keep;
   std::string old_journal_path;  ///< a journal of earlier builds, which is taken over once
-  trace_settings trace;
+  std::string trace_path;        ///< empty: no trace
 
   /// What a store must agree in with those of the other nodes.
   std::string store_identity() const;

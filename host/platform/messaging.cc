@@ -44,8 +44,8 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
   if (running_) {
     return true;
   }
-  transport_ = open_transport(settings, error);
-  if (!transport_ || !receiver_.open(settings, *transport_, error)) {
+  transport_ = std::make_unique<transport>();
+  if (!transport_->open(settings, error) || !receiver_.open(settings, *transport_, error)) {
     receiver_.stop();
     transport_.reset();
     return false;
@@ -62,7 +62,7 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
     receiver_.start();
   } catch (const std::system_error &failure) {
     error = std::string("messaging: cannot create a thread: ") + failure.what();
-    end_threads(*transport_);
+    end_threads();
     transport_.reset();
     return false;
   }
@@ -72,7 +72,7 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
 
 void messaging::stop()
 {
-  std::shared_ptr<transport> over;
+  std::unique_ptr<transport> over;  // closed when no thread uses it
   {
     const alone_scope lock(running_lock_);
     if (!running_) {
@@ -82,12 +82,11 @@ void messaging::stop()
     over = std::move(transport_);
   }
   // A hook that runs may still call enqueue: it finds the service stopped.
-  end_threads(*over);
+  end_threads();
 }
 
-void messaging::end_threads(transport &over)
+void messaging::end_threads()
 {
-  over.end_marks();
   receiver_.stop();
   for (auto &channel : channels_) {
     channel->stop();
@@ -95,18 +94,6 @@ void messaging::end_threads(transport &over)
   repeats_.stop();
   bulk_.stop();
   out_.close();
-}
-
-void messaging::mark(const char *kind)
-{
-  std::shared_ptr<transport> over;
-  {
-    const shared_scope lock(running_lock_);
-    over = running_ ? transport_ : nullptr;
-  }
-  if (over) {
-    over->mark(kind);
-  }
 }
 
 const char *messaging::refusal(const message &one)

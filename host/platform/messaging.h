@@ -20,8 +20,7 @@
 namespace platform
 {
 
-/// Any thread may call everything except start and stop. Only stop waits for a hook; only stop and mark wait for the
-/// network.
+/// Any thread may call everything except start and stop. Only stop waits for a hook.
 class messaging
 {
 public:
@@ -44,11 +43,9 @@ public:
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
   /// As messaging_set_filter.
   void set_filter(message_filter *filter) { gate_.set(filter); }
-  /// As messaging_mark.
-  void mark(const char *kind) PLATFORM_EXCLUDES(running_lock_);
 
 private:
-  void end_threads(transport &over);
+  void end_threads();
   const char *refusal(const message &one) PLATFORM_REQUIRES_SHARED(running_lock_);  // null: it can be sent
 
   messaging_counters counters_;
@@ -59,10 +56,9 @@ private:
   receiver::channels channels_;
   receiver receiver_{counters_, channels_, bulk_};
   std::atomic<uint64_t> next_id_{1};
-  // Held shared while a message is sent, so that stop does not close a socket in use. A mark keeps the transport alive
-  // by its own reference.
+  // Held shared while a message is sent, so that stop does not close a socket in use.
   shared_mutex running_lock_;
-  std::shared_ptr<transport> transport_ PLATFORM_GUARDED_BY(running_lock_);  // null while stopped
+  std::unique_ptr<transport> transport_ PLATFORM_GUARDED_BY(running_lock_);  // null while stopped
   bool running_ PLATFORM_GUARDED_BY(running_lock_) = false;
 };
 

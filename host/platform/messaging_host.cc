@@ -39,11 +39,6 @@ void messaging_block(uint32_t node_mask)
   service().block(node_mask);
 }
 
-void messaging_mark(const char *kind)
-{
-  service().mark(kind);
-}
-
 const char *drop_reason_name(drop_reason reason)
 {
   const char *const names[] = {"foreign",          "damaged",     "no_hook",     "blocked",

@@ -67,25 +67,6 @@ bool read_interface(messaging_settings &settings, std::string &error)
   return true;
 }
 
-bool read_transport(messaging_settings &settings, std::string &error)
-{
-  const std::string kind = config_text("messaging.transport", "udp");
-  if (kind != "udp" && kind != "broker") {
-    return config_refuse("messaging.transport", "\"" + kind + "\" is neither udp nor broker", error);
-  }
-  if (kind == "udp") {
-    return true;
-  }
-  settings.broker = config_text("messaging.broker", "");
-  if (settings.broker.empty()) {
-    return config_refuse("messaging.broker", "not set, but messaging.transport is broker", error);
-  }
-  if (settings.broker.front() != '/') {
-    return config_refuse("messaging.broker", "\"" + settings.broker + "\" is not an absolute path", error);
-  }
-  return true;
-}
-
 }  // namespace
 
 messaging_settings::messaging_settings()
@@ -137,7 +118,7 @@ bool messaging_read_settings(messaging_settings &settings, std::string &error)
          read("messaging.interval_ms", 1, 60'000, settings.interval_ms, error) &&
          read("messaging.receive_buffer", 65536, 1 << 30, settings.receive_buffer, error) &&
          read("messaging.multicast_ttl", 0, 255, settings.multicast_ttl, error) && read_addresses(settings, error) &&
-         read_interface(settings, error) && read_transport(settings, error);
+         read_interface(settings, error);
 }
 
 }  // namespace platform

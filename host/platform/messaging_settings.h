@@ -17,7 +17,6 @@ struct messaging_settings {
   std::array<uint32_t, NODES_MAX> node_address;  ///< messaging.node[1..16].address; default 127.1.0.n
   std::string interface;                         ///< messaging.interface, a name; empty: by address
   uint32_t interface_address = 0;                ///< the same as an address; 0: the own one
-  std::string broker;                            ///< messaging.broker, a path, for transport "broker"; empty: UDP
   uint32_t interval_ms = 100;                    ///< messaging.interval_ms
   uint32_t receive_buffer = 8 << 20;             ///< messaging.receive_buffer, bytes, per socket
   uint8_t multicast_ttl = 1;                     ///< messaging.multicast_ttl

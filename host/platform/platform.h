@@ -82,9 +82,5 @@ messaging_statistics messaging_read_statistics();
 void messaging_set_filter(message_filter *filter);
 /// Test aid: drops everything that comes from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
-/// Test aid: tells the broker that this process has reached the point `kind` and waits until the broker lets it go on.
-/// So the process can be killed exactly there. Returns at once over UDP, while messaging is not started, and when the
-/// broker has gone. Any thread.
-void messaging_mark(const char *kind);
 
 }  // namespace platform

@@ -135,9 +135,6 @@ void receiver::read_some(size_t input)
   if (own_pieces > 0) {
     bulk_.came_back(own_pieces);
   }
-  if (arrived.ended) {
-    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, transport_->inputs()[input], nullptr);
-  }
 }
 
 }  // namespace platform

@@ -1,9 +1,11 @@
-/// How datagrams get from node to node. Repetition, pacing, dispatch and counters lie above and are the same for every
-/// kind of transport.
+/// How datagrams get from node to node. Repetition, pacing, dispatch and counters lie above.
 #pragma once
 
 #include "message.h"
 #include "messaging_settings.h"
+#include "unique_fd.h"
+
+#include <netinet/in.h>
 
 #include <array>
 #include <cstddef>
@@ -11,6 +13,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace platform
 {
@@ -27,9 +30,11 @@ struct arrival {
 struct arrivals {
   std::span<const arrival> all;  // valid until the next call
   uint32_t lost = 0;             // datagrams dropped for want of room since the last call
-  bool ended = false;            // nothing more will come from this input
 };
 
+/// UDP: one port per channel, on the node's own address and on the group. Bulk has its own socket, so that a full send
+/// buffer of bulk does not hold up the rest.
+///
 /// Sending: any thread, and nothing blocks. Receiving: one thread. Errors are errno values; EAGAIN and ENOBUFS mean
 /// that there is no room for now.
 class transport
@@ -37,34 +42,48 @@ class transport
 public:
   static constexpr size_t BATCH = 64;
 
-  transport() = default;
-  virtual ~transport() = default;
+  transport();
+  ~transport();
   transport(const transport &) = delete;
   transport &operator=(const transport &) = delete;
 
-  /// 0 or the error. Bulk that waits for room leaves room for the rest.
-  virtual int send(message &one) = 0;
-  virtual int send_bulk(message &one) = 0;
+  /// On failure returns false, and `error` says what and why.
+  bool open(const messaging_settings &settings, std::string &error);
+
+  /// 0 or the error.
+  int send(message &one) { return send_from(control_, one); }
+  int send_bulk(message &one) { return send_from(bulk_, one); }
   /// Sends messages from `first` on, at most `count` (up to BATCH), until one fails. Returns how many were sent; if
   /// none, `error` says why the first was not.
-  virtual size_t send_bulk(message *first, size_t count, int &error) = 0;
+  size_t send_bulk(message *first, size_t count, int &error);
   /// Waits until bulk may find room again, at most `wait_ms`.
-  virtual void wait_for_room(int wait_ms) const = 0;
+  void wait_for_room(int wait_ms) const;
 
   /// Descriptors that become readable when something has come.
-  virtual std::span<const int> inputs() const = 0;
-  virtual arrivals receive(size_t input) = 0;
+  std::span<const int> inputs() const { return input_fds_; }
+  arrivals receive(size_t input);
   /// Of the smallest input, as the kernel counts: twice the bytes that were asked for, if it granted them.
-  virtual size_t receive_buffer() const = 0;
+  size_t receive_buffer() const;
 
-  /// See messaging_mark. The second ends all waits, now and later.
-  virtual void mark(const char *) {}
-  virtual void end_marks() {}
+private:
+  struct receive_batch;
+  struct source {
+    unique_fd socket;
+    uint32_t channel = 0;
+    uint32_t overflow_seen = 0;  // the kernel's count of datagrams lost at this socket
+  };
+
+  sockaddr_in address_of(const message &one) const;
+  int send_from(const unique_fd &socket, message &one) const;
+
+  // Only open writes these, except the counts of `sources_` and the batch, which the receiving thread uses alone.
+  messaging_settings settings_;
+  unique_fd control_;
+  unique_fd bulk_;
+  uint16_t bulk_port_ = 0;  // network order
+  std::vector<source> sources_;
+  std::vector<int> input_fds_;
+  std::unique_ptr<receive_batch> batch_;
 };
-
-/// The kind that the settings name. On failure null, and `error` says what and why.
-std::unique_ptr<transport> open_transport(const messaging_settings &settings, std::string &error);
-std::unique_ptr<transport> open_udp_transport(const messaging_settings &settings, std::string &error);
-std::unique_ptr<transport> open_broker_transport(const messaging_settings &settings, std::string &error);
 
 }  // namespace platform

@@ -12,7 +12,6 @@ namespace
 
 using nlohmann::json;
 
-constexpr int64_t WAIT_MAX_MS = 60'000;
 constexpr double DELAY_MAX_MS = 600'000;
 
 /// The fields of one JSON object; every complaint names the key.
@@ -46,7 +45,6 @@ public:
   }
   uint32_t node_or_any(const char *key) const { return static_cast<uint32_t>(number_or(key, 0, NODES_MAX, 0)); }
   uint32_t node(const char *key) const { return static_cast<uint32_t>(number(key, 1, NODES_MAX)); }
-  uint64_t id() const { return number("id", 0, UINT32_MAX); }
   double real(const char *key, const json &value, double high) const
   {
     if (!value.is_number() || value.get<double>() < 0 || value.get<double>() > high) {
@@ -62,13 +60,6 @@ public:
       throw std::invalid_argument("\"" + std::string(key) + "\" is " + at(key).dump() + ", not a text");
     }
     return at(key).get<std::string>();
-  }
-  bool flag(const char *key) const
-  {
-    if (has(key) && !at(key).is_boolean()) {
-      throw std::invalid_argument("\"" + std::string(key) + "\" is neither true nor false");
-    }
-    return has(key) && at(key).get<bool>();
   }
   /// The two elements of an array.
   std::pair<json, json> pair(const char *key) const { return pair(key, at(key)); }
@@ -136,21 +127,6 @@ fault_rule read_rule(const json &object)
   return rule;
 }
 
-delivery_filter read_match(const json &object)
-{
-  const fields from(object, {"from", "to", "channel", "type", "number", "count"});
-  delivery_filter filter = read_filter(from);
-  if (from.has("number")) {
-    filter.number = static_cast<uint32_t>(from.number("number", 0, UINT32_MAX));
-  }
-  if (from.has("count")) {
-    const auto [low, high] = from.pair("count");
-    filter.count_min = static_cast<uint32_t>(fields::number("count", low, 0, UINT32_MAX));
-    filter.count_max = static_cast<uint32_t>(fields::number("count", high, 0, UINT32_MAX));
-  }
-  return filter;
-}
-
 json read_and_set_rules(network &net, const json &command)
 {
   std::vector<fault_rule> rules;
@@ -174,52 +150,7 @@ json read_and_set_cuts(network &net, const json &command)
   return json::object();
 }
 
-json read_and_release(network &net, const json &command)
-{
-  const fields from(command, {"do", "id", "drop"});
-  if (!net.held().contains(from.id())) {
-    throw std::invalid_argument("there is no hold " + std::to_string(from.id()));
-  }
-  const bool is_drop = from.flag("drop");
-  return {{"released", net.release(from.id(), is_drop)}};
-}
-
-json read_and_set_process(network &net, const json &command)
-{
-  const fields from(command, {"do", "node", "pid"});
-  const auto pid = static_cast<pid_t>(from.number("pid", 1, INT32_MAX));
-  if (!net.set_process(from.node("node"), pid)) {
-    throw std::invalid_argument("there is no process " + std::to_string(pid));
-  }
-  return json::object();
-}
-
 }  // namespace
-
-json commands::hold(const json &command)
-{
-  const fields from(command, {"do", "id", "match", "max"});
-  if (network_.held().contains(from.id())) {
-    throw std::invalid_argument("there is a hold " + std::to_string(from.id()) + " already");
-  }
-  const delivery_filter filter = read_match(from.at("match"));
-  network_.held().add(from.id(), filter, from.number_or("max", 1, holds::HELD_MAX, holds::HELD_MAX));
-  return json::object();
-}
-
-json commands::arm(const json &command)
-{
-  const fields from(command, {"do", "id", "node", "point", "skip"});
-  if (network_.armed().contains(from.id())) {
-    throw std::invalid_argument("a kill " + std::to_string(from.id()) + " is armed already");
-  }
-  const std::string point = from.text("point");
-  if (!is_point(point)) {
-    throw std::invalid_argument("\"point\" is \"" + point + "\": lower case letters and dashes are expected");
-  }
-  network_.armed().add(from.id(), {from.node_or_any("node"), point, from.number_or("skip", 0, UINT32_MAX, 0)});
-  return json::object();
-}
 
 json commands::tap(const json &command)
 {
@@ -238,12 +169,7 @@ json commands::tap(const json &command)
   return {{"mac", mac}};
 }
 
-json commands::found_events(uint64_t since) const
-{
-  return {{"events", network_.events().since(since)}, {"last", network_.events().last()}};
-}
-
-json commands::carry_out(const json &command, event_wait &wait)
+json commands::carry_out(const json &command)
 {
   if (!command.is_object() || !command.contains("do") || !command["do"].is_string()) {
     throw std::invalid_argument("a command is an object with a text \"do\"");
@@ -254,28 +180,6 @@ json commands::carry_out(const json &command, event_wait &wait)
   }
   if (what == "cut") {
     return read_and_set_cuts(network_, command);
-  }
-  if (what == "hold") {
-    return hold(command);
-  }
-  if (what == "release") {
-    return read_and_release(network_, command);
-  }
-  if (what == "arm") {
-    return arm(command);
-  }
-  if (what == "disarm") {
-    return {{"was_armed", network_.armed().remove(fields(command, {"do", "id"}).id())}};
-  }
-  if (what == "events") {
-    return found_events(fields(command, {"do", "since"}).number_or("since", 0, UINT32_MAX, 0));
-  }
-  if (what == "await") {
-    const fields from(command, {"do", "since", "timeout_ms"});
-    const uint64_t since = from.number_or("since", 0, UINT32_MAX, 0);
-    const auto timeout_ms = static_cast<int64_t>(from.number("timeout_ms", 0, WAIT_MAX_MS));
-    wait = {since, now_ns() + timeout_ms * MS_NS};
-    return json();
   }
   if (what == "stats") {
     const fields from(command, {"do"});
@@ -288,9 +192,6 @@ json commands::carry_out(const json &command, event_wait &wait)
   if (what == "tap") {
     return tap(command);
   }
-  if (what == "port") {
-    return read_and_set_process(network_, command);
-  }
   if (what == "quit") {
     const fields from(command, {"do"});
     is_quit_wanted_ = true;
@@ -299,30 +200,16 @@ json commands::carry_out(const json &command, event_wait &wait)
   throw std::invalid_argument("\"do\" is \"" + what + "\", which is no command");
 }
 
-std::optional<json> commands::run(const std::string &line, event_wait &wait)
+json commands::run(const std::string &line)
 {
   json answer;
   try {
-    answer = carry_out(json::parse(line), wait);
-    if (answer.is_null()) {
-      return std::nullopt;
-    }
+    answer = carry_out(json::parse(line));
     answer["ok"] = true;
   } catch (const std::exception &refusal) {
     answer = {{"ok", false}, {"error", refusal.what()}};
   }
   answer["t"] = now_ns();
-  return answer;
-}
-
-std::optional<json> commands::answer_wait(const event_wait &wait, int64_t now) const
-{
-  if (network_.events().last() <= wait.since && now < wait.until_ns) {
-    return std::nullopt;
-  }
-  json answer = found_events(wait.since);
-  answer["ok"] = true;
-  answer["t"] = now;
   return answer;
 }
 

@@ -21,8 +21,7 @@ struct control_server::client {
   platform::unique_fd socket;
   std::string received;
   std::string answers;
-  std::optional<event_wait> wait;  // commands behind it are not begun before it is over
-  bool has_ended = false;          // sends nothing more
+  bool has_ended = false;  // sends nothing more
   bool is_broken = false;
   uint32_t watched = EPOLLIN;
 };
@@ -79,15 +78,10 @@ void control_server::read_some(client &from)
 void control_server::serve(client &from)
 {
   size_t end = 0;
-  while (!from.wait && !from.is_broken && (end = from.received.find('\n')) != std::string::npos) {
+  while (!from.is_broken && (end = from.received.find('\n')) != std::string::npos) {
     const std::string line = from.received.substr(0, end);
     from.received.erase(0, end + 1);
-    event_wait wait;
-    if (const auto answer = commands_.run(line, wait)) {
-      from.answers += answer->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    } else {
-      from.wait = wait;
-    }
+    from.answers += commands_.run(line).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     from.is_broken |= from.answers.size() > ANSWERS_MAX_BYTES;
   }
 }
@@ -104,15 +98,10 @@ void control_server::write_some(client &to)
   }
 }
 
-void control_server::flush(int64_t now)
+void control_server::flush()
 {
   for (auto one = clients_.begin(); one != clients_.end();) {
     client &each = *one;
-    if (const auto answer = each.wait ? commands_.answer_wait(*each.wait, now) : std::nullopt) {
-      each.answers += answer->dump() + "\n";
-      each.wait.reset();
-      serve(each);
-    }
     write_some(each);
     if (each.is_broken || (each.has_ended && each.answers.empty())) {
       loop_.forget(each.socket.get());
@@ -127,15 +116,6 @@ void control_server::flush(int64_t now)
     }
     ++one;
   }
-}
-
-int64_t control_server::next_due_ns() const
-{
-  int64_t due_ns = NEVER_NS;
-  for (const client &one : clients_) {
-    due_ns = one.wait ? std::min(due_ns, one.wait->until_ns) : due_ns;
-  }
-  return due_ns;
 }
 
 }  // namespace fabric

@@ -1,6 +1,5 @@
 #include "datagram.h"
 
-#include "broker_frame.h"
 #include "message.h"
 
 #include <algorithm>
@@ -73,7 +72,6 @@ datagram_info read_message(bytes_view bytes, bool is_to_group)
     if (type == 0 && bytes.size() >= LOG_OFFSET + LOG_SIZE) {
       info.type = is_to_group ? message_type::decide : message_type::decide_update;
       info.number = le32(bytes, NUMBER_OFFSET);
-      info.count = le32(bytes, LOG_OFFSET);
     } else if (type == 1) {
       info.type = message_type::forward;
     }
@@ -113,13 +111,6 @@ std::optional<message_type> type_of_name(std::string_view name)
     return std::nullopt;
   }
   return static_cast<message_type>(found - NAMES.begin());
-}
-
-datagram_ptr make_message(bytes_view bytes, bool is_to_group)
-{
-  auto made = std::make_shared<datagram>(bytes);
-  made->info = read_message(bytes, is_to_group);
-  return made;
 }
 
 datagram_ptr make_frame(bytes_view bytes)

@@ -56,7 +56,6 @@ struct datagram_info {
   message_type type = message_type::other;
   uint32_t channel = 0;            // 3 to 7; 0: no message of the cluster
   std::optional<uint32_t> number;  // of the DECIDE, or register id on channel 3
-  std::optional<uint32_t> count;   // length of the log in a DECIDE
 };
 
 struct datagram {
@@ -69,9 +68,8 @@ struct datagram {
 };
 using datagram_ptr = std::shared_ptr<const datagram>;
 
-/// A datagram of the messaging service, unchanged. Whatever it holds, it becomes something, if need be `other`.
-datagram_ptr make_message(std::span<const uint8_t> bytes, bool is_to_group);
-/// An Ethernet frame, which may carry one.
+/// An Ethernet frame, which may carry a datagram of the messaging service. Whatever it holds, it becomes something, if
+/// need be `other`.
 datagram_ptr make_frame(std::span<const uint8_t> bytes);
 
 /// What a datagram of type decide or decide_update says.

@@ -23,12 +23,8 @@ int64_t between(int64_t low, int64_t high, double fraction)
 
 bool delivery_filter::matches(uint32_t sender, uint32_t receiver, const datagram_info &info) const
 {
-  if (sender == receiver && (from == 0 || to == 0)) {
-    return false;
-  }
   return (from == 0 || from == sender) && (to == 0 || to == receiver) && (channel == 0 || channel == info.channel) &&
-         (!type || is_type(*type, info.type)) && (!number || number == info.number) &&
-         (!count_min || (info.count && *info.count >= *count_min && *info.count <= *count_max));
+         (!type || is_type(*type, info.type));
 }
 
 fault_rules::fault_rules(uint64_t seed)

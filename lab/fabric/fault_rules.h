@@ -15,10 +15,7 @@ struct delivery_filter {
   uint32_t to = 0;
   uint32_t channel = 0;
   std::optional<message_type> type;
-  std::optional<uint32_t> number;
-  std::optional<uint32_t> count_min, count_max;
 
-  /// What a node sends to itself is meant only if the filter names it twice.
   bool matches(uint32_t sender, uint32_t receiver, const datagram_info &info) const;
 };
 

@@ -1,5 +1,4 @@
 // vx-fabric: the network of a cluster under test.
-#include "broker_ports.h"
 #include "commands.h"
 #include "control.h"
 #include "tap_ports.h"
@@ -19,27 +18,20 @@ namespace
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
 
-constexpr const char *FOOTER = R"(Two kinds of nodes:
-  broker   kesh with "messaging.transport = broker" and "messaging.broker = PATH" of --socket.
-  tap      anything that lives in a network namespace; all devices hang on one switch. Multicasts are flooded.
+constexpr const char *FOOTER =
+    R"(The nodes live in network namespaces; all their devices hang on one switch. Multicasts are flooded.
 A NETNS is a file of a network namespace (/proc/PID/ns/net), or a name of `ip netns`.
 
 Commands, one JSON object per line on the control socket, one answer line each:
   {"do":"rules","rules":[{"from":1,"to":0,"channel":4,"type":"DECIDE","loss":0.1,"dup":0.1,"delay_ms":[0,50],"reorder":0.1}]}
   {"do":"cut","pairs":[[1,2],[2,1]]}             one-way cuts; [] heals
-  {"do":"hold","id":1,"match":{"type":"DECIDE","to":3,"count":[250,250]},"max":1}
-  {"do":"release","id":1,"drop":false}
-  {"do":"arm","id":1,"node":2,"point":"write-ack","skip":0}
-  {"do":"disarm","id":1}   {"do":"events","since":0}   {"do":"await","since":0,"timeout_ms":1000}
   {"do":"stats"}   {"do":"bandwidth","bytes_per_s":1000000}   {"do":"quit"}
   {"do":"tap","node":1,"netns":"/proc/PID/ns/net","device":"vx0","address":"10.81.0.1/24"}
-  {"do":"port","node":1,"pid":4711}              the process that an armed kill hits, for tap nodes
 lab/fabric/control.h describes them all. Try: echo '{"do":"stats"}' | nc -U -N CONTROL
 
 Exit codes: 0 ended by quit, SIGTERM or SIGINT; 1 a socket, file or device failed; 2 wrong usage.)";
 
 struct options {
-  std::string socket;
   std::string control;
   std::string wire_log;
   std::vector<std::string> taps;
@@ -71,15 +63,10 @@ void run(const options &given)
   if (!given.wire_log.empty()) {
     log.open(given.wire_log);
   }
-  event_log events;
-  network net(given.seed, log, events);
-  broker_ports brokers(loop, net);
+  network net(given.seed, log);
   tap_ports taps(loop, net);
   for (const std::string &tap : given.taps) {
     taps.add(parse_tap(tap));
-  }
-  if (!given.socket.empty()) {
-    brokers.listen(given.socket);
   }
   commands what(net, taps);
   control_server control(loop, what);
@@ -89,12 +76,11 @@ void run(const options &given)
   std::printf("vx-fabric: ready, seed %ju\n", static_cast<uintmax_t>(given.seed));
   std::fflush(stdout);
   while (!is_ended && !what.is_quit_wanted()) {
-    loop.run_once(std::min({net.next_due_ns(), log.next_due_ns(), control.next_due_ns()}));
+    loop.run_once(std::min(net.next_due_ns(), log.next_due_ns()));
     const int64_t now = now_ns();
     net.advance(now);
-    brokers.flush();
     log.advance(now);
-    control.flush(now);
+    control.flush();
   }
   log.end(net.stats().dump());
 }
@@ -103,10 +89,9 @@ int parse_and_run(int argc, char **argv)
 {
   options given;
   CLI::App app("The network of a cluster under test: carries every datagram between the nodes, and loses, doubles,\n"
-               "reorders, delays, cuts, holds or kills at chosen points, as its control socket is told.");
+               "reorders, delays or cuts them, as its control socket is told.");
   app.name("vx-fabric");
   app.footer(FOOTER);
-  app.add_option("--socket", given.socket, "Unix socket for broker nodes")->type_name("PATH");
   app.add_option("--tap", given.taps, "TAP device of node N in a network namespace; once per node")
       ->type_name("N=NETNS:DEVICE[:ADDRESS/PREFIX]");
   app.add_option("--control", given.control, "Unix socket for commands")->type_name("PATH");
@@ -115,8 +100,8 @@ int parse_and_run(int argc, char **argv)
   app.add_option("--seed", given.seed, "Seed of all random choices")->capture_default_str();
   try {
     app.parse(argc, argv);
-    if (given.socket.empty() && given.taps.empty() && given.control.empty()) {
-      throw CLI::RequiredError("--socket, --tap or --control");
+    if (given.taps.empty() && given.control.empty()) {
+      throw CLI::RequiredError("--tap or --control");
     }
     for (const std::string &tap : given.taps) {
       fabric::parse_tap(tap);

@@ -1,10 +1,6 @@
 #include "network.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <csignal>
 
 namespace fabric
 {
@@ -14,106 +10,60 @@ namespace
 constexpr int64_t HELD_BACK_NS = 200 * MS_NS;
 constexpr size_t PENDING_MAX_BYTES = size_t{256} << 20;
 
-platform::unique_fd open_process(pid_t pid)
-{
-  return platform::unique_fd(pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1);
-}
-
-bool send_kill(const platform::unique_fd &process)
-{
-  return process && syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) == 0;
-}
-
 }  // namespace
 
-void network::attach(uint32_t node, port &where, pid_t pid)
+void network::attach(uint32_t node, port &where)
 {
-  node_state &state = nodes_[node];
-  state.where = &where;
-  state.pid = pid;
-  state.process = open_process(pid);
-  state.is_dead = false;
-  state.decide_number.reset();
-  events_.add("join", {{"node", node}, {"pid", pid}});
+  nodes_[node].where = &where;
+  nodes_[node].decide_number.reset();
 }
 
 void network::detach(uint32_t node, const port &where)
 {
-  node_state &state = nodes_[node];
-  if (state.where == &where) {
-    events_.add("leave", {{"node", node}, {"pid", state.pid}});
-    state.where = nullptr;
-    state.process.reset();
+  if (nodes_[node].where == &where) {
+    nodes_[node].where = nullptr;
   }
 }
 
-uint32_t network::nodes_of_kind(std::string_view kind) const
+uint32_t network::connected() const
 {
   uint32_t found = 0;
   for (uint32_t node = 1; node <= NODES_MAX; ++node) {
-    found |= nodes_[node].where != nullptr && nodes_[node].where->kind() == kind ? node_bit(node) : 0;
+    found |= nodes_[node].where != nullptr ? node_bit(node) : 0;
   }
   return found;
-}
-
-bool network::set_process(uint32_t node, pid_t pid)
-{
-  platform::unique_fd process = open_process(pid);
-  if (!process) {
-    return false;
-  }
-  node_state &state = nodes_[node];
-  state.pid = pid;
-  state.process = std::move(process);
-  state.is_dead = false;
-  state.decide_number.reset();
-  return true;
 }
 
 void network::receive(uint32_t from, const datagram_ptr &what, uint32_t receivers)
 {
   node_state &sender = nodes_[from];
-  if (sender.is_dead) {
-    count(outcome::dead);
-    return;
-  }
   ++sender.in;
   sender.in_bytes += what->bytes.size();
   ++types_[static_cast<size_t>(what->info.type)];
-  if (is_point_of_death(from, *what)) {
-    return;
-  }
+  note(from, *what);
   const int64_t now = now_ns();
   int64_t start_ns = now;
-  if ((receivers & ~node_bit(from)) != 0 && bytes_per_s_ != 0) {
+  if (receivers != 0 && bytes_per_s_ != 0) {
     bool is_dropped = false;
     start_ns += medium_delay_ns(what->bytes.size(), now, is_dropped);
     if (is_dropped) {
       count(outcome::bandwidth);
-      receivers &= node_bit(from);
+      return;
     }
   }
   for (uint32_t to = 1; to <= NODES_MAX; ++to) {
     if ((receivers & node_bit(to)) != 0) {
-      route({from, to, what}, to == from ? now : start_ns, now);
+      route({from, to, what}, start_ns, now);
     }
   }
 }
 
-/// Counts the datagram as an event of armed kills, and logs it if it goes out.
-bool network::is_point_of_death(uint32_t from, const datagram &what)
+void network::note(uint32_t from, const datagram &what)
 {
   node_state &sender = nodes_[from];
   const message_type type = what.info.type;
   const bool is_decide = type == message_type::decide;
   const bool is_repeat = is_decide && sender.decide_number && *what.info.number <= *sender.decide_number;
-  if (!kills_.empty() && what.info.channel != 0) {
-    const std::string point = is_repeat ? "decide-repeat" : point_of(type);
-    if (const auto id = kills_.fired_by(from, point)) {
-      kill(*id, from, point);
-      return true;
-    }
-  }
   log_.sent(from, what.info);
   if (is_decide || type == message_type::decide_update) {
     log_.decided(from, view_decide(what),
@@ -124,28 +74,6 @@ bool network::is_point_of_death(uint32_t from, const datagram &what)
   if (is_decide && !is_repeat) {
     sender.decide_number = what.info.number;
   }
-  return false;
-}
-
-bool network::marked(uint32_t node, std::string_view point)
-{
-  if (nodes_[node].is_dead) {
-    return false;
-  }
-  if (const auto id = kills_.fired_by(node, point)) {
-    kill(*id, node, std::string(point));
-    return false;
-  }
-  return true;
-}
-
-void network::kill(uint64_t id, uint32_t node, const std::string &point)
-{
-  node_state &state = nodes_[node];
-  state.is_dead = true;
-  const bool is_killed = send_kill(state.process);
-  log_.killed(node, point);
-  events_.add("kill", {{"id", id}, {"node", node}, {"pid", state.pid}, {"point", point}, {"killed", is_killed}});
 }
 
 int64_t network::medium_delay_ns(size_t size, int64_t now, bool &is_dropped)
@@ -179,10 +107,6 @@ void network::route(const delivery &one, int64_t start_ns, int64_t now)
 {
   if ((cuts_[one.from] & node_bit(one.to)) != 0) {
     count(outcome::cut);
-    return;
-  }
-  if (holds_.take(one)) {
-    count(outcome::held);
     return;
   }
   const fate what = rules_.decide(one.from, one.to, one.what->info);
@@ -227,17 +151,15 @@ void network::deliver(const delivery &one)
   node_state &receiver = nodes_[one.to];
   if ((cuts_[one.from] & node_bit(one.to)) != 0) {
     count(outcome::cut);
-  } else if (receiver.is_dead) {
-    count(outcome::dead);
   } else if (receiver.where == nullptr) {
     count(outcome::no_port);
-  } else if (!receiver.where->put(one.from, one.what)) {
+  } else if (!receiver.where->put(*one.what)) {
     ++receiver.overflow;
     count(outcome::overflow);
   } else {
     ++receiver.out;
     receiver.out_bytes += one.what->bytes.size();
-    count(one.from == one.to ? outcome::own : outcome::delivered);
+    count(outcome::delivered);
   }
   if (!held_back_.empty()) {
     let_pass(one.from, one.to);
@@ -259,17 +181,6 @@ void network::let_pass(uint32_t from, uint32_t to)
   for (const delivery &one : free) {
     deliver(one);
   }
-}
-
-size_t network::release(uint64_t id, bool is_drop)
-{
-  const std::vector<delivery> kept = holds_.release(id, is_drop);
-  for (const delivery &one : kept) {
-    if (!is_drop) {
-      deliver(one);
-    }
-  }
-  return kept.size();
 }
 
 int64_t network::next_due_ns() const
@@ -306,21 +217,17 @@ void network::advance(int64_t now)
 nlohmann::json network::stats() const
 {
   static constexpr std::array<const char *, static_cast<size_t>(outcome::count)> NAMES = {
-      "delivered", "own",  "lost",      "duplicated", "delayed", "reordered",
-      "cut",       "held", "bandwidth", "overflow",   "no_port", "dead"};
+      "delivered", "lost", "duplicated", "delayed", "reordered", "cut", "bandwidth", "overflow", "no_port"};
   nlohmann::json nodes = nlohmann::json::object();
   for (uint32_t node = 1; node <= NODES_MAX; ++node) {
     const node_state &one = nodes_[node];
     if (one.where != nullptr || one.in != 0 || one.out != 0) {
-      nodes[std::to_string(node)] = {{"kind", one.where == nullptr ? "none" : one.where->kind()},
-                                     {"pid", one.pid},
+      nodes[std::to_string(node)] = {{"is_connected", one.where != nullptr},
                                      {"in", one.in},
                                      {"in_bytes", one.in_bytes},
                                      {"out", one.out},
                                      {"out_bytes", one.out_bytes},
-                                     {"overflow", one.overflow},
-                                     {"queued_bytes", one.where == nullptr ? 0 : one.where->queued_bytes()},
-                                     {"dead", one.is_dead}};
+                                     {"overflow", one.overflow}};
     }
   }
   nlohmann::json fates = nlohmann::json::object();

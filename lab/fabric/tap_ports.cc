@@ -33,11 +33,10 @@ class tap_ports::device final : public port
 public:
   explicit device(platform::unique_fd fd) : fd_(std::move(fd)) {}
 
-  const char *kind() const override { return KIND; }
   // The kernel behind the device takes a frame or drops it; what waits for a process waits in its sockets.
-  bool put(uint32_t, const datagram_ptr &one) override
+  bool put(const datagram &one) override
   {
-    return write(fd_.get(), one->bytes.data(), one->bytes.size()) >= 0 || errno != EAGAIN;
+    return write(fd_.get(), one.bytes.data(), one.bytes.size()) >= 0 || errno != EAGAIN;
   }
   int fd() const { return fd_.get(); }
 
@@ -59,7 +58,7 @@ void tap_ports::add(const tap_settings &settings)
   remove(settings.node);
   const uint32_t node = settings.node;
   device &made = *(devices_[node] = std::make_unique<device>(open_tap(settings)));
-  network_.attach(node, made, 0);
+  network_.attach(node, made);
   loop_.watch(made.fd(), EPOLLIN, [this, node](uint32_t) { read_some(node); });
 }
 
@@ -100,7 +99,7 @@ void tap_ports::forward(uint32_t from, std::span<const uint8_t> frame)
     places_[source] = from;
   }
   const auto place = is_for_many(to) ? places_.end() : places_.find(to);
-  const uint32_t receivers = place == places_.end() ? network_.nodes_of_kind(KIND) : node_bit(place->second);
+  const uint32_t receivers = place == places_.end() ? network_.connected() : node_bit(place->second);
   network_.receive(from, make_frame(frame), receivers & ~node_bit(from));
 }
 

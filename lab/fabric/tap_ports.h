@@ -14,8 +14,6 @@ namespace fabric
 class tap_ports
 {
 public:
-  static constexpr const char *KIND = "tap";
-
   tap_ports(event_loop &loop, network &net);
   ~tap_ports();
   tap_ports(const tap_ports &) = delete;

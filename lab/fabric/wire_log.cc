@@ -59,14 +59,6 @@ void wire_log::decided(uint32_t from, const decide_view &what, decide_kind kind)
   written();
 }
 
-void wire_log::killed(uint32_t node, const std::string &point)
-{
-  if (file_ != nullptr) {
-    fprintf(file_, "%" PRId64 " kill %" PRIu32 " %s\n", now_ns(), node, point.c_str());
-    fflush(file_);
-  }
-}
-
 void wire_log::end(const std::string &stats)
 {
   if (file_ != nullptr) {

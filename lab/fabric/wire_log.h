@@ -4,7 +4,6 @@
 ///       crc32: of the 1254 bytes of the log, decimal, as zlib counts it. once: the first multicast of that number by
 ///       that node since it joined; repeat: a later one; update: sent to one node.
 ///   <ns> <from> send4|send5     something on that channel; at most one line per node, channel and 10 ms
-///   <ns> kill <node> <point>
 ///   <ns> stats {..}             the last line
 #pragma once
 
@@ -31,7 +30,6 @@ public:
 
   void sent(uint32_t from, const datagram_info &info);
   void decided(uint32_t from, const decide_view &what, decide_kind kind);
-  void killed(uint32_t node, const std::string &point);
   void end(const std::string &stats);
 
   /// Lines are kept for a tenth of a second at most.

@@ -13,7 +13,7 @@ import urllib.request
 from contextlib import ExitStack
 from dataclasses import dataclass
 
-from .chaos.arena import find_program
+from .chaos.build import find_program
 from .errors import LabError
 from .waiting import wait_until
 
@@ -25,7 +25,7 @@ WARM_UP_S = 2
 END_S = 30.0  # beyond its time, a load may take so long for its last answers
 ETCD_START_S = 30.0
 ETCD_STOP_S = 10.0
-SETTINGS = {"log.level": "warning"}
+SETTINGS = {"state.max": 1 << 20, "log.level": "warning"}  # what a larger state costs, `bench --durable` tells
 PLACES = ["leader", "all"]
 COLUMNS = ["system", "at", "clients", "per s", "p50 ms", "p99 ms", "p99/p50", "failed", "MiB of the largest process"]
 

@@ -279,8 +279,6 @@ def run_soak(subparsers):
                         help="of each loop: leave/start and reinit, on a follower and on the leader (default 1000)")
     parser.add_argument("--nodes", type=int, default=3, choices=range(2, NODES_MAX + 1), metavar="N",
                         help=f"nodes of the cluster, 2 to {NODES_MAX} (default 3)")
-    parser.add_argument("--transport", choices=["udp", "broker"], default="udp",
-                        help="how the nodes talk (default udp)")
     parser.add_argument("--durable", action="store_true", help="with durable payloads: their files stay few, also "
                         "where submitters are killed")
     parser.add_argument("--library", metavar="FILE", help="another libvx_cons.so.1 than that of the build tree")

@@ -5,11 +5,10 @@ import os
 import time
 from collections import Counter
 from contextlib import contextmanager
-from types import SimpleNamespace
 
 from .chaos import decisions
-from .chaos.arena import LOG_BYTES_MAX, Build
-from .chaos.broker_arena import BrokerArena
+from .chaos.arena import LOG_BYTES_MAX
+from .chaos.build import Build
 from .chaos.load import Load, send_some
 from .chaos.sampler import process_figures
 from .cluster import Cluster
@@ -39,29 +38,16 @@ DESPAIR = [b"This should never happen", b"corrupted message set", b"Isolating"]
 LOST = b"data lost - skipped"
 
 
-class SoakArena(BrokerArena):
-    def settings(self, node):
-        return {"messaging.transport": "broker", "messaging.broker": self.broker, **self.plan.settings}
-
-
 @contextmanager
 def new_cluster(options):
     """Gives a cluster with all nodes configured and none started."""
     build = Build(options.bin, options.library)
     settings = {**SETTINGS, **DURABLE[options.durable]}
-    if options.transport == "udp":
-        with Cluster(options.dir, options.bin) as cluster:
-            cluster.create(options.nodes, settings)
-            for node in cluster.nodes.values():
-                node.environment = {"LD_PRELOAD": ":".join(build.preload({}))} if options.library else {}
-            yield cluster
-        return
-    os.makedirs(options.dir, exist_ok=True)
-    plan = SimpleNamespace(nodes=options.nodes, seed=1, options={}, settings=settings)
-    with SoakArena(os.path.realpath(options.dir), build, plan) as arena:
-        arena.wire_log = os.devnull
-        arena.open()
-        yield arena.cluster
+    with Cluster(options.dir, options.bin) as cluster:
+        cluster.create(options.nodes, settings)
+        for node in cluster.nodes.values():
+            node.environment = {"LD_PRELOAD": ":".join(build.preload({}))} if options.library else {}
+        yield cluster
 
 
 class Soak:

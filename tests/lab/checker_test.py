@@ -1,11 +1,9 @@
 """The checker of the cluster's promises: a good episode passes, and each broken one is called what it is."""
 
 import os
-import struct
 import sys
 import tempfile
 import unittest
-import zlib
 
 sys.dont_write_bytecode = True
 HERE = os.path.dirname(os.path.realpath(__file__))
@@ -27,12 +25,18 @@ def swapped(one, other):
     return change
 
 
+def fail_first(builder):
+    """The first call of node 1 ends before its line is delivered."""
+    builder.trace[1] = [(1.5, "return 1 1 1 -1") if words == "return 1 1 1 0" else (at_s, words)
+                        for at_s, words in builder.trace[1]]
+
+
 def lose_fifth_on_3(builder):
     builder.order[3] = builder.plan[:4] + builder.plan[5:]
 
 
-def repeat_last(between, log):
-    """Node 2 gets its last payload again, after what stands between in its trace and log."""
+def repeat_last(between):
+    """Node 2 gets its last payload again, after what stands between in its trace."""
     def change(builder):
         trace = builder.trace[2]
         del trace[-4:]
@@ -40,20 +44,17 @@ def repeat_last(between, log):
         last = [words for words in deliveries if words[1] == deliveries[-1][1]]
         end = last[-1][5:]
         trace += [*between, *((21, " ".join(["deliver", str(21 * 10**9), *words[2:4], "doubled", *end])) for words in last)]
-        builder.log[2] += [*log, "CONS: PAXOS: DELIVER (id=4/2)", "CONS: PAXOS: DELIVER calling hook"]
     return change
 
 
 def crash_repeat(lines_between=()):
     def change(builder):
-        repeat_last([(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0"), *lines_between],
-                    ["kesh: starting, build 1, process 11"])(builder)
+        repeat_last([(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0"), *lines_between])(builder)
         builder.events += [(19, "kill", {"node": 2, "point": None})]
     return change
 
 
-def stop_repeat(*log):
-    return repeat_last([(19, "stop-call"), (19.1, "stop-return 0"), (20.1, "start-call"), (20.2, "start-return 0")], log)
+STOP_REPEAT = repeat_last([(19, "stop-call"), (19.1, "stop-return 0"), (20.1, "start-call"), (20.2, "start-return 0")])
 
 
 def rejoin(*items):
@@ -66,9 +67,6 @@ def rejoin(*items):
         builder.trace[2] += [(77, "adopted kept 4")]
         builder.trace[2] += [(78 + at / 10, f"deliver {78 * 10**9 + at} {tag(origin, sequence)} 1 {outcome} {end}")
                              for at, (origin, sequence, outcome) in enumerate(items)]
-        builder.log[2] += ["kesh: starting, build 1, process 11"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
-        for origin, sequence, _ in items:
-            builder.log[2] += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook"]
     return change
 
 
@@ -77,33 +75,11 @@ def no_op(origin, sequence):
         for node in (1, 2, 3):
             end = " ".join([words for _, words in builder.trace[node] if words.startswith("deliver")][-1].split()[-2:])
             builder.insert(node, 19.1, f"deliver {19 * 10**9} {tag(origin, sequence)} 1 no-op {end}")
-            builder.log[node] += [f"CONS: PAXOS: DELIVER (id={sequence + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook"]
     return change
 
 
-def ordered_again(builder):
-    """Node 2 delivers, last of all, what stands before its full state once more; node 1 had a FORWARD of its origin."""
-    last = builder.trace[2][-6][1].split()
-    builder.insert(2, 25, " ".join([last[0], str(25 * 10**9), tag(3, 1), "1", "doubled", *last[5:]]))
-    builder.log[1] += ["CONS: PAXOS: FORWARD (sender=3, id=2)", "CONS: CONSENSOUS: propose ... id=10, round=1"]
-
-
-def leader_restarts(builder):
-    del builder.trace[1][-4:]
-    builder.trace[1] += [(20, "begin 11"), (20.1, "start-call"), (20.2, "start-return 0")]
-    builder.log[1].append("kesh: starting, build 1, process 11")
-    builder.events.append((19, "kill", {"node": 1, "point": None}))
-
-
-def protocol_restarts_on_1(builder):
-    builder.log[1].append("Isolating from cluster ...")
-
-
-def in_log(node, line, before=None):
-    def change(builder):
-        log = builder.log[node]
-        log.insert(len(log) if before is None else log.index(before), line)
-    return change
+def in_log(node, line, at_s=19):
+    return lambda builder: builder.log[node].append((at_s, line))
 
 
 def sample(node, at_s, **values):
@@ -134,17 +110,6 @@ def wire(*line):
     return lambda builder: builder.wire.append(list(line))
 
 
-def other_state(count, behind=b""):
-    """The fifth decision as node 2 made it: with a full state of its own, and `behind` it something else too."""
-    difference = bytes(a ^ b for a, b in zip(struct.pack("<BI", *STATE), struct.pack("<BI", 2, 60)))
-    crc = 5 ^ zlib.crc32((bytes(4) + difference + behind).ljust(1254, b"\0")) ^ zlib.crc32(bytes(1254))
-    return wire(10.1, 2, "decide", 5, count, f"{crc:08x}", "2.60", "once")
-
-
-def full_state_of(*nodes):
-    return [in_log(node, "CONS: PAXOS: PROPOSE full state (batch_id=5)") for node in nodes]
-
-
 def grow(builder):
     builder.samples += [{"t": 20 + step / 10, "node": 1, "pid": 99, "first": [1, step], "rss_kb": 9000 + 900 * step,
                          "batch": 9, "count": 5, "crc": "09"} for step in range(200)]
@@ -157,20 +122,8 @@ def spin(at_s):
         [(at_s, "CONS: CONSENSOUS: propose ... (batch_id=10, round=2)")] * 100)
 
 
-def durable(builder):
-    builder.options["durable"] = True
-
-
 def not_on_disk(name, *nodes):
     return lambda builder: [builder.payloads[node].remove(name) for node in nodes]
-
-
-def lost_on_3(builder):
-    """Its line in place, and node 1 had restarted: what live payloads in memory would excuse."""
-    at = builder.log[3].index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
-    builder.log[3].insert(at, LOST)
-    for at_s, words in enumerate(("cleanup-call", "cleanup-return", "start-call", "start-return 0")):
-        builder.insert(1, 13.1 + at_s / 10, words)
 
 
 def fall(cut_s):
@@ -195,28 +148,16 @@ CASES = [
                              lambda b: b.replace(1, "return 1 3 1 0", "return 1 5 1 0")], "I3 I6"),
     ("damaged", [], [trace(2, 19, f"damaged {19 * 10**9} 0 77")], "I3"),
     ("half a full state", [], [lambda b: b.trace[2].remove(next(x for x in b.trace[2] if " 2 99 4 " in x[1]))], "I3"),
-    ("own order", [swapped(0, 3)], [], "I4 I5 I3"),
-    ("RECEIVE out of order", [], [in_log(1, "CONS: PAXOS: RECEIVE (id=2)")], "I4"),
+    ("own order", [swapped(0, 3)], [fail_first], "I4 I5 I3"),
     ("acknowledged too early", [lambda b: b.plan.__setitem__(2, (3, 1, 1, 6))],
      [cut_return(3, 1), trace(3, 2.5, "return 1 1 1 0")], "I5 I6"),
     ("a lost acknowledgement, no restart", [lose_fifth_on_3], [], "I1 I6 I9"),
     ("the number fell", [], [sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
     ("a short file", [], [sample(2, 10, sizes={"paxos_deliver": 4})], "I7"),
     ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, "000000ff", "1.2", "once")], "I8"),
-    ("two states, one leader", [], [other_state(1)], "I8"),
-    ("two states, two leaders", [], [other_state(1), *full_state_of(1, 2)], None),
-    ("two states, and more", [], [other_state(1, b"x"), *full_state_of(1, 2)], "I8"),
-    ("two counts", [], [other_state(2), *full_state_of(1, 2)], "I14"),
-    ("a carried tail", [], [in_log(2, LOST), other_state(2), *full_state_of(1, 2)], None),
-    ("a tail lost long ago", [], [in_log(2, LOST), in_log(2, "CONS: PAXOS: PROPOSE full state (batch_id=1)"), other_state(2),
-                                  *full_state_of(1, 2)], "I14 I8"),
     ("never equal", [], [lambda b: b.events.__setitem__(slice(None), [e for e in b.events if e[1] != "equal"])], "I9"),
-    ("equal only with the next log, and no hole", [], [event(65, "unequal", error="")], "I9"),
     ("a crash of a node that was to be killed", [], [event(50, "exit", node=2, pid=10, code=-11),
                                                      event(49, "kill", node=2, pid=10, point="x")], "P"),
-    ("a crash where nothing is promised", [], [event(30, "wipe", node=3), event(50, "exit", node=2, pid=10, code=-11)], "P"),
-    ("an old life that is not followed", [], [event(30, "wipe", node=3),
-                                              event(40, "old-life", node=2, number=9, has_won=False)], "L"),
     ("late equal", [], [lambda b: b.events[5][2].update(after_s=31)], "I9"),
     ("a call hangs", [], [cut_return(1, 3)], "I10"),
     ("an open call fails for nothing", [], [cut_return(1, 3, -1)], "I10"),
@@ -226,9 +167,8 @@ CASES = [
                              wire(77.0, 2, "send4"), trace(2, 79.1, "start-return 0")], "I11"),
     ("sent after an isolation", [], [trace(2, 20, "isolated"), wire(30, 2, "send5")], "I11"),
     ("a message repeated after stop", [], [lambda b: b.replace(2, "stop-return 0", "stop-return 1")], "I11"),
-    ("four threads", [], [sample(3, 10, tasks={"propose-thread": 1})], "I11"),
+    ("five threads", [], [sample(3, 10, tasks={name[:15]: 1 for name in THREADS[1:]})], "I11"),
     ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),
-    ("a falling DECIDE", [], [in_log(1, "CONS: PAXOS: DECIDE broadcast (batch_id=3)")], "I12"),
     ("memory grows", [], [grow], "I13"),
     ("spins where it hears nobody", [], [event(20, "cut", pairs=[[1, 2], [3, 2]]), event(26, "cut", pairs=[]), spin(23)],
      "I13"),
@@ -255,36 +195,21 @@ CASES = [
                                                sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
     ("a disk that went back, unnoticed", [], [event(9, "disk-back-noticed", node=2, noticed=False)], "I7"),
     ("a store on a failing disk", [], [event(40, "disk", node=2), event(50, "exit", node=2, pid=11, code=7)], None),
-    ("repeated after a failed save, overtaken by a stop", [], [stop_repeat("write(/c/paxos_deliver.tmp) failed")], None),
-    ("repeated after an isolation for another save", [], [stop_repeat("Isolating from cluster ...")], "I2"),
-    ("repeated after a stop", [], [stop_repeat()], "I2"),
-    ("ordered again by a leader that a restart made forget", [], [leader_restarts, ordered_again], None),
-    ("ordered again by a leader that was isolated", [], [protocol_restarts_on_1, ordered_again], None),
-    ("ordered again by a leader that must know", [], [ordered_again], "I2"),
-    ("ordered again, and who missed it has proposed nothing since", [],
-     [protocol_restarts_on_1, ordered_again, lambda b: b.log[1].pop()], "I2"),
-    ("durable: nothing", [durable], [], None),
-    ("durable: a lost payload", [durable, lose_fifth_on_3], [lost_on_3], "I6 I1 I9 I12"),
-    ("durable: unequal for a lost payload", [durable], [lost_on_3, event(65, "unequal", error="")], "I9 I12"),
-    ("durable: skipped, and missed by nobody", [durable], [in_log(2, LOST)], "I12"),
-    ("durable: skipped where a disk was lost", [durable], [in_log(2, LOST), event(30, "wipe", node=3)], None),
-    ("durable: two states, two leaders", [durable], [other_state(1), *full_state_of(1, 2)], "I8"),
-    ("durable: a carried tail", [durable], [in_log(2, LOST), other_state(2), *full_state_of(1, 2)], "I14 I8 I12"),
-    ("durable: ordered again by a leader that a restart made forget", [durable], [leader_restarts, ordered_again], "I2"),
-    ("durable: late equal, several down", [durable, lambda b: b.events[5][2].update(after_s=31)],
+    ("repeated after a failed save, overtaken by a stop", [], [in_log(2, "write(/c/paxos_deliver.tmp) failed"), STOP_REPEAT], None),
+    ("repeated after a stop, and an isolation for another save", [], [in_log(2, "Isolating from cluster ..."), STOP_REPEAT], "I2"),
+    ("skipped, and missed by nobody", [], [in_log(2, LOST)], "I12"),
+    ("late equal, several down", [lambda b: b.events[5][2].update(after_s=31)],
      [crash_repeat(), event(19.5, "kill", node=3)], "I9"),
-    ("durable: five threads", [durable], [sample(3, 10, tasks={name[:15]: 1 for name in THREADS})], "I11"),
-    ("six threads", [], [sample(3, 10, tasks={name[:15]: 1 for name in (*THREADS, "payload-file-thread")})], "I11"),
-    ("durable: on one disk", [durable], [not_on_disk("2.3", 1, 3)], "I7"),
-    ("durable: on two disks", [durable], [not_on_disk("2.3", 1)], None),
-    ("durable: files left", [durable], [lambda b: b.payloads[2].extend(["1.2", "2.2", "3.2", "1.9"])], "I7"),
-    ("durable: a temporary file left", [durable], [lambda b: b.payloads[2].append("1.9.tmp")], "I7"),
-    ("durable: the number fell by a power cut", [durable], fall(12.65), None),
-    ("durable: a look between the cut and its end", [durable],
+    ("on one disk", [], [not_on_disk("2.3", 1, 3)], "I7"),
+    ("on two disks", [], [not_on_disk("2.3", 1)], None),
+    ("files left", [], [lambda b: b.payloads[2].extend(["1.2", "2.2", "3.2", "1.9"])], "I7"),
+    ("a temporary file left", [], [lambda b: b.payloads[2].append("1.9.tmp")], "I7"),
+    ("the number fell by a power cut", [], fall(12.65), None),
+    ("a look between the cut and its end", [],
      [event(12.4, "power-cut"), event(12.68, "disk-cut", node=2), *fall(12.4)[1:]], None),
-    ("durable: on no quorum's disks after a power cut", [durable], power_cut([2]), "I7"),
-    ("durable: on a quorum's disks after a power cut", [durable], power_cut([1, 2]), None),
-    ("durable: the number fell behind what was synced", [durable], fall(12.65)[:1] + [
+    ("on no quorum's disks after a power cut", [], power_cut([2]), "I7"),
+    ("on a quorum's disks after a power cut", [], power_cut([1, 2]), None),
+    ("the number fell behind what was synced", [], fall(12.65)[:1] + [
         sample(2, 12.7, batch=4, count=4, crc="00000004", first=(1, 2))], "I7"),
     ("repeated later than first", [], [crash_repeat([(20.5, f"deliver 1 {tag(3, 2)} 1 repeated 8 00")])], "I2 I1"),
 ]
@@ -314,57 +239,14 @@ class CheckerTest(unittest.TestCase):
                     self.assertIn(names[0], found, told)
                     self.assertLessEqual(found, set(names), told)
 
-    def test_a_lost_payload_excuses_only_after_its_line_and_only_with_restarts(self):
-        hole = in_log(3, LOST)
-
-        def after_state(log):
-            return log.index(f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})") + 5
-
-        def at_place(builder):  # before the fifth delivery of node 3
-            builder.log[3].insert(after_state(builder.log[3]), LOST)
-
-        def restart_of_1(builder):  # when the fifth and sixth are submitted
-            for at_s, words in enumerate(("cleanup-call", "cleanup-return", "start-call", "start-return 0")):
-                builder.insert(1, 13.1 + at_s / 10, words)
-
-        def another(builder):
-            builder.log[3].insert(after_state(builder.log[3]), LOST.replace("3/2", "3/3"))
-
-        def twice(builder):  # node 2 lost what node 3 has, node 3 what node 2 has, node 1 both
-            for node, ids in ((1, ("3/2", "3/3")), (2, ("3/3",)), (3, ("3/2",))):
-                log = builder.log[node]
-                for one in ids:
-                    log.insert(after_state(log) + 3 * (one == "3/3" and node == 2), LOST.replace("3/2", one))
-
-        def lose_both(builder):
-            for node, gone in ((1, (4, 5)), (2, (5,)), (3, (4,))):
-                builder.order[node] = [one for place, one in enumerate(builder.plan) if place not in gone]
-
-        unequal = {"I9"}  # the episode ends with the hole
-        for what, lose, after, expected in (
-                ("in place", lose_fifth_on_3, [at_place, restart_of_1], set()),
-                ("one after the other", lose_both, [twice, restart_of_1], set()),
-                ("no restart", lose_fifth_on_3, [at_place], {"I1", "I6"}),
-                ("no restart before it", lose_fifth_on_3, [at_place, crash_repeat()], {"I1", "I6"}),
-                ("another payload", lose_fifth_on_3, [another, restart_of_1], {"I6"}),
-                ("after the fact", lose_fifth_on_3, [hole, restart_of_1], {"I1", "I6"})):
-            with self.subTest(what):
-                result = self.judge([lose], after)
-                self.assertEqual({one.invariant for one in result.violations} - unequal, expected,
-                                 [one.text for one in result.violations])
-
-    def test_says_what_it_did_not_see_or_cannot_promise(self):
-        wiped = self.judge([lose_fifth_on_3], [event(30, "wipe", node=3)])
-        self.assertEqual((wiped.verdict, wiped.level, wiped.check("I1").verdict), ("held", "wiped", "not promised"))
-        together = self.judge([lose_fifth_on_3], [crash_repeat(), event(19.5, "kill", node=3)])
-        self.assertEqual((together.level, together.check("I6").verdict), ("several", "not promised"))
+    def test_says_what_it_did_not_see(self):
         builder = Builder().make()
         for node in (1, 2, 3):
             builder.trace[node] = builder.trace[node][:3]
             builder.journals[node] = []
         with tempfile.TemporaryDirectory() as directory:
             result = check(builder.write(directory))
-            self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I2", "I3", "I5", "I6", "I10"]))
+            self.assertEqual((result.verdict, result.unexamined), ("violated", ["I1", "I2", "I3", "I4", "I5", "I6", "I10"]))
             with open(os.path.join(directory, "node2", "trace"), "a", encoding="ascii") as file:
                 file.write("no trace\n1 2 3\n")
             with self.assertRaises(CouldNotRun):

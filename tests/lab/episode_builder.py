@@ -20,7 +20,8 @@ CREATE TABLE item (n, position, kind, sequence, attempt, line, is_repeat, text);
 LIVES = {node: f"{node:016x}" for node in (1, 2, 3)}
 STATE = (1, 50)  # entry of the full state that begins the second log
 HEAL_S, END_S = 60, 80
-THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread")
+THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread",
+           "payload-file-thread")
 
 
 def tag(origin, sequence):
@@ -65,7 +66,7 @@ class Builder:
                      (1, 3, 15, 16), (1, 4, 15.01, 16), (2, 3, 17, 18)]
         self.order = {}  # node -> plan of what it delivers; default: the plan
         self.trace = {node: [] for node in (1, 2, 3)}  # (s, words)
-        self.log = {node: ["kesh: starting, build 1, process 10"] for node in (1, 2, 3)}  # line, or (s, line)
+        self.log = {node: [(0, "kesh: starting, build 1, process 10")] for node in (1, 2, 3)}  # (s, line)
         self.events = [(0, "spawn", {"node": node}) for node in (1, 2, 3)]
         self.events += [(0.1, "master", {"nodes": [1]}), (HEAL_S, "heal", {}),
                         (70, "equal", {"lines": 9, "after_s": 10})]
@@ -85,7 +86,7 @@ class Builder:
             self._make_node(node)
         entries = [STATE] + [(items[0][0], items[0][1] + 1) for items in payloads(self.plan[4:])]
         named = [f"{sender}.{msg_id}" for sender, msg_id in entries]
-        self.payloads = {node: list(named) for node in (1, 2, 3)} if self.options.get("durable") else {}
+        self.payloads = {node: list(named) for node in (1, 2, 3)}
         self.decide += b"".join(struct.pack("<BI", *entry) for entry in entries)
         self.decide = self.decide[:1258].ljust(1258, b"\0")
         for number in range(1, 10):
@@ -94,7 +95,7 @@ class Builder:
             named = f"{first[0]}.{first[1]}"
             self.wire.append([number * 2.0, 1, "decide", number, count, f"{number:08x}", named, "once"])
             for node in (1, 2, 3):
-                tasks = {name[:15]: 1 for name in THREADS + ("payload-file-thread",) * bool(self.options.get("durable"))}
+                tasks = {name[:15]: 1 for name in THREADS}
                 self.samples.append({"t": number * 2.1, "node": node, "pid": 10, "batch": number, "count": count,
                                      "crc": f"{number:08x}", "first": first, "last": first, "msg_id": number + 1,
                                      "deliver": first, "regs": [], "fds": 9, "rss_kb": 9000, "tmp": 0, "cpu_ms": number,
@@ -104,7 +105,7 @@ class Builder:
         return self
 
     def _make_node(self, node):
-        trace, log = self.trace[node], self.log[node]
+        trace = self.trace[node]
         trace += [(0.1, "begin 10"), (0.2, "start-call"), (0.3, "start-return 0")]
         chain, key, lines = CHAIN_START, NO_LINE, 0
         self.journals[node] = list(payloads(self.order.get(node, self.plan)))
@@ -113,17 +114,13 @@ class Builder:
                 for kind in range(4):
                     trace.append((10, f"adopt {10 * SECOND + kind} {kind} 99 {lines} {key}"))
                 trace.append((10, "adopted kept 4"))
-                log += [f"CONS: PAXOS: DELIVER (id={STATE[1]}/{STATE[0]})"] + ["CONS: PAXOS: DELIVER calling hook"] * 4
             chain = next_hash(chain, items)
-            origin, first, _, at = items[0]
+            origin, _, _, at = items[0]
             if origin == node:
                 trace += [(called, f"call 1 {sequence} 1 99") for _, sequence, called, _ in items]
-                log.append(f"CONS: PAXOS: RECEIVE (id={first + 1})")
             for place, (_, sequence, *_) in enumerate(items):
                 lines, key = lines + 1, f"{chain.hex()[:12]}{place:04x}"
                 trace.append((at, f"deliver {int(at * SECOND) - 1} {tag(origin, sequence)} 1 applied {lines} {key}"))
-            log += [f"CONS: PAXOS: DELIVER (id={first + 1}/{origin})", "CONS: PAXOS: DELIVER calling hook",
-                    f"CONS: PAXOS: DECIDE broadcast (batch_id={position + 1})"]
             if origin == node:
                 trace += [(at + 0.1, f"return 1 {sequence} 1 0") for _, sequence, *_ in items]
         trace += [(75, "stop-call"), (75.1, "stop-return 0"), (75.2, "cleanup-call"), (75.3, "cleanup-return")]
@@ -160,8 +157,8 @@ class Builder:
                     life = LIVES[node] if not lines else f"{node + 16:016x}"
                 lines.append(f"{ns(at)} {life} {words}\n")
             put(f"node{node}/trace", "".join(lines))
-            timed = [line if isinstance(line, tuple) else (0, line) for line in self.log[node]]
-            put(f"node{node}/log", "".join(f"2026-01-01 00:{at // 60:02}:{at % 60:02}.000 1 info: {line}\n" for at, line in timed))
+            put(f"node{node}/log", "".join(f"2026-01-01 00:00:00.000+0100 {at:.6f} n{node} 77 info: {line}\n"
+                                           for at, line in self.log[node]))
             os.makedirs(os.path.join(directory, f"node{node}", "flashdisk"))
             if self.journals[node]:
                 write_store(os.path.join(directory, f"node{node}", "flashdisk", "kesh.store"), self.journals[node],

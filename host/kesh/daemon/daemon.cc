@@ -149,7 +149,7 @@ int run_service(const settings &configured, int signal_fd)
 {
   service host(configured);
   std::string error;
-  if (!host.events.open(configured.trace.path, host.life, error)) {
+  if (!host.events.open(configured.trace_path, host.life, error)) {
     return fail(EXIT_CONFIG, error);
   }
   int code = host.open_store(error);

@@ -1,5 +1,5 @@
 """What the steps of a plan do. One function per action: `do_...(stage, track, step)`. disk_actions.py has those on
-disks, exact_actions.py those that produce one exact order of events."""
+disks."""
 
 import contextlib
 import os
@@ -7,7 +7,7 @@ import struct
 
 from ..errors import LabError
 from ..node import VRRP
-from . import decisions, disk_actions, exact_actions, strangers
+from . import disk_actions, strangers
 from .recovery import ensure_active, restart_after, start_protocol, stop_protocol
 
 
@@ -28,19 +28,6 @@ def do_bandwidth(stage, _track, step):
     stage.events.add("net", bytes_per_s=step["bytes_per_s"])
     stage.pause(step["for_s"])
     stage.fabric.ask("bandwidth", bytes_per_s=0)
-
-
-def do_hold(stage, _track, step):
-    identity = stage.next_id()
-    match = {key: stage.node_id(value) if key in ("from", "to") else value for key, value in step["match"].items()}
-    stage.fabric.ask("hold", id=identity, match=match, max=step["max"])
-    stage.events.add("hold", id=identity, match=match)
-    if step.get("after_master"):
-        stage.pause(0.2)
-        stage.set_masters([stage.node_id("follower")])
-    stage.pause(step["release_s"])
-    released = stage.fabric.ask("release", id=identity, drop=step["drop"])["released"]
-    stage.events.add("release", id=identity, released=released, drop=step["drop"])
 
 
 def do_master(stage, _track, step):
@@ -65,22 +52,6 @@ def do_kill(stage, _track, step):
         if node_id is not None:
             stage.kill(node_id)
             restart_after(stage, node_id, step)
-
-
-def do_arm(stage, _track, step):
-    with stage.claim(step["node"], alone=step.get("settle")) as node_id:
-        if node_id is None:
-            return
-        identity = stage.next_id()
-        stage.fabric.ask("arm", id=identity, node=node_id, point=step["point"], skip=step["skip"])
-        stage.events.add("arm", node=node_id, point=step["point"], skip=step["skip"])
-        killed = stage.await_marked(identity)
-        if killed is None:
-            stage.fabric.ask("disarm", id=identity)
-            return
-        stage.cluster.node(node_id).await_end()
-        stage.arena.node_is_down(node_id)
-        restart_after(stage, node_id, step)
 
 
 def do_kill_all(stage, _track, step):
@@ -138,44 +109,6 @@ def await_exact_moment(stage, who, rules):
     disk_actions.write_disk_rules(stage, node_id, [])
     if at_ns is not None:
         stage.events.add("kill", at_ns=at_ns, node=node_id, pid=pid, point=rules[-1])
-
-
-def do_wipe(stage, _track, step):
-    with stage.claim(step["node"]) as node_id:
-        if node_id is None:
-            return
-        stage.terminate(node_id)
-        stage.arena.node_is_down(node_id)
-        lose_files(stage, node_id)
-        restart_after(stage, node_id, {"settle": True})
-
-
-def do_missed_reset(stage, _track, step):
-    kept = stage.node_id(step["node"])
-    running = stage.cluster.running()
-    for node_id in running:
-        stage.terminate(node_id)
-        stage.arena.node_is_down(node_id)
-    for node_id in running:
-        if node_id != kept:
-            lose_files(stage, node_id)
-    old = decisions.read_position(stage.cluster.node(kept).cons_dir)[0]
-    for node_id in running:
-        stage.start(node_id)
-    has_won = stage.await_that(lambda: all(decisions.read_position(node.cons_dir)[0] >= old
-                                           for node in stage.cluster.nodes.values()), 10.0)
-    stage.events.add("old-life", node=kept, number=old, has_won=has_won)
-
-
-def lose_files(stage, node_id):
-    stage.events.add("wipe", node=node_id)
-    node = stage.cluster.node(node_id)
-    for directory in (node.cons_dir, node.path("flashdisk")):
-        for name in os.listdir(directory):
-            path = os.path.join(directory, name)
-            if os.path.isfile(path):
-                os.unlink(path)
-    node.configure(stage.plan.nodes)
 
 
 def do_pause(stage, _track, step):
@@ -272,5 +205,5 @@ def do_strangers(stage, _track, step):
 
 
 ACTIONS = {name[3:].replace("_", "-"): action
-           for names in (vars(disk_actions), vars(exact_actions), globals())
+           for names in (vars(disk_actions), globals())
            for name, action in list(names.items()) if name.startswith("do_")}

@@ -1,40 +1,111 @@
-"""What both arenas share: a cluster, and a vx-fabric that carries its datagrams."""
+"""The arena: a cluster under test. Each node has a network namespace with one Ethernet device, a TAP port of vx-fabric.
+Its files are on an ext4 image made for the run. keepalived elects the leader if the plan says so. Needs root."""
 
 import json
 import os
 import shutil
+import subprocess
 
 from .. import programs
 from ..cluster import Cluster
 from ..errors import LabError
 from ..node import UNDO
 from ..waiting import wait_until
+from . import private_space
 from .fabric_client import FabricClient
+from .files import copy
 
 FABRIC_TIMEOUT_S = 10.0
 STATE_MAX = 1 << 30  # more bytes than the lines of any run have, so that a snapshot holds them all
-LOG_BYTES_MAX = 1 << 32  # no rotation, so that the whole log can be matched with the trace
+LOG_BYTES_MAX = 1 << 32  # no rotation
+DEVICE = "vx0"
+IMAGE_BYTES = 2 << 30  # a sparse file
+SMALL_DISK_SIZE = "64m"
+
+KEEPALIVED_CONF = """\
+global_defs {{
+  router_id node{node}
+  script_user root
+  enable_script_security
+  vrrp_garp_master_delay 0
+}}
+vrrp_instance cluster {{
+  state BACKUP
+  interface {device}
+  virtual_router_id 81
+  priority {priority}
+  advert_int 0.3
+  virtual_ipaddress {{
+    10.81.0.100/24
+  }}
+  notify {notify}
+}}
+"""
+
+# keepalived calls it with: INSTANCE cluster MASTER|BACKUP|FAULT|STOP priority
+NOTIFY = """\
+#!/bin/sh
+exec {kesh} vrrp "$3"
+"""
+
+
+class WireCluster(Cluster):
+    """A process that does nothing else holds each node's network, so that it outlives the daemon."""
+
+    small_disk = None  # the node whose /flashdisk is a small file system
+
+    def open(self, detached=False):
+        if self.small_disk:  # the laboratory's programs see only earlier mounts
+            target = self.node(self.small_disk).path("flashdisk")
+            os.makedirs(target)
+            private_space.mount("tmpfs", target, "tmpfs", 0, f"mode=0755,size={SMALL_DISK_SIZE}")
+        super().open(detached)
+        for node in self.nodes.values():
+            answer = self.holder.ask("spawn", node=f"net{node.id}", dir=self.dir.path,
+                                     output=self.dir.file("networks.log"),
+                                     command=[self.programs.node_view, "--net-new", "--", "sleep", "infinity"])
+            node.net_pid = answer["pid"]
 
 
 class Arena:
     """One cluster in the new directory `work_dir`. `build` is a Build, `plan` says what to prepare. Use it as a
     context; `close` leaves nothing running."""
 
-    name = ""
-    cluster_class = Cluster
-
     def __init__(self, work_dir, build, plan):
+        if os.geteuid() != 0:
+            raise LabError("chaos needs root: it makes network devices and mounts a file system")
         self.dir = work_dir
         self.build = build
         self.plan = plan
-        self.cluster = self.cluster_class(os.path.join(work_dir, "lab"), build.directory)
+        self.keepalived = plan.options.get("keepalived", False)
+        self._keepalived_path = shutil.which("keepalived", path="/usr/sbin:/usr/bin:/sbin")
+        if self.keepalived and not self._keepalived_path:
+            raise LabError("keepalived is not installed: scripts/install-packages chaos")
+        self._make_disk()
+        self.cluster = WireCluster(self._mount_point, build.directory)
+        self.cluster.small_disk = plan.options.get("small_disk")
         self.wire_log = os.path.join(work_dir, "wire.log")
         self.fabric_control = os.path.join(work_dir, "fabric")
         self.fabric = FabricClient(self.fabric_control)
 
+    @staticmethod
+    def address(node_id):
+        return f"10.81.0.{node_id}"
+
+    def _make_disk(self):
+        image, self._mount_point = os.path.join(self.dir, "disk.img"), os.path.join(self.dir, "lab")
+        os.makedirs(self._mount_point)
+        with open(image, "wb") as file:
+            file.truncate(IMAGE_BYTES)
+        programs.run(["/usr/sbin/mkfs.ext4", "-q", "-m", "0", image], "make a file system")
+        programs.run(["mount", "-o", "loop", image, self._mount_point], "mount the file system")
+        os.rmdir(os.path.join(self._mount_point, "lost+found"))
+
     def settings(self, node):
         """Returns the configuration keys of one node."""
-        keys = {"state.max": STATE_MAX, "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX}
+        keys = {"state.max": STATE_MAX, "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX,
+                "messaging.interface": DEVICE}
+        keys.update({f"messaging.node[{peer}].address": self.address(peer) for peer in range(1, self.plan.nodes + 1)})
         return {**keys, **self.plan.settings.get(0, {}), **self.plan.settings.get(node.id, {})}
 
     def environment(self, node):
@@ -54,22 +125,19 @@ class Arena:
         return found
 
     def open(self):
-        """Configures all nodes; starts the fabric, but no node."""
+        """Configures all nodes and joins them to the fabric; starts none."""
         self.cluster.create(self.plan.nodes, self.settings)
+        self._start_fabric()
         for node in self.cluster.nodes.values():
             node.environment = self.environment(node)
-        self.start_fabric(self.fabric_arguments())
-        self.connect_nodes()
+            self.fabric.ask("tap", node=node.id, netns=f"/proc/{node.net_pid}/ns/net", device=DEVICE,
+                            address=f"{self.address(node.id)}/24")
+            if self.keepalived:
+                self._write_keepalived(node)
 
-    def fabric_arguments(self):
-        return []
-
-    def connect_nodes(self):
-        pass
-
-    def start_fabric(self, arguments):
+    def _start_fabric(self):
         command = ["setpriv", "--pdeathsig", "KILL", self.build.fabric, "--control", self.fabric_control, "--wire-log",
-                   self.wire_log, "--seed", str(self.plan.seed), *arguments]
+                   self.wire_log, "--seed", str(self.plan.seed)]
         output = os.path.join(self.dir, "fabric.log")
         self.cluster.holder.ask("spawn", node="fabric", dir=self.dir, output=output, command=command)
         wait_until(lambda: self.fabric.connect() or not self.program_runs("fabric"), FABRIC_TIMEOUT_S,
@@ -89,12 +157,51 @@ class Arena:
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
         self.fabric.close()
 
+    def _write_keepalived(self, node):
+        text = KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id,
+                                      notify=node.path("notify"))
+        with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
+            file.write(text)
+        with open(node.path("notify"), "w", encoding="utf-8") as file:
+            file.write(NOTIFY.format(kesh=self.cluster.programs.kesh))
+        os.chmod(node.path("notify"), 0o700)
+
+    def start_keepalived(self, node_id):
+        """Starts keepalived in the node's view. In its own process id namespace, so that its helpers end with it."""
+        node = self.cluster.node(node_id)
+        for name in ("keepalived.pid", "vrrp.pid"):  # a killed one leaves them, and its process ids are used again
+            if os.path.exists(node.path("run", name)):
+                os.unlink(node.path("run", name))
+        command = ["unshare", "--pid", "--fork", "--kill-child=KILL", self._keepalived_path, "--dont-fork",
+                   "--log-console", "--vrrp", "--use-file", node.path("keepalived.conf"), "--pid",
+                   "/run/keepalived.pid", "--vrrp_pid", "/run/vrrp.pid"]
+        self.cluster.holder.ask("spawn", node=f"keepalived{node_id}", dir=node.dir,
+                                output=node.path("keepalived.log"), command=node.view(*command))
+
+    def has_keepalived(self, node_id):
+        return self.program_runs(f"keepalived{node_id}")
+
+    def stop_keepalived(self, node_id):
+        """Kills keepalived as its machine's death would, without a message to the others."""
+        try:
+            self.cluster.holder.ask("signal", node=f"keepalived{node_id}", signal=9)
+            self.cluster.holder.ask("wait", 10.0, node=f"keepalived{node_id}", timeout_s=5.0)
+        except LabError:
+            pass  # it was not running
+
     def node_is_down(self, node_id):
-        """Called when a node's process was ended on purpose, before it is started again."""
+        """To be called when a node's process was ended on purpose, before it is started again."""
+        if self.keepalived:
+            self.stop_keepalived(node_id)
+            self.cluster.node(node_id).write_state("BACKUP")
 
     def close(self):
+        if self.keepalived:  # its parent process ignores SIGTERM
+            for node_id in self.cluster.nodes:
+                self.stop_keepalived(node_id)
         self.fabric.close()
         self.cluster.close()
+        subprocess.run(["umount", "--recursive", "--lazy", self._mount_point], check=False, stderr=subprocess.DEVNULL)
 
     def __enter__(self):
         return self
@@ -114,65 +221,3 @@ class Arena:
             if os.path.isdir(node.payload_dir):  # names only: the payloads themselves would be too large to keep
                 with open(os.path.join(target, "payloads.json"), "w", encoding="utf-8") as file:
                     json.dump({entry.name: entry.stat().st_size for entry in os.scandir(node.payload_dir)}, file)
-
-
-def copy(source, target):
-    """Copies a file or a directory. Does nothing if there is none."""
-    if os.path.isdir(source):
-        left_out = shutil.ignore_patterns("*-shm", UNDO, "payloads")
-        shutil.copytree(source, target, ignore_dangling_symlinks=True, ignore=left_out)
-    elif os.path.exists(source):
-        shutil.copyfile(source, target)
-
-
-def find_program(directory, name):
-    for path in (os.path.join(directory, "bin", name), os.path.join(directory, "lib", name),
-                 os.path.join(directory, name)):
-        if os.path.exists(path):
-            return path
-    return None
-
-
-class Build:
-    """The programs of a run. `library` is a libvx_cons.so.1 to use instead of the build tree's."""
-
-    def __init__(self, directory=None, library=None):
-        self.directory = os.path.realpath(directory or programs.default_build_dir())
-        self.library = os.path.realpath(library) if library else None
-        if self.library and not os.path.isfile(self.library):
-            raise LabError(f"there is no library {library}")
-        self.fabric = self._need("vx-fabric")
-
-    def pin_library(self, directory):
-        """Makes all nodes load a copy of `library` from now on, since a build may replace the original."""
-        if self.library:
-            copy(self.library, os.path.join(directory, "libvx_cons.so.1"))
-            self.library = os.path.join(directory, "libvx_cons.so.1")
-
-    def _need(self, name):
-        path = find_program(self.directory, name)
-        if not path:
-            raise LabError(f"there is no {name} in {self.directory}: build it, or name the build tree with --bin")
-        return path
-
-    def _sanitizer_runtime(self):
-        """Returns the sanitizer runtime that must be loaded before all our libraries, or None."""
-        try:
-            with open(os.path.join(self.directory, "CMakeCache.txt"), encoding="utf-8") as file:
-                cache = dict(line.rstrip("\n").split("=", 1) for line in file if "=" in line)
-        except OSError:
-            return None
-        name = {"address": "libasan.so", "thread": "libtsan.so"}.get(cache.get("VX_SANITIZE:STRING"))
-        compiler = next((value for key, value in cache.items() if key.startswith("CMAKE_CXX_COMPILER:")), "")
-        if not name or "clang" in compiler:
-            return None
-        return programs.run([compiler, f"-print-file-name={name}"], "find the sanitizer's runtime").strip()
-
-    def preload(self, options):
-        """Returns the shared objects that the daemon preloads."""
-        found = [self.library] if self.library else []
-        for option, name in (("disk_faults", "libvx_disk_faults.so"), ("clock", "libvx_clock_shift.so")):
-            if options.get(option):
-                found.append(self._need(name))
-        runtime = self._sanitizer_runtime() if found else None
-        return [runtime, *found] if runtime else found

@@ -13,12 +13,12 @@ from .plan import choose_faults, make_plan
 
 EXIT_COULD_NOT_RUN = 3
 WORK_SIZE = "6g"
-COLUMNS = ["arena", "nodes", "faults", "seeds", "minutes", "submissions", "acknowledged", "roll-overs", "leader moves",
+COLUMNS = ["nodes", "faults", "seeds", "minutes", "submissions", "acknowledged", "roll-overs", "leader moves",
            "faults made", "at roll-over", "violations", "could not run"]
 
 
 class Campaign:
-    """`options`: the command line's (arena, seed, minutes or episodes, nodes, faults, keep, ..)."""
+    """`options`: the command line's (seed, minutes or episodes, nodes, faults, keep, ..)."""
 
     def __init__(self, options, build, progress):
         self._options = options
@@ -60,13 +60,13 @@ class Campaign:
 
     def _one(self, seed, evidence_root):
         options = self._options
-        faults = choose_faults(seed, options.arena, options.faults, options.durable)
-        plan = make_plan(seed, options.arena, options.nodes, faults, options.durable)
+        faults = choose_faults(seed, options.faults)
+        plan = make_plan(seed, options.nodes, faults)
         for line in plan.lines():
             self._progress.say(line)
         work_dir = os.path.join(private_space.WORK_ROOT, "vxlab")
         episode = Episode(plan, self._build, work_dir, lambda text: self._progress.update(f"seed {seed}: {text}"))
-        evidence = os.path.join(evidence_root, f"{plan.arena}-{plan.nodes}-{'+'.join(plan.faults) or 'none'}-{seed}")
+        evidence = os.path.join(evidence_root, f"{plan.nodes}-{'+'.join(plan.faults) or 'none'}-{seed}")
         try:
             outcome = episode.run()
         except LabError as error:
@@ -82,7 +82,7 @@ class Campaign:
         excused = Counter(f"{finding.invariant} {finding.excuse}" for check in outcome.result.checks
                           for finding in check.excused)
         self.excused.update(excused)
-        text = (f"seed {seed}: {outcome.verdict} in {outcome.seconds:.0f} s ({outcome.result.level} restarts): " +
+        text = (f"seed {seed}: {outcome.verdict} in {outcome.seconds:.0f} s: " +
                 ", ".join(f"{value} {name.replace('_', ' ')}" for name, value in outcome.figures.items()) +
                 "".join(f"; excused {count} x {name}" for name, count in sorted(excused.items())))
         if outcome.verdict == "violated":
@@ -107,15 +107,13 @@ class Campaign:
         faults = "+".join(plan.faults) or "none"
         bin_dir = f" --bin {self._options.bin}" if self._options.bin else ""
         library = f" --library {self._options.library}" if self._options.library else ""
-        library += " --durable" if self._options.durable else ""
-        return (f"vxlab{bin_dir} chaos --arena {plan.arena} --nodes {plan.nodes} --faults {faults} "
+        return (f"vxlab{bin_dir} chaos --nodes {plan.nodes} --faults {faults} "
                 f"--replay {plan.seed}{library}")
 
     def row(self):
         options = self._options
         seeds = f"{self.seeds[0]}-{self.seeds[-1]}" if self.seeds else "-"
-        arena = options.arena + (", durable" if options.durable else "")
-        return [arena, options.nodes, ",".join(options.faults), seeds, f"{self.minutes:.1f}",
+        return [options.nodes, ",".join(options.faults), seeds, f"{self.minutes:.1f}",
                 self.totals["submissions"], self.totals["acknowledged"], self.totals["roll_overs"],
                 self.totals["moved"], self.totals["faults"], self.totals["at_roll_over"], len(self.violated),
                 len(self.not_run)]

@@ -7,7 +7,7 @@ from ..errors import LabError
 from ..journal import STORE, STORE_PARTS
 from ..waiting import WaitTimeout, wait_until
 from . import decisions
-from .faults.network import both_ways
+from .events import now_ns
 from .recovery import ensure_active, has_joined, restart_after
 
 HELLO_S = 2.5  # nodes tell each other once a second what they have decided
@@ -55,33 +55,6 @@ def do_kill_at_save(stage, _track, step):
         stage.events.add("kill", at_ns=at_ns, node=node_id, pid=pid, point=step["rule"])
         stage.arena.node_is_down(node_id)
         restart_after(stage, node_id, {**step, "settle": True})
-
-
-def do_forgetful_acceptor(stage, track, step):
-    with stage.one_down(True) as may:
-        leader = stage.node_id("leader")
-        others = [node_id for node_id in sorted(stage.cluster.nodes) if node_id != leader]
-        voters, ignorant = others[:len(others) // 2], others[len(others) // 2:]
-        acceptor = voters[0]
-        if not may or not stage.is_running(acceptor):
-            return
-        stage.set_cuts(track, both_ways([leader, *voters], ignorant))
-        stage.set_rules(track, [{"from": leader, "to": 0, "channel": 4, "type": "DECIDE", "loss": 1.0}])
-        pid = stage.cluster.node(acceptor).pid()
-        stage.down_on_purpose(pid)
-        write_disk_rules(stage, acceptor, [step["rule"]])
-        at_ns = stage.await_end(acceptor, timeout_s=6.0)
-        write_disk_rules(stage, acceptor, step["rules_after"])
-        stage.set_cuts(track, both_ways([leader, *voters[1:]], [acceptor, *ignorant]))
-        stage.set_rules(track, [])
-        stage.set_masters([ignorant[0]])
-        if at_ns is not None:
-            stage.events.add("kill", at_ns=at_ns, node=acceptor, pid=pid, point=step["rule"])
-            restart_after(stage, acceptor, {})
-        stage.pause(step["apart_s"])
-        write_disk_rules(stage, acceptor, [])
-        stage.set_cuts(track, [])
-        stage.settle(acceptor)
 
 
 def do_fill_disk(stage, _track, step):
@@ -170,7 +143,7 @@ def do_store_lost(stage, _track, step):
         else:
             for name in STORE_PARTS if step["how"] == "moved" else [STORE]:
                 if os.path.exists(os.path.join(root, name)):
-                    os.rename(os.path.join(root, name), stage.cluster.node(node_id).path(f"{name}.{stage.next_id()}"))
+                    os.rename(os.path.join(root, name), stage.cluster.node(node_id).path(f"{name}.{now_ns()}"))
         restart_after(stage, node_id, step)
 
 

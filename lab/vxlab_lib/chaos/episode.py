@@ -10,17 +10,14 @@ from dataclasses import dataclass, field
 from ..checker import check, sanitizer_word
 from ..errors import LabError
 from ..waiting import wait_until
-from .broker_arena import BrokerArena
+from .arena import Arena
 from .events import EventLog, now_ns
-from .fabric_client import FabricWatch
 from .load import Load, send_some
 from .sampler import Sampler
 from .recovery import stop_protocol
 from .stage import Stage
 from .tracks import Tracks, undo_all
-from .wire_arena import WireArena
 
-ARENAS = {"broker": BrokerArena, "wire": WireArena}
 HEAL_S = 30.0
 FURTHER_MESSAGES = 260  # one after another, more than a log holds, so that a new one must begin
 OPEN_CALLS_S = 60.0
@@ -59,14 +56,14 @@ class Episode:
         work = os.path.join(self.dir, "work")
         os.makedirs(self.evidence)
         os.makedirs(work)
-        self.run_info = {"seed": self.plan.seed, "arena": self.plan.arena, "nodes": self.plan.nodes,
+        self.run_info = {"seed": self.plan.seed, "nodes": self.plan.nodes,
                          "faults": self.plan.faults, "build": self.build.directory, "library": self.build.library,
                          "started_ns": now_ns(), "options": {"load": self.plan.load, "keeps_lines": True, **self.plan.options},
                          "plan": self.plan.as_json()}
         self.write_run_info()
         self.events = EventLog(os.path.join(self.evidence, "events.jsonl"))
         try:
-            with ARENAS[self.plan.arena](work, self.build, self.plan) as arena:
+            with Arena(work, self.build, self.plan) as arena:
                 try:
                     arena.open()
                     self._run_in(arena, outcome)
@@ -91,7 +88,6 @@ class Episode:
         self.stage = stage = Stage(arena, plan, self.events, load)
         if plan.options.get("configure_first_s"):
             self._first_life(arena, plan.options["configure_first_s"])
-        watch = FabricWatch(arena.fabric_control, stage.told_by_fabric)
         sampler = Sampler(os.path.join(self.evidence, "samples.jsonl"), arena.cluster.nodes, arena.cluster.processes,
                           stage.ended, stage.look_for_masters)
         try:
@@ -102,13 +98,12 @@ class Episode:
         finally:
             stage.over.set()
             sampler.close()
-            watch.close()
             outcome.figures.update(roll_overs=sampler.roll_overs(), moved=stage.moved,
                                    at_roll_over=stage.at_roll_over, faults=sum(
                                        count for what, count in self.events.counts.items()
-                                       if what in ("kill", "term", "pause", "master", "net", "cut", "hold", "disk",
+                                       if what in ("kill", "term", "pause", "master", "net", "cut", "disk",
                                                    "stop-call", "slow-hook", "clock", "state-file", "strangers",
-                                                   "reinit", "bulk", "keepalived", "freeze", "power-cut",
+                                                   "reinit", "bulk", "keepalived", "power-cut",
                                                    "store-lost", "disk-back")))
         self._end_nodes(stage)
 
@@ -179,8 +174,6 @@ class Episode:
         try:
             undo_all(stage)
         except LabError as error:
-            if not self.plan.options.get("durable"):
-                raise
             trouble = error  # even after a power cut every node must come back
         heal_ns = self.events.add("heal")
         self.run_info["faults_end_ns"] = heal_ns
@@ -191,14 +184,7 @@ class Episode:
             if self.plan.options.get("keepalived"):
                 wait_until(lambda: len(stage.cluster.masters()) == 1, HEAL_S, "keepalived agrees on one leader")
             self._fresh(stage)
-            try:
-                self._await_equal(stage, heal_ns, HEAL_S)
-            except LabError as error:
-                # A payload that was lost with its holders leaves a hole until the next log begins.
-                if not any(b"data lost - skipped" in read_whole(node.log_path) for node in
-                           stage.cluster.nodes.values()):
-                    raise
-                self.events.add("unequal", error=str(error))
+            self._await_equal(stage, heal_ns, HEAL_S)
             leader = stage.node_id("leader")
             sent_ns = now_ns()
             acknowledged = send_some(stage.cluster.node(leader), FURTHER_MESSAGES, OPEN_CALLS_S)

@@ -46,32 +46,3 @@ class FabricClient:
             self._sock.close()
             self._stream.close()
             self._sock = self._stream = None
-
-
-class FabricWatch:
-    """Calls `told(event)` for every event of the fabric, on a thread of its own, until `close`."""
-
-    def __init__(self, path, told):
-        self._client = FabricClient(path)
-        if not self._client.connect():
-            raise LabError(f"no fabric listens on {path}")
-        self._told = told
-        self._ending = False
-        self._thread = threading.Thread(target=self._run, name="fabric-watch", daemon=True)
-        self._thread.start()
-
-    def close(self):
-        self._ending = True
-        self._thread.join()
-        self._client.close()
-
-    def _run(self):
-        since = 0
-        try:
-            while not self._ending:
-                answer = self._client.ask("await", since=since, timeout_ms=AWAIT_MS)
-                since = answer["last"]
-                for event in answer["events"]:
-                    self._told(event)
-        except LabError:
-            pass  # the fabric has ended; the next request reports it

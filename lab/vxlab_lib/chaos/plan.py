@@ -1,4 +1,4 @@
-"""The plan of an episode: which faults come when. A pure function of seed, arena, number of nodes and fault names.
+"""The plan of an episode: which faults come when. A pure function of seed, number of nodes and fault names.
 
 A plan has one track per fault. A step of a track is a dictionary: "at" (seconds after the load has begun), "do" (an
 action, see actions.py) and its arguments. For faults at a roll-over there is also "log" [low, high]: the step waits
@@ -10,8 +10,8 @@ is not leader).
 import random
 from dataclasses import dataclass, field
 
-from ..programs import DURABLE, EVIDENCE
-from .faults import FAULTS, names_of
+from ..programs import EVIDENCE
+from .faults import FAULTS
 
 DURATION_S = (15.0, 40.0)
 SIZES = [1, 40, 200, 1384, 1385, 4000]
@@ -20,7 +20,6 @@ SIZES = [1, 40, 200, 1384, 1385, 4000]
 @dataclass(frozen=True)
 class Plan:
     seed: int
-    arena: str
     nodes: int
     faults: list
     seconds: float  # how long faults last
@@ -33,7 +32,7 @@ class Plan:
         return [{"fault": track["fault"], "steps": track["steps"]} for track in self.tracks]
 
     def lines(self):
-        yield (f"seed {self.seed}, {self.arena} arena, {self.nodes} nodes, {self.seconds:.0f} s of "
+        yield (f"seed {self.seed}, {self.nodes} nodes, {self.seconds:.0f} s of "
                f"{' + '.join(self.faults) or 'no faults'}; load: {self.load}")
         for track in self.tracks:
             for step in track["steps"]:
@@ -41,24 +40,24 @@ class Plan:
                 yield f"  {step['at']:5.1f} s  {track['fault']}: {step['do']} {more}"
 
 
-def choose_faults(seed, arena, wanted, durable=False):
+def choose_faults(seed, wanted):
     """Returns the fault names of the episode with this seed. `wanted` is as on the command line: names joined by + come
     together, "none" is no fault, and "all" means, by seed, first each fault alone, then pairs."""
     if wanted == ["all"]:
-        names = [name for name in names_of(arena, durable) if not FAULTS[name].is_apart]
+        names = list(FAULTS)
         if seed % (2 * len(names)) < len(names):
             return [names[seed % len(names)]]
-        return sorted(random.Random(f"pair {seed} {arena}").sample(names, 2))
+        return sorted(random.Random(f"pair {seed}").sample(names, 2))
     entry = wanted[seed % len(wanted)]
     return [] if entry == "none" else entry.split("+")
 
 
-def make_plan(seed, arena, nodes, faults, durable=False):
-    draw = random.Random(f"{seed} {arena} {nodes} {' '.join(faults)}")
+def make_plan(seed, nodes, faults):
+    draw = random.Random(f"{seed} {nodes} {' '.join(faults)}")
     seconds = round(draw.uniform(*DURATION_S), 1)
     load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
             "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
-    tracks, settings, options = [], {0: {**EVIDENCE, **DURABLE[durable]}}, {"durable": True} if durable else {}
+    tracks, settings, options = [], {0: dict(EVIDENCE)}, {}
     for name in faults:
         fault = FAULTS[name]
         made = fault.make(draw, nodes, seconds)
@@ -69,4 +68,4 @@ def make_plan(seed, arena, nodes, faults, durable=False):
         load.update(made.load)
         options.update(made.options)
         seconds = max(seconds, made.seconds)
-    return Plan(seed, arena, nodes, list(faults), seconds, tracks, load, settings, options)
+    return Plan(seed, nodes, list(faults), seconds, tracks, load, settings, options)

@@ -39,9 +39,6 @@ class Stage:
         self._one_down = threading.Lock()
         self._power = threading.Lock()  # held during a power cut, so that no process starts
         self._down_on_purpose = set()  # process ids
-        self._marked = {}  # id of an armed kill -> its event
-        self._marked_changed = threading.Condition()
-        self._next_id = 1
 
     # ---- time
 
@@ -126,11 +123,6 @@ class Stage:
             self.fabric.ask("rules", rules=[])
             self.fabric.ask("cut", pairs=[])
 
-    def next_id(self):
-        with self._net_lock:
-            self._next_id += 1
-            return self._next_id
-
     # ---- processes
 
     @contextmanager
@@ -176,22 +168,6 @@ class Stage:
         """Called for every process that has ended. Any end but a planned one is a failure."""
         if process["pid"] not in self._down_on_purpose or process["exit_code"] not in (0, -SIGKILL):
             self.events.add("exit", node=node_id, pid=process["pid"], code=process["exit_code"])
-
-    def told_by_fabric(self, event):
-        if event["what"] == "kill":
-            self._down_on_purpose.add(event["pid"])
-            self.events.add("kill", at_ns=event["t"], node=event["node"], pid=event["pid"],
-                            point=event.get("point"), killed=event.get("killed"))
-            with self._marked_changed:
-                self._marked[event["id"]] = event
-                self._marked_changed.notify_all()
-
-    def await_marked(self, identity):
-        """Waits for an armed kill. Returns its event, or None if the faults end first."""
-        with self._marked_changed:
-            while identity not in self._marked and not self.over.is_set():
-                self._marked_changed.wait(0.2)
-            return self._marked.get(identity)
 
     def kill(self, node_id):
         node = self.cluster.node(node_id)

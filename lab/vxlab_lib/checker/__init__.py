@@ -1,9 +1,9 @@
 """Judges the evidence of an episode: journals, traces, logs, files, datagrams. `check(directory)` does it all.
 
     evidence.py   reads the files              invariants_*.py  one small function per promise
-    log_scan.py   finds the lines that matter  promises.py      what can be promised under which faults
-    history.py    all states of all journals   findings.py      what a check saw and found
-    model.py      the whole episode            report.py        for people and programs
+    log_scan.py   finds the lines that matter  findings.py      what a check saw and found
+    history.py    all states of all journals   report.py        for people and programs
+    model.py      the whole episode
 """
 
 from .findings import Finding, Result

@@ -9,6 +9,8 @@ from dataclasses import dataclass
 from ..errors import LabError
 from ..journal import STORE, read_journal
 
+INFINITE = 1 << 62  # a time that never comes
+
 
 class CouldNotRun(LabError):
     """The evidence does not allow a judgement."""

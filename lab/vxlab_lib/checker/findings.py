@@ -27,7 +27,6 @@ class Check:
     violations: list = field(default_factory=list)
     excused: list = field(default_factory=list)
     notes: list = field(default_factory=list)  # what could not be examined, and why
-    not_promised: str | None = None
 
     def saw(self, what, count=1):
         self.examined[what] += count
@@ -48,8 +47,6 @@ class Check:
 
     @property
     def verdict(self):
-        if self.not_promised:
-            return "not promised"
         if self.violations:
             return "violated"
         if self.saw_nothing:
@@ -62,7 +59,6 @@ class Result:
     directory: str
     seed: object
     started: int  # ns; reported times are relative to it
-    level: str  # see promises.py
     checks: list
     needed: tuple = ()  # invariants that must be examined, or the episode proves nothing
 
@@ -99,11 +95,11 @@ class Result:
             return {**asdict(finding), "after_s": self.seconds(finding.t)}
 
         return {
-            "directory": self.directory, "seed": self.seed, "verdict": self.verdict, "faults": self.level,
+            "directory": self.directory, "seed": self.seed, "verdict": self.verdict,
             "first": told(self.first) if self.first else None, "unexamined": self.unexamined,
             "invariants": [
                 {"invariant": check.invariant, "title": check.title, "verdict": check.verdict,
-                 "examined": dict(check.examined), "notes": check.notes, "not_promised": check.not_promised,
+                 "examined": dict(check.examined), "notes": check.notes,
                  "violations": [told(finding) for finding in check.violations],
                  "excused": [told(finding) for finding in check.excused]}
                 for check in self.checks

@@ -2,9 +2,7 @@
 
 from bisect import bisect_left
 
-from . import excuses
-from .evidence import Moment
-from .promises import INFINITE
+from .evidence import INFINITE, Moment
 
 SECOND = 10**9
 CONVERGE_S = 30
@@ -14,9 +12,9 @@ SEND_GRACE_NS = SECOND  # for datagrams under way when stop returned
 SAMPLE_GRACE_NS = SECOND // 2  # a sample takes some time
 FIGURES_AGE_NS = 2 * SECOND  # a sample's figures on threads may be this old
 FRESH_GRACE_NS = 5 * SECOND  # from a verdict to its line in the trace, on a busy machine
-THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread")
-DURABLE_THREAD = "payload-file-thread"  # with durable payloads
-TASK_NAME_MAX = 15
+THREADS = ("propose-thread", "launch-thread", "leader-watch-thread", "pull-thread", "deliver-thread",
+           "payload-file-thread")
+TASKS = [name[:15] for name in THREADS]  # as the kernel keeps them
 
 
 def healing(episode, check):
@@ -31,19 +29,13 @@ def healing(episode, check):
     where = {"t": episode.end_t or None}
     for event in episode.events_of("not-healed"):
         check.violated(f"the cluster did not heal: {event.get('error')}", t=event["t"])
-    for event in episode.events_of("unequal"):
-        text = f"not equal before a new log began: {event.get('error')}"
-        if proof := excuses.open_hole(episode, event["t"]):
-            check.excuse("a lost payload", proof, text, t=event["t"])
-        else:
-            check.violated(text, t=event["t"])
     if not equals:
         check.violated("the journals never became equal after the faults", **where)
         return
     masters = episode.events_of("master")
     if masters and len(masters[-1]["nodes"]) != 1:
         check.note(f"MASTER at the end: {masters[-1]['nodes']}")
-    if (episode.level != "several" or episode.keeps_payloads) and equals[0].get("after_s", 0) > CONVERGE_S:
+    if equals[0].get("after_s", 0) > CONVERGE_S:
         check.violated(f"the journals became equal only after {equals[0]['after_s']:.1f} s",
                        **{**where, "t": equals[0]["t"]})
     _equal_ends(episode, check)
@@ -55,15 +47,6 @@ def healing(episode, check):
             if journal.base == 0 and not any(line.tag == event["tag"] for line in journal.lines):
                 check.violated(f"the fresh message of node {event['node']} is not in the journal of node {node}",
                                node=node, tag=event["tag"], **where)
-
-
-def old_life(episode, check):
-    """Not a promise, but expected: the highest decision number wins."""
-    for event in episode.events_of("old-life"):
-        check.saw("missed resets")
-        if not event["has_won"]:
-            check.violated(f"the node that missed a reset, with number {event['number']}, was not followed by all",
-                           t=event["t"], node=event["node"])
 
 
 def _equal_ends(episode, check):
@@ -192,10 +175,8 @@ def _names_threads(episode):
 
 
 def _threads(episode, check, node, start, stop_call, stopped, until):
-    while_active = {**dict.fromkeys(THREADS, 1), DURABLE_THREAD: int(episode.has_durable_payloads)}
-    while_active = {name[:TASK_NAME_MAX]: count for name, count in while_active.items()}
     samples = episode.samples[node] if _names_threads(episode) else []
-    has_isolated = bool(episode.hits(node, "isolating"))  # then the time at which the threads end is unknown
+    has_isolated = bool(episode.logs[node].hits["isolating"])  # then the time at which the threads end is unknown
     for sample in samples[bisect_left(samples, start, key=lambda sample: sample["t"]):]:
         t, tasks = sample["t"], sample.get("tasks")
         if t >= until:
@@ -207,7 +188,7 @@ def _threads(episode, check, node, start, stop_call, stopped, until):
         if not is_active and not is_stopped:
             continue
         check.saw("samples of threads")
-        wrong = [name for name, count in while_active.items() if tasks.get(name, 0) != (count if is_active else 0)]
+        wrong = [name for name in TASKS if tasks.get(name, 0) != is_active]
         if wrong:
             state = "while active" if is_active else "after stop"
             check.violated(f"threads {state}: " + ", ".join(f"{tasks.get(name, 0)} {name}" for name in wrong), t=t,
@@ -220,29 +201,8 @@ def log_lines(episode, check):
         if log.size:
             check.saw("bytes of log", log.size)
         for kind, text in (("hashed", "already hashed. This should never happen!"),
-                           ("corrupted", "corrupted message set")):
+                           ("corrupted", "corrupted message set"), ("lost", "data lost - skipped")):
             if log.hits[kind]:
-                check.violated(f"logged \"{text}\", {len(log.hits[kind])} times", node=node,
-                               t=_time_of(episode, node, kind))
-        if log.hits["lost"] and episode.keeps_payloads:
-            check.violated(f"logged \"data lost - skipped\", {len(log.hits['lost'])} times", node=node,
-                           t=_time_of(episode, node, "lost"))
-        last = 0
-        for hit in episode.hits(node, "broadcast"):
-            check.saw("DECIDE broadcasts")
-            if hit.number < last:
-                check.violated(f"DECIDE broadcast of {hit.number} after {last}", node=node, batch=hit.number,
-                               t=_time_of(episode, node, "broadcast", hit))
-            last = max(last, hit.number)
-        for kind, what in (("lost", "data lost - skipped"), ("isolating", "Isolating")):
-            if log.hits[kind]:
-                check.note(f"node {node}: {len(log.hits[kind])} x \"{what}\"")
-
-
-def _time_of(episode, node, kind, wanted=None):
-    """Returns about when a line was logged: the time of the hook call before it."""
-    for hit, life, before in episode.hits_in_lives(node, kind):
-        if wanted is None or hit is wanted:
-            times = [hook.t for hook in episode.traces[node].hooks if hook.life == life and hook.index == before - 1]
-            return times[0] if times else episode.begins(node)[life]
-    return None
+                check.violated(f"logged \"{text}\", {len(log.hits[kind])} times", node=node, t=log.hits[kind][0].t)
+        if log.hits["isolating"]:
+            check.note(f"node {node}: {len(log.hits['isolating'])} x \"Isolating\"")

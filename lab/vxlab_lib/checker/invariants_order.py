@@ -3,9 +3,7 @@
 import itertools
 from zlib import crc32
 
-from . import excuses
-from .evidence import Moment
-from .promises import INFINITE
+from .evidence import INFINITE, Moment
 
 FINDINGS_MAX = 20  # of one kind; more of them show nothing new
 
@@ -19,7 +17,7 @@ def agreement(episode, check):
         check.violated(text, node=node, tag=line.tag, line=line.number)
     forks = history.forks()
     for group in forks[:FINDINGS_MAX]:
-        _judge_fork(episode, check, group, is_first=group is forks[0])
+        _tell_fork(episode, check, group, is_first=group is forks[0])
     if forks:
         _common_order(episode, check)
 
@@ -29,23 +27,16 @@ def _first_seen(state):
     return hook.t if hook else INFINITE
 
 
-def _judge_fork(episode, check, group, is_first):
-    """All but one of the histories that part at this point need an excuse."""
-    group = sorted(group, key=_first_seen)
-    proofs = {state.key: excuses.hole(episode, state.maker) for state in group}
-    sound = [state for state in group if not proofs[state.key]]
-    trunk = sound[0] if sound else group[0]
-    for state in group:
+def _tell_fork(episode, check, group, is_first):
+    """One of the histories that part at this point is taken for the right one: that which was seen first."""
+    trunk, *others = sorted(group, key=_first_seen)
+    for state in others:
         hook = state.maker or state.seen
-        if state is trunk or (hook is state.seen and state.parent is None and state.maker is None and not is_first):
+        if hook is state.seen and state.parent is None and state.maker is None and not is_first:
             continue  # reached by a snapshot only; where its history parts is reported already
-        where = episode.where(hook) if hook else {"line": state.lines}
-        where.update(tag=state.tag, line=state.lines)
-        text = f"line {state.lines} is {state.tag} with hash {state.hash}, elsewhere {trunk.tag} with {trunk.hash}"
-        if proofs[state.key]:
-            check.excuse("a lost payload", proofs[state.key], text, **where)
-        else:
-            check.violated(text, **where)
+        where = episode.where(hook) if hook else {}
+        check.violated(f"line {state.lines} is {state.tag} with hash {state.hash}, elsewhere {trunk.tag} with "
+                       f"{trunk.hash}", **{**where, "tag": state.tag, "line": state.lines})
 
 
 def _common_order(episode, check):
@@ -83,32 +74,47 @@ def nothing_twice(episode, check):
 
 
 def _nothing_twice_on(episode, check, node, trace):
-    failed_saves = [(life, hooks) for _, life, hooks in episode.hits_in_lives(node, "undelivered")]
     store = _Store()
-    crashed, is_first, before, began, last = None, False, None, (0, 0), (0, 0)
+    crashed, is_first, before, began = None, False, None, 0
     for event in trace.order:
         what = event.what if isinstance(event, Moment) else None
         if what == "begin" and event.life > 0:
             if episode.life_ended(node, event.life - 1)[1]:
                 crashed, is_first = "a kill", True
         elif what == "start-call":  # not at "isolated", which the host may note only after a stop
-            if any(began < position <= last for position in failed_saves):
+            if episode.logs[node].count("undelivered", began, event.t):
                 crashed, is_first = "a failed save of paxos_deliver", True
-            began = last
+            began = event.t
         if what:
             store.told(event)
             continue
         items = trace.deliveries.get((event.life, event.index), [event])
         if event is not items[0]:
             continue
-        last = (event.life, event.index + 1)
         if event.kind != "damaged":
             store.has(event.lines)
         if event.kind == "deliver":
             for item in store.twice(items, check):
-                _judge_twice(episode, check, item, excuses.crash_repeat(episode, items, before, is_first and crashed))
+                proof = _crash_repeat(episode, items, before, is_first and crashed)
+                text = f"delivered twice on node {node}, attempt {item.attempt}, {item.outcome}"
+                if proof:
+                    check.excuse("repeated after a crash", proof, text, **episode.where(item))
+                else:
+                    check.violated(text, **episode.where(item))
             before = [(item.tag, item.attempt) for item in items]
         is_first = False
+
+
+def _crash_repeat(episode, items, before, crashed):
+    """The last payload before a crash may be delivered once more, as a whole. `items` are those of this hook call.
+    `crashed` says how the previous run crashed; it is None if it did not, or if this hook call is not the first of its
+    run. `before` is (tag, attempt) of all items of the previous delivery. Returns the proof as text, or None."""
+    keys = [(item.tag, item.attempt) for item in items]
+    last = items[-1]
+    state = episode.history.states.get((last.lines, last.hash))  # a kill may have left no trace of the delivery before
+    is_last = (state and (state.tag, state.attempt) in keys) or before == keys
+    is_whole = all(item.outcome == "doubled" for item in items)
+    return f"the first delivery after {crashed}, and the last one before it" if crashed and is_last and is_whole else None
 
 
 class _Store:
@@ -151,16 +157,6 @@ class _Store:
         return found
 
 
-def _judge_twice(episode, check, hook, after_crash):
-    text = f"delivered twice on node {hook.node}, attempt {hook.attempt}, {hook.outcome}"
-    if after_crash:
-        check.excuse("repeated after a crash", after_crash, text, **episode.where(hook))
-    elif proof := excuses.forgotten_decision(episode, hook):
-        check.excuse("a forgotten decision", proof, text, **episode.where(hook))
-    else:
-        check.violated(text, **episode.where(hook))
-
-
 def integrity(episode, check):
     for node, why in episode.damaged.items():
         check.violated(f"the journal cannot be read: {why}", node=node)
@@ -169,8 +165,6 @@ def integrity(episode, check):
             _submitted(episode, check, trace)
             _whole_states(episode, check, trace)
         _journal_tags(episode, check)
-        if episode.level != "wiped":
-            _one_entry_one_tag(episode, check)
     _texts(episode, check)
 
 
@@ -221,22 +215,6 @@ def _whole_states(episode, check, trace):
             expected = (state_type + 1) % 4
 
 
-def _one_entry_one_tag(episode, check):
-    """An identifier names the same payload on every node, and its sender is the node that submitted the payload."""
-    known = {}
-    for node in episode.nodes:
-        for items, entry in episode.deliveries(node):
-            check.saw("identifiers")
-            keys, hook = [(item.tag, item.attempt) for item in items], items[0]
-            before = known.get(entry, keys)
-            if any(one != other for one, other in zip(before, keys)):  # a kill may have cut one of them short
-                check.violated(f"identifier {entry[1]}/{entry[0]} was delivered as another payload ({before[0][0]}) "
-                               "before", **episode.where(hook))
-            known[entry] = max(before, keys, key=len)
-            if entry[0] != int(hook.tag.partition(".")[0]):
-                check.violated(f"identifier {entry[1]}/{entry[0]} is not of the node that submitted",
-                               **episode.where(hook))
-
 def _texts(episode, check):
     """The journals contain acknowledged lines as they were submitted, if a list of their checksums is given."""
     for node, journal in episode.journals.items():
@@ -263,8 +241,6 @@ def _inversions(chain, span_of):
 
 
 def own_order(episode, check):
-    _receive_order(episode, check)
-    _identifier_order(episode, check)
     ends = {}
 
     def span_of(state):
@@ -287,47 +263,8 @@ def own_order(episode, check):
             check.saw("lines", len(chain))
         for states in by_origin.values():
             for x, y in list(_inversions(states, span_of))[:FINDINGS_MAX]:
-                _judge_order(episode, check, x, f"stands behind {y.tag}, which was called after it had ended")
-
-
-def _judge_order(episode, check, state, text):
-    where = episode.where(state.maker) if state.maker else {"tag": state.tag, "line": state.lines}
-    call = episode.calls[state.tag, state.attempt]
-    proof = excuses.forgotten_decision(episode, state.maker) if state.maker and call.result != 0 else None
-    if proof:
-        check.excuse("a forgotten decision", proof, text, **where)
-    else:
-        check.violated(text, **where)
-
-
-def _receive_order(episode, check):
-    for node in episode.nodes:
-        last = 0
-        for hit in episode.hits(node, "receive"):
-            check.saw("RECEIVE lines")
-            if hit.number <= last:
-                check.violated(f"RECEIVE of id {hit.number} after {last}", node=node)
-                break
-            last = hit.number
-
-
-def _identifier_order(episode, check):
-    """On each node the identifiers of one sender are delivered in ascending order, which is the order of RECEIVE."""
-    for node in episode.nodes:
-        highest, seen = {}, set()
-        for items, entry in episode.deliveries(node):
-            check.saw("identifiers")
-            hook = items[0]
-            is_known = (hook.tag, hook.attempt) in seen or hook.outcome == "doubled"  # another check judges this
-            if not is_known and entry[1] <= highest.get(entry[0], 0):
-                proof = excuses.forgotten_decision(episode, hook)
-                text = f"identifier {entry[1]}/{entry[0]} was delivered after {highest[entry[0]]}/{entry[0]}"
-                if proof:
-                    check.excuse("a forgotten decision", proof, text, **episode.where(hook))
-                else:
-                    check.violated(text, **episode.where(hook))
-            seen.add((hook.tag, hook.attempt))
-            highest[entry[0]] = max(entry[1], highest.get(entry[0], 0))
+                where = episode.where(x.maker) if x.maker else {"tag": x.tag, "line": x.lines}
+                check.violated(f"stands behind {y.tag}, which was called after it had ended", **where)
 
 
 def real_time(episode, check):

@@ -11,7 +11,6 @@ from . import report
 from .evidence import CouldNotRun
 from .findings import Check, Result
 from .model import Episode
-from .promises import not_promised
 
 INVARIANTS = [
     ("I1", "all journals agree", order.agreement),
@@ -27,14 +26,12 @@ INVARIANTS = [
     ("I11", "silence after stop", life.silence),
     ("I12", "the log has no line of despair", life.log_lines),
     ("I13", "nothing grows, nothing spins", process.bounded),
-    ("I14", "one number, one count", durable.one_count),
-    ("L", "who missed a reset is followed by all", life.old_life),
     ("P", "no process ends by itself", process.processes),
 ]
 # For each of these something must be examined, or the evidence proves nothing. I13 needs long lives or nodes that are
-# alone, and L needs a fault of its own.
+# alone.
 NEEDED_OF_JOURNALS = ("I1", "I3", "I6")
-NEEDED = tuple(name for name, *_ in INVARIANTS if name not in ("I13", "L"))
+NEEDED = tuple(name for name, *_ in INVARIANTS if name != "I13")
 
 
 def check(directory, acknowledged=None):
@@ -57,10 +54,8 @@ def check_journals(journals, acknowledged=None):
 def judge(episode):
     checks = []
     for invariant, title, function in INVARIANTS:
-        one = Check(invariant, title, not_promised=not_promised(episode, invariant))
-        if not one.not_promised:
-            function(episode, one)
+        one = Check(invariant, title)
+        function(episode, one)
         checks.append(one)
-    needed = [name for name in (NEEDED if episode.has_traces else NEEDED_OF_JOURNALS)
-              if not not_promised(episode, name)]
-    return Result(episode.directory, episode.seed, episode.started, episode.level, checks, tuple(needed))
+    return Result(episode.directory, episode.seed, episode.started, checks,
+                  NEEDED if episode.has_traces else NEEDED_OF_JOURNALS)

@@ -8,14 +8,12 @@ from zlib import crc32
 
 from ..errors import CheckFailed
 from ..journal import Journal
-from .evidence import CouldNotRun, NodeFiles, Trace, read_bytes, read_json_lines, read_run, read_wire
+from .evidence import INFINITE, CouldNotRun, NodeFiles, Trace, read_bytes, read_json_lines, read_run, read_wire
 from .history import History
 from .log_scan import Log
-from .promises import INFINITE, down_intervals, fault_level
 
 ACKNOWLEDGED = "acknowledged.json"
 ISOLATION_ENDS_NS = 5 * 10**9
-SNAPSHOT_AGE_NS = 10 * 10**9  # a snapshot may be this much older than the decision that names it
 CHAINS_MAX = 32  # if there are more histories, the first ones show enough
 
 
@@ -114,133 +112,12 @@ class Episode:
         return {hook.tag for trace in self.traces.values() for hook in trace.hooks if hook.outcome == "no-op"}
 
     @cached_property
-    def segments(self):
-        """node -> life index -> (its Segment of the log, number of hook calls missing at the segment's beginning)"""
-        found = {}
-        for node, log in self.logs.items():
-            trace = self.traces[node]
-            counts = self.hook_counts[node]
-            found[node] = {
-                life: (segment, 0 if segment.is_whole else max(0, counts[life] - len(segment.hooks)))
-                for life, segment in log.match(trace).items()
-            }
-        return found
-
-    @cached_property
-    def hook_counts(self):
-        counts = {}
-        for node, trace in self.traces.items():
-            counts[node] = [0] * len(trace.lives)
-            for hook in trace.hooks:
-                counts[node][hook.life] = hook.index + 1
-        return counts
-
-    @cached_property
-    def entries(self):
-        """node -> for each hook of its trace, which are the items of payloads, the (sender, id) that was delivered, or None if the log does not show it
-        for certain."""
-        found = {}
-        for node, trace in self.traces.items():
-            sure = {}
-            for life, (segment, _) in self.segments[node].items():
-                surplus = len(segment.hooks) - self.hook_counts[node][life]
-                cleaned = any(moment.life == life and moment.what == "cleanup-return" for moment in trace.moments)
-                if segment.is_whole and (surplus == 0 or surplus == 1 and not cleaned):  # 1: ended inside a hook
-                    sure[life] = segment.entries
-            found[node] = [sure[hook.life][hook.index] if hook.life in sure else None for hook in trace.hooks]
-        return found
-
-    def hits(self, node, kind):
-        """Returns the lines of that kind, in order. If there is a trace, only those of the lives in it."""
-        if not self.has_traces:
-            return self.logs[node].hits[kind]
-        bounds = [(segment.start, segment.end) for segment, _ in self.segments[node].values()]
-        return [hit for hit in self.logs[node].hits[kind] if any(a <= hit.offset < b for a, b in bounds)]
-
-    def hits_in_lives(self, node, kind):
-        """Yields (hit, life, number of hook calls of that life before it) for each line of that kind."""
-        for life, (segment, missing) in self.segments[node].items():
-            for hit in self.logs[node].hits[kind]:
-                if segment.start <= hit.offset < segment.end:
-                    yield hit, life, segment.hooks_before(hit.offset) + missing
-
-    @cached_property
-    def has_durable_payloads(self):
-        return bool(self.run.get("options", {}).get("durable"))
-
-    @cached_property
-    def keeps_payloads(self):
-        """Whether no acknowledged payload may be lost: payloads are durable, and no node has lost its disk."""
-        return self.has_durable_payloads and self.level != "wiped"
-
-    @cached_property
-    def level(self):
-        return fault_level(self)
-
-    @cached_property
     def chains(self):
         """The histories that differ at their ends, each a list of states. First the one in which most journals end."""
         keys = self.history.leaves()
         main = self.history.main()
         found = [self.history.chain(key) for key in keys[:CHAINS_MAX]]
         return sorted((chain for chain in found if chain), key=lambda chain: not any(s.key == main for s in chain))
-
-    @cached_property
-    def holes(self):
-        """node -> [(life, hook calls before, hit)]: the payloads that the node skipped as lost, in order. Only those
-        with a restart between the submission and the skip, since nothing else loses payloads."""
-        found = {node: [] for node in self.nodes}
-        for node in self.nodes:
-            for hit, life, before in self.hits_in_lives(node, "lost"):
-                since, until = self._submitted((hit.sender, hit.number)), self._next_hook_t(node, life, before)
-                if any(down <= until and since <= up for down, up in self._downs):
-                    found[node].append((life, before, hit))
-            found[node].sort(key=lambda hole: hole[:2])
-        return found
-
-    @cached_property
-    def _downs(self):
-        return [interval for node in self.nodes for interval in down_intervals(self, node)] if self.has_traces else []
-
-    def _next_hook_t(self, node, life, before):
-        hooks = self.traces[node].hooks
-        at = bisect_left(hooks, (life, before), key=lambda hook: (hook.life, hook.index))
-        return hooks[at].t if at < len(hooks) and hooks[at].life == life else self.life_ended(node, life)[0]
-
-    def _submitted(self, entry):
-        """Returns the earliest time at which any node can have had the payload of this entry; 0 if unknown."""
-        calls = [call.called for (tag, _), call in self.calls.items() if tag in self.tags_of.get(entry, ())]
-        states = [decide.t for decide in self.decides if tuple(decide.first) == entry]
-        return min(calls, default=min(states, default=SNAPSHOT_AGE_NS) - SNAPSHOT_AGE_NS)
-
-    @cached_property
-    def tags_of(self):
-        """entry -> tags of the lines delivered under it; a snapshot has none."""
-        found = {}
-        for node in self.traces:
-            for items, entry in self.deliveries(node):
-                found.setdefault(entry, set()).update(item.tag for item in items)
-        return found
-
-    def deliveries(self, node):
-        """Yields (items, entry) of each payload that was delivered, where the log shows the entry for certain."""
-        entry_of = {(hook.life, hook.index): entry for hook, entry in zip(self.traces[node].hooks, self.entries[node])}
-        for position, items in self.traces[node].deliveries.items():
-            if entry_of[position]:
-                yield items, entry_of[position]
-
-    def holes_before(self, hook):
-        """Returns the skipped payloads that this hook's journal may lack: those since the last snapshot."""
-        position = (hook.life, hook.index)
-        adopts = [adopt for adopt in self.full_states[hook.node] if adopt <= position]
-        since = adopts[-1] if adopts else (-1, 0)
-        return [hole for hole in self.holes[hook.node] if since < hole[:2] <= position]
-
-    @cached_property
-    def full_states(self):
-        """node -> [(life, index)] of the hook calls in which its journal took over a snapshot: the last of the four."""
-        return {node: [(hook.life, hook.index) for hook in trace.hooks if hook.kind == "adopt" and hook.type == 3]
-                for node, trace in self.traces.items()}
 
     def batch_at(self, node, t):
         """Returns the decision number in the node's first sample at or after t."""

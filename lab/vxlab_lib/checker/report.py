@@ -15,12 +15,10 @@ def place(result, finding):
 
 
 def lines(result):
-    yield f"{result.directory}: seed {result.seed}, restarts: {result.level}"
+    yield f"{result.directory}: seed {result.seed}"
     for check in result.checks:
         counts = ", ".join(f"{count} {what}" for what, count in check.examined.items() if count)
         yield f"  {check.invariant:<4} {check.verdict:<17} {check.title}" + (f" ({counts})" if counts else "")
-        if check.not_promised:
-            yield f"         not promised under: {check.not_promised}"
         for note in check.notes:
             yield f"         {note}"
         for finding in check.violations[:SHOWN_MAX]:

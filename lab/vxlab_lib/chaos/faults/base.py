@@ -21,9 +21,6 @@ class Fault:
     what: str  # text: what it does
     undone: str  # text: how it ends
     make: object  # (random.Random, node count, seconds) -> Made
-    arenas: tuple = ("broker", "wire")
-    is_apart: bool = False  # left out of "all": almost nothing is promised under it
-    is_durable: bool = False  # only with durable payloads
 
 
 def at(seconds, action, **arguments):

@@ -94,7 +94,7 @@ FAULTS = [
     Fault("disk-blocked-save", "disk", "a directory stands in the way of a record's temporary file", UNDONE,
           blocked_save),
     Fault("disk-payload-files", "disk", "saves of payloads fail on one node, or it cannot read them", "the disk is well",
-          payload_files, is_durable=True),
+          payload_files),
     Fault("store-moved-away", "disk", "a node starts without its store, or with its -wal alone", GIVEN,
           store_lost(["moved", "moved-database"])),
     Fault("store-cut", "disk", "a node starts with a store that was cut short, or to nothing", GIVEN,
@@ -104,7 +104,7 @@ FAULTS = [
     Fault("disk-yesterday", "disk", "a node starts with a copy of its disk that is some seconds old; the others "
           "remember more, so it must stay stopped", "the disk is emptied and configured again, the node joins as new",
           disk_yesterday),
-    Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk, ("wire",)),
+    Fault("disk-full", "disk", "a small file system fills up for real", UNDONE, full_disk),
     Fault("disk-cut-records", "disk", "a killed node finds a record cut short at its start",
           "the record is whole again", cut_records),
 ]

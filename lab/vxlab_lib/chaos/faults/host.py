@@ -23,15 +23,6 @@ def slow_state(draw, _nodes, seconds):
     return Made(steps)
 
 
-def states(size):
-    def make(draw, nodes, seconds):
-        steps = [at(moment, "restart", node=draw.randint(1, nodes), settle=True,
-                    down_s=round(draw.uniform(1.0, 5.0), 1)) for moment in times(draw, seconds, 9.0)]
-        return Made(steps, settings={0: {f"trace.state_bytes[{draw.randint(1, 3)}]": size}})
-
-    return make
-
-
 def bulk(draw, nodes, seconds):
     """Submits a few very large payloads in addition to the steady small ones."""
     return Made([at(moment, "bulk", node=draw.randint(1, nodes), bytes=draw.choice([100_000, 1_000_000, 10_000_000]))
@@ -48,8 +39,6 @@ FAULTS = [
     Fault("slow-hook-leader", "host", "the leader's deliver hook takes 5 to 200 ms", UNDONE, slow_hook("leader")),
     Fault("slow-hook-follower", "host", "a follower's deliver hook takes 5 to 200 ms", UNDONE, slow_hook("follower")),
     Fault("slow-state", "host", "the state hook takes up to 1 s, leaders change at roll-overs", UNDONE, slow_state),
-    Fault("states-1mb", "host", "a state of 1 MB of a further type, nodes that miss logs", "-", states(1_000_000)),
-    Fault("states-20mb", "host", "a state of 20 MB of a further type, nodes that miss logs", "-", states(20_000_000)),
     Fault("bulk-10mb", "host", "payloads of up to 10 MB beside small ones", "they end", bulk),
     Fault("many-threads", "host", "32 threads per node, leaders change", "-", many_threads),
 ]

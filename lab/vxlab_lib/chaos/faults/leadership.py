@@ -96,5 +96,5 @@ FAULTS = [
           one_behind),
     Fault("state-file-cut", "leadership", "the node state file is empty, cut, absent or nonsense", UNDONE, state_file),
     Fault("keepalived", "leadership", "keepalived elects the leader; the leader's node dies, is cut off, or loses its "
-          "keepalived", "all run", keepalived, ("wire",)),
+          "keepalived", "all run", keepalived),
 ]

@@ -57,5 +57,5 @@ FAULTS = [
     Fault("clock-step", "clocks", "one node's wall clock jumps by up to an hour, both ways", "the clocks are right",
           clock_step),
     Fault("strangers", "strangers", "messages of another cluster and of another build on the same group", "they end",
-          strangers, ("wire",)),
+          strangers),
 ]

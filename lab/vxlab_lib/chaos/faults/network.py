@@ -86,18 +86,6 @@ def thin(draw, _nodes, seconds):
                     for_s=round(draw.uniform(1.0, 3.0), 1)) for moment in times(draw, seconds, 5.0)])
 
 
-def hold_decide(draw, _nodes, seconds):
-    """The one DECIDE that begins a new log, or the one that fills the old, comes late or never."""
-    steps = []
-    for number, moment in enumerate(times(draw, seconds, 5.0)):
-        length = draw.choice([[1, 1], [250, 250], [1, 2]])
-        steps.append(at(moment, "hold", match={"to": draw.choice(["follower", "last", 0]), "channel": 4,
-                                               "type": "DECIDE", "count": length},
-                        max=draw.choice([1, 1, 3, 10]), release_s=round(draw.uniform(0.1, 3.0), 2),
-                        drop=draw.random() < 0.4, log=[240, 248], after_master=bool(number % 3 == 2)))
-    return Made(steps)
-
-
 def cut_at_roll_over(draw, nodes, seconds):
     steps = []
     for moment in times(draw, seconds, 4.0):
@@ -133,6 +121,4 @@ FAULTS = [
     Fault("lose-decide-update", "network", "DECIDE(update) alone is lost, with cuts at a roll-over that call for it",
           UNDONE, lose_decide_update),
     Fault("thin", "network", "0.1 to 1 MB/s for everything", "as fast as it goes", thin),
-    Fault("hold-decide-at-rollover", "network", "the DECIDE of a log's end or beginning is held back, then delivered "
-          "or lost", "what is held is released", hold_decide),
 ]

@@ -14,20 +14,6 @@ def kill_random(draw, nodes, seconds):
     return Made(steps)
 
 
-def kill_at(point, roles):
-    """The fabric kills the node at a marked point. The message that it was about to send there is lost."""
-
-    def make(draw, nodes, seconds):
-        steps = []
-        for index, moment in enumerate(times(draw, seconds, 4.0)):
-            step = at(moment, "arm", node=draw.choice(roles), point=point, skip=draw.randint(0, 20),
-                      restart_s=round(draw.uniform(0.0, 2.0), 2), settle=True, failover=draw.random() < 0.5)
-            steps.append({**step, "skip": draw.randint(0, 3), "log": near_roll_over(draw)} if index % 2 else step)
-        return Made(steps, options={"marks": True})
-
-    return make
-
-
 def kill_near_save(rules, roles):
     """The node's disk library kills it at the n-th call of a kind from now on."""
 
@@ -38,17 +24,6 @@ def kill_near_save(rules, roles):
                       rule=f"{draw.choice(rules)} {draw.randint(1, 8)}", failover=draw.random() < 0.5)
             steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
         return Made(steps, options={"disk_faults": True})
-
-    return make
-
-
-def forgetful_acceptor(rules_after):
-    """`rules_after` are for the acceptor's disk while it hears only nodes that do not know the decision."""
-
-    def make(draw, _nodes, seconds):
-        return Made([at(moment, "forgetful-acceptor", rule=f"kill_before rename:rb_reg {draw.randint(1, 9)}",
-                        rules_after=rules_after, apart_s=round(draw.uniform(1.0, 3.0), 1))
-                     for moment in times(draw, seconds, 6.0)], options={"disk_faults": True})
 
     return make
 
@@ -83,7 +58,7 @@ def restart_acceptor(draw, _nodes, seconds):
 
 def kill_all(draw, _nodes, seconds):
     return Made([at(moment, "kill-all", restart_s=round(draw.uniform(0.0, 2.0), 2))
-                 for moment in times(draw, seconds, 8.0, first=3.0)], options={"several_down": True})
+                 for moment in times(draw, seconds, 8.0, first=3.0)])
 
 
 MOMENTS = [f"kill_{when} {call}:{name}" for when in ("before", "after") for call, name in
@@ -111,35 +86,13 @@ def power_cut(is_careless):
             if draw.random() < 0.5:
                 step = {**step, "node": any_node(draw, nodes), "rule": f"{draw.choice(MOMENTS)} {draw.randint(1, 8)}"}
             steps.append({**step, "log": near_roll_over(draw)} if index % 2 else step)
-        return Made(steps, options={"disk_faults": True, "undo": True, "several_down": True})
+        return Made(steps, options={"disk_faults": True, "undo": True})
 
     return make
 
 
-def wipe(draw, nodes, seconds):
-    return Made([at(moment, "wipe", node=draw.choice(["follower", "last"])) for moment in times(draw, seconds, 9.0)])
-
-
-def missed_reset(_draw, _nodes, seconds):
-    return Made([at(seconds / 2, "missed-reset", node="last")], options={"several_down": True})
-
-
 FAULTS = [
     Fault("kill-random", "process", "kill -9 of one node, also at a roll-over", UNDONE, kill_random),
-    Fault("kill-read-ack", "process", "an acceptor is killed after it saved its promise, its answer unsent", UNDONE,
-          kill_at("read-ack", ["follower", "last", "leader"]), ("broker",)),
-    Fault("kill-read-commit", "process", "the leader is killed after its READ has a quorum, its WRITE unsent", UNDONE,
-          kill_at("write-req", ["leader"]), ("broker",)),
-    Fault("kill-write-ack", "process", "an acceptor is killed after it saved a value, its answer unsent", UNDONE,
-          kill_at("write-ack", ["follower", "last", "leader"]), ("broker",)),
-    Fault("kill-decide", "process", "the leader is killed after it saved a decision, its DECIDE unsent", UNDONE,
-          kill_at("decide", ["leader"]), ("broker",)),
-    Fault("kill-in-hook", "process", "a node is killed as a deliver hook begins", UNDONE,
-          kill_at("deliver-enter", ["leader", "follower", "last"]), ("broker",)),
-    Fault("kill-after-hook", "process", "a node is killed between a deliver hook and the save of what it delivered",
-          UNDONE, kill_at("deliver-leave", ["leader", "follower", "last"]), ("broker",)),
-    Fault("kill-after-state", "process", "the leader is killed as it has taken the snapshot of a new log", UNDONE,
-          kill_at("state-leave", ["leader"]), ("broker",)),
     Fault("kill-near-save", "process", "a node is killed right before or after a save of one of its files", UNDONE,
           kill_near_save([f"kill_{when} {call}:{name}" for when in ("before", "after") for call in ("rename", "sync")
                           for name in ("rb_reg", "paxos_decide", "paxos_deliver", "msg_id")],
@@ -148,28 +101,18 @@ FAULTS = [
           UNDONE, kill_near_save([f"kill_{when} {call}:host/kesh.store{part}" for when in ("before", "after")
                                   for call in ("write", "sync") for part in ("", "-wal", "-wal")],
                                  ["leader", "follower", "last"])),
-    Fault("forgetful-acceptor", "process", "an acceptor that a decision may hang on is killed before a save; when it "
-          "is back, it and those who know of nothing are a majority, without the old leader",
-          "all run, the network is whole", forgetful_acceptor([])),
-    Fault("unreadable-acceptor", "process", "the same, and the acceptor cannot open its register files any more",
-          "all run, the network is whole, the disk is well", forgetful_acceptor(["unreadable rb_reg"])),
     Fault("pause-leader", "process", "the leader is frozen, another one leads, the old one goes on", "it goes on",
           pause_leader),
     Fault("rolling-restart", "process", "clean restarts, one node after another", UNDONE, rolling_restart),
     Fault("restart-acceptor-lagging-leader", "process", "a node that missed decisions leads, an acceptor restarts",
           UNDONE, restart_acceptor),
-    Fault("kill-all", "process", "all nodes are killed at once: acknowledged messages may be lost, order may not",
+    Fault("kill-all", "process", "all nodes are killed at once",
           UNDONE, kill_all),
     Fault("power-cut", "process", "all nodes are killed at one moment, and their files go back to what was synced; of "
-          "the rest, any part may be there", UNDONE, power_cut(False), is_durable=True),
+          "the rest, any part may be there", UNDONE, power_cut(False)),
     Fault("power-cut-careless", "process", "the same on a file system where a rename may be there without the content",
-          UNDONE, power_cut(True), is_durable=True),
+          UNDONE, power_cut(True)),
     Fault("kill-near-payload-save", "process", "a node is killed in the middle of a save, or a removal, of a payload",
           UNDONE, kill_near_save([f"kill_{when} {call}:payloads/*" for when in ("before", "after")
-                                  for call in ("write", "rename", "sync", "unlink")], ["leader", "follower", "last"]),
-          is_durable=True),
-    Fault("wiped-node", "process", "one node loses all its files and is configured alone: its old identifiers come "
-          "again", UNDONE, wipe, is_apart=True),
-    Fault("missed-reset", "process", "all nodes but one are configured anew: its old life's log becomes everybody's",
-          UNDONE, missed_reset, ("broker",), is_apart=True),
+                                  for call in ("write", "rename", "sync", "unlink")], ["leader", "follower", "last"])),
 ]
