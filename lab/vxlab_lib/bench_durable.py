@@ -4,7 +4,7 @@ import os
 import struct
 from statistics import median
 
-from .chaos.decisions import LOG_ENTRIES_MAX, read_position
+from .decisions import LOG_ENTRIES_MAX, read_position
 from .programs import DURABLE
 
 ROLL_OVERS = 3

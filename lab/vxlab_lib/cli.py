@@ -16,7 +16,7 @@ writes lies in its run directory (--dir)."""
 EPILOG = """\
 a first walk:
   vxlab up 3                        three nodes, node 1 is MASTER
-  vxlab submit 2 /etc/services      lines of a file, submitted at node 2
+  vxlab kesh 2 submit /etc/services lines of a file, submitted at node 2
   vxlab kill 1; vxlab master 2      lose the leader, make another one
   vxlab start 1; vxlab status       take it back
   vxlab down

@@ -9,10 +9,9 @@
 Use an object from one thread only: the nodes die with the thread that opened the laboratory.
 """
 
-import struct
-
 from . import network, programs
 from .checker import check_journals
+from .decisions import read_position
 from .errors import LabError, UsageError
 from .holder_client import HolderClient
 from .node import Node
@@ -151,7 +150,7 @@ class Cluster:
 
     def last_decision(self, node_id):
         """Returns (number of the last decision, entries in its log) of the node, from its file."""
-        return struct.unpack_from("<II", self.node(node_id).durable("paxos_decide"))
+        return read_position(self.node(node_id).cons_dir)
 
     def await_active(self, node_ids=None, timeout_s=ACTIVE_TIMEOUT_S):
         """Waits until the nodes take part. A new cluster does so when every node has heard all others."""

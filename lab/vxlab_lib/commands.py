@@ -1,5 +1,6 @@
 """The commands of vxlab. One function per command adds its parser."""
 
+import argparse
 import json
 import subprocess
 import sys
@@ -119,53 +120,15 @@ def node_status(cluster, node_id):
     return {"process": what, "state": node.state(), "status": found}
 
 
-def submit(subparsers):
+def kesh(subparsers):
     def run(options):
         node = lab(options).node(options.node)
-        command = node.kesh("submit", "--window", str(options.window))
-        if options.file == "-":
-            return subprocess.run([*command, "-"], cwd=node.dir, check=False).returncode
-        try:
-            with open(options.file, "rb") as file:
-                return subprocess.run([*command, "-"], cwd=node.dir, stdin=file, check=False).returncode
-        except OSError as error:
-            raise UsageError(f"{options.file}: {error.strerror}") from error
+        command = node.kesh(options.command, *options.arguments)
+        return subprocess.run(command, cwd=node.dir, check=False).returncode
 
-    parser = add_node(add(subparsers, "submit", "submit the lines of a file at a node", run))
-    parser.add_argument("file", metavar="FILE", help="a file, or - for standard input")
-    parser.add_argument("--window", type=int, default=1, help="lines open at once (default 1)")
-
-
-def journal(subparsers):
-    def run(options):
-        node = lab(options).node(options.node)
-        if options.follow:
-            return subprocess.run(node.kesh("journal", "--follow"), cwd=node.dir, check=False).returncode
-        out = sys.stdout.buffer
-        for line in node.journal().lines:
-            out.write(f"{line.number} {line.tag} ".encode() * options.tags + line.text + b"\n")
-        out.flush()
-        return EXIT_OK
-
-    parser = add_node(add(subparsers, "journal", "print a node's journal; it need not run", run))
-    parser.add_argument("--tags", action="store_true", help="number and tag in front of each line")
-    parser.add_argument("--follow", action="store_true", help="go on as lines arrive")
-
-
-def say(subparsers):
-    def run(options):
-        lab(options).node(options.node).control.say(options.text)
-
-    parser = add_node(add(subparsers, "say", "send a cluster message from a node (not ordered, not acknowledged)", run))
-    parser.add_argument("text", metavar="TEXT")
-
-
-def heard(subparsers):
-    def run(options):
-        for sender, text in lab(options).node(options.node).control.heard():
-            print(f"{sender}: {text}")
-
-    add_node(add(subparsers, "heard", "print the cluster messages that a node has heard", run))
+    parser = add_node(add(subparsers, "kesh", "run a command of kesh on a node, in the node's directory", run))
+    parser.add_argument("command", metavar="COMMAND", help="submit, journal, status, say, heard, ..")
+    parser.add_argument("arguments", nargs=argparse.REMAINDER, metavar="ARGUMENT", help="as for kesh; files by absolute paths")
 
 
 def master(subparsers):
@@ -267,26 +230,9 @@ def run_bench(subparsers):
     parser.add_argument("--csv", metavar="FILE", help="where the figures go (default: bench.csv in the run directory)")
 
 
-def run_soak(subparsers):
-    def run(options):
-        from . import soak  # imported here because no other command needs it
-
-        soak.run(options, Progress())
-
-    parser = add(subparsers, "soak", "long life: steady load, then loops of the life cycle; does anything grow?", run)
-    parser.add_argument("--minutes", type=float, default=30.0, metavar="M", help="of steady load (default 30; 0: none)")
-    parser.add_argument("--cycles", type=int, default=1000, metavar="N",
-                        help="of each loop: leave/start and reinit, on a follower and on the leader (default 1000)")
-    parser.add_argument("--nodes", type=int, default=3, choices=range(2, NODES_MAX + 1), metavar="N",
-                        help=f"nodes of the cluster, 2 to {NODES_MAX} (default 3)")
-    parser.add_argument("--durable", action="store_true", help="with durable payloads: their files stay few, also "
-                        "where submitters are killed")
-    parser.add_argument("--library", metavar="FILE", help="another libvx_cons.so.1 than that of the build tree")
-
-
 def number_list(text):
     return [int(word) for word in text.split(",")]
 
 
-COMMANDS = [up, status, submit, master, kill, start, stop, pause, resume, partition, heal, journal, say, heard, execute,
-            run_bench, run_demo, chaos, run_soak, down]
+COMMANDS = [up, status, kesh, master, kill, start, stop, pause, resume, partition, heal, execute, run_bench, run_demo,
+            chaos, down]

@@ -1,15 +1,11 @@
 """A node's control socket: one line of JSON as request, one as answer. Some operations go on with plain lines."""
 
-import json
-import os
-import socket
 from contextlib import contextmanager
 
+from . import json_line
 from .errors import LabError
-from .rundir import short_path
 
 ANSWER_TIMEOUT_S = 20.0
-STREAM_END = "# end"
 VRRP_TIMEOUT_S = 1.0  # a frozen daemon must not hold up the others
 
 
@@ -21,29 +17,18 @@ class NodeUnreachable(LabError):
 def connect(directory, what, request, timeout_s=ANSWER_TIMEOUT_S):
     """Sends the request (text goes as it is) to the socket kesh.sock in `directory`; returns (answer, stream, socket).
     `what` names the node in errors. Raises NodeUnreachable, or LabError if the node refuses."""
-    fd = -1
     try:
-        path, fd = short_path(directory, "kesh.sock")
-        with socket.socket(socket.AF_UNIX) as sock:
-            sock.settimeout(timeout_s)
-            sock.connect(path)
-            text = request if isinstance(request, str) else json.dumps(request)
-            sock.sendall(text.encode() + b"\n")
-            with sock.makefile("rb") as stream:
-                reply = stream.readline()
-                if not reply:
-                    raise NodeUnreachable(f"{what} went away")
-                answer = json.loads(reply)
-                if not answer["ok"]:
-                    raise LabError(f"{what}: {answer['error']}")
-                yield answer, stream, sock
+        with json_line.connect(directory, "kesh.sock", timeout_s) as connection:
+            answer = json_line.ask(connection, request)
+            if answer is None:
+                raise NodeUnreachable(f"{what} went away")
+            if not answer["ok"]:
+                raise LabError(f"{what}: {answer['error']}")
+            yield answer, connection[1], connection[0]
     except TimeoutError as error:
         raise NodeUnreachable(f"{what} does not answer within {timeout_s:g} s") from error
     except OSError as error:
         raise NodeUnreachable(f"{what} does not answer: {error.strerror}") from error
-    finally:
-        if fd >= 0:
-            os.close(fd)
 
 
 class ControlClient:
@@ -57,19 +42,6 @@ class ControlClient:
     def status(self, timeout_s=ANSWER_TIMEOUT_S):
         with self.open({"op": "status"}, timeout_s) as (answer, _, _):
             return answer["status"]
-
-    def say(self, text):
-        with self.open({"op": "say", "text": text}):
-            pass
-
-    def heard(self):
-        """Returns [(node, text)] of the cluster messages heard so far, with text escaped as `kesh journal` does."""
-        with self.open({"op": "heard"}) as (_, stream, _):
-            lines = [line.decode("utf-8", "replace").rstrip("\n") for line in stream]
-        if not lines or lines.pop() != STREAM_END:
-            raise NodeUnreachable(f"{self._what} went away")
-        rows = [line.split(" ", 2) for line in lines]
-        return [(int(row[1]), row[2]) for row in rows]
 
     def block(self, nodes):
         """Test aid: the node drops all that these nodes send, and hears all others."""

@@ -1,14 +1,12 @@
 """Starts the holder, sends it requests and ends it."""
 
-import json
 import os
 import signal
-import socket
 import subprocess
 import sys
 
+from . import json_line
 from .errors import LabError, NoLabError
-from .rundir import short_path
 from .waiting import wait_until
 
 START_TIMEOUT_S = 15.0
@@ -54,24 +52,15 @@ class HolderClient:
 
     def ask(self, what, answer_timeout_s=ANSWER_TIMEOUT_S, **arguments):
         """Returns the answer to one request. Raises NoLabError if there is no holder, LabError if it refuses."""
-        path, fd = "", -1
         try:
-            path, fd = short_path(self._dir.path, "lab.sock")
-            with socket.socket(socket.AF_UNIX) as sock:
-                sock.settimeout(answer_timeout_s)
-                sock.connect(path)
-                sock.sendall(json.dumps({"do": what, **arguments}).encode() + b"\n")
-                with sock.makefile("rb") as stream:
-                    answer = json.loads(stream.readline() or b'{"error": "the holder went away"}')
+            with json_line.connect(self._dir.path, "lab.sock", answer_timeout_s) as connection:
+                answer = json_line.ask(connection, {"do": what, **arguments})
         except (FileNotFoundError, NotADirectoryError, ConnectionRefusedError) as error:
             raise NoLabError(f"no laboratory is up in {self._dir.path}: `vxlab up 3` starts one") from error
         except OSError as error:
             raise LabError(f"the holder of {self._dir.path} does not answer: {error}") from error
-        finally:
-            if fd >= 0:
-                os.close(fd)
-        if "error" in answer:
-            raise LabError(answer["error"])
+        if answer is None or "error" in answer:
+            raise LabError(answer["error"] if answer else "the holder went away")
         return answer
 
     def end(self, timeout_s=25.0):

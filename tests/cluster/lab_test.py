@@ -96,14 +96,14 @@ class Laboratory(Scenario):
                                   **options)
 
         self.assertEqual(call("up", "3").returncode, 5, "a second laboratory in the same directory")
-        self.assertEqual(call("submit", "2", "-", input="one\ntwo\n").returncode, 0)
+        self.assertEqual(call("kesh", "2", "submit", "-", input="one\ntwo\n").returncode, 0)
         self.check_all()
-        self.assertEqual(call("journal", "3").stdout, "one\ntwo\n")
+        self.assertEqual(call("kesh", "3", "journal").stdout, "one\ntwo\n")
         self.assertEqual(call("kill", "9").returncode, 2)
         self.assertEqual(call("kill", "3").returncode, 0)
         self.assertIn("signal 9", call("status").stdout)
-        self.assertEqual(call("say", "1", "hello there").returncode, 0)
-        wait_until(lambda: "1: hello there" in call("heard", "2").stdout, 5.0, "node 2 hears node 1")
+        self.assertEqual(call("kesh", "1", "say", "hello there").returncode, 0)
+        wait_until(lambda: "node 1: hello there" in call("kesh", "2", "heard").stdout, 5.0, "node 2 hears node 1")
         self.assertEqual(call("down").returncode, 0)
         self.assertEqual(call("status").returncode, 4)
 

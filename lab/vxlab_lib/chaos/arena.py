@@ -140,7 +140,7 @@ class Arena:
                    self.wire_log, "--seed", str(self.plan.seed)]
         output = os.path.join(self.dir, "fabric.log")
         self.cluster.holder.ask("spawn", node="fabric", dir=self.dir, output=output, command=command)
-        wait_until(lambda: self.fabric.connect() or not self.program_runs("fabric"), FABRIC_TIMEOUT_S,
+        wait_until(lambda: self.fabric.answers() or not self.program_runs("fabric"), FABRIC_TIMEOUT_S,
                    f"the fabric answers (see {output})")
         if not self.program_runs("fabric"):
             with open(output, encoding="utf-8", errors="replace") as file:
@@ -155,7 +155,6 @@ class Arena:
         if self.program_runs("fabric"):
             self.fabric.ask("quit")
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
-        self.fabric.close()
 
     def _write_keepalived(self, node):
         text = KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id,
@@ -199,7 +198,6 @@ class Arena:
         if self.keepalived:  # its parent process ignores SIGTERM
             for node_id in self.cluster.nodes:
                 self.stop_keepalived(node_id)
-        self.fabric.close()
         self.cluster.close()
         subprocess.run(["umount", "--recursive", "--lazy", self._mount_point], check=False, stderr=subprocess.DEVNULL)
 

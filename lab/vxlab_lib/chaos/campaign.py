@@ -61,7 +61,7 @@ class Campaign:
     def _one(self, seed, evidence_root):
         options = self._options
         faults = choose_faults(seed, options.faults)
-        plan = make_plan(seed, options.nodes, faults)
+        plan = make_plan(seed, options.nodes, faults, options.seconds)
         for line in plan.lines():
             self._progress.say(line)
         work_dir = os.path.join(private_space.WORK_ROOT, "vxlab")
@@ -107,6 +107,7 @@ class Campaign:
         faults = "+".join(plan.faults) or "none"
         bin_dir = f" --bin {self._options.bin}" if self._options.bin else ""
         library = f" --library {self._options.library}" if self._options.library else ""
+        library += f" --seconds {self._options.seconds:g}" if self._options.seconds else ""
         return (f"vxlab{bin_dir} chaos --nodes {plan.nodes} --faults {faults} "
                 f"--replay {plan.seed}{library}")
 

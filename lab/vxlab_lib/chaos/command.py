@@ -54,6 +54,7 @@ def add_command(subparsers):
     parser.add_argument("--minutes", type=float, default=1.0, metavar="M",
                         help="begin episodes for so long (default 1)")
     parser.add_argument("--episodes", type=int, metavar="N", help="so many episodes instead, however long they take")
+    parser.add_argument("--seconds", type=float, metavar="S", help="of faults in each episode (default: drawn, 15 to 40)")
     parser.add_argument("--nodes", type=int, default=3, choices=[3, 5, 16], help="nodes of the cluster (default 3)")
     parser.add_argument("--faults", default="all", metavar="LIST", help="see below (default all)")
     parser.add_argument("--replay", type=int, metavar="SEED", help="one episode, with this seed")

@@ -6,7 +6,7 @@ import shutil
 from ..errors import LabError
 from ..journal import STORE, STORE_PARTS
 from ..waiting import WaitTimeout, wait_until
-from . import decisions
+from .. import decisions
 from .events import now_ns
 from .recovery import ensure_active, has_joined, restart_after
 

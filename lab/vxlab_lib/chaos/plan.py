@@ -1,4 +1,5 @@
-"""The plan of an episode: which faults come when. A pure function of seed, number of nodes and fault names.
+"""The plan of an episode: which faults come when. A pure function of seed, number of nodes, fault
+names and the seconds that were asked for.
 
 A plan has one track per fault. A step of a track is a dictionary: "at" (seconds after the load has begun), "do" (an
 action, see actions.py) and its arguments. For faults at a roll-over there is also "log" [low, high]: the step waits
@@ -52,9 +53,10 @@ def choose_faults(seed, wanted):
     return [] if entry == "none" else entry.split("+")
 
 
-def make_plan(seed, nodes, faults):
+def make_plan(seed, nodes, faults, wanted_s=None):
     draw = random.Random(f"{seed} {nodes} {' '.join(faults)}")
-    seconds = round(draw.uniform(*DURATION_S), 1)
+    drawn_s = round(draw.uniform(*DURATION_S), 1)
+    seconds = wanted_s or drawn_s
     load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
             "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
     tracks, settings, options = [], {0: dict(EVIDENCE)}, {}

@@ -5,7 +5,7 @@ import os
 import threading
 import time
 
-from . import decisions
+from .. import decisions
 from .events import now_ns
 
 PERIOD_S = 0.1

@@ -8,7 +8,7 @@ from signal import SIGKILL
 
 from ..errors import LabError
 from ..waiting import wait_until
-from . import decisions
+from .. import decisions
 from .events import now_ns
 from .power_cut import PowerCut, whole_payloads
 from .sampler import await_log
@@ -192,7 +192,7 @@ class Stage:
                 self.arena.node_is_down(node_id)
                 cut = PowerCut(node.path("flashdisk"), f"{seed} {node_id}", is_careless).make()
                 decided = decisions.read_decided(node.cons_dir)
-                log = [decided.entry(index) for index in range(decided.count)] if decided else []
+                log = decided.entries() if decided else []
                 self.events.add("disk-cut", node=node_id, lost=cut.lost, not_kept=cut.not_kept,
                                 number=decided.number if decided else 0, log=log,
                                 payloads=sorted(whole_payloads(node.payload_dir)))

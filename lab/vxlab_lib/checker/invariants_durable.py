@@ -2,9 +2,9 @@
 
 import os
 import re
-import struct
 from bisect import bisect_right
 
+from ..decisions import ENTRY, decode_decided
 from .evidence import read_bytes
 from .invariants_order import FINDINGS_MAX
 
@@ -206,12 +206,12 @@ def _at_the_end(episode, check, node):
         if content and len(content) != SIZES[name]:
             check.violated(f"{name} has {len(content)} bytes at the end", **where)
             return
-    number, count = struct.unpack_from("<II", decide)
-    if count > 250:
-        check.violated(f"paxos_decide counts {count} entries", batch=number, **where)
+    decided = decode_decided(decide)
+    if decided is None:
+        check.violated("paxos_decide counts more entries than a log has", **where)
         return
-    entries = [struct.unpack_from("<BI", decide, 8 + 5 * index) for index in range(count)]
-    _delivered_is_known(episode, check, node, number, entries, deliver)
+    number = decided.number
+    _delivered_is_known(episode, check, node, number, decided.entries(), deliver)
     if episode.events_of("equal"):
         old = [name for name in os.listdir(directory) if re.fullmatch(r"rb_reg\.\d+", name) and int(name[7:]) <= number]
         check.saw("register directories")
@@ -259,18 +259,15 @@ def _payload_files(episode, check):
 
 def _decided_log(episode, node):
     """Returns (number, entries) of paxos_decide at the end; (0, []) if the file is no whole record."""
-    content = read_bytes(os.path.join(episode.files[node].cons(), "paxos_decide"))
-    if len(content) != SIZES["paxos_decide"]:
-        return 0, []
-    number, count = struct.unpack_from("<II", content)
-    return number, [struct.unpack_from("<BI", content, 8 + 5 * index) for index in range(min(count, 250))]
+    decided = decode_decided(read_bytes(os.path.join(episode.files[node].cons(), "paxos_decide")))
+    return (decided.number, decided.entries()) if decided else (0, [])
 
 
 def _delivered_is_known(episode, check, node, number, entries, deliver):
     """paxos_deliver names an entry of the log or of an older log, never one that is not decided yet."""
     if len(deliver) != SIZES["paxos_deliver"]:
         return
-    sender, msg_id = struct.unpack("<BI", deliver)
+    sender, msg_id = ENTRY.unpack(deliver)
     check.saw("last deliveries")
     if (sender, msg_id) in entries or (sender, msg_id) == (0, 0):
         return

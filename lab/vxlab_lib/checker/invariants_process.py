@@ -8,6 +8,7 @@ from .evidence import INFINITE, CouldNotRun, first_existing, read_bytes
 SECOND = 10**9
 ROLL_OVERS_LONG = 50
 RSS_GROWTH_KB = 16 * 1024
+STEADY_RSS_GROWTH_KB = 2 * 1024
 DESCRIPTOR_GROWTH = 8
 JOURNAL_COPIES = 4
 QUIET_ATTEMPTS_PER_S = 5
@@ -46,7 +47,9 @@ def _flat(episode, check, node, samples):
     # one in transfer. A payload whose call was given up also stays until cleanup.
     kept = sum(len(line.text) + 200 for line in episode.journals[node].lines) // 1024
     left = sum(call.size for trace in episode.traces.values() for call in trace.calls if call.result != 0) // 1024
-    for name, allowed in (("rss_kb", RSS_GROWTH_KB + JOURNAL_COPIES * kept + left), ("fds", DESCRIPTOR_GROWTH),
+    is_steady = episode.run.get("options", {}).get("keeps_lines") is False
+    rss_growth_kb = STEADY_RSS_GROWTH_KB if is_steady else RSS_GROWTH_KB + JOURNAL_COPIES * kept + left
+    for name, allowed in (("rss_kb", rss_growth_kb), ("fds", DESCRIPTOR_GROWTH),
                           ("tmp", INFINITE if episode.events_of("disk") else 2)):
         before = [sample[name] for sample in early if sample.get(name) is not None]
         after = [sample[name] for sample in late if sample.get(name) is not None]

@@ -35,10 +35,18 @@ def many_threads(draw, nodes, seconds):
     return Made(steps, load={"threads": 32, "sizes": [1, 40]})
 
 
+def long_life(_draw, _nodes, _seconds):
+    """No fault: a steady load, and so few lines kept that nothing may grow."""
+    return Made(settings={0: {"state.max": 1 << 20, "retention.lines": 200}},
+                load={"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}, options={"keeps_lines": False})
+
+
 FAULTS = [
     Fault("slow-hook-leader", "host", "the leader's deliver hook takes 5 to 200 ms", UNDONE, slow_hook("leader")),
     Fault("slow-hook-follower", "host", "a follower's deliver hook takes 5 to 200 ms", UNDONE, slow_hook("follower")),
     Fault("slow-state", "host", "the state hook takes up to 1 s, leaders change at roll-overs", UNDONE, slow_state),
     Fault("bulk-10mb", "host", "payloads of up to 10 MB beside small ones", "they end", bulk),
+    Fault("long-life", "host", "a steady load of little, of which little is kept: with --seconds, does anything grow?", "-",
+          long_life),
     Fault("many-threads", "host", "32 threads per node, leaders change", "-", many_threads),
 ]

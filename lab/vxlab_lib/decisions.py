@@ -18,6 +18,9 @@ class Decided:
     def entry(self, index):
         return ENTRY.unpack_from(self.log, 4 + index * ENTRY.size)
 
+    def entries(self):
+        return [self.entry(index) for index in range(self.count)]
+
     def crc(self):
         return zlib.crc32(self.log)
 
@@ -39,7 +42,10 @@ def read_file(directory, name, size):
 
 def read_decided(directory):
     """Returns the node's last decision, or None if there is no whole record."""
-    content = read_file(directory, "paxos_decide", 1259)
+    return decode_decided(read_file(directory, "paxos_decide", 1259))
+
+
+def decode_decided(content):
     if len(content) != 1258:
         return None
     number, count = struct.unpack_from("<II", content)
