@@ -29,11 +29,6 @@ bool read_absolute_path(const char *key, const char *fallback, std::string &valu
          platform::config_refuse(key, "\"" + value + "\" is no path that begins with /", error);
 }
 
-bool read_optional_path(const char *key, std::string &value, std::string &error)
-{
-  return platform::config_text(key, "").empty() || read_absolute_path(key, "", value, error);
-}
-
 bool read_switch(const char *key, bool fallback, bool &value, std::string &error)
 {
   const std::string text = platform::config_text(key, fallback ? "yes" : "no");
@@ -62,8 +57,7 @@ bool settings_read(settings &result, std::string &error)
       !read_number("retention.bytes", 0, ANY_MAX, result.keep.bytes, error) ||
       !read_number("retention.age_s", 0, ANY_MAX, result.keep.age_s, error) ||
       !read_number("cluster.generation", 0, ANY_MAX, result.generation, error) ||
-      !read_switch("kesh.start", true, result.start, error) ||
-      !read_optional_path("trace.file", result.trace_path, error)) {
+      !read_switch("kesh.start", true, result.start, error)) {
     return false;
   }
   result.cluster_name = platform::config_text("cluster.name", "");

@@ -25,7 +25,6 @@ struct settings {
   uint64_t state_max = 16 << 20;  ///< bytes; the same on all nodes
   retention keep;
   std::string old_journal_path;  ///< a journal of earlier builds, which is taken over once
-  std::string trace_path;        ///< empty: no trace
 
   /// What a store must agree in with those of the other nodes.
   std::string store_identity() const;

@@ -23,7 +23,7 @@ class Programs:
 
     def __init__(self, build_dir):
         self.build_dir = os.path.realpath(build_dir)
-        self.kesh = self._find("kesh")
+        self.kesh = self._find("vx-kesh")  # kesh, and test aids
         self.node_view = self._find("vx-node-view")
 
     def _find(self, name):

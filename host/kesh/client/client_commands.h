@@ -4,19 +4,9 @@
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
-#include <vector>
 
 namespace kesh
 {
-
-struct load_request {
-  int threads = 1;
-  std::vector<uint64_t> payload_bytes = {100};
-  uint64_t count = 0;
-  double seconds = 0;
-  uint32_t pause_ms = 0;
-  double timeout_s = 60;
-};
 
 /// `to_text` makes the screen for a person; nullptr: JSON is printed.
 int status_command(const std::string &socket_path, std::string (*to_text)(const nlohmann::json &status));
@@ -30,11 +20,5 @@ int heard_command(const std::string &socket_path, bool follow);
 /// start, leave, reinit or stop; returns when it is done, for stop when the daemon has ended, or after `timeout_s`.
 int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s);
 int log_level_command(const std::string &socket_path, const std::string &level);
-/// `hook`: deliver or state.
-int slow_command(const std::string &socket_path, const std::string &hook, uint32_t wait_ms);
-/// Returns EXIT_OK if every line was acknowledged.
-int load_command(const std::string &socket_path, const load_request &options, bool as_json);
-/// No nodes: all are heard again.
-int block_command(const std::string &socket_path, const std::vector<uint32_t> &nodes);
 
 }  // namespace kesh

@@ -145,11 +145,11 @@ int run_cluster(service &host, int signal_fd)
   return code;
 }
 
-int run_service(const settings &configured, int signal_fd)
+int run_service(const settings &configured, int signal_fd, observer &watch)
 {
-  service host(configured);
+  service host(configured, watch);
   std::string error;
-  if (!host.events.open(configured.trace_path, host.life, error)) {
+  if (!watch.begin(host, error)) {
     return fail(EXIT_CONFIG, error);
   }
   int code = host.open_store(error);
@@ -162,7 +162,7 @@ int run_service(const settings &configured, int signal_fd)
   return code;
 }
 
-int run_daemon(const std::string &config_path, bool log_to_stderr)
+int run_daemon(const std::string &config_path, bool log_to_stderr, observer &watch)
 {
   std::string error;
   settings configured;
@@ -183,7 +183,7 @@ int run_daemon(const std::string &config_path, bool log_to_stderr)
                                 std::to_string(getpid()));
   warn_of_unknown_keys(config_path);
   try {
-    return run_service(configured, signals.get());
+    return run_service(configured, signals.get(), watch);
   } catch (const std::exception &failure) {
     return fail(EXIT_RUNTIME, failure.what());
   }
@@ -191,10 +191,10 @@ int run_daemon(const std::string &config_path, bool log_to_stderr)
 
 }  // namespace
 
-int daemon_run(const std::string &config_path, bool log_to_stderr)
+int daemon_run(const std::string &config_path, bool log_to_stderr, observer &watch)
 {
   constexpr std::chrono::seconds LAST_LINES_TIME{5};
-  const int code = run_daemon(config_path, log_to_stderr);
+  const int code = run_daemon(config_path, log_to_stderr, watch);
   platform::log_flush(LAST_LINES_TIME);
   return code;
 }

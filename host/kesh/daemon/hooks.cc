@@ -32,20 +32,6 @@ std::string_view as_bytes(const uint8_t *data, uint32_t length)
   return {reinterpret_cast<const char *>(data), length};
 }
 
-/// Test aid: makes a hook slow. 0 also ends a pause that has begun.
-void take_time(const std::atomic<uint32_t> &wait_ms)
-{
-  using std::chrono::milliseconds;
-  const auto entered = std::chrono::steady_clock::now();
-  for (;;) {
-    const auto left = entered + milliseconds(wait_ms) - std::chrono::steady_clock::now();
-    if (left <= left.zero()) {
-      return;
-    }
-    std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(left, milliseconds(50)));
-  }
-}
-
 constexpr std::chrono::seconds LAST_WORDS_TIME{1};  // the disk may be what fails
 
 /// If a hook returned, the library would take the payload as delivered here, or the state as made. So the process ends,
@@ -61,15 +47,6 @@ constexpr std::chrono::seconds LAST_WORDS_TIME{1};  // the disk may be what fail
   _exit(EXIT_STORE);
 }
 
-template <typename... words>
-void note_with_journal(std::string_view event, const words &...rest)
-{
-  if (hooked->events.on()) {
-    const journal_end now = hooked->lines.end();
-    hooked->events.note(event, rest..., now.lines, now.key);
-  }
-}
-
 /// What the library has delivered before: it saves that after the hook's return.
 library_entry delivered_before()
 {
@@ -77,40 +54,17 @@ library_entry delivered_before()
   return last ? library_entry{.sender = last->sender, .msg_id = last->msg_id} : library_entry{};
 }
 
-/// `before`: the journal's end before this payload.
-void note_items(const payload &from, const applied &result, journal_end before, uint64_t entered_ns)
-{
-  for (size_t i = 0; i < from.items.size(); i++) {
-    const item &one = from.items[i];
-    const char *what = "doubled";
-    if (!result.is_redelivered && result.items[i].is_repeat) {
-      what = "repeated";
-    } else if (!result.is_redelivered && one.kind != item_kind::line) {
-      what = "no-op";
-    } else if (!result.is_redelivered) {
-      what = "applied";
-      before = {.lines = result.items[i].line, .key = line_key(result.hash, i)};
-    }
-    hooked->events.note("deliver", entered_ns, tag_text(from.origin, from.life, one.sequence), one.attempt, what,
-                        before.lines, before.key);
-  }
-}
-
-void deliver_payload(std::string_view bytes, uint32_t type, uint64_t entered_ns)
+void deliver_payload(std::string_view bytes, uint32_t type)
 {
   payload decoded;
   std::string fault = "payloads have type " + std::to_string(DATA_TYPE);
   if (type != DATA_TYPE || !payload_decode(bytes, decoded, fault)) {
-    hooked->events.note("damaged", entered_ns, type, bytes.size());
+    hooked->watcher.damaged(type, bytes.size());
     end_process("a payload of " + std::to_string(bytes.size()) + " bytes, type " + std::to_string(type) +
                 ", cannot be read: " + fault + "; the other nodes may understand it, so it is not passed over");
   }
-  const bool is_traced = hooked->events.on();
-  const journal_end before = is_traced ? hooked->lines.end() : journal_end{};
   const applied result = hooked->lines.apply(bytes, decoded, delivered_before());
-  if (is_traced) {
-    note_items(decoded, result, before, entered_ns);
-  }
+  hooked->watcher.delivered(decoded, result);
   std::vector<applied_item> items;
   items.reserve(result.items.size());
   for (const item_outcome &one : result.items) {
@@ -126,7 +80,7 @@ void adopt_state()
   std::atomic<uint64_t> *const counters[] = {&hooked->states.kept, &hooked->states.extended, &hooked->states.replaced};
   const auto kind = static_cast<size_t>(done.kind);
   (*counters[kind])++;
-  hooked->events.note("adopted", KINDS[kind], done.state_n);
+  hooked->watcher.noted("adopted", std::string(KINDS[kind]) + ' ' + std::to_string(done.state_n));
   if (!done.aside.empty()) {
     hooked->states.put_aside++;
     platform::log_line(platform::log_level::error,
@@ -140,39 +94,31 @@ void adopt_state()
 }
 
 /// Nothing of a full state is visible before its last hook call.
-void deliver_state(std::string_view bytes, uint32_t type, uint64_t entered_ns)
+void deliver_state(std::string_view bytes, uint32_t type)
 {
   if (type == DATA_TYPE) {
     hooked->lines.begin_adopt(bytes);
   } else if (!bytes.empty()) {
-    hooked->events.note("damaged", entered_ns, type, bytes.size());
+    hooked->watcher.damaged(type, bytes.size());
     platform::log_line(platform::log_level::error, "a state of " + std::to_string(bytes.size()) +
                                                        " bytes arrived for type " + std::to_string(type) +
                                                        ", which has none");
   }
-  if (type + 1 < TYPES) {
-    note_with_journal("adopt", entered_ns, type, bytes.size());
-    return;
+  if (type + 1 == TYPES) {
+    adopt_state();
   }
-  const bool is_traced = hooked->events.on();
-  adopt_state();
-  if (is_traced) {
-    note_with_journal("adopt", entered_ns, type, bytes.size());
-  }
+  hooked->watcher.adopted(type, bytes.size());
 }
 
 template <uint32_t type>
 void deliver_hook(const uint8_t *data, uint32_t length, uint32_t full_state)
 {
   try {
-    const uint64_t entered_ns = trace::now_ns();
-    if (type == DATA_TYPE) {
-      take_time(hooked->delays.deliver_ms);
-    }
+    hooked->watcher.hook_begins(type, false);
     if (full_state != 0) {
-      deliver_state(as_bytes(data, length), type, entered_ns);
+      deliver_state(as_bytes(data, length), type);
     } else {
-      deliver_payload(as_bytes(data, length), type, entered_ns);
+      deliver_payload(as_bytes(data, length), type);
     }
   } catch (const std::exception &failure) {
     end_process(failure.what());
@@ -187,9 +133,9 @@ int get_state_hook(uint8_t **state, uint32_t *length)
     if (type != DATA_TYPE) {
       return -1;
     }
-    take_time(hooked->delays.state_ms);
+    hooked->watcher.hook_begins(type, true);
     hooked->lines.encode_state(state, length);
-    note_with_journal("get-state", type, *length);
+    hooked->watcher.state_made(*length);
     return 0;
   } catch (const std::exception &failure) {
     end_process(std::string("no state can be made: ") + failure.what());

@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 
 #include "control/request.h"
-#include "daemon/load.h"
 #include "daemon/status.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
@@ -65,19 +64,6 @@ void reinit(service &host, const json &, control_peer &peer)
   answer(peer, code, error);
 }
 
-void slow(service &host, const json &request, control_peer &peer)
-{
-  const std::string hook = request.at("hook").get<std::string>();
-  const auto wait_ms = request_number<uint32_t>(request, "ms", 0, 600'000, 0);
-  if (hook != "deliver" && hook != "state") {
-    throw request_error("hook: deliver or state");
-  }
-  (hook == "deliver" ? host.delays.deliver_ms : host.delays.state_ms) = wait_ms;
-  platform::log_line(platform::log_level::warning,
-                     "the " + hook + " hook takes " + std::to_string(wait_ms) + " ms longer: test aid");
-  peer.accept();
-}
-
 void show_status(service &host, const json &, control_peer &peer)
 {
   peer.accept({{"status", status_collect(host)}});
@@ -108,39 +94,6 @@ void say(service &host, const json &request, control_peer &peer)
   const std::string bytes = say_message_encode(static_cast<uint8_t>(host.configured.node_id), text);
   vx_cons_bcast_clmsg(0, reinterpret_cast<const uint8_t *>(bytes.data()), static_cast<uint32_t>(bytes.size()));
   peer.accept();
-}
-
-void block(service &, const json &request, control_peer &peer)
-{
-  const auto mask = request_number<uint32_t>(request, "mask", 0, UINT32_MAX, 0);
-  platform::messaging_block(mask);
-  platform::log_line(platform::log_level::warning, mask == 0 ? "messages of all nodes are heard again"
-                                                             : "messages of some nodes are dropped: test aid");
-  peer.accept();
-}
-
-void serve_load(service &host, const json &request, control_peer &peer)
-{
-  const load_options options = load_options_parse(request);
-  const auto started = steady_clock::now();
-  load generator(host, options);
-  if (!peer.accept({{"node", host.configured.node_id}, {"life", hex_text(host.life, 16)}})) {
-    return;
-  }
-  while (!generator.wait(steady_clock::now() + FOLLOW_CHECK)) {
-    if (peer.is_gone()) {
-      return;
-    }
-  }
-  const load_totals totals = generator.totals();
-  const std::chrono::duration<double> elapsed = steady_clock::now() - started;
-  peer.send(json{{"lines", totals.lines},
-                 {"acknowledged", totals.acknowledged},
-                 {"failed", totals.failed},
-                 {"attempts", totals.attempts},
-                 {"seconds", elapsed.count()}}
-                .dump() +
-            '\n');
 }
 
 std::string row_of(const store_line &line)
@@ -278,22 +231,21 @@ operation_table daemon_operations(service &host)
   const auto bound = [&host](operation_class kind, handler run) {
     return operation{kind, [&host, run](const json &request, control_peer &peer) { run(host, request, peer); }};
   };
-  return {{"status", bound(operation_class::question, show_status)},
+  operation_table table = {{"status", bound(operation_class::question, show_status)},
           {"health", bound(operation_class::question, health)},
           {"vrrp", bound(operation_class::ending, vrrp)},
           {"stop", bound(operation_class::ending, stop_daemon)},
           {"leave", bound(operation_class::ending, leave)},
           {"start", bound(operation_class::command, start_protocol)},
           {"reinit", bound(operation_class::command, reinit)},
-          {"slow", bound(operation_class::command, slow)},
           {"say", bound(operation_class::command, say)},
           {"log_level", bound(operation_class::command, set_log_level)},
-          {"block", bound(operation_class::command, block)},
           {"backup", bound(operation_class::command, backup)},
           {"verify", bound(operation_class::command, verify)},
-          {"load", bound(operation_class::stream, serve_load)},
           {"journal", bound(operation_class::stream, serve_journal)},
           {"heard", bound(operation_class::stream, serve_heard)}};
+  table.merge(host.watcher.operations(host));
+  return table;
 }
 
 }  // namespace kesh

@@ -35,8 +35,8 @@ bool is_active()
 
 }  // namespace
 
-service::service(const settings &from)
-    : configured(from), life(now_ns()), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+service::service(const settings &from, observer &of)
+    : configured(from), life(now_ns()), watcher(of), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
   if (!wake_fd_) {
     throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -132,25 +132,10 @@ int service::restart(const link_functions::stopped_work &work, std::string &erro
 
 int service::distribute(std::string_view payload)
 {
-  const auto call = [&] {
+  return watcher.distribute(payload, [payload] {
     return vx_cons_distribute(reinterpret_cast<const uint8_t *>(payload.data()), static_cast<uint32_t>(payload.size()),
                               DATA_TYPE);
-  };
-  if (!events.on()) {
-    return call();
-  }
-  thread_local const uint32_t sender = ++senders_;
-  kesh::payload decoded;
-  std::string fault;
-  payload_decode(payload, decoded, fault);
-  for (const item &one : decoded.items) {
-    events.note("call", sender, one.sequence, one.attempt, one.bytes.size());
-  }
-  const int result = call();
-  for (const item &one : decoded.items) {
-    events.note("return", sender, one.sequence, one.attempt, result);
-  }
-  return result;
+  });
 }
 
 bool service::open_library()
@@ -164,9 +149,9 @@ bool service::open_library()
 
 void service::close_library()
 {
-  events.note("cleanup-call");
+  watcher.noted("cleanup-call");
   vx_cons_cleanup();
-  events.note("cleanup-return");
+  watcher.noted("cleanup-return");
 }
 
 int service::start(std::string &error)
@@ -201,12 +186,12 @@ int service::start_locked(std::string &error)
   }
   if (!rejoins.empty()) {
     states.rejoined++;
-    events.note("rejoin", rejoins);
+    watcher.noted("rejoin", rejoins);
   }
-  events.note("start-call");
+  watcher.noted("start-call");
   was_started_ = true;
   const int result = vx_cons_start();
-  events.note("start-return", result);
+  watcher.noted("start-return", std::to_string(result));
   if (result != 0) {
     link->library_stopped();
     error = "the cluster protocol does not start: the log's last lines say why";
@@ -227,9 +212,9 @@ void service::stop_locked()
   was_active_ = false;
   role_ = node_role::stopped;
   link->library_stopped();
-  events.note("stop-call");
+  watcher.noted("stop-call");
   vx_cons_stop();
-  events.note("stop-return", platform::messaging_read_statistics().queued);
+  watcher.noted("stop-return", std::to_string(platform::messaging_read_statistics().queued));
 }
 
 void service::leave()
@@ -293,7 +278,7 @@ void service::note_isolation()
     was_active_ = false;
     role_ = node_role::isolated;
     link->library_stopped();
-    events.note("isolated");
+    watcher.noted("isolated");
     submissions->activity_changed();
     log_line(log_level::error, "ISOLATED: this node left the cluster because of its disk (lines above say which "
                                "file); submissions wait until kesh start or a restart, or for their time");

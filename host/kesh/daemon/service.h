@@ -9,7 +9,7 @@
 
 #include "cluster/cluster_link.h"
 #include "daemon/heard.h"
-#include "daemon/trace.h"
+#include "daemon/observer.h"
 #include "guarded.h"
 #include "settings.h"
 #include "store/store.h"
@@ -23,12 +23,6 @@ namespace kesh
 
 using steady_time = std::chrono::steady_clock::time_point;
 
-/// Test aid: how much slower the hooks of the journal are.
-struct hook_delays {
-  std::atomic<uint32_t> deliver_ms = 0;
-  std::atomic<uint32_t> state_ms = 0;
-};
-
 /// What became of the states that arrived, and of the store before them.
 struct state_counters {
   std::atomic<uint64_t> kept = 0;
@@ -41,7 +35,7 @@ struct state_counters {
 class service
 {
 public:
-  explicit service(const settings &configured);
+  service(const settings &configured, observer &watcher);
 
   /// Opens the store and begins to take submissions. EXIT_OK, else `error` says why.
   int open_store(std::string &error);
@@ -75,8 +69,7 @@ public:
   const settings configured;
   const uint64_t life;  ///< ns since 1970 at the start of this process
   const steady_time started_at = std::chrono::steady_clock::now();
-  trace events;
-  hook_delays delays;
+  observer &watcher;
   store lines;
   state_counters states;
   heard messages;
@@ -98,7 +91,6 @@ private:
   store_upkeep upkeep_;
   std::atomic<bool> stopping_ = false;
   std::atomic<bool> stop_requested_ = false;
-  std::atomic<uint32_t> senders_ = 0;
   platform::mutex lifecycle_lock_;  // one start or stop at a time
   bool was_active_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;
   bool was_started_ PLATFORM_GUARDED_BY(lifecycle_lock_) = false;

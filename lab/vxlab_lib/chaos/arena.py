@@ -103,7 +103,7 @@ class Arena:
 
     def settings(self, node):
         """Returns the configuration keys of one node."""
-        keys = {"state.max": STATE_MAX, "trace.file": node.path("trace"), "log.max_size": LOG_BYTES_MAX,
+        keys = {"state.max": STATE_MAX, "lab.trace": node.path("trace"), "log.max_size": LOG_BYTES_MAX,
                 "messaging.interface": DEVICE}
         keys.update({f"messaging.node[{peer}].address": self.address(peer) for peer in range(1, self.plan.nodes + 1)})
         return {**keys, **self.plan.settings.get(0, {}), **self.plan.settings.get(node.id, {})}

@@ -40,14 +40,14 @@ def _flat(episode, check, node, samples):
     if _roll_overs(samples) < ROLL_OVERS_LONG:
         return
     check.saw("long lives of processes")
-    tenth = max(1, len(samples) // 10)
-    early, late = samples[tenth:2 * tenth], samples[-tenth:]
+    is_steady = episode.run.get("options", {}).get("keeps_lines") is False
+    part = max(1, len(samples) // (3 if is_steady else 10))  # in the first third of a steady life caches still fill
+    early, late = samples[part:2 * part], samples[-part:]
     where = {"t": samples[-1]["t"], "node": node}
     # Not a leak: the journal in memory, and whole copies of it: the log's snapshot, the next one while it is made, and
     # one in transfer. A payload whose call was given up also stays until cleanup.
     kept = sum(len(line.text) + 200 for line in episode.journals[node].lines) // 1024
     left = sum(call.size for trace in episode.traces.values() for call in trace.calls if call.result != 0) // 1024
-    is_steady = episode.run.get("options", {}).get("keeps_lines") is False
     rss_growth_kb = STEADY_RSS_GROWTH_KB if is_steady else RSS_GROWTH_KB + JOURNAL_COPIES * kept + left
     for name, allowed in (("rss_kb", rss_growth_kb), ("fds", DESCRIPTOR_GROWTH),
                           ("tmp", INFINITE if episode.events_of("disk") else 2)):

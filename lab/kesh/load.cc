@@ -1,14 +1,22 @@
-#include "daemon/load.h"
+#include "load.h"
 
 #include <algorithm>
 #include <atomic>
 #include <nlohmann/json.hpp>
 
 #include "control/request.h"
+#include "items/item_text.h"
 
-namespace kesh
+namespace kesh_lab
 {
 
+using kesh::item_fate;
+using kesh::item_kind;
+using kesh::item_result;
+using kesh::request_error;
+using kesh::request_number;
+using kesh::service;
+using kesh::steady_time;
 using platform::lock_scope;
 using std::chrono::steady_clock;
 
@@ -17,6 +25,8 @@ namespace
 
 // After a line that was not applied, for instance because too many are open.
 constexpr std::chrono::milliseconds REFUSED_PAUSE{20};
+// How soon a client that has left is noticed.
+constexpr std::chrono::milliseconds LEFT_CHECK{500};
 
 std::atomic<uint32_t> loads = 0;
 
@@ -29,7 +39,7 @@ steady_time end_of(const load_options &options)
 
 std::string text_of(const std::string &filler, uint64_t payload_bytes)
 {
-  constexpr size_t OVERHEAD = PAYLOAD_HEADER_SIZE + ITEM_HEADER_SIZE;
+  constexpr size_t OVERHEAD = kesh::PAYLOAD_HEADER_SIZE + kesh::ITEM_HEADER_SIZE;
   const size_t size = payload_bytes > OVERHEAD ? static_cast<size_t>(payload_bytes) - OVERHEAD : 0;
   std::string text;
   text.reserve(size + filler.size());
@@ -39,8 +49,6 @@ std::string text_of(const std::string &filler, uint64_t payload_bytes)
   text.resize(size);
   return text;
 }
-
-}  // namespace
 
 load_options load_options_parse(const nlohmann::json &request)
 {
@@ -63,6 +71,8 @@ load_options load_options_parse(const nlohmann::json &request)
   }
   return options;
 }
+
+}  // namespace
 
 load::load(service &host, const load_options &options)
     : host_(host), options_(options), ends_at_(end_of(options)), number_(++loads)
@@ -161,4 +171,28 @@ void load::take_result(const item_result &given)
   (given.fate == item_fate::applied ? totals_.acknowledged : totals_.failed)++;
 }
 
-}  // namespace kesh
+void serve_load(service &host, const nlohmann::json &request, kesh::control_peer &peer)
+{
+  const load_options options = load_options_parse(request);
+  const auto started = steady_clock::now();
+  load generator(host, options);
+  if (!peer.accept({{"node", host.configured.node_id}, {"life", kesh::hex_text(host.life, 16)}})) {
+    return;
+  }
+  while (!generator.wait(steady_clock::now() + LEFT_CHECK)) {
+    if (peer.is_gone()) {
+      return;
+    }
+  }
+  const load_totals totals = generator.totals();
+  const std::chrono::duration<double> elapsed = steady_clock::now() - started;
+  peer.send(nlohmann::json{{"lines", totals.lines},
+                           {"acknowledged", totals.acknowledged},
+                           {"failed", totals.failed},
+                           {"attempts", totals.attempts},
+                           {"seconds", elapsed.count()}}
+                .dump() +
+            '\n');
+}
+
+}  // namespace kesh_lab

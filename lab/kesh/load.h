@@ -1,4 +1,4 @@
-/// Test aid: a load generator inside the daemon. Clients that make lines, each as soon as its last one has its result.
+/// A load generator inside the daemon. Clients that make lines, each as soon as its last one has its result.
 ///
 /// The text of a line is "load L client C line N ", again and again, cut to the size.
 #pragma once
@@ -11,7 +11,7 @@
 
 #include "daemon/service.h"
 
-namespace kesh
+namespace kesh_lab
 {
 
 inline constexpr int LOAD_THREADS_MAX = 32;
@@ -33,14 +33,11 @@ struct load_totals {
   uint64_t attempts = 0;
 };
 
-/// Throws request_error.
-load_options load_options_parse(const nlohmann::json &request);
-
 class load
 {
 public:
   /// Starts the threads; throws std::system_error if one cannot be started.
-  load(service &host, const load_options &options);
+  load(kesh::service &host, const load_options &options);
   /// Waits for the lines that are on their way, at most until their deadline.
   ~load();
   load(const load &) = delete;
@@ -49,18 +46,18 @@ public:
   /// No line begins after this.
   void end() PLATFORM_EXCLUDES(lock_);
   /// Waits until all is done. False at the deadline.
-  bool wait(steady_time deadline) PLATFORM_EXCLUDES(lock_);
+  bool wait(kesh::steady_time deadline) PLATFORM_EXCLUDES(lock_);
   load_totals totals() PLATFORM_EXCLUDES(lock_);
 
 private:
   void run(uint32_t client_number) PLATFORM_EXCLUDES(lock_);
   bool take_line() PLATFORM_EXCLUDES(lock_);
-  void take_result(const item_result &given) PLATFORM_EXCLUDES(lock_);
+  void take_result(const kesh::item_result &given) PLATFORM_EXCLUDES(lock_);
   void pause(std::chrono::milliseconds length) PLATFORM_EXCLUDES(lock_);
 
-  service &host_;
+  kesh::service &host_;
   const load_options options_;
-  const steady_time ends_at_;
+  const kesh::steady_time ends_at_;
   const uint32_t number_;
   platform::mutex lock_;
   platform::condition changed_;  // ended, or a thread is done
@@ -71,4 +68,7 @@ private:
   std::vector<std::thread> threads_;  // constructor and owner only
 };
 
-}  // namespace kesh
+/// The operation of the control socket: sends {"lines","acknowledged","failed","attempts","seconds"} at the end.
+void serve_load(kesh::service &host, const nlohmann::json &request, kesh::control_peer &peer);
+
+}  // namespace kesh_lab

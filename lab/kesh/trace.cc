@@ -1,4 +1,4 @@
-#include "daemon/trace.h"
+#include "trace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 #include "items/item_text.h"
 #include "platform.h"
 
-namespace kesh
+namespace kesh_lab
 {
 
 bool trace::open(const std::string &path, uint64_t life, std::string &error)
@@ -20,10 +20,10 @@ bool trace::open(const std::string &path, uint64_t life, std::string &error)
   }
   fd_ = platform::unique_fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
   if (!fd_) {
-    error = "trace.file: " + path + ": " + strerror(errno);
+    error = "lab.trace: " + path + ": " + strerror(errno);
     return false;
   }
-  life_ = hex_text(life, 16);
+  life_ = kesh::hex_text(life, 16);
   note("begin", getpid());
   return true;
 }
@@ -44,4 +44,4 @@ void trace::write_line(const std::string &event)
   }
 }
 
-}  // namespace kesh
+}  // namespace kesh_lab

@@ -1,5 +1,5 @@
 /// The trace of a process: its calls of the library, and the library's calls of its hooks. Checkers read it afterwards.
-/// Off unless trace.file is set.
+/// Off unless lab.trace is set.
 ///
 /// Each event is one line. It is written with one write() before the process goes on, so not even a kill -9 loses what
 /// happened before. Words are separated by one blank. The first two are the time at which the line was written
@@ -25,7 +25,7 @@
 
 #include "unique_fd.h"
 
-namespace kesh
+namespace kesh_lab
 {
 
 class trace
@@ -66,4 +66,4 @@ private:
   std::string life_;
 };
 
-}  // namespace kesh
+}  // namespace kesh_lab
