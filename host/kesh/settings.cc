@@ -40,7 +40,7 @@ bool read_switch(const char *key, bool fallback, bool &value, std::string &error
 
 std::string settings::store_identity() const
 {
-  return cluster_name + ", generation " + std::to_string(generation) + ", " + first_mac + ", state.max " +
+  return cluster_name + ", generation " + std::to_string(generation) + ", " + first_mac + STATE_MAX_IN_IDENTITY +
          std::to_string(state_max);
 }
 

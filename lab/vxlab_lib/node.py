@@ -76,18 +76,20 @@ class Node:
     def configure(self, node_count):
         """Makes the node, which must be down, a node of a new cluster."""
         shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
-        programs.run(self.view(self._programs.kesh, "configure", "--config", self.path("kesh.conf"), "--nodes",
-                               str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME, "--generation",
-                               str(self.generation), "--yes"),
-                     f"configure node {self.id}", cwd=self.dir)
+        self.offline("configure", "--nodes", str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME,
+                     "--generation", str(self.generation), "--yes")
         if not self._is_durable:
             programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
 
     def reform(self, generation):
         """The node, which must be down, begins this generation of its cluster and keeps its store."""
-        programs.run(self.view(self._programs.kesh, "reform", "--config", self.path("kesh.conf"), "--generation",
-                               str(generation)), f"reform node {self.id}", cwd=self.dir)
+        self.offline("reform", "--generation", str(generation))
         self.generation = generation
+
+    def offline(self, subcommand, *arguments):
+        """Runs a command of kesh while the node is down. Returns its output. It must succeed."""
+        return programs.run(self.view(self._programs.kesh, subcommand, "--config", self.path("kesh.conf"), *arguments),
+                            f"{subcommand} node {self.id}", cwd=self.dir)
 
     def write_state(self, state):
         """Says what keepalived would say. A daemon that does not answer looks at the file later."""

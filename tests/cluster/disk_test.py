@@ -3,9 +3,11 @@ on."""
 
 import os
 import shutil
+import subprocess
 import unittest
 
 from scenario import Scenario, wait_until
+from vxlab_lib.journal import STORE_PARTS
 
 
 class Disk(Scenario):
@@ -118,10 +120,17 @@ class Disk(Scenario):
         self.cluster.stop(1)
         self.cluster.set_master(2)
         self.submit(3, 20).wait()  # which node 1 does not have: it may not go first
+        copy = self.cluster.dir.file("backup")
+        subprocess.run(self.cluster.node(2).kesh("backup", copy), cwd=self.cluster.node(2).dir, check=True)
         for node in (2, 3):
             self.cluster.stop(node)
             self.lose_disk(node, ["cons"])
             os.mkdir(self.cluster.node(node).path("flashdisk", "cons"))
+        for node in (2, 3):  # of three stores two are gone, and what they had comes from the backup
+            present = os.listdir(self.cluster.node(node).path("flashdisk"))
+            self.lose_disk(node, [one for one in STORE_PARTS if one in present])
+            self.cluster.node(node).offline("restore", copy)
+            self.assertIn("fault     none", self.cluster.node(node).offline("verify"))
         for node in (1, 2, 3):
             self.cluster.node(node).reform(2)
         self.cluster.start_all(master=1)

@@ -169,6 +169,7 @@ CASES = [
     ("a message repeated after stop", [], [lambda b: b.replace(2, "stop-return 0", "stop-return 1")], "I11"),
     ("five threads", [], [sample(3, 10, tasks={name[:15]: 1 for name in THREADS[1:]})], "I11"),
     ("already hashed", [], [in_log(1, "x(): Message 1 of node 2 already hashed. This should never happen!")], "I12"),
+    ("an alarm where nothing differs", [], [in_log(2, "cluster: DIVERGED: node 3 has another history")], "I12"),
     ("memory grows", [], [grow], "I13"),
     ("spins where it hears nobody", [], [event(20, "cut", pairs=[[1, 2], [3, 2]]), event(26, "cut", pairs=[]), spin(23)],
      "I13"),

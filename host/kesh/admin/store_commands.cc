@@ -156,7 +156,7 @@ std::string copy_marked(const store_place &place, const std::string &file)
     remove_leftover(copy);
     throw store_failure(file + " is of another cluster: " + meta.identity);
   }
-  meta.incomplete = "restored from a backup";
+  meta.incomplete = RESTORED;
   transaction writing(made);
   meta_write(made, meta);
   writing.commit();

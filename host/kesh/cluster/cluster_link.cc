@@ -52,7 +52,8 @@ hello_settings settings_of(const settings &from, std::chrono::milliseconds perio
           .node_count = from.node_count,
           .node = from.node_id,
           .session = random_number(),
-          .period = period};
+          .period = period,
+          .state_max = from.state_max};
 }
 
 bool is_usable(const hello_settings &of, uint64_t cluster_id)

@@ -217,6 +217,7 @@ std::string hello_encode(hello from)
       {"generation", from.cluster.generation},
       {"build", from.build},
       {"nodes", from.node_count},
+      {"state_max", from.state_max},
       {"node", from.node},
       {"session", from.session},
       {"number", from.number},
@@ -250,6 +251,7 @@ std::optional<hello> hello_decode(std::string_view bytes)
     read.cluster = {from.text("cluster", CLUSTER_NAME_MAX), read_mac(from), from.any<uint64_t>("generation")};
     read.build = from.any<uint32_t>("build");
     read.node_count = from.in_range<uint32_t>("nodes", 1, HELLO_NODES_MAX);
+    read.state_max = from.any<uint64_t>("state_max");
     read.node = from.in_range<uint32_t>("node", 1, read.node_count);
     read.session = from.any<uint32_t>("session");
     read.number = from.any<uint64_t>("number");

@@ -9,6 +9,7 @@
 ///     generation         which life of it
 ///     build              build number
 ///     nodes              count of nodes
+///     state_max          the key state.max, bytes: nodes that differ in it would make states that others refuse
 ///     node               number of this one, 1 to 16
 ///     session            drawn at random by each daemon, 32 bits
 ///     number             of this hello in its session, from 1
@@ -17,7 +18,7 @@
 ///     decision           the last one in the file paxos_decide, which was flushed before
 ///     top                greatest number of a decision that this node had to do with
 ///     store              number of its store, another one each time it was replaced
-///     complete           false: it skipped a payload, so its H is not that of the others, and need not be
+///     complete           false: its store waits for a state, and may lack what others have
 ///     n, hash            payloads applied, and H(n), 64 hexadecimal digits
 ///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
 ///     handled            the library's log is delivered to its end
@@ -91,6 +92,7 @@ struct hello {
   cluster_identity cluster;
   uint32_t build = 0;
   uint32_t node_count = 0;
+  uint64_t state_max = 0;
   uint32_t node = 0;
   uint32_t session = 0;
   uint64_t number = 0;

@@ -78,7 +78,7 @@ bool say_changes(const cluster_view &before, const cluster_view &now)
 
 hello_service::hello_service(hello_settings settings, hello_functions functions)
     : settings_(std::move(settings)), functions_(std::move(functions)),
-      peers_(settings_.cluster, settings_.node_count, settings_.node, settings_.session),
+      peers_(settings_.cluster, settings_.node_count, settings_.state_max, settings_.node, settings_.session),
       agreement_(settings_.node_count, functions_.own_hash)
 {
 }
@@ -207,6 +207,7 @@ void hello_service::say_hello()
   said.cluster = settings_.cluster;
   said.build = settings_.build;
   said.node_count = settings_.node_count;
+  said.state_max = settings_.state_max;
   said.node = settings_.node;
   said.session = settings_.session;
   said.number = ++number_;

@@ -24,6 +24,7 @@ struct hello_settings {
   uint32_t node = 0;
   uint32_t session = 0;  ///< drawn at random for each start of the daemon
   std::chrono::milliseconds period{1000};
+  uint64_t state_max = 0;
 };
 
 /// What only the node itself knows; hello.h says what each means.

@@ -34,7 +34,7 @@ lead_answer is_eligible(const lead_facts &node)
     return {false, node.not_yet};
   }
   if (!node.is_complete) {
-    return {false, "it skipped a payload and waits for the next state"};
+    return {false, "its store is incomplete and waits for the next state"};
   }
   if (node.is_barred) {
     return {false, "a quorum of the nodes has another history"};

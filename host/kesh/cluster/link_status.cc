@@ -61,6 +61,8 @@ json stranger_json(const std::optional<peer_view> &stranger)
                          {"mac", stranger->last.cluster.first_mac},
                          {"node", stranger->last.node},
                          {"nodes", stranger->last.node_count},
+                         {"generation", stranger->last.cluster.generation},
+                         {"state_max", stranger->last.state_max},
                          {"age_ms", stranger->age_ms}}
                   : json(nullptr);
 }

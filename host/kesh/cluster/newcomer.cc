@@ -148,7 +148,7 @@ newcomer::step newcomer::advance_reformed(const own &now)
   }
   if (const auto id = id_to_raise(now); id && !are_ids_free_) {
     waits_for_ = "its message ids are being raised";
-    return {.becomes = std::nullopt, .msg_id = id};
+    return {.becomes = std::nullopt, .msg_id = now.is_running ? id : std::nullopt};  // the library is restarted for it
   }
   are_ids_free_ = true;
   if (now.decision != 0) {

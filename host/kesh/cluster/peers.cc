@@ -41,8 +41,11 @@ hello_kind peers::kind_of(const hello &said) const
   // Another generation has other addresses.
   const bool is_same_life = said.cluster.generation == cluster_.generation;
   if (said.cluster.name != cluster_.name || (is_same_life && said.cluster.first_mac != cluster_.first_mac) ||
-      said.node_count != node_count_) {
+      said.node_count != node_count_ || said.state_max != state_max_) {
     return hello_kind::other_cluster;
+  }
+  if (said.node == node_ && !is_same_life) {
+    return hello_kind::other_cluster;  // the machine that this one replaced in a reform takes part in nothing here
   }
   if (said.node == node_) {
     return said.session == session_ ? hello_kind::own : hello_kind::own_number;

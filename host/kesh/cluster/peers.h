@@ -17,7 +17,7 @@ enum class hello_kind : uint8_t {
   other_generation,  ///< of the same cluster; its decisions and hashes mean nothing here
   other_cluster,
   own,         ///< this node's, come back
-  own_number,  ///< of another daemon with this node's number
+  own_number,  ///< of another daemon with this node's number, in this generation
   old,         ///< overtaken by a later one of the same daemon
 };
 
@@ -37,8 +37,8 @@ struct lost_decisions {
 class peers
 {
 public:
-  peers(cluster_identity cluster, uint32_t node_count, uint32_t node, uint32_t session)
-      : cluster_(std::move(cluster)), node_count_(node_count), node_(node), session_(session)
+  peers(cluster_identity cluster, uint32_t node_count, uint64_t state_max, uint32_t node, uint32_t session)
+      : cluster_(std::move(cluster)), node_count_(node_count), state_max_(state_max), node_(node), session_(session)
   {
   }
 
@@ -91,6 +91,7 @@ private:
 
   cluster_identity cluster_;
   uint32_t node_count_;
+  uint64_t state_max_;
   uint32_t node_;
   uint32_t session_;
   std::array<std::optional<heard_hello>, HELLO_NODES_MAX> last_;

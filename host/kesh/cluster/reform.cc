@@ -43,6 +43,9 @@ void store_change_identity(const std::string &path, const std::string &from, con
     throw store_failure(path + " is of another cluster: " + meta.identity);
   }
   meta.identity = to;
+  if (meta.incomplete == RESTORED) {
+    meta.incomplete.clear();  // a person wants this generation to begin with what the backup has
+  }
   transaction writing(in);
   meta_write(in, meta);
   writing.commit();

@@ -18,8 +18,8 @@
 namespace kesh
 {
 
-/// Gives a store another identity. Harmless if it has it already. No daemon may have it open. Throws a store_failure,
-/// also if it is neither of `from` nor of `to`; it is then as it was.
+/// Gives a store another identity; one that was restored is complete from then on. Harmless if it has it already. No
+/// daemon may have it open. Throws a store_failure, also if it is neither of `from` nor of `to`; it is then as it was.
 void store_change_identity(const std::string &path, const std::string &from, const std::string &to);
 
 /// What another node of this generation has said since the start of the daemon.

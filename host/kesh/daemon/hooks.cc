@@ -85,7 +85,9 @@ void adopt_state()
     hooked->states.put_aside++;
     platform::log_line(platform::log_level::error,
                        "store: the cluster's state at payload " + std::to_string(done.state_n) +
-                           " does not continue what this node had; that is kept as " + done.aside);
+                           (done.is_too_far ? " has no lines any more of payloads that this node lacked"
+                                            : " does not continue what this node had") +
+                           "; what it had is kept as " + done.aside);
   } else if (done.kind != adoption_kind::kept) {
     platform::log_line(platform::log_level::info,
                        "store: brought to payload " + std::to_string(done.state_n) + " by a state of the cluster");

@@ -83,6 +83,50 @@ std::string journal_text(const json &lines)
   return text;
 }
 
+std::string answer_text(const json &answer)
+{
+  return answer.at("yes").get<bool>() ? "yes" : "no: " + answer.at("reason").get<std::string>();
+}
+
+std::string peer_text(const json &peer)
+{
+  std::string text = "node " + number_text(peer.at("node")) + ": " + peer.at("role").get<std::string>() + ", " +
+                     peer.at("standing").get<std::string>() + ", heard " + number_text(peer.at("age_ms")) +
+                     " ms ago, decision " + number_text(peer.at("decision")) + ", payload " +
+                     number_text(peer.at("n")) + ", " + peer.at("verdict").get<std::string>();
+  if (!peer.at("is_member").get<bool>()) {
+    text += ", of generation " + number_text(peer.at("generation"));
+  }
+  if (!peer.at("complete").get<bool>()) {
+    text += ", INCOMPLETE";
+  }
+  const auto reason = peer.at("reason").get<std::string>();
+  return text + (reason.empty() ? "" : ": " + reason);
+}
+
+/// A row each of what needs a person.
+std::vector<std::string> alarms(const json &cluster)
+{
+  std::vector<std::string> found;
+  if (const json &barred = cluster.at("barred"); !barred.is_null()) {
+    found.push_back("BARRED from leading: a quorum has another history at payload " + number_text(barred.at("n")));
+  }
+  if (const json &lost = cluster.at("disk_went_back"); !lost.is_null()) {
+    found.push_back("THE DISK WENT BACK: node " + number_text(lost.at("told_by")) + " remembers decision " +
+                    number_text(lost.at("decision")) + " of this node");
+  }
+  if (const json &other = cluster.at("stranger"); !other.is_null()) {
+    found.push_back("a stranger is heard: node " + number_text(other.at("node")) + " of " +
+                    number_text(other.at("nodes")) + ", cluster \"" + other.at("cluster").get<std::string>() +
+                    "\", generation " + number_text(other.at("generation")) + ", state.max " +
+                    number_text(other.at("state_max")));
+  }
+  if (const json &count = cluster.at("hellos_with_own_number"); count != 0) {
+    found.push_back("another daemon had the number of this node, " + number_text(count) + " hellos");
+  }
+  return found;
+}
+
 std::string dropped_text(const json &dropped)
 {
   std::string text;
@@ -146,6 +190,20 @@ std::string status_text(const json &status)
   row("active", yes_no(status.at("active")) + (status.at("enabled").get<bool>() ? "" : " (no cluster configured)"));
   row("leader", yes_no(status.at("leader")));
   row("node", number_text(status.at("node_id")) + " of " + number_text(status.at("node_count")));
+  if (const json &cluster = status.at("cluster"); cluster.contains("standing")) {
+    row("cluster", cluster.at("name").get<std::string>() + ", generation " + number_text(cluster.at("generation")) +
+                       ", " + cluster.at("standing").get<std::string>());
+    row("may lead", answer_text(cluster.at("may_lead")));
+    row("may submit", answer_text(cluster.at("may_submit")));
+    const auto reason = cluster.at("reason").get<std::string>();
+    row("orders", reason.empty() ? "yes" : "no: " + reason);
+    for (const std::string &alarm : alarms(cluster)) {
+      row("", alarm);
+    }
+    for (const json &peer : cluster.at("peers")) {
+      row("", peer_text(peer));
+    }
+  }
   row("last decision", decision_text(status.at("decision")));
   row("last delivery", delivery_text(status.at("delivery")));
   row("journal", journal_text(lines));

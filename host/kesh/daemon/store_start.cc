@@ -40,10 +40,12 @@ bool may_be_reformed(const settings &configured)
 
 void create(store &lines, const settings &configured, const std::string &reason)
 {
-  lines.create();
   const library_records records = read_records();
-  if (records.decision != 0 || !records.delivered.is_none() || may_be_reformed(configured)) {
-    lines.mark_incomplete(reason);
+  const bool is_incomplete = records.decision != 0 || !records.delivered.is_none() || may_be_reformed(configured);
+  store_start start;
+  start.incomplete = is_incomplete ? reason : std::string();
+  lines.create(start);
+  if (is_incomplete) {
     log_line(log_level::error, "store: " + reason + "; this node asks the others for everything anew");
   }
 }

@@ -33,6 +33,9 @@
 namespace kesh
 {
 
+/// Before the number in an identity.
+inline constexpr char STATE_MAX_IN_IDENTITY[] = ", state.max ";
+
 struct store_settings {
   std::string path;
   std::string identity;           ///< of the cluster; a store of another one is not used
@@ -45,6 +48,8 @@ struct store_start {
   uint64_t lines = 0;
   /// Of a journal that was taken over: paxos_deliver then.
   std::optional<library_entry> taken_over{};
+  /// Why a state is needed first; empty: none is.
+  std::string incomplete{};
 };
 
 struct applied {
@@ -75,8 +80,9 @@ enum class adoption_kind {
 struct adoption {
   adoption_kind kind = adoption_kind::kept;
   uint64_t state_n = 0;
-  uint64_t added = 0;  ///< whole payloads that came with it
-  std::string aside;   ///< where the replaced store is now; empty: there was nothing in it
+  uint64_t added = 0;       ///< whole payloads that came with it
+  std::string aside;        ///< where the replaced store is now; empty: there was nothing in it
+  bool is_too_far = false;  ///< it was replaced since the state has no lines of the payloads that it lacked
 };
 
 /// Beyond any of these limits the oldest payloads go; 0 sets none. The newest RETAINED_PAYLOADS stay in any case.
@@ -114,7 +120,8 @@ public:
   /// The store is not to be used before a state came. Durable.
   void mark_incomplete(const std::string &why) PLATFORM_EXCLUDES(lock_);
 
-  /// The state at n, in memory from malloc. Throws also while the store is incomplete, or ahead of what was delivered.
+  /// The state at n, in memory from malloc. Throws also while the store is incomplete, or ahead of what was delivered;
+  /// or if its rows make no sound state: then the next open() finds it unusable.
   void encode_state(uint8_t **bytes, uint32_t *size) PLATFORM_EXCLUDES(lock_);
   /// Reads and checks a state and keeps it for commit_adopt().
   void begin_adopt(std::string_view bytes) PLATFORM_EXCLUDES(lock_);

@@ -93,6 +93,7 @@ adoption store::commit_adopt(const library_entry &after, const library_entry &en
       return result;
     }
     if (result.kind == adoption_kind::replaced) {
+      result.is_too_far = state->n > n_ && state->hash_at(n_) == hash_;
       meta.base_n = state->base_n;
       meta.base_hash = state->base_hash;
       meta.base_lines = state->base_lines;

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bytes.h"
+#include "store/state.h"
 #include "store/store.h"
 
 namespace kesh
@@ -183,6 +184,16 @@ void store::encode_state(uint8_t **bytes, uint32_t *size)
   hasher hash;
   hash.add(buffer.view());
   buffer.put(hash_bytes(hash.finish()));
+  // A row that was damaged on the disk would stop every node that is given the state.
+  try {
+    store_state made;
+    state_decode(std::string(buffer.view()), made);
+  } catch (const store_failure &fault) {
+    store_meta meta = meta_;
+    meta.damaged = std::string("no sound state can be made of it: ") + fault.what();
+    write_meta(meta);
+    throw store_failure(settings_.path + ": " + meta.damaged);
+  }
   *size = static_cast<uint32_t>(buffer.view().size());
   *bytes = buffer.release();
 }

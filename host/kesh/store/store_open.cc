@@ -7,6 +7,25 @@ namespace kesh
 
 using platform::lock_scope;
 
+namespace
+{
+
+/// A store is not put aside because somebody has edited a key.
+void check_state_max(const std::string &stored, const std::string &configured)
+{
+  const auto rest = [](const std::string &identity) {
+    return identity.substr(0, identity.rfind(STATE_MAX_IN_IDENTITY));
+  };
+  if (rest(stored) == rest(configured)) {
+    throw store_unsuited(
+        "it is of the same cluster, but with another state.max. That is the same on all nodes, for the "
+        "life of the cluster: the store has \"" +
+        stored + "\", the configuration \"" + configured + "\"");
+  }
+}
+
+}  // namespace
+
 store_found store::open(const store_settings &settings, std::string &why)
 {
   lock_scope scope(lock_);
@@ -35,7 +54,11 @@ store_found store::open(const store_settings &settings, std::string &why)
     schema_quick_check(db_);
     load();
     if (meta_.identity != settings_.identity) {
+      check_state_max(meta_.identity, settings_.identity);
       throw damaged("it is of another cluster: " + meta_.identity);
+    }
+    if (!meta_.damaged.empty()) {
+      throw damaged(meta_.damaged);
     }
     return store_found::ready;
   } catch (const store_unsuited &failure) {
@@ -66,6 +89,7 @@ void store::create(const store_start &start)
   meta.base_hash = start.hash;
   meta.base_lines = start.lines;
   meta.taken_over = start.taken_over;
+  meta.incomplete = start.incomplete;
   build(meta, nullptr);
   if (std::string why; store_file_look(settings_.path, why) != store_file::absent) {
     throw store_failure(settings_.path + " exists");

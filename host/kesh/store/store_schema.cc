@@ -40,6 +40,12 @@ public:
     return std::string(one.bytes(0));
   }
 
+  std::string text_or_none(std::string_view key)
+  {
+    query one(select_, as_text{key});
+    return one.next() ? std::string(one.bytes(0)) : std::string();
+  }
+
 private:
   static void demand(query &one, std::string_view key)
   {
@@ -90,6 +96,7 @@ store_meta meta_read(database &in)
   store_meta meta;
   meta.identity = from.text("identity");
   meta.incomplete = from.text("incomplete");
+  meta.damaged = from.text_or_none("damaged");
   meta.differs_at = from.number("differs_at");
   meta.base_n = from.number("base_n");
   meta.base_lines = from.number("base_lines");
@@ -114,6 +121,9 @@ void meta_write(database &in, const store_meta &meta)
   const auto bytes = [&put](std::string_view key, std::string_view value) { query(put, as_text{key}, value).run(); };
   query(put, as_text{"identity"}, as_text{meta.identity}).run();
   query(put, as_text{"incomplete"}, as_text{meta.incomplete}).run();
+  if (!meta.damaged.empty()) {
+    query(put, as_text{"damaged"}, as_text{meta.damaged}).run();
+  }
   number("differs_at", meta.differs_at);
   number("base_n", meta.base_n);
   bytes("base_hash", hash_bytes(meta.base_hash));

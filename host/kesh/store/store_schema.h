@@ -28,6 +28,7 @@ inline constexpr uint64_t STORE_SCHEMA_VERSION = 1;
 struct store_meta {
   std::string identity;
   std::string incomplete;   ///< why the store must not be used before a state came; empty: it may
+  std::string damaged;      ///< what was found wrong in a row; empty: nothing. The next start puts the store aside
   uint64_t differs_at = 0;  ///< a payload that was delivered again differed from this row; 0: none
   uint64_t base_n = 0;      ///< the payload before the first row
   chain_hash base_hash{};   ///< H(base_n)
@@ -39,6 +40,9 @@ struct store_meta {
   library_entry state_entry;                ///< first entry of the library's log while it was adopted
   std::optional<library_entry> taken_over;  ///< paxos_deliver when the journal of an earlier build was taken over
 };
+
+/// `incomplete` of a copy that was restored: it is whole, but others may have gone on since.
+inline constexpr char RESTORED[] = "restored from a backup";
 
 /// Makes the tables in an empty database.
 void schema_create(database &in);

@@ -16,7 +16,6 @@ from .fabric_client import FabricClient
 from .files import copy
 
 FABRIC_TIMEOUT_S = 10.0
-STATE_MAX = 1 << 30  # more bytes than the lines of any run have, so that a snapshot holds them all
 LOG_BYTES_MAX = 1 << 32  # no rotation
 DEVICE = "vx0"
 IMAGE_BYTES = 2 << 30  # a sparse file
@@ -103,7 +102,7 @@ class Arena:
 
     def settings(self, node):
         """Returns the configuration keys of one node."""
-        keys = {"state.max": STATE_MAX, "lab.trace": node.path("trace"), "log.max_size": LOG_BYTES_MAX,
+        keys = {"lab.trace": node.path("trace"), "log.max_size": LOG_BYTES_MAX,
                 "messaging.interface": DEVICE}
         keys.update({f"messaging.node[{peer}].address": self.address(peer) for peer in range(1, self.plan.nodes + 1)})
         return {**keys, **self.plan.settings.get(0, {}), **self.plan.settings.get(node.id, {})}

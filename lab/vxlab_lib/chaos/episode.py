@@ -58,7 +58,7 @@ class Episode:
         os.makedirs(work)
         self.run_info = {"seed": self.plan.seed, "nodes": self.plan.nodes,
                          "faults": self.plan.faults, "build": self.build.directory, "library": self.build.library,
-                         "started_ns": now_ns(), "options": {"load": self.plan.load, "keeps_lines": True, **self.plan.options},
+                         "started_ns": now_ns(), "options": {"load": self.plan.load, **self.plan.options},
                          "plan": self.plan.as_json()}
         self.write_run_info()
         self.events = EventLog(os.path.join(self.evidence, "events.jsonl"))

@@ -16,6 +16,7 @@ from .faults import FAULTS
 
 DURATION_S = (15.0, 40.0)
 SIZES = [1, 40, 200, 1384, 1385, 4000]
+STATES_MAX = [1 << 30, 1 << 30, 1 << 17]  # the first holds all lines of a run; the last leaves the oldest texts out
 
 
 @dataclass(frozen=True)
@@ -59,7 +60,8 @@ def make_plan(seed, nodes, faults, wanted_s=None):
     seconds = wanted_s or drawn_s
     load = {"threads": draw.choice([1, 2, 4, 8, 16, 32]) if nodes < 16 else draw.choice([1, 2]),
             "sizes": sorted(draw.sample(SIZES, draw.randint(1, len(SIZES)))), "pause_ms": 0}
-    tracks, settings, options = [], {0: dict(EVIDENCE)}, {}
+    state_max = draw.choice(STATES_MAX)
+    tracks, settings, options = [], {0: {**EVIDENCE, "state.max": state_max}}, {"keeps_lines": state_max == STATES_MAX[0]}
     for name in faults:
         fault = FAULTS[name]
         made = fault.make(draw, nodes, seconds)

@@ -201,7 +201,7 @@ def log_lines(episode, check):
         if log.size:
             check.saw("bytes of log", log.size)
         for kind, text in (("hashed", "already hashed. This should never happen!"),
-                           ("corrupted", "corrupted message set"), ("lost", "data lost - skipped")):
+                           ("corrupted", "corrupted message set"), ("lost", "data lost - skipped"), ("diverged", "DIVERGED")):
             if log.hits[kind]:
                 check.violated(f"logged \"{text}\", {len(log.hits[kind])} times", node=node, t=log.hits[kind][0].t)
         if log.hits["isolating"]:

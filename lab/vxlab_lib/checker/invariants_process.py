@@ -40,7 +40,7 @@ def _flat(episode, check, node, samples):
     if _roll_overs(samples) < ROLL_OVERS_LONG:
         return
     check.saw("long lives of processes")
-    is_steady = episode.run.get("options", {}).get("keeps_lines") is False
+    is_steady = episode.run.get("options", {}).get("is_steady")
     part = max(1, len(samples) // (3 if is_steady else 10))  # in the first third of a steady life caches still fill
     early, late = samples[part:2 * part], samples[-part:]
     where = {"t": samples[-1]["t"], "node": node}

@@ -9,6 +9,7 @@ WORDS = {
     "undelivered": rb"paxos_deliver\.tmp",  # a save of paxos_deliver failed
     "hashed": rb"already hashed\. This should never happen!",
     "corrupted": rb"corrupted message set",
+    "diverged": rb"cluster: DIVERGED",
     "attempt": rb"CONS: CONSENSOUS: propose \.\.\. ",
 }
 # DATE TIME+ZONE MONO nNODE TID level: TEXT

@@ -75,7 +75,7 @@ TEST(cluster_hello, is_this_text)
       R"("generation":3,"handled":true,"hash":")" +
       hash + R"(","heard":[[1,20,101,739],[3,5,103,0]],"ids":[7,0,9],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
       R"("nodes":3,"number":7,"reason":"no \"leader\"","role":"leader","session":102,)" +
-      R"("standing":"joined","store":1,)" + R"("top":741})";
+      R"("standing":"joined","state_max":0,"store":1,)" + R"("top":741})";
   EXPECT_EQ(hello_encode(said), text);
   EXPECT_EQ(hello_decode(text), said);
 }
@@ -258,7 +258,7 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
 
 TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 {
-  peers heard(CLUSTER, 3, 1, 101);
+  peers heard(CLUSTER, 3, 0, 1, 101);
   EXPECT_EQ(heard.heard(hello_of(2, 5, 700), 1000), hello_kind::member);
   EXPECT_EQ(heard.heard(hello_of(2, 5, 900), 1001), hello_kind::old) << "doubled or overtaken";
   hello one = hello_of(2, 1, 690);
@@ -282,6 +282,9 @@ TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
   one.cluster = CLUSTER;
   one.node_count = 4;
   EXPECT_EQ(heard.heard(one, 1600), hello_kind::other_cluster) << "its quorums are others";
+  one.node_count = 3;
+  one.state_max = 7;
+  EXPECT_EQ(heard.heard(one, 1600), hello_kind::other_cluster) << "its states are others";
   EXPECT_EQ(heard.heard(hello_of(1, 9), 1600), hello_kind::own);
 
   // Node 2 had heard this session, and decision 739 of another one; of those above only it may be believed.
@@ -297,7 +300,7 @@ TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 // A node that was restarted may hear the last hellos of its own former session.
 TEST(cluster_peers, a_double_is_one_that_goes_on)
 {
-  peers heard(CLUSTER, 3, 1, 101);
+  peers heard(CLUSTER, 3, 0, 1, 101);
   hello one = hello_of(1, 9);
   one.session = 77;
   one.heard = {{1, 0, 101, 5000}};
@@ -311,6 +314,8 @@ TEST(cluster_peers, a_double_is_one_that_goes_on)
   EXPECT_FALSE(heard.has_double(11000));
   EXPECT_EQ(heard.heard(one, 11000), hello_kind::own_number);
   EXPECT_FALSE(heard.has_lasting_double(11000));
+  one.cluster.generation = 2;
+  EXPECT_EQ(heard.heard(one, 11000), hello_kind::other_cluster) << "the machine that this one replaced in a reform";
   EXPECT_EQ(heard.disk_went_back(0), std::nullopt) << "it is no other member";
 }
 

@@ -101,6 +101,20 @@ TEST_F(store_files_test, tells_a_damaged_store_from_somebodys_file)
   EXPECT_EQ(look("good"), store_found::ready);
 }
 
+TEST_F(store_files_test, is_not_put_aside_because_a_key_was_edited)
+{
+  kesh::store_settings as = settings("a");
+  as.identity = "blue, state.max 1000";
+  kesh::store made;
+  ASSERT_EQ(made.open(as, why), kesh::store_found::absent);
+  made.create();
+  made.close();
+  as.identity = "blue, state.max 2000";
+  EXPECT_THROW(kesh::store().open(as, why), kesh::store_unsuited);
+  as.identity = "red, state.max 1000";
+  EXPECT_EQ(kesh::store().open(as, why), kesh::store_found::unusable);
+}
+
 TEST_F(store_files_test, is_used_by_one_daemon_and_written_by_nobody_else)
 {
   auto store = open("a");

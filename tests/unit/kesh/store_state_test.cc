@@ -107,6 +107,23 @@ TEST_F(store_state_test, replaces_a_store_that_differed)
   expect_same(*a, *b);
 }
 
+// Given on, it would stop every node.
+TEST_F(store_state_test, gives_no_state_of_a_damaged_row)
+{
+  make("a", 5, 0).reset();
+  {
+    kesh::database in(path("a"), kesh::database::mode::read_write);
+    kesh::statement damage(in, "UPDATE item SET text = 'tezt' WHERE n = 3");
+    kesh::query(damage).run();
+  }
+  auto a = open("a");
+  a->set_cursor(6);
+  EXPECT_THROW(state_of(*a), kesh::store_failure);
+  a.reset();
+  EXPECT_EQ(kesh::store().open(settings("a"), why), kesh::store_found::unusable);
+  EXPECT_NE(why.find("no sound state can be made of it"), std::string::npos) << why;
+}
+
 TEST_F(store_state_test, refuses_what_is_no_state)
 {
   auto a = make("a", 3, 0);

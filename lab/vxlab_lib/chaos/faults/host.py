@@ -38,7 +38,7 @@ def many_threads(draw, nodes, seconds):
 def long_life(_draw, _nodes, _seconds):
     """No fault: a steady load, and so few lines kept that nothing may grow."""
     return Made(settings={0: {"state.max": 1 << 20, "retention.lines": 200}},
-                load={"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}, options={"keeps_lines": False})
+                load={"threads": 3, "sizes": [200, 200, 200, 3000], "pause_ms": 60}, options={"keeps_lines": False, "is_steady": True})
 
 
 FAULTS = [
