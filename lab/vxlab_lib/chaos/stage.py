@@ -122,6 +122,7 @@ class Stage:
             self._rules, self._cuts = {}, {}
             self.fabric.ask("rules", rules=[])
             self.fabric.ask("cut", pairs=[])
+            self.events.add("cut", pairs=[])
 
     # ---- processes
 
