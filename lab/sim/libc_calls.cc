@@ -12,7 +12,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "context.h"
 
@@ -431,6 +433,60 @@ int queue_send(int, const void *, size_t, int)
   return 0;
 }
 
+// --- Memory. What the host gives to the library, such as a state, is not counted.
+
+void *counted(void *block, size_t size)
+{
+  if (block != nullptr) {
+    here().blocks[block] = size;
+    here().block_bytes += size;
+  }
+  return block;
+}
+
+void forget(const void *block)
+{
+  const auto found = here().blocks.find(block);
+  if (found != here().blocks.end()) {
+    here().block_bytes -= found->second;
+    here().blocks.erase(found);
+  }
+}
+
+void *memory_allocate(size_t size)
+{
+  return counted(std::malloc(size), size);
+}
+
+void *memory_allocate_zeros(size_t count, size_t size)
+{
+  return counted(std::calloc(count, size), count * size);
+}
+
+void *memory_resize(void *block, size_t size)
+{
+  const size_t before = here().blocks.contains(block) ? here().blocks[block] : 0;
+  forget(block);
+  void *const now = std::realloc(block, size);
+  return now == nullptr && before != 0 ? (counted(block, before), nullptr) : counted(now, size);
+}
+
+void memory_free(void *block)
+{
+  forget(block);
+  std::free(block);
+}
+
+void *object_new(size_t size, const std::nothrow_t &)
+{
+  return memory_allocate(size);
+}
+
+void object_delete(void *object, size_t)
+{
+  memory_free(object);
+}
+
 template <typename function>
 std::pair<const char *, void *> stands_for(const char *name, function instead)
 {
@@ -472,6 +528,12 @@ redirections libc_calls()
       stands_for("opendir", directory_open),
       stands_for("readdir", directory_read),
       stands_for("closedir", directory_close),
+      stands_for("malloc", memory_allocate),
+      stands_for("calloc", memory_allocate_zeros),
+      stands_for("realloc", memory_resize),
+      stands_for("free", memory_free),
+      stands_for("_ZnwmRKSt9nothrow_t", object_new),
+      stands_for("_ZdlPvm", object_delete),
       stands_for("msgget", queue_get),
       stands_for("msgsnd", queue_send),
   };

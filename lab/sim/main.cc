@@ -111,7 +111,7 @@ void print_line(const seed_result &one)
 {
   std::printf(
       "seed %llu: %s, %u decisions, %llu roll-overs, %llu acknowledged, %llu lost, %u faults, %.3f s, %llu calls, "
-      "%llu hand-overs, hash %016llx\n",
+      "%llu hand-overs, %llu KiB, hash %016llx\n",
       static_cast<unsigned long long>(one.options.seed),
       one.has_crashed          ? "CRASHED"
       : one.result.is_violated ? one.result.invariant
@@ -120,6 +120,7 @@ void print_line(const seed_result &one)
       static_cast<unsigned long long>(one.result.acknowledged), static_cast<unsigned long long>(one.result.lost),
       one.result.faults_done, static_cast<double>(one.result.virtual_us) / 1e6,
       static_cast<unsigned long long>(one.result.steps), static_cast<unsigned long long>(one.result.hand_overs),
+      static_cast<unsigned long long>(one.result.memory >> 10),
       static_cast<unsigned long long>(one.result.hash));
 }
 

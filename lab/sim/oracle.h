@@ -6,13 +6,13 @@
 ///   acknowledged what was acknowledged is in the order, and its node has it
 ///   decision     one decision number has one log, on every disk and in every datagram
 ///   round        one round of a register carries one value
-///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back;
-///   whoever
-///                writes a round has promised it; the file of a payload in the log is not removed
+///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back; who
+///                writes in a round has promised it; the file of a payload in the log is not removed
 ///   numbers      in a node's files no number falls
 ///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
 ///   verdict      stop returns in time, and after it all calls have returned
 ///   waiting      no thread waits for a mutex for ever; after cleanup no thread is left
+///   memory       at rest a library holds little; after cleanup nothing
 ///
 /// Without durable payloads a payload may be lost with the processes that held it, which the library says in its log,
 /// or be ordered again by a leader that forgot its decision. From then on order and loss are not judged in this run.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "library_copy.h"
@@ -50,6 +51,8 @@ struct node_run : process {
   std::map<int, open_file> files;
   int last_file = 100;
   uint32_t open_calls = 0;  ///< of vx_cons_distribute
+  std::unordered_map<const void *, size_t> blocks;  ///< memory that the library has allocated
+  uint64_t block_bytes = 0;                         ///< the sum of it
 
   bool is_initialised = false;
   bool is_starting = false;       ///< init or start runs

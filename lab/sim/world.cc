@@ -17,6 +17,15 @@ constexpr int64_t LOOK_EVERY_US = 20'000;
 constexpr int64_t HEAL_LIMIT_US = 120 * S;
 constexpr int64_t STALL_LIMIT_US = 120 * S;
 constexpr int64_t RUN_LIMIT_US = 3600 * S;
+// A log has 250 payloads, in memory each is an entry and a buffer; a state has 300 KB at most.
+constexpr uint64_t MEMORY_AT_REST = 1 << 20;
+constexpr size_t BLOCKS_AT_REST = 700;
+constexpr size_t BLOCKS_AFTER_CLEANUP = 1;  // the buffer in which registers are saved
+
+std::string held(const node_run &by)
+{
+  return std::to_string(by.block_bytes) + " bytes in " + std::to_string(by.blocks.size()) + " blocks are held";
+}
 
 load drawn_load(draw &choices, const run_options &options)
 {
@@ -177,6 +186,7 @@ run_result world::result() const
   so_far.roll_overs = judge_.roll_overs();
   so_far.virtual_us = clock_.now_us();
   so_far.faults_done = static_cast<uint32_t>(done_.size());
+  so_far.memory = memory_;
   return so_far;
 }
 
@@ -286,6 +296,13 @@ void world::heal()
   if (!wait_until([this, &why] { return judge_.is_healed(nodes_, why); }, HEAL_LIMIT_US)) {
     report("healing", 0, why);
   }
+  clock_.sleep_for(3 * S, "world");  // superseded payloads go within a second or so
+  for (const std::unique_ptr<sim_node> &one : nodes_) {
+    memory_ = std::max(memory_, one->run->block_bytes);
+    if (one->run->block_bytes > MEMORY_AT_REST || one->run->blocks.size() > BLOCKS_AT_REST) {
+      report("memory", one->number, held(*one->run) + " at rest");
+    }
+  }
 }
 
 void world::end_service()
@@ -308,6 +325,9 @@ void world::end_service()
   for (const std::unique_ptr<sim_node> &one : nodes_) {
     if (one->run->is_initialised) {
       report("verdict", one->number, "cleanup does not return");
+    }
+    if (one->run->blocks.size() > BLOCKS_AFTER_CLEANUP) {
+      report("memory", one->number, held(*one->run) + " after cleanup");
     }
   }
 }

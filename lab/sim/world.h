@@ -40,6 +40,7 @@ struct run_result {
   uint64_t roll_overs = 0;
   int64_t virtual_us = 0;
   uint32_t faults_done = 0;
+  uint64_t memory = 0;  ///< most bytes that a node's library held at rest, after healing
 };
 
 class world
@@ -92,6 +93,7 @@ private:
   std::vector<std::unique_ptr<sim_node>> nodes_;
   std::vector<planned_fault> plan_;
   std::vector<std::string> done_;
+  uint64_t memory_ = 0;
   std::vector<undo> undos_;
   size_t next_fault_ = 0;
   uint32_t victim_ = 0;
