@@ -6,8 +6,9 @@ import shutil
 import subprocess
 import unittest
 
-from scenario import Scenario, wait_until
+from scenario import BUILD_DIR, Scenario, wait_until
 from vxlab_lib.journal import STORE_PARTS
+from vxlab_lib.node import write_by_rename
 
 
 class Disk(Scenario):
@@ -137,6 +138,29 @@ class Disk(Scenario):
         wait_until(lambda: " payloads, and goes first" in self.log_of(1), 20.0, "node 1 must not lead")
         self.cluster.set_master(2)
         self.submit(1, 20).wait()
+        self.check_all()
+
+    def test_a_node_that_dies_or_fails_at_any_step_of_a_delivery_goes_on(self):
+        node = self.cluster.node(3)
+        rules = node.path("disk_faults")
+        self.cluster.stop(3)
+        node.environment = {"LD_PRELOAD": os.path.join(BUILD_DIR, "lib", "libvx_disk_faults.so"), "VX_DISK_FAULTS": rules}
+        for rule, exit_code in (("kill_before write:host/kesh.store-wal 1", -9),  # in the hook, nothing committed
+                                ("kill_before sync:host/kesh.store-wal 1", -9),
+                                ("kill_after sync:host/kesh.store-wal 1", -9),  # committed; the hook has not returned
+                                ("kill_before rename:paxos_deliver 1", -9),  # it has returned, and that is not saved
+                                ("kill_after rename:paxos_deliver 1", -9),
+                                ("eio host/kesh.store*", 7)):  # the commit fails, so the hook must not return
+            with self.subTest(rule):
+                self.cluster.start(3)
+                self.submit(3, 2).wait()
+                write_by_rename(rules, rule + "\n")
+                self.submit(1, 10).wait()
+                wait_until(lambda: not self.cluster.processes()[3]["running"], 20.0, "node 3 ends")
+                self.assertEqual(self.cluster.processes()[3]["exit_code"], exit_code)
+                os.remove(rules)
+        self.cluster.start(3)
+        self.submit(3, 10).wait()
         self.check_all()
 
     def test_a_file_of_somebody_else_is_not_touched(self):

@@ -241,34 +241,47 @@ TEST_F(registers, decide_the_own_value_on_a_fresh_register)
   consensus_free(instance);
 }
 
-// Taking the own value instead, or the value of a lower round, replaces what was decided.
+// Taking the own value instead, or the value of a lower round, or that of the first answer, replaces what was decided.
 TEST_F(registers, decide_the_value_of_the_highest_write_round_read)
 {
   be_node(1, 5);
   fake::set_loopback(false);
-  consensus *instance = consensus_create(5);
-  bytes decision;
-  auto result = propose(instance, 6, P, &decision);
-  ASSERT_TRUE(wait_sent(wire::READ_REQ));
-  fake::inject(3, 2, wire::read_ack(5, 6, 0, P));
-  fake::inject(3, 3, wire::read_ack(5, 6, 3, Q));
-  fake::inject(3, 3, wire::read_ack(5, 6, 5, P));  // the same node twice counts once
-  fake::inject(3, 5, wire::read_ack(5, 1, 5, P));  // another round
-  fake::inject(3, 0, wire::read_ack(5, 6, 5, P));  // nobody
-  fake::inject(3, 17, wire::read_ack(5, 6, 5, P));
-  ASSERT_TRUE(fake::settle());
-  EXPECT_TRUE(fake::sent(3, wire::WRITE_REQ).empty());
-  fake::inject(3, 4, wire::read_ack(5, 6, 2, P));
-  ASSERT_TRUE(wait_sent(wire::WRITE_REQ));
-  EXPECT_EQ(fake::queued(3, 5)[0].payload, wire::write_req(5, 6, Q));
-  // The own acceptor has not heard of the round by the wire, but its promise must be on disk before a value goes out.
-  EXPECT_EQ(files::read("rb_reg.5"), words({6, 0, 0}));
-  for (uint32_t id = 2; id <= 4; ++id) {
-    fake::inject(3, id, wire::reg(wire::WRITE_ACK, 5, 6));
-  }
-  EXPECT_EQ(result.get(), RB_REG_COMMITTED);
-  EXPECT_EQ(decision, Q);
-  consensus_free(instance);
+  const std::map<uint32_t, std::pair<uint32_t, bytes>> read = {{2, {0, P}}, {3, {3, Q}}, {4, {2, P}}};
+  std::vector<uint32_t> order = {2, 3, 4};
+  uint32_t id = 5;
+  const auto asks = [&id](uint8_t type) {
+    const auto queued = fake::queued(3, id);
+    return queued.size() == 1 && queued[0].payload[0] == type;
+  };
+  do {
+    consensus *instance = consensus_create(id);
+    bytes decision;
+    auto result = propose(instance, 6, P, &decision);
+    ASSERT_TRUE(fake::wait_for([&] { return asks(wire::READ_REQ); }));
+    for (const uint32_t node : order) {
+      ASSERT_TRUE(fake::settle());
+      EXPECT_TRUE(asks(wire::READ_REQ));
+      const auto &[write_round, value] = read.at(node);
+      fake::inject(3, node, wire::read_ack(id, 6, write_round, value));
+      if (node != order.back()) {
+        fake::inject(3, node, wire::read_ack(id, 6, 5, P));  // the same node twice counts once
+        fake::inject(3, 5, wire::read_ack(id, 1, 5, P));     // another round
+        fake::inject(3, 0, wire::read_ack(id, 6, 5, P));     // nobody
+        fake::inject(3, 17, wire::read_ack(id, 6, 5, P));
+      }
+    }
+    ASSERT_TRUE(fake::wait_for([&] { return asks(wire::WRITE_REQ); }));
+    EXPECT_EQ(fake::queued(3, id)[0].payload, wire::write_req(id, 6, Q));
+    // The own acceptor has not heard of the round by the wire, but its promise must be on disk before a value goes out.
+    EXPECT_EQ(files::read("rb_reg." + std::to_string(id)), words({6, 0, 0}));
+    for (const uint32_t node : order) {
+      fake::inject(3, node, wire::reg(wire::WRITE_ACK, id, 6));
+    }
+    EXPECT_EQ(result.get(), RB_REG_COMMITTED);
+    EXPECT_EQ(decision, Q);
+    consensus_free(instance);
+    ++id;
+  } while (std::next_permutation(order.begin(), order.end()));
 }
 
 // After a crash the node begins in a round it has not used: it must not find the round of an earlier value unused.
