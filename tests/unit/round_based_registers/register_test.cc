@@ -1,6 +1,8 @@
 // The register table, the register protocol and the consensus instance on top, with the other nodes' messages by hand.
 
+#include <algorithm>
 #include <future>
+#include <map>
 
 #include "layer_fixture.h"
 #include "round_based_registers/consensus.h"
