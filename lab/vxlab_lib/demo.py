@@ -5,7 +5,7 @@ import os
 import time
 from collections import Counter
 
-from . import checker
+from . import checker, programs
 from .durable_save import measure_save_us, percentile
 from .errors import CheckFailed, LabError
 from .progress import bar
@@ -80,11 +80,16 @@ class Demo:
     def _exchange_messages(self):
         """Sends one cluster message from each node. Every node must hear all three, its own included."""
         for node in self._cluster.nodes.values():
-            node.control.say(f"node {node.id} greets the cluster")
+            programs.run(node.kesh("say", f"node {node.id} greets the cluster"), "send a cluster message", cwd=node.dir)
         for node in self._cluster.nodes.values():
-            wait_until(lambda node=node: len({sender for sender, _ in node.control.heard()}) == NODES, 5.0,
+            wait_until(lambda node=node: self._has_heard_all(node), 5.0,
                        f"node {node.id} has heard a cluster message of every node")
         self._progress.say("cluster messages: each node greeted, each heard all three")
+
+    @staticmethod
+    def _has_heard_all(node):
+        heard = programs.run(node.kesh("heard"), "print the cluster messages", cwd=node.dir)
+        return all(f"node {sender} greets the cluster" in heard for sender in range(1, NODES + 1))
 
     def _acknowledged_count(self):
         return sum(len(part.acknowledged) for part in self._submissions)
