@@ -76,7 +76,13 @@ public:
     const alone_scope scope(queue_lock_);
     queue_.reset();
     if (bytes_max != 0) {
-      queue_ = std::make_unique<log_queue>(bytes_max, [this](const log_record &line) { write(line); });
+      queue_ = std::make_unique<log_queue>(
+          bytes_max, [this](const log_record &line) { write(line); },
+          [this](uint64_t count) {
+            return record(log_level::warning,
+                          "log: " + std::to_string(count) +
+                              " lines before this one were dropped: the disk was too slow for them");
+          });
     }
   }
   void set_level(log_level level) { level_ = level; }
@@ -88,8 +94,7 @@ public:
     if (!text.empty() && text.back() == '\n') {
       text.remove_suffix(1);
     }
-    log_record made{std::chrono::system_clock::now(), level, head(level)};
-    made.text += text;
+    log_record made = record(level, text);
     const shared_scope scope(queue_lock_);
     if (queue_) {
       queue_->push(std::move(made));
@@ -109,6 +114,13 @@ public:
   }
 
 private:
+  log_record record(log_level level, std::string_view text) const
+  {
+    log_record made{std::chrono::system_clock::now(), level, head(level)};
+    made.text += text;
+    return made;
+  }
+
   /// "68234.123456 n2 18477 info: ": the monotonic clock, the node, the thread.
   std::string head(log_level level) const
   {

@@ -5,8 +5,8 @@
 namespace platform
 {
 
-log_queue::log_queue(size_t bytes_max, writer write)
-    : bytes_max_(bytes_max), write_(std::move(write)), thread_([this] { run(); })
+log_queue::log_queue(size_t bytes_max, writer write, drop_teller tell_drop)
+    : bytes_max_(bytes_max), write_(std::move(write)), tell_drop_(std::move(tell_drop)), thread_([this] { run(); })
 {
 }
 
@@ -54,12 +54,6 @@ uint64_t log_queue::dropped()
   return dropped_;
 }
 
-void log_queue::note_dropped(uint64_t count) const
-{
-  write_({std::chrono::system_clock::now(), log_level::warning,
-          "log: " + std::to_string(count) + " lines before this one were dropped: the disk was too slow for them"});
-}
-
 void log_queue::run()
 {
   std::vector<log_record> lines;
@@ -85,7 +79,7 @@ void log_queue::run()
       write_(line);
     }
     if (dropped != told) {
-      note_dropped(dropped - std::exchange(told, dropped));
+      write_(tell_drop_(dropped - std::exchange(told, dropped)));
     }
   }
 }

@@ -26,9 +26,11 @@ class log_queue
 {
 public:
   using writer = std::function<void(const log_record &line)>;
+  using drop_teller = std::function<log_record(uint64_t count)>;
 
-  /// `bytes_max`: of texts that wait. `write` is called on the queue's thread, with no lock held.
-  log_queue(size_t bytes_max, writer write);
+  /// `bytes_max`: of texts that wait. `write` is called on the queue's thread, with no lock held, and so is
+  /// `tell_drop`, which makes the line about lines that were dropped.
+  log_queue(size_t bytes_max, writer write, drop_teller tell_drop);
   /// Writes what waits.
   ~log_queue();
 
@@ -41,10 +43,10 @@ public:
 
 private:
   void run() PLATFORM_EXCLUDES(lock_);
-  void note_dropped(uint64_t count) const;
 
   const size_t bytes_max_;
   const writer write_;
+  const drop_teller tell_drop_;
   mutex lock_;
   condition pushed_;
   condition written_cond_;
