@@ -27,7 +27,9 @@ def read_word(path):
 
 class Node:
     def __init__(self, node_id, run_dir, build, holder):
-        self.id = node_id
+        self.id = node_id  # in the laboratory
+        self.number = node_id  # in its cluster
+        self.cluster_name = CLUSTER_NAME
         self.dir = run_dir.node(node_id)
         self._programs = build
         self._holder = holder
@@ -76,8 +78,8 @@ class Node:
     def configure(self, node_count):
         """Makes the node, which must be down, a node of a new cluster."""
         shutil.rmtree(self.path("flashdisk", UNDO), ignore_errors=True)
-        self.offline("configure", "--nodes", str(node_count), "--id", str(self.id), "--cluster", CLUSTER_NAME,
-                     "--generation", str(self.generation), "--yes")
+        self.offline("configure", "--nodes", str(node_count), "--id", str(self.number),
+                     "--cluster", self.cluster_name, "--generation", str(self.generation), "--yes")
         if not self._is_durable:
             programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
 

@@ -8,6 +8,7 @@ import sqlite3
 import subprocess
 import time
 import unittest
+import zlib
 
 from scenario import Scenario, wait_until
 
@@ -42,6 +43,28 @@ class Operator(Scenario):
         peers = self.cluster.status(1)["cluster"]["peers"]
         return next((one["decision"] for one in peers if one["node"] == node), None)
 
+    def test_the_journal_of_an_earlier_build_is_taken_over_once(self):
+        self.submit(1, 20).wait()
+        self.check_all()
+        records = [f"L {number} {number:016x} 1.00000000000000ff.{number} 1 old {number}" for number in range(1, 41)]
+        old = "".join(f"{zlib.crc32(record.encode()):08x} {record}\n" for record in records)
+        for node in (1, 2, 3):
+            self.cluster.stop(node)
+            os.remove(self.path_of(node, "kesh.store"))
+            with open(self.path_of(node, "journal"), "w", encoding="ascii") as file:
+                file.write(old)
+        self.submissions.clear()
+        self.cluster.start_all(master=1)
+        self.submit(2, 300, window=1).wait()
+        self.assertEqual([(one.base, one.count) for one in self.check_all()], [(40, 340)] * 3)
+        self.cluster.stop(3)
+        os.remove(self.path_of(3, "kesh.store"))  # now the others tell it, not its old journal
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        self.assertEqual([(one.base, one.count) for one in self.check_all()], [(40, 360)] * 3)
+        with open(self.path_of(3, "journal"), encoding="ascii") as file:
+            self.assertEqual(file.read(), old)
+
     def test_a_disk_of_yesterday_stops_its_node(self):
         self.submit(3, 20).wait()
         self.cluster.stop(3)
@@ -62,6 +85,11 @@ class Operator(Scenario):
         self.cluster.start(3)
         self.submit(3, 20).wait()
         self.check_all()
+
+    def code_of(self, node, *arguments, timeout_s=20):
+        one = self.cluster.node(node)
+        return subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=False,
+                              timeout=timeout_s).returncode
 
     def kesh_submit(self, node, text, timeout_s):
         """Returns (exit code, seconds) of a submission of this text."""
@@ -88,12 +116,13 @@ class Operator(Scenario):
         for client in abandoned:
             client.kill()
             client.communicate()
-        for arguments in (["status"], ["health"]):
-            subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=False, timeout=5)
+        for subcommand in ("status", "health"):
+            self.assertEqual(self.code_of(1, subcommand, timeout_s=5), 0)
         code, seconds = self.kesh_submit(1, b"behind them\n", 1)
         self.assertIn(code, (REFUSED, UNKNOWN))
         self.assertLess(seconds, 3)
         began = time.monotonic()
+        self.assertEqual(self.code_of(1, "leave"), 0)
         self.assertEqual(self.cluster.stop(1), 0)
         self.assertLess(time.monotonic() - began, 10)
         self.cluster.start_all(master=1)
@@ -103,20 +132,15 @@ class Operator(Scenario):
     def test_commands_notice_a_daemon_that_hangs_or_dies(self):
         self.submit(1, 20).wait()
         one = self.cluster.node(1)
-
-        def code_of(*arguments):
-            return subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=False,
-                                  timeout=20).returncode
-
-        self.assertEqual((code_of("journal"), code_of("heard")), (0, 0))
+        self.assertEqual((self.code_of(1, "journal"), self.code_of(1, "heard")), (0, 0))
         with subprocess.Popen(one.kesh("journal", "--follow"), cwd=one.dir, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL) as follows:
             for _ in range(20):
                 self.assertTrue(follows.stdout.readline())
             one.signal(signal.SIGSTOP)
-            self.assertEqual(code_of("leave", "--timeout", "0.2"), UNREACHABLE)
-            self.assertEqual(code_of("stop", "--timeout", "0.2"), UNREACHABLE)
-            self.assertEqual(code_of("vrrp", "MASTER"), 0)
+            self.assertEqual(self.code_of(1, "leave", "--timeout", "0.2"), UNREACHABLE)
+            self.assertEqual(self.code_of(1, "stop", "--timeout", "0.2"), UNREACHABLE)
+            self.assertEqual(self.code_of(1, "vrrp", "MASTER"), 0)
             self.cluster.kill(1)
             self.assertEqual(follows.wait(10), UNREACHABLE)
 

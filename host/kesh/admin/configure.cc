@@ -138,6 +138,12 @@ int write_cluster(const configure_options &options)
   return EXIT_OK;
 }
 
+void say_reformed(const configure_options &done)
+{
+  printf("node %u of %u keeps its store in generation %llu of cluster %s\n", done.node_id, done.node_count,
+         static_cast<unsigned long long>(done.generation), done.cluster_name.c_str());
+}
+
 }  // namespace
 
 int configure_run(const configure_options &given)
@@ -204,7 +210,14 @@ int reform_run(const reform_options &given)
   reformed.generation = options.generation;
   reformed.first_mac = options.macs.front();
   const std::string command = "kesh reform --generation " + std::to_string(given.generation);
+  const standing_file standing_kept(CONS_DIRECTORY, configured_cluster(reformed));
   if (goes_on && interrupted_configuration(configured.store_path) != command) {
+    std::string error;
+    const auto kept = standing_kept.read(error);
+    if (kept && kept->stands == standing::reformed) {  // all but its last word was done
+      say_reformed(options);
+      return EXIT_OK;
+    }
     return fail(EXIT_REFUSED, "the present generation is " + std::to_string(configured.generation) +
                                   ": give a greater one, the same on all nodes");
   }
@@ -213,8 +226,7 @@ int reform_run(const reform_options &given)
     if (const int code = write_cluster(options); code != EXIT_OK) {
       return code;
     }
-    const standing_file file(CONS_DIRECTORY, configured_cluster(reformed));
-    return file.write({standing::reformed, {}}, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
+    return standing_kept.write({standing::reformed, {}}, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
   };
   const int code = configure_steps_run({.command = command,
                                         .yes = given.yes,
@@ -227,8 +239,7 @@ int reform_run(const reform_options &given)
                                             },
                                         .write_cluster = write});
   if (code == EXIT_OK) {
-    printf("node %u of %u keeps its store in generation %llu of cluster %s\n", options.node_id, options.node_count,
-           static_cast<unsigned long long>(options.generation), options.cluster_name.c_str());
+    say_reformed(options);
   }
   return code;
 }

@@ -28,6 +28,13 @@ global_defs {{
   enable_script_security
   vrrp_garp_master_delay 0
 }}
+vrrp_script eligible {{
+  script {check}
+  interval 1
+  timeout 4
+  fall 2
+  rise 1
+}}
 vrrp_instance cluster {{
   state BACKUP
   interface {device}
@@ -37,6 +44,9 @@ vrrp_instance cluster {{
   virtual_ipaddress {{
     10.81.0.100/24
   }}
+  track_script {{
+    eligible
+  }}
   notify {notify}
 }}
 """
@@ -45,6 +55,12 @@ vrrp_instance cluster {{
 NOTIFY = """\
 #!/bin/sh
 exec {kesh} vrrp "$3"
+"""
+
+# A node that may not lead is passed over.
+CHECK = """\
+#!/bin/sh
+exec {kesh} health --eligible >/dev/null
 """
 
 
@@ -156,13 +172,14 @@ class Arena:
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
 
     def _write_keepalived(self, node):
-        text = KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id,
-                                      notify=node.path("notify"))
+        notify, check = node.path("notify"), node.path("check")
         with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
-            file.write(text)
-        with open(node.path("notify"), "w", encoding="utf-8") as file:
-            file.write(NOTIFY.format(kesh=self.cluster.programs.kesh))
-        os.chmod(node.path("notify"), 0o700)
+            file.write(KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id, notify=notify,
+                                              check=check))
+        for path, script in ((notify, NOTIFY), (check, CHECK)):
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(script.format(kesh=self.cluster.programs.kesh))
+            os.chmod(path, 0o700)
 
     def start_keepalived(self, node_id):
         """Starts keepalived in the node's view. In its own process id namespace, so that its helpers end with it."""
