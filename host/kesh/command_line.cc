@@ -202,7 +202,9 @@ struct command_line {
     again.add_option("--generation", reform.generation, "the new one, the same on all nodes")
         ->required()
         ->check(CLI::Range(uint64_t{1}, GENERATION_MAX));
-    again.add_flag("--yes", reform.yes, "give up another command that was interrupted");
+    again.add_option("--without", reform.without, "a node whose store is lost for good, so that nobody waits for it");
+    again.add_flag("--yes", reform.yes,
+                   "give up another command that was interrupted, and what is decided and not applied here");
 
     add_life_cycle("start", "Join the cluster: after kesh.start = no, kesh leave, or when the node had to leave.");
     add_life_cycle("leave", "Leave the cluster: stop the protocol, not the daemon. This node goes on voting.");

@@ -238,6 +238,20 @@ int unlink_path(const char *path, call make)
                    [&] { return static_cast<int>(disk_faults::undo_unlink(path, make)); });
 }
 
+template <typename call>
+int rename_path(const char *from, const char *to, call make)
+{
+  if (!is_ours(to)) {
+    return make();
+  }
+  file_name name;
+  if (name_of(to, name) && !is_host_file(name)) {
+    renamed_last = name;
+  }
+  return carry_out(judge_named(disk_call::rename, name),
+                   [&] { return static_cast<int>(disk_faults::undo_rename(from, to, make)); });
+}
+
 }  // namespace
 
 extern "C" {
@@ -311,16 +325,14 @@ ssize_t pwrite(int fd, const void *bytes, size_t size, off_t offset)
 int rename(const char *from, const char *to) noexcept
 {
   static auto *const real = next<int(const char *, const char *)>("rename");
-  if (!is_ours(to)) {
-    return real(from, to);
-  }
-  file_name name;
-  if (name_of(to, name) && !is_host_file(name)) {
-    renamed_last = name;
-  }
-  auto make = [&] { return real(from, to); };
-  return carry_out(judge_named(disk_call::rename, name),
-                   [&] { return static_cast<int>(disk_faults::undo_rename(from, to, make)); });
+  return rename_path(from, to, [&] { return real(from, to); });
+}
+
+int renameat2(int from_directory, const char *from, int to_directory, const char *to, unsigned flags) noexcept
+{
+  static auto *const real = next<int(int, const char *, int, const char *, unsigned)>("renameat2");
+  const auto make = [&] { return real(from_directory, from, to_directory, to, flags); };
+  return from_directory == AT_FDCWD && to_directory == AT_FDCWD ? rename_path(from, to, make) : make();
 }
 
 int unlink(const char *path) noexcept

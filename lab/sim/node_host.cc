@@ -305,7 +305,7 @@ void node_host::stop_service(sim_node &node)
 
 void node_host::start_service(sim_node &node)
 {
-  if (node.run != nullptr) {
+  if (node.run != nullptr && node.run->library.init != nullptr) {  // else its main thread is about to
     node_run &run = *node.run;
     sim_context.clock->create(&run, "host-start", [this, &run] { bring_up(run); });
   }

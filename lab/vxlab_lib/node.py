@@ -83,9 +83,9 @@ class Node:
         if not self._is_durable:
             programs.set_key(self.path("kesh.conf"), programs.DURABLE_KEY, "no")
 
-    def reform(self, generation):
+    def reform(self, generation, *options):
         """The node, which must be down, begins this generation of its cluster and keeps its store."""
-        self.offline("reform", "--generation", str(generation))
+        self.offline("reform", "--generation", str(generation), *options)
         self.generation = generation
 
     def offline(self, subcommand, *arguments):

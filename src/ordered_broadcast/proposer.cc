@@ -214,8 +214,8 @@ bool commit(proposal &p, const cons_value &decision)
   }
   if (!p.is_full_state) {
     id_batch_add(&p.batch, decided.msg_id, decided.sender);
-  } else if (cons_service.durable_payloads) {
-    // Another leader's snapshot may have been read back. The log of this number begins with that one on every node.
+  } else if (id_batch_find(&p.batch, decided.msg_id, decided.sender) < 0) {
+    // Another leader's snapshot was read back. The log of this number begins with that one on every node.
     p.batch = id_batch_of(decided);
   }
   if (const auto installed = install(p)) {
@@ -231,17 +231,10 @@ bool run(consensus &instance, proposal &p, abandoned_states &abandoned)
   vx_log("CONS: PAXOS: PROPOSE%s (batch_id=%u)\n", p.is_full_state ? " full state" : "", p.batch_id);
   cons_value decision;
   const int result = decide(instance, p, decision);
-  if (result != RB_REG_COMMITTED) {
-    if (p.is_full_state && !cons_service.durable_payloads) {
-      abandoned.add(p.entry, p.batch_id);
-    }
-    return result == RB_REG_ERROR;
+  if (p.is_full_state && !cons_service.durable_payloads) {
+    abandoned.add(p.entry, p.batch_id);  // unless the log of this number names it
   }
-  const bool is_entry = commit(p, decision);
-  if (!is_entry && p.is_full_state && !cons_service.durable_payloads) {
-    paxos_data_unhash_entry(p.entry.msg_id, p.entry.sender);
-  }
-  return !is_entry;
+  return result == RB_REG_COMMITTED ? !commit(p, decision) : result == RB_REG_ERROR;
 }
 
 }  // namespace

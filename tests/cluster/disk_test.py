@@ -11,6 +11,9 @@ from vxlab_lib.journal import STORE_PARTS
 from vxlab_lib.node import write_by_rename
 
 
+BAD_CONFIG = 3
+
+
 class Disk(Scenario):
     def spoil(self, node, name):
         """A directory where the temporary file should be: the next save fails, for root too."""
@@ -127,7 +130,13 @@ class Disk(Scenario):
             self.cluster.stop(node)
             self.lose_disk(node, ["cons"])
             os.mkdir(self.cluster.node(node).path("flashdisk", "cons"))
-        for node in (2, 3):  # of three stores two are gone, and what they had comes from the backup
+        for node in (1, 2, 3):  # somebody starts them before he knows
+            self.cluster.node(node).spawn()
+        for node in (2, 3):
+            self.assertEqual(self.cluster.node(node).await_end(), BAD_CONFIG)
+        self.cluster.stop(1)
+        self.assertIn("fault     none", self.cluster.node(2).offline("verify"))
+        for node in (3,):  # its store is gone too, and what it had comes from the backup
             present = os.listdir(self.cluster.node(node).path("flashdisk"))
             self.lose_disk(node, [one for one in STORE_PARTS if one in present])
             self.cluster.node(node).offline("restore", copy)
@@ -140,11 +149,43 @@ class Disk(Scenario):
         self.submit(1, 20).wait()
         self.check_all()
 
-    def test_a_node_that_dies_or_fails_at_any_step_of_a_delivery_goes_on(self):
-        node = self.cluster.node(3)
-        rules = node.path("disk_faults")
+    def is_complete(self, node):
+        return self.cluster.node(node).answers() and not self.cluster.status(node)["journal"]["incomplete"]
+
+    def make_disk_fail_on_command(self, node):
+        """Returns the path of the rules that the node's next processes obey."""
+        one = self.cluster.node(node)
+        rules = one.path("disk_faults")
+        one.environment = {"LD_PRELOAD": os.path.join(BUILD_DIR, "lib", "libvx_disk_faults.so"), "VX_DISK_FAULTS": rules}
+        return rules
+
+    def test_a_node_that_dies_while_its_store_is_replaced_goes_on(self):
+        self.submit(1, 20).wait()
         self.cluster.stop(3)
-        node.environment = {"LD_PRELOAD": os.path.join(BUILD_DIR, "lib", "libvx_disk_faults.so"), "VX_DISK_FAULTS": rules}
+        rules = self.make_disk_fail_on_command(3)
+        path = self.cluster.node(3).path("flashdisk", "kesh.store")
+        killed = 0
+        for rule in [f"kill_before rename:host/* {count}" for count in (1, 2, 3)] + ["kill_before rename:paxos_deliver 1"]:
+            with self.subTest(rule):
+                os.truncate(path, os.path.getsize(path) // 2)
+                write_by_rename(rules, rule + "\n")
+                self.cluster.node(3).spawn()
+                wait_until(lambda: not self.cluster.node(3).is_running() or self.is_complete(3), 30.0,
+                           "node 3 ends, or is complete")
+                killed += not self.cluster.node(3).is_running()
+                os.remove(rules)
+                if not self.cluster.node(3).is_running():
+                    self.cluster.start(3)
+                self.submit(3, 5).wait()
+                wait_until(lambda: self.is_complete(3), 30.0, "node 3 is complete")
+                self.cluster.stop(3)
+        self.assertGreaterEqual(killed, 3)
+        self.cluster.start(3)
+        self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+
+    def test_a_node_that_dies_or_fails_at_any_step_of_a_delivery_goes_on(self):
+        self.cluster.stop(3)
+        rules = self.make_disk_fail_on_command(3)
         for rule, exit_code in (("kill_before write:host/kesh.store-wal 1", -9),  # in the hook, nothing committed
                                 ("kill_before sync:host/kesh.store-wal 1", -9),
                                 ("kill_after sync:host/kesh.store-wal 1", -9),  # committed; the hook has not returned

@@ -65,7 +65,7 @@ class Neighbours(Scenario):
         for node in (1, 2, 3):
             self.cluster.stop(node)
         for node in (1, 2):
-            self.cluster.node(node).reform(2)
+            self.cluster.node(node).reform(2, "--without", "3")
         for node in (1, 2, 3):
             self.cluster.node(node).start()
         self.cluster.set_master(1)
@@ -116,6 +116,26 @@ class Interrupted(Scenario):
                 code, words = self.command("", *whole)
                 self.assertEqual(code, 0, f"{call} {count}: {words}")
         return generation, refused
+
+    def test_restore(self):
+        self.submit(3, 20).wait()
+        self.check_all()
+        copy = self.cluster.dir.file("backup")
+        self.assertEqual(subprocess.run(self.cluster.node(3).kesh("backup", copy), cwd=self.cluster.node(3).dir,
+                                        check=False).returncode, 0)
+        self.submit(3, 20).wait()
+        self.cluster.stop(3)
+        for call in ("rename:host/*", "unlink:host/*", "sync:host/*", "open:host/*"):
+            for count in range(1, CRASH_POINTS_MAX):
+                code, words = self.command(f"kill_before {call} {count}", "restore", copy)
+                if code == 0:
+                    break
+                self.assertEqual(code, KILLED, words)
+                code, words = self.command("", "restore", copy)
+                self.assertEqual(code, 0, f"{call} {count}: {words}")
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        self.check_all()
 
     def test_configure(self):
         self.submit(3, 20).wait()

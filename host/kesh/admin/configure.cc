@@ -1,7 +1,6 @@
 #include "admin/configure.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,7 +18,9 @@
 #include "exit_codes.h"
 #include "platform.h"
 #include "settings.h"
+#include "store/library_records.h"
 #include "store/store_aside.h"
+#include "store/store_schema.h"
 #include "unique_fd.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -138,6 +139,34 @@ int write_cluster(const configure_options &options)
   return EXIT_OK;
 }
 
+/// Why this node has nothing, or not all, to begin a generation with. Empty: it has.
+std::string reform_fault(const settings &configured, const reform_options &given)
+{
+  const std::string &path = configured.store_path;
+  std::string why;
+  const store_file kind = store_file_look(path, why);
+  if (kind == store_file::foreign) {
+    return why;
+  }
+  bool has_payloads = false;
+  if (kind == store_file::ours) {
+    database in(path, database::mode::read_only);
+    const store_meta meta = meta_read(in);
+    has_payloads = meta.base_n != 0 || meta.base_lines != 0 || in.number("SELECT count(*) FROM payload") != 0;
+  }
+  if (!has_payloads) {
+    return path +
+           " has no payloads to begin with: restore a backup of another node first, or join as a new node with " +
+           "kesh configure --cluster " + configured.cluster_name + " --generation " + std::to_string(given.generation);
+  }
+  std::string error;
+  const auto records = library_records_read(CONS_DIRECTORY, error);
+  const bool is_delivered = !records || records->log.empty() || records->log.back() == records->delivered;
+  return is_delivered || given.yes ? ""
+                                   : "the library has decided what this node has not applied yet: run kesh once more, "
+                                     "alone if need be, until it has; or give that up with --yes";
+}
+
 void say_reformed(const configure_options &done)
 {
   printf("node %u of %u keeps its store in generation %llu of cluster %s\n", done.node_id, done.node_count,
@@ -190,11 +219,8 @@ int reform_run(const reform_options &given)
                                   : "the present generation is " + std::to_string(configured.generation) +
                                         ": give a greater one, the same on all nodes");
   }
-  if (struct stat found; stat(configured.store_path.c_str(), &found) != 0 && errno == ENOENT) {
-    return fail(EXIT_REFUSED, configured.store_path +
-                                  " does not exist: restore a backup of another node first, or join as a new node with "
-                                  "kesh configure --cluster " +
-                                  configured.cluster_name + " --generation " + std::to_string(given.generation));
+  if (const std::string fault = goes_on ? "" : reform_fault(configured, given); !fault.empty()) {
+    return fail(EXIT_REFUSED, fault);
   }
   options.cluster_name = configured.cluster_name;
   options.node_count = configured.node_count;
@@ -209,7 +235,15 @@ int reform_run(const reform_options &given)
   settings reformed = configured;
   reformed.generation = options.generation;
   reformed.first_mac = options.macs.front();
-  const std::string command = "kesh reform --generation " + std::to_string(given.generation);
+  std::string command = "kesh reform --generation " + std::to_string(given.generation);
+  kept_standing begins{standing::reformed, {}, 0};
+  for (const uint32_t node : given.without) {
+    if (node < 1 || node > configured.node_count || node == configured.node_id) {
+      return fail(EXIT_USAGE, "--without " + std::to_string(node) + ": is none of the other nodes");
+    }
+    command += " --without " + std::to_string(node);
+    begins.without |= 1u << (node - 1);
+  }
   const standing_file standing_kept(CONS_DIRECTORY, configured_cluster(reformed));
   if (goes_on && interrupted_configuration(configured.store_path) != command) {
     std::string error;
@@ -226,7 +260,7 @@ int reform_run(const reform_options &given)
     if (const int code = write_cluster(options); code != EXIT_OK) {
       return code;
     }
-    return standing_kept.write({standing::reformed, {}}, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
+    return standing_kept.write(begins, error) ? static_cast<int>(EXIT_OK) : fail(EXIT_RUNTIME, error);
   };
   const int code = configure_steps_run({.command = command,
                                         .yes = given.yes,

@@ -28,8 +28,9 @@ int configure_run(const configure_options &given);
 
 struct reform_options {
   std::string config_path;
-  uint64_t generation = 0;  ///< the new one, above the present one
-  bool yes = false;         ///< another command that was interrupted is given up
+  uint64_t generation = 0;        ///< the new one, above the present one
+  std::vector<uint32_t> without;  ///< nodes whose stores are lost for good: nobody waits for them
+  bool yes = false;  ///< another command that was interrupted is given up; so is what was decided and not applied here
 };
 
 /// `kesh reform`: the configured cluster begins another generation, and this node keeps its store. As configure_run.

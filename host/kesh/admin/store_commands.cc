@@ -75,7 +75,7 @@ std::string fit_text(store &lines, const std::string &directory)
 {
   std::string error;
   const auto records = library_records_read(directory, error);
-  if (!records) {
+  if (!error.empty()) {
     return error;
   }
   const fit_answer answer = store_fit(*records, lines.facts(records->delivered));

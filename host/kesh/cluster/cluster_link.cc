@@ -176,7 +176,7 @@ void cluster_link::library_started()
   log_text line;
   {
     const lock_scope scope(lock_);
-    is_started_ = true;
+    is_started_ = has_run_ = true;
     line = decide();
   }
   say(line);
@@ -385,8 +385,8 @@ bool cluster_link::look_for_past(std::string &error)
   log_text line;
   {
     const lock_scope scope(lock_);
-    const bool is_known = records.fault.empty() && found != standing::is_new;
-    if (!std::exchange(has_looked_, true) && is_known) {
+    const bool is_known = records.knows_decision && found != standing::is_new;
+    if (is_known && !decision_at_start_ && !has_run_) {
       decision_at_start_ = records.decision;
     }
     has_disk_gone_back_ |= is_known && facts_ && records.decision < facts_->decision;
@@ -422,7 +422,7 @@ own_facts cluster_link::gather()
   look_for_ids(now.position, now.reason);
   const auto in_store = look_.ids();
   message_ids known = merged(records.ids, in_store.value_or(message_ids{}));
-  if (records.fault.empty()) {
+  if (records.knows_decision) {
     told_decision_ = records.decision;
   }
   if (in_store) {
@@ -438,10 +438,11 @@ own_facts cluster_link::gather()
   now.decision = told_decision_;
   // What a new node was asked for it did not answer.
   now.top = std::max({now.decision, records.register_max, is_new ? 0 : filter_.watch().greatest()});
-  now.handled = records.fault.empty() && records.handled;
+  now.handled = records.handled;
   uint32_t &own_id = known[hello_settings_.node - 1];
   own_id = std::max(own_id, records.msg_id);
-  now.ids = in_store ? std::optional(known) : std::nullopt;
+  // Without them nobody takes the top for this node's word.
+  now.ids = in_store && records.knows_top ? std::optional(known) : std::nullopt;
   now.reason = now.reason.empty() ? records.fault : now.reason;
   now.reason = now.reason.empty() ? why_nothing_is_ordered(now.role) : now.reason;
   const lock_scope scope(lock_);
@@ -480,6 +481,11 @@ void cluster_link::note_hello(const hello &said)
 
 std::string cluster_link::obstacle_to_reform(const told_position &own)
 {
+  reform_node node{.count = hello_settings_.node_count, .number = hello_settings_.node, .without = 0, .position = own};
+  {
+    const lock_scope standing_scope(standing_lock_);
+    node.without = kept_.without;
+  }
   std::vector<reform_voice> voices;
   for (const peer_view &one : hello_.view().peers) {
     if (one.is_member) {
@@ -487,7 +493,7 @@ std::string cluster_link::obstacle_to_reform(const told_position &own)
           {one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.stands, one.last.position});
     }
   }
-  return reform_obstacle(hello_settings_.node_count, own, voices, [&](uint64_t n) { return look_.hash_at(own, n); });
+  return reform_obstacle(node, voices, [&](uint64_t n) { return look_.hash_at(own, n); });
 }
 
 void cluster_link::advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
@@ -497,7 +503,7 @@ void cluster_link::advance_newcomer(const own_records &records, const message_id
   {
     const lock_scope scope(lock_);
     next = newcomer_.advance({.is_running = is_started_,
-                              .handled = records.fault.empty() && records.handled,
+                              .handled = records.handled,
                               .decision = records.decision,
                               .msg_id = records.msg_id,
                               .known_msg_id = known[hello_settings_.node - 1],

@@ -126,7 +126,7 @@ private:
   void look_for_ids(const told_position &now, std::string &reason);
   void note_hello(const hello &said) PLATFORM_EXCLUDES(lock_);
   void judged(const cluster_view &view) PLATFORM_EXCLUDES(lock_);
-  std::string obstacle_to_reform(const told_position &own);
+  std::string obstacle_to_reform(const told_position &own) PLATFORM_EXCLUDES(standing_lock_);
   void advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
       PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   std::string why_nothing_is_ordered(node_role role) PLATFORM_EXCLUDES(lock_);
@@ -142,7 +142,8 @@ private:
   bool look_for_past(std::string &error) PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   /// Why this node must take no part until a person has seen to it; empty: it may.
   std::string stays_out() const PLATFORM_REQUIRES(lock_);
-  /// So many others have heard this session that one of them would know if this node had forgotten a vote.
+  /// A majority with this node has heard this session, and nobody of it knows that this node has forgotten a vote. To
+  /// be sure it would have to hear all of them, and the cluster could not do without one.
   bool is_echoed() const PLATFORM_REQUIRES(lock_) { return echoes_ >= hello_settings_.node_count / 2; }
   bool may_vote() const PLATFORM_REQUIRES(lock_);
   lead_facts facts_now() const PLATFORM_REQUIRES(lock_);
@@ -180,7 +181,7 @@ private:
   bool has_lasting_double_ PLATFORM_GUARDED_BY(lock_) = false;
   std::string told_out_ PLATFORM_GUARDED_BY(lock_);  // the reason for which the library was to stop last
   uint32_t echoes_ PLATFORM_GUARDED_BY(lock_) = 0;
-  bool has_looked_ PLATFORM_GUARDED_BY(lock_) = false;
+  bool has_run_ PLATFORM_GUARDED_BY(lock_) = false;                       // the library, in this session
   std::optional<uint32_t> decision_at_start_ PLATFORM_GUARDED_BY(lock_);  // of this session
   newcomer newcomer_ PLATFORM_GUARDED_BY(lock_);
   std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);

@@ -23,7 +23,8 @@
 ///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
 ///     handled            the library's log is delivered to its end
 ///     ids                per node the highest message id of it that this node's records know, its own that it handed
-///                        out; null: not looked up yet
+///                        out; null: not looked up yet, or the records cannot be read;
+///                        then its top is no word either
 ///     reason             why nothing is ordered here; empty: it is
 ///     heard              [[node, age in ms, session, greatest decision that it told in other sessions], ..]
 #pragma once

@@ -30,6 +30,9 @@ lead_answer is_eligible(const lead_facts &node)
   if (!node.stays_out.empty()) {
     return {false, node.stays_out};
   }
+  if (!node.is_started) {
+    return {false, "it is not started"};
+  }
   if (!node.not_yet.empty()) {
     return {false, node.not_yet};
   }
@@ -46,9 +49,6 @@ lead_answer may_lead(const lead_facts &node)
 {
   if (const lead_answer eligible = is_eligible(node); !eligible.yes) {
     return eligible;
-  }
-  if (!node.is_started) {
-    return {false, "it is not started"};
   }
   if (node.vrrp == vrrp_state::unknown) {
     return {false, "keepalived has said nothing yet"};

@@ -1,6 +1,7 @@
 #include "cluster/newcomer.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kesh
 {
@@ -26,16 +27,15 @@ void newcomer::heard(const hello &said)
     return;
   }
   other &from = others_[said.node - 1];
-  if (!from.is_heard) {
-    from.top = said.top;
-    from.was_new = said.stands == standing::is_new;
-  }
   from.is_heard = true;
   from.is_new = said.stands == standing::is_new;
   from.is_reformed = said.stands == standing::reformed;
   if (said.ids) {
-    from.handed_out = from.has_ids ? from.handed_out : (*said.ids)[said.node - 1];
-    from.has_ids = true;
+    if (!std::exchange(from.has_ids, true)) {
+      from.top = said.top;
+      from.was_new = said.stands == standing::is_new;
+      from.handed_out = (*said.ids)[said.node - 1];
+    }
     from.own_id = std::max(from.own_id, (*said.ids)[node_ - 1]);
   }
 }
@@ -77,7 +77,7 @@ std::string newcomer::obstacle(const own &now) const
     return "it has not heard every other node yet: not" + silent;
   }
   if (const std::string busy = numbers_of([](const other &one) { return !one.has_ids; }); !busy.empty()) {
-    return "others still look up which message ids were used: nodes" + busy;
+    return "others cannot tell yet what they know: nodes" + busy;
   }
   if (const std::string first = forerunners(now); !first.empty()) {
     return "a reformed cluster begins with the store of one of nodes" + first;

@@ -10,8 +10,9 @@
 ///     reformed its records were reset on purpose, so nothing that it forgot counts in this generation. It votes; it
 ///              submits and leads when reform.h lets it, and is a member with the first decision
 ///
-/// The first top is enough: whatever this node had promised was asked for before its daemon started. But where a
-/// majority is new, beside a node that has a past, nobody may be left that knows the last decision: then none joins.
+/// The first top that comes with ids is enough, since without them a node does not know what its disk holds: whatever
+/// this node had promised was asked for before its daemon started. But where a majority is new, beside a node that has
+/// a past, nobody may be left that knows the last decision: then none joins.
 ///
 /// Where others are reformed and nothing is decided yet, one of them goes first: a node that is new has no store to
 /// give.
@@ -76,9 +77,10 @@ private:
     bool has_ids = false;
     bool is_new = true;
     bool is_reformed = false;
-    bool was_new = false;     // when it was heard first
-    uint32_t top = 0;         // the first one told
-    uint32_t handed_out = 0;  // the first id of its own that it told
+    // From the first hello that told ids:
+    bool was_new = false;
+    uint32_t top = 0;
+    uint32_t handed_out = 0;  // id of its own
     uint32_t own_id = 0;      // highest id of this node that it knows
   };
 

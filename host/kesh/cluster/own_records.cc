@@ -89,7 +89,8 @@ void records_reader::read_log(own_records &to)
     return;
   }
   flushed_ = to.decision = records->decision;
-  to.handled = records->log.empty() || records->log.back() == records->delivered;
+  to.knows_decision = true;
+  to.handled = to.fault.empty() && (records->log.empty() || records->log.back() == records->delivered);
   raise(to.ids, records->delivered);
   for (const library_entry &one : records->log) {
     raise(to.ids, one);
@@ -102,6 +103,7 @@ own_records records_reader::read()
   read_log(result);
   std::string fault;
   result.register_max = greatest_register(directory_, fault);
+  result.knows_top = result.knows_decision && fault.empty();
   result.fault = result.fault.empty() ? fault : result.fault;
   result.has_past = result.decision != 0 || result.register_max != 0;
   result.msg_id = read_msg_id(directory_ + "/msg_id");

@@ -12,7 +12,9 @@ namespace kesh
 {
 
 struct own_records {
-  std::string fault;          ///< why they cannot be read; empty: they were
+  std::string fault;  ///< why one of them cannot be read; empty: all were
+  bool knows_decision = false;
+  bool knows_top = false;     ///< decision and registers were read
   bool has_past = false;      ///< a decision, or a register's file
   uint32_t decision = 0;      ///< number in paxos_decide
   uint32_t register_max = 0;  ///< of the registers' files; 0: none

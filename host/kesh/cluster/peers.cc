@@ -9,6 +9,7 @@ namespace
 {
 constexpr size_t SESSIONS_KEPT = 4;
 constexpr int64_t DOUBLE_MS = 5000;
+constexpr int64_t MEMBER_MS = 5000;  // so long a node's hello is not displaced by one of another generation
 }  // namespace
 
 void peers::session_log::note(uint32_t session, uint32_t decision)
@@ -74,7 +75,13 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
   case hello_kind::other_generation:
     break;
   }
-  last_[said.node - 1] = {said, now_ms};
+  auto &last = last_[said.node - 1];
+  const bool is_beside_member =
+      last && last->last.cluster.generation == cluster_.generation && now_ms - last->heard_ms < MEMBER_MS;
+  if (kind == hello_kind::other_generation && is_beside_member) {
+    return kind;  // the machine that was replaced in a reform, say
+  }
+  last = {said, now_ms};
   if (kind == hello_kind::member) {
     sessions_[said.node - 1].note(said.session, said.decision);
     has_echoed_[said.node - 1] |= is_echo(said);

@@ -1,6 +1,6 @@
 #include "cluster/reform.h"
 
-#include <algorithm>
+#include <bit>
 
 #include "store/store_schema.h"
 
@@ -51,13 +51,17 @@ void store_change_identity(const std::string &path, const std::string &from, con
   writing.commit();
 }
 
-std::string reform_obstacle(uint32_t node_count, const told_position &own, const std::vector<reform_voice> &voices,
+std::string reform_obstacle(const reform_node &own_node, const std::vector<reform_voice> &voices,
                             const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash)
 {
+  const uint32_t node_count = own_node.count;
+  const told_position &own = own_node.position;
+  uint32_t awaited = ((1u << node_count) - 1) & ~own_node.without & ~(1u << (own_node.number - 1));
   uint32_t heard = 1;
   uint32_t compared = 1;
   std::string ahead, unknown;
   for (const reform_voice &one : voices) {
+    awaited &= one.stands == standing::reformed || one.decision != 0 ? ~(1u << (one.node - 1)) : ~0u;
     if (one.decision != 0) {
       if (one.is_live) {
         return node_name(one) + " has begun the new generation: its state comes";
@@ -91,6 +95,11 @@ std::string reform_obstacle(uint32_t node_count, const told_position &own, const
   if (compared < node_count - quorum + 1) {
     return "of the new generation " + std::to_string(compared) + " of " + std::to_string(node_count) +
            " nodes have their store, and " + std::to_string(node_count - quorum + 1) + " have to compare theirs";
+  }
+  if (ahead.empty() && unknown.empty() && awaited != 0) {
+    const std::string node = std::to_string(std::countr_zero(awaited) + 1);
+    return "node " + node + " has not been heard, and may have applied more; if its store is lost for good, give all " +
+           "nodes kesh reform with another generation and --without " + node;
   }
   return ahead.empty() ? unknown : ahead;
 }

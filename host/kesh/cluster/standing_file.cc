@@ -15,6 +15,8 @@ namespace kesh
 namespace
 {
 
+constexpr const char *WITHOUT = "without";
+
 std::string path_in(const std::string &records)
 {
   return records + "/kesh.standing";
@@ -35,6 +37,13 @@ std::string standing_text(const kept_standing &kept, const std::string &identity
     text += std::to_string(id) + ' ';
   }
   text.back() = '\n';
+  if (kept.without != 0) {
+    text += WITHOUT;
+    for (uint32_t node = 1; node <= HELLO_NODES_MAX; ++node) {
+      text += (kept.without >> (node - 1) & 1) != 0 ? ' ' + std::to_string(node) : "";
+    }
+    text += '\n';
+  }
   return text;
 }
 
@@ -51,6 +60,11 @@ std::optional<kept_standing> standing_read(const std::string &text, const std::s
   kept_standing kept{*stands, {}};
   for (uint32_t &id : kept.held) {
     lines >> id;
+  }
+  if (std::string word; lines >> word && word == WITHOUT) {
+    for (uint32_t node = 0; lines >> node;) {
+      kept.without |= node >= 1 && node <= HELLO_NODES_MAX ? 1u << (node - 1) : 0;
+    }
   }
   // What is written again in the same way was read as it was meant.
   return text == standing_text(kept, identity) ? std::optional(kept) : std::nullopt;

@@ -4,6 +4,7 @@
 ///     line 2   identity of the cluster
 ///     line 3   per node, 1 to 16, the message id up to which this node does not say that it lacks a payload of that
 ///              node: it may have held it on a disk that it lost
+///     line 4   of a reformed node, if there are any: "without" and the nodes whose stores are lost for good
 #pragma once
 
 #include <optional>
@@ -17,6 +18,7 @@ namespace kesh
 struct kept_standing {
   standing stands = standing::is_new;
   message_ids held{};
+  uint32_t without = 0;  ///< bit node - 1
 
   bool operator==(const kept_standing &) const = default;
 };

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "cluster/node_state_file.h"
 #include "daemon/node_files.h"
 #include "daemon/service.h"
 #include "exit_codes.h"
@@ -41,6 +42,8 @@ constexpr std::chrono::seconds LAST_WORDS_TIME{1};  // the disk may be what fail
   try {
     platform::log_line(platform::log_level::error, "kesh ends: " + why);
     platform::log_flush(LAST_WORDS_TIME);
+    std::string error;
+    step_down(NODE_STATE_PATH, error);
   } catch (const std::exception &) {
     // No memory for the line either.
   }

@@ -197,6 +197,21 @@ void set_log_level(service &, const json &request, control_peer &peer)
   peer.accept();
 }
 
+/// A state replaces the store, or the daemon ends: both wait for who reads it.
+bool must_end_use(service &host)
+{
+  return host.lines.gate().is_closing() || host.stopping();
+}
+
+void refuse_use(const store_failure &failure, control_peer &peer)
+{
+  if (failure.is_interruption()) {
+    peer.refuse(EXIT_REFUSED, "given up, since the store is being replaced or the daemon ends: give the command again");
+  } else {
+    peer.refuse(EXIT_CONFIG, failure.what());
+  }
+}
+
 void backup(service &host, const json &request, control_peer &peer)
 {
   const std::string target = request.at("file").get<std::string>();
@@ -204,9 +219,9 @@ void backup(service &host, const json &request, control_peer &peer)
     throw request_error("file: " + target + " is no path that begins with /");
   }
   try {
-    store_copy(host.lines, target);
+    store_copy(host.lines, target, [&host] { return must_end_use(host); });
   } catch (const store_failure &failure) {
-    peer.refuse(EXIT_CONFIG, failure.what());
+    refuse_use(failure, peer);
     return;
   }
   peer.accept();
@@ -214,8 +229,14 @@ void backup(service &host, const json &request, control_peer &peer)
 
 void verify(service &host, const json &, control_peer &peer)
 {
-  const use_scope use(host.lines.gate());
-  const verify_result found = store_verify(host.lines.path());
+  verify_result found;
+  try {
+    const use_scope use(host.lines.gate());
+    found = store_verify(host.lines.path(), [&host] { return must_end_use(host); });
+  } catch (const store_failure &failure) {
+    refuse_use(failure, peer);
+    return;
+  }
   peer.accept({{"fault", found.fault},
                {"n", found.n},
                {"lines", found.lines},
@@ -232,18 +253,18 @@ operation_table daemon_operations(service &host)
     return operation{kind, [&host, run](const json &request, control_peer &peer) { run(host, request, peer); }};
   };
   operation_table table = {{"status", bound(operation_class::question, show_status)},
-          {"health", bound(operation_class::question, health)},
-          {"vrrp", bound(operation_class::ending, vrrp)},
-          {"stop", bound(operation_class::ending, stop_daemon)},
-          {"leave", bound(operation_class::ending, leave)},
-          {"start", bound(operation_class::command, start_protocol)},
-          {"reinit", bound(operation_class::command, reinit)},
-          {"say", bound(operation_class::command, say)},
-          {"log_level", bound(operation_class::command, set_log_level)},
-          {"backup", bound(operation_class::command, backup)},
-          {"verify", bound(operation_class::command, verify)},
-          {"journal", bound(operation_class::stream, serve_journal)},
-          {"heard", bound(operation_class::stream, serve_heard)}};
+                           {"health", bound(operation_class::question, health)},
+                           {"vrrp", bound(operation_class::ending, vrrp)},
+                           {"stop", bound(operation_class::ending, stop_daemon)},
+                           {"leave", bound(operation_class::ending, leave)},
+                           {"start", bound(operation_class::command, start_protocol)},
+                           {"reinit", bound(operation_class::command, reinit)},
+                           {"say", bound(operation_class::command, say)},
+                           {"log_level", bound(operation_class::command, set_log_level)},
+                           {"backup", bound(operation_class::command, backup)},
+                           {"verify", bound(operation_class::command, verify)},
+                           {"journal", bound(operation_class::stream, serve_journal)},
+                           {"heard", bound(operation_class::stream, serve_heard)}};
   table.merge(host.watcher.operations(host));
   return table;
 }

@@ -52,7 +52,7 @@ void service::wake() const
 
 int service::open_store(std::string &error)
 {
-  if (const int code = store_bring_up(lines, configured, error); code != EXIT_OK) {
+  if (const int code = store_bring_up(lines, configured, states.put_aside, error); code != EXIT_OK) {
     return code;
   }
   upkeep_.start(lines, {.keep = configured.keep});
@@ -181,8 +181,8 @@ int service::start_locked(std::string &error)
     return EXIT_REFUSED;
   }
   std::string rejoins;
-  if (!store_make_fit(lines, link->is_reformed(), rejoins, error)) {
-    return EXIT_STORE;
+  if (const int code = store_make_fit(lines, link->is_reformed(), rejoins, error); code != EXIT_OK) {
+    return code;
   }
   if (!rejoins.empty()) {
     states.rejoined++;

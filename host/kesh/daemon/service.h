@@ -28,7 +28,7 @@ struct state_counters {
   std::atomic<uint64_t> kept = 0;
   std::atomic<uint64_t> extended = 0;
   std::atomic<uint64_t> replaced = 0;
-  std::atomic<uint64_t> put_aside = 0;  ///< stores that are kept under another name since the start
+  std::atomic<uint64_t> put_aside = 0;  ///< stores kept under another name since the daemon began
   std::atomic<uint64_t> rejoined = 0;   ///< times that the store did not fit the library's records
 };
 

@@ -1,5 +1,7 @@
 #include "daemon/store_start.h"
 
+#include <unistd.h>
+
 #include "cluster/configured_cluster.h"
 #include "cluster/standing_file.h"
 #include "daemon/node_files.h"
@@ -18,30 +20,24 @@ using platform::log_line;
 namespace
 {
 
-/// Records that cannot be read name nothing; the library judges them itself.
-library_records read_records()
+/// What the store of this node may have had. Where nobody can say, it is taken to have had something.
+bool has_past(const settings &configured)
 {
-  std::string error;
-  const auto read = library_records_read(CONS_DIRECTORY, error);
-  if (!read) {
-    log_line(log_level::warning, "store: " + error);
-  }
-  return read.value_or(library_records{});
-}
-
-/// A reformed node that has no store has nothing to begin the generation with. Where nobody can say, it is taken for
-/// one.
-bool may_be_reformed(const settings &configured)
-{
-  std::string error;
+  std::string error, no_records;
+  const auto records = library_records_read(CONS_DIRECTORY, no_records);
   const auto kept = standing_file(CONS_DIRECTORY, configured_cluster(configured)).read(error);
-  return kept ? kept->stands == standing::reformed : !error.empty();
+  const bool is_new = kept ? kept->stands == standing::is_new : error.empty();
+  if (!records) {
+    return !is_new || access((std::string(CONS_DIRECTORY) + "/paxos_decide").c_str(), F_OK) == 0;
+  }
+  // A reformed node without a store has nothing to begin the generation with.
+  return records->decision != 0 || !records->delivered.is_none() || !error.empty() ||
+         (kept && kept->stands == standing::reformed);
 }
 
 void create(store &lines, const settings &configured, const std::string &reason)
 {
-  const library_records records = read_records();
-  const bool is_incomplete = records.decision != 0 || !records.delivered.is_none() || may_be_reformed(configured);
+  const bool is_incomplete = has_past(configured);
   store_start start;
   start.incomplete = is_incomplete ? reason : std::string();
   lines.create(start);
@@ -61,7 +57,8 @@ void create_first(store &lines, const settings &configured)
     create(lines, configured, configured.store_path + " is missing");
     return;
   }
-  const auto start = journal_import(configured.old_journal_path, read_records().delivered, why);
+  const auto records = library_records_read(CONS_DIRECTORY, why);
+  const auto start = journal_import(configured.old_journal_path, records ? records->delivered : library_entry{}, why);
   if (!start) {
     throw store_unsuited(why);
   }
@@ -72,7 +69,7 @@ void create_first(store &lines, const settings &configured)
 
 }  // namespace
 
-int store_bring_up(store &lines, const settings &configured, std::string &error)
+int store_bring_up(store &lines, const settings &configured, std::atomic<uint64_t> &put_aside, std::string &error)
 {
   try {
     std::string why;
@@ -84,6 +81,7 @@ int store_bring_up(store &lines, const settings &configured, std::string &error)
       break;
     case store_found::unusable:
       log_line(log_level::error, "store: " + why + "; it is kept as " + lines.put_aside());
+      put_aside++;
       create(lines, configured, why);
       break;
     }
@@ -97,34 +95,40 @@ int store_bring_up(store &lines, const settings &configured, std::string &error)
   }
 }
 
-bool store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::string &error)
+int store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::string &error)
 {
   rejoins.clear();
   try {
-    const library_records records = read_records();
-    if (is_reformed && records.log.empty()) {
-      lines.set_cursor(lines.position().n + 1);
-      return true;
+    std::string fault;
+    const auto records = library_records_read(CONS_DIRECTORY, fault);
+    if (!records) {
+      // The store is good as it is: kesh reform begins with it, if a majority has lost its records.
+      error = fault + ": this node stays out, since nobody can say what it has promised. Configure it anew, so that it "
+                      "joins as new; if a majority is in this state, see kesh reform";
+      return EXIT_CONFIG;
     }
-    const fit_answer answer = store_fit(records, lines.facts(records.delivered));
+    const fit_answer answer = !fault.empty() ? fit_answer{fit_verdict::rejoin, 0, fault}
+                              : is_reformed && records->log.empty()
+                                  ? fit_answer{}
+                                  : store_fit(*records, lines.facts(records->delivered));
     switch (answer.verdict) {
     case fit_verdict::fits:
     case fit_verdict::await_state:
       lines.set_cursor(lines.position().n + 1);
-      return true;
+      return EXIT_OK;
     case fit_verdict::redelivers:
       lines.set_cursor(answer.from);
-      return true;
+      return EXIT_OK;
     case fit_verdict::rejoin:
       rejoins = answer.reason;
       log_line(log_level::error, "store: " + answer.reason + "; this node asks the others for everything anew");
       lines.mark_incomplete(answer.reason);
-      return forget_delivered(CONS_DIRECTORY, error);
+      return forget_delivered(CONS_DIRECTORY, error) ? EXIT_OK : EXIT_STORE;
     }
   } catch (const std::exception &failure) {
     error = std::string("store: ") + failure.what();
   }
-  return false;
+  return EXIT_STORE;
 }
 
 }  // namespace kesh

@@ -45,6 +45,11 @@ const char *pragmas(database::mode how)
 
 }  // namespace
 
+bool store_failure::is_interruption() const
+{
+  return code_ == SQLITE_INTERRUPT;
+}
+
 bool store_failure::is_damage() const
 {
   return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB || code_ == SQLITE_ERROR || code_ == SQLITE_FORMAT;

@@ -24,6 +24,8 @@ public:
   explicit store_failure(const std::string &what, int code = 0) : std::runtime_error(what), code_(code) {}
   /// Whether the content of the file is at fault, not the disk, the memory or another process.
   bool is_damage() const;
+  /// Whether the work was given up on demand.
+  bool is_interruption() const;
 
 private:
   int code_;  // SQLite's primary result code; 0: the failure is not SQLite's

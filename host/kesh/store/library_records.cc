@@ -56,11 +56,12 @@ std::optional<library_records> library_records_read(const std::string &directory
 {
   library_records result;
   std::string bytes;
-  if (!read_decide(directory, result, error) ||
-      !read_record(directory + "/paxos_deliver", LIBRARY_ENTRY_SIZE, bytes, error)) {
+  if (!read_decide(directory, result, error)) {
     return std::nullopt;
   }
-  result.delivered = library_entry_get(bytes);
+  if (read_record(directory + "/paxos_deliver", LIBRARY_ENTRY_SIZE, bytes, error)) {
+    result.delivered = library_entry_get(bytes);
+  }
   return result;
 }
 

@@ -13,7 +13,8 @@
 namespace kesh
 {
 
-/// Nothing, with `error` set, if one of them is absent, damaged or of another size.
+/// Nothing, with `error` set, if paxos_decide is absent, damaged or of another size. If only paxos_deliver is, `error`
+/// is set too, and nothing is said to be delivered.
 std::optional<library_records> library_records_read(const std::string &directory, std::string &error);
 
 /// The first entry of the log, none if it is empty or cannot be read. For hooks: needs little stack.

@@ -15,8 +15,28 @@ namespace kesh
 namespace
 {
 
-// Instructions of SQLite's machine between two looks at the gate.
-constexpr int LOOK_EVERY = 10000;
+/// Ends a statement of the database when it is asked to.
+class interruption
+{
+public:
+  interruption(database &of, const must_end &asked) : of_(of), asked_(asked)
+  {
+    if (asked_) {
+      sqlite3_progress_handler(
+          of_.native(), LOOK_EVERY, [](void *self) { return static_cast<interruption *>(self)->asked_() ? 1 : 0; },
+          this);
+    }
+  }
+  ~interruption() { sqlite3_progress_handler(of_.native(), 0, nullptr, nullptr); }
+  interruption(const interruption &) = delete;
+  interruption &operator=(const interruption &) = delete;
+
+private:
+  static constexpr int LOOK_EVERY = 10000;  // instructions of SQLite's machine
+
+  database &of_;
+  const must_end &asked_;
+};
 
 /// A temporary file beside the target, gone unless it was named.
 class temporary_file
@@ -44,7 +64,7 @@ private:
 
 }  // namespace
 
-void store_copy(store &from, const std::string &target)
+void store_copy(store &from, const std::string &target, const must_end &asked)
 {
   if (has_parts(target)) {
     throw store_failure(target + " exists");
@@ -53,9 +73,7 @@ void store_copy(store &from, const std::string &target)
   {
     const use_scope use(from.gate());
     database own(from.path(), database::mode::read_only);
-    sqlite3_progress_handler(
-        own.native(), LOOK_EVERY, [](void *gate) { return static_cast<use_gate *>(gate)->is_closing() ? 1 : 0; },
-        &from.gate());
+    const interruption giving_up(own, asked);
     statement vacuum(own, "VACUUM INTO ?");
     query(vacuum, as_text{copy.path()}).run();
   }
@@ -152,9 +170,10 @@ private:
 
 }  // namespace
 
-verify_result store_verify(const std::string &path)
+verify_result store_verify(const std::string &path, const must_end &asked)
 {
   database in(path, database::mode::read_only);
+  const interruption giving_up(in, asked);
   transaction one_moment(in);
   verify_result result;
   try {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "store/store.h"
@@ -9,10 +10,12 @@
 namespace kesh
 {
 
+/// Looked at now and then; true: give up. Whoever replaces the store waits for its readers.
+using must_end = std::function<bool()>;
+
 /// Writes a whole copy to `target`, while payloads are applied. It appears under its name when it is complete and on
-/// disk; an existing file is never overwritten. Gives up if the store is replaced by a state meanwhile. Throws a
-/// store_failure.
-void store_copy(store &from, const std::string &target);
+/// disk; an existing file is never overwritten. Throws a store_failure, also if it has to give up.
+void store_copy(store &from, const std::string &target, const must_end &asked = {});
 
 struct verify_result {
   std::string fault;  ///< what is wrong, and where; empty: nothing
@@ -23,8 +26,8 @@ struct verify_result {
 };
 
 /// Checks the database at `path`: SQLite's integrity_check, the chain, the numbers of rows and lines. Throws a
-/// store_failure only where it cannot be read at all. A daemon may have it open, in another process or this one; in
-/// this one pass its gate.
-verify_result store_verify(const std::string &path);
+/// store_failure only where it cannot be read at all, or if it has to give up. A daemon may have it open, in another
+/// process or this one; in this one pass its gate, and give up when that closes.
+verify_result store_verify(const std::string &path, const must_end &asked = {});
 
 }  // namespace kesh

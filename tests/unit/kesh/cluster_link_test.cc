@@ -210,7 +210,7 @@ TEST_F(cluster_link_test, a_cluster_forms_when_all_were_heard_and_then_obeys_kee
   await([&] { return node(2).node_state() == "MASTER\n"; });
   node(2).link->library_stopped();
   EXPECT_EQ(node(2).node_state(), "BACKUP\n") << "at once";
-  EXPECT_TRUE(node(2).link->eligible().yes);
+  EXPECT_EQ(node(2).link->eligible().reason, "it is not started");
 
   // A restart before the first decision needs no more than a majority.
   for (auto &one : nodes) {
@@ -335,7 +335,7 @@ TEST_F(cluster_link_test, a_reformed_cluster_is_led_by_the_node_that_applied_mos
     one->configured.first_mac = "02:00:00:00:01:01";
     one->empty_disk();
     const standing_file file(one->at / "cons", configured_cluster(one->configured));
-    EXPECT_TRUE(file.write({standing::reformed, {}}, why)) << why;
+    EXPECT_TRUE(file.write({standing::reformed, {}, 1u << 2}, why)) << why;
     one->write("vrrp", "MASTER\n");
   }
   start({1, 2});

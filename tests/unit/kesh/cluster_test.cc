@@ -329,7 +329,7 @@ TEST(cluster_lead, needs_every_reason)
   } cases[] = {
       {{master, true, true, false, ""}, true, true},       {{backup, true, true, false, ""}, true, false},
       {{fault, true, true, false, ""}, true, false},       {{stop, true, true, false, ""}, true, false},
-      {{unknown, true, true, false, ""}, true, false},     {{master, false, true, false, ""}, true, false},
+      {{unknown, true, true, false, ""}, true, false},     {{master, false, true, false, ""}, false, false},
       {{master, true, false, false, ""}, false, false},    {{master, true, true, true, ""}, false, false},
       {{master, true, true, false, "back"}, false, false}, {{master, true, true, false, "", "new"}, false, false}};
   for (const auto &c : cases) {

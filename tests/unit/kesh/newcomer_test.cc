@@ -69,6 +69,7 @@ TEST(newcomer, joins_when_it_knows_all_that_it_can_have_forgotten)
       {"a majority forgot, and the third may have missed what it decided", "2@740 3@0n", at_740, "-"},
       {"also when one of it has learnt something since", "2@740 3@0n 3@740", at_740, "-"},
       {"used ids are not known yet", "2@740 3@740?", at_740, "-"},
+      {"a top without ids is no word", "2@740 3@0? 3@741", at_740, "-"},
       {"no used id is known, which proves nothing", "2@740 3@740", low, "65536"},
       {"one knows a used id", "2@740i12 3@740", low, "65548"},
       {"one knew it before", "2@740i12 2@740? 3@740", low, "65548"},
@@ -172,7 +173,11 @@ TEST(newcomer, its_file_tells_what_the_records_cannot)
   std::string error;
   EXPECT_EQ(file.read(error), std::nullopt);
   EXPECT_EQ(error, "") << "absent";
-  const kept_standing joined{standing::joined, {0, 70, 80}};
+  const kept_standing reformed{standing::reformed, {}, 5};
+  ASSERT_TRUE(file.write(reformed, error)) << error;
+  EXPECT_EQ(file.read(error), reformed);
+  EXPECT_TRUE(dir.read("kesh.standing").ends_with(" 0\nwithout 1 3\n"));
+  const kept_standing joined{standing::joined, {0, 70, 80}, 0};
   ASSERT_TRUE(file.write(joined, error)) << error;
   const std::string text = dir.read("kesh.standing");
   EXPECT_EQ(text, std::string("joined\n") + IDENTITY + "\n0 70 80 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
@@ -294,9 +299,13 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
     const char *what;
     std::vector<reform_voice> voices;
     const char *obstacle;  // part of it; empty: none
+    uint32_t without = 0;
   } cases[] = {
       {"alone", {}, "it has heard 1 of 3 nodes with itself, and 2 have to"},
-      {"equal", {voice_of(2, 600)}, ""},
+      {"equal", {voice_of(2, 600), voice_of(3, 600)}, ""},
+      {"equal, and the third one is silent", {voice_of(2, 600)}, "node 3 has not been heard"},
+      {"equal, and the third one's store is lost", {voice_of(2, 600)}, "", 4},
+      {"ahead, and the third one's store is lost", {voice_of(2, 601)}, "node 2 has applied more, 601", 4},
       {"behind", {voice_of(2, 500), voice_of(3, 600)}, ""},
       {"ahead", {voice_of(2, 601)}, "node 2 has applied more, 601"},
       {"behind what is kept", {voice_of(2, 299)}, "node 2 cannot be compared"},
@@ -306,17 +315,18 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
       {"another one, beside an equal one", {voice_of(2, 600), voice_of(3, 500, 400)}, "node 3 has another history"},
       {"one that waits for a state", {incomplete}, "1 of 3 nodes have their store, and 2 have to"},
       {"one that lost its disk", {without_disk}, "it has heard 1 of 3 nodes"},
+      {"one that lost its disk, beside an equal one", {without_disk, voice_of(3, 600)}, "node 2 has not been heard"},
       {"one has begun", {begun}, "node 2 has begun"},
       {"one had begun and is gone", {gone, voice_of(3, 600)}, ""},
   };
   const auto own_hash = [](uint64_t n) { return n >= 300 ? std::optional(hash_of(n)) : std::nullopt; };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    const std::string obstacle = reform_obstacle(3, voice_of(1, 600).said, c.voices, own_hash);
+    const std::string obstacle = reform_obstacle({3, 1, c.without, voice_of(1, 600).said}, c.voices, own_hash);
     EXPECT_EQ(obstacle.empty(), *c.obstacle == '\0') << obstacle;
     EXPECT_NE(obstacle.find(c.obstacle), std::string::npos) << obstacle;
   }
-  EXPECT_EQ(reform_obstacle(2, voice_of(1, 600).said, {incomplete}, own_hash), "")
+  EXPECT_EQ(reform_obstacle({2, 1, 0, voice_of(1, 600).said}, {incomplete}, own_hash), "")
       << "both were needed for whatever was acknowledged, so one store has it all";
 }
 
