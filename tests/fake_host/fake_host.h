@@ -79,6 +79,8 @@ void inject(uint32_t channel, uint32_t from_node, const bytes &payload);
 void inject_with(uint32_t channel, const bytes &envelope, const bytes &payload);
 /// Calls the hook itself, if the channel has one, on this thread: a host may have several threads for one channel.
 void call_hook(uint32_t channel, uint32_t from_node, const bytes &payload);
+/// A call of the hook that the channel has now, which a thread of the host had begun before the hook was unregistered.
+std::function<void()> late_call(uint32_t channel, uint32_t from_node, const bytes &payload);
 bytes envelope(uint32_t from_node, size_t length);
 /// Keeps what arrives on a channel until released.
 void hold(uint32_t channel);

@@ -262,17 +262,19 @@ void inject(uint32_t channel, uint32_t from_node, const bytes &payload)
   inject_with(channel, envelope(from_node, payload.size()), payload);
 }
 
+std::function<void()> late_call(uint32_t channel, uint32_t from_node, const bytes &payload)
+{
+  const std::lock_guard lock(host().lock);
+  return [hook = hook_of(channel), object = bytes(WORD) + envelope(from_node, payload.size()) + payload]() mutable {
+    if (hook != nullptr) {
+      hook(object.data());
+    }
+  };
+}
+
 void call_hook(uint32_t channel, uint32_t from_node, const bytes &payload)
 {
-  bytes object = bytes(WORD) + envelope(from_node, payload.size()) + payload;
-  void (*hook)(void *) = nullptr;
-  {
-    const std::lock_guard lock(host().lock);
-    hook = hook_of(channel);
-  }
-  if (hook != nullptr) {
-    hook(object.data());
-  }
+  late_call(channel, from_node, payload)();
 }
 
 void hold(uint32_t channel)

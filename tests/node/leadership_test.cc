@@ -191,6 +191,20 @@ TEST_P(node, orders_nothing_that_stands_in_an_adopted_log)
   EXPECT_EQ(app.lines(), (std::vector<std::string>{"adopted", "mine", "next"}));
 }
 
+// Else it would be repeated until the message is decided, and offered to another leader too.
+TEST_P(node, withdraws_its_own_forward_when_it_begins_to_lead)
+{
+  start_as("BACKUP");
+  others->set_votes(false);
+  auto call = submit("mine");
+  ASSERT_TRUE(fake::wait_for([] { return !fake::queued(4, 1).empty(); }));
+  ASSERT_TRUE(lead());
+  EXPECT_TRUE(fake::wait_for([] { return fake::queued(4, 1).empty(); }));
+  others->set_votes(true);
+  fake::repeat_queued();
+  EXPECT_EQ(result(call), 0);
+}
+
 // A state takes its identifier from the same counter as the messages: that a log names it says nothing about the
 // message that waits, whose identifier is lower.
 TEST_P(node, goes_on_waiting_behind_its_own_state)

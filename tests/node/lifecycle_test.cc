@@ -142,6 +142,20 @@ TEST_P(node, starts_nothing_when_a_thread_cannot_be_created)
   EXPECT_EQ(fake::logged("CONS: PAXOS started\n"), 1u);
 }
 
+// A thread of the host had begun its call of the hook when stop began.
+TEST_P(node, handles_no_message_that_enters_after_its_stop)
+{
+  start_as("BACKUP");
+  const auto offer = fake::late_call(5, 2, wire::data_header(wire::OFFER, 2, {2, 3}));
+  const auto decide = fake::late_call(4, 2, wire::decide(9, {{2, 3}}));
+  vx_cons_stop();
+  const size_t sent = fake::sent().size();
+  offer();
+  decide();
+  EXPECT_EQ(fake::sent().size(), sent);
+  EXPECT_EQ(decided().first, 0u);
+}
+
 TEST_P(node, ignores_calls_in_the_wrong_state)
 {
   vx_cons_stop();
