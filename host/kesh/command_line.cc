@@ -105,6 +105,8 @@ struct command_line {
   bool journal_tags = false;
   bool journal_json = false;
   bool status_json = false;
+  bool health_live = false;
+  bool health_ready = false;
   bool health_eligible = false;
   bool health_json = false;
   std::string vrrp_word;
@@ -262,10 +264,19 @@ struct command_line {
     });
     status.add_flag("--json", status_json, "print as JSON");
 
-    CLI::App &health = add_client(
-        "health", "For check scripts: exit code 0 if the node is active, 5 if not, and the reason on stdout.",
-        [this](const std::string &path) { return kesh::health_command(path, health_eligible, health_json); });
-    health.add_flag("--eligible", health_eligible, "ask instead whether keepalived may choose this node as MASTER");
+    CLI::App &health =
+        add_client("health", "For check scripts: exit code 0 for yes, 5 for no, and one line that says why.",
+                   [this](const std::string &path) {
+                     const auto asked = health_live       ? kesh::health_question::live
+                                        : health_eligible ? kesh::health_question::eligible
+                                                          : kesh::health_question::ready;
+                     return kesh::health_command(path, asked, health_json);
+                   });
+    CLI::Option_group &question = *health.add_option_group("question");
+    question.require_option(0, 1);
+    question.add_flag("--live", health_live, "does the daemon answer?");
+    question.add_flag("--ready", health_ready, "does this node take part, and are payloads ordered? (default)");
+    question.add_flag("--eligible", health_eligible, "may keepalived choose this node as MASTER?");
     health.add_flag("--json", health_json, "print as JSON");
 
     CLI::App &vrrp = add_client(

@@ -112,6 +112,16 @@ public:
     const shared_scope scope(queue_lock_);
     return queue_ ? queue_->dropped() : 0;
   }
+  void remember(std::string_view critical)
+  {
+    const lock_scope scope(critical_lock_);
+    last_critical_ = critical;
+  }
+  std::string last_critical()
+  {
+    const lock_scope scope(critical_lock_);
+    return last_critical_;
+  }
 
 private:
   log_record record(log_level level, std::string_view text) const
@@ -148,6 +158,8 @@ private:
   std::atomic<bool> is_journal_ = false;
   shared_mutex queue_lock_;
   std::unique_ptr<log_queue> queue_ PLATFORM_GUARDED_BY(queue_lock_);
+  mutex critical_lock_;
+  std::string last_critical_ PLATFORM_GUARDED_BY(critical_lock_);
 };
 
 the_log &opened()
@@ -168,14 +180,21 @@ void format_line(int error, const char *format, va_list arguments, const judge &
     const int printed = vsnprintf(line, sizeof line, format, arguments);
     size_t length = printed < 0 ? 0 : std::min(static_cast<size_t>(printed), sizeof line - 1);
     const log_level level = level_of_text(std::string_view(line, length));
-    if (opened().takes(level)) {
+    const bool is_critical = std::string_view(line, length).find("CRITICAL") != std::string_view::npos;
+    if (opened().takes(level) || is_critical) {
       if (error != 0) {
         char why[128];
         const char *text = strerror_r(error, why, sizeof why);
         const int added = snprintf(line + length, sizeof line - length, ": %s", text);
         length = std::min(length + static_cast<size_t>(std::max(added, 0)), sizeof line - 1);
       }
-      opened().line(level, std::string_view(line, length));
+      const std::string_view text(line, length);
+      if (is_critical) {
+        opened().remember(text.substr(0, text.find('\n')));
+      }
+      if (opened().takes(level)) {
+        opened().line(level, text);
+      }
     }
   } catch (...) {
     // There is nowhere to report a line that cannot be written, and the caller is C.
@@ -266,6 +285,11 @@ bool log_flush(std::chrono::milliseconds limit)
 uint64_t log_dropped()
 {
   return opened().dropped();
+}
+
+std::string log_last_critical()
+{
+  return opened().last_critical();
 }
 
 void log_line(log_level level, const std::string &text)

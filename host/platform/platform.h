@@ -48,6 +48,8 @@ bool log_set_level(const std::string &name);
 bool log_flush(std::chrono::milliseconds limit);
 /// Lines that were dropped, since the disk was too slow for them.
 uint64_t log_dropped();
+/// The last line of the library that said CRITICAL, in any level; empty: none did.
+std::string log_last_critical();
 /// The host's own lines. Any thread; waits for no disk, unless log.queue is 0.
 void log_line(log_level level, const std::string &text);
 

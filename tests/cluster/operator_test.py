@@ -116,8 +116,9 @@ class Operator(Scenario):
         for client in abandoned:
             client.kill()
             client.communicate()
-        for subcommand in ("status", "health"):
-            self.assertEqual(self.code_of(1, subcommand, timeout_s=5), 0)
+        for arguments, code in ((["status"], 0), (["health", "--live"], 0), (["health", "--ready"], REFUSED)):
+            self.assertEqual(self.code_of(1, *arguments, timeout_s=5), code)
+        self.assertIn("only 1 of 3 nodes heard, a quorum is 2", self.cluster.status(1)["cluster"]["sentence"])
         code, seconds = self.kesh_submit(1, b"behind them\n", 1)
         self.assertIn(code, (REFUSED, UNKNOWN))
         self.assertLess(seconds, 3)

@@ -59,7 +59,7 @@ int status_command(const std::string &socket_path, std::string (*to_text)(const 
   return write_out(to_text == nullptr ? status.dump(2) + '\n' : to_text(status)) ? EXIT_OK : EXIT_RUNTIME;
 }
 
-int health_command(const std::string &socket_path, bool eligible, bool as_json)
+int health_command(const std::string &socket_path, health_question asked, bool as_json)
 {
   control_client client;
   json reply;
@@ -67,17 +67,17 @@ int health_command(const std::string &socket_path, bool eligible, bool as_json)
   if (code != EXIT_OK) {
     return code;
   }
-  const bool is_eligible = reply.at("eligible").get<bool>();
-  const bool is_active = reply.at("active").get<bool>();
-  const auto reason = reply.at("reason").get<std::string>();
-  const bool is_well = eligible ? is_eligible : is_active;
-  if (as_json) {
-    printf("%s\n", json{{"eligible", is_eligible}, {"active", is_active}, {"reason", reason}}.dump().c_str());
-  } else {
-    const std::string text = std::string(is_well ? "" : "not ") + (eligible ? "eligible" : "active");
-    printf("%s%s%s\n", text.c_str(), is_well || reason.empty() ? "" : ": ", is_well ? "" : reason.c_str());
+  json answers = {{"live", {{"yes", true}, {"reason", ""}}}};
+  for (const char *name : {"ready", "eligible"}) {
+    answers[name] = reply.at(name);
   }
-  return is_well ? EXIT_OK : EXIT_REFUSED;
+  const std::string name = asked == health_question::live    ? "live"
+                           : asked == health_question::ready ? "ready"
+                                                             : "eligible";
+  const bool is_so = answers.at(name).at("yes").get<bool>();
+  const std::string text = is_so ? name : "not " + name + ": " + answers.at(name).at("reason").get<std::string>();
+  printf("%s\n", as_json ? answers.dump().c_str() : text.c_str());
+  return is_so ? EXIT_OK : EXIT_REFUSED;
 }
 
 int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word)

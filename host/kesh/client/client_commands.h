@@ -10,9 +10,15 @@ namespace kesh
 
 /// `to_text` makes the screen for a person; nullptr: JSON is printed.
 int status_command(const std::string &socket_path, std::string (*to_text)(const nlohmann::json &status));
-/// Returns EXIT_OK if the node is active, or, with `eligible`, may be chosen as leader; else EXIT_REFUSED, and the
-/// reason is printed. Answers within seconds, for a check script.
-int health_command(const std::string &socket_path, bool eligible, bool as_json);
+enum class health_question {
+  live,      ///< the daemon answers
+  ready,     ///< this node takes part, and payloads are ordered
+  eligible,  ///< keepalived may choose this node as MASTER
+};
+
+/// Prints one line. Returns EXIT_OK if the answer is yes, else EXIT_REFUSED, and the line says why; EXIT_UNREACHABLE if
+/// no daemon answers.
+int health_command(const std::string &socket_path, health_question asked, bool as_json);
 /// Notes what keepalived says (MASTER, BACKUP, FAULT, STOP) in `state_path`, and tells the daemon if one runs.
 int vrrp_command(const std::string &socket_path, const std::string &state_path, const std::string &word);
 int say_command(const std::string &socket_path, const std::string &text);

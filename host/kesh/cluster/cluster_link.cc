@@ -230,6 +230,14 @@ lead_answer cluster_link::eligible()
   return is_eligible(facts_now());
 }
 
+lead_answer cluster_link::ready()
+{
+  const lead_answer submits = may_submit();
+  const lock_scope scope(lock_);
+  const bool is_ordered = facts_ && ordering_.obstacles.empty();
+  return !is_ordered ? lead_answer{false, facts_ ? obstacles_text(ordering_) : "the daemon has just begun"} : submits;
+}
+
 lead_answer cluster_link::may_lead()
 {
   const lock_scope scope(lock_);
@@ -443,34 +451,72 @@ own_facts cluster_link::gather()
   own_id = std::max(own_id, records.msg_id);
   // Without them nobody takes the top for this node's word.
   now.ids = in_store && records.knows_top ? std::optional(known) : std::nullopt;
+  const ordering found = ordering_of(facts_of_ordering(now));
   now.reason = now.reason.empty() ? records.fault : now.reason;
-  now.reason = now.reason.empty() ? why_nothing_is_ordered(now.role) : now.reason;
+  now.reason = now.reason.empty() ? obstacles_text(found) : now.reason;
   const lock_scope scope(lock_);
+  ordering_ = found;
   now.decision_at_start = decision_at_start_;
   facts_ = now;
   return now;
 }
 
-std::string cluster_link::why_nothing_is_ordered(node_role role)
+ordering_facts cluster_link::facts_of_ordering(const own_facts &now)
 {
-  if (role == node_role::stopped || role == node_role::isolated) {
-    return role == node_role::stopped ? "it is not started" : "it is isolated: its disk failed";
+  const cluster_view seen = hello_.view();
+  ordering_facts known{.node = hello_settings_.node,
+                       .node_count = hello_settings_.node_count,
+                       .role = now.role,
+                       .isolated = functions_.isolated ? functions_.isolated() : "",
+                       .stays_out = {},
+                       .not_yet = {},
+                       .is_complete = now.position.complete,
+                       .is_barred = seen.barred.has_value(),
+                       .decision = now.decision,
+                       .peers = {},
+                       .oldest_wait_s = functions_.oldest_wait_s ? functions_.oldest_wait_s() : 0};
+  for (const peer_view &one : seen.peers) {
+    known.peers.push_back(ordering_peer_of(one));
   }
-  if (const lead_answer answer = eligible(); !answer.yes) {
-    return answer.reason;
+  if (seen.stranger) {
+    known.peers.push_back(ordering_peer_of(*seen.stranger));
   }
-  uint32_t heard = 1;
-  bool has_leader = role == node_role::leader;
-  for (const peer_view &one : hello_.view().peers) {
-    const bool is_live = one.is_member && one.age_ms <= no_op_rule::LIVE_MS;
-    heard += is_live ? 1 : 0;
-    has_leader |= is_live && one.last.role == node_role::leader;
+  const lock_scope scope(lock_);
+  const lead_facts own = facts_now();
+  known.stays_out = own.stays_out;
+  known.not_yet = own.not_yet;
+  return known;
+}
+
+/// What the library of this node makes of the other's messages.
+ordering_peer cluster_link::ordering_peer_of(const peer_view &one) const
+{
+  const hello &said = one.last;
+  const hello_settings &own = hello_settings_;
+  ordering_peer peer{said.node, one.age_ms <= LIVE_MS, said.role, said.decision, difference::none};
+  if (said.cluster.name != own.cluster.name) {
+    peer.differs = difference::cluster;
+  } else if (said.cluster.generation != own.cluster.generation) {
+    peer.differs = difference::generation;
+  } else if (said.node_count != own.node_count) {
+    peer.differs = difference::node_count;
+  } else if (said.state_max != own.state_max) {
+    peer.differs = difference::state_max;
+  } else if (said.build != own.build) {
+    peer.differs = difference::build;
+  } else if (said.cluster.first_mac != own.cluster.first_mac) {
+    peer.differs = difference::cluster;
   }
-  if (heard <= hello_settings_.node_count / 2) {
-    return "it hears too few nodes: " + std::to_string(heard - 1) + " of " +
-           std::to_string(hello_settings_.node_count - 1);
+  return peer;
+}
+
+std::string cluster_link::ordering_sentence()
+{
+  if (!is_configured_) {
+    return "not ordering: no cluster is configured";
   }
-  return has_leader ? "" : "it hears no leader";
+  const lock_scope scope(lock_);
+  return facts_ ? ordering_text(ordering_) : "not ordering: the daemon has just begun";
 }
 
 void cluster_link::note_hello(const hello &said)
@@ -489,8 +535,7 @@ std::string cluster_link::obstacle_to_reform(const told_position &own)
   std::vector<reform_voice> voices;
   for (const peer_view &one : hello_.view().peers) {
     if (one.is_member) {
-      voices.push_back(
-          {one.last.node, one.last.decision, one.age_ms <= no_op_rule::LIVE_MS, one.last.stands, one.last.position});
+      voices.push_back({one.last.node, one.last.decision, one.age_ms <= LIVE_MS, one.last.stands, one.last.position});
     }
   }
   return reform_obstacle(node, voices, [&](uint64_t n) { return look_.hash_at(own, n); });

@@ -25,6 +25,7 @@
 #include "cluster/newcomer.h"
 #include "cluster/no_op_rule.h"
 #include "cluster/node_state_file.h"
+#include "cluster/ordering.h"
 #include "cluster/own_records.h"
 #include "cluster/reform.h"
 #include "cluster/standing_file.h"
@@ -44,6 +45,10 @@ inline constexpr char RECORDS_DIRECTORY[] = "/flashdisk/cons";
 struct link_functions {
   /// What the library does: stopped, isolated, or, if it runs, whether it leads. Any thread; waits for nothing.
   std::function<node_role()> role;
+  /// Since when it is isolated, and why: " since TIME: LINE"; empty if it is not. Any thread; waits for nothing.
+  std::function<std::string()> isolated;
+  /// How long the oldest open submission waits, in s; 0: none does. Hello thread.
+  std::function<uint64_t()> oldest_wait_s;
   /// Orders one no-op, as a payload of its own. Waits until its fate is known; true: it was applied here. Work thread.
   std::function<bool()> order_no_op;
   /// Asks the main thread to leave the cluster, log the reason as an error and stay out. Hello thread; waits for
@@ -97,6 +102,8 @@ public:
 
   /// Whether keepalived may choose this node.
   lead_answer eligible() PLATFORM_EXCLUDES(lock_);
+  /// Whether payloads are ordered and this node may submit, as of the last hello.
+  lead_answer ready() PLATFORM_EXCLUDES(lock_);
   /// Whether the node state file says MASTER, as far as it depends on this object.
   lead_answer may_lead() PLATFORM_EXCLUDES(lock_);
   /// Whether vx_cons_distribute may be called. No: wait for may_submit_changed, or refuse.
@@ -107,6 +114,8 @@ public:
   bool is_reformed() PLATFORM_EXCLUDES(lock_);
 
   cluster_view view();
+  /// "ordering", or "not ordering: ..", as of the last hello.
+  std::string ordering_sentence() PLATFORM_EXCLUDES(lock_);
   /// For the status of the daemon.
   nlohmann::json status_json() PLATFORM_EXCLUDES(lock_);
 
@@ -129,7 +138,8 @@ private:
   std::string obstacle_to_reform(const told_position &own) PLATFORM_EXCLUDES(standing_lock_);
   void advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
       PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
-  std::string why_nothing_is_ordered(node_role role) PLATFORM_EXCLUDES(lock_);
+  ordering_facts facts_of_ordering(const own_facts &now) PLATFORM_EXCLUDES(lock_);
+  ordering_peer ordering_peer_of(const peer_view &one) const;
 
   // Work thread.
   void work() PLATFORM_EXCLUDES(lock_);
@@ -186,6 +196,7 @@ private:
   newcomer newcomer_ PLATFORM_GUARDED_BY(lock_);
   std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);
   std::optional<own_facts> facts_ PLATFORM_GUARDED_BY(lock_);  // told last
+  ordering ordering_ PLATFORM_GUARDED_BY(lock_);               // found then
   bool told_may_submit_ PLATFORM_GUARDED_BY(lock_) = false;
   bool was_master_ PLATFORM_GUARDED_BY(lock_) = false;
   std::string written_ PLATFORM_GUARDED_BY(lock_);  // what was said of the node state file last

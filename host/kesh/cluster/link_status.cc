@@ -82,7 +82,8 @@ json disk_json(const std::optional<lost_decisions> &lost)
 nlohmann::json cluster_link::status_json()
 {
   const cluster_view seen = view();
-  json status = {{"name", hello_settings_.cluster.name},
+  json status = {{"sentence", ordering_sentence()},
+                 {"name", hello_settings_.cluster.name},
                  {"generation", hello_settings_.cluster.generation},
                  {"eligible", answer_json(eligible())},
                  {"may_lead", answer_json(may_lead())},
@@ -97,6 +98,7 @@ nlohmann::json cluster_link::status_json()
   status["standing"] = standing_name(newcomer_.stands());
   status["vrrp"] = vrrp_state_name(facts_now().vrrp);
   status["reason"] = facts_ ? facts_->reason : "";
+  status["ordering"] = facts_ && ordering_.obstacles.empty();
   return status;
 }
 

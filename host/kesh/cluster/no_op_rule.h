@@ -17,8 +17,6 @@ public:
   /// For one node in need, at most so many: a log has 250 entries. Then it waits for AGAIN_MS.
   static constexpr uint32_t NO_OPS_MAX = 260;
   static constexpr int64_t AGAIN_MS = 600000;
-  /// A node that was not heard for so long counts for nothing here.
-  static constexpr uint32_t LIVE_MS = 5000;
   /// A node that skipped the last entry of its log never says that it handled it; skipping takes 30 s.
   static constexpr int64_t STUCK_MS = 40000;
 

@@ -71,8 +71,8 @@ void show_status(service &host, const json &, control_peer &peer)
 
 void health(service &host, const json &, control_peer &peer)
 {
-  const lead_answer eligible = host.link->eligible();
-  peer.accept({{"eligible", eligible.yes}, {"reason", eligible.reason}, {"active", vx_cons_cluster_active() != 0}});
+  const auto told = [](const lead_answer &answer) { return json{{"yes", answer.yes}, {"reason", answer.reason}}; };
+  peer.accept({{"ready", told(host.link->ready())}, {"eligible", told(host.link->eligible())}});
 }
 
 void vrrp(service &host, const json &, control_peer &peer)

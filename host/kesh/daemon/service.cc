@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <system_error>
 
 #include "daemon/hooks.h"
@@ -26,6 +27,15 @@ uint64_t now_ns()
 {
   const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(since_1970).count());
+}
+
+std::string time_text()
+{
+  const time_t now = time(nullptr);
+  tm parts;
+  char text[32];
+  strftime(text, sizeof text, "%F %T%z", localtime_r(&now, &parts));
+  return text;
 }
 
 bool is_active()
@@ -82,6 +92,12 @@ void service::close_store()
 link_functions service::make_link_functions()
 {
   return {.role = [this] { return role(); },
+          .isolated =
+              [this] {
+                const lock_scope scope(verdict_lock_);
+                return isolated_;
+              },
+          .oldest_wait_s = [this] { return static_cast<uint64_t>(submissions->oldest_wait().count()); },
           .order_no_op = [this] { return order_no_op(); },
           .stop_protocol =
               [this](const std::string &reason) {
@@ -199,6 +215,10 @@ int service::start_locked(std::string &error)
   }
   was_active_ = true;
   role_ = node_role::follower;
+  {
+    const lock_scope scope(verdict_lock_);
+    isolated_.clear();
+  }
   link->changed();
   link->library_started();
   log_line(log_level::info, "node " + std::to_string(vx_cons_get_node_id()) + " of " +
@@ -277,6 +297,10 @@ void service::note_isolation()
   if (was_active_ && !is_active()) {
     was_active_ = false;
     role_ = node_role::isolated;
+    {
+      const lock_scope scope(verdict_lock_);
+      isolated_ = " since " + time_text() + ": " + platform::log_last_critical();
+    }
     link->library_stopped();
     watcher.noted("isolated");
     submissions->activity_changed();

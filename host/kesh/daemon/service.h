@@ -97,6 +97,7 @@ private:
   std::atomic<node_role> role_ = node_role::stopped;  // as left by the last start or stop; never leader
   platform::mutex verdict_lock_;
   std::string must_leave_ PLATFORM_GUARDED_BY(verdict_lock_);  // why; empty: it need not
+  std::string isolated_ PLATFORM_GUARDED_BY(verdict_lock_);    // " since TIME: LINE"; empty: it is not
 };
 
 }  // namespace kesh

@@ -187,6 +187,9 @@ std::string status_text(const json &status)
     name.resize(15, ' ');
     text += name + value + '\n';
   };
+  if (const json &cluster = status.at("cluster"); cluster.contains("sentence")) {
+    text = cluster.at("sentence").get<std::string>() + "\n\n";
+  }
   row("active", yes_no(status.at("active")) + (status.at("enabled").get<bool>() ? "" : " (no cluster configured)"));
   row("leader", yes_no(status.at("leader")));
   row("node", number_text(status.at("node_id")) + " of " + number_text(status.at("node_count")));
@@ -195,8 +198,6 @@ std::string status_text(const json &status)
                        ", " + cluster.at("standing").get<std::string>());
     row("may lead", answer_text(cluster.at("may_lead")));
     row("may submit", answer_text(cluster.at("may_submit")));
-    const auto reason = cluster.at("reason").get<std::string>();
-    row("orders", reason.empty() ? "yes" : "no: " + reason);
     for (const std::string &alarm : alarms(cluster)) {
       row("", alarm);
     }

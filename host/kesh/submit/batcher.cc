@@ -114,6 +114,15 @@ void batcher::join()
   }
 }
 
+std::chrono::seconds batcher::oldest_wait()
+{
+  const lock_scope scope(lock_);
+  const auto oldest = outbox_.oldest();
+  return oldest == outbox::NEVER
+             ? std::chrono::seconds(0)
+             : std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - oldest);
+}
+
 submit_counts batcher::counts()
 {
   const lock_scope scope(lock_);

@@ -54,6 +54,8 @@ public:
   void join() PLATFORM_EXCLUDES(lock_);
 
   submit_counts counts() PLATFORM_EXCLUDES(lock_);
+  /// How long the oldest item without a result waits; 0: there is none.
+  std::chrono::seconds oldest_wait() PLATFORM_EXCLUDES(lock_);
 
 private:
   static constexpr std::chrono::milliseconds ACTIVITY_CHECK{200};

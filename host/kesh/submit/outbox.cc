@@ -448,6 +448,24 @@ void outbox::stop(time_point now)
   drop_repeat_if_closed();
 }
 
+outbox::time_point outbox::oldest() const
+{
+  time_point oldest = NEVER;
+  const auto look_at = [&oldest](const open_item &one) {
+    oldest = one.now == open_item::state::open ? std::min(oldest, one.pushed_at) : oldest;
+  };
+  for (const auto &[id, one] : clients_) {
+    if (!one->waiting.empty()) {
+      look_at(one->waiting.front());
+    }
+  }
+  for (const batch &slot : slots_) {
+    std::for_each(slot.items.begin(), slot.items.end(), look_at);
+  }
+  std::for_each(again_.begin(), again_.end(), look_at);
+  return oldest;
+}
+
 result_list outbox::take_results()
 {
   return std::exchange(results_, {});

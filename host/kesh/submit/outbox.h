@@ -95,6 +95,8 @@ public:
   /// The results since the last call.
   result_list take_results();
   [[nodiscard]] submit_counts counts() const { return counts_; }
+  /// Of the items without a result, when the oldest came; NEVER: there is none.
+  [[nodiscard]] time_point oldest() const;
 
 private:
   struct client;

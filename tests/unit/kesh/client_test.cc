@@ -171,20 +171,23 @@ TEST_F(client_test, waits_for_no_daemon_that_hangs)
 
 TEST_F(client_test, health_and_vrrp_are_for_keepalived)
 {
+  using enum kesh::health_question;
+  const std::string good = R"({"ok":true,"ready":{"yes":true,"reason":""},"eligible":{"yes":true,"reason":""}})";
+  const std::string bad =
+      R"({"ok":true,"ready":{"yes":false,"reason":"a"},"eligible":{"yes":false,"reason":"no text"}})";
   const struct {
-    const char *answer;
-    bool eligible;
+    std::string answer;
+    kesh::health_question asked;
     int code;
     const char *text;
-  } cases[] = {{R"({"ok":true,"eligible":true,"active":false,"reason":""})", true, 0, "eligible\n"},
-               {R"({"ok":true,"eligible":true,"active":false,"reason":"a"})", false, 5, "not active: a\n"},
-               {R"({"ok":true,"eligible":false,"active":true,"reason":"no text"})", true, 5, "not eligible: no text\n"},
-               {R"({"ok":true,"eligible":false,"active":true,"reason":"no text"})", false, 0, "active\n"}};
+  } cases[] = {{good, live, 0, "live\n"},         {bad, live, 0, "live\n"},
+               {good, ready, 0, "ready\n"},       {bad, ready, 5, "not ready: a\n"},
+               {good, eligible, 0, "eligible\n"}, {bad, eligible, 5, "not eligible: no text\n"}};
   for (const auto &c : cases) {
     fs::remove(path("socket"));
-    const fake_daemon daemon(path("socket"), {.answer = std::string(c.answer) + '\n'});
+    const fake_daemon daemon(path("socket"), {.answer = c.answer + '\n'});
     testing::internal::CaptureStdout();
-    const int code = kesh::health_command(path("socket"), c.eligible, false);
+    const int code = kesh::health_command(path("socket"), c.asked, false);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), c.text);
     EXPECT_EQ(code, c.code);
   }
