@@ -11,6 +11,7 @@
 
 #include "admin/configure.h"
 #include "admin/store_commands.h"
+#include "client/alive.h"
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
@@ -105,6 +106,7 @@ struct command_line {
   bool journal_tags = false;
   bool journal_json = false;
   bool status_json = false;
+  uint32_t alive_max_age_s = 10;
   bool health_live = false;
   bool health_ready = false;
   bool health_eligible = false;
@@ -278,6 +280,14 @@ struct command_line {
     question.add_flag("--ready", health_ready, "does this node take part, and are payloads ordered? (default)");
     question.add_flag("--eligible", health_eligible, "may keepalived choose this node as MASTER?");
     health.add_flag("--json", health_json, "print as JSON");
+
+    CLI::App &alive = add("alive",
+                          "For check scripts: exit code 0 if the library gave a sign of life lately, 5 if not. Empties "
+                          "the queue of these signs.",
+                          [this] { return kesh::alive_command(kesh::SIGN_OF_LIFE_KEY, alive_max_age_s); });
+    alive.add_option("--max-age", alive_max_age_s, "seconds that the last sign may be old")
+        ->check(CLI::Range(1u, 3600u))
+        ->capture_default_str();
 
     CLI::App &vrrp = add_client(
         "vrrp",

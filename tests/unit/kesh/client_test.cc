@@ -2,16 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 
+#include "client/alive.h"
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
@@ -167,6 +171,31 @@ TEST_F(client_test, waits_for_no_daemon_that_hangs)
   const kesh::submit_options options{.input = "/dev/null", .timeout_s = 0.05, .latency_path = ""};
   EXPECT_EQ(kesh::submit_command(path("socket"), options), kesh::EXIT_UNREACHABLE);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("does not answer within 1.05 s"), std::string::npos);
+}
+
+// The kernel lets 16 KiB wait: a queue that nobody empties takes no sign after half an hour.
+TEST_F(client_test, alive_empties_the_queue_and_tells_how_old_the_last_sign_is)
+{
+  const key_t key = static_cast<key_t>(0x56580000 + getpid() % 0xffff);
+  const auto said = [&](uint32_t max_age_s, int code) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(kesh::alive_command(key, max_age_s), code);
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_NE(said(10, kesh::EXIT_UNREACHABLE).find("there is no queue"), std::string::npos);
+  const int queue = msgget(key, IPC_CREAT | IPC_EXCL | 0600);
+  ASSERT_GE(queue, 0);
+  const std::unique_ptr<const int, void (*)(const int *)> removed(
+      &queue, [](const int *id) { msgctl(*id, IPC_RMID, nullptr); });
+  EXPECT_EQ(said(10, kesh::EXIT_REFUSED), "not alive: no sign of life was given yet\n");
+  const struct {
+    long type = 1;
+    char text[8] = {};
+  } sign;
+  while (msgsnd(queue, &sign, sizeof sign.text, IPC_NOWAIT) == 0) {
+  }
+  EXPECT_EQ(said(10, kesh::EXIT_OK).substr(0, 6), "alive:");
+  EXPECT_EQ(msgsnd(queue, &sign, sizeof sign.text, IPC_NOWAIT), 0);
 }
 
 TEST_F(client_test, health_and_vrrp_are_for_keepalived)
