@@ -7,6 +7,7 @@ import subprocess
 import unittest
 
 from scenario import BUILD_DIR, Scenario, wait_until
+from vxlab_lib.errors import LabError
 from vxlab_lib.journal import STORE_PARTS
 from vxlab_lib.node import write_by_rename
 
@@ -150,7 +151,10 @@ class Disk(Scenario):
         self.check_all()
 
     def is_complete(self, node):
-        return self.cluster.node(node).answers() and not self.cluster.status(node)["journal"]["incomplete"]
+        try:
+            return not self.cluster.status(node)["journal"]["incomplete"]
+        except LabError:
+            return False  # it has not come up, or it dies
 
     def make_disk_fail_on_command(self, node):
         """Returns the path of the rules that the node's next processes obey."""

@@ -116,9 +116,10 @@ class Operator(Scenario):
         for client in abandoned:
             client.kill()
             client.communicate()
+        wait_until(lambda: "only 1 of 3 nodes heard, a quorum is 2" in self.cluster.status(1)["cluster"]["sentence"], 15.0,
+                   "node 1 says that it hears nobody")
         for arguments, code in ((["status"], 0), (["health", "--live"], 0), (["health", "--ready"], REFUSED)):
             self.assertEqual(self.code_of(1, *arguments, timeout_s=5), code)
-        self.assertIn("only 1 of 3 nodes heard, a quorum is 2", self.cluster.status(1)["cluster"]["sentence"])
         code, seconds = self.kesh_submit(1, b"behind them\n", 1)
         self.assertIn(code, (REFUSED, UNKNOWN))
         self.assertLess(seconds, 3)

@@ -157,7 +157,8 @@ std::string reform_fault(const settings &configured, const reform_options &given
   if (!has_payloads) {
     return path +
            " has no payloads to begin with: restore a backup of another node first, or join as a new node with " +
-           "kesh configure --cluster " + configured.cluster_name + " --generation " + std::to_string(given.generation);
+           "kesh configure --cluster " + configured.cluster_name + " --generation " + std::to_string(given.generation) +
+           ", and give all others --without " + std::to_string(configured.node_id);
   }
   std::string error;
   const auto records = library_records_read(CONS_DIRECTORY, error);
@@ -245,11 +246,13 @@ int reform_run(const reform_options &given)
     begins.without |= 1u << (node - 1);
   }
   const standing_file standing_kept(CONS_DIRECTORY, configured_cluster(reformed));
-  if (goes_on && interrupted_configuration(configured.store_path) != command) {
+  const std::string interrupted = interrupted_configuration(configured.store_path);
+  if (goes_on && interrupted != command) {
     std::string error;
     const auto kept = standing_kept.read(error);
-    if (kept && kept->stands == standing::reformed) {  // all but its last word was done
-      say_reformed(options);
+    const bool is_done = kept && kept->stands == standing::reformed && interrupted.empty();
+    if (is_done && (kept->without == begins.without || standing_kept.write(begins, error))) {
+      say_reformed(options);  // all but its last word was done, or --without comes later
       return EXIT_OK;
     }
     return fail(EXIT_REFUSED, "the present generation is " + std::to_string(configured.generation) +

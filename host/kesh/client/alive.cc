@@ -1,6 +1,7 @@
 #include "client/alive.h"
 
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,10 +16,29 @@ namespace kesh
 namespace
 {
 
+constexpr size_t SIGN_SIZE = 8;
+
 struct sign {
   long type;
   char text[64];
 };
+
+/// A full queue took no signs. Waits for the next one, which comes within a second; false: it does not.
+bool await_sign(int queue, msqid_ds &state)
+{
+  constexpr int TRIES = 60;
+  constexpr useconds_t PAUSE_US = 50'000;
+  for (int i = 0; i < TRIES; ++i) {
+    if (msgctl(queue, IPC_STAT, &state) != 0) {
+      return false;
+    }
+    if (state.msg_qnum != 0) {
+      return true;
+    }
+    usleep(PAUSE_US);
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -27,11 +47,18 @@ int alive_command(key_t queue_key, uint32_t max_age_s)
   const int queue = msgget(queue_key, 0);
   msqid_ds state;
   if (queue < 0 || msgctl(queue, IPC_STAT, &state) != 0) {
-    printf("not alive: there is no queue of signs of life: %s\n", strerror(errno));
+    printf("not alive: %s: %s\n",
+           errno == ENOENT ? "no library has begun to give signs of life" : "the signs of life cannot be read",
+           strerror(errno));
     return EXIT_UNREACHABLE;
   }
+  const bool was_full = state.msg_cbytes + SIGN_SIZE > state.msg_qbytes;
   sign one;
   while (msgrcv(queue, &one, sizeof one.text, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
+  }
+  if (was_full && !await_sign(queue, state)) {
+    printf("not alive: the queue was full, and no sign of life came since it was emptied\n");
+    return EXIT_REFUSED;
   }
   // The kernel's time of the last one, which stays when the queue is empty.
   if (state.msg_stime == 0) {

@@ -233,6 +233,9 @@ lead_answer cluster_link::eligible()
 lead_answer cluster_link::ready()
 {
   const lead_answer submits = may_submit();
+  if (!is_configured_) {
+    return submits;
+  }
   const lock_scope scope(lock_);
   const bool is_ordered = facts_ && ordering_.obstacles.empty();
   return !is_ordered ? lead_answer{false, facts_ ? obstacles_text(ordering_) : "the daemon has just begun"} : submits;
@@ -467,6 +470,7 @@ ordering_facts cluster_link::facts_of_ordering(const own_facts &now)
   ordering_facts known{.node = hello_settings_.node,
                        .node_count = hello_settings_.node_count,
                        .role = now.role,
+                       .stands = now.stands,
                        .isolated = functions_.isolated ? functions_.isolated() : "",
                        .stays_out = {},
                        .not_yet = {},
@@ -493,7 +497,7 @@ ordering_peer cluster_link::ordering_peer_of(const peer_view &one) const
 {
   const hello &said = one.last;
   const hello_settings &own = hello_settings_;
-  ordering_peer peer{said.node, one.age_ms <= LIVE_MS, said.role, said.decision, difference::none};
+  ordering_peer peer{said.node, one.age_ms, said.role, said.stands, said.decision, difference::none};
   if (said.cluster.name != own.cluster.name) {
     peer.differs = difference::cluster;
   } else if (said.cluster.generation != own.cluster.generation) {
@@ -534,9 +538,12 @@ std::string cluster_link::obstacle_to_reform(const told_position &own)
   }
   std::vector<reform_voice> voices;
   for (const peer_view &one : hello_.view().peers) {
-    if (one.is_member) {
-      voices.push_back({one.last.node, one.last.decision, one.age_ms <= LIVE_MS, one.last.stands, one.last.position});
-    }
+    voices.push_back({.node = one.last.node,
+                      .is_member = one.is_member,
+                      .decision = one.last.decision,
+                      .is_live = one.age_ms <= LIVE_MS,
+                      .stands = one.last.stands,
+                      .said = one.last.position});
   }
   return reform_obstacle(node, voices, [&](uint64_t n) { return look_.hash_at(own, n); });
 }

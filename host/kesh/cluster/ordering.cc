@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "cluster/hello_service.h"
+
 namespace kesh
 {
 
@@ -10,6 +12,24 @@ namespace
 
 // A submission takes milliseconds, and in a new log seconds.
 constexpr uint64_t LONG_WAIT_S = 5;
+// What a leader said that long ago it may have stopped to be: hellos come once a second.
+constexpr uint32_t FRESH_MS = 1500;
+
+bool is_live(const ordering_peer &one)
+{
+  return one.age_ms <= LIVE_MS;
+}
+
+bool runs(node_role role)
+{
+  return role == node_role::follower || role == node_role::leader;
+}
+
+/// Whether it answers what a leader asks.
+bool takes_part(const ordering_peer &one)
+{
+  return is_live(one) && runs(one.role) && one.stands != standing::is_new;
+}
 
 /// "node 1", "nodes 1 and 3", "nodes 1, 2 and 3".
 std::string nodes_text(const std::vector<uint32_t> &nodes)
@@ -65,37 +85,63 @@ void judge_own(const ordering_facts &known, ordering &found)
 
 void judge_quorum(const ordering_facts &known, ordering &found)
 {
-  const auto live = numbers_of(known.peers, [](const ordering_peer &one) { return one.is_live; });
+  const size_t heard = numbers_of(known.peers, is_live).size() + 1;
+  const size_t own = runs(known.role) && known.stands != standing::is_new ? 1 : 0;
+  const size_t active = numbers_of(known.peers, takes_part).size() + own;
   const size_t quorum = known.node_count / 2 + 1;
-  if (live.size() + 1 < quorum) {
-    found.obstacles.push_back("only " + std::to_string(live.size() + 1) + " of " + std::to_string(known.node_count) +
-                              " nodes heard, a quorum is " + std::to_string(quorum));
+  const std::string of = " of " + std::to_string(known.node_count) + " nodes ";
+  const std::string needed = ", a quorum is " + std::to_string(quorum);
+  if (heard < quorum) {
+    found.obstacles.push_back("only " + std::to_string(heard) + of + "heard" + needed);
+  } else if (active < quorum) {
+    found.obstacles.push_back("only " + std::to_string(active) + of + "take part" + needed);
   }
 }
 
 void judge_leader(const ordering_facts &known, ordering &found)
 {
-  auto leaders =
-      numbers_of(known.peers, [](const ordering_peer &one) { return one.is_live && one.role == node_role::leader; });
+  const auto led = [&](uint32_t from_ms, uint32_t to_ms) {
+    return numbers_of(known.peers, [=](const ordering_peer &one) {
+      return one.role == node_role::leader && one.age_ms >= from_ms && one.age_ms <= to_ms;
+    });
+  };
+  auto leaders = led(0, FRESH_MS);
   if (known.role == node_role::leader) {
     leaders.insert(std::upper_bound(leaders.begin(), leaders.end(), known.node), known.node);
   }
-  const auto silent =
-      numbers_of(known.peers, [](const ordering_peer &one) { return !one.is_live && one.role == node_role::leader; });
+  const auto silent = led(LIVE_MS + 1, UINT32_MAX);
   if (leaders.size() > 1) {
     found.obstacles.push_back(nodes_text(leaders) + (leaders.size() == 2 ? " are both MASTER" : " are all MASTER"));
-  } else if (leaders.empty() && !silent.empty()) {
-    found.obstacles.push_back("MASTER " + nodes_text(silent) + (silent.size() == 1 ? " is" : " are") + " not heard");
-  } else if (leaders.empty()) {
-    found.obstacles.emplace_back("no node is MASTER");
+  } else if (leaders.empty() && led(0, LIVE_MS).empty()) {
+    found.obstacles.push_back(silent.empty() ? "no node is MASTER"
+                                             : "MASTER " + nodes_text(silent) + (silent.size() == 1 ? " is" : " are") +
+                                                   " not heard");
   }
+}
+
+/// Why a node that is heard does not take part.
+std::string absence_text(const ordering_peer &one)
+{
+  if (one.differs != difference::none) {
+    return difference_text(one.differs);
+  }
+  switch (one.role) {
+  case node_role::stopped:
+    return " is stopped";
+  case node_role::isolated:
+    return " is isolated";
+  case node_role::follower:
+  case node_role::leader:
+    break;
+  }
+  return one.stands == standing::is_new ? " is new, and has not joined" : "";
 }
 
 void note_the_rest(const ordering_facts &known, ordering &found)
 {
   for (const ordering_peer &one : known.peers) {
-    if (one.is_live && one.differs != difference::none) {
-      found.notes.push_back("node " + std::to_string(one.node) + difference_text(one.differs));
+    if (const std::string absence = absence_text(one); is_live(one) && !absence.empty()) {
+      found.notes.push_back("node " + std::to_string(one.node) + absence);
     }
   }
   if (!known.is_complete) {
@@ -109,7 +155,7 @@ void note_the_rest(const ordering_facts &known, ordering &found)
   }
   uint32_t highest = known.decision;
   for (const ordering_peer &one : known.peers) {
-    highest = one.is_live && one.differs == difference::none ? std::max(highest, one.decision) : highest;
+    highest = is_live(one) && one.differs == difference::none ? std::max(highest, one.decision) : highest;
   }
   // Hellos are a second apart, so a node that keeps up may seem to be a few hundred behind: a whole log is not that.
   constexpr uint32_t LOG_ENTRIES = 250;

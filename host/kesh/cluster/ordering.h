@@ -16,8 +16,9 @@ enum class difference : uint8_t { none, cluster, generation, build, node_count, 
 
 struct ordering_peer {
   uint32_t node = 0;
-  bool is_live = false;  ///< heard lately
+  uint32_t age_ms = 0;  ///< of its last hello
   node_role role = node_role::stopped;
+  standing stands = standing::member;
   uint32_t decision = 0;
   difference differs = difference::none;
 };
@@ -26,6 +27,7 @@ struct ordering_facts {
   uint32_t node = 0;
   uint32_t node_count = 0;
   node_role role = node_role::stopped;
+  standing stands = standing::member;
   std::string isolated;   ///< since when, and by which file: " since 10:15:31 (...)"; may be empty
   std::string stays_out;  ///< why it takes no part at all; empty: it does
   std::string not_yet;    ///< why it may not lead yet; empty: nothing is in the way

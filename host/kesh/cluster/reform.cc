@@ -29,6 +29,21 @@ std::optional<uint64_t> fork_of(const told_position &own, const told_position &s
   return differs(said.n, said.hash) ? std::optional(said.n) : std::nullopt;
 }
 
+/// Why the first of the nodes that are waited for keeps the others waiting.
+std::string awaited_text(uint32_t awaited, const std::vector<reform_voice> &voices)
+{
+  const auto node = static_cast<uint32_t>(std::countr_zero(awaited)) + 1;
+  const auto said =
+      std::find_if(voices.begin(), voices.end(), [&](const reform_voice &one) { return one.node == node; });
+  const std::string name = "node " + std::to_string(node);
+  const std::string what = said == voices.end() ? name + " has not been heard, and may have applied more"
+                           : !said->is_member   ? name + " is of another generation still"
+                           : said->stands != standing::reformed ? name + " has no store of the last generation"
+                                                                : "the store of " + name + " is not whole";
+  return what + "; if its store is lost for good, give kesh reform on all others once more, with --without " +
+         std::to_string(node);
+}
+
 }  // namespace
 
 void store_change_identity(const std::string &path, const std::string &from, const std::string &to)
@@ -61,14 +76,15 @@ std::string reform_obstacle(const reform_node &own_node, const std::vector<refor
   uint32_t compared = 1;
   std::string ahead, unknown;
   for (const reform_voice &one : voices) {
-    awaited &= one.stands == standing::reformed || one.decision != 0 ? ~(1u << (one.node - 1)) : ~0u;
-    if (one.decision != 0) {
+    const uint32_t bit = 1u << (one.node - 1);
+    if (one.is_member && one.decision != 0) {
+      awaited &= ~bit;
       if (one.is_live) {
         return node_name(one) + " has begun the new generation: its state comes";
       }
       continue;
     }
-    if (one.stands != standing::reformed) {
+    if (!one.is_member || one.stands != standing::reformed) {
       continue;
     }
     ++heard;
@@ -76,6 +92,7 @@ std::string reform_obstacle(const reform_node &own_node, const std::vector<refor
       continue;
     }
     ++compared;
+    awaited &= ~bit;
     if (const auto fork = fork_of(own, one.said, own_hash)) {
       return node_name(one) + " has another history, seen at payload " + std::to_string(*fork) +
              ": neither may begin the new generation; decide whose store is right and put the other one aside";
@@ -96,12 +113,10 @@ std::string reform_obstacle(const reform_node &own_node, const std::vector<refor
     return "of the new generation " + std::to_string(compared) + " of " + std::to_string(node_count) +
            " nodes have their store, and " + std::to_string(node_count - quorum + 1) + " have to compare theirs";
   }
-  if (ahead.empty() && unknown.empty() && awaited != 0) {
-    const std::string node = std::to_string(std::countr_zero(awaited) + 1);
-    return "node " + node + " has not been heard, and may have applied more; if its store is lost for good, give all " +
-           "nodes kesh reform with another generation and --without " + node;
+  if (!ahead.empty() || !unknown.empty()) {
+    return ahead.empty() ? unknown : ahead;
   }
-  return ahead.empty() ? unknown : ahead;
+  return awaited != 0 ? awaited_text(awaited, voices) : "";
 }
 
 }  // namespace kesh

@@ -23,9 +23,10 @@ namespace kesh
 /// daemon may have it open. Throws a store_failure, also if it is neither of `from` nor of `to`; it is then as it was.
 void store_change_identity(const std::string &path, const std::string &from, const std::string &to);
 
-/// What another node of this generation has said since the start of the daemon.
+/// What another node of this cluster has said since the start of the daemon.
 struct reform_voice {
   uint32_t node = 0;
+  bool is_member = true;  ///< of this generation
   uint32_t decision = 0;
   bool is_live = false;  ///< heard lately
   /// Only a node that was reformed compares: a new one may have lost the disk with what it held.
@@ -41,8 +42,8 @@ struct reform_node {
 };
 
 /// Why this node, which knows no decision of this generation, may not lead first; empty: it may. Pure. A majority has
-/// to be heard, all others too whose stores are not lost, and so many whole stores compared that no quorum was without
-/// one of them. `own_hash`: H(n) of the own store, if it is kept.
+/// to be heard, all whole stores compared but those that are lost, and at least so many that no quorum was without one
+/// of them. `own_hash`: H(n) of the own store, if it is kept.
 std::string reform_obstacle(const reform_node &own, const std::vector<reform_voice> &voices,
                             const std::function<std::optional<chain_hash>(uint64_t n)> &own_hash);
 

@@ -4,8 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "store/store_aside.h"
 
@@ -15,27 +19,35 @@ namespace kesh
 namespace
 {
 
-/// Ends a statement of the database when it is asked to.
+/// Ends a statement of the database when it is asked to. A thread looks: a check of the whole file calls nothing back.
 class interruption
 {
 public:
   interruption(database &of, const must_end &asked) : of_(of), asked_(asked)
   {
     if (asked_) {
-      sqlite3_progress_handler(
-          of_.native(), LOOK_EVERY, [](void *self) { return static_cast<interruption *>(self)->asked_() ? 1 : 0; },
-          this);
+      looks_ = std::jthread([this](const std::stop_token &ended) { look(ended); });
     }
   }
-  ~interruption() { sqlite3_progress_handler(of_.native(), 0, nullptr, nullptr); }
-  interruption(const interruption &) = delete;
-  interruption &operator=(const interruption &) = delete;
 
 private:
-  static constexpr int LOOK_EVERY = 10000;  // instructions of SQLite's machine
+  static constexpr std::chrono::milliseconds PERIOD{50};
+
+  void look(const std::stop_token &ended)
+  {
+    std::mutex lock;
+    std::condition_variable_any none;
+    std::unique_lock held(lock);
+    while (!none.wait_for(held, ended, PERIOD, [] { return false; }) && !ended.stop_requested()) {
+      if (asked_()) {
+        sqlite3_interrupt(of_.native());  // of the statement that runs now: again until it has ended
+      }
+    }
+  }
 
   database &of_;
   const must_end &asked_;
+  std::jthread looks_;  // last: its thread uses the others
 };
 
 /// A temporary file beside the target, gone unless it was named.

@@ -282,7 +282,7 @@ chain_hash hash_of(uint64_t n, uint64_t fork = UINT64_MAX)
 
 reform_voice voice_of(uint32_t node, uint64_t n, uint64_t fork = UINT64_MAX)
 {
-  return {node, 0, true, standing::reformed, {1, true, n, hash_of(n, fork), hash_of(checkpoint_of(n), fork)}};
+  return {node, true, 0, true, standing::reformed, {1, true, n, hash_of(n, fork), hash_of(checkpoint_of(n), fork)}};
 }
 
 }  // namespace
@@ -291,6 +291,8 @@ reform_voice voice_of(uint32_t node, uint64_t n, uint64_t fork = UINT64_MAX)
 TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
 {
   reform_voice incomplete = voice_of(2, 600), begun = voice_of(2, 650), gone = begun, without_disk = voice_of(2, 0);
+  reform_voice left_behind = voice_of(2, 700);
+  left_behind.is_member = false;
   without_disk.stands = standing::is_new;
   incomplete.said.complete = false;
   begun.decision = gone.decision = 4;
@@ -315,7 +317,10 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
       {"another one, beside an equal one", {voice_of(2, 600), voice_of(3, 500, 400)}, "node 3 has another history"},
       {"one that waits for a state", {incomplete}, "1 of 3 nodes have their store, and 2 have to"},
       {"one that lost its disk", {without_disk}, "it has heard 1 of 3 nodes"},
-      {"one that lost its disk, beside an equal one", {without_disk, voice_of(3, 600)}, "node 2 has not been heard"},
+      {"one that lost its disk, beside an equal one", {without_disk, voice_of(3, 600)}, "node 2 has no store"},
+      {"one that waits for a state, beside an equal one", {incomplete, voice_of(3, 600)}, "the store of node 2 is not"},
+      {"the same, and a person says so", {incomplete, voice_of(3, 600)}, "", 2},
+      {"one that was not reformed", {left_behind, voice_of(3, 600)}, "node 2 is of another generation"},
       {"one has begun", {begun}, "node 2 has begun"},
       {"one had begun and is gone", {gone, voice_of(3, 600)}, ""},
   };
@@ -326,7 +331,7 @@ TEST(reform, the_node_that_applied_most_leads_first_and_only_over_one_history)
     EXPECT_EQ(obstacle.empty(), *c.obstacle == '\0') << obstacle;
     EXPECT_NE(obstacle.find(c.obstacle), std::string::npos) << obstacle;
   }
-  EXPECT_EQ(reform_obstacle({2, 1, 0, voice_of(1, 600).said}, {incomplete}, own_hash), "")
+  EXPECT_EQ(reform_obstacle({2, 1, 2, voice_of(1, 600).said}, {incomplete}, own_hash), "")
       << "both were needed for whatever was acknowledged, so one store has it all";
 }
 

@@ -10,6 +10,8 @@ using namespace kesh;
 namespace
 {
 
+constexpr uint32_t SILENT = 5001;
+
 /// Node 1 of three follows node 2, and all hear each other.
 ordering_facts well()
 {
@@ -18,7 +20,8 @@ ordering_facts well()
   all.node_count = 3;
   all.role = node_role::follower;
   all.decision = 1000;
-  all.peers = {{2, true, node_role::leader, 1000, difference::none}, {3, true, node_role::follower, 1000, {}}};
+  all.peers = {{2, 900, node_role::leader, standing::member, 1000, difference::none},
+               {3, 900, node_role::follower, standing::member, 1000, difference::none}};
   return all;
 }
 
@@ -39,22 +42,30 @@ TEST(ordering, says_in_one_sentence_why_nothing_is_ordered)
     const char *sentence;
   } cases[] = {
       {well(), "ordering"},
-      {with([](facts &all) { all.peers[1].is_live = false; }), "ordering"},
-      {with([](facts &all) { all.peers[0].is_live = all.peers[1].is_live = false; }),
+      {with([](facts &all) { all.peers[1].age_ms = SILENT; }), "ordering"},
+      {with([](facts &all) { all.peers[0].age_ms = all.peers[1].age_ms = SILENT; }),
        "not ordering: only 1 of 3 nodes heard, a quorum is 2; MASTER node 2 is not heard"},
       {with([](facts &all) { all.peers.clear(); }),
        "not ordering: only 1 of 3 nodes heard, a quorum is 2; no node is MASTER"},
       {with([](facts &all) { all.peers[0].role = node_role::follower; }), "not ordering: no node is MASTER"},
-      {with([](facts &all) { all.peers[0].is_live = false; }), "not ordering: MASTER node 2 is not heard"},
-      {with([](facts &all) { all.peers[0].role = node_role::isolated, all.role = node_role::leader; }), "ordering"},
+      {with([](facts &all) { all.peers[0].age_ms = SILENT; }), "not ordering: MASTER node 2 is not heard"},
+      {with([](facts &all) { all.peers[0].role = node_role::isolated, all.role = node_role::leader; }),
+       "ordering; node 2 is isolated"},
+      {with([](facts &all) {
+         all.role = node_role::leader, all.peers[0].role = node_role::stopped, all.peers[1].stands = standing::is_new;
+       }),
+       "not ordering: only 1 of 3 nodes take part, a quorum is 2; node 2 is stopped; node 3 is new, and has not "
+       "joined"},
+      {with([](facts &all) { all.peers[1].role = node_role::leader, all.peers[0].age_ms = 3000; }), "ordering"},
+      {with([](facts &all) { all.peers[0].age_ms = 3000; }), "ordering"},
       {with([](facts &all) { all.peers[1].role = all.role = node_role::leader; }),
        "not ordering: nodes 1, 2 and 3 are all MASTER"},
-      {with([](facts &all) { all.peers[0].is_live = false, all.peers[1].differs = difference::build; }),
+      {with([](facts &all) { all.peers[0].age_ms = SILENT, all.peers[1].differs = difference::build; }),
        "not ordering: only 1 of 3 nodes heard, a quorum is 2; MASTER node 2 is not heard; node 3 has another build, "
        "which this one does not understand"},
       {with([](facts &all) { all.peers[1].differs = difference::generation; }),
        "ordering; node 3 is of another generation of this cluster"},
-      {with([](facts &all) { all.peers[1].is_live = false, all.peers[1].differs = difference::cluster; }), "ordering"},
+      {with([](facts &all) { all.peers[1].age_ms = SILENT, all.peers[1].differs = difference::cluster; }), "ordering"},
       {with([](facts &all) { all.role = node_role::stopped; }), "not ordering: this node is stopped"},
       {with([](facts &all) { all.role = node_role::isolated, all.isolated = " since 10:15: write() failed"; }),
        "not ordering: this node is isolated since 10:15: write() failed"},
