@@ -15,6 +15,7 @@
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
+#include "client/metrics.h"
 #include "cluster/node_state_file.h"
 #include "daemon/daemon.h"
 #include "daemon/node_files.h"
@@ -107,6 +108,7 @@ struct command_line {
   bool journal_json = false;
   bool status_json = false;
   uint32_t alive_max_age_s = 10;
+  std::string metrics_file;
   bool health_live = false;
   bool health_ready = false;
   bool health_eligible = false;
@@ -280,6 +282,11 @@ struct command_line {
     question.add_flag("--ready", health_ready, "does this node take part, and are payloads ordered? (default)");
     question.add_flag("--eligible", health_eligible, "may keepalived choose this node as MASTER?");
     health.add_flag("--json", health_json, "print as JSON");
+
+    CLI::App &metrics =
+        add_client("metrics", "Print what can be counted, in Prometheus' text format.",
+                   [this](const std::string &path) { return kesh::metrics_command(path, metrics_file); });
+    metrics.add_option("--file", metrics_file, "replace this file instead, at once, for a collector of text files");
 
     CLI::App &alive = add("alive",
                           "For check scripts: exit code 0 if the library gave a sign of life lately, 5 if not. Empties "

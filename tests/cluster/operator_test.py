@@ -10,6 +10,7 @@ import time
 import unittest
 import zlib
 
+from prometheus_client.parser import text_string_to_metric_families
 from scenario import Scenario, wait_until
 
 from vxlab_lib import control
@@ -130,6 +131,36 @@ class Operator(Scenario):
         self.cluster.start_all(master=1)
         self.submit(1, 20).wait()
         self.check_all()
+
+    def metrics_of(self, node):
+        """Returns {(sample name, labels): value}. The text must be what Prometheus reads."""
+        one = self.cluster.node(node)
+        text = subprocess.run(one.kesh("metrics"), cwd=one.dir, capture_output=True, text=True, check=True).stdout
+        families = list(text_string_to_metric_families(text))
+        self.assertEqual([family.name for family in families if family.type == "unknown" or not family.samples], [])
+        return {(sample.name, *sorted(sample.labels.items())): sample.value
+                for family in families for sample in family.samples}
+
+    def test_metrics_count_what_happens(self):
+        before = self.metrics_of(1)
+        self.submit(1, 20).wait()
+        self.check_all()
+        wait_until(lambda: self.metrics_of(2)[("kesh_leader_changes_total",)] == 0 and
+                   self.metrics_of(2)[("kesh_ordering",)] == 1, 10.0, "node 2 sees the leader")
+        after = self.metrics_of(1)
+        for name, more in (("kesh_submissions_total", 20), ("kesh_submission_seconds_count", 20)):
+            key = (name, ("result", "acknowledged")) if name.endswith("total") else (name,)
+            self.assertEqual(after[key] - before[key], more, name)
+        self.assertEqual(after["kesh_submission_seconds_bucket", ("le", "+Inf")], 20)
+        self.assertEqual(after[("kesh_journal_lines",)], 20)
+        self.assertGreater(after[("kesh_decision",)], 0)
+        self.assertLess(after["kesh_peer_last_heard_seconds", ("node", "2")], 5)
+        self.cluster.set_master(2)
+        wait_until(lambda: self.metrics_of(3)[("kesh_leader_changes_total",)] == 1, 15.0, "node 3 counts the change")
+        self.cluster.kill(2)
+        self.cluster.kill(1)
+        wait_until(lambda: self.metrics_of(3)[("kesh_ordering",)] == 0, 15.0, "node 3 says that nothing is ordered")
+        wait_until(lambda: self.metrics_of(3)[("kesh_not_ordering_seconds_total",)] > 1, 15.0, "it counts for how long")
 
     def test_commands_notice_a_daemon_that_hangs_or_dies(self):
         self.submit(1, 20).wait()

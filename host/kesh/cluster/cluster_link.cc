@@ -458,7 +458,7 @@ own_facts cluster_link::gather()
   now.reason = now.reason.empty() ? records.fault : now.reason;
   now.reason = now.reason.empty() ? obstacles_text(found) : now.reason;
   const lock_scope scope(lock_);
-  ordering_ = found;
+  note_ordering(found);
   now.decision_at_start = decision_at_start_;
   facts_ = now;
   return now;
@@ -512,6 +512,20 @@ ordering_peer cluster_link::ordering_peer_of(const peer_view &one) const
     peer.differs = difference::cluster;
   }
   return peer;
+}
+
+void cluster_link::note_ordering(const ordering &found)
+{
+  const int64_t now = now_ms();
+  if (judged_ms_ != 0 && !ordering_.obstacles.empty()) {
+    not_ordering_ms_ += now - judged_ms_;
+  }
+  judged_ms_ = now;
+  ordering_ = found;
+  if (found.leader != 0) {
+    leader_changes_ += last_leader_ != 0 && last_leader_ != found.leader ? 1 : 0;
+    last_leader_ = found.leader;
+  }
 }
 
 std::string cluster_link::ordering_sentence()

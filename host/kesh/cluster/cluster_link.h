@@ -139,6 +139,7 @@ private:
   void advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
       PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   ordering_facts facts_of_ordering(const own_facts &now) PLATFORM_EXCLUDES(lock_);
+  void note_ordering(const ordering &found) PLATFORM_REQUIRES(lock_);
   ordering_peer ordering_peer_of(const peer_view &one) const;
 
   // Work thread.
@@ -197,6 +198,10 @@ private:
   std::optional<uint32_t> msg_id_wanted_ PLATFORM_GUARDED_BY(lock_);
   std::optional<own_facts> facts_ PLATFORM_GUARDED_BY(lock_);  // told last
   ordering ordering_ PLATFORM_GUARDED_BY(lock_);               // found then
+  int64_t judged_ms_ PLATFORM_GUARDED_BY(lock_) = 0;           // when
+  int64_t not_ordering_ms_ PLATFORM_GUARDED_BY(lock_) = 0;
+  uint32_t last_leader_ PLATFORM_GUARDED_BY(lock_) = 0;  // 0: none was seen
+  uint64_t leader_changes_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool told_may_submit_ PLATFORM_GUARDED_BY(lock_) = false;
   bool was_master_ PLATFORM_GUARDED_BY(lock_) = false;
   std::string written_ PLATFORM_GUARDED_BY(lock_);  // what was said of the node state file last

@@ -99,6 +99,8 @@ nlohmann::json cluster_link::status_json()
   status["vrrp"] = vrrp_state_name(facts_now().vrrp);
   status["reason"] = facts_ ? facts_->reason : "";
   status["ordering"] = facts_ && ordering_.obstacles.empty();
+  status["not_ordering_ms"] = not_ordering_ms_;
+  status["leader_changes"] = leader_changes_;
   return status;
 }
 

@@ -109,6 +109,7 @@ void judge_leader(const ordering_facts &known, ordering &found)
   if (known.role == node_role::leader) {
     leaders.insert(std::upper_bound(leaders.begin(), leaders.end(), known.node), known.node);
   }
+  found.leader = leaders.size() == 1 ? leaders.front() : 0;
   const auto silent = led(LIVE_MS + 1, UINT32_MAX);
   if (leaders.size() > 1) {
     found.obstacles.push_back(nodes_text(leaders) + (leaders.size() == 2 ? " are both MASTER" : " are all MASTER"));

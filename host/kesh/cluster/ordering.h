@@ -41,6 +41,7 @@ struct ordering_facts {
 struct ordering {
   std::vector<std::string> obstacles;  ///< empty: payloads are ordered
   std::vector<std::string> notes;      ///< what else a person wants to know; nothing that stops the order
+  uint32_t leader = 0;                 ///< the only node that leads; 0: none, or several
 
   bool operator==(const ordering &) const = default;
 };

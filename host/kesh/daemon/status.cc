@@ -37,6 +37,15 @@ json journal_fields(service &host)
           {"rejoined", states.rejoined.load()}};
 }
 
+json latency_fields(const latencies &times)
+{
+  json buckets = json::array();
+  for (size_t i = 0; i < times.counts.size(); i++) {
+    buckets.push_back({{"us", latencies::BOUNDS_US[i]}, {"count", times.counts[i]}});
+  }
+  return {{"buckets", buckets}, {"total", times.total}, {"sum_us", times.sum_us}};
+}
+
 json message_fields()
 {
   const platform::messaging_statistics counted = platform::messaging_read_statistics();
@@ -162,7 +171,8 @@ json status_collect(service &host)
                    {"unknown", sent.unknown},
                    {"refused", sent.refused},
                    {"again", sent.again},
-                   {"payloads", sent.payloads}}},
+                   {"payloads", sent.payloads},
+                   {"latency", latency_fields(sent.times)}}},
                  {"eligible", host.link->eligible().yes},
                  {"cluster", host.link->status_json()},
                  {"messages", message_fields()},

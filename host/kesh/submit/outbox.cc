@@ -139,6 +139,9 @@ void outbox::close(open_item &one, item_fate fate, uint64_t line, const char *re
         owner.options.receiver, owner.id,
         {fate, one.attempts, one.number, one.sequence, line, static_cast<uint64_t>(time_us), one.text.size(), reason});
   }
+  if (fate == item_fate::applied) {
+    counts_.times.add(static_cast<uint64_t>(time_us));
+  }
   one.now = fate == item_fate::applied ? open_item::state::applied : open_item::state::expired;
   owner.items--;
   owner.bytes -= one.text.size();

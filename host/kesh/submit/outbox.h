@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "submit/item_taker.h"
+#include "submit/latencies.h"
 #include "submit/result_list.h"
 
 namespace kesh
@@ -47,6 +48,7 @@ struct submit_counts {
   uint64_t refused = 0;   ///< not taken: a limit, or a line of the client before it failed
   uint64_t again = 0;     ///< attempts of items after the first
   uint64_t payloads = 0;  ///< handed over
+  latencies times;        ///< of those applied
 };
 
 class outbox
