@@ -53,10 +53,13 @@ int alive_command(key_t queue_key, uint32_t max_age_s)
     return EXIT_UNREACHABLE;
   }
   const bool was_full = state.msg_cbytes + SIGN_SIZE > state.msg_qbytes;
+  msgqnum_t received = 0;
   sign one;
   while (msgrcv(queue, &one, sizeof one.text, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
+    ++received;
   }
-  if (was_full && !await_sign(queue, state)) {
+  const bool has_come = received > state.msg_qnum;  // while the queue was emptied
+  if (msgctl(queue, IPC_STAT, &state) != 0 || (was_full && !has_come && !await_sign(queue, state))) {
     printf("not alive: the queue was full, and no sign of life came since it was emptied\n");
     return EXIT_REFUSED;
   }
