@@ -3,8 +3,10 @@ on."""
 
 import os
 import shutil
+import sqlite3
 import subprocess
 import unittest
+from contextlib import closing
 
 from scenario import BUILD_DIR, Scenario, wait_until
 from vxlab_lib.errors import LabError
@@ -155,6 +157,60 @@ class Disk(Scenario):
             return not self.cluster.status(node)["journal"]["incomplete"]
         except LabError:
             return False  # it has not come up, or it dies
+
+    def begin_without_node_3(self):
+        """It is configured anew, and joins with the first decision of generation 2."""
+        self.cluster.node(3).generation = 2
+        self.cluster.node(3).configure(3)
+        for node in (1, 2, 3):
+            self.cluster.node(node).start()
+        self.cluster.set_master(1)
+        self.submit(1, 20).wait()
+        self.submit(3, 20).wait()
+        self.assertEqual([one.count for one in self.check_all()], [60, 60, 60])
+
+    def test_two_machines_that_are_replaced_at_once_wait_for_a_person(self):
+        self.submit(3, 20).wait()
+        copy = self.cluster.dir.file("backup")
+        subprocess.run(self.cluster.node(1).kesh("backup", copy), cwd=self.cluster.node(1).dir, check=True)
+        for node in (2, 3):
+            self.cluster.kill(node)
+            self.lose_disk(node, os.listdir(self.cluster.node(node).path("flashdisk")))
+            os.mkdir(self.cluster.node(node).path("flashdisk", "cons"))
+            self.cluster.node(node).configure(3)
+        for node in (2, 3):
+            self.cluster.node(node).start()
+        wait_until(lambda: "a majority has no past" in self.log_of(2) and "a majority has no past" in self.log_of(3), 20.0,
+                   "nodes 2 and 3 say why they do not join")
+        self.assertIn("take part, a quorum is 2", self.cluster.status(1)["cluster"]["sentence"])
+        for node in (1, 2, 3):
+            self.cluster.stop(node)
+        self.lose_disk(2, [one for one in STORE_PARTS if os.path.exists(self.cluster.node(2).path("flashdisk", one))])
+        self.cluster.node(2).offline("restore", copy)
+        self.cluster.node(1).reform(2, "--without", "3")
+        self.cluster.node(2).reform(2, "--without", "3", "--yes")  # its records tell of what the backup has not
+        self.begin_without_node_3()
+
+    def test_a_reform_of_different_histories_waits_for_a_person(self):
+        self.submit(2, 20).wait()
+        self.check_all()
+        for node in (1, 2, 3):
+            self.cluster.stop(node)
+        store = self.cluster.node(3).path("flashdisk", "kesh.store")
+        with closing(sqlite3.connect(store)) as database, database:
+            database.execute("UPDATE payload SET hash = zeroblob(32) WHERE n = (SELECT max(n) FROM payload)")
+        for node in (1, 2, 3):
+            self.cluster.node(node).reform(2)
+        for node in (1, 2, 3):
+            self.cluster.node(node).start()
+        self.cluster.set_master(1)
+        wait_until(lambda: "node 3 has another history" in self.log_of(1), 20.0, "node 1 says that node 3 differs")
+        self.assertEqual([self.cluster.node(node).state() for node in (1, 2, 3)], ["BACKUP"] * 3)
+        for node in (1, 2, 3):
+            self.cluster.stop(node)
+        for node in (1, 2):
+            self.cluster.node(node).reform(2, "--without", "3")
+        self.begin_without_node_3()  # the person's word: its store is put aside
 
     def make_disk_fail_on_command(self, node):
         """Returns the path of the rules that the node's next processes obey."""
