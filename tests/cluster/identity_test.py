@@ -96,25 +96,35 @@ class Interrupted(Scenario):
                               capture_output=True, text=True, check=False, timeout=30)
         return done.returncode, done.stdout + done.stderr
 
-    def interrupt_everywhere(self, generation, subcommand, *arguments):
-        """Gives the command again and again, each time for a new generation. Returns (generation, how often it was
-        refused to run meanwhile)."""
-        refused = 0
-        for call in ("rename:*", "unlink:*", "sync:*", "open:*"):
+    def kill_everywhere(self, calls, next_command):
+        """Gives the command that `next_command` returns again and again, killed before each such call in turn. Gives
+        each that was killed, for the caller to look at what is left, and then gives it once more."""
+        for call in calls:
             for count in range(1, CRASH_POINTS_MAX):
-                generation += 1
-                whole = (subcommand, *arguments, "--generation", str(generation), "--yes")
-                code, words = self.command(f"kill_before {call} {count}", *whole)
+                arguments = next_command()
+                code, words = self.command(f"kill_before {call} {count}", *arguments)
                 if code == 0:
                     break
                 self.assertEqual(code, KILLED, words)
-                if os.path.exists(self.cluster.node(3).path("flashdisk", "kesh.store.configuring")):
-                    code, words = self.command("", "run")
-                    self.assertEqual(code, BAD_CONFIG, words)
-                    self.assertIn(" ".join(("kesh", *whole)).removesuffix(" --yes"), words)
-                    refused += 1
-                code, words = self.command("", *whole)
+                yield arguments
+                code, words = self.command("", *arguments)
                 self.assertEqual(code, 0, f"{call} {count}: {words}")
+
+    def interrupt_everywhere(self, generation, subcommand, *arguments):
+        """Each command is for a new generation. Returns (the last one, how often the daemon refused meanwhile)."""
+        refused = 0
+
+        def next_command():
+            nonlocal generation
+            generation += 1
+            return (subcommand, *arguments, "--generation", str(generation), "--yes")
+
+        for whole in self.kill_everywhere(("rename:*", "unlink:*", "sync:*", "open:*"), next_command):
+            if os.path.exists(self.cluster.node(3).path("flashdisk", "kesh.store.configuring")):
+                code, words = self.command("", "run")
+                self.assertEqual(code, BAD_CONFIG, words)
+                self.assertIn(" ".join(("kesh", *whole)).removesuffix(" --yes"), words)
+                refused += 1
         return generation, refused
 
     def test_restore(self):
@@ -125,14 +135,9 @@ class Interrupted(Scenario):
                                         check=False).returncode, 0)
         self.submit(3, 20).wait()
         self.cluster.stop(3)
-        for call in ("rename:host/*", "unlink:host/*", "sync:host/*", "open:host/*"):
-            for count in range(1, CRASH_POINTS_MAX):
-                code, words = self.command(f"kill_before {call} {count}", "restore", copy)
-                if code == 0:
-                    break
-                self.assertEqual(code, KILLED, words)
-                code, words = self.command("", "restore", copy)
-                self.assertEqual(code, 0, f"{call} {count}: {words}")
+        killed = list(self.kill_everywhere(("rename:host/*", "unlink:host/*", "sync:host/*", "open:host/*"),
+                                           lambda: ("restore", copy)))
+        self.assertGreater(len(killed), 3)
         self.cluster.start(3)
         self.submit(3, 20).wait()
         self.check_all()

@@ -220,8 +220,12 @@ int reform_run(const reform_options &given)
                                   : "the present generation is " + std::to_string(configured.generation) +
                                         ": give a greater one, the same on all nodes");
   }
-  if (const std::string fault = goes_on ? "" : reform_fault(configured, given); !fault.empty()) {
-    return fail(EXIT_REFUSED, fault);
+  try {
+    if (const std::string fault = goes_on ? "" : reform_fault(configured, given); !fault.empty()) {
+      return fail(EXIT_REFUSED, fault);
+    }
+  } catch (const store_failure &failure) {
+    return fail(EXIT_CONFIG, configured.store_path + ": " + failure.what());
   }
   options.cluster_name = configured.cluster_name;
   options.node_count = configured.node_count;

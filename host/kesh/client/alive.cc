@@ -23,7 +23,8 @@ struct sign {
   char text[64];
 };
 
-/// A full queue took no signs. Waits for the next one, which comes within a second; false: it does not.
+/// A full queue took no signs. Waits for the next one, which comes within a second; false: it does not. Such a queue
+/// offers no wait with a deadline.
 bool await_sign(int queue, msqid_ds &state)
 {
   constexpr int TRIES = 60;

@@ -42,9 +42,6 @@ struct own_facts {
   std::optional<uint32_t> decision_at_start;
 };
 
-/// A node whose last hello is older counts as silent.
-inline constexpr uint32_t LIVE_MS = 5000;
-
 struct peer_view {
   hello last;
   uint32_t age_ms = 0;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "cluster/hello_service.h"
+#include "cluster/peers.h"
 
 namespace kesh
 {

@@ -9,7 +9,6 @@ namespace
 {
 constexpr size_t SESSIONS_KEPT = 4;
 constexpr int64_t DOUBLE_MS = 5000;
-constexpr int64_t MEMBER_MS = 5000;  // so long a node's hello is not displaced by one of another generation
 }  // namespace
 
 void peers::session_log::note(uint32_t session, uint32_t decision)
@@ -77,7 +76,7 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
   }
   auto &last = last_[said.node - 1];
   const bool is_beside_member =
-      last && last->last.cluster.generation == cluster_.generation && now_ms - last->heard_ms < MEMBER_MS;
+      last && last->last.cluster.generation == cluster_.generation && now_ms - last->heard_ms <= int64_t{LIVE_MS};
   if (kind == hello_kind::other_generation && is_beside_member) {
     return kind;  // the machine that was replaced in a reform, say
   }

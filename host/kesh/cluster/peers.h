@@ -11,6 +11,9 @@
 namespace kesh
 {
 
+/// A node whose last hello is older counts as silent.
+inline constexpr uint32_t LIVE_MS = 5000;
+
 /// What a hello is to this node.
 enum class hello_kind : uint8_t {
   member,            ///< of the same cluster and generation

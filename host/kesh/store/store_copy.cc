@@ -191,6 +191,9 @@ verify_result store_verify(const std::string &path, const must_end &asked)
   try {
     schema_check_version(in);
     result.fault = integrity_fault(in);
+    if (asked && asked()) {
+      throw store_failure("given up", SQLITE_INTERRUPT);  // what a check says that was cut short is no fault
+    }
     if (result.fault.empty()) {
       const store_meta meta = meta_read(in);
       result.fault = chain_check(in, meta, result).run();
