@@ -115,7 +115,7 @@ void fuzz_kesh(std::span<const uint8_t> input)
 void fuzz_hello(std::span<const uint8_t> input)
 {
   const std::string all(input.begin(), input.end());
-  kesh::peers heard({"c", "02:00:00:00:00:01", 1}, 16, 0, 1, 1);
+  kesh::peers heard({{"c", "02:00:00:00:00:01", 1}, 0, 16, 1, 1});
   kesh::agreement judge(16, [](const kesh::told_position &own, uint64_t) { return std::optional(own.hash); });
   for (size_t pos = 0; pos < all.size();) {
     const std::string_view line = std::string_view(all).substr(pos, all.find('\n', pos) - pos);

@@ -4,12 +4,14 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <vector>
 
 #include "control/request.h"
 #include "daemon/service.h"
 #include "items/item_text.h"
 #include "load.h"
 #include "platform.h"
+#include "vx_cons.h"
 
 namespace kesh_lab
 {
@@ -59,6 +61,13 @@ void block(const json &request, control_peer &peer)
   peer.accept();
 }
 
+void distribute_bytes(const json &request, control_peer &peer)
+{
+  const auto bytes = request.at("bytes").get<std::vector<uint8_t>>();
+  peer.accept();
+  vx_cons_distribute(bytes.data(), static_cast<uint32_t>(bytes.size()), DATA_TYPE);
+}
+
 }  // namespace
 
 bool watcher::begin(kesh::service &host, std::string &error)
@@ -69,11 +78,13 @@ bool watcher::begin(kesh::service &host, std::string &error)
 
 kesh::operation_table watcher::operations(kesh::service &host)
 {
-  return {{"slow", {operation_class::command, [this](const json &request, control_peer &peer) { slow(request, peer); }}},
-          {"block", {operation_class::command, block}},
-          {"load", {operation_class::stream, [&host](const json &request, control_peer &peer) {
-                      serve_load(host, request, peer);
-                    }}}};
+  return {
+      {"slow", {operation_class::command, [this](const json &request, control_peer &peer) { slow(request, peer); }}},
+      {"block", {operation_class::command, block}},
+      {"distribute", {operation_class::stream, distribute_bytes}},
+      {"load", {operation_class::stream, [&host](const json &request, control_peer &peer) {
+                  serve_load(host, request, peer);
+                }}}};
 }
 
 void watcher::slow(const json &request, control_peer &peer)

@@ -1,8 +1,10 @@
-/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds three operations to the
+/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds four operations to the
 /// control socket:
 ///
 ///     {"op":"slow","hook":"deliver"|"state","ms":N}   a hook of data type 0 takes that much longer; 0 ends it
 ///     {"op":"block","mask":M}                         what the nodes of the mask send is dropped (bit n - 1 = node n)
+///     {"op":"distribute","bytes":[B,..]}              these bytes become a payload, whatever they are; no second
+///     answer
 ///     {"op":"load",..}                                load.h
 #pragma once
 

@@ -73,6 +73,11 @@ class ControlClient:
         with self.open({"op": "slow", "hook": hook, "ms": wait_ms}):
             pass
 
+    def distribute(self, payload):
+        """Test aid: orders these bytes as a payload, whatever they are. Does not wait for that."""
+        with self.open({"op": "distribute", "bytes": list(payload)}):
+            pass
+
     @contextmanager
     def load(self, **options):
         """Makes the daemon submit lines of its own. Gives the stream on which it reports its totals at the end, as one

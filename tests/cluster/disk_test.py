@@ -4,11 +4,13 @@ on."""
 import os
 import shutil
 import sqlite3
+import struct
 import subprocess
 import unittest
 from contextlib import closing
 
 from scenario import BUILD_DIR, Scenario, wait_until
+from vxlab_lib.checker import check_journals
 from vxlab_lib.errors import LabError
 from vxlab_lib.journal import STORE_PARTS
 from vxlab_lib.node import write_by_rename
@@ -159,14 +161,16 @@ class Disk(Scenario):
             return False  # it has not come up, or it dies
 
     def begin_without_node_3(self):
-        """It is configured anew, and joins with the first decision of generation 2."""
+        """It is configured anew, and joins with the first decision of generation 2, without a submission."""
         self.cluster.node(3).generation = 2
         self.cluster.node(3).configure(3)
         for node in (1, 2, 3):
             self.cluster.node(node).start()
         self.cluster.set_master(1)
-        self.submit(1, 20).wait()
+        wait_until(lambda: "cluster: this node has joined" in self.log_of(3).rpartition("kesh: starting")[2], 20.0,
+                   "node 3 joins")
         self.submit(3, 20).wait()
+        self.submit(1, 20).wait()
         self.assertEqual([one.count for one in self.check_all()], [60, 60, 60])
 
     def test_two_machines_that_are_replaced_at_once_wait_for_a_person(self):
@@ -263,6 +267,24 @@ class Disk(Scenario):
         self.cluster.start(3)
         self.submit(3, 10).wait()
         self.check_all()
+
+    def test_a_payload_of_a_later_build_stops_all_and_is_not_passed_over(self):
+        later_kind = struct.pack("<4sBQI", b"KPL2", 1, 7, 2)
+        for sequence, kind in ((1, 1), (2, 99)):  # a line, which must not be applied either
+            later_kind += struct.pack("<BQII", kind, sequence, 1, 4) + b"text"
+        self.submit(2, 20).wait()
+        self.check_all()
+        self.cluster.node(1).control.distribute(later_kind)
+        for attempt in (1, 2):
+            for node in (1, 2, 3):
+                with self.subTest(f"start {attempt}, node {node}"):
+                    wait_until(lambda: not self.cluster.processes()[node]["running"], 20.0, "it ends")
+                    self.assertEqual(self.cluster.processes()[node]["exit_code"], 7)
+                    self.assertEqual(self.log_of(node).count("cannot be read: item 2 of 2 has an unknown kind"), attempt)
+            if attempt == 1:
+                for node in (1, 2, 3):
+                    self.cluster.node(node).spawn()
+        check_journals([node.journal() for node in self.cluster.nodes.values()], self.submissions[0].texts())
 
     def test_a_file_of_somebody_else_is_not_touched(self):
         self.cluster.stop(3)

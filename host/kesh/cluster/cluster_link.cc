@@ -496,22 +496,7 @@ ordering_facts cluster_link::facts_of_ordering(const own_facts &now)
 ordering_peer cluster_link::ordering_peer_of(const peer_view &one) const
 {
   const hello &said = one.last;
-  const hello_settings &own = hello_settings_;
-  ordering_peer peer{said.node, one.age_ms, said.role, said.stands, said.decision, difference::none};
-  if (said.cluster.name != own.cluster.name) {
-    peer.differs = difference::cluster;
-  } else if (said.cluster.generation != own.cluster.generation) {
-    peer.differs = difference::generation;
-  } else if (said.node_count != own.node_count) {
-    peer.differs = difference::node_count;
-  } else if (said.state_max != own.state_max) {
-    peer.differs = difference::state_max;
-  } else if (said.build != own.build) {
-    peer.differs = difference::build;
-  } else if (said.cluster.first_mac != own.cluster.first_mac) {
-    peer.differs = difference::cluster;
-  }
-  return peer;
+  return {said.node, one.age_ms, said.role, said.stands, said.decision, difference_of(said, hello_settings_)};
 }
 
 void cluster_link::note_ordering(const ordering &found)

@@ -77,8 +77,7 @@ bool say_changes(const cluster_view &before, const cluster_view &now)
 }  // namespace
 
 hello_service::hello_service(hello_settings settings, hello_functions functions)
-    : settings_(std::move(settings)), functions_(std::move(functions)),
-      peers_(settings_.cluster, settings_.node_count, settings_.state_max, settings_.node, settings_.session),
+    : settings_(std::move(settings)), functions_(std::move(functions)), peers_(settings_),
       agreement_(settings_.node_count, functions_.own_hash)
 {
 }

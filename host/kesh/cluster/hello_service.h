@@ -17,16 +17,6 @@
 namespace kesh
 {
 
-struct hello_settings {
-  cluster_identity cluster;
-  uint32_t build = 0;
-  uint32_t node_count = 0;
-  uint32_t node = 0;
-  uint32_t session = 0;  ///< drawn at random for each start of the daemon
-  std::chrono::milliseconds period{1000};
-  uint64_t state_max = 0;
-};
-
 /// What only the node itself knows; hello.h says what each means.
 struct own_facts {
   node_role role = node_role::stopped;

@@ -50,7 +50,9 @@ bool no_op_rule::is_in_need(const peer_view &peer, uint32_t top, const own_facts
     return false;
   }
   const bool is_at_end = said.handled || now_ms - last.since_ms >= STUCK_MS;
-  return (!said.position.complete && is_at_end) || (said.stands == standing::is_new && top > own.decision);
+  // Of a reformed cluster it gets a store with the first log.
+  const bool needs_decision = top > own.decision || (own.stands == standing::reformed && own.decision == 0);
+  return (!said.position.complete && is_at_end) || (said.stands == standing::is_new && needs_decision);
 }
 
 }  // namespace kesh

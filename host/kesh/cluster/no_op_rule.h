@@ -1,5 +1,6 @@
 /// When the leader orders no-ops: for a node that waits for a state, which comes with the next log, and for one that is
-/// new and waits for a decision that nobody else asks for.
+/// new and waits for a decision that nobody else asks for: of a number that is open, or the first of a reformed
+/// cluster.
 #pragma once
 
 #include <array>

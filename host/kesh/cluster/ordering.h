@@ -6,13 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "cluster/hello.h"
+#include "cluster/peers.h"
 
 namespace kesh
 {
-
-/// What is different of a node whose messages the library drops; none: they count.
-enum class difference : uint8_t { none, cluster, generation, build, node_count, state_max };
 
 struct ordering_peer {
   uint32_t node = 0;

@@ -36,19 +36,37 @@ uint32_t peers::session_log::before() const
   return greatest;
 }
 
+difference difference_of(const hello &said, const hello_settings &own)
+{
+  const bool is_same_life = said.cluster.generation == own.cluster.generation;
+  // Another generation has other addresses.
+  if (said.cluster.name != own.cluster.name || (is_same_life && said.cluster.first_mac != own.cluster.first_mac)) {
+    return difference::cluster;
+  }
+  if (said.node_count != own.node_count) {
+    return difference::node_count;
+  }
+  if (said.state_max != own.state_max) {
+    return difference::state_max;
+  }
+  if (!is_same_life) {
+    return difference::generation;
+  }
+  return said.build == own.build ? difference::none : difference::build;
+}
+
 hello_kind peers::kind_of(const hello &said) const
 {
-  // Another generation has other addresses.
-  const bool is_same_life = said.cluster.generation == cluster_.generation;
-  if (said.cluster.name != cluster_.name || (is_same_life && said.cluster.first_mac != cluster_.first_mac) ||
-      said.node_count != node_count_ || said.state_max != state_max_) {
+  const difference differs = difference_of(said, own_);
+  const bool is_same_life = differs == difference::none || differs == difference::build;
+  if (!is_same_life && differs != difference::generation) {
     return hello_kind::other_cluster;
   }
-  if (said.node == node_ && !is_same_life) {
+  if (said.node == own_.node && !is_same_life) {
     return hello_kind::other_cluster;  // the machine that this one replaced in a reform takes part in nothing here
   }
-  if (said.node == node_) {
-    return said.session == session_ ? hello_kind::own : hello_kind::own_number;
+  if (said.node == own_.node) {
+    return said.session == own_.session ? hello_kind::own : hello_kind::own_number;
   }
   const auto &before = last_[said.node - 1];
   if (before && before->last.session == said.session && said.number <= before->last.number) {
@@ -76,7 +94,7 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
   }
   auto &last = last_[said.node - 1];
   const bool is_beside_member =
-      last && last->last.cluster.generation == cluster_.generation && now_ms - last->heard_ms <= int64_t{LIVE_MS};
+      last && last->last.cluster.generation == own_.cluster.generation && now_ms - last->heard_ms <= int64_t{LIVE_MS};
   if (kind == hello_kind::other_generation && is_beside_member) {
     return kind;  // the machine that was replaced in a reform, say
   }
@@ -85,7 +103,7 @@ hello_kind peers::heard(const hello &said, int64_t now_ms)
     sessions_[said.node - 1].note(said.session, said.decision);
     has_echoed_[said.node - 1] |= is_echo(said);
     for (const heard_line &one : said.heard) {
-      if (one.node == node_ && one.session == session_ && one.before > remembered_of_us_.decision) {
+      if (one.node == own_.node && one.session == own_.session && one.before > remembered_of_us_.decision) {
         remembered_of_us_ = {said.node, one.before};
       }
     }
@@ -133,7 +151,7 @@ bool peers::has_lasting_double(int64_t now_ms) const
 bool peers::is_echo(const hello &said) const
 {
   return std::any_of(said.heard.begin(), said.heard.end(),
-                     [this](const heard_line &one) { return one.node == node_ && one.session == session_; });
+                     [this](const heard_line &one) { return one.node == own_.node && one.session == own_.session; });
 }
 
 uint32_t peers::echo_count() const

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -13,6 +14,23 @@ namespace kesh
 
 /// A node whose last hello is older counts as silent.
 inline constexpr uint32_t LIVE_MS = 5000;
+
+/// What this node is by its configuration.
+struct hello_settings {
+  cluster_identity cluster;
+  uint32_t build = 0;
+  uint32_t node_count = 0;
+  uint32_t node = 0;
+  uint32_t session = 0;  ///< drawn at random for each start of the daemon
+  std::chrono::milliseconds period{1000};
+  uint64_t state_max = 0;
+};
+
+/// Why the messages of a node do not count here; none: they count.
+enum class difference : uint8_t { none, cluster, node_count, state_max, generation, build };
+
+/// The first in that order.
+difference difference_of(const hello &said, const hello_settings &own);
 
 /// What a hello is to this node.
 enum class hello_kind : uint8_t {
@@ -40,10 +58,7 @@ struct lost_decisions {
 class peers
 {
 public:
-  peers(cluster_identity cluster, uint32_t node_count, uint64_t state_max, uint32_t node, uint32_t session)
-      : cluster_(std::move(cluster)), node_count_(node_count), state_max_(state_max), node_(node), session_(session)
-  {
-  }
+  explicit peers(hello_settings own) : own_(std::move(own)) {}
 
   /// Remembers what it says, by its kind. A hello of kind own or old leaves no trace.
   hello_kind heard(const hello &said, int64_t now_ms);
@@ -92,11 +107,7 @@ private:
   hello_kind kind_of(const hello &said) const;
   void note_double(const hello &said, int64_t now_ms);
 
-  cluster_identity cluster_;
-  uint32_t node_count_;
-  uint64_t state_max_;
-  uint32_t node_;
-  uint32_t session_;
+  const hello_settings own_;
   std::array<std::optional<heard_hello>, HELLO_NODES_MAX> last_;
   std::array<session_log, HELLO_NODES_MAX> sessions_;  // in this generation
   std::array<bool, HELLO_NODES_MAX> has_echoed_{};

@@ -258,7 +258,7 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
 
 TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 {
-  peers heard(CLUSTER, 3, 0, 1, 101);
+  peers heard({CLUSTER, 10000, 3, 1, 101});
   EXPECT_EQ(heard.heard(hello_of(2, 5, 700), 1000), hello_kind::member);
   EXPECT_EQ(heard.heard(hello_of(2, 5, 900), 1001), hello_kind::old) << "doubled or overtaken";
   hello one = hello_of(2, 1, 690);
@@ -300,7 +300,7 @@ TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 // A node that was restarted may hear the last hellos of its own former session.
 TEST(cluster_peers, a_double_is_one_that_goes_on)
 {
-  peers heard(CLUSTER, 3, 0, 1, 101);
+  peers heard({CLUSTER, 10000, 3, 1, 101});
   hello one = hello_of(1, 9);
   one.session = 77;
   one.heard = {{1, 0, 101, 5000}};

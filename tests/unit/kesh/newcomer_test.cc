@@ -234,6 +234,16 @@ TEST(no_op_rule, orders_for_those_in_need_and_not_for_ever)
       {"it is new, and a register was asked for",
        with([](peer_view &one) { one.last.stands = standing::is_new, one.last.top = 101; }), true},
   };
+  const peer_view begins = with([](peer_view &one) {
+    one.last.stands = standing::is_new, one.last.handled = false, one.last.decision = one.last.top = 0;
+  });
+  for (const standing stands : {standing::reformed, standing::member}) {
+    own_facts leads;
+    leads.stands = stands;
+    cluster_view view;
+    view.peers = {begins};
+    EXPECT_EQ(no_op_rule().wants(view, leads, 1000), stands == standing::reformed) << standing_name(stands);
+  }
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     no_op_rule rule;
