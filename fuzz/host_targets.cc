@@ -15,6 +15,7 @@
 #include "ordered_broadcast/paxos_messages.h"
 #include "platform.h"
 #include "round_based_registers/register_messages.h"
+#include "seal/sealing.h"
 #include "service/envelope.h"
 #include "service/identity.h"
 #include "service/service_state.h"
@@ -32,12 +33,35 @@ std::string text_of(const std::vector<uint8_t> &bytes)
 
 }  // namespace
 
+namespace
+{
+
+// Without the key nothing may count, whatever the head says.
+void open_sealed(const std::vector<uint8_t> &datagram, uint32_t channel)
+{
+  static const std::unique_ptr<platform::sealing> seals = [] {
+    platform::seal_keys keys;
+    std::string error;
+    platform::seal_keys_parse("seal 1 " + std::string(64, 'a'), "keys", keys, error);
+    auto made = std::make_unique<platform::sealing>();
+    made->begin(1, 1, keys);
+    return made;
+  }();
+  const auto head = platform::read_sealed_head(datagram);
+  std::vector<uint8_t> content(datagram.size());
+  require(seals->open(datagram, head ? head->sender : 1, channel, content.data()).dropped.has_value(),
+          "nobody else has the key");
+}
+
+}  // namespace
+
 // Input: the channel, then a datagram.
 void fuzz_datagram(std::span<const uint8_t> input)
 {
   input_reader in(input);
   const uint8_t channel = in.byte();
   const std::vector<uint8_t> datagram = in.rest();
+  open_sealed(datagram, channel);
   const platform::datagram_check check = platform::check_datagram(datagram.data(), datagram.size(), channel);
   if (check != platform::datagram_check::good && check != platform::datagram_check::bulk) {
     return;

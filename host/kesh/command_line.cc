@@ -15,8 +15,12 @@
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
+#include "client/keygen.h"
 #include "client/metrics.h"
+#include "client/vrrp_fifo.h"
+#include "cluster/configured_cluster.h"
 #include "cluster/node_state_file.h"
+#include "cluster/standing_file.h"
 #include "daemon/daemon.h"
 #include "daemon/node_files.h"
 #include "daemon/status.h"
@@ -80,7 +84,11 @@ struct address_options {
     kesh::settings configured;
     if (platform::config_load(config_path.empty() ? kesh::CONFIG_PATH_DEFAULT : config_path, access.why) &&
         kesh::settings_read(configured, access.why)) {
-      access.place = {{configured.store_path, configured.store_identity(), configured.state_max}, kesh::CONS_DIRECTORY};
+      std::string unread;
+      const auto kept = kesh::standing_file(kesh::CONS_DIRECTORY, kesh::configured_cluster(configured)).read(unread);
+      access.place = {{configured.store_path, configured.store_identity(), configured.state_max},
+                      kesh::CONS_DIRECTORY,
+                      kept && kept->stands == kesh::standing::reformed};
       access.socket_path = configured.socket_path;
     }
     if (!socket_path.empty() || !access.place) {
@@ -108,6 +116,8 @@ struct command_line {
   bool journal_json = false;
   bool status_json = false;
   uint32_t alive_max_age_s = 10;
+  std::string vrrp_fifo;
+  std::string vrrp_instance;
   std::string metrics_file;
   bool health_live = false;
   bool health_ready = false;
@@ -298,12 +308,21 @@ struct command_line {
 
     CLI::App &vrrp = add_client(
         "vrrp",
-        "For keepalived's notify scripts: say which state VRRP gave this node. Also while no "
-        "daemon runs; the next one knows it.",
-        [this](const std::string &path) { return kesh::vrrp_command(path, kesh::VRRP_STATE_PATH, vrrp_word); });
-    vrrp.add_option("STATE", vrrp_word, "MASTER, BACKUP, FAULT or STOP")
-        ->required()
+        "For keepalived: say which state VRRP gave this node. Also while no daemon runs; the next one knows it.",
+        [this](const std::string &path) {
+          const auto note = [&path](const std::string &word) {
+            return kesh::vrrp_command(path, kesh::VRRP_STATE_PATH, word);
+          };
+          return vrrp_fifo.empty() ? note(vrrp_word) : kesh::vrrp_follow(vrrp_fifo, vrrp_instance, note);
+        });
+    CLI::Option_group &source = *vrrp.add_option_group("source");
+    source.require_option(1);
+    source.add_option("STATE", vrrp_word, "MASTER, BACKUP, FAULT or STOP")
         ->check(CLI::IsMember({"MASTER", "BACKUP", "FAULT", "STOP"}));
+    source.add_option(
+        "--fifo", vrrp_fifo,
+        "follow this fifo instead, as keepalived's vrrp_notify_fifo_script; says STOP when keepalived ends");
+    vrrp.add_option("--instance", vrrp_instance, "with --fifo: listen to this VRRP instance alone");
   }
 
   CLI::App &add_store(const char *name, const char *help, std::function<int(const kesh::store_access &)> action)
@@ -345,6 +364,10 @@ struct command_line {
     CLI::App &listen = add_client("heard", "Print the last 1000 cluster messages heard by this node.",
                                   [this](const std::string &path) { return kesh::heard_command(path, heard_follow); });
     listen.add_flag("--follow", heard_follow, "keep printing messages as they come");
+
+    add_client("reload", "Read the key file anew. What is wrong with it is said, and the former keys stay.",
+               kesh::reload_command);
+    add("keygen", "Print a new key for the key file.", kesh::keygen_command);
 
     CLI::App &log = add_client("log-level", "Log more, or less, until the daemon ends.",
                                [this](const std::string &path) { return kesh::log_level_command(path, log_level); });

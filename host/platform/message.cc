@@ -24,13 +24,13 @@ void message_free::operator()(message *gone) const noexcept
   free(gone);
 }
 
-void write_word(message &to)
+void write_word(message &to, uint32_t channel, bool is_bulk)
 {
   uint8_t *word = to.object();
   word[0] = 'V';
   word[1] = 'X';
-  word[2] = is_bulk(to.channel, to.key) ? 1 : 0;
-  word[3] = static_cast<uint8_t>(to.channel);
+  word[2] = is_bulk ? 1 : 0;
+  word[3] = static_cast<uint8_t>(channel);
 }
 
 datagram_check check_datagram(const uint8_t *bytes, size_t size, uint32_t channel)

@@ -65,8 +65,7 @@ inline message *message_of(void *object)
   return reinterpret_cast<message *>(object) - 1;
 }
 
-/// Writes the word from channel and key.
-void write_word(message &to);
+void write_word(message &to, uint32_t channel, bool is_bulk);
 
 enum class datagram_check { good, bulk, foreign, damaged };
 /// Judges `size` received bytes, which may be anything, as a message of the channel. good and bulk are handed over.

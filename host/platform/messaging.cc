@@ -2,6 +2,9 @@
 
 #include "vx_host.h"
 
+#include <sys/random.h>
+
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +18,23 @@ constexpr uint32_t ANY_KEY = 0xFFFFFFFF;
 bool is_channel(uint32_t channel)
 {
   return channel >= CHANNEL_FIRST && channel < CHANNEL_FIRST + CHANNEL_COUNT;
+}
+
+void copy_counts(const messaging_counters::by_reason &from, drop_counts &to)
+{
+  std::copy(from.begin(), from.end(), to.begin());
+}
+
+bool draw_session(uint64_t &session)
+{
+  uint8_t bytes[SESSION_SIZE];
+  do {
+    if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+      return false;
+    }
+    session = read_session(bytes);
+  } while (session == 0);
+  return true;
 }
 
 void report_small_buffer(uint32_t wanted, size_t granted)
@@ -44,7 +64,13 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
   if (running_) {
     return true;
   }
-  transport_ = std::make_unique<transport>();
+  uint64_t session = 0;
+  if (!draw_session(session)) {
+    error = "messaging: the kernel gives no random bytes";
+    return false;
+  }
+  seals_.begin(settings.node_id, session, settings.keys);
+  transport_ = std::make_unique<transport>(seals_);
   if (!transport_->open(settings, error) || !receiver_.open(settings, *transport_, error)) {
     receiver_.stop();
     transport_.reset();
@@ -129,7 +155,7 @@ void *messaging::enqueue(message_ptr sent, uint32_t channel, uint32_t key, uint3
     out_.report(*sent, 0, why);
     return nullptr;
   }
-  write_word(*sent);
+  write_word(*sent, channel, is_bulk(channel, key));
   if (repeat != 0) {
     repeats_.add(std::move(sent));
     return handle;
@@ -180,15 +206,27 @@ void messaging::unregister_hook(channel_dispatch::hook_function hook)
   }
 }
 
+void messaging::set_keys(const seal_keys &keys)
+{
+  const shared_scope lock(running_lock_);
+  if (running_) {
+    seals_.set_keys(keys);
+  }
+}
+
 messaging_statistics messaging::statistics()
 {
   messaging_statistics read;
   read.sent = counters_.sent;
   read.received = counters_.received;
   read.queued = repeats_.size();
-  for (size_t i = 0; i < read.dropped.size(); ++i) {
-    read.dropped[i] = counters_.dropped[i];
+  copy_counts(counters_.dropped, read.dropped);
+  for (uint32_t node = 1; node <= NODES_MAX; ++node) {
+    copy_counts(counters_.dropped_of[node - 1], read.peers[node - 1].dropped);
+    read.peers[node - 1].key = seals_.key_of(node);
   }
+  read.seals_with = seals_.seals_with();
+  read.accepts_plain = seals_.accepts_plain();
   return read;
 }
 

@@ -9,6 +9,7 @@
 #include "messaging_settings.h"
 #include "receiver.h"
 #include "repeat_queue.h"
+#include "seal/sealing.h"
 #include "transmitter.h"
 #include "transport.h"
 
@@ -40,6 +41,8 @@ public:
   void unregister_hook(channel_dispatch::hook_function hook);
 
   messaging_statistics statistics();
+  /// From the next datagram on.
+  void set_keys(const seal_keys &keys) PLATFORM_EXCLUDES(running_lock_);
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
   /// As messaging_set_filter.
   void set_filter(message_filter *filter) { gate_.set(filter); }
@@ -54,7 +57,8 @@ private:
   repeat_queue repeats_{out_};
   bulk_sender bulk_{out_};
   receiver::channels channels_;
-  receiver receiver_{counters_, channels_, bulk_};
+  sealing seals_;
+  receiver receiver_{counters_, channels_, bulk_, seals_};
   std::atomic<uint64_t> next_id_{1};
   // Held shared while a message is sent, so that stop does not close a socket in use.
   shared_mutex running_lock_;

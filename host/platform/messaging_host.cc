@@ -30,6 +30,15 @@ messaging_statistics messaging_read_statistics()
 {
   return service().statistics();
 }
+bool messaging_reload_keys(std::string &error)
+{
+  seal_keys keys;
+  if (!messaging_read_keys(keys, error)) {
+    return false;
+  }
+  service().set_keys(keys);
+  return true;
+}
 void messaging_set_filter(message_filter *filter)
 {
   service().set_filter(filter);
@@ -41,7 +50,8 @@ void messaging_block(uint32_t node_mask)
 
 const char *drop_reason_name(drop_reason reason)
 {
-  const char *const names[] = {"foreign",          "damaged",     "no_hook",     "blocked",
+  const char *const names[] = {"stranger",         "foreign",     "damaged",     "unsealed",    "unknown_key",
+                               "forged",           "replayed",    "unconfirmed", "no_hook",     "blocked",
                                "receive_overflow", "send_failed", "filtered_in", "filtered_out"};
   return names[static_cast<size_t>(reason)];
 }

@@ -106,6 +106,31 @@ std::string address_text(uint32_t address)
   return inet_ntop(AF_INET, &raw, text, sizeof text);
 }
 
+namespace
+{
+
+bool read_group(messaging_settings &settings, std::string &error)
+{
+  const std::string group = address_text(GROUP_ADDRESS);
+  const std::string text = config_text("messaging.group", group);
+  settings.is_multicast = text != "none";
+  return text == group || !settings.is_multicast ||
+         config_refuse("messaging.group", "\"" + text + "\" is neither " + group + " nor none", error);
+}
+
+}  // namespace
+
+bool messaging_read_keys(seal_keys &keys, std::string &error)
+{
+  const std::string path = config_text("messaging.keys", "");
+  if (path.empty()) {
+    keys = seal_keys();
+    return true;
+  }
+  std::string why;
+  return seal_keys_load(path, keys, why) || config_refuse("messaging.keys", why, error);
+}
+
 bool messaging_read_settings(messaging_settings &settings, std::string &error)
 {
   settings = messaging_settings();
@@ -118,7 +143,8 @@ bool messaging_read_settings(messaging_settings &settings, std::string &error)
          read("messaging.interval_ms", 1, 60'000, settings.interval_ms, error) &&
          read("messaging.receive_buffer", 65536, 1 << 30, settings.receive_buffer, error) &&
          read("messaging.multicast_ttl", 0, 255, settings.multicast_ttl, error) && read_addresses(settings, error) &&
-         read_interface(settings, error);
+         read_group(settings, error) && read("cluster.node._s_", 1, NODES_MAX, settings.node_count, error) &&
+         read_interface(settings, error) && messaging_read_keys(settings.keys, error);
 }
 
 }  // namespace platform

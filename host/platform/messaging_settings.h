@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "seal/seal_keys.h"
+
 namespace platform
 {
 
@@ -20,6 +22,9 @@ struct messaging_settings {
   uint32_t interval_ms = 100;                    ///< messaging.interval_ms
   uint32_t receive_buffer = 8 << 20;             ///< messaging.receive_buffer, bytes, per socket
   uint8_t multicast_ttl = 1;                     ///< messaging.multicast_ttl
+  bool is_multicast = true;         ///< messaging.group: 224.0.0.81, or none: what is for all goes to each node
+  uint32_t node_count = NODES_MAX;  ///< cluster.node._s_
+  seal_keys keys;                   ///< of the file messaging.keys; unset: none
 
   messaging_settings();
   uint32_t own_address() const { return node_address[node_id - 1]; }
@@ -37,6 +42,9 @@ bool real_address(const messaging_settings &settings, uint32_t destination, uint
 /// The node with that real address, 0 if none has it.
 uint32_t node_of_address(const messaging_settings &settings, uint32_t address);
 std::string address_text(uint32_t address);
+
+/// Of the key file, if one is named.
+bool messaging_read_keys(seal_keys &keys, std::string &error);
 
 /// On a bad value returns false and `error` names file, line, key and why.
 bool messaging_read_settings(messaging_settings &settings, std::string &error);

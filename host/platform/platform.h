@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace platform
@@ -55,8 +56,14 @@ void log_line(log_level level, const std::string &text);
 
 /// Why a received datagram was not handed to a hook, or a message not sent.
 enum class drop_reason {
+  stranger,  ///< not from a configured node's address, or of another node than its seal says
   foreign,
   damaged,
+  unsealed,     ///< the key file does not accept plain
+  unknown_key,  ///< sealed with a key that the key file does not have
+  forged,       ///< the seal does not fit
+  replayed,     ///< it came before, or is of a session that its node has ended
+  unconfirmed,  ///< no greeting has shown yet that its session is of now
   no_hook,
   blocked,
   receive_overflow,
@@ -67,11 +74,21 @@ enum class drop_reason {
 };
 const char *drop_reason_name(drop_reason reason);
 
+using drop_counts = std::array<uint64_t, static_cast<size_t>(drop_reason::count)>;
+
+struct peer_statistics {
+  std::optional<uint8_t> key;  ///< of the last sealed datagram that counted; unset: none did in this session of it
+  drop_counts dropped{};       ///< what came from its address
+};
+
 struct messaging_statistics {
   uint64_t sent = 0;      ///< datagrams given to the kernel
   uint64_t received = 0;  ///< datagrams handed to a hook
   uint64_t queued = 0;    ///< messages now queued for repetition
-  std::array<uint64_t, static_cast<size_t>(drop_reason::count)> dropped{};
+  drop_counts dropped{};
+  std::array<peer_statistics, 16> peers{};  ///< by node - 1
+  std::optional<uint8_t> seals_with;        ///< the key that this node sends with; unset: plain
+  bool accepts_plain = true;
 };
 
 /// Opens the transport and starts the service's threads, from the keys cluster.node_id and messaging.*.
@@ -79,6 +96,9 @@ bool messaging_start(std::string &error);
 /// Ends the threads and closes the sockets. The library must be cleaned up before.
 void messaging_stop();
 messaging_statistics messaging_read_statistics();
+/// Reads the key file (messaging.keys) anew; it counts from the next datagram on. On failure returns false, `error`
+/// says what is wrong, and the former keys stay.
+bool messaging_reload_keys(std::string &error);
 /// From now on the filter decides what comes in and what goes out (message_filter.h); null: everything does. At any
 /// time, from any thread. What was judged before the return may still pass.
 void messaging_set_filter(message_filter *filter);

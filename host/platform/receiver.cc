@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +13,17 @@ namespace platform
 namespace
 {
 constexpr uint64_t STOP_TAG = UINT64_MAX;
+constexpr uint64_t TIMER_TAG = UINT64_MAX - 1;
+constexpr time_t GREETING_PERIOD_S = 1;
+constexpr std::chrono::milliseconds GREETING_PAUSE{20};
+
+/// Expires at once, and then once a period.
+unique_fd open_greeting_timer()
+{
+  unique_fd timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  const itimerspec times{.it_interval = {GREETING_PERIOD_S, 0}, .it_value = {0, 1}};
+  return timer && timerfd_settime(timer.get(), 0, &times, nullptr) == 0 ? std::move(timer) : unique_fd();
+}
 
 bool watch(const unique_fd &poll, int fd, uint64_t tag)
 {
@@ -23,8 +35,8 @@ bool watch(const unique_fd &poll, int fd, uint64_t tag)
 
 }  // namespace
 
-receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk)
-    : counters_(counters), to_(to), bulk_(bulk)
+receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals)
+    : counters_(counters), to_(to), bulk_(bulk), seals_(seals)
 {
 }
 
@@ -36,7 +48,9 @@ bool receiver::open(const messaging_settings &settings, transport &over, std::st
   transport_ = &over;
   poll_ = unique_fd(epoll_create1(EPOLL_CLOEXEC));
   stop_event_ = unique_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  bool watched = poll_ && stop_event_ && watch(poll_, stop_event_.get(), STOP_TAG);
+  greeting_timer_ = open_greeting_timer();
+  bool watched = poll_ && stop_event_ && greeting_timer_ && watch(poll_, stop_event_.get(), STOP_TAG) &&
+                 watch(poll_, greeting_timer_.get(), TIMER_TAG);
   const std::span<const int> inputs = over.inputs();
   for (size_t i = 0; watched && i < inputs.size(); ++i) {
     watched = watch(poll_, inputs[i], i);
@@ -63,11 +77,12 @@ void receiver::stop()
   transport_ = nullptr;
   poll_.reset();
   stop_event_.reset();
+  greeting_timer_.reset();
 }
 
 void receiver::run()
 {
-  std::array<epoll_event, 2 * CHANNEL_COUNT + 1> events;
+  std::array<epoll_event, 2 * CHANNEL_COUNT + 2> events;
   for (;;) {
     const int count = epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), -1);
     for (int i = 0; i < count; ++i) {
@@ -75,7 +90,13 @@ void receiver::run()
       if (tag == STOP_TAG) {
         return;
       }
-      read_some(tag);
+      if (tag == TIMER_TAG) {
+        uint64_t expirations = 0;
+        [[maybe_unused]] const ssize_t size = read(greeting_timer_.get(), &expirations, sizeof expirations);
+        greet();
+      } else {
+        read_some(tag);
+      }
     }
   }
 }
@@ -97,24 +118,87 @@ bool receiver::is_blocked(const uint8_t *bytes, uint32_t address) const
   return node_id != 0 && (mask >> (node_id - 1) & 1) != 0;
 }
 
-void receiver::take(const arrival &one, sorted &to)
+void receiver::drop(const arrival &one, uint32_t node, drop_reason reason)
 {
-  const datagram_check check = check_datagram(one.bytes, one.size, one.channel);
-  if (check == datagram_check::foreign || check == datagram_check::damaged) {
-    counters_.drop(check == datagram_check::foreign ? drop_reason::foreign : drop_reason::damaged);
-    return;
+  counters_.drop_of(node, reason);
+  warnings_.note(node, one.address, reason);
+}
+
+/// Null: it is dropped, or was for the seals alone.
+message_ptr receiver::open_sealed(const arrival &one, uint32_t node)
+{
+  message_ptr made = message_new(one.size);
+  if (!made) {
+    counters_.drop(drop_reason::receive_overflow);
+    return nullptr;
   }
-  if (is_blocked(one.bytes, one.address)) {
-    counters_.drop(drop_reason::blocked);
-    return;
+  const opened got = seals_.open({one.bytes, one.size}, node, one.channel, made->object() + WORD_SIZE);
+  if (got.dropped) {
+    drop(one, node, *got.dropped);
+    return nullptr;
+  }
+  if (got.is_greeting) {
+    if (got.wants_answer) {
+      greet();
+    }
+    return nullptr;
+  }
+  made->data_size = one.size - SEAL_HEADER_SIZE - SEAL_TAG_SIZE;
+  write_word(*made, one.channel, got.is_bulk);
+  return made;
+}
+
+/// Null: it is dropped.
+message_ptr receiver::copy_plain(const arrival &one, uint32_t node)
+{
+  if (!seals_.accepts_plain()) {
+    drop(one, node, drop_reason::unsealed);
+    return nullptr;
+  }
+  if (one.size < WORD_SIZE) {
+    drop(one, node, drop_reason::foreign);
+    return nullptr;
   }
   message_ptr copy = message_new(one.size - WORD_SIZE);
   if (!copy) {
     counters_.drop(drop_reason::receive_overflow);
-    return;
+    return nullptr;
   }
   memcpy(copy->object(), one.bytes, one.size);
-  (check == datagram_check::bulk ? to.bulk : to.control).push_back(std::move(copy));
+  return copy;
+}
+
+void receiver::take(const arrival &one, sorted &to)
+{
+  const uint32_t node = node_of_address(settings_, one.address);
+  if (node == 0) {
+    drop(one, node, drop_reason::stranger);
+    return;
+  }
+  message_ptr made = is_sealed({one.bytes, one.size}) ? open_sealed(one, node) : copy_plain(one, node);
+  if (!made) {
+    return;
+  }
+  const datagram_check check = check_datagram(made->object(), made->datagram_size(), one.channel);
+  if (check == datagram_check::foreign || check == datagram_check::damaged) {
+    drop(one, node, check == datagram_check::foreign ? drop_reason::foreign : drop_reason::damaged);
+    return;
+  }
+  if (is_blocked(made->object(), one.address)) {
+    counters_.drop(drop_reason::blocked);
+    return;
+  }
+  (check == datagram_check::bulk ? to.bulk : to.control).push_back(std::move(made));
+}
+
+// Each answer to a greeting, too. Replayed greetings must not make this node send without end.
+void receiver::greet()
+{
+  const auto now = std::chrono::steady_clock::now();
+  if (now - greeted_ >= GREETING_PAUSE) {
+    greeted_ = now;
+    transport_->greet();
+  }
 }
 
 void receiver::read_some(size_t input)

@@ -5,12 +5,15 @@
 #include "bulk_sender.h"
 #include "channel_dispatch.h"
 #include "counters.h"
+#include "drop_warnings.h"
 #include "messaging_settings.h"
+#include "seal/sealing.h"
 #include "transport.h"
 #include "unique_fd.h"
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -24,7 +27,7 @@ class receiver
 public:
   using channels = std::array<std::unique_ptr<channel_dispatch>, CHANNEL_COUNT>;
 
-  receiver(messaging_counters &counters, channels &to, bulk_sender &bulk);
+  receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals);
   ~receiver();
 
   /// `over` stays valid until stop.
@@ -44,17 +47,25 @@ private:
   void run();
   void read_some(size_t input);
   void take(const arrival &one, sorted &to);
+  message_ptr open_sealed(const arrival &one, uint32_t node);
+  message_ptr copy_plain(const arrival &one, uint32_t node);
+  void drop(const arrival &one, uint32_t node, drop_reason reason);
+  void greet();
   bool is_blocked(const uint8_t *bytes, uint32_t address) const;
 
   messaging_counters &counters_;
   channels &to_;
   bulk_sender &bulk_;
+  sealing &seals_;
   std::atomic<uint32_t> blocked_{0};
   // Set before the thread starts and released after it has ended. In between only the thread reads them.
   messaging_settings settings_;
   transport *transport_ = nullptr;
   unique_fd poll_;
   unique_fd stop_event_;
+  unique_fd greeting_timer_;
+  std::chrono::steady_clock::time_point greeted_{};
+  drop_warnings warnings_;
   std::thread thread_;
 };
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <vector>
 
 namespace platform
@@ -16,6 +17,14 @@ namespace
 {
 
 constexpr size_t SLOT_SIZE = 65536;  // no datagram is longer, so none is cut
+constexpr size_t PIECE_ROOM = PIECE_DATAGRAM_MAX + SEAL_OVERHEAD;
+
+int send_bytes(const unique_fd &socket, std::span<const uint8_t> bytes, const sockaddr_in &to)
+{
+  const ssize_t sent = sendto(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr *>(&to), sizeof to);
+  return sent < 0 ? errno : 0;
+}
 
 }  // namespace
 
@@ -48,14 +57,24 @@ struct transport::receive_batch {
   }
 };
 
-transport::transport() : batch_(std::make_unique<receive_batch>()) {}
+transport::transport(sealing &seals)
+    : seals_(seals), batch_(std::make_unique<receive_batch>()), sealed_pieces_(new uint8_t[BATCH * PIECE_ROOM])
+{
+}
 transport::~transport() = default;
 
 bool transport::open(const messaging_settings &settings, std::string &error)
 {
   settings_ = settings;
+  group_ = {GROUP_ADDRESS};
+  if (!settings.is_multicast) {
+    group_.assign(settings.node_address.begin(), settings.node_address.begin() + settings.node_count);
+  }
   for (uint32_t channel = CHANNEL_FIRST; channel < CHANNEL_FIRST + CHANNEL_COUNT; ++channel) {
     for (const auto open_one : {open_unicast_receiver, open_group_receiver}) {
+      if (open_one == open_group_receiver && !settings.is_multicast) {
+        continue;
+      }
       source one{open_one(settings, channel, error), channel};
       if (!one.socket) {
         return false;
@@ -76,19 +95,39 @@ size_t transport::send_bulk(message *first, size_t count, int &error)
   iovec parts[BATCH];
   mmsghdr headers[BATCH];
   unsigned filled = 0;
-  for (message *one = first; one != nullptr && filled < std::min(count, BATCH); one = one->next, ++filled) {
-    to[filled] = address_of(*one);
-    parts[filled] = {one->object(), one->datagram_size()};
-    headers[filled] = {};
-    headers[filled].msg_hdr.msg_name = &to[filled];
-    headers[filled].msg_hdr.msg_namelen = sizeof to[filled];
-    headers[filled].msg_hdr.msg_iov = &parts[filled];
-    headers[filled].msg_hdr.msg_iovlen = 1;
+  size_t taken = 0;
+  std::array<unsigned, BATCH> ends;  // of the headers of each message
+  for (message *one = first; one != nullptr && taken < std::min(count, BATCH); one = one->next, ++taken) {
+    const auto addresses = addresses_of(*one);
+    const auto bytes = filled + addresses.size() > BATCH
+                           ? std::span<const uint8_t>()
+                           : seals_.seal(*one, {sealed_pieces_.get() + taken * PIECE_ROOM, PIECE_ROOM});
+    if (bytes.empty()) {
+      break;
+    }
+    for (const uint32_t address : addresses) {
+      to[filled] = socket_address(address, static_cast<uint16_t>(settings_.port_base + one->channel));
+      parts[filled] = {const_cast<uint8_t *>(bytes.data()), bytes.size()};
+      headers[filled] = {};
+      headers[filled].msg_hdr.msg_name = &to[filled];
+      headers[filled].msg_hdr.msg_namelen = sizeof to[filled];
+      headers[filled].msg_hdr.msg_iov = &parts[filled];
+      headers[filled].msg_hdr.msg_iovlen = 1;
+      ++filled;
+    }
+    ends[taken] = filled;
   }
   // sendmmsg reports an error only for its first message. That of a later one comes with the next call.
-  const int sent = sendmmsg(bulk_.get(), headers, filled, MSG_NOSIGNAL);
+  const int sent = filled == 0 ? 0 : sendmmsg(bulk_.get(), headers, filled, MSG_NOSIGNAL);
   error = sent < 0 ? errno : 0;
-  return sent < 0 ? 0 : static_cast<size_t>(sent);
+  const auto whole = std::count_if(ends.begin(), ends.begin() + static_cast<ptrdiff_t>(taken),
+                                   [sent](unsigned end) { return static_cast<int>(end) <= sent; });
+  if (whole != 0 || (error != 0 && group_.size() == 1)) {
+    return static_cast<size_t>(whole);
+  }
+  // The first is too long for the room of a piece, or one of its addresses fails: the others get it.
+  error = send_from(bulk_, *first);
+  return error == 0 ? 1 : 0;
 }
 
 arrivals transport::receive(size_t input)
@@ -115,19 +154,50 @@ arrivals transport::receive(size_t input)
   return result;
 }
 
-sockaddr_in transport::address_of(const message &one) const
+std::span<const uint32_t> transport::addresses_of(const message &one) const
 {
-  uint32_t address = 0;
-  real_address(settings_, one.destination, address);
-  return socket_address(address, static_cast<uint16_t>(settings_.port_base + one.channel));
+  for (uint32_t node = 1; node <= NODES_MAX; ++node) {
+    if (one.destination == node_name(node)) {
+      return {&settings_.node_address[node - 1], 1};
+    }
+  }
+  return group_;
 }
 
-int transport::send_from(const unique_fd &socket, message &one) const
+// A node that cannot be reached keeps nothing from the others: only if none of them can be, this fails.
+int transport::send_to_all(const unique_fd &socket, std::span<const uint8_t> bytes, std::span<const uint32_t> addresses,
+                           uint32_t channel) const
 {
-  const sockaddr_in to = address_of(one);
-  const ssize_t sent = sendto(socket.get(), one.object(), one.datagram_size(), MSG_NOSIGNAL,
-                              reinterpret_cast<const sockaddr *>(&to), sizeof to);
-  return sent < 0 ? errno : 0;
+  const auto port = static_cast<uint16_t>(settings_.port_base + channel);
+  int failure = 0;
+  bool is_sent = false;
+  for (const uint32_t address : addresses) {
+    const int error = send_bytes(socket, bytes, socket_address(address, port));
+    if (error == EAGAIN || error == ENOBUFS) {
+      return error;
+    }
+    failure = error != 0 ? error : failure;
+    is_sent |= error == 0 && (address != settings_.own_address() || addresses.size() == 1);
+  }
+  return is_sent ? 0 : failure;
+}
+
+int transport::send_from(const unique_fd &socket, const message &one)
+{
+  // Threads of the library have small stacks. Untouched pages cost nothing.
+  thread_local const std::unique_ptr<uint8_t[]> room(new (std::nothrow) uint8_t[DATAGRAM_MAX]);
+  const auto bytes = room ? seals_.seal(one, {room.get(), DATAGRAM_MAX}) : std::span<const uint8_t>();
+  if (bytes.empty()) {
+    return one.datagram_size() + SEAL_OVERHEAD > DATAGRAM_MAX ? EMSGSIZE : ENOMEM;
+  }
+  return send_to_all(socket, bytes, addresses_of(one), one.channel);
+}
+
+void transport::greet()
+{
+  for (const auto &one : seals_.greetings()) {
+    send_to_all(control_, one, group_, GREETING_PORT_CHANNEL);
+  }
 }
 
 void transport::wait_for_room(int wait_ms) const

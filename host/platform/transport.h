@@ -3,6 +3,7 @@
 
 #include "message.h"
 #include "messaging_settings.h"
+#include "seal/sealing.h"
 #include "unique_fd.h"
 
 #include <netinet/in.h>
@@ -32,8 +33,9 @@ struct arrivals {
   uint32_t lost = 0;             // datagrams dropped for want of room since the last call
 };
 
-/// UDP: one port per channel, on the node's own address and on the group. Bulk has its own socket, so that a full send
-/// buffer of bulk does not hold up the rest.
+/// UDP: one port per channel, on the node's own address and on the group. Without a group what is for all is sealed
+/// once and goes to each node, this one included. Bulk has its own socket, so that a full send buffer of bulk does not
+/// hold up the rest.
 ///
 /// Sending: any thread, and nothing blocks. Receiving: one thread. Errors are errno values; EAGAIN and ENOBUFS mean
 /// that there is no room for now.
@@ -42,7 +44,7 @@ class transport
 public:
   static constexpr size_t BATCH = 64;
 
-  transport();
+  explicit transport(sealing &seals);
   ~transport();
   transport(const transport &) = delete;
   transport &operator=(const transport &) = delete;
@@ -54,10 +56,13 @@ public:
   int send(message &one) { return send_from(control_, one); }
   int send_bulk(message &one) { return send_from(bulk_, one); }
   /// Sends messages from `first` on, at most `count` (up to BATCH), until one fails. Returns how many were sent; if
-  /// none, `error` says why the first was not.
+  /// none, `error` says why the first was not. One thread.
   size_t send_bulk(message *first, size_t count, int &error);
   /// Waits until bulk may find room again, at most `wait_ms`.
   void wait_for_room(int wait_ms) const;
+
+  /// To the group, on the port of greetings. What fails is lost.
+  void greet();
 
   /// Descriptors that become readable when something has come.
   std::span<const int> inputs() const { return input_fds_; }
@@ -73,17 +78,23 @@ private:
     uint32_t overflow_seen = 0;  // the kernel's count of datagrams lost at this socket
   };
 
-  sockaddr_in address_of(const message &one) const;
-  int send_from(const unique_fd &socket, message &one) const;
+  /// Where a message goes: its node, the group, or in place of the group each node.
+  std::span<const uint32_t> addresses_of(const message &one) const;
+  int send_from(const unique_fd &socket, const message &one);
+  int send_to_all(const unique_fd &socket, std::span<const uint8_t> bytes, std::span<const uint32_t> addresses,
+                  uint32_t channel) const;
 
   // Only open writes these, except the counts of `sources_` and the batch, which the receiving thread uses alone.
   messaging_settings settings_;
+  std::vector<uint32_t> group_;  // addresses that stand for it
+  sealing &seals_;
   unique_fd control_;
   unique_fd bulk_;
   uint16_t bulk_port_ = 0;  // network order
   std::vector<source> sources_;
   std::vector<int> input_fds_;
   std::unique_ptr<receive_batch> batch_;
+  std::unique_ptr<uint8_t[]> sealed_pieces_;  // the thread that sends batches of bulk
 };
 
 }  // namespace platform

@@ -11,6 +11,7 @@
 #include "items/item_text.h"
 #include "load.h"
 #include "platform.h"
+#include "unbatched.h"
 #include "vx_cons.h"
 
 namespace kesh_lab
@@ -82,6 +83,9 @@ kesh::operation_table watcher::operations(kesh::service &host)
       {"slow", {operation_class::command, [this](const json &request, control_peer &peer) { slow(request, peer); }}},
       {"block", {operation_class::command, block}},
       {"distribute", {operation_class::stream, distribute_bytes}},
+      {"unbatched",
+       {operation_class::stream,
+        [&host](const json &request, control_peer &peer) { serve_unbatched(host, request, peer); }}},
       {"load", {operation_class::stream, [&host](const json &request, control_peer &peer) {
                   serve_load(host, request, peer);
                 }}}};

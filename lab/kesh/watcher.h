@@ -1,4 +1,4 @@
-/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds four operations to the
+/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds operations to the
 /// control socket:
 ///
 ///     {"op":"slow","hook":"deliver"|"state","ms":N}   a hook of data type 0 takes that much longer; 0 ends it
@@ -6,6 +6,7 @@
 ///     {"op":"distribute","bytes":[B,..]}              these bytes become a payload, whatever they are; no second
 ///     answer
 ///     {"op":"load",..}                                load.h
+///     {"op":"unbatched",..}                           unbatched.h
 #pragma once
 
 #include <atomic>

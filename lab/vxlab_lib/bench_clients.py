@@ -19,6 +19,7 @@ from .waiting import wait_until
 
 NODES = 3
 LEADER = 1
+UNBATCHED = "a payload"  # one line in it, handed to the library by the daemon itself
 CLIENTS = [1, 32, 256, 1000]
 LINE_BYTES = 100
 WARM_UP_S = 2
@@ -190,6 +191,11 @@ def measure(cluster, counts, seconds, progress):
             found = run_clients(system.program, system.targets(at), clients, seconds, cluster.dir.path)
             cells.append(Cell(system.name, at, clients, found["per_s"], found["p50_us"], found["p99_us"],
                               found["failed"], resident_kb(system.pids())))
+        if 1 in counts and systems and systems[0].name == Kesh.name:
+            progress.update("a line in a payload of its own")
+            found = cluster.node(LEADER).control.unbatched(seconds, LINE_BYTES)
+            cells.append(Cell(UNBATCHED, "leader", 1, found["per_s"], found["p50_us"], found["p99_us"], found["failed"],
+                              resident_kb(systems[0].pids())))
     return cells, etcd.version, missing
 
 
@@ -203,6 +209,11 @@ def print_cells(cells, version, missing, stream):
         other = rates.get(("etcd", at, clients))
         if system == "kesh" and other:
             print(f"{clients} clients at {at}: kesh {per_s:.0f}/s, etcd {other:.0f}/s, ratio {per_s / other:.2f}", file=stream)
+    medians = {(one.system, one.at, one.clients): one.p50_us for one in cells}
+    alone, unbatched = (medians.get((system, "leader", 1)) for system in (Kesh.name, UNBATCHED))
+    if alone and unbatched:
+        print(f"one client at the leader: median {alone / 1000:.2f} ms, {alone / unbatched:.2f} times that of a payload of "
+              f"its own, {unbatched / 1000:.2f} ms, whose call returns later than its hook", file=stream)
     print(f"lines and values of {LINE_BYTES} bytes; {NODES} nodes each, all on this machine and disk; "
           f"etcd {version or 'was not measured'}", file=stream)
     for what in missing:

@@ -1,5 +1,6 @@
 """A node's control socket: one line of JSON as request, one as answer. Some operations go on with plain lines."""
 
+import json
 from contextlib import contextmanager
 
 from . import json_line
@@ -77,6 +78,12 @@ class ControlClient:
         """Test aid: orders these bytes as a payload, whatever they are. Does not wait for that."""
         with self.open({"op": "distribute", "bytes": list(payload)}):
             pass
+
+    def unbatched(self, seconds, line_bytes):
+        """Test aid: payloads of one line, one after the other and past the batches. Returns what was measured."""
+        with self.open({"op": "unbatched", "seconds": seconds, "bytes": line_bytes}, seconds + ANSWER_TIMEOUT_S) as (
+                _, stream, _):
+            return json.loads(stream.readline())
 
     @contextmanager
     def load(self, **options):

@@ -122,6 +122,10 @@ class Disk(Scenario):
         self.cluster.start(3)
         self.submit(3, 20).wait()
         part.wait()
+        self.assertGreater(self.cluster.status(3)["messages"]["dropped"]["filtered_in"], 0, "it did not vote at first")
+        self.cluster.kill(2)
+        self.submit(1, 5).wait()  # now its vote is needed
+        self.cluster.start(2)
         self.check_all()
 
     def test_a_cluster_whose_majority_lost_its_records_is_reformed(self):
@@ -148,6 +152,7 @@ class Disk(Scenario):
             self.assertIn("fault     none", self.cluster.node(node).offline("verify"))
         for node in (1, 2, 3):
             self.cluster.node(node).reform(2)
+            self.assertIn("records   fit\n", self.cluster.node(node).offline("verify"))
         self.cluster.start_all(master=1)
         wait_until(lambda: " payloads, and goes first" in self.log_of(1), 20.0, "node 1 must not lead")
         self.cluster.set_master(2)
@@ -301,6 +306,25 @@ class Disk(Scenario):
         self.cluster.restart(3)
         self.submit(3, 10).wait()
         self.check_all()
+
+
+class SmallState(Scenario):
+    settings = {"state.max": "65536"}
+
+    def test_a_backup_of_another_node_brings_the_older_lines(self):
+        self.submit(1, 1500, window=64).wait()  # more than a state carries
+        copy = self.cluster.dir.file("backup")
+        subprocess.run(self.cluster.node(1).kesh("backup", copy), cwd=self.cluster.node(1).dir, check=True)
+        three = self.cluster.node(3)
+        self.cluster.kill(3)
+        shutil.rmtree(three.path("flashdisk"))
+        os.makedirs(three.path("flashdisk", "cons"))
+        self.submit(2, 20).wait()
+        three.configure(3)
+        three.offline("restore", copy)
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        self.assertEqual([(one.base, one.count) for one in self.check_all()], [(0, 1540)] * 3)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 """What operators, scripts and impatient clients do to a daemon: nothing acknowledged goes, and it always answers."""
 
 import filecmp
+import json
 import os
 import shutil
 import signal
@@ -65,13 +66,26 @@ class Operator(Scenario):
         self.assertEqual([(one.base, one.count) for one in self.check_all()], [(40, 360)] * 3)
         with open(self.path_of(3, "journal"), encoding="ascii") as file:
             self.assertEqual(file.read(), old)
+        self.assertIn("lines 39 to 40 are not kept on this node", self.run_on(1, "journal", "--since", "39").stderr)
+        rows = [json.loads(row) for row in self.run_on(1, "journal", "--since", "359", "--json").stdout.splitlines()]
+        self.assertEqual([row["line"] for row in rows], [359, 360])
 
-    def test_a_disk_of_yesterday_stops_its_node(self):
+    def test_a_disk_of_yesterday(self):
+        """Its store is filled anew; with its records the node stops, since it has forgotten votes."""
         self.submit(3, 20).wait()
         self.cluster.stop(3)
         shutil.copytree(self.path_of(3, ""), self.path_of(3, "../yesterday"))
         self.cluster.start(3)
         self.submit(3, 20).wait()
+        self.cluster.stop(3)
+        for name in os.listdir(self.path_of(3, "../yesterday")):
+            if name.startswith("kesh.store"):
+                shutil.copy(self.path_of(3, "../yesterday/" + name), self.path_of(3, name))
+        self.assertIn("records   do not fit", self.cluster.node(3).offline("verify"))
+        self.cluster.start(3)
+        self.submit(3, 20).wait()
+        self.check_all()
+        self.assertEqual(self.cluster.status(3)["journal"]["rejoined"], 1)
         wait_until(lambda: self.told_by(3) == self.cluster.status(3)["decision"]["number"], 20.0,
                    "node 1 has heard of node 3's decisions")
         self.cluster.stop(3)
@@ -80,12 +94,20 @@ class Operator(Scenario):
         self.cluster.node(3).start()
         wait_until(lambda: not self.cluster.status(3)["active"], 20.0, "node 3 stops")
         self.assertTrue("THE DISK WENT BACK" in self.log_of(3))
+        wait_until(lambda: [one["role"] for one in self.cluster.status(1)["cluster"]["peers"]][1] == "stopped", 10.0,
+                   "node 1 hears that node 3 is stopped")
+        unheard = self.cluster.status(3)["messages"]["dropped"]["filtered_in"]
         self.submit(1, 20).wait()
+        self.assertGreater(self.cluster.status(3)["messages"]["dropped"]["filtered_in"], unheard, "it must not vote")
         self.cluster.stop(3)
         self.cluster.node(3).configure(3)
         self.cluster.start(3)
         self.submit(3, 20).wait()
         self.check_all()
+
+    def run_on(self, node, *arguments):
+        one = self.cluster.node(node)
+        return subprocess.run(one.kesh(*arguments), cwd=one.dir, capture_output=True, check=True, text=True, timeout=20)
 
     def code_of(self, node, *arguments, timeout_s=20):
         one = self.cluster.node(node)
@@ -191,11 +213,12 @@ class Operator(Scenario):
         os.mkfifo(one.path("fifo"))
         with open(one.path("empty"), "wb"):
             pass
-        for name in ("fifo", "empty", "run", "absent"):
+        for name, why in (("fifo", "not a regular file"), ("empty", "empty"), ("run", "not a regular file"),
+                          ("absent", "No such file")):
             done = subprocess.run(one.view(one.kesh("run")[0], "run", "--config", one.path(name)), cwd=one.dir,
                                   capture_output=True, text=True, check=False, timeout=10)
             self.assertEqual(done.returncode, BAD_CONFIG, name)
-            self.assertIn(name, done.stderr)
+            self.assertRegex(done.stderr, f"{name}.*{why}")
         with open(one.path("run", "kesh.sock"), "wb") as file:
             file.write(b"somebody's")
         self.assertEqual((one.spawn(), one.await_end())[1], BAD_CONFIG)
@@ -218,6 +241,14 @@ class Operator(Scenario):
         self.cluster.start(1)
         self.submit(1, 20).wait()
         self.check_all()
+
+        for node in (1, 2, 3):
+            self.cluster.stop(node)
+        one.offline("configure", "--single", "--generation", "2", "--yes")
+        one.start()
+        self.cluster.set_master(1)
+        self.submit(1, 20).wait()
+        self.assertEqual(len(one.journal().lines), 20, "a cluster of its own, with a store of its own")
 
 
 if __name__ == "__main__":

@@ -71,14 +71,14 @@ void demand_store_file(const std::string &file)
 }
 
 /// What the daemon would do at its next start.
-std::string fit_text(store &lines, const std::string &directory)
+std::string fit_text(store &lines, const store_place &place)
 {
   std::string error;
-  const auto records = library_records_read(directory, error);
+  const auto records = library_records_read(place.records, error);
   if (!error.empty()) {
     return error;
   }
-  const fit_answer answer = store_fit(*records, lines.facts(records->delivered));
+  const fit_answer answer = store_fit(*records, lines.facts(records->delivered), place.is_reformed);
   switch (answer.verdict) {
   case fit_verdict::fits:
     return "fit";
@@ -115,7 +115,7 @@ json verify_offline(const store_place &place)
     return result;
   }
   json result = result_of(store_verify(place.store.path));
-  result["records"] = fit_text(lines, place.records);
+  result["records"] = fit_text(lines, place);
   result["incomplete"] = lines.position().incomplete;
   return result;
 }

@@ -13,7 +13,8 @@ namespace kesh
 /// Where a node's store is, and what belongs to it.
 struct store_place {
   store_settings store;
-  std::string records;  ///< directory of the library's records
+  std::string records;       ///< directory of the library's records
+  bool is_reformed = false;  ///< kesh reform was the last that happened to them
 };
 
 struct store_access {

@@ -132,6 +132,11 @@ int life_cycle_command(const std::string &socket_path, const std::string &operat
   return EXIT_OK;
 }
 
+int reload_command(const std::string &socket_path)
+{
+  return simple_command(socket_path, {{"op", "reload"}});
+}
+
 int log_level_command(const std::string &socket_path, const std::string &level)
 {
   return simple_command(socket_path, {{"op", "log_level"}, {"level", level}});

@@ -25,6 +25,8 @@ int say_command(const std::string &socket_path, const std::string &text);
 int heard_command(const std::string &socket_path, bool follow);
 /// start, leave, reinit or stop; returns when it is done, for stop when the daemon has ended, or after `timeout_s`.
 int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s);
+/// Reads the key file anew.
+int reload_command(const std::string &socket_path);
 int log_level_command(const std::string &socket_path, const std::string &level);
 
 }  // namespace kesh

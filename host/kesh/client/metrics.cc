@@ -143,6 +143,19 @@ void write_messages(writer &to, const json &messages)
   for (const auto &[reason, count] : messages.at("dropped").items()) {
     to.sample(number_of(count), label("reason", reason));
   }
+  std::vector<std::pair<std::string, double>> of_peers;
+  for (const json &peer : messages.at("peers")) {
+    const std::string node = label("peer", std::to_string(peer.at("node").get<uint32_t>()));
+    for (const auto &[reason, count] : peer.at("dropped").items()) {
+      of_peers.emplace_back(node + ',' + label("reason", reason), number_of(count));
+    }
+  }
+  if (!of_peers.empty()) {
+    to.family("peer_datagrams_dropped_total", "counter", "Of these, the ones that came from a node's address.");
+    for (const auto &[labels, count] : of_peers) {
+      to.sample(count, labels);
+    }
+  }
 }
 
 }  // namespace

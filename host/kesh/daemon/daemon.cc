@@ -13,6 +13,7 @@
 #include <exception>
 
 #include "control/server.h"
+#include "daemon/key_file.h"
 #include "daemon/operations.h"
 #include "daemon/service.h"
 #include "exit_codes.h"
@@ -74,6 +75,9 @@ void handle_signal(int signal_fd, service &host)
   } else {
     log_line(log_level::error, "kesh: " + error);
   }
+  if (!reload_keys(error)) {
+    log_line(log_level::error, "kesh: " + error);
+  }
 }
 
 void main_loop(service &host, int signal_fd)
@@ -133,6 +137,7 @@ int run_cluster(service &host, int signal_fd)
   control_server control(std::move(where), daemon_operations(host), *host.submissions);
   std::string error;
   const bool enabled = vx_cons_cluster_enabled() != 0;
+  name_default_keys();
   if (enabled && !platform::messaging_start(error)) {
     return fail(EXIT_CONFIG, error);
   }

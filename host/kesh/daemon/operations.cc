@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "control/request.h"
+#include "daemon/key_file.h"
 #include "daemon/status.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
@@ -197,6 +198,13 @@ void set_log_level(service &, const json &request, control_peer &peer)
   peer.accept();
 }
 
+void reload(service &, const json &, control_peer &peer)
+{
+  std::string error;
+  const bool is_done = reload_keys(error);
+  answer(peer, is_done ? EXIT_OK : EXIT_CONFIG, error);
+}
+
 /// A state replaces the store, or the daemon ends: both wait for who reads it.
 bool must_end_use(service &host)
 {
@@ -261,6 +269,7 @@ operation_table daemon_operations(service &host)
                            {"reinit", bound(operation_class::command, reinit)},
                            {"say", bound(operation_class::command, say)},
                            {"log_level", bound(operation_class::command, set_log_level)},
+                           {"reload", bound(operation_class::command, reload)},
                            {"backup", bound(operation_class::command, backup)},
                            {"verify", bound(operation_class::command, verify)},
                            {"journal", bound(operation_class::stream, serve_journal)},

@@ -12,6 +12,7 @@
 #include "exit_codes.h"
 #include "platform.h"
 #include "vx_cons.h"
+#include "vx_host.h"
 
 namespace kesh
 {
@@ -22,6 +23,8 @@ using platform::log_line;
 
 namespace
 {
+
+constexpr const char *DURABLE_KEY = "cluster.durable_payloads";
 
 uint64_t now_ns()
 {
@@ -156,6 +159,14 @@ int service::distribute(std::string_view payload)
 
 bool service::open_library()
 {
+  // Here and not in the file, which an operator may have copied from elsewhere.
+  int is_durable = 0;
+  if (platform::config_text(DURABLE_KEY, "").empty()) {
+    vx_cfg_set("yes", DURABLE_KEY);
+  } else if (vx_cfg_is_enabled(&is_durable, DURABLE_KEY) == 0 && is_durable == 0) {
+    log_line(log_level::warning,
+             std::string("kesh: ") + DURABLE_KEY + " is off: a crash may lose what was acknowledged");
+  }
   if (vx_cons_init() != 0) {
     return false;
   }

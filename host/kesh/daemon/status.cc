@@ -46,14 +46,34 @@ json latency_fields(const latencies &times)
   return {{"buckets", buckets}, {"total", times.total}, {"sum_us", times.sum_us}};
 }
 
-json message_fields()
+json dropped_fields(const platform::drop_counts &counts, bool with_zeros)
+{
+  json dropped = json::object();
+  for (size_t i = 0; i < counts.size(); i++) {
+    if (with_zeros || counts[i] != 0) {
+      dropped[platform::drop_reason_name(static_cast<platform::drop_reason>(i))] = counts[i];
+    }
+  }
+  return dropped;
+}
+
+json message_fields(size_t node_count)
 {
   const platform::messaging_statistics counted = platform::messaging_read_statistics();
-  json dropped = json::object();
-  for (size_t i = 0; i < counted.dropped.size(); i++) {
-    dropped[platform::drop_reason_name(static_cast<platform::drop_reason>(i))] = counted.dropped[i];
+  json peers = json::array();
+  for (size_t i = 0; i < node_count; i++) {
+    const platform::peer_statistics &of = counted.peers[i];
+    peers.push_back({{"node", i + 1},
+                     {"key", of.key ? json(*of.key) : json(nullptr)},
+                     {"dropped", dropped_fields(of.dropped, false)}});
   }
-  return {{"sent", counted.sent}, {"received", counted.received}, {"queued", counted.queued}, {"dropped", dropped}};
+  return {{"sent", counted.sent},
+          {"received", counted.received},
+          {"queued", counted.queued},
+          {"dropped", dropped_fields(counted.dropped, true)},
+          {"sealed", counted.seals_with ? json(*counted.seals_with) : json(nullptr)},
+          {"accepts_plain", counted.accepts_plain},
+          {"peers", peers}};
 }
 
 std::string yes_no(const json &value)
@@ -145,6 +165,25 @@ std::string dropped_text(const json &dropped)
   return text;
 }
 
+std::string seal_text(const json &messages)
+{
+  const json &key = messages.at("sealed");
+  return (key.is_null() ? "no" : "with key " + number_text(key)) +
+         (messages.at("accepts_plain").get<bool>() ? "; what is not sealed is accepted" : "");
+}
+
+/// Empty: there is nothing to tell.
+std::string peer_seal_text(const json &peer)
+{
+  const json &key = peer.at("key");
+  const json &dropped = peer.at("dropped");
+  if (key.is_null() && dropped.empty()) {
+    return {};
+  }
+  return "node " + number_text(peer.at("node")) + (key.is_null() ? ": not sealed" : ": key " + number_text(key)) +
+         (dropped.empty() ? "" : ", dropped: " + dropped_text(dropped));
+}
+
 }  // namespace
 
 json status_collect(service &host)
@@ -175,7 +214,7 @@ json status_collect(service &host)
                    {"latency", latency_fields(sent.times)}}},
                  {"eligible", host.link->eligible().yes},
                  {"cluster", host.link->status_json()},
-                 {"messages", message_fields()},
+                 {"messages", message_fields(std::min<size_t>(host.configured.node_count, platform::NODES_MAX))},
                  {"log_lines_dropped", platform::log_dropped()},
                  {"heard", host.messages.count()}};
   if (const auto decision = last_decision_read()) {
@@ -231,6 +270,12 @@ std::string status_text(const json &status)
   row("messages", number_text(messages.at("sent")) + " sent, " + number_text(messages.at("received")) + " received, " +
                       number_text(messages.at("queued")) + " being repeated");
   row("dropped", dropped_text(messages.at("dropped")));
+  row("sealed", seal_text(messages));
+  for (const json &peer : messages.at("peers")) {
+    if (const std::string told = peer_seal_text(peer); !told.empty()) {
+      row("", told);
+    }
+  }
   row("heard", number_text(status.at("heard")) + " cluster messages");
   row("up", number_text(status.at("uptime_s")) + " s, process " + number_text(status.at("pid")) + ", build " +
                 number_text(status.at("build")));

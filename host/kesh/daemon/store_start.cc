@@ -108,9 +108,7 @@ int store_make_fit(store &lines, bool is_reformed, std::string &rejoins, std::st
       return EXIT_CONFIG;
     }
     const fit_answer answer = !fault.empty() ? fit_answer{fit_verdict::rejoin, 0, fault}
-                              : is_reformed && records->log.empty()
-                                  ? fit_answer{}
-                                  : store_fit(*records, lines.facts(records->delivered));
+                                             : store_fit(*records, lines.facts(records->delivered), is_reformed);
     switch (answer.verdict) {
     case fit_verdict::fits:
     case fit_verdict::await_state:

@@ -35,9 +35,12 @@ bool ends_with(const store_facts &store, const std::vector<library_entry> &log, 
 
 }  // namespace
 
-fit_answer store_fit(const library_records &records, const store_facts &store)
+fit_answer store_fit(const library_records &records, const store_facts &store, bool is_reformed)
 {
   const auto &log = records.log;
+  if (is_reformed && log.empty()) {
+    return plain(fit_verdict::fits);
+  }
   const auto at = std::find(log.begin(), log.end(), records.delivered);
   const bool goes_on = !records.delivered.is_none() && at != log.end();
   if (store.is_incomplete) {

@@ -48,6 +48,7 @@ struct fit_answer {
   std::string reason;  ///< of rejoin
 };
 
-fit_answer store_fit(const library_records &records, const store_facts &store);
+/// `is_reformed`: an empty log begins a new generation of the cluster, and fits any store.
+fit_answer store_fit(const library_records &records, const store_facts &store, bool is_reformed = false);
 
 }  // namespace kesh

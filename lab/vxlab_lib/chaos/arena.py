@@ -27,6 +27,8 @@ global_defs {{
   script_user root
   enable_script_security
   vrrp_garp_master_delay 0
+  vrrp_notify_fifo /run/keepalived.fifo
+  vrrp_notify_fifo_script "{kesh} vrrp --instance cluster --fifo"
 }}
 vrrp_script eligible {{
   script {check}
@@ -47,14 +49,7 @@ vrrp_instance cluster {{
   track_script {{
     eligible
   }}
-  notify {notify}
 }}
-"""
-
-# keepalived calls it with: INSTANCE cluster MASTER|BACKUP|FAULT|STOP priority
-NOTIFY = """\
-#!/bin/sh
-exec {kesh} vrrp "$3"
 """
 
 # A node that may not lead is passed over.
@@ -172,14 +167,13 @@ class Arena:
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
 
     def _write_keepalived(self, node):
-        notify, check = node.path("notify"), node.path("check")
+        check, kesh = node.path("check"), self.cluster.programs.kesh
         with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
-            file.write(KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id, notify=notify,
+            file.write(KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id, kesh=kesh,
                                               check=check))
-        for path, script in ((notify, NOTIFY), (check, CHECK)):
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(script.format(kesh=self.cluster.programs.kesh))
-            os.chmod(path, 0o700)
+        with open(check, "w", encoding="utf-8") as file:
+            file.write(CHECK.format(kesh=kesh))
+        os.chmod(check, 0o700)
 
     def start_keepalived(self, node_id):
         """Starts keepalived in the node's view. In its own process id namespace, so that its helpers end with it."""

@@ -19,6 +19,7 @@
 #include "client/client_commands.h"
 #include "client/client_journal.h"
 #include "client/client_submit.h"
+#include "client/vrrp_fifo.h"
 #include "exit_codes.h"
 #include "unique_fd.h"
 
@@ -104,6 +105,38 @@ protected:
 };
 
 // Each line has one fate, whatever the daemon does, and no fate is better than what is known.
+TEST(vrrp_fifo, tells_the_states_of_one_instance_in_their_order)
+{
+  const struct {
+    const char *line, *instance, *word;
+  } cases[] = {
+      {"INSTANCE \"cluster\" MASTER 130", "", "MASTER"},
+      {"INSTANCE \"cluster\" BACKUP 130", "cluster", "BACKUP"},
+      {"INSTANCE \"cluster\" FAULT 130", "other", ""},
+      {"INSTANCE \"a \" b\" STOP 1\r", "a \" b", "STOP"},
+      {"INSTANCE \"cluster\" MASTER_RX_LOWER_PRI 130", "", ""},
+      {"GROUP \"cluster\" MASTER 0", "", ""},
+      {"INSTANCE cluster MASTER", "", ""},
+      {"INSTANCE \" MASTER", "", ""},
+      {"", "", ""},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(kesh::vrrp_word_of(c.line, c.instance).value_or(""), c.word) << c.line;
+  }
+
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const std::string text = "INSTANCE \"c\" MASTER 1\nINSTANCE \"c\" BACKUP 1\nINSTANCE \"c\" MAS";
+  ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(ends[1]);
+  std::vector<std::string> noted;
+  EXPECT_EQ(kesh::vrrp_follow("/dev/fd/" + std::to_string(ends[0]), "",
+                              [&](const std::string &word) { return noted.push_back(word), 0; }),
+            kesh::EXIT_OK);
+  close(ends[0]);
+  EXPECT_EQ(noted, (std::vector<std::string>{"MASTER", "BACKUP", "STOP"})) << "the last one: keepalived went away";
+}
+
 TEST_F(client_test, counts_each_line_once)
 {
   using part = fake_daemon::part;

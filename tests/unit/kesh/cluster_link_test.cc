@@ -227,6 +227,7 @@ TEST_F(cluster_link_test, an_emptied_node_joins_when_it_knows_more_than_it_forgo
   for (auto &one : nodes) {
     one->records(740, LOG);
   }
+  node(2).write("cons/rb_reg.745", "");  // a question of somebody who has died since
   start({1, 2, 3});
   await([&] {
     const auto peers = node(2).link->view().peers;
@@ -241,13 +242,18 @@ TEST_F(cluster_link_test, an_emptied_node_joins_when_it_knows_more_than_it_forgo
   await([&] { return node(1).link->view().peers.size() == 2; });
   EXPECT_FALSE(node(1).link->eligible().yes);
   EXPECT_EQ(node(1).standing(), "new");
-  node(1).records(740, LOG, false);
+  node(1).records(740, LOG);
+  await([&] {
+    const std::string reason = node(1).link->may_submit().reason;
+    return reason == "it is new to the cluster: it knows decision 740, and others had to do with 745";
+  });
+  node(1).records(745, LOG, false);
   await([&] {
     const std::string reason = node(1).link->may_submit().reason;
     return reason == "it is new to the cluster: the library's log is not delivered to its end";
   });
   EXPECT_FALSE(node(1).link->view().disk_went_back) << "a new node has forgotten, and is known to have";
-  node(1).records(740, LOG);
+  node(1).records(745, LOG);
   await([&] { return node(1).standing() == "member"; });
   EXPECT_EQ(node(1).read("cons/msg_id"), le32(70 + UNKNOWN_IDS_MAX));
   EXPECT_EQ(node(1).restarts, 1);

@@ -256,6 +256,31 @@ TEST(cluster_agreement, compares_what_can_be_compared_and_bars_only_by_a_quorum)
   }
 }
 
+TEST(cluster_peers, difference_of_tells_why_a_node_does_not_count)
+{
+  const hello_settings own{CLUSTER, 10000, 3, 1, 101};
+  const struct {
+    difference differs;
+    void (*change)(hello &);
+  } cases[] = {
+      {difference::none, [](hello &) {}},
+      {difference::build, [](hello &said) { said.build = 10001; }},
+      {difference::generation,
+       [](hello &said) { said.cluster.generation++, said.cluster.first_mac = "02:02:02:02:02:02", said.build = 1; }},
+      {difference::cluster, [](hello &said) { said.cluster.first_mac = "02:02:02:02:02:02"; }},
+      {difference::cluster, [](hello &said) { said.cluster.name = "red", said.cluster.generation++; }},
+      {difference::state_max, [](hello &said) { said.state_max = 7, said.cluster.generation++; }},
+      {difference::node_count, [](hello &said) { said.node_count = 4, said.state_max = 7; }},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(&c - cases);
+    hello said = hello_of(2, 5);
+    said.build = own.build;
+    c.change(said);
+    EXPECT_EQ(difference_of(said, own), c.differs);
+  }
+}
+
 TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
 {
   peers heard({CLUSTER, 10000, 3, 1, 101});

@@ -88,6 +88,11 @@ TEST(fit, tells_what_the_next_delivery_is)
   EXPECT_EQ(kesh::store_fit({C, 9, LOG}, taken).verdict, verdict::rejoin);
   EXPECT_EQ(kesh::store_fit({B, 9, {OTHER}}, taken).verdict, verdict::await_state);
 
+  kesh::store_facts old;
+  old.n = 4;
+  EXPECT_EQ(kesh::store_fit({NONE, 0, {}}, old, true).verdict, verdict::fits) << "a reformed cluster begins with it";
+  EXPECT_EQ(kesh::store_fit({NONE, 9, LOG}, old, true).verdict, verdict::await_state);
+
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     const auto answer =

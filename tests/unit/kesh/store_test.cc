@@ -57,6 +57,8 @@ TEST_F(store_test, applies_and_compares_what_is_delivered_again)
   EXPECT_NE(lines->position().incomplete, "");
   EXPECT_EQ(lines->position().hash, before.hash);
   EXPECT_THROW(apply(*lines, payloads[1]), kesh::store_failure);
+  lines->set_cursor(lines->position().n + 1);
+  EXPECT_THROW(state_of(*lines), kesh::store_failure) << "its gap must not travel";
 }
 
 TEST_F(store_test, knows_repeats_of_the_last_two_payloads)

@@ -95,8 +95,11 @@ struct recorder {
 };
 
 struct test_node : messaging {
-  explicit test_node(uint32_t node_id, uint32_t receive_buffer = 8 << 20)
+  explicit test_node(uint32_t node_id, uint32_t receive_buffer = 8 << 20) : test_node(node_id, {}, receive_buffer) {}
+  test_node(uint32_t node_id, const seal_keys &keys, uint32_t receive_buffer = 8 << 20, bool is_multicast = true)
   {
+    settings.is_multicast = is_multicast;
+    settings.keys = keys;
     settings.node_id = node_id;
     settings.interval_ms = 1;
     settings.receive_buffer = receive_buffer;

@@ -11,11 +11,13 @@ namespace
 
 constexpr uint32_t GROUP = GROUP_ADDRESS;
 
-void send_raw(const test_node &to, uint32_t channel, const void *bytes, size_t size)
+void send_raw(const test_node &to, uint32_t channel, const void *bytes, size_t size, uint32_t from = node_name(2))
 {
   const unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
+  address.sin_addr.s_addr = from;
+  ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
   address.sin_addr.s_addr = to.settings.own_address();
   address.sin_port = htons(static_cast<uint16_t>(to.settings.port_base + channel));
   ASSERT_EQ(sendto(fd.get(), bytes, size, 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
@@ -24,13 +26,19 @@ void send_raw(const test_node &to, uint32_t channel, const void *bytes, size_t s
 
 }  // namespace
 
+class messaging_ways : public testing::TestWithParam<bool>
+{
+};
+INSTANTIATE_TEST_SUITE_P(, messaging_ways, testing::Bool(),
+                         [](const auto &way) { return way.param ? "group" : "each_node"; });
+
 // The register protocol counts the sender's own answer: a service whose group or own address misses it hangs.
-TEST(messaging, group_and_own_address_reach_the_sender_too)
+TEST_P(messaging_ways, what_is_for_all_reaches_the_sender_too)
 {
   record &first = recorder<1>::reset();
   record &second = recorder<2>::reset();
-  test_node one(1);
-  test_node two(2);
+  test_node one(1, {}, 8 << 20, GetParam());
+  test_node two(2, {}, 8 << 20, GetParam());
   one.register_hook(recorder<1>::hook, 4);
   two.register_hook(recorder<2>::hook, 4);
   one.enqueue(tagged(10), 4, 0, GROUP, 0, 0);
@@ -42,6 +50,16 @@ TEST(messaging, group_and_own_address_reach_the_sender_too)
   EXPECT_TRUE(second.await_tag(10) && second.await_tag(12) && second.await_tag(14));
   EXPECT_EQ(first.size(), 3u);
   EXPECT_EQ(second.size(), 3u);
+  record &first_pieces = recorder<3>::reset();
+  record &second_pieces = recorder<4>::reset();
+  one.register_hook(recorder<3>::hook, 5);
+  two.register_hook(recorder<4>::hook, 5);
+  for (uint32_t piece = 0; piece < 600; ++piece) {
+    one.enqueue(tagged(100 + piece, 1400), 5, 2, GROUP, 0, 0);
+  }
+  EXPECT_TRUE(first_pieces.await_tag(699) && second_pieces.await_tag(699));
+  EXPECT_EQ(first_pieces.size(), 600u);
+  EXPECT_EQ(second_pieces.size(), 600u);
 }
 
 TEST(messaging, foreign_and_damaged_datagrams_are_counted_and_dropped)
@@ -50,8 +68,7 @@ TEST(messaging, foreign_and_damaged_datagrams_are_counted_and_dropped)
   test_node node(1);
   node.register_hook(recorder<1>::hook, 3);
   message_ptr good = tagged(7, 30);
-  good->channel = 3;
-  write_word(*good);
+  write_word(*good, 3, false);
   const size_t size = good->datagram_size();
   uint8_t *bytes = good->object();
   uint64_t foreign = 0;
@@ -72,9 +89,12 @@ TEST(messaging, foreign_and_damaged_datagrams_are_counted_and_dropped)
     bytes[change.offset] = before;
     ++(change.is_foreign ? foreign : damaged);
   }
+  send_raw(node, 3, bytes, size, node_name(17));
   send_raw(node, 3, bytes, size);
   ASSERT_TRUE(got.await_tag(7));
   EXPECT_EQ(got.size(), 1u);
+  EXPECT_EQ(node.dropped(drop_reason::stranger), 1u);
+  EXPECT_EQ(node.statistics().peers[1].dropped[static_cast<size_t>(drop_reason::damaged)], damaged);
   EXPECT_EQ(node.dropped(drop_reason::foreign), foreign);
   EXPECT_EQ(node.dropped(drop_reason::damaged), damaged);
 }
@@ -92,9 +112,7 @@ TEST(messaging, the_word_names_magic_class_and_channel)
                {4, 2, {'V', 'X', 0, 4}, datagram_check::good}};
   for (const auto &c : cases) {
     message_ptr one = tagged(0);
-    one->channel = c.channel;
-    one->key = c.key;
-    write_word(*one);
+    write_word(*one, c.channel, is_bulk(c.channel, c.key));
     EXPECT_EQ(memcmp(one->object(), c.word, WORD_SIZE), 0);
     EXPECT_EQ(check_datagram(one->object(), one->datagram_size(), c.channel), c.check);
   }
@@ -213,6 +231,49 @@ TEST(messaging, a_blocked_node_is_not_heard)
   ASSERT_TRUE(got.await_tag(3));
   EXPECT_EQ(got.count_of(1), 0u);
   EXPECT_EQ(one.dropped(drop_reason::blocked), 1u);
+}
+
+// Every kind of transmission, with keys that change while messages are repeated.
+TEST(messaging, sealed_nodes_hear_each_other_and_nobody_else)
+{
+  const auto keys = [](const std::string &text) {
+    seal_keys made;
+    std::string error;
+    EXPECT_TRUE(seal_keys_parse(text, "keys", made, error)) << error;
+    return made;
+  };
+  const std::string first = " 1 " + std::string(64, '1') + "\n", second = " 2 " + std::string(64, '2') + "\n";
+  record &got = recorder<1>::reset();
+  record &own = recorder<2>::reset();
+  test_node one(1, keys("seal" + first));
+  test_node two(2, keys("seal" + first));
+  test_node plain(3);
+  one.register_hook(recorder<1>::hook, 5);
+  two.register_hook(recorder<2>::hook, 5);
+  message_ptr of_plain = tagged(99);
+  plain.enqueue(std::move(of_plain), 5, 0, GROUP, -1, 1);
+  two.enqueue(tagged(10), 5, 0, GROUP, -1, 1);
+  ASSERT_TRUE(got.await_tag(10, 3)) << "repeated, each time sealed anew";
+  two.enqueue(tagged(11), 5, 0, node_name(1), 0, 0);
+  two.enqueue(tagged(12, 1400), 5, 2, GROUP, 0, 0);
+  for (uint32_t piece = 0; piece < 500; ++piece) {
+    two.enqueue(tagged(1000 + piece, 1400), 5, 2, GROUP, 0, 0);
+  }
+  EXPECT_TRUE(got.await_tag(11) && got.await_tag(12) && got.await_tag(1499) && own.await_tag(1499));
+  EXPECT_EQ(two.enqueue(tagged(13, 65483), 5, 0, GROUP, 0, 0), nullptr) << "no room for the seal";
+  EXPECT_NE(two.enqueue(tagged(14, 65455), 5, 0, GROUP, 0, 0), nullptr);
+  EXPECT_TRUE(got.await_tag(14));
+  EXPECT_EQ(one.statistics().peers[1].key, 1);
+
+  one.set_keys(keys("seal" + first + "accept" + second));
+  two.set_keys(keys("seal" + second));
+  const size_t before = got.count_of(10);
+  EXPECT_TRUE(got.await_tag(10, before + 3));
+  EXPECT_EQ(one.statistics().peers[1].key, 2);
+  EXPECT_EQ(got.count_of(99), 0u);
+  EXPECT_GT(one.dropped(drop_reason::unsealed), 0u);
+  one.set_keys(keys("seal" + first + "accept plain"));
+  EXPECT_TRUE(got.await_tag(99));
 }
 
 namespace

@@ -1,0 +1,50 @@
+#include "drop_warnings.h"
+
+#include <string>
+
+namespace platform
+{
+namespace
+{
+
+constexpr std::chrono::minutes AGAIN{1};
+
+/// Null: it happens on good networks too.
+const char *cause_of(drop_reason reason)
+{
+  switch (reason) {
+  case drop_reason::stranger:
+    return "the address is no node's (messaging.node[N].address), or another one's";
+  case drop_reason::unsealed:
+    return "they are not sealed, and the key file does not say \"accept plain\"";
+  case drop_reason::unknown_key:
+    return "they are sealed with a key that the key file does not have";
+  case drop_reason::forged:
+    return "the seal does not fit: another key of that identifier, or a forgery";
+  default:
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+void drop_warnings::note(uint32_t node, uint32_t address, drop_reason reason)
+{
+  const char *const cause = cause_of(reason);
+  if (cause == nullptr) {
+    return;
+  }
+  kind &of = kinds_[node][static_cast<size_t>(reason)];
+  const auto now = clock::now();
+  ++of.since;
+  if (of.said != clock::time_point() && now - of.said < AGAIN) {
+    return;
+  }
+  const std::string who =
+      node == 0 ? address_text(address) : "node " + std::to_string(node) + ", " + address_text(address);
+  log_line(log_level::warning, "messaging: datagrams of " + who + ", are dropped: " + cause + "; " +
+                                   std::to_string(of.since) + " since this was last said");
+  of = {.said = now, .since = 0};
+}
+
+}  // namespace platform
