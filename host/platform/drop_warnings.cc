@@ -40,9 +40,9 @@ void drop_warnings::note(uint32_t node, uint32_t address, drop_reason reason)
   if (of.said != clock::time_point() && now - of.said < AGAIN) {
     return;
   }
-  const std::string who =
-      node == 0 ? address_text(address) : "node " + std::to_string(node) + ", " + address_text(address);
-  log_line(log_level::warning, "messaging: datagrams of " + who + ", are dropped: " + cause + "; " +
+  const std::string from = address_text(address);
+  const std::string who = node == 0 ? from : "node " + std::to_string(node) + " (" + from + ")";
+  log_line(log_level::warning, "messaging: datagrams of " + who + " are dropped: " + cause + "; " +
                                    std::to_string(of.since) + " since this was last said");
   of = {.said = now, .since = 0};
 }

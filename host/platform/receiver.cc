@@ -15,7 +15,7 @@ namespace
 constexpr uint64_t STOP_TAG = UINT64_MAX;
 constexpr uint64_t TIMER_TAG = UINT64_MAX - 1;
 constexpr time_t GREETING_PERIOD_S = 1;
-constexpr std::chrono::milliseconds GREETING_PAUSE{20};
+constexpr uint32_t ANSWERS_MAX = 64;  // in a period; 16 nodes that begin at once need 15 each
 
 /// Expires at once, and then once a period.
 unique_fd open_greeting_timer()
@@ -93,7 +93,8 @@ void receiver::run()
       if (tag == TIMER_TAG) {
         uint64_t expirations = 0;
         [[maybe_unused]] const ssize_t size = read(greeting_timer_.get(), &expirations, sizeof expirations);
-        greet();
+        answers_left_ = ANSWERS_MAX;
+        transport_->greet();
       } else {
         read_some(tag);
       }
@@ -139,7 +140,7 @@ message_ptr receiver::open_sealed(const arrival &one, uint32_t node)
   }
   if (got.is_greeting) {
     if (got.wants_answer) {
-      greet();
+      answer_greeting();
     }
     return nullptr;
   }
@@ -191,12 +192,11 @@ void receiver::take(const arrival &one, sorted &to)
   (check == datagram_check::bulk ? to.bulk : to.control).push_back(std::move(made));
 }
 
-// Each answer to a greeting, too. Replayed greetings must not make this node send without end.
-void receiver::greet()
+// Replayed greetings must not make this node send without end.
+void receiver::answer_greeting()
 {
-  const auto now = std::chrono::steady_clock::now();
-  if (now - greeted_ >= GREETING_PAUSE) {
-    greeted_ = now;
+  if (answers_left_ > 0) {
+    --answers_left_;
     transport_->greet();
   }
 }

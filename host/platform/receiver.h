@@ -13,7 +13,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -50,7 +49,7 @@ private:
   message_ptr open_sealed(const arrival &one, uint32_t node);
   message_ptr copy_plain(const arrival &one, uint32_t node);
   void drop(const arrival &one, uint32_t node, drop_reason reason);
-  void greet();
+  void answer_greeting();
   bool is_blocked(const uint8_t *bytes, uint32_t address) const;
 
   messaging_counters &counters_;
@@ -64,7 +63,7 @@ private:
   unique_fd poll_;
   unique_fd stop_event_;
   unique_fd greeting_timer_;
-  std::chrono::steady_clock::time_point greeted_{};
+  uint32_t answers_left_ = 0;
   drop_warnings warnings_;
   std::thread thread_;
 };

@@ -156,12 +156,10 @@ arrivals transport::receive(size_t input)
 
 std::span<const uint32_t> transport::addresses_of(const message &one) const
 {
-  for (uint32_t node = 1; node <= NODES_MAX; ++node) {
-    if (one.destination == node_name(node)) {
-      return {&settings_.node_address[node - 1], 1};
-    }
-  }
-  return group_;
+  // messaging sends to nothing else.
+  return one.destination == GROUP_ADDRESS
+             ? std::span<const uint32_t>(group_)
+             : std::span<const uint32_t>(&settings_.node_address[(one.destination >> 24) - 1], 1);
 }
 
 // A node that cannot be reached keeps nothing from the others: only if none of them can be, this fails.
@@ -185,7 +183,10 @@ int transport::send_to_all(const unique_fd &socket, std::span<const uint8_t> byt
 int transport::send_from(const unique_fd &socket, const message &one)
 {
   // Threads of the library have small stacks. Untouched pages cost nothing.
-  thread_local const std::unique_ptr<uint8_t[]> room(new (std::nothrow) uint8_t[DATAGRAM_MAX]);
+  thread_local std::unique_ptr<uint8_t[]> room;
+  if (!room) {
+    room.reset(new (std::nothrow) uint8_t[DATAGRAM_MAX]);
+  }
   const auto bytes = room ? seals_.seal(one, {room.get(), DATAGRAM_MAX}) : std::span<const uint8_t>();
   if (bytes.empty()) {
     return one.datagram_size() + SEAL_OVERHEAD > DATAGRAM_MAX ? EMSGSIZE : ENOMEM;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 namespace bench
@@ -24,15 +25,19 @@ struct results {
     return latencies_us[std::min(latencies_us.size() - 1, latencies_us.size() * percent / 100)];
   }
 
-  /// Prints one line of JSON.
-  void print()
+  /// One line of JSON, with its end.
+  std::string text()
   {
-    printf(
+    char line[256];
+    snprintf(
+        line, sizeof line,
         "{\"done\": %zu, \"failed\": %llu, \"seconds\": %.3f, \"per_s\": %.1f, \"p50_us\": %lld, \"p99_us\": %lld}\n",
         latencies_us.size(), static_cast<unsigned long long>(failed), seconds,
         static_cast<double>(latencies_us.size()) / seconds, static_cast<long long>(percentile(50)),
         static_cast<long long>(percentile(99)));
+    return line;
   }
+  void print() { fputs(text().c_str(), stdout); }
 };
 
 }  // namespace bench

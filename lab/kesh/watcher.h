@@ -1,10 +1,9 @@
-/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds operations to the
-/// control socket:
+/// The laboratory inside a daemon. Writes the trace that the key lab.trace names, and adds operations to the control
+/// socket:
 ///
 ///     {"op":"slow","hook":"deliver"|"state","ms":N}   a hook of data type 0 takes that much longer; 0 ends it
 ///     {"op":"block","mask":M}                         what the nodes of the mask send is dropped (bit n - 1 = node n)
-///     {"op":"distribute","bytes":[B,..]}              these bytes become a payload, whatever they are; no second
-///     answer
+///     {"op":"distribute","bytes":[B,..]}              these bytes become a payload, whatever they are
 ///     {"op":"load",..}                                load.h
 ///     {"op":"unbatched",..}                           unbatched.h
 #pragma once

@@ -16,12 +16,20 @@ KILLED = -9
 CRASH_POINTS_MAX = 200
 
 
+def addresses(first_node, first_byte):
+    return {f"messaging.node[{first_node + i}].address": f"127.1.0.{first_byte + i}" for i in range(3)}
+
+
 class Neighbours(Scenario):
+    """Both sides have each other's addresses in their configuration: else each drops what it hears of the other."""
+
+    settings = addresses(11, 101)
+
     def guest(self, key, number, name, nodes):
         """Returns a node that has this number in a cluster of this name, and addresses of its own."""
         node = Node(key, self.cluster.dir, self.cluster.programs, self.cluster.holder)
         node.number, node.cluster_name = number, name
-        node.create(nodes, {f"messaging.node[{peer}].address": f"127.1.0.{100 + peer}" for peer in range(1, nodes + 1)})
+        node.create(nodes, addresses(1, 101) | addresses(11, 1))
         self.cluster.nodes[key] = node
         return node
 

@@ -73,7 +73,7 @@ int vrrp_follow(const std::string &fifo, const std::string &instance,
                 const std::function<int(const std::string &)> &note)
 {
   const platform::unique_fd termination = open_termination();
-  const platform::unique_fd from(open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+  const platform::unique_fd from(open(fifo.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!from || !termination) {
     fprintf(stderr, "kesh vrrp: %s: %s\n", fifo.c_str(), strerror(errno));
     return EXIT_CONFIG;
@@ -81,7 +81,13 @@ int vrrp_follow(const std::string &fifo, const std::string &instance,
   std::array<pollfd, 2> waited = {{{from.get(), POLLIN, 0}, {termination.get(), POLLIN, 0}}};
   std::string text;
   int code = EXIT_OK;
-  while (poll(waited.data(), waited.size(), -1) >= 0 || errno == EINTR) {
+  for (;;) {
+    if (poll(waited.data(), waited.size(), -1) < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      break;
+    }
     char bytes[512];
     const ssize_t size = waited[0].revents != 0 ? read(from.get(), bytes, sizeof bytes) : -1;
     if (size > 0) {

@@ -128,11 +128,15 @@ TEST(vrrp_fifo, tells_the_states_of_one_instance_in_their_order)
   ASSERT_EQ(pipe(ends), 0);
   const std::string text = "INSTANCE \"c\" MASTER 1\nINSTANCE \"c\" BACKUP 1\nINSTANCE \"c\" MAS";
   ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  close(ends[1]);
   std::vector<std::string> noted;
-  EXPECT_EQ(kesh::vrrp_follow("/dev/fd/" + std::to_string(ends[0]), "",
-                              [&](const std::string &word) { return noted.push_back(word), 0; }),
-            kesh::EXIT_OK);
+  const auto note = [&](const std::string &word) {
+    noted.push_back(word);
+    if (word == "BACKUP") {
+      close(ends[1]);
+    }
+    return 0;
+  };
+  EXPECT_EQ(kesh::vrrp_follow("/dev/fd/" + std::to_string(ends[0]), "", note), kesh::EXIT_OK);
   close(ends[0]);
   EXPECT_EQ(noted, (std::vector<std::string>{"MASTER", "BACKUP", "STOP"})) << "the last one: keepalived went away";
 }
