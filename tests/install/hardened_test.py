@@ -8,7 +8,7 @@ import unittest
 BUILD_DIR = os.environ["VX_BUILD_DIR"]
 IS_OPTIMISED = os.environ.get("VX_OPTIMISED", "1") == "1"
 PROGRAM = "bin/kesh"
-LIBRARIES = ("lib/libvx_cons.so.1",)
+LIBRARIES = ("lib/libvx_cons.so.1", "lib/libvx_host.so.1")
 
 
 def read_elf(path):
