@@ -17,4 +17,15 @@ if(VX_SANITIZE_FLAGS)
   target_compile_options(vx_flags INTERFACE ${VX_SANITIZE_FLAGS})
   target_link_options(vx_flags INTERFACE ${VX_SANITIZE_FLAGS})
   target_compile_definitions(vx_flags INTERFACE VX_SANITIZED)
+else()
+  # Hardened, in every build that may ship: sanitizers have checks of their own, and fortified calls would hide some.
+  # Fortified calls need optimisation.
+  target_compile_options(vx_flags INTERFACE
+    -fstack-protector-strong
+    "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  target_link_options(vx_flags INTERFACE LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
 endif()
+
+# Position-independent executables: without this only their objects are.
+include(CheckPIESupported)
+check_pie_supported()

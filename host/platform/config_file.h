@@ -41,6 +41,9 @@ private:
   std::vector<config_line> lines_;
 };
 
+/// The longest key that vx_cfg_* take.
+inline constexpr size_t CONFIG_KEY_MAX = 255;
+
 /// True if the text can be a key.
 bool config_key_is_valid(std::string_view key);
 

@@ -19,11 +19,10 @@ namespace platform
 namespace
 {
 
-constexpr size_t KEY_MAX_BYTES = 256;
-
 struct config_store {
   mutex guard;
-  std::string path PLATFORM_GUARDED_BY(guard);  // empty: nothing loaded, lives in memory only
+  std::string path PLATFORM_GUARDED_BY(guard);  // empty: no file, lives in memory only
+  bool needs_no_file PLATFORM_GUARDED_BY(guard) = false;
   config_file file PLATFORM_GUARDED_BY(guard);
   // Set or removed (no value) since the last save.
   std::map<std::string, std::optional<std::string>> changes PLATFORM_GUARDED_BY(guard);
@@ -76,7 +75,7 @@ bool save_locked(config_store &config, std::string &error) PLATFORM_REQUIRES(con
 {
   if (config.path.empty()) {
     error = "no configuration file is loaded";
-    return false;
+    return config.needs_no_file;
   }
   std::string text;
   config_file merged;
@@ -119,7 +118,7 @@ template <typename Body>
 int for_key(const char *format, va_list arguments, Body body)
 {
   try {
-    char key[KEY_MAX_BYTES];
+    char key[CONFIG_KEY_MAX + 1];
     // The analyzer loses track of a va_list that is handed on.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const int length = vsnprintf(key, sizeof key, format, arguments);
@@ -195,10 +194,21 @@ bool config_load(const std::string &path, std::string &error)
   // A save replaces the file that a symbolic link names, not the link.
   char *real = realpath(path.c_str(), nullptr);
   config.path = real ? real : path;
+  config.needs_no_file = false;
   free(real);
   config.file = std::move(read);
   config.changes.clear();
   return true;
+}
+
+void config_begin_empty()
+{
+  config_store &config = store();
+  const lock_scope lock(config.guard);
+  config.path.clear();
+  config.needs_no_file = true;
+  config.file = config_file();
+  config.changes.clear();
 }
 
 std::string config_text(const std::string &key, const std::string &fallback)

@@ -60,9 +60,10 @@ public:
     logger_.set_level(spdlog::level::trace);
     logger_.flush_on(spdlog::level::trace);
     logger_.set_error_handler([](const std::string &why) { fprintf(stderr, "log: %s\n", why.c_str()); });
-    use(std::make_shared<spdlog::sinks::stderr_sink_mt>(), false);
+    use_stderr(false);
   }
 
+  void use_stderr(bool is_journal) { use(std::make_shared<spdlog::sinks::stderr_sink_mt>(), is_journal); }
   /// Another place for what is written from now on. What was open is closed.
   void use(const spdlog::sink_ptr &sink, bool is_journal)
   {
@@ -255,7 +256,7 @@ bool log_reopen(std::string &error)
   const std::string path = config_text("log.file", "");
   try {
     if (path.empty()) {
-      opened().use(std::make_shared<spdlog::sinks::stderr_sink_mt>(), is_read_by_journald());
+      opened().use_stderr(is_read_by_journald());
     } else {
       opened().use(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, static_cast<size_t>(max_size_bytes),
                                                                           static_cast<size_t>(files)),
@@ -280,6 +281,16 @@ bool log_set_level(const std::string &name)
 bool log_flush(std::chrono::milliseconds limit)
 {
   return opened().flush(limit);
+}
+
+bool log_close(std::chrono::milliseconds limit)
+{
+  if (!opened().flush(limit)) {
+    return false;
+  }
+  opened().set_queue(0);
+  opened().use_stderr(is_read_by_journald());
+  return true;
 }
 
 uint64_t log_dropped()

@@ -19,6 +19,9 @@ class message_filter;
 /// so is an empty one.
 bool config_load(const std::string &path, std::string &error);
 
+/// Begins with no key and no file: vx_cfg_save then keeps nothing and succeeds.
+void config_begin_empty();
+
 /// Text of a key, or `fallback` if it is not set.
 std::string config_text(const std::string &key, const std::string &fallback);
 
@@ -47,6 +50,9 @@ bool log_reopen(std::string &error);
 bool log_set_level(const std::string &name);
 /// Waits until what was logged before is written. False: not within `limit`.
 bool log_flush(std::chrono::milliseconds limit);
+/// Writes what was logged before and closes the file. Later lines go to stderr, written by whoever logs them. False:
+/// not within `limit`; then the log stays as it is. One thread.
+bool log_close(std::chrono::milliseconds limit);
 /// Lines that were dropped, since the disk was too slow for them.
 uint64_t log_dropped();
 /// The last line of the library that said CRITICAL, in any level; empty: none did.

@@ -36,11 +36,13 @@ struct command_line {
   bool does_list = false;
 };
 
-std::string next_to_executable(const char *path)
+// Of the build tree, or of the installation, that this program is in.
+std::string own_library()
 {
   std::error_code error;
-  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-  return (self.parent_path().parent_path() / path).string();
+  const auto root = std::filesystem::read_symlink("/proc/self/exe", error).parent_path().parent_path();
+  const auto built = root / "lib/libvx_cons.so.1";
+  return exists(built, error) ? built.string() : (root / VX_LIBDIR / "libvx_cons.so.1").string();
 }
 
 // Names, or "all". False: one is unknown.
@@ -171,7 +173,7 @@ int run_campaign(const command_line &given, const std::vector<std::string> &name
 int main(int argc, char **argv)
 {
   command_line given;
-  given.library = next_to_executable("lib/libvx_cons.so.1");
+  given.library = own_library();
   CLI::App app("Runs clusters of libvx_cons in one process. One seed is one execution, to the step.\n"
                "Exit code 0: no promise was broken; 1: one was; 2: the command line is wrong.");
   app.add_option("--library", given.library,

@@ -31,7 +31,7 @@ def build_parser():
     parser.add_argument("--dir", default=os.environ.get("VXLAB_DIR", ".vxlab"), metavar="DIR",
                         help="run directory (default: ./.vxlab, or $VXLAB_DIR)")
     parser.add_argument("--bin", metavar="DIR", help="build tree with kesh and vx-node-view (default: $VXLAB_BIN, or "
-                        "build/ of the source tree; a laboratory remembers its own)")
+                        "build/ of the source tree, or what was installed with vxlab; a laboratory remembers its own)")
     subparsers = parser.add_subparsers(metavar="COMMAND", required=True)
     for command in COMMANDS:
         command(subparsers)

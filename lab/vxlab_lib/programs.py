@@ -1,4 +1,4 @@
-"""The programs of the build tree, and the configuration file of a node."""
+"""The programs that a laboratory runs, and the configuration file of a node."""
 
 import os
 import subprocess
@@ -19,7 +19,7 @@ log.level = {log_level}
 
 
 class Programs:
-    """The programs of a build tree."""
+    """The programs of a build tree, or of an installation."""
 
     def __init__(self, build_dir):
         self.build_dir = os.path.realpath(build_dir)
@@ -35,8 +35,10 @@ class Programs:
 
 
 def default_build_dir():
-    return os.environ.get("VXLAB_BIN") or os.path.join(
-        os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)))), "build")
+    lab = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+    installed = os.path.join(lab, "programs")  # the installation makes this link
+    built = os.path.join(os.path.dirname(lab), "build")
+    return os.environ.get("VXLAB_BIN") or (installed if os.path.isdir(installed) else built)
 
 
 EVIDENCE = {"log.level": "debug", "log.queue": 0}  # every line, and none lost with a process that is killed
