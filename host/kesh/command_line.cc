@@ -17,6 +17,7 @@
 #include "client/client_submit.h"
 #include "client/metrics.h"
 #include "cluster/node_state_file.h"
+#include "config/check.h"
 #include "daemon/daemon.h"
 #include "daemon/node_files.h"
 #include "daemon/status.h"
@@ -40,6 +41,7 @@ constexpr char FOOTER[] = R"(Exit codes:
 
 A first cluster of one node, as root:
   mkdir -p /flashdisk/cons && cp kesh.conf.example /etc/kesh.conf
+  kesh check
   kesh configure --single
   kesh run --foreground &
   kesh vrrp MASTER
@@ -164,6 +166,13 @@ struct command_line {
                         [this] { return kesh::daemon_run(config_path, foreground, watch); });
     run.add_option("--config", config_path, "configuration file")->capture_default_str();
     run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
+
+    add("check",
+        "Test a configuration, and start nothing. Tells every fault with file, line, key, value and what is allowed; "
+        "exit code 3 if there is one. kesh run refuses what this refuses.",
+        [this] { return kesh::check_command(config_path, watch.config_keys()); })
+        .add_option("--config", config_path, "configuration file")
+        ->capture_default_str();
 
     CLI::App &set = add("configure",
                         "Make this node a member of a new cluster, with the daemon stopped on every node. Writes the "
