@@ -17,6 +17,7 @@
 #include "client/client_submit.h"
 #include "client/metrics.h"
 #include "cluster/node_state_file.h"
+#include "command_names.h"
 #include "config/check.h"
 #include "daemon/daemon.h"
 #include "daemon/node_files.h"
@@ -25,6 +26,7 @@
 #include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
+#include "version.h"
 
 namespace
 {
@@ -125,6 +127,7 @@ struct command_line {
   explicit command_line(kesh::observer &of) : watch(of)
   {
     app.footer(FOOTER);
+    app.set_version_flag("--version", kesh::version_text, "Print version, build number and the library's version");
     app.require_subcommand(1);
     add_daemon_commands();
     add_line_commands();
@@ -374,6 +377,11 @@ int kesh::command_line_run(int argc, char **argv, observer &watch)
     try {
       line.app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
+      if (const std::string unknown = error.get_exit_code() == 0 ? "" : kesh::unknown_word(line.app);
+          !unknown.empty()) {
+        fprintf(stderr, "kesh: %s\nRun with --help for more information.\n", unknown.c_str());
+        return kesh::EXIT_USAGE;
+      }
       return line.app.exit(error) == 0 ? kesh::EXIT_OK : kesh::EXIT_USAGE;
     }
     return line.chosen();
