@@ -47,6 +47,11 @@ install(FILES examples/minimal_host.c examples/CMakeLists.txt host/kesh/kesh.con
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
 
+foreach(page kesh.8 kesh.conf.5 vxlab.1 vx_cons.3)
+  string(REGEX REPLACE ".*[.]" "" chapter ${page})
+  install(FILES ${VX_MAN_DIR}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter})
+endforeach()
+
 # --- Programs
 vx_way(way ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(kesh PROPERTIES INSTALL_RPATH "$ORIGIN/${way}")

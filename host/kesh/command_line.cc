@@ -21,6 +21,8 @@
 #include "cluster/configured_cluster.h"
 #include "cluster/node_state_file.h"
 #include "cluster/standing_file.h"
+#include "command_names.h"
+#include "config/check.h"
 #include "daemon/daemon.h"
 #include "daemon/node_files.h"
 #include "daemon/status.h"
@@ -28,6 +30,7 @@
 #include "items/payload.h"
 #include "platform.h"
 #include "settings.h"
+#include "version.h"
 
 namespace
 {
@@ -44,6 +47,7 @@ constexpr char FOOTER[] = R"(Exit codes:
 
 A first cluster of one node, as root:
   mkdir -p /flashdisk/cons && cp kesh.conf.example /etc/kesh.conf
+  kesh check
   kesh configure --single
   kesh run --foreground &
   kesh vrrp MASTER
@@ -133,6 +137,7 @@ struct command_line {
   explicit command_line(kesh::observer &of) : watch(of)
   {
     app.footer(FOOTER);
+    app.set_version_flag("--version", kesh::version_text, "Print version, build number and the library's version");
     app.require_subcommand(1);
     add_daemon_commands();
     add_line_commands();
@@ -174,6 +179,13 @@ struct command_line {
                         [this] { return kesh::daemon_run(config_path, foreground, watch); });
     run.add_option("--config", config_path, "configuration file")->capture_default_str();
     run.add_flag("--foreground", foreground, "log to stderr, whatever log.file says");
+
+    add("check",
+        "Test a configuration, and start nothing. Tells every fault with file, line, key, value and what is allowed; "
+        "exit code 3 if there is one. kesh run refuses what this refuses.",
+        [this] { return kesh::check_command(config_path, watch.config_keys()); })
+        .add_option("--config", config_path, "configuration file")
+        ->capture_default_str();
 
     CLI::App &set = add("configure",
                         "Make this node a member of a new cluster, with the daemon stopped on every node. Writes the "
@@ -388,6 +400,11 @@ int kesh::command_line_run(int argc, char **argv, observer &watch)
     try {
       line.app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
+      if (const std::string unknown = error.get_exit_code() == 0 ? "" : kesh::unknown_word(line.app);
+          !unknown.empty()) {
+        fprintf(stderr, "kesh: %s\nRun with --help for more information.\n", unknown.c_str());
+        return kesh::EXIT_USAGE;
+      }
       return line.app.exit(error) == 0 ? kesh::EXIT_OK : kesh::EXIT_USAGE;
     }
     return line.chosen();

@@ -1,5 +1,8 @@
 #include "config_file.h"
 
+#include "atomic_file.h"
+#include "config_key.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -9,6 +12,7 @@ namespace
 {
 
 constexpr std::string_view BLANKS = " \t\r";
+constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";  // some editors put it in front of UTF-8
 
 bool is_blank(char c)
 {
@@ -100,7 +104,11 @@ std::string_view take_unquoted(std::string_view &rest)
 // Fills key, value and tail from the text. Null, or why it is bad.
 const char *read_line(config_line &line)
 {
-  const std::string_view text = trimmed(line.text);
+  std::string_view text = line.text;
+  if (line.number == 1 && text.starts_with(BYTE_ORDER_MARK)) {
+    text.remove_prefix(BYTE_ORDER_MARK.size());
+  }
+  text = trimmed(text);
   if (text.empty() || text.front() == '#') {
     return nullptr;
   }
@@ -128,6 +136,10 @@ const char *read_line(config_line &line)
     }
   } else {
     line.value = take_unquoted(rest);
+    if (std::any_of(line.value.begin(), line.value.end(),
+                    [](char c) { return is_control(c) && c != '\t' && c != '\0'; })) {
+      return "a control character stands in the value; in quotes it may be written as \\xHH";
+    }
   }
   if (line.value.find('\0') != std::string::npos) {
     return "a value cannot hold the byte 0";
@@ -174,29 +186,69 @@ bool config_key_is_valid(std::string_view key)
   });
 }
 
+std::string config_complaint::text(const std::string &path) const
+{
+  constexpr size_t KEY_SHOWN_MAX = 80;
+  const bool is_plain = config_key_is_valid(key) && key.size() <= KEY_SHOWN_MAX;
+  return path + (line != 0 ? ":" + std::to_string(line) : "") + ": " +
+         (key.empty() ? "" : (is_plain ? key : config_shown(key)) + ": ") + why;
+}
+
+bool config_file_read(const std::string &path, std::string &text, std::string &error)
+{
+  constexpr size_t SIZE_MAX_BYTES = 1 << 20;
+  std::string content;
+  std::string why;
+  if (file_read(path, content, why)) {
+    if (content.empty()) {
+      why = "the file is empty";  // as a power cut may leave it; a configuration of comments alone is one
+    } else if (content.size() > SIZE_MAX_BYTES) {
+      why = "larger than 1 MiB, which is no configuration";
+    } else if (content.starts_with("\xff\xfe") || content.starts_with("\xfe\xff")) {
+      why = "written in UTF-16; save it as UTF-8";
+    }
+  }
+  if (!why.empty()) {
+    error = path + ": " + why;
+    return false;
+  }
+  text = std::move(content);
+  return true;
+}
+
 bool config_file::parse(std::string_view text, const std::string &path, std::string &error)
 {
   config_file read;
-  while (!text.empty()) {
-    const size_t end = text.find('\n');
-    config_line line;
-    line.text = text.substr(0, end);
-    line.number = read.lines_.size() + 1;
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    const char *why = read_line(line);
-    std::string first;
-    if (const config_line *other = line.key.empty() ? nullptr : read.find(line.key); why == nullptr && other) {
-      first = "set already in line " + std::to_string(other->number);
-      why = first.c_str();
-    }
-    if (why != nullptr) {
-      error = path + ":" + std::to_string(line.number) + ": " + (line.key.empty() ? "" : line.key + ": ") + why;
-      return false;
-    }
-    read.lines_.push_back(std::move(line));
+  const std::vector<config_complaint> complaints = read.parse_good_lines(text);
+  if (!complaints.empty()) {
+    error = complaints.front().text(path);
+    return false;
   }
   *this = std::move(read);
   return true;
+}
+
+std::vector<config_complaint> config_file::parse_good_lines(std::string_view text)
+{
+  std::vector<config_complaint> complaints;
+  lines_.clear();
+  for (size_t number = 1; !text.empty(); ++number) {
+    const size_t end = text.find('\n');
+    config_line line;
+    line.text = text.substr(0, end);
+    line.number = number;
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    const char *why = read_line(line);
+    const config_line *other = why != nullptr || line.key.empty() ? nullptr : find(line.key);
+    if (other != nullptr) {
+      complaints.push_back({number, line.key, "set already in line " + std::to_string(other->number)});
+    } else if (why != nullptr) {
+      complaints.push_back({number, line.key, why});
+    } else {
+      lines_.push_back(std::move(line));
+    }
+  }
+  return complaints;
 }
 
 std::string config_file::text() const

@@ -4,7 +4,8 @@
 ///   key = value            # the value ends before a blank and '#'
 ///   key = "  value\n"      # quoted: blanks and '#' count; \\ \" \n \r \t \xHH
 ///
-/// Keys consist of letters, digits and . _ - [ ] and appear once.
+/// Keys consist of letters, digits and . _ - [ ] and appear once. Lines may end in CR LF, the last one in nothing, and
+/// a UTF-8 byte order mark may stand in front.
 #pragma once
 
 #include <cstddef>
@@ -23,13 +24,28 @@ struct config_line {
   size_t number = 0;  ///< in the file, from 1; 0: added since
 };
 
+/// What is wrong with a file.
+struct config_complaint {
+  size_t line = 0;  ///< 0: with no line of its own
+  std::string key;  ///< empty: none, or `why` names it
+  std::string why;
+
+  /// "path:line: key: why".
+  std::string text(const std::string &path) const;
+};
+
+/// Reads a file that can be a configuration: not empty, not of another kind. On failure `error` is "path: why".
+bool config_file_read(const std::string &path, std::string &text, std::string &error);
+
 class config_file
 {
 public:
-  /// Replaces the content. On failure returns false, keeps the old content, and `error` is
-  /// "path:line: key: why".
+  /// Replaces the content. On failure returns false, keeps the old content, and `error` tells the first complaint.
   bool parse(std::string_view text, const std::string &path, std::string &error);
+  /// Replaces the content by the good lines of the text, and tells what is wrong with the others.
+  std::vector<config_complaint> parse_good_lines(std::string_view text);
   std::string text() const;
+  const std::vector<config_line> &lines() const { return lines_; }
 
   /// Null if the key is not set. Valid until the next change.
   const config_line *find(std::string_view key) const;

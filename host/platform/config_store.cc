@@ -1,6 +1,7 @@
 // The configuration store: vx_cfg_* and platform::config_*, one file of text.
 #include "atomic_file.h"
 #include "config_file.h"
+#include "config_key.h"
 #include "guarded.h"
 #include "platform.h"
 #include "vx_host.h"
@@ -79,11 +80,7 @@ bool save_locked(config_store &config, std::string &error) PLATFORM_REQUIRES(con
   }
   std::string text;
   config_file merged;
-  if (!file_read(config.path, text, error)) {
-    error = config.path + ": " + error;
-    return false;
-  }
-  if (!merged.parse(text, config.path, error)) {
+  if (!config_file_read(config.path, text, error) || !merged.parse(text, config.path, error)) {
     return false;
   }
   for (const auto &[key, value] : config.changes) {
@@ -94,22 +91,6 @@ bool save_locked(config_store &config, std::string &error) PLATFORM_REQUIRES(con
   }
   config.file = std::move(merged);
   config.changes.clear();
-  return true;
-}
-
-bool read_number(const std::string &text, int64_t low, int64_t high, int64_t &value, std::string &why)
-{
-  int64_t number = 0;
-  const auto [end, result] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (result == std::errc::invalid_argument || end != text.data() + text.size()) {
-    why = "\"" + text + "\" is not a whole number";
-    return false;
-  }
-  if (result != std::errc() || number < low || number > high) {
-    why = text + " is not within " + std::to_string(low) + " and " + std::to_string(high);
-    return false;
-  }
-  value = number;
   return true;
 }
 
@@ -138,13 +119,14 @@ bool get_number(const std::string &key, Number &value)
   if (!text) {
     return false;
   }
-  int64_t number = 0;
-  std::string why;
-  constexpr auto limits = std::numeric_limits<Number>();
-  if (!read_number(*text, limits.min(), limits.max(), number, why)) {
+  constexpr auto LIMITS = std::numeric_limits<Number>();
+  const std::string why = config_fault({.kind = config_kind::number, .low = LIMITS.min(), .high = LIMITS.max()}, *text);
+  if (!why.empty()) {
     log_line(log_level::error, place_of(key) + why);
     return false;
   }
+  int64_t number = 0;
+  std::from_chars(text->data(), text->data() + text->size(), number);
   value = static_cast<Number>(number);
   return true;
 }
@@ -155,20 +137,13 @@ bool get_switch(const std::string &key, int &enabled)
   if (!text) {
     return false;
   }
-  for (const char *word : {"1", "yes", "true", "on", "enabled"}) {
-    if (*text == word) {
-      enabled = 1;
-      return true;
-    }
+  const auto value = config_toggle_value(*text);
+  if (value) {
+    enabled = *value ? 1 : 0;
+  } else {
+    log_line(log_level::error, place_of(key) + config_fault({.kind = config_kind::toggle}, *text));
   }
-  for (const char *word : {"0", "no", "false", "off", "disabled"}) {
-    if (*text == word) {
-      enabled = 0;
-      return true;
-    }
-  }
-  log_line(log_level::error, place_of(key) + "\"" + *text + "\" is neither yes nor no");
-  return false;
+  return value.has_value();
 }
 
 }  // namespace
@@ -177,16 +152,7 @@ bool config_load(const std::string &path, std::string &error)
 {
   std::string text;
   config_file read;
-  if (!file_read(path, text, error)) {
-    error = path + ": " + error;
-    return false;
-  }
-  // As a power cut may leave it. A configuration of comments alone is one.
-  if (text.empty()) {
-    error = path + ": the file is empty";
-    return false;
-  }
-  if (!read.parse(text, path, error)) {
+  if (!config_file_read(path, text, error) || !read.parse(text, path, error)) {
     return false;
   }
   config_store &config = store();
@@ -222,16 +188,33 @@ bool config_refuse(const std::string &key, const std::string &why, std::string &
   return false;
 }
 
-bool config_number(const std::string &key, int64_t low, int64_t high, int64_t fallback, int64_t &value,
-                   std::string &error)
+bool config_text(const config_key &key, std::string &value, std::string &error)
 {
-  const auto text = value_of(key);
-  std::string why;
-  if (!text) {
-    value = fallback;
-  } else if (!read_number(*text, low, high, value, why)) {
-    return config_refuse(key, why, error);
+  const std::string name(key.name);
+  const auto text = value_of(name);
+  const std::string why = text ? config_fault(key, *text) : "";
+  value = text.value_or(std::string(key.fallback));
+  return why.empty() || config_refuse(name, why, error);
+}
+
+bool config_number(const config_key &key, int64_t &value, std::string &error)
+{
+  std::string text;
+  if (!config_text(key, text, error)) {
+    return false;
   }
+  value = 0;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return true;
+}
+
+bool config_toggle(const config_key &key, bool &value, std::string &error)
+{
+  std::string text;
+  if (!config_text(key, text, error)) {
+    return false;
+  }
+  value = config_toggle_value(text).value_or(false);
   return true;
 }
 

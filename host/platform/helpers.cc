@@ -4,10 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#if !defined(VX_BUILD_NR)
-#define VX_BUILD_NR 10000
-#endif
-
 extern "C" const uint32_t vx_firmware_dova_build_nr = VX_BUILD_NR;
 
 unsigned long long vx_strtoull(const char *text, int base, int, int, int)

@@ -3,6 +3,7 @@
 #include "log_levels.h"
 #include "log_queue.h"
 #include "platform.h"
+#include "platform_keys.h"
 #include "vx_host.h"
 
 #include <spdlog/sinks/dist_sink.h>
@@ -29,9 +30,6 @@ namespace
 
 // Lines are formatted on library threads with 64 KiB of stack. A longer line is cut.
 constexpr size_t LINE_MAX_BYTES = 1024;
-constexpr int64_t FILE_SIZE_DEFAULT = 16 << 20;
-constexpr int64_t FILES_DEFAULT = 4;
-constexpr int64_t QUEUE_DEFAULT = 4 << 20;
 constexpr const char *PATTERN = "%Y-%m-%d %H:%M:%S.%e%z %v";
 // journald has its own time stamps, and takes the level from the front.
 constexpr const char *JOURNAL_PATTERN = "%v";
@@ -227,20 +225,17 @@ namespace platform
 
 bool log_open(std::string &error)
 {
-  const std::string name = config_text("log.level", "info");
-  log_level level = log_level::info;
-  if (!level_of(name, level)) {
-    return config_refuse("log.level", "\"" + name + "\" is none of debug, info, warning, error", error);
-  }
+  std::string name;
   int64_t queue_bytes = 0;
   int64_t node = 0;
-  if (!config_number("log.queue", 0, int64_t{1} << 30, QUEUE_DEFAULT, queue_bytes, error) || !log_reopen(error)) {
+  if (!config_text(platform_key("log.level"), name, error) ||
+      !config_number(platform_key("log.queue"), queue_bytes, error) || !log_reopen(error)) {
     return false;
   }
   std::string ignored;
-  config_number("cluster.node_id", 0, 255, 0, node, ignored);  // whoever needs it refuses a bad one
+  config_number(platform_key("cluster.node_id"), node, ignored);  // whoever needs it refuses a bad one
   opened().set_node(static_cast<uint32_t>(node));
-  opened().set_level(level);
+  log_set_level(name);
   opened().set_queue(static_cast<size_t>(queue_bytes));
   return true;
 }
@@ -249,11 +244,11 @@ bool log_reopen(std::string &error)
 {
   int64_t max_size_bytes = 0;
   int64_t files = 0;
-  if (!config_number("log.max_size", 4096, int64_t{1} << 40, FILE_SIZE_DEFAULT, max_size_bytes, error) ||
-      !config_number("log.files", 0, 1000, FILES_DEFAULT, files, error)) {
+  std::string path;
+  if (!config_number(platform_key("log.max_size"), max_size_bytes, error) ||
+      !config_number(platform_key("log.files"), files, error) || !config_text(platform_key("log.file"), path, error)) {
     return false;
   }
-  const std::string path = config_text("log.file", "");
   try {
     if (path.empty()) {
       opened().use_stderr(is_read_by_journald());

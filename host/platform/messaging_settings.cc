@@ -1,6 +1,5 @@
 #include "messaging_settings.h"
 
-#include "message.h"
 #include "platform.h"
 
 #include <arpa/inet.h>
@@ -15,10 +14,10 @@ namespace
 
 static_assert(std::endian::native == std::endian::little, "addresses are put together as on a little-endian node");
 
-bool parse_address(const std::string &text, uint32_t &address)
+bool parse_address(std::string_view text, uint32_t &address)
 {
   in_addr parsed;
-  if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
+  if (inet_pton(AF_INET, std::string(text).c_str(), &parsed) != 1) {
     return false;
   }
   address = parsed.s_addr;
@@ -26,10 +25,10 @@ bool parse_address(const std::string &text, uint32_t &address)
 }
 
 template <typename Number>
-bool read(const char *key, int64_t low, int64_t high, Number &value, std::string &error)
+bool read(const config_key &key, Number &value, std::string &error)
 {
-  int64_t number = value;
-  if (!config_number(key, low, high, number, number, error)) {
+  int64_t number = 0;
+  if (!config_number(key, number, error)) {
     return false;
   }
   value = static_cast<Number>(number);
@@ -42,28 +41,37 @@ bool read_addresses(messaging_settings &settings, std::string &error)
     const std::string key = "messaging.node[" + std::to_string(node_id) + "].address";
     uint32_t &address = settings.node_address[node_id - 1];
     const std::string text = config_text(key, address_text(address));
-    if (!parse_address(text, address) || IN_MULTICAST(ntohl(address)) || address == INADDR_ANY) {
-      return config_refuse(key, "\"" + text + "\" is not the IPv4 address of a node", error);
+    std::string why = config_fault(platform_key("messaging.node[].address"), text);
+    if (why.empty()) {
+      address = node_address_of(text);
+      why = address_clash(settings.node_address, node_id);
     }
-    for (uint32_t other = 1; other < node_id; ++other) {
-      if (settings.node_address[other - 1] == address) {
-        return config_refuse(key, text + " is the address of node " + std::to_string(other), error);
-      }
+    if (!why.empty()) {
+      return config_refuse(key, why, error);
     }
   }
   return true;
 }
 
+bool read_count(messaging_settings &settings, std::string &error)
+{
+  uint32_t count = 0;
+  if (!read(platform_key("cluster.node._s_"), count, error)) {
+    return false;
+  }
+  settings.node_count = count == 0 ? NODES_MAX : count;
+  return true;
+}
+
 bool read_interface(messaging_settings &settings, std::string &error)
 {
-  const std::string text = config_text("messaging.interface", "");
-  if (text.empty() || parse_address(text, settings.interface_address)) {
-    return true;
+  std::string text;
+  if (!config_text(platform_key("messaging.interface"), text, error)) {
+    return false;
   }
-  if (if_nametoindex(text.c_str()) == 0) {
-    return config_refuse("messaging.interface", "\"" + text + "\" is neither an interface nor an address", error);
+  if (!parse_address(text, settings.interface_address)) {
+    settings.interface = text;
   }
-  settings.interface = text;
   return true;
 }
 
@@ -106,29 +114,51 @@ std::string address_text(uint32_t address)
   return inet_ntop(AF_INET, &raw, text, sizeof text);
 }
 
-namespace
-{
-
-bool read_group(messaging_settings &settings, std::string &error)
-{
-  const std::string group = address_text(GROUP_ADDRESS);
-  const std::string text = config_text("messaging.group", group);
-  settings.is_multicast = text != "none";
-  return text == group || !settings.is_multicast ||
-         config_refuse("messaging.group", "\"" + text + "\" is neither " + group + " nor none", error);
-}
-
-}  // namespace
-
 bool messaging_read_keys(seal_keys &keys, std::string &error)
 {
-  const std::string path = config_text("messaging.keys", "");
+  const config_key &key = platform_key("messaging.keys");
+  std::string path;
+  if (!config_text(key, path, error)) {
+    return false;
+  }
   if (path.empty()) {
     keys = seal_keys();
     return true;
   }
   std::string why;
-  return seal_keys_load(path, keys, why) || config_refuse("messaging.keys", why, error);
+  return seal_keys_load(path, keys, why) || config_refuse(std::string(key.name), why, error);
+}
+
+uint32_t node_address_of(std::string_view text)
+{
+  uint32_t address = INADDR_ANY;
+  return parse_address(text, address) && !IN_MULTICAST(ntohl(address)) ? address : INADDR_ANY;
+}
+
+bool is_node_address(std::string_view text)
+{
+  return node_address_of(text) != INADDR_ANY;
+}
+
+bool is_absolute_path(std::string_view text)
+{
+  return text.starts_with('/');
+}
+
+bool is_interface(std::string_view text)
+{
+  uint32_t address = 0;
+  return text.empty() || parse_address(text, address) || if_nametoindex(std::string(text).c_str()) != 0;
+}
+
+std::string address_clash(const std::array<uint32_t, NODES_MAX> &all, uint32_t node_id)
+{
+  for (uint32_t other = 1; other < node_id; ++other) {
+    if (all[other - 1] == all[node_id - 1]) {
+      return address_text(all[node_id - 1]) + " is the address of node " + std::to_string(other);
+    }
+  }
+  return {};
 }
 
 bool messaging_read_settings(messaging_settings &settings, std::string &error)
@@ -137,14 +167,18 @@ bool messaging_read_settings(messaging_settings &settings, std::string &error)
   if (config_text("cluster.node_id", "").empty()) {
     return config_refuse("cluster.node_id", "not set", error);
   }
-  const int64_t port_max = 65535 - (CHANNEL_FIRST + CHANNEL_COUNT - 1);
-  return read("cluster.node_id", 1, NODES_MAX, settings.node_id, error) &&
-         read("messaging.port_base", 1024, port_max, settings.port_base, error) &&
-         read("messaging.interval_ms", 1, 60'000, settings.interval_ms, error) &&
-         read("messaging.receive_buffer", 65536, 1 << 30, settings.receive_buffer, error) &&
-         read("messaging.multicast_ttl", 0, 255, settings.multicast_ttl, error) && read_addresses(settings, error) &&
-         read_group(settings, error) && read("cluster.node._s_", 1, NODES_MAX, settings.node_count, error) &&
-         read_interface(settings, error) && messaging_read_keys(settings.keys, error);
+  std::string group;
+  if (!config_text(platform_key("messaging.group"), group, error)) {
+    return false;
+  }
+  settings.is_multicast = group != "none";
+  return read(platform_key("cluster.node_id"), settings.node_id, error) &&
+         read(platform_key("messaging.port_base"), settings.port_base, error) &&
+         read(platform_key("messaging.interval_ms"), settings.interval_ms, error) &&
+         read(platform_key("messaging.receive_buffer"), settings.receive_buffer, error) &&
+         read(platform_key("messaging.multicast_ttl"), settings.multicast_ttl, error) &&
+         read_addresses(settings, error) && read_count(settings, error) && read_interface(settings, error) &&
+         messaging_read_keys(settings.keys, error);
 }
 
 }  // namespace platform

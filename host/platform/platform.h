@@ -13,6 +13,7 @@ namespace platform
 {
 
 class message_filter;
+struct config_key;
 
 /// Reads the configuration file into the store behind vx_cfg_*; vx_cfg_save writes back to it. On failure
 /// returns false, `error` says file, line, key and why, and the store is unchanged. A missing file is an error, and
@@ -22,13 +23,14 @@ bool config_load(const std::string &path, std::string &error);
 /// Begins with no key and no file: vx_cfg_save then keeps nothing and succeeds.
 void config_begin_empty();
 
-/// Text of a key, or `fallback` if it is not set.
-std::string config_text(const std::string &key, const std::string &fallback);
+/// Value of a key, or its fallback if it is not set. On a bad value these return false, and `error` names file, line,
+/// key, value and what is allowed. A number without a fallback is 0.
+bool config_text(const config_key &key, std::string &value, std::string &error);
+bool config_number(const config_key &key, int64_t &value, std::string &error);
+bool config_toggle(const config_key &key, bool &value, std::string &error);
 
-/// Number of a key within [low, high], or `fallback` if it is not set. On a bad value returns false and `error`
-/// names file, line, key and why.
-bool config_number(const std::string &key, int64_t low, int64_t high, int64_t fallback, int64_t &value,
-                   std::string &error);
+/// Text of a key whose name is put together, or `fallback` if it is not set. Not checked.
+std::string config_text(const std::string &key, const std::string &fallback);
 
 /// For other checks of a key's value: sets `error` to file, line, key and why, and returns false.
 bool config_refuse(const std::string &key, const std::string &why, std::string &error);

@@ -25,6 +25,8 @@ using nlohmann::json;
 namespace
 {
 
+// Nobody else is to know them: kesh.conf(5) says nothing of them, and kesh refuses them.
+constexpr kesh::config_key LAB_KEYS[] = {{.name = "lab.trace"}};
 constexpr uint32_t DATA_TYPE = 0;
 constexpr uint32_t SLOW_MS_MAX = 600'000;
 
@@ -70,6 +72,11 @@ void distribute_bytes(const json &request, control_peer &peer)
 }
 
 }  // namespace
+
+std::span<const kesh::config_key> watcher::config_keys() const
+{
+  return LAB_KEYS;
+}
 
 bool watcher::begin(kesh::service &host, std::string &error)
 {

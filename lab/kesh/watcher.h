@@ -20,6 +20,7 @@ namespace kesh_lab
 class watcher final : public kesh::observer
 {
 public:
+  std::span<const kesh::config_key> config_keys() const override;
   bool begin(kesh::service &host, std::string &error) override;
   kesh::operation_table operations(kesh::service &host) override;
   void noted(std::string_view event, const std::string &detail) override;

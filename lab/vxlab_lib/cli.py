@@ -1,11 +1,13 @@
 """The command line of vxlab."""
 
 import argparse
+import difflib
 import os
+import re
 import signal
 import sys
 
-from . import errors
+from . import errors, version
 from .commands import COMMANDS
 
 DESCRIPTION = """\
@@ -25,9 +27,23 @@ exit codes: 0 good, 1 a promise of the cluster does not hold, 2 wrong usage, 4 n
 5 refused or failed (the message says what to do), 130 interrupted"""
 
 
+class Parser(argparse.ArgumentParser):
+    """Tells which command may have been meant."""
+
+    names = ()
+
+    def error(self, message):
+        unknown = re.match(r"argument COMMAND: invalid choice: '(.*)' \(", message)
+        if unknown:
+            near = difflib.get_close_matches(unknown[1], self.names, 1)
+            message = f"unknown command {unknown[1]}" + (f"; did you mean {near[0]}?" if near else "")
+        super().error(message)
+
+
 def build_parser():
-    parser = argparse.ArgumentParser(prog="vxlab", description=DESCRIPTION, epilog=EPILOG,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = Parser(prog="vxlab", description=DESCRIPTION, epilog=EPILOG,
+                    formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--version", action="version", version=version.text("vxlab"))
     parser.add_argument("--dir", default=os.environ.get("VXLAB_DIR", ".vxlab"), metavar="DIR",
                         help="run directory (default: ./.vxlab, or $VXLAB_DIR)")
     parser.add_argument("--bin", metavar="DIR", help="build tree with kesh and vx-node-view (default: $VXLAB_BIN, or "
@@ -35,6 +51,7 @@ def build_parser():
     subparsers = parser.add_subparsers(metavar="COMMAND", required=True)
     for command in COMMANDS:
         command(subparsers)
+    parser.names = tuple(subparsers.choices)
     return parser
 
 

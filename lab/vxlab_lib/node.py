@@ -71,7 +71,7 @@ class Node:
         os.makedirs(self.path("run"))
         with open(self.path("kesh.conf"), "w", encoding="utf-8") as file:
             file.write(programs.config_text(self.id, self.log_path, settings))
-        self._is_durable = settings.get(programs.DURABLE_KEY, "yes") == "yes"
+        self._is_durable = settings.get(programs.DURABLE_KEY, "yes") in programs.YES
         self.write_state("BACKUP")
         self.configure(node_count)
 

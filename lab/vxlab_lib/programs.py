@@ -7,6 +7,7 @@ from .errors import LabError, UsageError
 
 COMMAND_TIMEOUT_S = 60.0
 DURABLE_KEY = "cluster.durable_payloads"
+YES = ("yes", "true", "on", "1")  # as kesh.conf(5) says
 DURABLE = {True: {DURABLE_KEY: "yes"}, False: {DURABLE_KEY: "no"}}  # keys of every node; kesh configure writes yes
 
 CONFIG = """\

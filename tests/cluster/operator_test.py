@@ -219,6 +219,15 @@ class Operator(Scenario):
                                   capture_output=True, text=True, check=False, timeout=10)
             self.assertEqual(done.returncode, BAD_CONFIG, name)
             self.assertRegex(done.stderr, f"{name}.*{why}")
+        with open(one.path("bad"), "w", encoding="ascii") as file:
+            file.write("kesh.strat = yes\nkesh.start = perhaps\nkesh.store = x\nmessaging.keys = /none\n")
+        for subcommand in ("run", "check"):
+            done = subprocess.run(one.view(one.kesh("run")[0], subcommand, "--config", one.path("bad")), cwd=one.dir,
+                                  capture_output=True, text=True, check=False, timeout=10)
+            self.assertEqual(done.returncode, BAD_CONFIG, subcommand)
+            for told in ("bad:1: unknown key kesh.strat; did you mean kesh.start?", 'bad:2: kesh.start: "perhaps" is not',
+                         'bad:3: kesh.store: "x" is not', "bad:4: messaging.keys: /none: "):
+                self.assertEqual(done.stderr.count(told), 1, f"{subcommand}: {told}\n{done.stderr}")
         with open(one.path("run", "kesh.sock"), "wb") as file:
             file.write(b"somebody's")
         self.assertEqual((one.spawn(), one.await_end())[1], BAD_CONFIG)

@@ -3,37 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 
 #include "bytes.h"
+#include "config/keys.h"
 #include "items/chain_hash.h"
 
 namespace kesh
 {
-
-namespace
-{
-
-constexpr size_t NAME_MAX_BYTES = 64;
-
-bool is_name_letter(char letter)
-{
-  return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '.' || letter == '_' || letter == '-';
-}
-
-/// Six two-digit hexadecimal numbers with colons.
-bool is_mac(const std::string &text)
-{
-  constexpr size_t LENGTH = 17;
-  bool good = text.size() == LENGTH;
-  for (size_t i = 0; good && i < LENGTH; ++i) {
-    good = i % 3 == 2 ? text[i] == ':' : std::isxdigit(static_cast<unsigned char>(text[i])) != 0;
-  }
-  return good;
-}
-
-}  // namespace
 
 std::vector<std::string> cluster_macs(const std::string &name, uint64_t generation, uint32_t count)
 {
@@ -55,18 +32,14 @@ std::vector<std::string> cluster_macs(const std::string &name, uint64_t generati
 
 std::string cluster_name_fault(const std::string &name)
 {
-  if (name.empty() || name.size() > NAME_MAX_BYTES || !std::all_of(name.begin(), name.end(), is_name_letter)) {
-    return "\"" + name + "\" is no name of a cluster: 1 to " + std::to_string(NAME_MAX_BYTES) +
-           " letters, digits and . _ -";
-  }
-  return {};
+  return config_fault(kesh_key("cluster.name"), name);
 }
 
 std::string macs_fault(const std::vector<std::string> &macs, uint32_t count)
 {
   for (const std::string &mac : macs) {
-    if (!is_mac(mac) || mac == "00:00:00:00:00:00") {
-      return mac + ": six two-digit hexadecimal numbers with colons are needed, not all 0";
+    if (std::string fault = config_fault(kesh_key("cluster.node[].mac"), mac); !fault.empty()) {
+      return fault;
     }
     if (std::count(macs.begin(), macs.end(), mac) > 1) {
       return mac + " is given twice";
@@ -83,7 +56,12 @@ std::string trial_cluster_name()
   gethostname(host, sizeof host - 1);
   std::string name = "trial-" + std::string(host);
   std::replace_if(
-      name.begin(), name.end(), [](char letter) { return !is_name_letter(letter); }, '-');
+      name.begin(), name.end(),
+      [](char letter) {
+        return !is_cluster_name({&letter, 1});
+      },
+      '-');
+  constexpr size_t NAME_MAX_BYTES = 64;
   return name.substr(0, NAME_MAX_BYTES);
 }
 

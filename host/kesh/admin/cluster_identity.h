@@ -14,7 +14,7 @@ namespace kesh
 /// quorum of another count.
 std::vector<std::string> cluster_macs(const std::string &name, uint64_t generation, uint32_t count);
 
-/// Why it is no name: empty, too long, or other characters than letters, digits and . _ -. Empty: it is one.
+/// Why it is no name that the key cluster.name takes. Empty: it is one.
 std::string cluster_name_fault(const std::string &name);
 /// Why these cannot be the addresses of `count` nodes; empty: they can.
 std::string macs_fault(const std::vector<std::string> &macs, uint32_t count);

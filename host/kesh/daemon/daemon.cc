@@ -11,14 +11,16 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <string>
+#include <vector>
 
+#include "config/check.h"
 #include "control/server.h"
 #include "daemon/key_file.h"
 #include "daemon/operations.h"
 #include "daemon/service.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
-#include "known_keys.h"
 #include "platform.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -167,6 +169,28 @@ int run_service(const settings &configured, int signal_fd, observer &watch)
   return code;
 }
 
+/// Tells all faults of the configuration, in the log where that can be opened.
+int open_configuration(const std::string &config_path, bool log_to_stderr, observer &watch)
+{
+  const std::vector<std::string> faults = config_faults(config_path, watch.config_keys());
+  std::string error;
+  bool is_open = platform::config_load(config_path, error);
+  if (is_open && log_to_stderr) {
+    vx_cfg_set(nullptr, "log.file");
+  }
+  is_open = is_open && platform::log_open(error);
+  if (!is_open) {
+    vx_cfg_set(nullptr, "log.file");  // the log is stderr, where nothing has to be told twice
+  }
+  for (const std::string &fault : faults) {
+    fail(EXIT_CONFIG, fault);
+  }
+  if (!faults.empty()) {
+    return EXIT_CONFIG;
+  }
+  return is_open ? EXIT_OK : fail(EXIT_CONFIG, error);
+}
+
 int run_daemon(const std::string &config_path, bool log_to_stderr, observer &watch)
 {
   std::string error;
@@ -175,18 +199,14 @@ int run_daemon(const std::string &config_path, bool log_to_stderr, observer &wat
   if (!signals) {
     return fail(EXIT_RUNTIME, std::string("signalfd: ") + strerror(errno));
   }
-  if (!platform::config_load(config_path, error)) {
-    return fail(EXIT_CONFIG, error);
+  if (const int code = open_configuration(config_path, log_to_stderr, watch); code != EXIT_OK) {
+    return code;
   }
-  if (log_to_stderr) {
-    vx_cfg_set(nullptr, "log.file");
-  }
-  if (!platform::log_open(error) || !settings_read(configured, error)) {
+  if (!settings_read(configured, error)) {
     return fail(EXIT_CONFIG, error);
   }
   log_line(log_level::info, "kesh: starting, build " + std::to_string(vx_firmware_dova_build_nr) + ", process " +
                                 std::to_string(getpid()));
-  warn_of_unknown_keys(config_path);
   try {
     return run_service(configured, signals.get(), watch);
   } catch (const std::exception &failure) {

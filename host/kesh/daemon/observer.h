@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "config/keys.h"
 #include "control/operations.h"
 #include "items/payload.h"
 #include "store/store.h"
@@ -26,6 +28,8 @@ public:
   observer(const observer &) = delete;
   observer &operator=(const observer &) = delete;
 
+  /// Keys of the configuration that are known beside those of config/keys.h.
+  virtual std::span<const config_key> config_keys() const { return {}; }
   /// The configuration is read, and no other thread runs. False: the daemon must not run, `error` says why.
   virtual bool begin(service &, std::string & /*error*/) { return true; }
   /// Further operations of the control socket.

@@ -4,7 +4,7 @@ import argparse
 import json
 import sys
 
-from .. import errors
+from .. import errors, version
 from . import report
 from .evidence import CouldNotRun
 from .judge import check
@@ -23,6 +23,7 @@ def main(arguments):
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("directory", metavar="DIR", help="directory with run.json (or lab.json) and node1/ ...")
     parser.add_argument("--json", action="store_true", help="print everything as one JSON object")
+    parser.add_argument("--version", action="version", version=version.text("vx-check"))
     options = parser.parse_args(arguments)
     try:
         result = check(options.directory.rstrip("/") or "/")

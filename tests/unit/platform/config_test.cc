@@ -1,3 +1,4 @@
+#include "config_key.h"
 #include "platform.h"
 #include "scratch.h"
 #include "vx_host.h"
@@ -86,7 +87,7 @@ TEST(config, errors_name_line_key_and_reason)
   const scratch dir;
   EXPECT_EQ(error_of(dir, "a = 1\n\nkey value\n"), ":3: key: no '='");
   EXPECT_EQ(error_of(dir, "# c\n = 1\n"), ":2: no key in front of '='");
-  EXPECT_EQ(error_of(dir, "a b = 1\n"), ":1: a b: a key consists of letters, digits and . _ - [ ]");
+  EXPECT_EQ(error_of(dir, "a b = 1\n"), ":1: \"a b\": a key consists of letters, digits and . _ - [ ]");
   EXPECT_EQ(error_of(dir, "a = 1\nb = 1\na = 2\n"), ":3: a: set already in line 1");
   EXPECT_EQ(error_of(dir, "a = \"\\q\"\n"), ":1: a: bad escape; known are \\\\ \\\" \\n \\r \\t \\xHH");
   EXPECT_EQ(error_of(dir, "a = \"\\x1\"\n"), ":1: a: \\x needs two hexadecimal digits");
@@ -104,21 +105,74 @@ TEST(config, errors_name_line_key_and_reason)
   EXPECT_EQ(error, dir.path("fifo") + ": not a regular file");
 }
 
+// Files from other systems and other editors either mean what they seem to mean or are refused.
+TEST(config, files_of_other_editors_are_read_or_refused)
+{
+  const scratch dir;
+  std::string error;
+  const std::string long_value(100'000, 'x');
+  const std::string path = dir.write("odd.conf", "\xef\xbb\xbf# mark\r\na = 1 \t\r\nb = \"2 \" \r\nc = " + long_value +
+                                                     "\r\nd =\t4\t# four\r\ne = x\ty");
+  ASSERT_TRUE(platform::config_load(path, error)) << error;
+  const std::pair<const char *, std::string> expected[] = {
+      {"a", "1"}, {"b", "2 "}, {"c", long_value}, {"d", "4"}, {"e", "x\ty"}};
+  for (const auto &[key, value] : expected) {
+    EXPECT_EQ(value_of(key), value);
+  }
+  ASSERT_TRUE(platform::config_load(dir.write("mark.conf", "\xef\xbb\xbfkey = 1\n"), error)) << error;
+  EXPECT_EQ(value_of("key"), "1");
+
+  EXPECT_EQ(error_of(dir, "a = 1\rb = 2\r"),
+            ":1: a: a control character stands in the value; in quotes it may be written as \\xHH");
+  EXPECT_EQ(error_of(dir, "# c\n\xef\xbb\xbfkey = 1\n"),
+            ":2: \"\\xef\\xbb\\xbfkey\": a key consists of letters, digits and . _ - [ ]");
+  EXPECT_EQ(error_of(dir, std::string("\xff\xfek\0=\0", 6)), ": written in UTF-16; save it as UTF-8");
+  EXPECT_EQ(error_of(dir, "a = " + std::string(1 << 20, 'x')), ": larger than 1 MiB, which is no configuration");
+}
+
+// One word for yes must not mean no to the library and yes to the daemon.
+TEST(config, a_toggle_has_the_same_words_everywhere)
+{
+  const scratch dir;
+  constexpr platform::config_key TOGGLE = {.name = "t", .kind = platform::config_kind::toggle, .fallback = "yes"};
+  const std::pair<const char *, int> cases[] = {
+      {"yes", 1}, {"true", 1}, {"on", 1},   {"1", 1}, {"no", 0},    {"false", 0}, {"off", 0}, {"0", 0},      {"Yes", 2},
+      {"y", 2},   {"", 2},     {"yes,", 2}, {"2", 2}, {"on, 1", 2}, {"01", 2},    {"no ", 0}, {"enabled", 2}};
+  for (const auto &[word, meaning] : cases) {
+    std::string error;
+    const std::string path = dir.write("t.conf", std::string("t = ") + word + "\n");
+    ASSERT_TRUE(platform::config_load(path, error)) << error;
+    int told_library = 2;
+    bool told_host = false;
+    EXPECT_EQ(vx_cfg_is_enabled(&told_library, "t") == 0, meaning != 2) << word;
+    EXPECT_EQ(told_library, meaning) << word;
+    EXPECT_EQ(platform::config_toggle(TOGGLE, told_host, error), meaning != 2) << word;
+    EXPECT_EQ(told_host, meaning == 1) << word;
+    if (meaning == 2) {
+      EXPECT_EQ(error, path + ":1: t: \"" + word + "\" is not one of yes, true, on, 1, no, false, off, 0");
+    }
+  }
+}
+
 TEST(config, numbers_are_read_whole_and_within_their_range)
 {
   const scratch dir;
   std::string error;
   const std::string path = dir.write("node.conf", "n = 17\nbad = 1x\nhuge = 4294967296\nminus = -1\non = yes\n");
   ASSERT_TRUE(platform::config_load(path, error));
+  using platform::config_key;
+  constexpr auto NUMBER = platform::config_kind::number;
   int64_t number = 0;
-  EXPECT_TRUE(platform::config_number("n", 1, 17, 0, number, error));
+  EXPECT_TRUE(platform::config_number(config_key{.name = "n", .kind = NUMBER, .low = 1, .high = 17}, number, error));
   EXPECT_EQ(number, 17);
-  EXPECT_TRUE(platform::config_number("unset", 1, 16, 5, number, error));
+  EXPECT_TRUE(
+      platform::config_number(config_key{.name = "unset", .kind = NUMBER, .fallback = "5", .high = 16}, number, error));
   EXPECT_EQ(number, 5);
-  EXPECT_FALSE(platform::config_number("n", 1, 16, 0, number, error));
-  EXPECT_EQ(error, path + ":1: n: 17 is not within 1 and 16");
-  EXPECT_FALSE(platform::config_number("bad", 1, 16, 0, number, error));
-  EXPECT_EQ(error, path + ":2: bad: \"1x\" is not a whole number");
+  EXPECT_FALSE(platform::config_number(config_key{.name = "n", .kind = NUMBER, .low = 1, .high = 16}, number, error));
+  EXPECT_EQ(error, path + ":1: n: \"17\" is not a whole number from 1 to 16");
+  EXPECT_FALSE(platform::config_number(config_key{.name = "bad", .kind = NUMBER, .unit = "bytes", .low = 1, .high = 16},
+                                       number, error));
+  EXPECT_EQ(error, path + ":2: bad: \"1x\" is not a whole number of bytes from 1 to 16");
 
   uint32_t value = 99;
   int32_t signed_value = 99;

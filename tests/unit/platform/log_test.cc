@@ -172,5 +172,5 @@ TEST(log, a_bad_level_is_refused_with_its_place)
   const std::string path = dir.write("conf", "\nlog.level = loud\n");
   ASSERT_TRUE(platform::config_load(path, error));
   EXPECT_FALSE(platform::log_open(error));
-  EXPECT_EQ(error, path + ":2: log.level: \"loud\" is none of debug, info, warning, error");
+  EXPECT_EQ(error, path + ":2: log.level: \"loud\" is not one of debug, info, warning, error");
 }

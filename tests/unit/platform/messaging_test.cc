@@ -367,13 +367,13 @@ TEST(messaging, bad_settings_are_refused_with_their_place)
     const char *error;
   } cases[] = {
       {"a = 1\n", ": cluster.node_id: not set"},
-      {"cluster.node_id = 17\n", ":1: cluster.node_id: 17 is not within 1 and 16"},
+      {"cluster.node_id = 17\n", ":1: cluster.node_id: \"17\" is not a whole number from 1 to 16"},
       {"cluster.node_id = 1\nmessaging.node[2].address = 127.1.0.1\n",
        ":2: messaging.node[2].address: 127.1.0.1 is the address of node 1"},
       {"cluster.node_id = 1\nmessaging.node[2].address = 224.0.0.1\n",
        ":2: messaging.node[2].address: \"224.0.0.1\" is not the IPv4 address of a node"},
       {"cluster.node_id = 1\nmessaging.interface = nope\n",
-       ":2: messaging.interface: \"nope\" is neither an interface nor an address"},
+       ":2: messaging.interface: \"nope\" is not an IPv4 address, or an interface of this machine"},
   };
   for (const auto &c : cases) {
     messaging_settings settings;
