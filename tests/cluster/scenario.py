@@ -35,7 +35,11 @@ class Scenario(unittest.TestCase):
         self.addCleanup(self.show_logs_of_failure)
         self.submissions = []
         self.cluster.create(self.nodes, self.settings)
+        self.before_start()
         self.cluster.start_all(master=1)
+
+    def before_start(self):
+        """For what has to be there before the first node runs."""
 
     def show_logs_of_failure(self):
         outcome = self._outcome.result
