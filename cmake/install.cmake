@@ -67,7 +67,8 @@ endif()
 install(TARGETS ${lab_programs} vx_disk_faults vx_clock_shift
         RUNTIME DESTINATION ${VX_PROGRAM_DIR} LIBRARY DESTINATION ${VX_PROGRAM_DIR})
 install(PROGRAMS lab/vxlab lab/vx-check DESTINATION ${VX_LAB_DIR})
-install(DIRECTORY lab/vxlab_lib DESTINATION ${VX_LAB_DIR} FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
+install(DIRECTORY lab/vxlab_lib DESTINATION ${VX_LAB_DIR} FILES_MATCHING PATTERN "*.py"
+        PATTERN "*.html" PATTERN "*.css" PATTERN __pycache__ EXCLUDE)
 install(DIRECTORY lab/wireshark DESTINATION ${VX_LAB_DIR} FILES_MATCHING PATTERN "*.lua")
 vx_install_link(${VX_LAB_DIR} programs ${VX_PROGRAM_DIR})
 vx_install_link(${CMAKE_INSTALL_BINDIR} vxlab ${VX_LAB_DIR}/vxlab)

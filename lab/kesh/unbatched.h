@@ -1,4 +1,5 @@
-/// Payloads of one item that go to the library one by one, past the batches and the clients: what a line costs at least.
+/// Payloads of one item that go to the library one by one, past the batches and the clients: what a line costs at
+/// least.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

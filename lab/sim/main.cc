@@ -122,8 +122,7 @@ void print_line(const seed_result &one)
       static_cast<unsigned long long>(one.result.acknowledged), static_cast<unsigned long long>(one.result.lost),
       one.result.faults_done, static_cast<double>(one.result.virtual_us) / 1e6,
       static_cast<unsigned long long>(one.result.steps), static_cast<unsigned long long>(one.result.hand_overs),
-      static_cast<unsigned long long>(one.result.memory >> 10),
-      static_cast<unsigned long long>(one.result.hash));
+      static_cast<unsigned long long>(one.result.memory >> 10), static_cast<unsigned long long>(one.result.hash));
 }
 
 int run_campaign(const command_line &given, const std::vector<std::string> &names, const sim::library_image &image,

@@ -50,7 +50,7 @@ struct node_run : process {
   uint64_t last_message = 0;
   std::map<int, open_file> files;
   int last_file = 100;
-  uint32_t open_calls = 0;  ///< of vx_cons_distribute
+  uint32_t open_calls = 0;                          ///< of vx_cons_distribute
   std::unordered_map<const void *, size_t> blocks;  ///< memory that the library has allocated
   uint64_t block_bytes = 0;                         ///< the sum of it
 

@@ -11,9 +11,10 @@ import subprocess
 import urllib.error
 import urllib.request
 from contextlib import ExitStack
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 from .chaos.build import find_program
+from .durable_save import measure_save_us
 from .errors import LabError
 from .waiting import wait_until
 
@@ -46,6 +47,14 @@ class Cell:
         return [self.system, self.at, self.clients, f"{self.per_s:.0f}", f"{self.p50_us / 1000:.2f}",
                 f"{self.p99_us / 1000:.2f}", f"{self.p99_us / max(1, self.p50_us):.1f}", self.failed,
                 f"{self.memory_kb / 1024:.0f}"]
+
+
+@dataclass
+class Found:
+    save_ms: float  # one durable save, before any load
+    cells: list = field(default_factory=list)
+    etcd_version: str | None = None
+    missing: list = field(default_factory=list)  # why a system was not measured
 
 
 def resident_kb(pids):
@@ -172,15 +181,16 @@ def leads(port):
 
 
 def measure(cluster, counts, seconds, progress):
-    """Returns (cells, etcd's version, [what is missing])."""
+    """Returns what it Found."""
     progress.say(f"{NODES} nodes of kesh come up, and {NODES} of etcd if it is installed")
     cluster.create(NODES, SETTINGS)
-    systems, missing, cells = [], [], []
+    found = Found(measure_save_us([cluster.node(LEADER).dir]) / 1000)
+    systems = []
     etcd = Etcd(cluster)
     with ExitStack() as running:
         for system in (Kesh(cluster), etcd):
             if why := system.missing():
-                missing.append(f"{system.name}: {why}")
+                found.missing.append(f"{system.name}: {why}")
                 continue
             running.callback(system.stop)
             system.start()
@@ -188,33 +198,34 @@ def measure(cluster, counts, seconds, progress):
         for at, clients, system in itertools.product(PLACES, counts, systems):
             progress.update(f"{system.name}: {clients} clients at {at}")
             run_clients(system.program, system.targets(at), clients, WARM_UP_S, cluster.dir.path)
-            found = run_clients(system.program, system.targets(at), clients, seconds, cluster.dir.path)
-            cells.append(Cell(system.name, at, clients, found["per_s"], found["p50_us"], found["p99_us"],
-                              found["failed"], resident_kb(system.pids())))
+            told = run_clients(system.program, system.targets(at), clients, seconds, cluster.dir.path)
+            found.cells.append(Cell(system.name, at, clients, told["per_s"], told["p50_us"], told["p99_us"],
+                                    told["failed"], resident_kb(system.pids())))
         if 1 in counts and systems and systems[0].name == Kesh.name:
             progress.update("a line in a payload of its own")
-            found = cluster.node(LEADER).control.unbatched(seconds, LINE_BYTES)
-            cells.append(Cell(UNBATCHED, "leader", 1, found["per_s"], found["p50_us"], found["p99_us"], found["failed"],
-                              resident_kb(systems[0].pids())))
-    return cells, etcd.version, missing
+            told = cluster.node(LEADER).control.unbatched(seconds, LINE_BYTES)
+            found.cells.append(Cell(UNBATCHED, "leader", 1, told["per_s"], told["p50_us"], told["p99_us"],
+                                    told["failed"], resident_kb(systems[0].pids())))
+    found.etcd_version = etcd.version
+    return found
 
 
-def print_cells(cells, version, missing, stream):
-    table = [COLUMNS] + [[str(cell) for cell in one.row()] for one in cells]
+def print_found(found, stream):
+    table = [COLUMNS] + [[str(cell) for cell in one.row()] for one in found.cells]
     widths = [max(len(line[i]) for line in table) for i in range(len(COLUMNS))]
     for line in table:
         print("  ".join(text.rjust(width) for text, width in zip(line, widths)), file=stream)
-    rates = {(one.system, one.at, one.clients): one.per_s for one in cells}
+    rates = {(one.system, one.at, one.clients): one.per_s for one in found.cells}
     for (system, at, clients), per_s in rates.items():
         other = rates.get(("etcd", at, clients))
         if system == "kesh" and other:
             print(f"{clients} clients at {at}: kesh {per_s:.0f}/s, etcd {other:.0f}/s, ratio {per_s / other:.2f}", file=stream)
-    medians = {(one.system, one.at, one.clients): one.p50_us for one in cells}
+    medians = {(one.system, one.at, one.clients): one.p50_us for one in found.cells}
     alone, unbatched = (medians.get((system, "leader", 1)) for system in (Kesh.name, UNBATCHED))
     if alone and unbatched:
         print(f"one client at the leader: median {alone / 1000:.2f} ms, {alone / unbatched:.2f} times that of a payload of "
               f"its own, {unbatched / 1000:.2f} ms, whose call returns later than its hook", file=stream)
     print(f"lines and values of {LINE_BYTES} bytes; {NODES} nodes each, all on this machine and disk; "
-          f"etcd {version or 'was not measured'}", file=stream)
-    for what in missing:
+          f"etcd {found.etcd_version or 'was not measured'}; one durable save took {found.save_ms:.2f} ms", file=stream)
+    for what in found.missing:
         print(f"missing: {what}", file=stream)

@@ -10,6 +10,7 @@ from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
 from .errors import EXIT_OK, LabError, NoLabError, UsageError
 from .progress import Progress
+from .report import needs
 
 
 def lab(options):
@@ -181,29 +182,40 @@ def execute(subparsers):
 
 def run_demo(subparsers):
     def run(options):
+        needs.demand(options.report)
         progress = Progress()
         path = demo.text_file(options.file)
         with Cluster(options.dir, options.bin) as cluster:
-            rows = demo.Demo(cluster, progress).run(path, options.lines)
+            show = demo.Demo(cluster, progress)
+            rows = show.run(path, options.lines)
         progress.say("all journals are equal")
         print()
         demo.print_summary(rows, sys.stdout)
         print(f"\nThe journals are in {cluster.dir.path}/node*/flashdisk/kesh.store.")
+        if options.report:
+            from .report import demo_page, machine, page  # the packages that they need may be missing
+
+            measured_on = machine.describe(cluster.dir.path, cluster.programs.build_dir)
+            text = demo_page.demo_page(rows, show.timeline(), measured_on)
+            print(f"What happened, to look at: {page.write(options.report, 'demo.html', text)}")
 
     parser = add(subparsers, "demo", "three nodes order a real text, lose their leader and take it back", run)
     parser.add_argument("file", nargs="?", metavar="FILE", help="text to take (default: one that Debian ships)")
     parser.add_argument("--lines", type=int, metavar="N",
                         help="take N lines (default: as many as this disk does in a minute)")
+    needs.add_option(parser, "demo.html")
 
 
 def run_bench(subparsers):
     def run(options):
+        needs.demand(options.report)
         progress = Progress()
         if options.clients:
             with Cluster(options.dir, options.bin) as cluster:
                 found = bench_clients.measure(cluster, options.clients, round(options.seconds), progress)
             progress.close()
-            return bench_clients.print_cells(*found, sys.stdout)
+            bench_clients.print_found(found, sys.stdout)
+            return write_bench_report(options, cluster, clients=found)
         plan = bench.Plan(options.nodes, options.roles, options.sizes, options.submitters, options.seconds,
                           options.durable)
         with Cluster(options.dir, options.bin) as cluster:
@@ -213,6 +225,7 @@ def run_bench(subparsers):
         path = options.csv or cluster.dir.file("bench.csv")
         bench.write_csv(rows, path)
         print(f"written to {path}")
+        write_bench_report(options, cluster, rows=rows, idle=idle, roll_overs=roll_overs)
 
     parser = add(subparsers, "bench", "measure submissions against the cost of a durable save", run)
     numbers = {"type": number_list, "metavar": "LIST"}
@@ -228,6 +241,16 @@ def run_bench(subparsers):
                         "a new log costs")
     parser.add_argument("--seconds", type=float, default=3.0, help="about so long for each combination (default 3)")
     parser.add_argument("--csv", metavar="FILE", help="where the figures go (default: bench.csv in the run directory)")
+    needs.add_option(parser, "bench.html")
+
+
+def write_bench_report(options, cluster, **figures):
+    if options.report:
+        from .report import bench_page, machine, page  # the packages that they need may be missing
+
+        measured_on = machine.describe(cluster.dir.path, cluster.programs.build_dir)
+        text = bench_page.bench_page(bench_page.Figures(**figures), measured_on)
+        print(f"report: {page.write(options.report, 'bench.html', text)}")
 
 
 def number_list(text):

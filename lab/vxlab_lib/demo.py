@@ -9,6 +9,7 @@ from . import checker, programs
 from .durable_save import measure_save_us, percentile
 from .errors import CheckFailed, LabError
 from .progress import bar
+from .report.story import Story
 from .waiting import wait_until
 
 NODES = 3
@@ -47,6 +48,7 @@ class Demo:
         self._progress = progress
         self._log_starts = set()  # number of the first decision of each log seen
         self._submissions = []
+        self._story = Story()
 
     def run(self, path, lines_max=None):
         """Returns the summary, [(what, value)]. Raises LabError if a promise does not hold."""
@@ -57,6 +59,9 @@ class Demo:
         affordable = int(SUBMIT_BUDGET_S * 1e6 / (SAVES_PER_PAYLOAD * save_us))
         self._lines = lines[: lines_max or min(LINES_MAX, WINDOW * max(PAYLOADS_MIN, affordable))]
         self._window = max(1, min(WINDOW, len(self._lines) // PAYLOADS_MIN))
+        for node in self._cluster.nodes:
+            self._story.up(node)
+        self._story.leads(1)
         self._cluster.start_all(master=1)
         self._progress.say("the cluster is up, node 1 is MASTER")
         self._exchange_messages()
@@ -69,10 +74,16 @@ class Demo:
         self._await_share(2)
         catch_up_s = self._take_back()
         self._finish_submissions()
+        self._story.over()
         duration_s = max(entry.at for part in self._submissions for entry in part.acknowledged.values()) - start
         self._progress.say("every line is acknowledged; now the journals are compared")
         journals = self._check()
         return self._summary(journals, duration_s, gap_s, catch_up_s, save_us)
+
+    def timeline(self):
+        """Returns what happened, after `run`."""
+        return self._story.timeline([(entry.at, entry.latency_us / 1000, part.node.id) for part in self._submissions
+                                     for entry in part.acknowledged.values()])
 
     def _submit(self, node, lines):
         self._submissions.append(self._cluster.submit(node, lines, self._window))
@@ -99,6 +110,7 @@ class Demo:
         number, entries = self._cluster.last_decision(2)
         if entries:
             self._log_starts.add(number - entries + 1)
+        self._story.look(self._cluster.last_decision)
         masters = ",".join(str(node) for node in self._cluster.masters())
         self._progress.update(f"{bar(self._acknowledged_count(), len(self._lines))} lines acknowledged, "
                               f"MASTER: node {masters}, decision {number}, log {len(self._log_starts)}")
@@ -120,7 +132,11 @@ class Demo:
         log_size = os.path.getsize(self._cluster.node(2).log_path)
         killed_at = time.monotonic()
         self._cluster.kill(1)
+        self._story.down(1)
+        self._story.begins("leader killed", "kill -9 of node 1")
+        self._story.begins("nothing acknowledged", "from the kill to the first line that the new leader ordered")
         self._cluster.set_master(2)
+        self._story.leads(2)
         self._progress.say(f"a third is through: the leader, node 1, was killed (-9) with "
                            f"{self._acknowledged_count()} lines acknowledged; node 2 becomes MASTER")
         # A line acknowledged before node 2 leads was decided by the old leader.
@@ -133,6 +149,7 @@ class Demo:
                     if entry.at > leads_at]
 
         first = min(wait_until(acknowledged_since, 60.0, "a line is acknowledged under the new leader"))
+        self._story.ends("nothing acknowledged", first)
         self._progress.say(f"node 2 leads: next line acknowledged {first - killed_at:.2f} s after the kill")
         return first - killed_at
 
@@ -148,6 +165,9 @@ class Demo:
         had = self._cluster.node(1).journal().count
         self._progress.say(f"two thirds are through: node 1 starts again with {had} lines, the cluster has {wanted}")
         start = time.monotonic()
+        self._story.ends("leader killed")
+        self._story.up(1)
+        self._story.begins("catches up", "node 1 fetches what was ordered without it")
         self._cluster.start(1)
 
         def is_level():
@@ -155,6 +175,7 @@ class Demo:
             return self._cluster.status(1)["journal"]["lines"] >= wanted
 
         wait_until(is_level, 60.0, f"node 1 catches up with line {wanted}")
+        self._story.ends("catches up")
         catch_up_s = time.monotonic() - start
         self._submit_rest(self._submissions[0])
         return catch_up_s

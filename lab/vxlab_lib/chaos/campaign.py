@@ -29,6 +29,7 @@ class Campaign:
         self.violated = []
         self.not_run = []
         self.seeds = []
+        self._report = None
 
     def run(self):
         """Returns the exit code: violated takes precedence over could not run, and that over held."""
@@ -37,6 +38,10 @@ class Campaign:
         os.makedirs(evidence_root, exist_ok=True)
         private_space.enter(WORK_SIZE)
         self._build.pin_library(private_space.WORK_ROOT)
+        if options.report:
+            from ..report.campaign_report import CampaignReport  # the packages that it needs may be missing
+
+            self._report = CampaignReport(options.report, self._build.directory)
         for number in (signal.SIGINT, signal.SIGTERM):  # a shell may have started this in the background
             signal.signal(number, signal.default_int_handler)
         begun = time.monotonic()
@@ -73,6 +78,8 @@ class Campaign:
             kept = self._keep(episode, evidence)
             self.not_run.append(seed)
             self._progress.say(f"seed {seed}: could not run: {error}; {kept}")
+            if self._report:
+                self._report.add_not_run(plan, str(error), self._again(plan))
             return
         except BaseException:
             shutil.rmtree(work_dir, ignore_errors=True)
@@ -95,6 +102,8 @@ class Campaign:
         if outcome.verdict != "held":
             self._progress.say(f"  {outcome.reason}")
             self._progress.say(f"  again: {self._again(plan)}")
+        if self._report:
+            self._report.add(plan, outcome, self._again(plan))
         shutil.rmtree(work_dir, ignore_errors=True)
 
     def _keep(self, episode, evidence):
@@ -130,3 +139,5 @@ class Campaign:
             print(f"violated by seed {seed}: {reason}")
         for seed in self.not_run:
             print(f"could not run: seed {seed}")
+        if self._report:
+            print(f"report: {self._report.write(COLUMNS, self.row())}")

@@ -4,6 +4,7 @@ import argparse
 
 from ..errors import UsageError
 from ..progress import Progress
+from ..report import needs
 from .faults import FAULTS
 
 HELP = "seeded faults on a whole cluster under load, then healing, then a judgement of every promise"
@@ -42,6 +43,7 @@ def add_command(subparsers):
 
         if options.list:
             return list_faults()
+        needs.demand(options.report)
         options.faults = parse_faults(options.faults)
         if options.replay is not None:
             options.seed, options.episodes = options.replay, 1
@@ -61,5 +63,6 @@ def add_command(subparsers):
     parser.add_argument("--first", action="store_true", help="end with the first broken promise")
     parser.add_argument("--keep", metavar="DIR", help="keep all evidence, there (default: only of broken promises, in "
                         "chaos/ of the run directory)")
+    needs.add_option(parser, "chaos.html")
     parser.add_argument("--library", metavar="FILE", help="another libvx_cons.so.1 than that of the build tree")
     parser.add_argument("--list", action="store_true", help="tell what the faults are")

@@ -7,7 +7,7 @@ import threading
 import time
 from dataclasses import dataclass, field
 
-from ..checker import check, sanitizer_word
+from ..checker import judge, read, sanitizer_word
 from ..errors import LabError
 from ..waiting import wait_until
 from .arena import Arena
@@ -33,6 +33,7 @@ class Outcome:
     evidence: str = None  # directory in which it was kept
     seconds: float = 0.0
     figures: dict = field(default_factory=dict)
+    seen: object = None  # the checker's Episode
     result: object = None  # the checker's Result
 
 
@@ -266,7 +267,8 @@ class Episode:
     def _judge(self, outcome):
         self.progress("checking")
         outcome.figures.update(count_calls(self.evidence, self.plan.nodes))
-        outcome.result = result = check(self.evidence)
+        outcome.seen = read(self.evidence)
+        outcome.result = result = judge(outcome.seen)
         outcome.verdict = result.verdict
         if result.first:
             outcome.reason = f"{result.first.invariant}: {result.first.text}"

@@ -34,7 +34,7 @@ class Tracks:
     def _run(self, index, track):
         stage = self._stage
         begun = self._begun
-        for step in track["steps"]:
+        for number, step in enumerate(track["steps"]):
             if not stage.pause(begun + step["at"] - time.monotonic()):
                 return
             if "log" in step:
@@ -44,6 +44,7 @@ class Tracks:
                 if stage.over.is_set():
                     return
                 stage.events.add("at-log", fault=track["fault"], entries=found)
+            stage.events.add("step", track=index, number=number, step=step)
             try:
                 ACTIONS[step["do"]](stage, index, step)
             except LabError as error:
@@ -53,6 +54,8 @@ class Tracks:
                 self.error = error
                 stage.events.add("step-broken", fault=track["fault"], do=step["do"], error=repr(error))
                 return
+            finally:
+                stage.events.add("step-end", track=index, number=number)
 
 
 def undo_all(stage):

@@ -8,9 +8,10 @@
 
 from .findings import Finding, Result
 from .invariants_process import sanitizer_word
-from .judge import CouldNotRun, check, check_journals
+from .judge import CouldNotRun, check, check_journals, judge, read
 from .model import write_acknowledged
+from .report import place
 from .report import verdict as summary
 
-__all__ = ["CouldNotRun", "Finding", "Result", "check", "check_journals", "sanitizer_word", "summary",
-           "write_acknowledged"]
+__all__ = ["CouldNotRun", "Finding", "Result", "check", "check_journals", "judge", "place", "read", "sanitizer_word",
+           "summary", "write_acknowledged"]

@@ -110,7 +110,7 @@ def _jumped(trace, call):
 
 
 def _lifecycle_calls(episode, check, node, trace):
-    pauses = _pauses(episode, node)
+    pauses = episode.pauses(node)
     for index, moment in enumerate(trace.moments):
         if moment.what not in ("stop-call", "cleanup-call"):
             continue
@@ -125,17 +125,6 @@ def _lifecycle_calls(episode, check, node, trace):
         if took > STOP_S * SECOND + longest:
             check.violated(f"{name} took {took / SECOND:.1f} s{'' if end else ' and had not returned'}; the longest "
                            f"hook meanwhile took {longest / SECOND:.1f} s", t=moment.t, node=node)
-
-
-def _pauses(episode, node):
-    found, since = [], None
-    for event in episode.events_of("pause", "cont", "kill", node=node):
-        if event["what"] == "pause":
-            since = since or event["t"]
-        elif since:
-            found.append((since, event["t"]))
-            since = None
-    return found + ([(since, INFINITE)] if since else [])
 
 
 def silence(episode, check):

@@ -36,11 +36,15 @@ NEEDED = tuple(name for name, *_ in INVARIANTS if name != "I13")
 
 def check(directory, acknowledged=None):
     """Returns the Result. Raises CouldNotRun if the evidence cannot be read. `acknowledged`: see Episode."""
+    return judge(read(directory, acknowledged))
+
+
+def read(directory, acknowledged=None):
+    """Returns the Episode, for `judge`. Raises CouldNotRun."""
     try:
-        episode = Episode(directory, acknowledged)
+        return Episode(directory, acknowledged)
     except (KeyError, TypeError, ValueError) as error:
         raise CouldNotRun(f"{directory}: the evidence has not the shape it should have: {error!r}") from error
-    return judge(episode)
 
 
 def check_journals(journals, acknowledged=None):

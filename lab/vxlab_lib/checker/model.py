@@ -156,6 +156,17 @@ class Episode:
         """Returns the times of kills that hit a process; an armed kill may have come too late for its process."""
         return [event["t"] for event in self.events_of("kill", node=node) if event.get("killed") is not False]
 
+    def pauses(self, node):
+        """Returns the times in which the node's process was frozen. The last one may be INFINITE."""
+        found, since = [], None
+        for event in self.events_of("pause", "cont", "kill", node=node):
+            if event["what"] == "pause":
+                since = since or event["t"]
+            elif since:
+                found.append((since, event["t"]))
+                since = None
+        return found + ([(since, INFINITE)] if since else [])
+
     def begins(self, node):
         return self._begins[node]
 
