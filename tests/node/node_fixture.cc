@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <sstream>
-#include <thread>
 
 namespace
 {
@@ -109,6 +108,7 @@ node::~node()
   app.let_go();
   fake::resume();
   vx_cons_cleanup();
+  join_callers();
   EXPECT_TRUE(fake::settle());
   others.reset();
   fake::stop();
@@ -156,6 +156,7 @@ void node::end_cluster()
 {
   others.reset();
   vx_cons_cleanup();
+  join_callers();
   EXPECT_TRUE(fake::settle());  // what is on the wire must not reach the next peers
   app.reset();
 }
@@ -184,8 +185,27 @@ std::future<int> node::submit(const std::string &text)
     return vx_cons_distribute(reinterpret_cast<const uint8_t *>(text.data()), static_cast<uint32_t>(text.size()), 0);
   });
   auto verdict = call.get_future();
-  std::thread(std::move(call)).detach();
+  std::promise<void> end;
+  auto has_ended = end.get_future();
+  callers.push_back({std::thread([call = std::move(call), end = std::move(end)]() mutable {
+                       call();
+                       end.set_value();
+                     }),
+                     std::move(has_ended)});
   return verdict;
+}
+
+void node::join_callers()
+{
+  for (caller &one : callers) {
+    if (one.has_ended.wait_for(std::chrono::seconds(60)) == std::future_status::ready) {
+      one.thread.join();
+    } else {
+      ADD_FAILURE() << "a call outlives the library";
+      one.thread.detach();
+    }
+  }
+  callers.clear();
 }
 
 size_t node::open_calls()

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <thread>
 
 #include "fake_host.h"
 #include "files.h"
@@ -85,6 +86,15 @@ protected:
   static wire::log payload_log(size_t count, entry state, uint8_t sender, uint32_t first_id);
 
   std::unique_ptr<fake::peers> others;
+
+private:
+  /// A thread that submits. It is joined, since what libcrypto keeps for a thread goes only when that has ended.
+  struct caller {
+    std::thread thread;
+    std::future<void> has_ended;
+  };
+  static void join_callers();
+  static inline std::vector<caller> callers;
 };
 
 inline bytes message(const std::string &text)
