@@ -5,6 +5,7 @@ set(VX_PROGRAM_DIR ${CMAKE_INSTALL_LIBEXECDIR}/vx_cons)  # programs of the labor
 set(VX_LAB_DIR ${CMAKE_INSTALL_DATADIR}/vx_cons/lab)
 set(VX_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vx_cons)
 set(VX_EXAMPLE_DIR ${CMAKE_INSTALL_DOCDIR}/examples)
+set(VX_UNIT_DIR lib/systemd/system)
 set(generated ${PROJECT_BINARY_DIR}/install)
 
 # vx_way(VARIABLE FROM TO): the relative path between two directories of the installation.
@@ -56,6 +57,11 @@ endforeach()
 vx_way(way ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(kesh PROPERTIES INSTALL_RPATH "$ORIGIN/${way}")
 install(TARGETS kesh vx-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# For keepalived and systemd; a package puts the units where systemd looks.
+install(FILES host/keepalived/kesh.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kesh RENAME keepalived.conf)
+install(FILES host/systemd/kesh.service DESTINATION ${VX_UNIT_DIR})
+install(FILES host/systemd/keepalived.conf DESTINATION ${VX_UNIT_DIR}/keepalived.service.d RENAME kesh.conf)
 
 # --- The laboratory: its Python finds the programs by the link "programs" beside it.
 vx_way(way ${VX_PROGRAM_DIR} ${CMAKE_INSTALL_LIBDIR})

@@ -29,7 +29,7 @@ const char HELP[] =
     "  --run DIR               DIR becomes /run (default: an empty tmpfs)\n"
     "  --tmp                   the defaults: a view for a test, empty and gone at its end\n"
     "  --net-new               a network of its own, in which only the loopback interface is, and up\n"
-    "  --net-pid PID           the network that process PID is in\n"
+    "  --net-pid PID           the network, and the queues, that process PID has\n"
     "  --join PID              no new view: the one in which PID lives, its network and queues included\n"
     "  --outlive-parent        go on when the caller dies (default: COMMAND is killed with it)\n"
     "  --help                  this text\n"

@@ -151,9 +151,9 @@ void build_root(const view_options &options)
 void enter(const view_options &options)
 {
   if (options.net_pid != 0) {
-    join_namespaces(options.net_pid, CLONE_NEWNET);
+    join_namespaces(options.net_pid, CLONE_NEWNET | CLONE_NEWIPC);
   }
-  unshare_namespaces(CLONE_NEWNS | CLONE_NEWIPC | (options.net_new ? CLONE_NEWNET : 0));
+  unshare_namespaces(CLONE_NEWNS | (options.net_pid == 0 ? CLONE_NEWIPC : 0) | (options.net_new ? CLONE_NEWNET : 0));
   if (options.net_new) {
     bring_loopback_up();
   }

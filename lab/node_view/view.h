@@ -18,7 +18,7 @@ struct view_options {
   std::string run_dir;         ///< becomes /run; empty: a tmpfs of its own
   std::string flashdisk_size;  ///< limit of the tmpfs, as mount(8) writes it ("512k"); empty: the kernel's default
   bool net_new = false;        ///< a network of its own, with nothing but a loopback that is up
-  pid_t net_pid = 0;           ///< the network of that process instead; 0: stay in the caller's
+  pid_t net_pid = 0;           ///< network and queues of that process instead; 0: stay in the caller's
 };
 
 /// Moves the calling process into the view; it must have one thread. Throws view_error.

@@ -36,7 +36,7 @@ class Node:
         self.control = ControlClient(node_id, self.path("run"))
         self.generation = 1  # of the cluster that `configure` makes
         self._is_durable = True  # payloads; `kesh configure` knows no other way
-        self.net_pid = None  # a process whose network the node shares; None: the laboratory's
+        self.net_pid = None  # a process whose network and queues the node shares; None: the laboratory's
         self.environment = {}  # of the daemon, in addition to the laboratory's
         self.on_spawn = lambda pid: None  # called as soon as a process of the daemon exists
 

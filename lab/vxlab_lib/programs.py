@@ -35,10 +35,19 @@ class Programs:
                          "tree with --bin")
 
 
+LAB = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+
+
+def keepalived_conf():
+    """Returns the path of what ships for keepalived: in the source tree, or in an installation."""
+    source = os.path.join(os.path.dirname(LAB), "host", "keepalived", "kesh.conf")
+    installed = os.path.join(os.path.dirname(os.path.dirname(LAB)), "kesh", "keepalived.conf")
+    return source if os.path.exists(source) else installed
+
+
 def default_build_dir():
-    lab = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-    installed = os.path.join(lab, "programs")  # the installation makes this link
-    built = os.path.join(os.path.dirname(lab), "build")
+    installed = os.path.join(LAB, "programs")  # the installation makes this link
+    built = os.path.join(os.path.dirname(LAB), "build")
     return os.environ.get("VXLAB_BIN") or (installed if os.path.isdir(installed) else built)
 
 

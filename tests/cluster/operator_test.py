@@ -5,6 +5,7 @@ import json
 import os
 import shutil
 import signal
+import socket
 import sqlite3
 import subprocess
 import time
@@ -198,6 +199,38 @@ class Operator(Scenario):
             self.assertEqual(self.code_of(1, "vrrp", "MASTER"), 0)
             self.cluster.kill(1)
             self.assertEqual(follows.wait(10), UNREACHABLE)
+
+    def test_the_service_manager_is_told(self):
+        one = self.cluster.node(1)
+        self.cluster.stop(1)
+        directory = os.open(one.path("run"), os.O_PATH)
+        self.addCleanup(os.close, directory)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(f"/proc/self/fd/{directory}/notify.sock")  # the whole path may be too long for an address
+            manager.settimeout(20)
+            one.environment = {"NOTIFY_SOCKET": "/run/notify.sock"}
+
+            def hear(word):
+                heard = [manager.recv(4096).decode()]
+                while heard[-1] != word:
+                    heard.append(manager.recv(4096).decode())
+                return heard
+
+            self.cluster.start(1)
+            before = hear("READY=1")
+            self.assertTrue(before[0].startswith("EXTEND_TIMEOUT_USEC="))
+            self.assertNotIn("WATCHDOG=1", before)
+            hear("WATCHDOG=1")
+            one.signal(signal.SIGSTOP)
+            manager.settimeout(2)
+            with self.assertRaises(TimeoutError, msg="a daemon that hangs feeds no watchdog"):
+                for _ in range(100):
+                    manager.recv(4096)
+            one.signal(signal.SIGCONT)
+            manager.settimeout(20)
+            hear("WATCHDOG=1")
+            self.cluster.stop(1)
+            hear("STOPPING=1")
 
     def test_requests_and_files_that_cannot_be_right(self):
         one = self.cluster.node(1)

@@ -3,9 +3,11 @@
 import os
 import re
 import subprocess
+import tempfile
 import unittest
 
 BUILD_DIR = os.environ["VX_BUILD_DIR"]
+SOURCE_DIR = os.environ["VX_SOURCE_DIR"]
 IS_OPTIMISED = os.environ.get("VX_OPTIMISED", "1") == "1"
 PROGRAM = "bin/kesh"
 LIBRARIES = ("lib/libvx_cons.so.1", "lib/libvx_host.so.1")
@@ -35,6 +37,17 @@ class Hardened(unittest.TestCase):
                 self.assertIn("__stack_chk_fail", names)
                 if IS_OPTIMISED:
                     self.assertTrue([name for name in names if re.fullmatch(r"__\w+_chk", name)], "no fortified call")
+
+    def test_the_unit_is_sound_and_gives_few_rights(self):
+        with tempfile.TemporaryDirectory(prefix="unit-", dir=BUILD_DIR) as directory:
+            path = os.path.join(directory, "kesh.service")
+            with open(os.path.join(SOURCE_DIR, "host", "systemd", "kesh.service"), encoding="utf-8") as file:
+                unit = file.read()
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(unit.replace("/usr/bin/kesh", os.path.join(BUILD_DIR, PROGRAM)))
+            for words in (("verify", "--man=no"), ("security", "--offline=yes", "--threshold=21")):
+                told = subprocess.run(["systemd-analyze", *words, path], capture_output=True, text=True, check=False)
+                self.assertEqual((told.returncode, told.stderr), (0, ""), words)
 
 
 if __name__ == "__main__":

@@ -19,6 +19,7 @@
 #include "daemon/key_file.h"
 #include "daemon/operations.h"
 #include "daemon/service.h"
+#include "daemon/service_manager.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
 #include "platform.h"
@@ -36,6 +37,8 @@ namespace
 
 // The library does not report that it left the cluster by itself. The log says so within this time.
 constexpr int ISOLATION_CHECK_MS = 500;
+// Of a start or an end: to read a large store, to write what waits for a slow disk.
+constexpr std::chrono::minutes LONGEST_STEP{10};
 
 /// Blocks the daemon's signals in all threads. They are read from the descriptor that this returns.
 platform::unique_fd open_signals()
@@ -97,12 +100,14 @@ void main_loop(service &host, int signal_fd)
       [[maybe_unused]] const ssize_t got = read(host.wake_fd(), &count, sizeof count);
     }
     host.watch();
+    service_manager::is_alive();
   }
 }
 
 /// Runs the library while messaging is up.
 int run_library(service &host, int signal_fd, control_server &control)
 {
+  service_manager::takes_up_to(LONGEST_STEP);
   if (!host.open_library()) {
     return fail(EXIT_RUNTIME, "the library does not come up: the log's last lines say why");
   }
@@ -122,8 +127,11 @@ int run_library(service &host, int signal_fd, control_server &control)
     fail(code, error);
   }
   if (code == EXIT_OK) {
+    service_manager::is_ready();
     main_loop(host, signal_fd);
   }
+  service_manager::is_stopping();
+  service_manager::takes_up_to(LONGEST_STEP);
   host.shut_down();
   control.stop();
   host.close_library();
@@ -159,6 +167,7 @@ int run_service(const settings &configured, int signal_fd, observer &watch)
   if (!watch.begin(host, error)) {
     return fail(EXIT_CONFIG, error);
   }
+  service_manager::takes_up_to(LONGEST_STEP);
   int code = host.open_store(error);
   if (code != EXIT_OK) {
     return fail(code, error);

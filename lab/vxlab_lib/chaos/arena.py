@@ -21,41 +21,14 @@ DEVICE = "vx0"
 IMAGE_BYTES = 2 << 30  # a sparse file
 SMALL_DISK_SIZE = "64m"
 
+CLUSTER_ADDRESS = "10.81.0.100/24"
+# As a node's own file in /etc/keepalived; host/keepalived/kesh.conf tells of it.
 KEEPALIVED_CONF = """\
-global_defs {{
-  router_id node{node}
-  script_user root
-  enable_script_security
-  vrrp_garp_master_delay 0
-  vrrp_notify_fifo /run/keepalived.fifo
-  vrrp_notify_fifo_script "{kesh} vrrp --instance cluster --fifo"
-}}
-vrrp_script eligible {{
-  script {check}
-  interval 1
-  timeout 4
-  fall 2
-  rise 1
-}}
-vrrp_instance cluster {{
-  state BACKUP
-  interface {device}
-  virtual_router_id 81
-  priority {priority}
-  advert_int 0.3
-  virtual_ipaddress {{
-    10.81.0.100/24
-  }}
-  track_script {{
-    eligible
-  }}
-}}
-"""
-
-# A node that may not lead is passed over.
-CHECK = """\
-#!/bin/sh
-exec {kesh} health --eligible >/dev/null
+$KESH={kesh}
+$INTERFACE={device}
+$ADDRESS={address}
+$PRIORITY={priority}
+include {shipped}
 """
 
 
@@ -167,13 +140,10 @@ class Arena:
             self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
 
     def _write_keepalived(self, node):
-        check, kesh = node.path("check"), self.cluster.programs.kesh
         with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
-            file.write(KEEPALIVED_CONF.format(node=node.id, device=DEVICE, priority=100 + 10 * node.id, kesh=kesh,
-                                              check=check))
-        with open(check, "w", encoding="utf-8") as file:
-            file.write(CHECK.format(kesh=kesh))
-        os.chmod(check, 0o700)
+            file.write(KEEPALIVED_CONF.format(kesh=self.cluster.programs.kesh, device=DEVICE, address=CLUSTER_ADDRESS,
+                                              priority=100 + 10 * node.id,
+                                              shipped=programs.keepalived_conf()))
 
     def start_keepalived(self, node_id):
         """Starts keepalived in the node's view. In its own process id namespace, so that its helpers end with it."""
