@@ -187,6 +187,7 @@ std::future<int> node::submit(const std::string &text)
   auto verdict = call.get_future();
   std::promise<void> end;
   auto has_ended = end.get_future();
+  const std::lock_guard held(callers_lock);
   callers.push_back({std::thread([call = std::move(call), end = std::move(end)]() mutable {
                        call();
                        end.set_value();
@@ -197,6 +198,7 @@ std::future<int> node::submit(const std::string &text)
 
 void node::join_callers()
 {
+  const std::lock_guard held(callers_lock);
   for (caller &one : callers) {
     if (one.has_ended.wait_for(std::chrono::seconds(60)) == std::future_status::ready) {
       one.thread.join();

@@ -94,6 +94,7 @@ private:
     std::future<void> has_ended;
   };
   static void join_callers();
+  static inline std::mutex callers_lock;  ///< tests submit from several threads
   static inline std::vector<caller> callers;
 };
 
