@@ -21,6 +21,10 @@ const char *cause_of(drop_reason reason)
     return "they are sealed with a key that the key file does not have";
   case drop_reason::forged:
     return "the seal does not fit: another key of that identifier, or a forgery";
+  case drop_reason::other_cluster:
+    return "they are of another cluster, or generation (kesh configure, kesh reform)";
+  case drop_reason::other_build:
+    return "they are of another build number; nodes of different ones do not work together";
   default:
     return nullptr;
   }

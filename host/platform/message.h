@@ -25,6 +25,7 @@ inline constexpr size_t DATAGRAM_MAX = 65507;
 
 /// Channels 3 to 6 are the library's, 7 is the host's own.
 inline constexpr uint32_t CHANNEL_FIRST = 3;
+inline constexpr uint32_t LIBRARY_CHANNEL_LAST = 6;
 inline constexpr uint32_t CHANNEL_COUNT = 5;
 
 /// Pieces of payloads: channel 5, key 2. They come in thousands, so they are paced, and everything else overtakes them.

@@ -44,6 +44,8 @@ public:
   /// From the next datagram on.
   void set_keys(const seal_keys &keys) PLATFORM_EXCLUDES(running_lock_);
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
+  /// As messaging_expect.
+  void expect(uint64_t cluster_id, uint32_t build) { receiver_.expect(cluster_id, build); }
   /// As messaging_set_filter.
   void set_filter(message_filter *filter) { gate_.set(filter); }
 

@@ -43,6 +43,10 @@ void messaging_set_filter(message_filter *filter)
 {
   service().set_filter(filter);
 }
+void messaging_expect(uint64_t cluster_id, uint32_t build)
+{
+  service().expect(cluster_id, build);
+}
 void messaging_block(uint32_t node_mask)
 {
   service().block(node_mask);
@@ -50,9 +54,10 @@ void messaging_block(uint32_t node_mask)
 
 const char *drop_reason_name(drop_reason reason)
 {
-  const char *const names[] = {"stranger",         "foreign",     "damaged",     "unsealed",    "unknown_key",
-                               "forged",           "replayed",    "unconfirmed", "no_hook",     "blocked",
-                               "receive_overflow", "send_failed", "filtered_in", "filtered_out"};
+  const char *const names[] = {"stranger",      "foreign",     "damaged",          "unsealed",
+                               "unknown_key",   "forged",      "replayed",         "unconfirmed",
+                               "no_hook",       "blocked",     "receive_overflow", "send_failed",
+                               "other_cluster", "other_build", "filtered_in",      "filtered_out"};
   return names[static_cast<size_t>(reason)];
 }
 

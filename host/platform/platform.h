@@ -76,6 +76,8 @@ enum class drop_reason {
   blocked,
   receive_overflow,
   send_failed,
+  other_cluster,  ///< and handed over: libvx_cons drops it, by the cluster id of its envelope
+  other_build,    ///< the same by its build number
   filtered_in,
   filtered_out,
   count
@@ -110,6 +112,9 @@ bool messaging_reload_keys(std::string &error);
 /// From now on the filter decides what comes in and what goes out (message_filter.h); null: everything does. At any
 /// time, from any thread. What was judged before the return may still pass.
 void messaging_set_filter(message_filter *filter);
+/// From now on what comes on channels 3 to 6 with another cluster id or build number is counted as dropped, and warned
+/// of. A cluster id of 0: nothing is, as in the beginning. At any time, from any thread.
+void messaging_expect(uint64_t cluster_id, uint32_t build);
 /// Test aid: drops everything that comes from the nodes of the mask (bit n - 1 = node n). 0 ends it.
 void messaging_block(uint32_t node_mask);
 

@@ -61,6 +61,12 @@ bool receiver::open(const messaging_settings &settings, transport &over, std::st
   return watched;
 }
 
+void receiver::expect(uint64_t cluster_id, uint32_t build)
+{
+  expected_build_.store(build, std::memory_order_relaxed);
+  expected_cluster_.store(cluster_id, std::memory_order_release);
+}
+
 void receiver::start()
 {
   thread_ = std::thread([this] { run(); });
@@ -189,7 +195,26 @@ void receiver::take(const arrival &one, sorted &to)
     counters_.drop(drop_reason::blocked);
     return;
   }
+  note_other(*made, one, node);
   (check == datagram_check::bulk ? to.bulk : to.control).push_back(std::move(made));
+}
+
+// They are judged by the library, which cannot say where one came from.
+void receiver::note_other(const message &made, const arrival &one, uint32_t node)
+{
+  const uint64_t cluster = expected_cluster_.load(std::memory_order_acquire);
+  if (cluster == 0 || one.channel > LIBRARY_CHANNEL_LAST) {
+    return;
+  }
+  uint64_t its_cluster = 0;
+  uint32_t its_build = 0;
+  memcpy(&its_cluster, made.object() + WORD_SIZE, sizeof its_cluster);
+  memcpy(&its_build, made.object() + WORD_SIZE + sizeof its_cluster, sizeof its_build);
+  if (its_cluster != cluster) {
+    drop(one, node, drop_reason::other_cluster);
+  } else if (its_build != expected_build_.load(std::memory_order_relaxed)) {
+    drop(one, node, drop_reason::other_build);
+  }
 }
 
 // Replayed greetings must not make this node send without end.

@@ -36,6 +36,8 @@ public:
   void stop();
 
   void block(uint32_t node_mask) { blocked_ = node_mask; }
+  /// As messaging_expect.
+  void expect(uint64_t cluster_id, uint32_t build);
 
 private:
   struct sorted {
@@ -49,6 +51,7 @@ private:
   message_ptr open_sealed(const arrival &one, uint32_t node);
   message_ptr copy_plain(const arrival &one, uint32_t node);
   void drop(const arrival &one, uint32_t node, drop_reason reason);
+  void note_other(const message &made, const arrival &one, uint32_t node);
   void answer_greeting();
   bool is_blocked(const uint8_t *bytes, uint32_t address) const;
 
@@ -57,6 +60,8 @@ private:
   bulk_sender &bulk_;
   sealing &seals_;
   std::atomic<uint32_t> blocked_{0};
+  std::atomic<uint64_t> expected_cluster_{0};
+  std::atomic<uint32_t> expected_build_{0};
   // Set before the thread starts and released after it has ended. In between only the thread reads them.
   messaging_settings settings_;
   transport *transport_ = nullptr;

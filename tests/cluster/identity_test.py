@@ -82,6 +82,8 @@ class Neighbours(Scenario):
         wait_until(lambda: any(one["node"] == 3 and one["generation"] == 1
                                for one in self.cluster.status(1)["cluster"]["peers"]), 10.0, "node 1 hears node 3")
         self.assertEqual(self.cluster.status(3)["journal"]["lines"], 20)
+        self.assertIn("other_cluster", self.cluster.status(3)["messages"]["peers"][0]["dropped"])
+        self.assertIn("node 1 (127.1.0.1) are dropped: they are of another cluster", self.log_of(3))
         self.cluster.stop(3)
         self.cluster.node(3).reform(2)
         self.cluster.start(3)

@@ -91,6 +91,7 @@ cluster_link::~cluster_link()
 {
   stop();
   platform::messaging_set_filter(nullptr);
+  platform::messaging_expect(0, 0);
   hooked = nullptr;
 }
 
@@ -124,6 +125,7 @@ void cluster_link::start()
   if (!places_.send) {
     hooked = this;
     platform::messaging_set_filter(&filter_);
+    platform::messaging_expect(cluster_id_, vx_firmware_dova_build_nr);
     vx_msg_register_recv_hook(receive_hook, CHANNEL);
   }
 }

@@ -99,6 +99,35 @@ TEST(messaging, foreign_and_damaged_datagrams_are_counted_and_dropped)
   EXPECT_EQ(node.dropped(drop_reason::damaged), damaged);
 }
 
+// The library drops it without a word, and does not know where it came from.
+TEST(messaging, what_is_of_another_cluster_or_build_is_counted_and_handed_over)
+{
+  record &got = recorder<1>::reset();
+  test_node node(1);
+  for (const uint32_t channel : {6u, 7u}) {
+    node.register_hook(recorder<1>::hook, channel);
+  }
+  uint32_t tag = 0;
+  const auto count_of = [&](uint32_t channel, uint64_t cluster, drop_reason reason) {
+    message_ptr sent = tagged(++tag);
+    memcpy(sent->object() + WORD_SIZE, &cluster, sizeof cluster);
+    write_word(*sent, channel, false);
+    send_raw(node, channel, sent->object(), sent->datagram_size());
+    EXPECT_TRUE(got.await_tag(tag));
+    const uint64_t count = node.statistics().peers[1].dropped[static_cast<size_t>(reason)];
+    EXPECT_EQ(node.dropped(reason), count);
+    return count;
+  };
+  EXPECT_EQ(count_of(6, 4, drop_reason::other_cluster), 0u) << "nobody said what to expect";
+  node.expect(5, 0);
+  EXPECT_EQ(count_of(6, 4, drop_reason::other_cluster), 1u);
+  EXPECT_EQ(count_of(7, 4, drop_reason::other_cluster), 1u) << "hellos are heard across clusters";
+  EXPECT_EQ(count_of(6, 5, drop_reason::other_build), 0u);
+  node.expect(5, 1);
+  EXPECT_EQ(count_of(6, 5, drop_reason::other_build), 1u);
+  EXPECT_EQ(node.dropped(drop_reason::other_cluster), 1u);
+}
+
 // Nodes of two versions would not understand each other if these bytes changed.
 TEST(messaging, the_word_names_magic_class_and_channel)
 {
