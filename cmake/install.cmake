@@ -58,8 +58,9 @@ vx_way(way ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(kesh PROPERTIES INSTALL_RPATH "$ORIGIN/${way}")
 install(TARGETS kesh vx-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# For keepalived and systemd; a package puts the units where systemd looks.
+# For keepalived, Prometheus and systemd; a package puts the units where systemd looks.
 install(FILES host/keepalived/kesh.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kesh RENAME keepalived.conf)
+install(FILES host/prometheus/kesh.rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/kesh)
 install(FILES host/systemd/kesh.service DESTINATION ${VX_UNIT_DIR})
 install(FILES host/systemd/keepalived.conf DESTINATION ${VX_UNIT_DIR}/keepalived.service.d RENAME kesh.conf)
 

@@ -35,6 +35,7 @@ bool settings_read(settings &result, std::string &error)
   using platform::config_text;
   if (!config_text(kesh_key("kesh.socket"), result.socket_path, error) ||
       !config_text(kesh_key("kesh.store"), result.store_path, error) ||
+      !config_text(kesh_key("metrics.listen"), result.metrics_listen, error) ||
       !config_text(kesh_key("journal.file"), result.old_journal_path, error) ||
       !read_number(kesh_key("state.max"), result.state_max, error) ||
       !read_number(kesh_key("retention.lines"), result.keep.lines, error) ||

@@ -22,6 +22,7 @@ struct settings {
   uint64_t generation = 0;
   std::string first_mac;  ///< of node 1, lower case; empty: not configured
   std::string store_path;
+  std::string metrics_listen;  ///< empty: nowhere
   uint64_t state_max{platform::config_default(kesh_key("state.max"))};  ///< bytes; the same on all nodes
   retention keep;
   std::string old_journal_path;  ///< a journal of earlier builds, which is taken over once

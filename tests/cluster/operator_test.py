@@ -3,6 +3,7 @@
 import filecmp
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -18,10 +19,14 @@ from scenario import Scenario, wait_until
 from vxlab_lib import control
 from vxlab_lib.errors import LabError
 
+LISTEN = "127.1.0.1:9817"
 BAD_CONFIG, UNREACHABLE, REFUSED, UNKNOWN = 3, 4, 5, 6
 
 
 class Operator(Scenario):
+    def settings(self, node):
+        return {"metrics.listen": LISTEN} if node.id == 1 else {}
+
     def path_of(self, node, name):
         return self.cluster.node(node).path("flashdisk", name)
 
@@ -156,13 +161,33 @@ class Operator(Scenario):
         self.check_all()
 
     def metrics_of(self, node):
-        """Returns {(sample name, labels): value}. The text must be what Prometheus reads."""
+        """Returns {(sample name, labels): value}."""
         one = self.cluster.node(node)
-        text = subprocess.run(one.kesh("metrics"), cwd=one.dir, capture_output=True, text=True, check=True).stdout
+        return self.samples_of(subprocess.run(one.kesh("metrics"), cwd=one.dir, capture_output=True, text=True,
+                                              check=True).stdout)
+
+    def http_of(self, path):
+        """Returns what node 1 answers at metrics.listen."""
+        ask = f"import urllib.request as web; print(web.urlopen('http://{LISTEN}{path}', timeout=10).read().decode())"
+        return self.cluster.node(1).run_inside(["/usr/bin/python3", "-c", ask])
+
+    def samples_of(self, text):
+        """Returns {(sample name, labels): value}. The text must be what Prometheus reads."""
         families = list(text_string_to_metric_families(text))
         self.assertEqual([family.name for family in families if family.type == "unknown" or not family.samples], [])
         return {(sample.name, *sorted(sample.labels.items())): sample.value
                 for family in families for sample in family.samples}
+
+    def check_alert_rules(self, samples):
+        """They name only what there is."""
+        path = os.path.join(os.environ["VX_LAB_DIR"], "..", "host", "prometheus", "kesh.rules.yml")
+        with open(path, encoding="utf-8") as file:
+            rules = re.findall(r"^ *expr: (.*)$", file.read(), re.MULTILINE)
+        self.assertGreater(len(rules), 5)
+        self.assertLessEqual(set(re.findall(r"kesh_\w+", " ".join(rules))), {name for name, *_ in samples})
+        told = {label for _, *labels in samples for label in labels}
+        for name, values in re.findall(r'(reason|result)=~?"([^"]*)"', " ".join(rules)):
+            self.assertLessEqual({(name, value) for value in values.split("|")}, told)
 
     def test_metrics_count_what_happens(self):
         before = self.metrics_of(1)
@@ -174,6 +199,13 @@ class Operator(Scenario):
         for name, more in (("kesh_submissions_total", 20), ("kesh_submission_seconds_count", 20)):
             key = (name, ("result", "acknowledged")) if name.endswith("total") else (name,)
             self.assertEqual(after[key] - before[key], more, name)
+        asked = self.samples_of(self.http_of("/metrics"))
+        self.assertEqual(asked.keys(), after.keys())
+        self.assertEqual(asked["kesh_journal_lines",], 20)
+        self.check_alert_rules(asked)
+        for path in ("/", "/metrics/", "/../etc/passwd"):
+            with self.assertRaisesRegex(LabError, "404"):
+                self.http_of(path)
         self.assertEqual(after["kesh_submission_seconds_bucket", ("le", "+Inf")], 20)
         self.assertEqual(after[("kesh_journal_lines",)], 20)
         self.assertGreater(after[("kesh_decision",)], 0)

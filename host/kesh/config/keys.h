@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config_key.h"
+#include "metrics/listen_address.h"
 #include "platform_keys.h"
 
 namespace kesh
@@ -85,6 +86,15 @@ inline constexpr config_key KESH_KEYS[] = {
      .kind = config_kind::toggle,
      .fallback = "yes",
      .help = "yes: join the cluster when the daemon starts. no: wait for \"kesh start\"."},
+    {.name = "metrics.listen",
+     .section = "Daemon",
+     .help =
+         "Where a collector gets what \"kesh metrics\" prints: GET /metrics over HTTP. Whoever can connect may read "
+         "it.",
+     .form = "an IPv4 address, a colon and a port",
+     .accepts = is_listen_address,
+     .unset = "nowhere",
+     .example = "127.0.0.1:9817"},
 
     {.name = "kesh.store",
      .section = "Store",

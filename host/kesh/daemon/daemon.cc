@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,11 @@
 #include "daemon/operations.h"
 #include "daemon/service.h"
 #include "daemon/service_manager.h"
+#include "daemon/status.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
+#include "metrics/metrics_server.h"
+#include "metrics/metrics_text.h"
 #include "platform.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -104,6 +108,15 @@ void main_loop(service &host, int signal_fd)
   }
 }
 
+/// A node whose metrics nobody can read goes on.
+void tell_metrics(metrics_server &metrics, const std::string &where)
+{
+  std::string error;
+  if (!where.empty() && !metrics.start(where, error)) {
+    log_line(log_level::error, "kesh: metrics.listen: " + error + "; the metrics are told by kesh metrics alone");
+  }
+}
+
 /// Runs the library while messaging is up.
 int run_library(service &host, int signal_fd, control_server &control)
 {
@@ -113,6 +126,8 @@ int run_library(service &host, int signal_fd, control_server &control)
   }
   std::string error;
   int code = EXIT_OK;
+  metrics_server metrics([&host] { return metrics_text(status_collect(host)); });
+  tell_metrics(metrics, host.configured.metrics_listen);
   if (!control.start(error)) {
     code = fail(EXIT_CONFIG, error);
   } else if (vx_cons_cluster_enabled() == 0) {
@@ -133,6 +148,7 @@ int run_library(service &host, int signal_fd, control_server &control)
   service_manager::is_stopping();
   service_manager::takes_up_to(LONGEST_STEP);
   host.shut_down();
+  metrics.stop();
   control.stop();
   host.close_library();
   return code;
