@@ -49,6 +49,10 @@ int vx_host_start(void);
 /* Opens the log's file again, after somebody renamed it. -1: it cannot be opened; the old one stays in use. */
 int vx_host_reopen_log(void);
 
+/* Reads the key file, messaging.keys, anew; without that key nothing is sealed. -1: it cannot be used; the former keys
+ * stay. */
+int vx_host_reload_keys(void);
+
 /* Ends messaging and its threads, writes the log to its end and closes it. Lines that come later go to standard error.
  * Clean the library up before: hooks that still run are waited for. The configuration stays. Harmless at any time.
  * -1: the disk did not take the last lines of the log within 5 s; the log and its thread then stay as they are. */

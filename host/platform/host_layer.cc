@@ -108,6 +108,11 @@ int vx_host_reopen_log(void)
   return carry_out([](std::string &error) { return platform::log_reopen(error); });
 }
 
+int vx_host_reload_keys(void)
+{
+  return carry_out([](std::string &error) { return platform::messaging_reload_keys(error); });
+}
+
 int vx_host_stop(void)
 {
   return carry_out([](std::string &error) {

@@ -202,6 +202,7 @@ class Operator(Scenario):
         asked = self.samples_of(self.http_of("/metrics"))
         self.assertEqual(asked.keys(), after.keys())
         self.assertEqual(asked["kesh_journal_lines",], 20)
+        self.assertEqual(asked["kesh_commit_seconds_count",], asked["kesh_payloads_applied",])
         self.check_alert_rules(asked)
         for path in ("/", "/metrics/", "/../etc/passwd"):
             with self.assertRaisesRegex(LabError, "404"):

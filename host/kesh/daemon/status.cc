@@ -31,6 +31,7 @@ json journal_fields(service &host)
           {"chain", hash_text(now.hash)},
           {"bytes", now.bytes},
           {"incomplete", now.incomplete},
+          {"commits", {{"count", now.commits.count}, {"sum_us", now.commits.sum_us}}},
           {"states",
            {{"kept", states.kept.load()}, {"extended", states.extended.load()}, {"replaced", states.replaced.load()}}},
           {"put_aside", states.put_aside.load()},

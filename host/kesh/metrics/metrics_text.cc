@@ -89,6 +89,10 @@ void write_journal(writer &to, const json &lines)
   to.one("payloads_applied", "gauge", "Payloads that the store has applied, n.", number_of(lines.at("n")));
   to.one("journal_lines", "gauge", "Number of the journal's last line.", number_of(lines.at("lines")));
   to.one("journal_bytes", "gauge", "Bytes of the payloads that the store keeps.", number_of(lines.at("bytes")));
+  const json &commits = lines.at("commits");
+  to.family("commit_seconds", "summary", "What the durable commit of a payload in the store takes.");
+  to.sample(commits.at("sum_us").get<double>() / 1e6, "", "_sum");
+  to.sample(number_of(commits.at("count")), "", "_count");
   to.one("incomplete", "gauge", "1: the store waits for a state.",
          lines.at("incomplete").get<std::string>().empty() ? 0 : 1);
   to.family("states_total", "counter", "States of the cluster that arrived, by what became of the own store.");

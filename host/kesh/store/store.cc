@@ -1,5 +1,6 @@
 #include "store/store.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -103,7 +104,11 @@ applied store::add(std::string_view bytes, const payload &decoded, const library
   if (is_full && known.front().n <= meta_.bare_n) {
     rows_->window_remove(row.origin, known.front().n);
   }
+  const auto begun = std::chrono::steady_clock::now();
   writing.commit();
+  const auto took = std::chrono::steady_clock::now() - begun;
+  ++commits_.count;
+  commits_.sum_us += static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(took).count());
 
   window_.add(row.origin, std::move(newest));
   n_ = row.n;
@@ -169,7 +174,8 @@ store_position store::position()
           .first_n = meta_.base_n + 1,
           .bytes = bytes_,
           .generation = generation_,
-          .incomplete = meta_.incomplete};
+          .incomplete = meta_.incomplete,
+          .commits = commits_};
 }
 
 std::string line_key(const chain_hash &hash, uint64_t position)

@@ -60,6 +60,12 @@ struct applied {
   std::vector<item_outcome> items;
 };
 
+/// What durable commits of payloads took in this life.
+struct commit_times {
+  uint64_t count = 0;
+  uint64_t sum_us = 0;
+};
+
 struct store_position {
   uint64_t n = 0;
   chain_hash hash{};
@@ -69,6 +75,7 @@ struct store_position {
   uint64_t bytes = 0;       ///< of all payloads that are kept whole
   uint64_t generation = 0;  ///< grows when another database takes the place
   std::string incomplete;   ///< why a state is needed first; empty: none is
+  commit_times commits;
 };
 
 enum class adoption_kind {
@@ -189,6 +196,7 @@ private:
   uint64_t cursor_ PLATFORM_GUARDED_BY(lock_) = 1;  // the n of the next delivery; up to n_ it is compared
   tag_window window_ PLATFORM_GUARDED_BY(lock_);
   uint64_t generation_ PLATFORM_GUARDED_BY(lock_) = 0;
+  commit_times commits_ PLATFORM_GUARDED_BY(lock_);
   bool has_failed_ PLATFORM_GUARDED_BY(lock_) = false;
   bool is_ending_ PLATFORM_GUARDED_BY(lock_) = false;
   std::unique_ptr<store_state> pending_ PLATFORM_GUARDED_BY(lock_);  // between begin_adopt and commit_adopt

@@ -5,6 +5,7 @@
 #include "vx_host.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -59,6 +60,23 @@ TEST(host_layer, is_configured_with_a_file_or_without)
   EXPECT_EQ(vx_cfg_save(1), 0);
   EXPECT_EQ(number_of("changed"), 3);
   EXPECT_EQ(dir.read("conf"), "kept = 1 # by an operator\nchanged = 2\n");
+}
+
+TEST(host_layer, reads_the_key_file_anew)
+{
+  const scratch dir;
+  const std::string path = dir.write("keys", "seal plain\n");
+  ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+  const vx_host_setting settings[] = {{"cluster.node_id", "1"}, {"messaging.keys", path.c_str()}, {nullptr, nullptr}};
+  ASSERT_EQ(vx_host_configure(nullptr, settings), 0);
+  ASSERT_EQ(vx_host_start(), 0) << vx_host_error();
+  dir.write("keys", "seal 9 " + std::string(64, 'a') + "\n");
+  EXPECT_EQ(vx_host_reload_keys(), 0) << vx_host_error();
+  dir.write("keys", "seal 8\n");
+  EXPECT_NE(vx_host_reload_keys(), 0);
+  EXPECT_NE(std::string(vx_host_error()).find("line 1: expected an identifier"), std::string::npos) << vx_host_error();
+  EXPECT_EQ(platform::messaging_read_statistics().seals_with, 9) << "the former keys stay";
+  EXPECT_EQ(vx_host_stop(), 0);
 }
 
 TEST(host_layer, starts_stops_and_starts_again)
