@@ -10,6 +10,8 @@ uint32_t word_at(const uint8_t *bytes)
   return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
 }
 
+}  // namespace
+
 message_view view_of(const message &one, uint32_t channel, uint32_t key)
 {
   message_view view;
@@ -23,8 +25,6 @@ message_view view_of(const message &one, uint32_t channel, uint32_t key)
   }
   return view;
 }
-
-}  // namespace
 
 bool filter_gate::ask_in(message_filter &filter, const message &one, uint32_t channel)
 {

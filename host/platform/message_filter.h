@@ -21,6 +21,9 @@ struct message_view {
   std::span<const uint8_t> payload;
 };
 
+/// `one` has at least an envelope, or nothing of it is told. The key is that of an outgoing message, else 0.
+message_view view_of(const message &one, uint32_t channel, uint32_t key);
+
 /// Called by several threads at once, perhaps with locks of the library and of messaging held: it waits for nothing and
 /// calls neither. It lives until messaging has stopped.
 class message_filter

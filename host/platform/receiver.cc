@@ -1,5 +1,7 @@
 #include "receiver.h"
 
+#include "message_filter.h"
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -206,13 +208,10 @@ void receiver::note_other(const message &made, const arrival &one, uint32_t node
   if (cluster == 0 || one.channel > LIBRARY_CHANNEL_LAST) {
     return;
   }
-  uint64_t its_cluster = 0;
-  uint32_t its_build = 0;
-  memcpy(&its_cluster, made.object() + WORD_SIZE, sizeof its_cluster);
-  memcpy(&its_build, made.object() + WORD_SIZE + sizeof its_cluster, sizeof its_build);
-  if (its_cluster != cluster) {
+  const message_view view = view_of(made, one.channel, 0);
+  if (view.cluster_id != cluster) {
     drop(one, node, drop_reason::other_cluster);
-  } else if (its_build != expected_build_.load(std::memory_order_relaxed)) {
+  } else if (view.build != expected_build_.load(std::memory_order_relaxed)) {
     drop(one, node, drop_reason::other_build);
   }
 }

@@ -1,5 +1,7 @@
 #include "config/check.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -174,10 +176,13 @@ void check_addresses(const config_file &file, checker &to)
 void check_key_file(const config_file &file, checker &to)
 {
   const config_line *line = file.find("messaging.keys");
+  if (line == nullptr ? access(KEYS_PATH_DEFAULT, F_OK) != 0 : !is_absolute_path(line->value)) {
+    return;
+  }
   platform::seal_keys keys;
   std::string why;
-  if (line != nullptr && is_absolute_path(line->value) && !platform::seal_keys_load(line->value, keys, why)) {
-    to.complain(line->number, line->key, why);
+  if (!platform::seal_keys_load(line == nullptr ? KEYS_PATH_DEFAULT : line->value, keys, why)) {
+    to.complain(line == nullptr ? 0 : line->number, "messaging.keys", why);
   }
 }
 

@@ -21,6 +21,9 @@ bool is_cluster_name(std::string_view text);
 /// Six two-digit hexadecimal numbers with colons, not all 0.
 bool is_mac_address(std::string_view text);
 
+/// Taken, if it exists, while messaging.keys is not set.
+inline constexpr char KEYS_PATH_DEFAULT[] = "/etc/kesh.keys";
+
 inline constexpr int64_t CONFIG_NUMBER_MAX = int64_t{1} << 50;
 
 inline constexpr config_key KESH_KEYS[] = {

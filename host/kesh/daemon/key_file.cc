@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "config/keys.h"
 #include "platform.h"
 #include "vx_host.h"
 

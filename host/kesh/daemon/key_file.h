@@ -6,8 +6,6 @@
 namespace kesh
 {
 
-inline constexpr char KEYS_PATH_DEFAULT[] = "/etc/kesh.keys";
-
 /// Unless the configuration names a key file: the default one, if it exists. So keys can be introduced while all run.
 void name_default_keys();
 /// Reads it anew. On failure returns false, `error` says why, and the former keys stay.
