@@ -168,7 +168,7 @@ struct command_line {
         .add_option("--timeout", life_cycle_timeout_s,
                     "seconds to wait for the end of it; the daemon goes on if it takes longer")
         ->capture_default_str()
-        ->check(CLI::Range(0.001, 1e6));
+        ->check(CLI::Range(0.01, 1e6));
   }
 
   void add_daemon_commands()
@@ -260,7 +260,7 @@ struct command_line {
                     "seconds in which a line has to be delivered; as long as it can, the daemon repeats what has no "
                     "result, and waits for the node to become active")
         ->capture_default_str()
-        ->check(CLI::Range(0.001, 1e6));
+        ->check(CLI::Range(0.01, 1e6));
     send.add_option("--latency-csv", submit.latency_path,
                     "write a row per acknowledged line: sequence, microseconds, line of the input; tab between");
     send.add_flag("--json", submit.as_json, "print the summary as JSON");

@@ -94,8 +94,9 @@ int vrrp_command(const std::string &socket_path, const std::string &state_path, 
   // The state is noted: a daemon that is not there yet, or is busy, reads the file later.
   control_client client;
   json reply;
-  if (client.connect(socket_path, CHECK_WAIT)) {
-    client.ask({{"op", "vrrp"}}, reply, CHECK_WAIT);
+  const socket_deadline deadline = deadline_after(CHECK_WAIT);
+  if (client.connect(socket_path, deadline)) {
+    client.ask({{"op", "vrrp"}}, reply, deadline);
   }
   return EXIT_OK;
 }
@@ -113,6 +114,7 @@ int heard_command(const std::string &socket_path, bool follow)
 int life_cycle_command(const std::string &socket_path, const std::string &operation, double timeout_s)
 {
   const control_client::wait_time wait(timeout_s);
+  const socket_deadline deadline = deadline_after(wait);
   control_client client;
   json reply;
   const int code = client.request(socket_path, {{"op", operation}}, reply, wait);
@@ -121,7 +123,6 @@ int life_cycle_command(const std::string &socket_path, const std::string &operat
   }
   // The daemon closes the connection as the last thing that it does.
   std::string line;
-  const auto deadline = deadline_after(wait);
   read_result got;
   while ((got = client.read_line(line, deadline)) == read_result::line) {
   }

@@ -25,8 +25,11 @@ using std::chrono::steady_clock;
 namespace
 {
 
-// Beyond a line's deadline, for its verdict to arrive.
-constexpr double GRACE_S = 1;
+/// The daemon's share of a line's time. The rest is for the verdict's way here: the command ends when that is over.
+double daemon_timeout_s(double timeout_s)
+{
+  return timeout_s - std::min(0.1, timeout_s / 10);
+}
 
 struct file_closer {
   void operator()(FILE *file) const { fclose(file); }
@@ -84,8 +87,7 @@ void take_verdict(const std::string &line, tally &to, FILE *latency)
 /// Reads verdicts until all are there, the daemon goes away, or it is silent for longer than any line may take.
 void take_verdicts(control_client &client, input_sender &sender, double timeout_s, tally &to, FILE *latency)
 {
-  const auto patience =
-      std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(timeout_s + GRACE_S));
+  const auto patience = std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(timeout_s));
   auto last_answer = steady_clock::now();
   std::string line;
   while (!to.is_done) {
@@ -205,8 +207,9 @@ int submit_command(const std::string &socket_path, const submit_options &options
   }
   control_client client;
   json reply;
-  const json request = {{"op", "submit"}, {"window", options.window}, {"timeout_s", options.timeout_s}};
-  const int code = client.request(socket_path, request, reply, control_client::wait_time(options.timeout_s + GRACE_S));
+  const json request = {
+      {"op", "submit"}, {"window", options.window}, {"timeout_s", daemon_timeout_s(options.timeout_s)}};
+  const int code = client.request(socket_path, request, reply, control_client::wait_time(options.timeout_s));
   if (code != EXIT_OK) {
     return code;
   }

@@ -16,24 +16,24 @@ socket_deadline deadline_after(control_client::wait_time wait)
              : std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(wait);
 }
 
-bool control_client::connect(const std::string &path, wait_time wait)
+bool control_client::connect(const std::string &path, socket_deadline deadline)
 {
   path_ = path;
-  fd_ = socket_connect(path, deadline_after(wait));
+  fd_ = socket_connect(path, deadline);
   if (fd_) {
     reader_.emplace(fd_.get());
   }
   return static_cast<bool>(fd_);
 }
 
-int control_client::ask(const nlohmann::json &request, nlohmann::json &reply, wait_time wait)
+int control_client::ask(const nlohmann::json &request, nlohmann::json &reply, socket_deadline deadline)
 {
   const std::string line = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
   std::string answer;
   const bool is_sent = socket_send(fd_.get(), line);
-  const read_result got = is_sent ? read_line(answer, deadline_after(wait)) : read_result::end;
+  const read_result got = is_sent ? read_line(answer, deadline) : read_result::end;
   if (got == read_result::late) {
-    fprintf(stderr, "kesh: the daemon on %s does not answer within %g s\n", path_.c_str(), wait.count());
+    fprintf(stderr, "kesh: the daemon on %s does not answer in time\n", path_.c_str());
     return EXIT_UNREACHABLE;
   }
   if (got != read_result::line) {
@@ -55,11 +55,12 @@ int control_client::ask(const nlohmann::json &request, nlohmann::json &reply, wa
 int control_client::request(const std::string &path, const nlohmann::json &request, nlohmann::json &reply,
                             wait_time wait)
 {
-  if (!connect(path, wait)) {
+  const socket_deadline deadline = deadline_after(wait);
+  if (!connect(path, deadline)) {
     fprintf(stderr, "kesh: no daemon answers on %s: %s\n", path.c_str(), strerror(errno));
     return EXIT_UNREACHABLE;
   }
-  return ask(request, reply, wait);
+  return ask(request, reply, deadline);
 }
 
 }  // namespace kesh

@@ -18,11 +18,11 @@ public:
   static constexpr wait_time FOREVER{0};
 
   /// False, and nothing is printed, if no daemon answers at `path`; errno says why.
-  bool connect(const std::string &path, wait_time wait = FOREVER);
+  bool connect(const std::string &path, socket_deadline deadline = socket_deadline::max());
   /// After connect(). Returns EXIT_OK and fills `reply`, or the exit code of the failure. A daemon that does not answer
-  /// within `wait` is one that cannot be reached.
-  int ask(const nlohmann::json &request, nlohmann::json &reply, wait_time wait = FOREVER);
-  /// Both.
+  /// by the deadline is one that cannot be reached.
+  int ask(const nlohmann::json &request, nlohmann::json &reply, socket_deadline deadline = socket_deadline::max());
+  /// Both, within `wait`.
   int request(const std::string &path, const nlohmann::json &request, nlohmann::json &reply, wait_time wait = FOREVER);
 
   /// The lines that follow the answer.
