@@ -207,7 +207,7 @@ TEST_F(client_test, waits_for_no_daemon_that_hangs)
   testing::internal::CaptureStderr();
   const kesh::submit_options options{.input = "/dev/null", .timeout_s = 0.05, .latency_path = ""};
   EXPECT_EQ(kesh::submit_command(path("socket"), options), kesh::EXIT_UNREACHABLE);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("does not answer within 1.05 s"), std::string::npos);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("does not answer in time"), std::string::npos);
 }
 
 // The kernel lets 16 KiB wait: a queue that nobody empties takes no sign after half an hour.
