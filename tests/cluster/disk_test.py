@@ -252,6 +252,54 @@ class Disk(Scenario):
         self.cluster.start(3)
         self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
 
+    def die_at_each_commit(self, rules):
+        """Starts node 3 again and again, each time to die at a later commit of its store, until it outlives all that it
+        makes before it has caught up. Returns how often it died."""
+        for count in range(1, 30):
+            write_by_rename(rules, f"kill_before sync:host/kesh.store-wal {count}\n")
+            self.cluster.node(3).spawn()
+            wait_until(lambda: not self.cluster.node(3).is_running() or self.has_caught_up(), 30.0,
+                       "node 3 ends, or has caught up")
+            if self.cluster.node(3).is_running():
+                return count - 1
+        raise AssertionError("it never catches up")
+
+    def has_caught_up(self):
+        try:
+            status = self.cluster.status(3)
+            return not status["journal"]["incomplete"] and status["journal"]["lines"] == self.lines_in_all
+        except LabError:
+            return False
+
+    def last_state_of_node_3(self):
+        """The number of payloads in the state that the node, which must be down, adopted last; 0: none."""
+        with closing(sqlite3.connect(self.cluster.node(3).path("flashdisk", "kesh.store"))) as store:
+            return store.execute("SELECT value FROM meta WHERE key = 'state_n'").fetchone()[0]
+
+    def test_a_node_that_dies_at_any_commit_of_a_state_keeps_or_extends_its_store(self):
+        self.lines_in_all = 20
+        self.submit(1, self.lines_in_all).wait()
+        self.check_all()
+        rules = self.make_disk_fail_on_command(3)
+        self.cluster.stop(3)
+        for what, more in (("kept", 0), ("extended", 520)):
+            with self.subTest(what):
+                state_before = self.last_state_of_node_3()
+                if more:
+                    self.submit(1, more, window=1).wait()  # two logs: what is not in the present one comes as a state
+                    self.lines_in_all += more
+                else:
+                    self.replace_record("paxos_deliver", b"\x01\x02\x03")  # so that it asks for a state
+                self.assertGreater(self.die_at_each_commit(rules), 0)
+                os.remove(rules)
+                self.assertEqual([one.base for one in self.check_all()], [0, 0, 0])
+                self.cluster.stop(3)
+                if more:
+                    self.assertGreater(self.last_state_of_node_3(), state_before)
+                else:
+                    self.assertIn("this node asks the others for everything anew", self.log_of(3))
+                self.assertFalse([name for name in os.listdir(self.cluster.node(3).path("flashdisk")) if "aside" in name])
+
     def test_a_node_that_dies_or_fails_at_any_step_of_a_delivery_goes_on(self):
         self.cluster.stop(3)
         rules = self.make_disk_fail_on_command(3)
