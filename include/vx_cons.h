@@ -1,6 +1,6 @@
 /* libvx_cons: ordered, durable broadcast and cluster messages for a cluster of up to 16 appliances.
  *
- * Fourteen functions, plain C, symbol version VX. The library does no networking of its own: the process
+ * Fifteen functions, plain C, symbol version VX. The library does no networking of its own: the process
  * that loads it provides the functions of vx_host.h.
  *
  * Calling order: vx_cons_init; the hooks; vx_cons_configure when the configuration is new or has changed;
@@ -128,6 +128,20 @@ int vx_cons_cluster_active(void);
 /* The number of nodes and this node's id while active, else 1. */
 uint32_t vx_cons_get_node_count(void);
 uint32_t vx_cons_get_node_id(void);
+
+/* What the library saves: records (decision, delivery, identifiers), registers, payloads. */
+#define VX_CONS_SAVES_RECORD 0
+#define VX_CONS_SAVES_REGISTER 1
+#define VX_CONS_SAVES_PAYLOAD 2
+#define VX_CONS_SAVE_KINDS 3
+/* Files of one kind that were saved since the library was loaded, and the time that took, in microseconds. A save counts
+ * when it ends, a failed one too. */
+typedef struct vx_cons_saves {
+  uint64_t count;
+  uint64_t microseconds;
+} vx_cons_saves;
+/* Any thread. Zeros for an unknown kind. */
+vx_cons_saves vx_cons_get_saves(uint32_t kind);
 
 #ifdef __cplusplus
 }

@@ -116,6 +116,13 @@ public:
     const lock_scope scope(critical_lock_);
     last_critical_ = critical;
   }
+  void count(log_level level, std::string_view text)
+  {
+    library_errors_ += level == log_level::error ? 1 : 0;
+    payloads_lost_ += level == log_level::error && library_line_tells_loss(text) ? 1 : 0;
+  }
+  uint64_t library_errors() const { return library_errors_; }
+  uint64_t payloads_lost() const { return payloads_lost_; }
   std::string last_critical()
   {
     const lock_scope scope(critical_lock_);
@@ -155,6 +162,8 @@ private:
   std::atomic<log_level> level_ = log_level::info;
   std::atomic<uint32_t> node_ = 0;
   std::atomic<bool> is_journal_ = false;
+  std::atomic<uint64_t> library_errors_ = 0;
+  std::atomic<uint64_t> payloads_lost_ = 0;
   shared_mutex queue_lock_;
   std::unique_ptr<log_queue> queue_ PLATFORM_GUARDED_BY(queue_lock_);
   mutex critical_lock_;
@@ -179,6 +188,7 @@ void format_line(int error, const char *format, va_list arguments, const judge &
     const int printed = vsnprintf(line, sizeof line, format, arguments);
     size_t length = printed < 0 ? 0 : std::min(static_cast<size_t>(printed), sizeof line - 1);
     const log_level level = level_of_text(std::string_view(line, length));
+    opened().count(level, std::string_view(line, length));
     const bool is_critical = std::string_view(line, length).find("CRITICAL") != std::string_view::npos;
     if (opened().takes(level) || is_critical) {
       if (error != 0) {
@@ -291,6 +301,16 @@ bool log_close(std::chrono::milliseconds limit)
 uint64_t log_dropped()
 {
   return opened().dropped();
+}
+
+uint64_t log_library_errors()
+{
+  return opened().library_errors();
+}
+
+uint64_t log_payloads_lost()
+{
+  return opened().payloads_lost();
 }
 
 std::string log_last_critical()

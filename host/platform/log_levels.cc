@@ -16,9 +16,11 @@ struct rule {
   log_level level;
 };
 
+constexpr std::string_view PAYLOAD_LOST = "data lost - skipped";
+
 // The first one that fits.
 constexpr rule RULES[] = {
-    {rule::place::anywhere, "data lost - skipped", log_level::error},
+    {rule::place::anywhere, PAYLOAD_LOST, log_level::error},
     {rule::place::start, "Isolating from cluster", log_level::error},
     {rule::place::anywhere, "already hashed. This should never happen!", log_level::error},
     {rule::place::anywhere, "corrupted message set", log_level::warning},
@@ -47,6 +49,11 @@ log_level library_line_level(std::string_view text)
     }
   }
   return log_level::info;
+}
+
+bool library_line_tells_loss(std::string_view text)
+{
+  return text.find(PAYLOAD_LOST) != std::string_view::npos;
 }
 
 log_level library_failure_level(std::string_view text, int error)

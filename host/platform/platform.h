@@ -57,6 +57,9 @@ bool log_flush(std::chrono::milliseconds limit);
 bool log_close(std::chrono::milliseconds limit);
 /// Lines that were dropped, since the disk was too slow for them.
 uint64_t log_dropped();
+/// Lines of the library that tell of an error, written or not; and of a payload that it gave up, which is one of them.
+uint64_t log_library_errors();
+uint64_t log_payloads_lost();
 /// The last line of the library that said CRITICAL, in any level; empty: none did.
 std::string log_last_critical();
 /// The host's own lines. Any thread; waits for no disk, unless log.queue is 0.

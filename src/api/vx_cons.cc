@@ -2,6 +2,7 @@
 
 #include "vx_cons.h"
 
+#include "common/save_times.h"
 #include "ordered_broadcast/data_hooks.h"
 #include "ordered_broadcast/distribute.h"
 #include "ordered_broadcast/paxos_state.h"
@@ -201,4 +202,9 @@ uint32_t vx_cons_get_node_count(void)
 uint32_t vx_cons_get_node_id(void)
 {
   return is_active() ? cons_service.node_id.load() : 1;
+}
+
+vx_cons_saves vx_cons_get_saves(uint32_t kind)
+{
+  return save_times_of(kind);
 }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "common/save_times.h"
 #include "common/scoped_fd.h"
 #include "service/service_state.h"
 #include "vx_host.h"
@@ -64,6 +65,7 @@ int store_read(const char *path, uint8_t *buffer, uint32_t length)
 
 int store_write(const char *path, const uint8_t *buffer, uint32_t length)
 {
+  const save_timer timer(VX_CONS_SAVES_RECORD);
   char temporary[PATH_SIZE];
   std::snprintf(temporary, sizeof temporary, "%s.tmp", path);
   const int result = replace_record(temporary, path, buffer, length);

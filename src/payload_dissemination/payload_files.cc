@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/monotonic_clock.h"
+#include "common/save_times.h"
 #include "payload_dissemination/data_stopped.h"
 #include "payload_dissemination/payload_store.h"
 #include "payload_dissemination/payload_table.h"
@@ -40,6 +41,7 @@ save_step begin_save(payload_entry &entry)
 
 bool save(const payload_entry &entry, id_entry name)
 {
+  const save_timer timer(VX_CONS_SAVES_PAYLOAD);
   if (payload_store_write(name, entry.payload, entry.state_number, reserve_for(entry)) != 0) {
     return false;
   }

@@ -13,6 +13,7 @@
 
 #include "common/cons_mutex.h"
 #include "common/le_bytes.h"
+#include "common/save_times.h"
 #include "common/scoped_fd.h"
 #include "service/service_state.h"
 #include "vx_host.h"
@@ -140,6 +141,7 @@ int store_load(uint32_t id, acceptor_state &state)
 int store_save(uint32_t id, const acceptor_state &state)
 {
   cons_lock lock(staging.lock);
+  const save_timer timer(VX_CONS_SAVES_REGISTER);
   const size_t size = HEADER_SIZE + state.value.length();
   if (!ensure_capacity(size)) {
     return -1;

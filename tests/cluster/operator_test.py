@@ -204,6 +204,12 @@ class Operator(Scenario):
         self.assertEqual(asked.keys(), after.keys())
         self.assertEqual(asked["kesh_journal_lines",], 20)
         self.assertEqual(asked["kesh_commit_seconds_count",], asked["kesh_payloads_applied",])
+        for kind, least in (("record", 2), ("register", 1), ("payload", 1)):  # each payload needs at least so many
+            self.assertGreaterEqual(asked["kesh_save_seconds_count", ("file", kind)],
+                                    least * asked["kesh_payloads_applied",], kind)
+        self.assertEqual(asked["kesh_roll_over_seconds_count",], 1)  # the first log
+        self.assertGreater(asked["kesh_roll_over_seconds_sum",], 0)
+        self.assertGreater(asked["kesh_number_space_used_ratio", ("numbers", "identifier")], 0)
         self.check_alert_rules(asked)
         for path in ("/", "/metrics/", "/../etc/passwd"):
             with self.assertRaisesRegex(LabError, "404"):

@@ -21,6 +21,7 @@ vx_cons_configure@@VX
 vx_cons_distribute@@VX
 vx_cons_get_node_count@@VX
 vx_cons_get_node_id@@VX
+vx_cons_get_saves@@VX
 vx_cons_init@@VX
 vx_cons_register_clmsg_hook@@VX
 vx_cons_register_data_hooks@@VX

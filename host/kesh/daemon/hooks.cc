@@ -95,6 +95,7 @@ void adopt_state()
     platform::log_line(platform::log_level::info,
                        "store: brought to payload " + std::to_string(done.state_n) + " by a state of the cluster");
   }
+  hooked->roll_overs.log_begins();
   hooked->link->changed();
 }
 
@@ -103,6 +104,7 @@ void deliver_state(std::string_view bytes, uint32_t type)
 {
   if (type == DATA_TYPE) {
     hooked->lines.begin_adopt(bytes);
+    hooked->states.bytes = bytes.size();
   } else if (!bytes.empty()) {
     hooked->watcher.damaged(type, bytes.size());
     platform::log_line(platform::log_level::error, "a state of " + std::to_string(bytes.size()) +
@@ -139,7 +141,9 @@ int get_state_hook(uint8_t **state, uint32_t *length)
       return -1;
     }
     hooked->watcher.hook_begins(type, true);
+    hooked->roll_overs.state_begins();
     hooked->lines.encode_state(state, length);
+    hooked->states.bytes = *length;
     hooked->watcher.state_made(*length);
     return 0;
   } catch (const std::exception &failure) {

@@ -48,6 +48,14 @@ std::optional<last_delivery> last_delivery_read()
   return reader.ok() ? std::optional(result) : std::nullopt;
 }
 
+std::optional<uint32_t> last_identifier_read()
+{
+  const std::string bytes = read_start(std::string(CONS_DIRECTORY) + "/msg_id", 4);
+  byte_reader reader(bytes);
+  const auto result = reader.le<uint32_t>();
+  return reader.ok() ? std::optional(result) : std::nullopt;
+}
+
 std::string node_state_read()
 {
   return read_start("/var/run/node_state", 6);

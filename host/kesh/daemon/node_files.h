@@ -23,6 +23,8 @@ struct last_delivery {
 /// Not set if the file is missing or too short.
 std::optional<last_decision> last_decision_read();
 std::optional<last_delivery> last_delivery_read();
+/// The last message identifier that this node handed out.
+std::optional<uint32_t> last_identifier_read();
 
 /// What /var/run/node_state says, its first six characters; empty if it is missing.
 std::string node_state_read();

@@ -207,6 +207,7 @@ int service::start_locked(std::string &error)
   if (!link->before_library_start(error)) {
     return EXIT_REFUSED;
   }
+  roll_overs.forget();
   std::string rejoins;
   if (const int code = store_make_fit(lines, link->is_reformed(), rejoins, error); code != EXIT_OK) {
     return code;

@@ -30,6 +30,35 @@ struct state_counters {
   std::atomic<uint64_t> replaced = 0;
   std::atomic<uint64_t> put_aside = 0;  ///< stores kept under another name since the daemon began
   std::atomic<uint64_t> rejoined = 0;   ///< times that the store did not fit the library's records
+  std::atomic<uint64_t> bytes = 0;      ///< of the last state that was made or taken
+};
+
+/// How long new logs hold the order up, as the node sees it that makes their states. Any thread.
+class roll_over_clock
+{
+public:
+  struct times {
+    uint64_t count;
+    uint64_t sum_us;
+  };
+
+  void state_begins() { begun_ns_ = steady_time::clock::now().time_since_epoch().count(); }
+  /// A state was taken: the log that begins with it goes on. No effect if this node made none.
+  void log_begins()
+  {
+    if (const int64_t begun = begun_ns_.exchange(0); begun != 0) {
+      sum_us_ += static_cast<uint64_t>(steady_time::clock::now().time_since_epoch().count() - begun) / 1000;
+      count_++;
+    }
+  }
+  /// What was begun will not be seen to end.
+  void forget() { begun_ns_ = 0; }
+  times read() const { return {.count = count_, .sum_us = sum_us_}; }
+
+private:
+  std::atomic<int64_t> begun_ns_ = 0;
+  std::atomic<uint64_t> count_ = 0;
+  std::atomic<uint64_t> sum_us_ = 0;
 };
 
 class service
@@ -72,6 +101,7 @@ public:
   observer &watcher;
   store lines;
   state_counters states;
+  roll_over_clock roll_overs;
   heard messages;
   std::unique_ptr<batcher> submissions;      ///< from open_store on
   std::unique_ptr<waiting_clients> waiting;  ///< clients of the daemon itself, as submissions

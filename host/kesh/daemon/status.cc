@@ -34,8 +34,23 @@ json journal_fields(service &host)
           {"commits", {{"count", now.commits.count}, {"sum_us", now.commits.sum_us}}},
           {"states",
            {{"kept", states.kept.load()}, {"extended", states.extended.load()}, {"replaced", states.replaced.load()}}},
+          {"state_bytes", states.bytes.load()},
           {"put_aside", states.put_aside.load()},
           {"rejoined", states.rejoined.load()}};
+}
+
+json library_fields(const roll_over_clock &roll_overs)
+{
+  const auto saves = [](uint32_t kind) -> json {
+    const vx_cons_saves of = vx_cons_get_saves(kind);
+    return {{"count", of.count}, {"sum_us", of.microseconds}};
+  };
+  const roll_over_clock::times rolled = roll_overs.read();
+  return {{"saves",
+           {{"record", saves(VX_CONS_SAVES_RECORD)},
+            {"register", saves(VX_CONS_SAVES_REGISTER)},
+            {"payload", saves(VX_CONS_SAVES_PAYLOAD)}}},
+          {"roll_overs", {{"count", rolled.count}, {"sum_us", rolled.sum_us}}}};
 }
 
 json latency_fields(const latencies &times)
@@ -203,6 +218,8 @@ json status_collect(service &host)
                  {"uptime_s", std::chrono::duration_cast<std::chrono::seconds>(up).count()},
                  {"decision", nullptr},
                  {"delivery", nullptr},
+                 {"identifier", nullptr},
+                 {"library", library_fields(host.roll_overs)},
                  {"journal", journal_fields(host)},
                  {"submissions",
                   {{"open", sent.open},
@@ -217,12 +234,17 @@ json status_collect(service &host)
                  {"cluster", host.link->status_json()},
                  {"messages", message_fields(std::min<size_t>(host.configured.node_count, platform::NODES_MAX))},
                  {"log_lines_dropped", platform::log_dropped()},
+                 {"library_errors", platform::log_library_errors()},
+                 {"payloads_lost", platform::log_payloads_lost()},
                  {"heard", host.messages.count()}};
   if (const auto decision = last_decision_read()) {
     status["decision"] = {{"number", decision->number}, {"entries", decision->entries}};
   }
   if (const auto delivery = last_delivery_read()) {
     status["delivery"] = {{"sender", delivery->sender}, {"msg_id", delivery->msg_id}};
+  }
+  if (const auto identifier = last_identifier_read()) {
+    status["identifier"] = *identifier;
   }
   return status;
 }

@@ -34,6 +34,12 @@ public:
   {
     text_ += name_ + suffix + (labels.empty() ? "" : '{' + labels + '}') + ' ' + number_text(value) + '\n';
   }
+  /// Of an object with count and sum_us.
+  void sum_and_count(const json &of, const std::string &labels = "")
+  {
+    sample(of.at("sum_us").get<double>() / 1e6, labels, "_sum");
+    sample(of.at("count").get<double>(), labels, "_count");
+  }
   void one(const char *name, const char *type, const char *help, double value)
   {
     family(name, type, help);
@@ -84,15 +90,25 @@ void write_submissions(writer &to, const json &sent)
   to.sample(number_of(times.at("total")), "", "_count");
 }
 
+void write_library(writer &to, const json &library)
+{
+  to.family("save_seconds", "summary", "What the library's saves take, by what is saved.");
+  for (const auto &[kind, saves] : library.at("saves").items()) {
+    to.sum_and_count(saves, label("file", kind));
+  }
+  to.family("roll_over_seconds", "summary",
+            "How long new logs held the order up: from the making of their state by this node until it was taken.");
+  to.sum_and_count(library.at("roll_overs"));
+}
+
 void write_journal(writer &to, const json &lines)
 {
   to.one("payloads_applied", "gauge", "Payloads that the store has applied, n.", number_of(lines.at("n")));
   to.one("journal_lines", "gauge", "Number of the journal's last line.", number_of(lines.at("lines")));
   to.one("journal_bytes", "gauge", "Bytes of the payloads that the store keeps.", number_of(lines.at("bytes")));
-  const json &commits = lines.at("commits");
+  to.one("state_bytes", "gauge", "Size of the last state that was made or taken.", number_of(lines.at("state_bytes")));
   to.family("commit_seconds", "summary", "What the durable commit of a payload in the store takes.");
-  to.sample(commits.at("sum_us").get<double>() / 1e6, "", "_sum");
-  to.sample(number_of(commits.at("count")), "", "_count");
+  to.sum_and_count(lines.at("commits"));
   to.one("incomplete", "gauge", "1: the store waits for a state.",
          lines.at("incomplete").get<std::string>().empty() ? 0 : 1);
   to.family("states_total", "counter", "States of the cluster that arrived, by what became of the own store.");
@@ -156,6 +172,18 @@ void write_messages(writer &to, const json &messages)
   }
 }
 
+/// What a node does not know, since it has no such record, is left out.
+void write_number_spaces(writer &to, const json &status)
+{
+  to.family("number_space_used_ratio", "gauge", "Share of the 32-bit numbers that is used; kesh reform begins anew.");
+  if (const json &decision = status.at("decision"); !decision.is_null()) {
+    to.sample(number_of(decision.at("number")) / NUMBER_SPACE, label("numbers", "decision"));
+  }
+  if (const json &identifier = status.at("identifier"); !identifier.is_null()) {
+    to.sample(number_of(identifier) / NUMBER_SPACE, label("numbers", "identifier"));
+  }
+}
+
 }  // namespace
 
 std::string metrics_text(const json &status)
@@ -170,15 +198,19 @@ std::string metrics_text(const json &status)
     to.one("decision", "gauge", "Number of the last decision.", number_of(decision.at("number")));
     to.one("log_entries", "gauge", "Entries of the library's log; the 250th is the last.",
            number_of(decision.at("entries")));
-    to.family("number_space_used_ratio", "gauge", "Share of the 32-bit numbers that is used; kesh reform begins anew.");
-    to.sample(number_of(decision.at("number")) / NUMBER_SPACE, label("numbers", "decision"));
   }
+  write_number_spaces(to, status);
   if (const json &cluster = status.at("cluster"); cluster.contains("ordering")) {
     write_cluster(to, cluster);
   }
   write_submissions(to, status.at("submissions"));
+  write_library(to, status.at("library"));
   write_journal(to, status.at("journal"));
   write_messages(to, status.at("messages"));
+  to.one("payloads_lost_total", "counter", "Payloads that the library gave up, since no node has them any more.",
+         number_of(status.at("payloads_lost")));
+  to.one("library_errors_total", "counter", "Lines of the library that tell of an error.",
+         number_of(status.at("library_errors")));
   to.one("log_lines_dropped_total", "counter", "Lines of the log that a slow disk cost.",
          number_of(status.at("log_lines_dropped")));
   return std::move(to).text();

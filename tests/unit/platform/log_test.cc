@@ -79,6 +79,8 @@ TEST(log, lines_of_the_library_matter_as_much_as_what_they_tell)
   };
   for (const auto &line : lines) {
     EXPECT_EQ(platform::library_line_level(line.text), line.level) << line.text;
+    EXPECT_EQ(platform::library_line_tells_loss(line.text),
+              std::string_view(line.text).find("data lost") != std::string_view::npos);
   }
   EXPECT_EQ(platform::library_failure_level("store_delete(): unlink() failed", ENOENT), log_level::debug);
   EXPECT_EQ(platform::library_failure_level("store_delete(): unlink() failed", EIO), log_level::error);
