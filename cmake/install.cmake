@@ -62,7 +62,7 @@ vx_install_link(${host_docs}/prometheus kesh.rules.yml ${CMAKE_INSTALL_DATADIR}/
 vx_install_link(${host_docs}/systemd kesh.service ${VX_UNIT_DIR}/kesh.service)
 vx_install_link(${host_docs}/systemd keepalived.conf ${VX_UNIT_DIR}/keepalived.service.d/kesh.conf)
 
-foreach(page kesh.8 kesh.conf.5 vxlab.1 vx_cons.3)
+foreach(page kesh.8 kesh.conf.5 vxlab.1 vx-check.1 vx-sim.1 vx_cons.3)
   string(REGEX REPLACE ".*[.]" "" chapter ${page})
   install(FILES ${VX_MAN_DIR}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter})
 endforeach()
