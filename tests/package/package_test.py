@@ -144,6 +144,9 @@ class Packages(unittest.TestCase):
         self.assertEqual(journals[0], self.lines)
         self.assertEqual(journals[1:], journals[:1] * 2)
 
+    def cluster_files(self):
+        return contents(*(place for node in self.nodes for place in (node.flashdisk, node.config)))
+
     def check_installed(self):
         run("systemd-analyze", "verify", "/lib/systemd/system/kesh.service")  # its program and its manual pages, too
         self.assertTrue(os.path.islink("/etc/systemd/system/multi-user.target.wants/kesh.service"))
@@ -204,15 +207,16 @@ class Packages(unittest.TestCase):
         shipped = [path for path in run("dpkg", "-L", *PACKAGES).splitlines()
                    if os.path.lexists(path) and not os.path.isdir(path)]
         self.assertIn("/usr/bin/kesh", shipped)
-        kept = contents(*(place for node in self.nodes for place in (node.flashdisk, node.config)))
+        kept = self.cluster_files()
         self.assertIn("/flashdisk/kesh.store", kept)
         run("dpkg", "-r", *PACKAGES)
         self.assertEqual([path for path in shipped if os.path.lexists(path)], ["/etc/logrotate.d/kesh"])
-        self.assertEqual(contents(*(place for node in self.nodes for place in (node.flashdisk, node.config))), kept)
+        self.assertEqual([path for path in (LAB_DIR, DOC_DIR, os.path.dirname(VIEW)) if os.path.exists(path)], [])
+        self.assertEqual(self.cluster_files(), kept)
         told = run("dpkg", "--purge", *PACKAGES)
         self.assertIn("/flashdisk/cons is kept", told)
-        self.assertEqual(contents(*(place for node in self.nodes for place in (node.flashdisk, node.config))), kept)
-        self.assertFalse(run("find", "/etc", "/var/lib/systemd", "-name", "*kesh*", "-not", "-name", "kesh.conf"))
+        self.assertEqual(self.cluster_files(), kept)
+        self.assertEqual(run("find", "/etc", "/var/lib/systemd", "-name", "*kesh*", "-not", "-name", "kesh.conf"), "")
 
         self.install(first)  # what was kept is of use
         for node in self.nodes:
