@@ -229,6 +229,8 @@ def main():
     if sys.argv[1:2] == ["--inside"]:
         enter_root(*sys.argv[2:])
         unittest.main(argv=sys.argv[:1])
+    if os.geteuid() != 0:
+        sys.exit("package_test: this needs root, for dpkg")
     with tempfile.TemporaryDirectory(prefix="package-") as place:
         packages = sys.argv[1] if len(sys.argv) > 1 else os.path.join(place, "packages")
         if len(sys.argv) < 2:
