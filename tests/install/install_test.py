@@ -53,6 +53,15 @@ class Installation(unittest.TestCase):
                     for place in (self.first, BUILD_DIR, SOURCE_DIR):
                         self.assertNotIn(place.encode(), content)
 
+    def test_documents_link_to_what_is_there(self):
+        documents = [path for path in self.files() if path.endswith(".md")]
+        self.assertGreater(len(documents), 5)
+        for path in documents:
+            with open(path, encoding="utf-8") as file:
+                links = re.findall(r"\]\((?!https?:)([^)#]+)", file.read())
+            missing = [link for link in links if not os.path.exists(os.path.join(os.path.dirname(path), link))]
+            self.assertEqual(missing, [], path)
+
     def test_programs_run_from_it(self):
         def vxlab(*arguments, **options):
             return run(self.installed("bin", "vxlab"), "--dir", os.path.join(self.path, "lab"), *arguments, **options)

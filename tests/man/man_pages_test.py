@@ -7,10 +7,11 @@ import unittest
 
 BUILD_DIR = os.environ["VX_BUILD_DIR"]
 SOURCE_DIR = os.environ["VX_SOURCE_DIR"]
-PAGES = ("kesh.8", "kesh.conf.5", "vxlab.1", "vx_cons.3")
+PAGES = ("kesh.8", "kesh.conf.5", "vxlab.1", "vx-check.1", "vx-sim.1", "vx_cons.3")
 KESH = os.path.join(BUILD_DIR, "bin", "kesh")
 VXLAB = os.path.join(SOURCE_DIR, "lab", "vxlab")
 VX_CHECK = os.path.join(SOURCE_DIR, "lab", "vx-check")
+VX_SIM = os.path.join(BUILD_DIR, "bin", "vx-sim")
 # Pages that exist, installed or not.
 KNOWN = "|".join(" ".join(page.rsplit(".", 1)) for page in (*PAGES, "keepalived.8", "malloc.3", "fork.2", "exec.3"))
 
@@ -95,6 +96,13 @@ class ManPages(unittest.TestCase):
             told = set(re.findall(r"Fl -([a-z-]+)", "".join(re.findall(r"^\.It Fl .*\n", text, re.MULTILINE))))
             general = helped_options(output(KESH if page == "kesh.8" else VXLAB, "--help"))
             self.assertEqual(told - {"help"}, general.union(*commands.values()), page)
+
+    def test_each_option_of_a_program_without_commands_is_there(self):
+        for page, program in (("vx-check.1", VX_CHECK), ("vx-sim.1", VX_SIM)):
+            helped = helped_options(output(program, "--help"))
+            self.assertEqual(options(section(page, "SYNOPSIS")) - {"help"}, helped, page)
+            told = options("".join(re.findall(r"^\.It Fl .*\n", section(page, "DESCRIPTION"), re.MULTILINE)))
+            self.assertEqual(told - {"help"}, helped, page)
 
     def test_each_key_is_there(self):
         with open(os.path.join(SOURCE_DIR, "host", "kesh", "kesh.conf.example"), encoding="utf-8") as file:
