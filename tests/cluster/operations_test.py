@@ -1,0 +1,170 @@
+"""docs/operations.md does what it says: each of its blocks runs on machines of a network of their own, from the first
+to the last, and what it shows is what they print.
+
+    ```sh                  a block for a shell. Its first line says where: "# on node 2", "# on nodes 2 and 3", "# on each
+    # on node 2            node" (at the same time), "# on each node in turn". It stops at the first command whose exit
+    kesh check  # exit 3   code is not 0 or the one that is said behind it.
+    ```
+    ```text                right behind it: these lines stand in what each of the nodes printed, in this order. An
+    ordering … node 2      ellipsis stands for any text.
+    ```
+
+VX_FIGURES=1 prints how long the procedures took.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+from dataclasses import dataclass, field
+
+from scenario import BUILD_DIR, lines, wait_until
+
+from machine import Site, enter_own_namespaces
+
+SOURCE_DIR = os.path.dirname(os.environ["VX_LAB_DIR"])
+DOCUMENT = os.path.join(SOURCE_DIR, "docs", "operations.md")
+BLOCK_S = 60
+NODES = (1, 2, 3)
+SMALL_DISK_MB = 64
+PACKAGES = "root/packages"  # where the text has what it installs
+
+
+@dataclass
+class Block:
+    section: str
+    line: int
+    script: list
+    expected: list = field(default_factory=list)
+
+    @property
+    def place(self):
+        return f"operations.md:{self.line}"
+
+    def nodes(self):
+        """Returns (the nodes, whether they do it one after the other)."""
+        told = re.match(r"# on (each node|nodes? ((?:\d+(?:, | and )?)+))( in turn)?", self.script[0])
+        if not told:
+            raise AssertionError(f"{self.place}: the first line does not say where")
+        return NODES if told[1] == "each node" else tuple(map(int, re.findall(r"\d+", told[2]))), bool(told[3])
+
+    def bash(self):
+        """Returns the script with a test of each exit code that is said behind its command."""
+        checked = [re.sub(r"^(.*\S)\s+# exit (\d+)\b.*$", r"code=0; { \1; } || code=$?; test $code = \2", line)
+                   for line in self.script]
+        return "\n".join(["set -e", *checked])
+
+    def check_output(self, node, output):
+        rest = output
+        for line in self.expected:
+            found = re.search("^ *" + ".*".join(map(re.escape, line.strip().split("…"))) + " *$", rest, re.MULTILINE)
+            if not found:
+                raise AssertionError(f"{self.place}: node {node} does not print: {line}\n{output}")
+            rest = rest[found.end():]
+
+
+def read_blocks(text):
+    """Returns the blocks of the document, in its order."""
+    blocks, section, fence = [], "", None
+    for number, line in enumerate(text.splitlines(), 1):
+        if line.strip().startswith("```"):
+            fence = None if fence else line.strip()[3:]
+            if fence == "sh":
+                blocks.append(Block(section, number, []))
+        elif fence == "sh":
+            blocks[-1].script.append(line.strip())
+        elif fence == "text":
+            blocks[-1].expected.append(line)
+        elif fence is None and line.startswith("## "):
+            section = line[3:]
+    return blocks
+
+
+def install_tree(build_dir, prefix):
+    subprocess.run(["cmake", "--install", build_dir, "--strip", "--prefix", prefix], check=True, capture_output=True)
+
+
+def raise_build_number(program):
+    """The same program but for the number that it carries."""
+    def readelf(*words):
+        return subprocess.run(["readelf", "-W", *words, program], check=True, capture_output=True, text=True).stdout
+
+    address = int(re.search(r"(\w+) .* vx_firmware_dova_build_nr", readelf("--dyn-syms"))[1], 16)
+    section, offset = (int(word, 16) for word in re.search(r" \.rodata +PROGBITS +(\w+) (\w+)", readelf("-S")).groups())
+    with open(program, "r+b") as file:
+        file.seek(address - section + offset)
+        number = int.from_bytes(file.read(4), "little")
+        file.seek(-4, os.SEEK_CUR)
+        file.write((number + 1).to_bytes(4, "little"))
+
+
+class Operations(unittest.TestCase):
+    def setUp(self):
+        self.path = tempfile.mkdtemp(prefix="operations-", dir=BUILD_DIR)
+        self.addCleanup(shutil.rmtree, self.path)
+        self.trees = os.path.join(self.path, "trees")
+        install_tree(BUILD_DIR, os.path.join(self.trees, "first", "usr"))
+        shutil.copytree(os.path.join(self.trees, "first"), os.path.join(self.trees, "next"), symlinks=True)
+        raise_build_number(os.path.join(self.trees, "next", "usr", "bin", "kesh"))
+        os.mkdir(os.path.join(self.path, "site"))
+        self.site = Site(os.path.join(self.path, "site"))
+        self.addCleanup(self.site.close)
+        for node in NODES:
+            self.new_machine(node)
+
+    def new_machine(self, node, **options):
+        machine = self.site.add(node, **options)
+        self.deliver(machine, "first")
+        machine.boot()
+        return machine
+
+    def deliver(self, machine, tree):
+        """New packages lie there."""
+        shutil.rmtree(machine.path(PACKAGES), ignore_errors=True)
+        shutil.copytree(os.path.join(self.trees, tree), machine.path(PACKAGES), symlinks=True)
+
+    def bash(self, node, script):
+        return subprocess.run(self.site.machines[node].command("bash", "-c", script), stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=BLOCK_S, check=False)
+
+    def run_block(self, block):
+        nodes, is_in_turn = block.nodes()
+        results = {}
+
+        def run_on(node):
+            try:
+                results[node] = self.bash(node, block.bash())
+            except subprocess.TimeoutExpired as error:
+                results[node] = subprocess.CompletedProcess([], None, (error.output or b"").decode(errors="replace"))
+
+        for group in [[node] for node in nodes] if is_in_turn else [nodes]:
+            threads = [threading.Thread(target=run_on, args=(node,)) for node in group]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            for node in group:
+                self.assertEqual(results[node].returncode, 0, f"{block.place}, node {node}:\n{results[node].stdout}")
+                block.check_output(node, results[node].stdout)
+
+    def test_every_block(self):
+        with open(DOCUMENT, encoding="utf-8") as file:
+            blocks = read_blocks(file.read())
+        for section in dict.fromkeys(block.section for block in blocks):
+            began = time.monotonic()
+            for block in blocks:
+                if block.section == section:
+                    if os.environ.get("VX_TRACE"):
+                        print(f"{time.monotonic() - began:6.1f} {block.place}", flush=True)
+                    self.run_block(block)
+            print(f"{section}: {time.monotonic() - began:.1f} s", flush=True)
+
+
+if __name__ == "__main__":
+    enter_own_namespaces()
+    unittest.main()
