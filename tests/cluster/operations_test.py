@@ -30,6 +30,7 @@ from machine import Site, enter_own_namespaces
 SOURCE_DIR = os.path.dirname(os.environ["VX_LAB_DIR"])
 DOCUMENT = os.path.join(SOURCE_DIR, "docs", "operations.md")
 BLOCK_S = 60
+LOG_LINES_SHOWN = 25
 NODES = (1, 2, 3)
 SMALL_DISK_MB = 64
 PACKAGES = "root/packages"  # where the text has what it installs
@@ -114,8 +115,20 @@ class Operations(unittest.TestCase):
         os.mkdir(os.path.join(self.path, "site"))
         self.site = Site(os.path.join(self.path, "site"))
         self.addCleanup(self.site.close)
+        self.addCleanup(self.show_logs_of_failure)
         for node in NODES:
             self.new_machine(node)
+
+    def show_logs_of_failure(self):
+        outcome = self._outcome.result
+        if any(test is self for test, _ in outcome.failures + outcome.errors):
+            for node, machine in self.site.machines.items():
+                print(self.bash(node, "kesh status; kesh --version; ls -l /flashdisk").stdout, file=sys.stderr)
+                for name in ("kesh.log", "kesh.out", "keepalived.out"):
+                    print(f"--- end of {name} of {machine.name}", file=sys.stderr)
+                    if os.path.exists(machine.path("var/log/" + name)):
+                        with open(machine.path("var/log/" + name), encoding="utf-8", errors="replace") as log:
+                            sys.stderr.writelines(log.readlines()[-LOG_LINES_SHOWN:])
 
     def new_machine(self, node, **options):
         machine = self.site.add(node, **options)
@@ -131,6 +144,35 @@ class Operations(unittest.TestCase):
     def bash(self, node, script):
         return subprocess.run(self.site.machines[node].command("bash", "-c", script), stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=BLOCK_S, check=False)
+
+    def before(self, section):
+        """What happened, of which the section tells."""
+        machines = self.site.machines
+        if section == "Power cut":
+            for machine in machines.values():
+                machine.power_off()
+            for machine in machines.values():
+                machine.boot()
+        elif section == "Replace a machine":
+            machines[3].remove()
+            self.new_machine(3, disk_mb=SMALL_DISK_MB)
+        elif section == "Upgrade with a new build number":
+            for machine in machines.values():
+                self.deliver(machine, "next")
+        elif section == "Reform":
+            for node in (2, 3):
+                machines[node].power_off()
+                disk = os.path.join(machines[node].dir, "flashdisk")
+                for name in os.listdir(disk):
+                    if name == "cons":
+                        shutil.rmtree(os.path.join(disk, name))
+                    elif node == 3 and name.startswith("kesh.store"):
+                        os.remove(os.path.join(disk, name))
+                machines[node].boot()
+        elif section == "Disk full":
+            self.bash(3, "dd if=/dev/zero of=/flashdisk/core.1 bs=64k")
+            self.bash(1, "yes | head -2000 | kesh submit")
+            self.bash(3, "until ! kesh health --ready; do sleep 0.1; done")
 
     def run_block(self, block):
         nodes, is_in_turn = block.nodes()
@@ -156,6 +198,7 @@ class Operations(unittest.TestCase):
         with open(DOCUMENT, encoding="utf-8") as file:
             blocks = read_blocks(file.read())
         for section in dict.fromkeys(block.section for block in blocks):
+            self.before(section)
             began = time.monotonic()
             for block in blocks:
                 if block.section == section:
