@@ -12,6 +12,7 @@ to the last, and what it shows is what they print.
 VX_FIGURES=1 prints how long the procedures took.
 """
 
+import itertools
 import os
 import re
 import shutil
@@ -23,17 +24,39 @@ import time
 import unittest
 from dataclasses import dataclass, field
 
-from scenario import BUILD_DIR, lines, wait_until
+from scenario import BUILD_DIR, wait_until
 
 from machine import Site, enter_own_namespaces
 
 SOURCE_DIR = os.path.dirname(os.environ["VX_LAB_DIR"])
 DOCUMENT = os.path.join(SOURCE_DIR, "docs", "operations.md")
 BLOCK_S = 60
+FIGURES = os.environ.get("VX_FIGURES")
 LOG_LINES_SHOWN = 25
 NODES = (1, 2, 3)
 SMALL_DISK_MB = 64
-PACKAGES = "root/packages"  # where the text has what it installs
+
+
+# One line after the other, until its input ends. What was acknowledged, and when, stands in a file.
+LOAD = """
+while read -t 0.1; [ $? -gt 128 ]; do
+  line="$HOSTNAME at $EPOCHREALTIME"
+  echo "$line" | kesh submit --timeout 10 >/dev/null 2>&1 && echo "$EPOCHREALTIME $line"
+done
+"""
+
+
+class Load:
+    """Submissions on a machine while a procedure goes on."""
+
+    def __init__(self, machine):
+        self._process = subprocess.Popen(machine.command("bash", "-c", LOAD), stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+
+    def end(self):
+        """Returns [(when, line)] of what was acknowledged."""
+        told = self._process.communicate(timeout=BLOCK_S)[0]
+        return [(float(row.split(" ", 1)[0]), row.split(" ", 1)[1]) for row in told.splitlines()]
 
 
 @dataclass
@@ -108,16 +131,19 @@ class Operations(unittest.TestCase):
     def setUp(self):
         self.path = tempfile.mkdtemp(prefix="operations-", dir=BUILD_DIR)
         self.addCleanup(shutil.rmtree, self.path)
-        self.trees = os.path.join(self.path, "trees")
-        install_tree(BUILD_DIR, os.path.join(self.trees, "first", "usr"))
-        shutil.copytree(os.path.join(self.trees, "first"), os.path.join(self.trees, "next"), symlinks=True)
-        raise_build_number(os.path.join(self.trees, "next", "usr", "bin", "kesh"))
+        self.acknowledged = set()
+        install_tree(BUILD_DIR, self.tree("first", "usr"))
+        shutil.copytree(self.tree("first"), self.tree("next"), symlinks=True)
+        raise_build_number(self.tree("next", "usr", "bin", "kesh"))
         os.mkdir(os.path.join(self.path, "site"))
         self.site = Site(os.path.join(self.path, "site"))
         self.addCleanup(self.site.close)
         self.addCleanup(self.show_logs_of_failure)
         for node in NODES:
             self.new_machine(node)
+
+    def tree(self, *parts):
+        return os.path.join(self.path, *parts)
 
     def show_logs_of_failure(self):
         outcome = self._outcome.result
@@ -132,14 +158,9 @@ class Operations(unittest.TestCase):
 
     def new_machine(self, node, **options):
         machine = self.site.add(node, **options)
-        self.deliver(machine, "first")
+        machine.deliver(self.tree("first"))
         machine.boot()
         return machine
-
-    def deliver(self, machine, tree):
-        """New packages lie there."""
-        shutil.rmtree(machine.path(PACKAGES), ignore_errors=True)
-        shutil.copytree(os.path.join(self.trees, tree), machine.path(PACKAGES), symlinks=True)
 
     def bash(self, node, script):
         return subprocess.run(self.site.machines[node].command("bash", "-c", script), stdin=subprocess.DEVNULL,
@@ -158,7 +179,7 @@ class Operations(unittest.TestCase):
             self.new_machine(3, disk_mb=SMALL_DISK_MB)
         elif section == "Upgrade with a new build number":
             for machine in machines.values():
-                self.deliver(machine, "next")
+                machine.deliver(self.tree("next"))
         elif section == "Reform":
             for node in (2, 3):
                 machines[node].power_off()
@@ -170,9 +191,9 @@ class Operations(unittest.TestCase):
                         os.remove(os.path.join(disk, name))
                 machines[node].boot()
         elif section == "Disk full":
-            self.bash(3, "dd if=/dev/zero of=/flashdisk/core.1 bs=64k")
+            self.bash(3, f"head -c {SMALL_DISK_MB}M /dev/zero >/flashdisk/core.1")
             self.bash(1, "yes | head -2000 | kesh submit")
-            self.bash(3, "until ! kesh health --ready; do sleep 0.1; done")
+            wait_until(lambda: self.bash(3, "kesh health --ready").returncode != 0, 30.0, "node 3 has no room")
 
     def run_block(self, block):
         nodes, is_in_turn = block.nodes()
@@ -194,18 +215,59 @@ class Operations(unittest.TestCase):
                 self.assertEqual(results[node].returncode, 0, f"{block.place}, node {node}:\n{results[node].stdout}")
                 block.check_output(node, results[node].stdout)
 
+    def run_section(self, section, blocks):
+        """Runs its blocks under load. Returns (seconds, the longest time in which nothing was acknowledged)."""
+        self.before(section)
+        loads = [Load(machine) for machine in self.site.machines.values()]
+        began = time.time()
+        try:
+            for block in blocks:
+                if FIGURES:
+                    print(f"  {time.time() - began:5.1f} s {block.place}", flush=True)
+                self.run_block(block)
+        finally:
+            ended = time.time()
+            acknowledged = [row for load in loads for row in load.end()]
+        self.acknowledged.update(line for _, line in acknowledged)
+        moments = [began, *sorted(when for when, _ in acknowledged if began < when < ended), ended]
+        return ended - began, max(after - before for before, after in itertools.pairwise(moments))
+
+    def check_journals(self):
+        """All nodes have the same lines, and all that were acknowledged since the first day."""
+        journals = []
+
+        def are_equal():
+            journals[:] = [self.bash(node, "kesh journal").stdout for node in NODES]
+            return len(set(journals)) == 1
+
+        wait_until(are_equal, 30.0, "the journals are equal")
+        self.assertLessEqual(self.acknowledged, set(journals[0].splitlines()))
+
     def test_every_block(self):
         with open(DOCUMENT, encoding="utf-8") as file:
             blocks = read_blocks(file.read())
         for section in dict.fromkeys(block.section for block in blocks):
-            self.before(section)
-            began = time.monotonic()
-            for block in blocks:
-                if block.section == section:
-                    if os.environ.get("VX_TRACE"):
-                        print(f"{time.monotonic() - began:6.1f} {block.place}", flush=True)
-                    self.run_block(block)
-            print(f"{section}: {time.monotonic() - began:.1f} s", flush=True)
+            seconds, gap = self.run_section(section, [block for block in blocks if block.section == section])
+            self.check_journals()
+            if FIGURES:
+                print(f"{section}: {seconds:.1f} s; nothing was acknowledged for at most {gap:.1f} s", flush=True)
+        self.assertGreater(len(self.acknowledged), 100)
+
+
+class Reasons(unittest.TestCase):
+    def test_the_tables_name_what_kesh_says(self):
+        """A reason that the program can give, and for which nobody finds what to do."""
+        with open(DOCUMENT, encoding="utf-8") as file:
+            told = " ".join(file.read().split())
+        reasons = []
+        for name, before in (("ordering", ""), ("lead", ""), ("newcomer", ""), ("reform", ""),
+                             ("cluster_link", r"(?:return|not_yet =|[?:]) ")):
+            with open(os.path.join(SOURCE_DIR, "host", "kesh", "cluster", name + ".cc"), encoding="utf-8") as file:
+                code = re.sub(r'"\s*\n\s*"', "", re.sub(r"//.*|#include.*", "", file.read()))
+            found = [text.strip(" :;,") for text in re.findall(before + r'"([^"\n]*)"', code)]
+            reasons += [text for text in found if len(text.split()) > 1 and not text.startswith("cluster: ")]
+        self.assertGreater(len(reasons), 50)
+        self.assertEqual([text for text in reasons if text not in told], [])
 
 
 if __name__ == "__main__":

@@ -1,7 +1,8 @@
 """Process 1 of a machine of the tests: it takes the machine's root, and then does what the tests need of a service
 manager. `systemctl` in the machine is a client of it.
 
-    init.py DIR NAME      DIR/upper has what the machine wrote, DIR/flashdisk is its disk, DIR/.. is seen as /site
+    init.py DIR NAME      DIR/upper has what the machine wrote, DIR/flashdisk is its disk, DIR/packages is seen
+                          as /root/packages and DIR/.. as /site
 """
 
 import configparser
@@ -48,6 +49,7 @@ def take_root(directory, name):
     mount("tmpfs", root + "/run", "tmpfs", data="mode=0755")
     mount("tmpfs", root + "/tmp", "tmpfs")
     mount(os.path.join(directory, "flashdisk"), root + "/flashdisk", flags=MS_BIND)
+    mount(os.path.join(directory, "packages"), root + "/root/packages", flags=MS_BIND)
     mount(os.path.dirname(directory), root + "/site", flags=MS_BIND)
     os.chroot(root)
     os.chdir("/root")

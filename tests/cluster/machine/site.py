@@ -48,7 +48,8 @@ class Machine:
         self._disk_mb = disk_mb
         self._process = None
         self._pid = None
-        os.makedirs(os.path.join(self.dir, "flashdisk"))
+        for part in ("flashdisk", "packages"):
+            os.makedirs(os.path.join(self.dir, part))
         tools = os.path.join(self.dir, "upper", "usr", "local", "bin")
         os.makedirs(tools)
         for name, script in STAND_INS.items():
@@ -94,8 +95,15 @@ class Machine:
         return ["nsenter", "--all", "--root", "--wd", "--target", str(self._pid), "env", "-i", "HOME=/root", "LC_ALL=C",
                 "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", f"N={self.number}", *words]
 
+    def deliver(self, tree):
+        """From now on packages with these files lie in /root/packages."""
+        directory = os.path.join(self.dir, "packages")
+        for name in os.listdir(directory):
+            shutil.rmtree(os.path.join(directory, name))
+        shutil.copytree(tree, directory, symlinks=True, dirs_exist_ok=True)
+
     def path(self, path):
-        """Where a file of the machine is, in its changed part."""
+        """Where a file is that the machine wrote. Only to be read while it is up."""
         return os.path.join(self.dir, "upper", path.lstrip("/"))
 
     def remove(self):
