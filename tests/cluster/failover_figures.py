@@ -1,0 +1,90 @@
+"""How long is nothing acknowledged when the MASTER goes? By hand, it is no test:
+
+    VX_BUILD_DIR=build/gcc VX_LAB_DIR=$PWD/lab tests/cluster/failover_figures.py [FAILOVERS]
+
+Three machines with keepalived as it ships, each with a client that submits one line after the other. For each kind of
+end the MASTER goes so often, and comes back before the next time.
+"""
+
+import os
+import shutil
+import statistics
+import sys
+import tempfile
+import time
+
+from scenario import BUILD_DIR, wait_until
+
+from machine import Load, Site, enter_own_namespaces, install_tree, longest_gap
+from procedures import NODES, bash, read_sections, run_block
+
+BACK_S = 60.0
+KILL = r"kill -9 $(kesh status | sed -n 's/.* process \([0-9]*\),.*/\1/p')"
+
+
+def is_ready(machine):
+    return bash(machine, "kesh health --ready").returncode == 0
+
+
+def master(site):
+    """Returns the number of the node that leads, when there is exactly one and all are ready."""
+    leads = [node for node, machine in site.machines.items() if "leader         yes" in bash(machine, "kesh status").stdout]
+    return leads[0] if len(leads) == 1 and all(map(is_ready, site.machines.values())) else None
+
+
+def await_new_master(site, old):
+    """Until one of the others has an acknowledgement: the load sees when."""
+    others = [machine for node, machine in site.machines.items() if node != old]
+    wait_until(lambda: bash(others[0], "echo after | kesh submit --timeout 20").returncode == 0, BACK_S, "order goes on")
+
+
+def fail_over(site, end, come_back):
+    """Returns the seconds in which nothing was acknowledged."""
+    node = wait_until(lambda: master(site), BACK_S, "one node leads, and all are ready")
+    loads = [Load(machine) for number, machine in site.machines.items() if number != node]
+    wait_until(lambda: bash(site.machines[node % 3 + 1], "echo before | kesh submit").returncode == 0, BACK_S, "order")
+    began = time.time()
+    end(site.machines[node])
+    await_new_master(site, node)
+    ended = time.time()
+    gap = longest_gap([row for load in loads for row in load.end()], began, ended)
+    come_back(site.machines[node])
+    return gap
+
+
+KINDS = {
+    "its machine loses power": (lambda machine: machine.power_off(), lambda machine: machine.boot()),
+    "its daemon is killed": (lambda machine: bash(machine, KILL), lambda machine: None),  # systemd starts it again
+    "keepalived is stopped": (lambda machine: bash(machine, "systemctl stop keepalived"),
+                              lambda machine: bash(machine, "systemctl start keepalived")),
+}
+
+
+def measure(path, count):
+    install_tree(BUILD_DIR, os.path.join(path, "tree"))
+    os.mkdir(os.path.join(path, "site"))
+    site = Site(os.path.join(path, "site"))
+    try:
+        for node in NODES:
+            site.add(node).deliver(os.path.join(path, "tree"))
+            site.machines[node].boot()
+        for block in read_sections()["First cluster on three machines"]:
+            run_block(site, block)
+        for kind, steps in KINDS.items():
+            gaps = []
+            for _ in range(count):
+                gaps.append(fail_over(site, *steps))
+                print(f"{kind}: {gaps[-1]:.2f} s", flush=True)
+            print(f"{kind}, {count} times: median {statistics.median(gaps):.2f} s, max {max(gaps):.2f} s; load "
+                  f"{os.getloadavg()[0]:.0f}", flush=True)
+    finally:
+        site.close()
+
+
+if __name__ == "__main__":
+    enter_own_namespaces()
+    work_dir = tempfile.mkdtemp(prefix="failovers-", dir=BUILD_DIR)
+    try:
+        measure(work_dir, int(sys.argv[1]) if len(sys.argv) > 1 else 20)
+    finally:
+        shutil.rmtree(work_dir)
