@@ -401,8 +401,8 @@ TEST(messaging, bad_settings_are_refused_with_their_place)
        ":2: messaging.node[2].address: 127.1.0.1 is the address of node 1"},
       {"cluster.node_id = 1\nmessaging.node[2].address = 224.0.0.1\n",
        ":2: messaging.node[2].address: \"224.0.0.1\" is not the IPv4 address of a node"},
-      {"cluster.node_id = 1\nmessaging.interface = nope\n",
-       ":2: messaging.interface: \"nope\" is not an IPv4 address, or an interface of this machine"},
+      {"cluster.node_id = 1\nmessaging.interface = no/name\n",
+       ":2: messaging.interface: \"no/name\" is not an IPv4 address, or the name of an interface"},
   };
   for (const auto &c : cases) {
     messaging_settings settings;
