@@ -71,8 +71,10 @@ bool messaging::start(const messaging_settings &settings, std::string &error)
   }
   seals_.begin(settings.node_id, session, settings.keys);
   transport_ = std::make_unique<transport>(seals_);
-  if (!transport_->open(settings, error) || !receiver_.open(settings, *transport_, error)) {
+  if (!transport_->open(settings, error) || !network_.open(settings, *transport_, error) ||
+      !receiver_.open(settings, *transport_, error)) {
     receiver_.stop();
+    network_.close();
     transport_.reset();
     return false;
   }
@@ -114,6 +116,7 @@ void messaging::stop()
 void messaging::end_threads()
 {
   receiver_.stop();
+  network_.close();
   for (auto &channel : channels_) {
     channel->stop();
   }

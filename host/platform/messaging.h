@@ -7,6 +7,7 @@
 #include "guarded.h"
 #include "message_filter.h"
 #include "messaging_settings.h"
+#include "network_attachment.h"
 #include "receiver.h"
 #include "repeat_queue.h"
 #include "seal/sealing.h"
@@ -41,6 +42,8 @@ public:
   void unregister_hook(channel_dispatch::hook_function hook);
 
   messaging_statistics statistics();
+  /// As messaging_network_fault.
+  std::string network_fault() { return network_.fault(); }
   /// From the next datagram on.
   void set_keys(const seal_keys &keys) PLATFORM_EXCLUDES(running_lock_);
   void block(uint32_t node_mask) { receiver_.block(node_mask); }
@@ -60,7 +63,8 @@ private:
   bulk_sender bulk_{out_};
   receiver::channels channels_;
   sealing seals_;
-  receiver receiver_{counters_, channels_, bulk_, seals_};
+  network_attachment network_;
+  receiver receiver_{counters_, channels_, bulk_, seals_, network_};
   std::atomic<uint64_t> next_id_{1};
   // Held shared while a message is sent, so that stop does not close a socket in use.
   shared_mutex running_lock_;

@@ -30,6 +30,10 @@ messaging_statistics messaging_read_statistics()
 {
   return service().statistics();
 }
+std::string messaging_network_fault()
+{
+  return service().network_fault();
+}
 bool messaging_reload_keys(std::string &error)
 {
   seal_keys keys;

@@ -148,7 +148,8 @@ bool is_absolute_path(std::string_view text)
 bool is_interface(std::string_view text)
 {
   uint32_t address = 0;
-  return text.empty() || parse_address(text, address) || if_nametoindex(std::string(text).c_str()) != 0;
+  return text.empty() || parse_address(text, address) ||
+         (text.size() < IFNAMSIZ && text.find_first_of(" \t/:") == std::string_view::npos);
 }
 
 std::string address_clash(const std::array<uint32_t, NODES_MAX> &all, uint32_t node_id)

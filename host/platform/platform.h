@@ -109,6 +109,9 @@ bool messaging_start(std::string &error);
 /// Ends the threads and closes the sockets. The library must be cleaned up before.
 void messaging_stop();
 messaging_statistics messaging_read_statistics();
+/// Why this node has no network: its address or the group's interface is missing, or down. It goes on by itself when
+/// that comes. Empty: it has one, or messaging does not run. Any thread.
+std::string messaging_network_fault();
 /// Reads the key file (messaging.keys) anew; it counts from the next datagram on. On failure returns false, `error`
 /// says what is wrong, and the former keys stay.
 bool messaging_reload_keys(std::string &error);

@@ -15,7 +15,8 @@ inline constexpr uint32_t NODES_MAX = 16;
 bool is_absolute_path(std::string_view text);
 /// The IPv4 address of one host.
 bool is_node_address(std::string_view text);
-/// An IPv4 address, or an interface that this machine has. Empty: that of the node's address.
+/// An IPv4 address, or what may be the name of an interface, which need not exist yet. Empty: that of the node's
+/// address.
 bool is_interface(std::string_view text);
 
 inline constexpr config_key PLATFORM_KEYS[] = {
@@ -107,7 +108,7 @@ inline constexpr config_key PLATFORM_KEYS[] = {
     {.name = "messaging.interface",
      .section = "Messages between the nodes",
      .help = "Interface of the multicast group.",
-     .form = "an IPv4 address, or an interface of this machine",
+     .form = "an IPv4 address, or the name of an interface",
      .accepts = is_interface,
      .unset = "the interface of this node's address",
      .example = "eth0"},

@@ -16,6 +16,7 @@ namespace
 {
 constexpr uint64_t STOP_TAG = UINT64_MAX;
 constexpr uint64_t TIMER_TAG = UINT64_MAX - 1;
+constexpr uint64_t NETWORK_TAG = UINT64_MAX - 2;
 constexpr time_t GREETING_PERIOD_S = 1;
 constexpr uint32_t ANSWERS_MAX = 64;  // in a period; 16 nodes that begin at once need 15 each
 
@@ -37,8 +38,9 @@ bool watch(const unique_fd &poll, int fd, uint64_t tag)
 
 }  // namespace
 
-receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals)
-    : counters_(counters), to_(to), bulk_(bulk), seals_(seals)
+receiver::receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals,
+                   network_attachment &network)
+    : counters_(counters), to_(to), bulk_(bulk), seals_(seals), network_(network)
 {
 }
 
@@ -52,7 +54,7 @@ bool receiver::open(const messaging_settings &settings, transport &over, std::st
   stop_event_ = unique_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   greeting_timer_ = open_greeting_timer();
   bool watched = poll_ && stop_event_ && greeting_timer_ && watch(poll_, stop_event_.get(), STOP_TAG) &&
-                 watch(poll_, greeting_timer_.get(), TIMER_TAG);
+                 watch(poll_, greeting_timer_.get(), TIMER_TAG) && watch(poll_, network_.fd(), NETWORK_TAG);
   const std::span<const int> inputs = over.inputs();
   for (size_t i = 0; watched && i < inputs.size(); ++i) {
     watched = watch(poll_, inputs[i], i);
@@ -90,7 +92,7 @@ void receiver::stop()
 
 void receiver::run()
 {
-  std::array<epoll_event, 2 * CHANNEL_COUNT + 2> events;
+  std::array<epoll_event, 2 * CHANNEL_COUNT + 3> events;
   for (;;) {
     const int count = epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), -1);
     for (int i = 0; i < count; ++i) {
@@ -102,7 +104,10 @@ void receiver::run()
         uint64_t expirations = 0;
         [[maybe_unused]] const ssize_t size = read(greeting_timer_.get(), &expirations, sizeof expirations);
         answers_left_ = ANSWERS_MAX;
+        network_.look_again();
         transport_->greet();
+      } else if (tag == NETWORK_TAG) {
+        network_.take_news();
       } else {
         read_some(tag);
       }

@@ -7,6 +7,7 @@
 #include "counters.h"
 #include "drop_warnings.h"
 #include "messaging_settings.h"
+#include "network_attachment.h"
 #include "seal/sealing.h"
 #include "transport.h"
 #include "unique_fd.h"
@@ -26,10 +27,10 @@ class receiver
 public:
   using channels = std::array<std::unique_ptr<channel_dispatch>, CHANNEL_COUNT>;
 
-  receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals);
+  receiver(messaging_counters &counters, channels &to, bulk_sender &bulk, sealing &seals, network_attachment &network);
   ~receiver();
 
-  /// `over` stays valid until stop.
+  /// `over` stays valid until stop, and the network's attachment is open until then.
   bool open(const messaging_settings &settings, transport &over, std::string &error);
   void start();
   /// Ends the thread.
@@ -59,6 +60,7 @@ private:
   channels &to_;
   bulk_sender &bulk_;
   sealing &seals_;
+  network_attachment &network_;
   std::atomic<uint32_t> blocked_{0};
   std::atomic<uint64_t> expected_cluster_{0};
   std::atomic<uint32_t> expected_build_{0};

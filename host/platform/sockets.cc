@@ -1,6 +1,5 @@
 #include "sockets.h"
 
-#include <net/if.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -22,6 +21,8 @@ bool set_option(int fd, int level, int name, const Value &value)
 
 bool bind_to(const unique_fd &fd, uint32_t address, uint16_t port)
 {
+  // The address may come after us, and go and come again: the socket stays bound to it.
+  set_option(fd.get(), IPPROTO_IP, IP_FREEBIND, 1);
   const sockaddr_in name = socket_address(address, port);
   return bind(fd.get(), reinterpret_cast<const sockaddr *>(&name), sizeof name) == 0;
 }
@@ -38,13 +39,11 @@ unique_fd failed(const std::string &what, uint32_t address, uint16_t port, std::
   return {};
 }
 
-ip_mreqn group_on_interface(const messaging_settings &settings)
+ip_mreqn group_on_interface(unsigned interface)
 {
   ip_mreqn membership{};
   membership.imr_multiaddr.s_addr = GROUP_ADDRESS;
-  membership.imr_address.s_addr = settings.interface_address != 0 ? settings.interface_address : settings.own_address();
-  membership.imr_ifindex =
-      settings.interface.empty() ? 0 : static_cast<int>(if_nametoindex(settings.interface.c_str()));
+  membership.imr_ifindex = static_cast<int>(interface);
   return membership;
 }
 
@@ -78,9 +77,8 @@ unique_fd open_group_receiver(const messaging_settings &settings, uint32_t chann
   // A socket bound to the group hears only the group. Without IP_MULTICAST_ALL it hears only the interface it joined
   // on.
   if (!fd || !set_option(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1) || !set_option(fd.get(), SOL_SOCKET, SO_RXQ_OVFL, 1) ||
-      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) || !bind_to(fd, GROUP_ADDRESS, port) ||
-      !set_option(fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, group_on_interface(settings))) {
-    return failed("cannot join the group", GROUP_ADDRESS, port, error);
+      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) || !bind_to(fd, GROUP_ADDRESS, port)) {
+    return failed("cannot receive on", GROUP_ADDRESS, port, error);
   }
   enlarge_receive_buffer(fd, settings.receive_buffer);
   return fd;
@@ -89,16 +87,29 @@ unique_fd open_group_receiver(const messaging_settings &settings, uint32_t chann
 unique_fd open_sender(const messaging_settings &settings, std::string &error)
 {
   unique_fd fd = open_udp();
-  // IP_MULTICAST_IF needs neither a multicast route nor the interface's MULTICAST flag, so the loopback interface
-  // of a fresh network namespace will do once it is up.
-  if (!fd || !bind_to(fd, settings.own_address(), 0) ||
-      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, group_on_interface(settings)) ||
-      !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_LOOP, 1) ||
+  if (!fd || !bind_to(fd, settings.own_address(), 0) || !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_LOOP, 1) ||
       !set_option(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, int{settings.multicast_ttl})) {
     return failed("cannot send from", settings.own_address(), 0, error);
   }
   set_option(fd.get(), SOL_SOCKET, SO_SNDBUF, SEND_BUFFER);
   return fd;
+}
+
+void leave_group(const unique_fd &group_receiver, unsigned interface)
+{
+  set_option(group_receiver.get(), IPPROTO_IP, IP_DROP_MEMBERSHIP, group_on_interface(interface));
+}
+
+int join_group(const unique_fd &group_receiver, unsigned interface)
+{
+  return set_option(group_receiver.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, group_on_interface(interface)) ? 0 : errno;
+}
+
+// This needs neither a multicast route nor the interface's MULTICAST flag, so the loopback interface of a fresh network
+// namespace will do once it is up.
+int set_group_interface(const unique_fd &sender, unsigned interface)
+{
+  return set_option(sender.get(), IPPROTO_IP, IP_MULTICAST_IF, group_on_interface(interface)) ? 0 : errno;
 }
 
 size_t granted_receive_buffer(const unique_fd &socket)

@@ -10,12 +10,22 @@
 namespace platform
 {
 
-/// Receives what is sent to this node on the channel. Fails if another process has this node's address.
+/// Receives what is sent to this node on the channel, as soon as this node has its address. Fails if another process
+/// acts as this node.
 unique_fd open_unicast_receiver(const messaging_settings &settings, uint32_t channel, std::string &error);
-/// Receives what is sent to the group on the channel. All nodes on this machine can do so at once.
+/// Receives what is sent to the group on the channel once it has joined it. All nodes on this machine can do so at
+/// once.
 unique_fd open_group_receiver(const messaging_settings &settings, uint32_t channel, std::string &error);
-/// Sends from the node's own address to nodes and to the group; what goes to the group comes back too.
+/// Sends from the node's own address, as soon as it has that, to nodes and, once set_group_interface has said by which
+/// way, to the group; what goes to the group comes back too.
 unique_fd open_sender(const messaging_settings &settings, std::string &error);
+
+/// On the interface of that index. 0 or the error. Other threads may use the socket.
+int join_group(const unique_fd &group_receiver, unsigned interface);
+/// Also if that interface is gone: the membership of the socket is not.
+void leave_group(const unique_fd &group_receiver, unsigned interface);
+/// What the sender sends to the group leaves by the interface of that index. 0 or the error. Other threads may send.
+int set_group_interface(const unique_fd &sender, unsigned interface);
 
 /// The receive buffer that the kernel granted, as it counts (about 2300 bytes for a datagram of 1444).
 size_t granted_receive_buffer(const unique_fd &socket);

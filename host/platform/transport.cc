@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace platform
@@ -75,7 +76,7 @@ bool transport::open(const messaging_settings &settings, std::string &error)
       if (open_one == open_group_receiver && !settings.is_multicast) {
         continue;
       }
-      source one{open_one(settings, channel, error), channel};
+      source one{open_one(settings, channel, error), channel, open_one == open_group_receiver};
       if (!one.socket) {
         return false;
       }
@@ -87,6 +88,29 @@ bool transport::open(const messaging_settings &settings, std::string &error)
   bulk_ = control_ ? open_sender(settings, error) : unique_fd();
   bulk_port_ = bulk_ ? bound_port(bulk_) : uint16_t{0};
   return static_cast<bool>(bulk_);
+}
+
+int transport::join(unsigned interface)
+{
+  int failure = 0;
+  // All leave first: if the interface has the index of one that is gone, leaving that one takes a member off this one.
+  for (source &one : sources_) {
+    if (one.joined != 0) {
+      leave_group(one.socket, std::exchange(one.joined, 0));
+    }
+  }
+  for (source &one : sources_) {
+    if (one.is_of_group) {
+      const int error = join_group(one.socket, interface);
+      one.joined = error == 0 ? interface : 0;
+      failure = error != 0 ? error : failure;
+    }
+  }
+  for (const unique_fd *sender : {&control_, &bulk_}) {
+    const int error = set_group_interface(*sender, interface);
+    failure = error != 0 ? error : failure;
+  }
+  return failure;
 }
 
 size_t transport::send_bulk(message *first, size_t count, int &error)

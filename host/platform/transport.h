@@ -49,8 +49,11 @@ public:
   transport(const transport &) = delete;
   transport &operator=(const transport &) = delete;
 
-  /// On failure returns false, and `error` says what and why.
+  /// On failure returns false, and `error` says what and why. This node's address may come later.
   bool open(const messaging_settings &settings, std::string &error);
+  /// From now on the group is heard, and sent to, by the interface of that index: also one that was made anew. 0 or the
+  /// error; then it is to be called again. The receiving thread, or none yet; others may send.
+  int join(unsigned interface);
 
   /// 0 or the error.
   int send(message &one) { return send_from(control_, one); }
@@ -75,6 +78,8 @@ private:
   struct source {
     unique_fd socket;
     uint32_t channel = 0;
+    bool is_of_group = false;
+    unsigned joined = 0;         // the interface that the membership was made on
     uint32_t overflow_seen = 0;  // the kernel's count of datagrams lost at this socket
   };
 
@@ -84,7 +89,8 @@ private:
   int send_to_all(const unique_fd &socket, std::span<const uint8_t> bytes, std::span<const uint32_t> addresses,
                   uint32_t channel) const;
 
-  // Only open writes these, except the counts of `sources_` and the batch, which the receiving thread uses alone.
+  // Only open writes these, except what `sources_` count and have joined, and the batch: the receiving thread uses
+  // those alone.
   messaging_settings settings_;
   std::vector<uint32_t> group_;  // addresses that stand for it
   sealing &seals_;

@@ -81,6 +81,9 @@ void judge_own(const ordering_facts &known, ordering &found)
   } else if (known.role == node_role::isolated) {
     found.obstacles.push_back("this node is isolated" + known.isolated);
   }
+  if (!known.no_network.empty()) {
+    found.obstacles.push_back("this node has no network: " + known.no_network);
+  }
 }
 
 void judge_quorum(const ordering_facts &known, ordering &found)

@@ -25,9 +25,10 @@ struct ordering_facts {
   uint32_t node_count = 0;
   node_role role = node_role::stopped;
   standing stands = standing::member;
-  std::string isolated;   ///< since when, and by which file: " since 10:15:31 (...)"; may be empty
-  std::string stays_out;  ///< why it takes no part at all; empty: it does
-  std::string not_yet;    ///< why it may not lead yet; empty: nothing is in the way
+  std::string isolated;    ///< since when, and by which file: " since 10:15:31 (...)"; may be empty
+  std::string stays_out;   ///< why it takes no part at all; empty: it does
+  std::string no_network;  ///< why it cannot be heard at all; empty: it can
+  std::string not_yet;     ///< why it may not lead yet; empty: nothing is in the way
   bool is_complete = true;
   bool is_barred = false;
   uint32_t decision = 0;

@@ -69,6 +69,10 @@ TEST(ordering, says_in_one_sentence_why_nothing_is_ordered)
       {with([](facts &all) { all.role = node_role::stopped; }), "not ordering: this node is stopped"},
       {with([](facts &all) { all.role = node_role::isolated, all.isolated = " since 10:15: write() failed"; }),
        "not ordering: this node is isolated since 10:15: write() failed"},
+      {with([](facts &all) { all.no_network = "address 192.0.2.1 is on no interface", all.peers.clear(); }),
+       "not ordering: this node has no network: address 192.0.2.1 is on no interface; only 1 of 3 nodes heard, a "
+       "quorum "
+       "is 2; no node is MASTER"},
       {with([](facts &all) { all.stays_out = "its disk went back", all.not_yet = "it is new"; }),
        "not ordering: this node stays out: its disk went back"},
       {with([](facts &all) { all.oldest_wait_s = 4; }), "ordering"},

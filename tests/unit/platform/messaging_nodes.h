@@ -97,12 +97,13 @@ struct recorder {
 struct test_node : messaging {
   explicit test_node(uint32_t node_id, uint32_t receive_buffer = 8 << 20) : test_node(node_id, {}, receive_buffer) {}
   test_node(uint32_t node_id, const seal_keys &keys, uint32_t receive_buffer = 8 << 20, bool is_multicast = true)
+      : test_node(node_id, with(keys, receive_buffer, is_multicast))
   {
-    settings.is_multicast = is_multicast;
-    settings.keys = keys;
+  }
+  test_node(uint32_t node_id, const messaging_settings &as) : settings(as)
+  {
     settings.node_id = node_id;
     settings.interval_ms = 1;
-    settings.receive_buffer = receive_buffer;
     std::string error;
     if (!start(settings, error)) {
       throw std::runtime_error(error);
@@ -112,4 +113,14 @@ struct test_node : messaging {
   uint64_t dropped(drop_reason reason) { return statistics().dropped[static_cast<size_t>(reason)]; }
 
   messaging_settings settings;
+
+private:
+  static messaging_settings with(const seal_keys &keys, uint32_t receive_buffer, bool is_multicast)
+  {
+    messaging_settings made;
+    made.keys = keys;
+    made.receive_buffer = receive_buffer;
+    made.is_multicast = is_multicast;
+    return made;
+  }
 };
