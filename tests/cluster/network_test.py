@@ -1,6 +1,8 @@
 """The network as machines have it: an interface that is removed and made again, an address that comes after the daemon."""
 
+import json
 import re
+import subprocess
 import time
 import unittest
 
@@ -104,6 +106,26 @@ class Network(Scenario):
         self.assertIn('"address": "10.81.0.2"', programs.run(self.cluster.node(1).kesh("status", "--json"), "status",
                                                            cwd=self.cluster.node(1).dir))
         self.check_all()
+
+    def probe(self, node):
+        command = self.cluster.node(node).kesh("probe", "--count", "10", "--json")
+        result = subprocess.run(command, cwd=self.cluster.node(node).dir, capture_output=True, text=True, check=False,
+                                timeout=30)
+        return result.returncode, {peer["node"]: peer for peer in json.loads(result.stdout)["peers"]}
+
+    def test_a_probe_tells_what_the_network_does(self):
+        self.on_switch("ip", "link", "set", "vx2", "mtu", "1400")
+        code, peers = self.probe(1)
+        self.assertEqual(code, 0)
+        for node, mtu in ((2, 1400), (3, 1500)):
+            for way in ("unicast", "multicast"):
+                self.assertEqual((peers[node][way]["answered"], peers[node][way]["mtu"]), (10, mtu), (node, way))
+                times = peers[node][way]["rtt_us"]
+                self.assertTrue(0 < times["min"] <= times["avg"] <= times["max"] < 5e6, times)
+        self.cluster.stop(3)
+        code, peers = self.probe(1)
+        self.assertEqual((code, peers[2]["unicast"]["answered"], peers[3]["unicast"]["answered"]), (5, 10, 0))
+        self.assertNotIn("not sent", self.log_of(1))
 
 
 if __name__ == "__main__":
