@@ -57,7 +57,6 @@ SOUND = [
     (6, pack("<II", 7, 3) + b"abc", "message of type 7, 3 bytes"),
     (7, b"VXP\x01" + pack("<BBHIII", 1, 2, 0, 9, 5, 30) + bytes(10), "PROBE 5 of node 2, 30 bytes"),
     (7, b"VXP\x01" + pack("<BBHIII", 2, 2, 0, 9, 5, 30), "PROBE answer 5 of node 2, 30 bytes"),
-    (7, b"VXP\x02later", "PROBE of version 2"),
     (7, HELLO, 'HELLO member, leader, decision 12, 10 payloads (\\"node\\":7)'),
 ]
 
