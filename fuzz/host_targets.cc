@@ -14,6 +14,7 @@
 #include "message.h"
 #include "ordered_broadcast/paxos_messages.h"
 #include "platform.h"
+#include "probe/probe_message.h"
 #include "round_based_registers/register_messages.h"
 #include "seal/sealing.h"
 #include "service/envelope.h"
@@ -139,6 +140,8 @@ void fuzz_kesh(std::span<const uint8_t> input)
 void fuzz_hello(std::span<const uint8_t> input)
 {
   const std::string all(input.begin(), input.end());
+  const auto probe = kesh::probe_decode(all);
+  require(!probe || kesh::probe_decode(kesh::probe_encode(*probe)) == probe, "a probe stays what it is");
   kesh::peers heard({{"c", "02:00:00:00:00:01", 1}, 0, 16, 1, 1});
   kesh::agreement judge(16, [](const kesh::told_position &own, uint64_t) { return std::optional(own.hash); });
   for (size_t pos = 0; pos < all.size();) {

@@ -17,6 +17,7 @@
 #include "client/client_submit.h"
 #include "client/keygen.h"
 #include "client/metrics.h"
+#include "client/probe.h"
 #include "client/vrrp_fifo.h"
 #include "cluster/configured_cluster.h"
 #include "cluster/node_state_file.h"
@@ -29,6 +30,7 @@
 #include "exit_codes.h"
 #include "items/payload.h"
 #include "platform.h"
+#include "probe/probe_count.h"
 #include "settings.h"
 #include "version.h"
 
@@ -123,6 +125,8 @@ struct command_line {
   std::string vrrp_fifo;
   std::string vrrp_instance;
   std::string metrics_file;
+  uint32_t probe_count = kesh::PROBE_COUNT_DEFAULT;
+  bool probe_json = false;
   bool health_live = false;
   bool health_ready = false;
   bool health_eligible = false;
@@ -304,6 +308,16 @@ struct command_line {
     question.add_flag("--ready", health_ready, "does this node take part, and are payloads ordered? (default)");
     question.add_flag("--eligible", health_eligible, "may keepalived choose this node as MASTER?");
     health.add_flag("--json", health_json, "print as JSON");
+
+    CLI::App &probe =
+        add_client("probe",
+                   "Ask each other node over the network, by unicast and by multicast: what is lost, how "
+                   "long an answer takes, how long a packet may be. Exit code 5 if one does not answer.",
+                   [this](const std::string &path) { return kesh::probe_command(path, probe_count, probe_json); });
+    probe.add_option("--count", probe_count, "so many probes to each node, by each way")
+        ->check(CLI::Range(1u, kesh::PROBE_COUNT_MAX))
+        ->capture_default_str();
+    probe.add_flag("--json", probe_json, "print as JSON");
 
     CLI::App &metrics =
         add_client("metrics", "Print what can be counted, in Prometheus' text format.",

@@ -34,6 +34,13 @@ constexpr bool is_bulk(uint32_t channel, uint32_t key)
   return channel == 5 && key == 2;
 }
 
+/// Messages of channel 7 with this key leave as one IP packet or not at all: what shows how long a packet may be.
+inline constexpr uint32_t UNFRAGMENTED_KEY = 1;
+constexpr bool is_unfragmented(uint32_t channel, uint32_t key)
+{
+  return channel == 7 && key == UNFRAGMENTED_KEY;
+}
+
 /// A piece of 1400 bytes with its 20-byte header must fit into one Ethernet frame.
 inline constexpr size_t PIECE_DATAGRAM_MAX = WORD_SIZE + ENVELOPE_SIZE + 20 + 1400;
 static_assert(PIECE_DATAGRAM_MAX + 20 + 8 <= 1500, "IP and UDP headers and the largest piece exceed the MTU");

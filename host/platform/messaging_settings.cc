@@ -35,12 +35,17 @@ bool read(const config_key &key, Number &value, std::string &error)
   return true;
 }
 
+std::string address_key(uint32_t node_id)
+{
+  return "messaging.node[" + std::to_string(node_id) + "].address";
+}
+
 bool read_addresses(messaging_settings &settings, std::string &error)
 {
   for (uint32_t node_id = 1; node_id <= NODES_MAX; ++node_id) {
-    const std::string key = "messaging.node[" + std::to_string(node_id) + "].address";
+    const std::string key = address_key(node_id);
     uint32_t &address = settings.node_address[node_id - 1];
-    const std::string text = config_text(key, address_text(address));
+    const std::string text = messaging_address(node_id);
     std::string why = config_fault(platform_key("messaging.node[].address"), text);
     if (why.empty()) {
       address = node_address_of(text);
@@ -160,6 +165,11 @@ std::string address_clash(const std::array<uint32_t, NODES_MAX> &all, uint32_t n
     }
   }
   return {};
+}
+
+std::string messaging_address(uint32_t node_id)
+{
+  return config_text(address_key(node_id), address_text(node_name(node_id)));
 }
 
 bool messaging_read_settings(messaging_settings &settings, std::string &error)

@@ -49,6 +49,9 @@ std::string address_clash(const std::array<uint32_t, NODES_MAX> &all, uint32_t n
 /// The address in network byte order, as `is_node_address` takes it; 0 if it is none.
 uint32_t node_address_of(std::string_view text);
 
+/// Real address of a node as configured, 1 to 16.
+std::string messaging_address(uint32_t node_id);
+
 /// On a bad value returns false and `error` names file, line, key and why.
 bool messaging_read_settings(messaging_settings &settings, std::string &error);
 

@@ -95,6 +95,16 @@ unique_fd open_sender(const messaging_settings &settings, std::string &error)
   return fd;
 }
 
+unique_fd open_unfragmented_sender(const messaging_settings &settings, std::string &error)
+{
+  unique_fd fd = open_sender(settings, error);
+  // PROBE, not DO: what the kernel has heard of the path does not count, for that is what is to be found out.
+  if (fd && !set_option(fd.get(), IPPROTO_IP, IP_MTU_DISCOVER, int{IP_PMTUDISC_PROBE})) {
+    return failed("cannot send whole packets from", settings.own_address(), 0, error);
+  }
+  return fd;
+}
+
 void leave_group(const unique_fd &group_receiver, unsigned interface)
 {
   set_option(group_receiver.get(), IPPROTO_IP, IP_DROP_MEMBERSHIP, group_on_interface(interface));

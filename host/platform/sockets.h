@@ -20,6 +20,10 @@ unique_fd open_group_receiver(const messaging_settings &settings, uint32_t chann
 /// way, to the group; what goes to the group comes back too.
 unique_fd open_sender(const messaging_settings &settings, std::string &error);
 
+/// The same, but what is longer than a packet of the interface is refused (EMSGSIZE), and nobody on the way may divide
+/// the rest.
+unique_fd open_unfragmented_sender(const messaging_settings &settings, std::string &error);
+
 /// On the interface of that index. 0 or the error. Other threads may use the socket.
 int join_group(const unique_fd &group_receiver, unsigned interface);
 /// Also if that interface is gone: the membership of the socket is not.

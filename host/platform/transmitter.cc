@@ -77,6 +77,9 @@ send_result transmitter::judge(const message &one, int error)
   if (is_busy(error)) {
     return send_result::busy;
   }
+  if (error == EMSGSIZE && is_unfragmented(one.channel, one.key)) {
+    return send_result::failed;  // that is an answer, too
+  }
   report(one, error, std::generic_category().message(error));
   return send_result::failed;
 }

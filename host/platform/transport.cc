@@ -87,7 +87,8 @@ bool transport::open(const messaging_settings &settings, std::string &error)
   control_ = open_sender(settings, error);
   bulk_ = control_ ? open_sender(settings, error) : unique_fd();
   bulk_port_ = bulk_ ? bound_port(bulk_) : uint16_t{0};
-  return static_cast<bool>(bulk_);
+  unfragmented_ = bulk_ ? open_unfragmented_sender(settings, error) : unique_fd();
+  return static_cast<bool>(unfragmented_);
 }
 
 int transport::join(unsigned interface)
@@ -106,7 +107,7 @@ int transport::join(unsigned interface)
       failure = error != 0 ? error : failure;
     }
   }
-  for (const unique_fd *sender : {&control_, &bulk_}) {
+  for (const unique_fd *sender : {&control_, &bulk_, &unfragmented_}) {
     const int error = set_group_interface(*sender, interface);
     failure = error != 0 ? error : failure;
   }

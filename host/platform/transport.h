@@ -56,7 +56,7 @@ public:
   int join(unsigned interface);
 
   /// 0 or the error.
-  int send(message &one) { return send_from(control_, one); }
+  int send(message &one) { return send_from(is_unfragmented(one.channel, one.key) ? unfragmented_ : control_, one); }
   int send_bulk(message &one) { return send_from(bulk_, one); }
   /// Sends messages from `first` on, at most `count` (up to BATCH), until one fails. Returns how many were sent; if
   /// none, `error` says why the first was not. One thread.
@@ -96,6 +96,7 @@ private:
   sealing &seals_;
   unique_fd control_;
   unique_fd bulk_;
+  unique_fd unfragmented_;
   uint16_t bulk_port_ = 0;  // network order
   std::vector<source> sources_;
   std::vector<int> input_fds_;

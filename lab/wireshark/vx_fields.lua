@@ -1,7 +1,7 @@
 -- What can be shown of a message: every field under its name in display filters, and what can be wrong.
 
 local names = {
-  channel = {[0] = "greetings", [3] = "registers", [4] = "decisions", [5] = "payloads", [6] = "cluster messages", [7] = "hellos"},
+  channel = {[0] = "greetings", [3] = "registers", [4] = "decisions", [5] = "payloads", [6] = "cluster messages", [7] = "hellos and probes"},
   register = {[0] = "READ_REQ", "READ_ACK", "READ_NACK", "WRITE_REQ", "WRITE_ACK", "WRITE_NACK"},
   paxos = {[0] = "DECIDE", "FORWARD"},
   data = {[0] = "OFFER", "REQ", "DATA", "COMPLETE", "MISSING"},
@@ -96,6 +96,13 @@ local fields = {
   hello_decision = ProtoField.uint32("vx.hello.decision", "Last decision"),
   hello_top = ProtoField.uint32("vx.hello.top", "Top"),
   hello_n = ProtoField.uint64("vx.hello.n", "Payloads applied"),
+  probe_magic = ProtoField.string("vx.probe.magic", "Magic"),
+  probe_version = ProtoField.uint8("vx.probe.version", "Version"),
+  probe_kind = ProtoField.uint8("vx.probe.kind", "Kind", base.DEC, {[1] = "ask", [2] = "answer"}),
+  probe_asker = ProtoField.uint8("vx.probe.asker", "Node that asks"),
+  probe_session = ProtoField.uint32("vx.probe.session", "Session", base.HEX),
+  probe_number = ProtoField.uint32("vx.probe.number", "Number"),
+  probe_size = ProtoField.uint32("vx.probe.size", "Size of the ask"),
   hello_reason = ProtoField.string("vx.hello.reason", "Reason"),
 }
 

@@ -104,7 +104,38 @@ local function hello_fields(json, tree)
   return said
 end
 
+local PROBE_MAGIC = "VXP"
+local PROBE_KINDS = {[1] = "PROBE", [2] = "PROBE answer"}
+
+local function probe(message, tree)
+  tree:add(fields.probe_magic, message:take(#PROBE_MAGIC))
+  local size = message:left() + #PROBE_MAGIC
+  local version = message:number(tree, fields.probe_version, 1)
+  if version ~= 1 then
+    message:say("PROBE of version %d", version)
+    message:show(tree, fields.unused, message:left())
+    return
+  end
+  local kind = message:number(tree, fields.probe_kind, 1)
+  message:say("%s", PROBE_KINDS[kind] or fail("a probe of kind %d", kind))
+  local asker = message:number(tree, fields.probe_asker, 1)
+  message:show(tree, fields.unused, 2)
+  message:number(tree, fields.probe_session, 4)
+  local number = message:number(tree, fields.probe_number, 4)
+  local asked = message:number(tree, fields.probe_size, 4)
+  message:say("%.0f of node %d, %.0f bytes", number, asker, asked)
+  if kind == 1 and asked ~= size then
+    fail("a probe of %d bytes says %.0f", size, asked)
+  elseif message:left() > 0 and kind == 1 then
+    message:show(tree, fields.unused, message:left())
+  end
+end
+
 local function hellos(message, tree)
+  if message:begins_with(PROBE_MAGIC) then
+    probe(message, tree)
+    return
+  end
   message:say("HELLO")
   local length = message:left()
   if length < 2 or length > HELLO_MAX then

@@ -30,13 +30,16 @@ class Scenario(unittest.TestCase):
     def setUp(self):
         self.path = tempfile.mkdtemp(prefix="lab-", dir=BUILD_DIR)
         self.addCleanup(shutil.rmtree, self.path)
-        self.cluster = Cluster(self.path, BUILD_DIR)
+        self.cluster = self.make_cluster()
         self.addCleanup(self.cluster.close)
         self.addCleanup(self.show_logs_of_failure)
         self.submissions = []
         self.cluster.create(self.nodes, self.settings)
         self.before_start()
         self.cluster.start_all(master=1)
+
+    def make_cluster(self):
+        return Cluster(self.path, BUILD_DIR)
 
     def before_start(self):
         """For what has to be there before the first node runs."""

@@ -55,6 +55,8 @@ SOUND = [
     (5, data(4, 1, 7, source=0), "MISSING 1.7"),
     (6, pack("<II", 0, 9) + b"KS1\x02hello", "message of type 0, 9 bytes node 2 says: hello"),
     (6, pack("<II", 7, 3) + b"abc", "message of type 7, 3 bytes"),
+    (7, b"VXP\x01" + pack("<BBHIII", 1, 2, 0, 9, 5, 30) + bytes(10), "PROBE 5 of node 2, 30 bytes"),
+    (7, b"VXP\x01" + pack("<BBHIII", 2, 2, 0, 9, 5, 30), "PROBE answer 5 of node 2, 30 bytes"),
     (7, HELLO, 'HELLO member, leader, decision 12, 10 payloads (\\"node\\":7)'),
 ]
 
@@ -86,6 +88,8 @@ UNSOUND = [
     (5, frame(5, data(2, 1, 7, 0, 20, 19) + bytes(20)), "a piece of 19 bytes at 0 of 20"),
     (5, frame(5, data(2, 1, 7, 0, 20, 20) + bytes(20)), "bytes of records in a payload that has room for 12"),
     (6, frame(6, pack("<II", 0, 0xffffffff) + b"abc"), "4294967295 bytes wanted, 3 left"),
+    (7, frame(7, b"VXP\x01" + pack("<BBHIII", 3, 2, 0, 9, 5, 20)), "a probe of kind 3"),
+    (7, frame(7, b"VXP\x01" + pack("<BBHIII", 1, 2, 0, 9, 5, 31) + bytes(10)), "a probe of 30 bytes says 31"),
     (7, frame(7, HELLO.replace(b'"top"', b'"pot"')), "a hello without top"),
     (7, frame(7, b"{" + bytes(1399) + b"}"), "a hello of 1401 bytes"),
 ]

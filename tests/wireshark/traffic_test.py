@@ -21,9 +21,8 @@ PIECE_SIZE = 1400
 AROUND_A_LINE = 8 + 8 + 17 + 17  # headers of payload, record, items and item
 
 FIELDS = ("ip.src", "vx.node", "vx.channel", "vx.id", "vx.paxos.number", "vx.paxos.entry", "vx.data.from",
-          "vx.data.offset", "vx.data.total", "vx.data.length", "vx.item.text", "vx.hello.node", "vx.say.node",
-          "vx.say.text", "json.key",
-          "udp.dstport", "vx.seal.key", "vx.seal.sender")
+          "vx.data.offset", "vx.data.total", "vx.data.length", "vx.item.text", "vx.hello.node", "vx.probe.asker",
+          "vx.say.node", "vx.say.text", "json.key", "udp.dstport", "vx.seal.key", "vx.seal.sender")
 
 CONVERSATION = {"READ_REQ", "READ_ACK", "WRITE_REQ", "WRITE_ACK", "DECIDE", "FORWARD", "OFFER", "REQ", "DATA",
                 "COMPLETE", "HELLO", "message"}
@@ -59,6 +58,8 @@ class Traffic(Scenario):
         """Each line travels in a payload of its own."""
         self.cluster.submit(1, [SHORT]).wait()
         self.cluster.submit(2, [LONG]).wait()
+        node = self.cluster.node(3)
+        programs.run(node.kesh("probe", "--count", "1"), "probe", cwd=node.dir)
         self.cluster.kill(1)
         self.cluster.set_master(2)
         self.cluster.submit(3, [LATER]).wait()
@@ -81,6 +82,9 @@ class Traffic(Scenario):
         self.check_log()
         said = [frame for frame in self.frames if frame["vx.say.text"]]
         self.assertEqual([(frame["vx.say.node"], frame["vx.say.text"]) for frame in said], [(["2"], [FAREWELL])])
+        answers = self.frames_that_say("PROBE", "answer")
+        self.assertEqual({(frame["vx.node"][0], frame["vx.probe.asker"][0]) for frame in answers},
+                         {("1", "3"), ("2", "3")})
         hellos = self.frames_that_say("HELLO")
         self.assertEqual({frame["vx.hello.node"][0] for frame in hellos}, {"1", "2", "3"})
         for frame in hellos:

@@ -7,12 +7,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <system_error>
 
-#include "bytes.h"
 #include "cluster/configured_cluster.h"
+#include "message.h"
 #include "vx_host.h"
 
 namespace kesh
@@ -25,11 +24,6 @@ using platform::lock_scope;
 using platform::log_level;
 using platform::log_line;
 
-constexpr uint32_t CHANNEL = 7;
-// As messages name them: four bytes in network order.
-constexpr uint8_t TO_ALL[4] = {224, 0, 0, 81};
-constexpr size_t WORD_SIZE = 4;
-constexpr size_t ENVELOPE_SIZE = 20;
 // Each try restarts the library.
 constexpr std::chrono::seconds RAISE_AGAIN{30};
 
@@ -83,6 +77,11 @@ cluster_link::cluster_link(const settings &configured, store &of, link_functions
       hello_settings_(settings_of(configured, places_.period)), is_configured_(is_usable(hello_settings_, cluster_id_)),
       standing_file_(places_.records, hello_settings_.cluster), filter_(cluster_id_, vx_firmware_dova_build_nr),
       records_(places_.records), look_(of), newcomer_(hello_settings_.node_count, hello_settings_.node),
+      channel_(cluster_id_, hello_settings_.build, hello_settings_.node),
+      probes_(hello_settings_.node, hello_settings_.node_count,
+              [this](uint32_t node, std::string_view bytes) {
+                return channel_.send(node, platform::UNFRAGMENTED_KEY, bytes);
+              }),
       hello_(hello_settings_, make_functions())
 {
 }
@@ -100,7 +99,14 @@ hello_functions cluster_link::make_functions()
   return {.facts = [this] { return gather(); },
           .heard = [this](const hello &said) { note_hello(said); },
           .own_hash = [this](const told_position &in, uint64_t n) { return look_.hash_at(in, n); },
-          .send = [this](std::string_view bytes) { places_.send ? places_.send(bytes) : send(bytes); },
+          .send =
+              [this](std::string_view bytes) {
+                if (places_.send) {
+                  places_.send(bytes);
+                } else {
+                  channel_.send(host_channel::TO_ALL, 0, bytes);
+                }
+              },
           .changed = [this](const cluster_view &view) { judged(view); }};
 }
 
@@ -126,7 +132,7 @@ void cluster_link::start()
     hooked = this;
     platform::messaging_set_filter(&filter_);
     platform::messaging_expect(cluster_id_, vx_firmware_dova_build_nr);
-    vx_msg_register_recv_hook(receive_hook, CHANNEL);
+    vx_msg_register_recv_hook(receive_hook, host_channel::CHANNEL);
   }
 }
 
@@ -275,33 +281,16 @@ void cluster_link::receive(std::string_view bytes) noexcept
 
 void cluster_link::receive_hook(void *msg)
 {
-  const char *const envelope = static_cast<const char *>(msg) + WORD_SIZE;
-  byte_reader size({envelope + ENVELOPE_SIZE - 4, 4});
   cluster_link *const link = hooked;
-  if (link != nullptr) {
-    link->receive({envelope + ENVELOPE_SIZE, size.le<uint32_t>()});
-  }
-}
-
-void cluster_link::send(std::string_view bytes) const
-{
-  std::string envelope;
-  put_le(envelope, cluster_id_);
-  put_le(envelope, hello_settings_.build);
-  for (const uint8_t byte : {uint8_t{127}, uint8_t{1}, uint8_t{0}, static_cast<uint8_t>(hello_settings_.node)}) {
-    envelope.push_back(static_cast<char>(byte));
-  }
-  put_le(envelope, static_cast<uint32_t>(bytes.size()));
-  void *const msg = vx_msg_allocate(static_cast<uint32_t>(envelope.size() + bytes.size()));
-  if (msg == nullptr) {
+  if (link == nullptr) {
     return;
   }
-  char *const data = static_cast<char *>(msg) + WORD_SIZE;
-  std::memcpy(data, envelope.data(), envelope.size());
-  std::memcpy(data + envelope.size(), bytes.data(), bytes.size());
-  uint32_t destination;
-  std::memcpy(&destination, TO_ALL, sizeof destination);
-  vx_msg_enqueue(msg, CHANNEL, 0, destination, 0, 0);
+  const host_message came = host_message_of(msg);
+  if (is_probe(came.bytes)) {
+    link->probes_.receive(came.sender, came.bytes);
+  } else {
+    link->receive(came.bytes);
+  }
 }
 
 void cluster_link::say(const log_text &line)

@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "cluster/hello_service.h"
+#include "cluster/host_channel.h"
 #include "cluster/lead.h"
 #include "cluster/newcomer.h"
 #include "cluster/no_op_rule.h"
@@ -33,6 +34,7 @@
 #include "cluster/vote_filter.h"
 #include "guarded.h"
 #include "platform.h"
+#include "probe/probe_service.h"
 #include "settings.h"
 #include "store/store.h"
 
@@ -119,6 +121,10 @@ public:
   /// For the status of the daemon.
   nlohmann::json status_json() PLATFORM_EXCLUDES(lock_);
 
+  bool is_configured() const { return is_configured_; }
+  /// What asks the other nodes, and answers them, while messaging runs. Any thread.
+  probe_service &probes() { return probes_; }
+
   /// A hello that arrived. Any thread.
   void receive(std::string_view bytes) noexcept;
 
@@ -127,7 +133,6 @@ private:
   using log_text = std::optional<std::pair<platform::log_level, std::string>>;
   static void say(const log_text &line);
   static void receive_hook(void *msg);
-  void send(std::string_view bytes) const;
   hello_functions make_functions();
 
   // Hello thread.
@@ -206,6 +211,8 @@ private:
   bool was_master_ PLATFORM_GUARDED_BY(lock_) = false;
   std::string written_ PLATFORM_GUARDED_BY(lock_);  // what was said of the node state file last
 
+  const host_channel channel_;
+  probe_service probes_;
   hello_service hello_;  // last, for its thread uses all of the above
 };
 

@@ -5,6 +5,7 @@
 
 #include "control/request.h"
 #include "daemon/key_file.h"
+#include "daemon/probe.h"
 #include "daemon/status.h"
 #include "exit_codes.h"
 #include "items/item_text.h"
@@ -272,6 +273,7 @@ operation_table daemon_operations(service &host)
                            {"reload", bound(operation_class::command, reload)},
                            {"backup", bound(operation_class::command, backup)},
                            {"verify", bound(operation_class::command, verify)},
+                           {"probe", bound(operation_class::command, probe)},
                            {"journal", bound(operation_class::stream, serve_journal)},
                            {"heard", bound(operation_class::stream, serve_heard)}};
   table.merge(host.watcher.operations(host));

@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "daemon/node_files.h"
 #include "items/item_text.h"
+#include "messaging_settings.h"
 #include "platform.h"
 #include "vx_cons.h"
 #include "vx_host.h"
@@ -80,6 +82,7 @@ json message_fields(size_t node_count)
   for (size_t i = 0; i < node_count; i++) {
     const platform::peer_statistics &of = counted.peers[i];
     peers.push_back({{"node", i + 1},
+                     {"address", platform::messaging_address(static_cast<uint32_t>(i + 1))},
                      {"key", of.key ? json(*of.key) : json(nullptr)},
                      {"dropped", dropped_fields(of.dropped, false)}});
   }
@@ -133,12 +136,17 @@ std::string answer_text(const json &answer)
   return answer.at("yes").get<bool>() ? "yes" : "no: " + answer.at("reason").get<std::string>();
 }
 
+std::string node_text(const json &node)
+{
+  return "node " + number_text(node.at("node")) + " (" + node.at("address").get<std::string>() + "): ";
+}
+
+/// Of a node that said hello.
 std::string peer_text(const json &peer)
 {
-  std::string text = "node " + number_text(peer.at("node")) + ": " + peer.at("role").get<std::string>() + ", " +
-                     peer.at("standing").get<std::string>() + ", heard " + number_text(peer.at("age_ms")) +
-                     " ms ago, decision " + number_text(peer.at("decision")) + ", payload " +
-                     number_text(peer.at("n")) + ", " + peer.at("verdict").get<std::string>();
+  std::string text = peer.at("role").get<std::string>() + ", " + peer.at("standing").get<std::string>() + ", heard " +
+                     number_text(peer.at("age_ms")) + " ms ago, decision " + number_text(peer.at("decision")) +
+                     ", payload " + number_text(peer.at("n")) + ", " + peer.at("verdict").get<std::string>();
   if (!peer.at("is_member").get<bool>()) {
     text += ", of generation " + number_text(peer.at("generation"));
   }
@@ -264,7 +272,11 @@ std::string status_text(const json &status)
   }
   row("active", yes_no(status.at("active")) + (status.at("enabled").get<bool>() ? "" : " (no cluster configured)"));
   row("leader", yes_no(status.at("leader")));
-  row("node", number_text(status.at("node_id")) + " of " + number_text(status.at("node_count")));
+  const json &nodes = messages.at("peers");
+  const auto own =
+      std::find_if(nodes.begin(), nodes.end(), [&](const json &one) { return one.at("node") == status.at("node_id"); });
+  row("node", number_text(status.at("node_id")) + " of " + number_text(status.at("node_count")) +
+                  (own == nodes.end() ? "" : ", address " + own->at("address").get<std::string>()));
   if (const json &cluster = status.at("cluster"); cluster.contains("standing")) {
     row("cluster", cluster.at("name").get<std::string>() + ", generation " + number_text(cluster.at("generation")) +
                        ", " + cluster.at("standing").get<std::string>());
@@ -273,8 +285,13 @@ std::string status_text(const json &status)
     for (const std::string &alarm : alarms(cluster)) {
       row("", alarm);
     }
-    for (const json &peer : cluster.at("peers")) {
-      row("", peer_text(peer));
+    for (const json &node : nodes) {
+      if (node.at("node") != status.at("node_id")) {
+        const json &peers = cluster.at("peers");
+        const auto said = std::find_if(peers.begin(), peers.end(),
+                                       [&](const json &one) { return one.at("node") == node.at("node"); });
+        row("", node_text(node) + (said == peers.end() ? "not heard" : peer_text(*said)));
+      }
     }
   }
   row("last decision", decision_text(status.at("decision")));
