@@ -124,6 +124,8 @@ class Operations(unittest.TestCase):
             self.run_blocks(section, blocks)
             self.check_journals()
         self.assertGreater(len(self.acknowledged), 30)
+        for machine in self.site.machines.values():
+            self.assertNotIn("rounding", bash(machine, "cat /var/log/keepalived.out").stdout)
         if FIGURES:
             for machine in self.site.machines.values():
                 machine.deliver(self.trees[2])
