@@ -16,7 +16,7 @@ import threading
 from dataclasses import dataclass, field
 
 DOCUMENT = os.path.join(os.path.dirname(os.environ["VX_LAB_DIR"]), "docs", "operations.md")
-BLOCK_S = 60
+BLOCK_S = 120
 NODES = (1, 2, 3)
 
 
