@@ -14,11 +14,12 @@ import tempfile
 import time
 
 from scenario import BUILD_DIR, wait_until
+from vxlab_lib.waiting import WaitTimeout
 
 from machine import Load, Site, enter_own_namespaces, install_tree, longest_gap
 from procedures import NODES, bash, read_sections, run_block
 
-BACK_S = 60.0
+BACK_S = 120.0
 KILL = r"kill -9 $(kesh status | sed -n 's/.* process \([0-9]*\),.*/\1/p')"
 
 
@@ -77,6 +78,10 @@ def measure(path, count):
                 print(f"{kind}: {gaps[-1]:.2f} s", flush=True)
             print(f"{kind}, {count} times: median {statistics.median(gaps):.2f} s, max {max(gaps):.2f} s; load "
                   f"{os.getloadavg()[0]:.0f}", flush=True)
+    except WaitTimeout:
+        for machine in site.machines.values():
+            print(bash(machine, "kesh status; tail -n 20 /var/log/kesh.log /var/log/keepalived.out").stdout)
+        raise
     finally:
         site.close()
 
