@@ -27,10 +27,9 @@ def is_ready(machine):
     return bash(machine, "kesh health --ready").returncode == 0
 
 
-def master(site):
-    """Returns the number of the node that leads, when there is exactly one and all are ready."""
-    leads = [node for node, machine in site.machines.items() if "leader         yes" in bash(machine, "kesh status").stdout]
-    return leads[0] if len(leads) == 1 and all(map(is_ready, site.machines.values())) else None
+def leads(site, node):
+    """Whether it does, and all are ready. The node of the highest priority is meant: none takes its place then."""
+    return "leader         yes" in bash(site.machines[node], "kesh status").stdout and all(map(is_ready, site.machines.values()))
 
 
 def await_new_master(site, old):
@@ -41,7 +40,8 @@ def await_new_master(site, old):
 
 def fail_over(site, end, come_back):
     """Returns the seconds in which nothing was acknowledged."""
-    node = wait_until(lambda: master(site), BACK_S, "one node leads, and all are ready")
+    node = max(NODES)
+    wait_until(lambda: leads(site, node), BACK_S, f"node {node} leads, and all are ready")
     loads = [Load(machine) for number, machine in site.machines.items() if number != node]
     wait_until(lambda: bash(site.machines[node % 3 + 1], "echo before | kesh submit").returncode == 0, BACK_S, "order")
     began = time.time()
@@ -80,7 +80,7 @@ def measure(path, count):
                   f"{os.getloadavg()[0]:.0f}", flush=True)
     except WaitTimeout:
         for machine in site.machines.values():
-            print(bash(machine, "kesh status; tail -n 20 /var/log/kesh.log /var/log/keepalived.out").stdout)
+            print(bash(machine, "kesh status; tail -n 20 /var/log/kesh.log; tail -n 20 /var/log/keepalived.out").stdout)
         raise
     finally:
         site.close()

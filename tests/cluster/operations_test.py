@@ -47,8 +47,8 @@ class Operations(unittest.TestCase):
         outcome = self._outcome.result
         if any(test is self for test, _ in outcome.failures + outcome.errors):
             for machine in self.site.machines.values():
-                print(f"--- {machine.name}", bash(machine, f"kesh status; ls -l /flashdisk; cd /var/log; "
-                      f"tail -n {LOG_LINES_SHOWN} kesh.log kesh.out keepalived.out").stdout, file=sys.stderr)
+                print(f"--- {machine.name}", bash(machine, "kesh status; ls -l /flashdisk; cd /var/log; for log in kesh.log kesh.out keepalived.out; "
+                      f"do tail -n {LOG_LINES_SHOWN} $log; done").stdout, file=sys.stderr)
 
     def new_machine(self, node, **options):
         machine = self.site.add(node, **options)

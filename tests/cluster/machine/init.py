@@ -17,7 +17,7 @@ import threading
 import time
 
 SOCKET = "/run/manager.sock"
-ENABLED = "/etc/machine-enabled"  # a file in it for each unit that starts at boot
+ENABLED = "/etc/machine-enabled"  # a file in it for each unit that starts when the network is there
 UNITS = ("kesh", "keepalived")  # in the order in which they start
 OVER = "the process has ended"
 STOP_S = 60
@@ -155,6 +155,10 @@ class Manager:
             results += [unit.start() for unit in order]
         if command == "reload":
             results += [unit.reload() for unit in order]
+        if command == "network-online":
+            enabled = [name for name in UNITS if os.path.exists(os.path.join(ENABLED, name))]
+            threading.Thread(target=self.do, args=("start", enabled), daemon=True).start()
+            return 0
         if command == "is-active":
             results += [unit.is_running() for unit in order]
         return 0 if results and all(results) else 1
@@ -168,8 +172,6 @@ class Manager:
         listener = socket.socket(socket.AF_UNIX)
         listener.bind(SOCKET)
         listener.listen()
-        enabled = [name for name in UNITS if os.path.exists(os.path.join(ENABLED, name))]
-        threading.Thread(target=self.do, args=("start", enabled), daemon=True).start()
         while True:
             threading.Thread(target=self._serve, args=(listener.accept()[0],), daemon=True).start()
 

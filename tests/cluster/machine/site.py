@@ -76,6 +76,7 @@ class Machine:
         for words in ("link set lo up", f"addr add {ADDRESS.format(self.number)}/24 dev {DEVICE}", f"link set {DEVICE} up"):
             run("nsenter", "--net", "--target", str(self._pid), "ip", *words.split())
         wait_until(lambda: os.path.exists(f"/proc/{self._pid}/root/run/manager.sock"), BOOT_S, f"{self.name} is up")
+        run(*self.command("systemctl", "network-online"))
 
     def _find_init(self):
         with open(f"/proc/{self._process.pid}/task/{self._process.pid}/children", encoding="ascii") as file:
