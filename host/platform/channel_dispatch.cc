@@ -50,7 +50,7 @@ bool channel_dispatch::keep(message_list &from, message_list &to)
   while (!from.empty()) {
     message_ptr one = from.pop_front();
     if (control_.bytes() + bulk_.bytes() + sizeof(message) + one->datagram_size() > QUEUE_MAX_BYTES) {
-      counters_.drop(drop_reason::receive_overflow);
+      counters_.drop(channel_, drop_reason::receive_overflow);
       all_kept = false;
     } else {
       to.push_back(std::move(one));
@@ -90,14 +90,14 @@ void channel_dispatch::run()
       continue;
     }
     if (hook_ == nullptr) {
-      counters_.drop(drop_reason::no_hook);
+      counters_.drop(channel_, drop_reason::no_hook);
       continue;
     }
     // From here on the call is decided; it is made with no lock held.
     const hook_function hook = hook_;
     lock_.unlock();
     if (gate_.lets_in(*one, channel_)) {
-      counters_.received.fetch_add(1, std::memory_order_relaxed);
+      counters_.count_received(channel_);
       hook(one->object());
     }
     one.reset();

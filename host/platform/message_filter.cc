@@ -30,7 +30,7 @@ bool filter_gate::ask_in(message_filter &filter, const message &one, uint32_t ch
 {
   const bool passes = filter.lets_in(view_of(one, channel, 0));
   if (!passes) {
-    counters_.drop(drop_reason::filtered_in);
+    counters_.drop(channel, drop_reason::filtered_in);
   }
   return passes;
 }
@@ -39,7 +39,7 @@ bool filter_gate::ask_out(message_filter &filter, const message &one)
 {
   const bool passes = filter.lets_out(view_of(one, one.channel, one.key));
   if (!passes) {
-    counters_.drop(drop_reason::filtered_out);
+    counters_.drop(one.channel, drop_reason::filtered_out);
   }
   return passes;
 }

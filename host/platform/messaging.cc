@@ -5,7 +5,9 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <functional>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace platform
@@ -220,10 +222,20 @@ void messaging::set_keys(const seal_keys &keys)
 messaging_statistics messaging::statistics()
 {
   messaging_statistics read;
-  read.sent = counters_.sent;
-  read.received = counters_.received;
+  static_assert(CHANNEL_COUNT == std::tuple_size_v<decltype(read.channels)>);
+  for (size_t i = 0; i < counters_.channels.size(); ++i) {
+    traffic_statistics of;
+    of.sent = counters_.channels[i].sent;
+    of.received = counters_.channels[i].received;
+    copy_counts(counters_.channels[i].dropped, of.dropped);
+    read.sent += of.sent;
+    read.received += of.received;
+    std::transform(read.dropped.begin(), read.dropped.end(), of.dropped.begin(), read.dropped.begin(), std::plus());
+    if (i < CHANNEL_COUNT) {
+      read.channels[i] = of;
+    }
+  }
   read.queued = repeats_.size();
-  copy_counts(counters_.dropped, read.dropped);
   for (uint32_t node = 1; node <= NODES_MAX; ++node) {
     copy_counts(counters_.dropped_of[node - 1], read.peers[node - 1].dropped);
     read.peers[node - 1].key = seals_.key_of(node);

@@ -94,13 +94,17 @@ struct peer_statistics {
   drop_counts dropped{};       ///< what came from its address
 };
 
-struct messaging_statistics {
+struct traffic_statistics {
   uint64_t sent = 0;      ///< datagrams given to the kernel
   uint64_t received = 0;  ///< datagrams handed to a hook
-  uint64_t queued = 0;    ///< messages now queued for repetition
   drop_counts dropped{};
-  std::array<peer_statistics, 16> peers{};  ///< by node - 1
-  std::optional<uint8_t> seals_with;        ///< the key that this node sends with; unset: plain
+};
+
+struct messaging_statistics : traffic_statistics {
+  uint64_t queued = 0;                           ///< messages now queued for repetition
+  std::array<traffic_statistics, 5> channels{};  ///< the same by channel - 3
+  std::array<peer_statistics, 16> peers{};       ///< by node - 1
+  std::optional<uint8_t> seals_with;             ///< the key that this node sends with; unset: plain
   bool accepts_plain = true;
 };
 

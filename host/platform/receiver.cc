@@ -134,7 +134,7 @@ bool receiver::is_blocked(const uint8_t *bytes, uint32_t address) const
 
 void receiver::drop(const arrival &one, uint32_t node, drop_reason reason)
 {
-  counters_.drop_of(node, reason);
+  counters_.drop_of(node, one.channel, reason);
   warnings_.note(node, one.address, reason);
 }
 
@@ -143,7 +143,7 @@ message_ptr receiver::open_sealed(const arrival &one, uint32_t node)
 {
   message_ptr made = message_new(one.size);
   if (!made) {
-    counters_.drop(drop_reason::receive_overflow);
+    counters_.drop(one.channel, drop_reason::receive_overflow);
     return nullptr;
   }
   const opened got = seals_.open({one.bytes, one.size}, node, one.channel, made->object() + WORD_SIZE);
@@ -175,7 +175,7 @@ message_ptr receiver::copy_plain(const arrival &one, uint32_t node)
   }
   message_ptr copy = message_new(one.size - WORD_SIZE);
   if (!copy) {
-    counters_.drop(drop_reason::receive_overflow);
+    counters_.drop(one.channel, drop_reason::receive_overflow);
     return nullptr;
   }
   memcpy(copy->object(), one.bytes, one.size);
@@ -199,7 +199,7 @@ void receiver::take(const arrival &one, sorted &to)
     return;
   }
   if (is_blocked(made->object(), one.address)) {
-    counters_.drop(drop_reason::blocked);
+    counters_.drop(one.channel, drop_reason::blocked);
     return;
   }
   note_other(*made, one, node);
@@ -239,7 +239,7 @@ void receiver::read_some(size_t input)
     own_pieces += one.is_own_piece ? 1 : 0;
     take(one, by_channel[one.channel - CHANNEL_FIRST]);
   }
-  counters_.drop(drop_reason::receive_overflow, arrived.lost);
+  counters_.drop(arrived.channel, drop_reason::receive_overflow, arrived.lost);
   for (size_t i = 0; i < CHANNEL_COUNT; ++i) {
     if (!by_channel[i].control.empty() || !by_channel[i].bulk.empty()) {
       to_[i]->put(by_channel[i].control, by_channel[i].bulk);

@@ -68,7 +68,7 @@ send_result transmitter::send_bulk(message_list &list)
 send_result transmitter::judge(const message &one, int error)
 {
   if (error == 0) {
-    counters_.sent.fetch_add(1, std::memory_order_relaxed);
+    counters_.count_sent(one.channel);
     if (any_reported_.load(std::memory_order_relaxed)) {
       forget_reports(one);
     }
@@ -86,7 +86,7 @@ send_result transmitter::judge(const message &one, int error)
 
 void transmitter::report(const message &lost, int error, const std::string &why)
 {
-  counters_.drop(drop_reason::send_failed);
+  counters_.drop(lost.channel, drop_reason::send_failed);
   {
     const lock_scope lock(reports_lock_);
     if (!reported_.emplace(lost.channel, lost.destination, error).second) {

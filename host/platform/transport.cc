@@ -160,6 +160,7 @@ arrivals transport::receive(size_t input)
   source &from = sources_[input];
   batch_->prepare();
   arrivals result;
+  result.channel = from.channel;
   const int received = recvmmsg(from.socket.get(), batch_->headers.data(), BATCH, MSG_DONTWAIT, nullptr);
   const size_t count = received < 0 ? 0 : static_cast<size_t>(received);
   for (size_t i = 0; i < count; ++i) {

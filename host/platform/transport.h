@@ -29,6 +29,7 @@ struct arrival {
 };
 
 struct arrivals {
+  uint32_t channel = 0;
   std::span<const arrival> all;  // valid until the next call
   uint32_t lost = 0;             // datagrams dropped for want of room since the last call
 };

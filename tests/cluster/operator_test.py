@@ -207,6 +207,8 @@ class Operator(Scenario):
         for kind, least in (("record", 2), ("register", 1), ("payload", 1)):  # each payload needs at least so many
             self.assertGreaterEqual(asked["kesh_save_seconds_count", ("file", kind)],
                                     least * asked["kesh_payloads_applied",], kind)
+        for channel in ("3", "4", "5", "7"):
+            self.assertGreater(asked["kesh_datagrams_total", ("channel", channel), ("direction", "sent")], 0, channel)
         self.assertEqual(asked["kesh_roll_over_seconds_count",], 1)  # the first log
         self.assertGreater(asked["kesh_roll_over_seconds_sum",], 0)
         self.assertGreater(asked["kesh_number_space_used_ratio", ("numbers", "identifier")], 0)

@@ -246,6 +246,7 @@ cluster_view hello_service::make_view(int64_t now) const
   for (uint32_t node = 1; node <= HELLO_NODES_MAX; ++node) {
     if (const heard_hello *heard = peers_.last_of(node)) {
       view.peers.push_back(view_of(*heard, now));
+      view.peers.back().echo_age_ms = peers_.echo_age_ms(heard->last);
       view.peers.back().is_member = heard->last.cluster.generation == settings_.cluster.generation;
       view.peers.back().verdict = agreement_.of(node);
     }

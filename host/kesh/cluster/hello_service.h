@@ -35,7 +35,8 @@ struct own_facts {
 struct peer_view {
   hello last;
   uint32_t age_ms = 0;
-  bool is_member = false;  ///< of this generation
+  std::optional<uint32_t> echo_age_ms;  ///< as peers::echo_age_ms
+  bool is_member = false;               ///< of this generation
   agreement_verdict verdict;
 };
 

@@ -32,6 +32,7 @@ json peer_json(const peer_view &peer)
   const hello &said = peer.last;
   return {{"node", said.node},
           {"age_ms", peer.age_ms},
+          {"heard_us_ms", peer.echo_age_ms ? json(*peer.echo_age_ms) : json(nullptr)},
           {"role", node_role_name(said.role)},
           {"build", said.build},
           {"generation", said.cluster.generation},

@@ -148,10 +148,12 @@ bool peers::has_lasting_double(int64_t now_ms) const
   return has_double(now_ms) && double_->last_ms - double_->first_ms >= DOUBLE_MS;
 }
 
-bool peers::is_echo(const hello &said) const
+std::optional<uint32_t> peers::echo_age_ms(const hello &said) const
 {
-  return std::any_of(said.heard.begin(), said.heard.end(),
-                     [this](const heard_line &one) { return one.node == own_.node && one.session == own_.session; });
+  const auto found = std::find_if(said.heard.begin(), said.heard.end(), [this](const heard_line &one) {
+    return one.node == own_.node && one.session == own_.session;
+  });
+  return found == said.heard.end() ? std::nullopt : std::optional(found->age_ms);
 }
 
 uint32_t peers::echo_count() const

@@ -73,8 +73,10 @@ public:
   bool has_double(int64_t now_ms) const;
   bool has_lasting_double(int64_t now_ms) const;
 
+  /// How old the last hello of this session was that the sender had heard when it said this; unset: it had heard none.
+  std::optional<uint32_t> echo_age_ms(const hello &said) const;
   /// Whether the sender had heard this session before it said this.
-  bool is_echo(const hello &said) const;
+  bool is_echo(const hello &said) const { return echo_age_ms(said).has_value(); }
   /// How many other members have said hello after they heard this session.
   uint32_t echo_count() const;
 

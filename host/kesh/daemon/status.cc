@@ -7,6 +7,7 @@
 
 #include "daemon/node_files.h"
 #include "items/item_text.h"
+#include "message.h"
 #include "messaging_settings.h"
 #include "platform.h"
 #include "vx_cons.h"
@@ -86,9 +87,18 @@ json message_fields(size_t node_count)
                      {"key", of.key ? json(*of.key) : json(nullptr)},
                      {"dropped", dropped_fields(of.dropped, false)}});
   }
+  json channels = json::array();
+  for (size_t i = 0; i < counted.channels.size(); i++) {
+    const platform::traffic_statistics &of = counted.channels[i];
+    channels.push_back({{"channel", i + platform::CHANNEL_FIRST},
+                        {"sent", of.sent},
+                        {"received", of.received},
+                        {"dropped", dropped_fields(of.dropped, true)}});
+  }
   return {{"sent", counted.sent},
           {"received", counted.received},
           {"queued", counted.queued},
+          {"channels", channels},
           {"dropped", dropped_fields(counted.dropped, true)},
           {"sealed", counted.seals_with ? json(*counted.seals_with) : json(nullptr)},
           {"accepts_plain", counted.accepts_plain},
@@ -144,9 +154,13 @@ std::string node_text(const json &node)
 /// Of a node that said hello.
 std::string peer_text(const json &peer)
 {
-  std::string text = peer.at("role").get<std::string>() + ", " + peer.at("standing").get<std::string>() + ", heard " +
-                     number_text(peer.at("age_ms")) + " ms ago, decision " + number_text(peer.at("decision")) +
-                     ", payload " + number_text(peer.at("n")) + ", " + peer.at("verdict").get<std::string>();
+  const json &heard_us = peer.at("heard_us_ms");
+  std::string text =
+      peer.at("role").get<std::string>() + ", " + peer.at("standing").get<std::string>() + ", heard " +
+      number_text(peer.at("age_ms")) + " ms ago, " +
+      (heard_us.is_null() ? "does not hear this node" : "had heard this node " + number_text(heard_us) + " ms before") +
+      ", decision " + number_text(peer.at("decision")) + ", payload " + number_text(peer.at("n")) + ", " +
+      peer.at("verdict").get<std::string>();
   if (!peer.at("is_member").get<bool>()) {
     text += ", of generation " + number_text(peer.at("generation"));
   }

@@ -150,12 +150,21 @@ void write_cluster(writer &to, const json &cluster)
 
 void write_messages(writer &to, const json &messages)
 {
+  const auto channel_of = [](const json &one) {
+    return label("channel", std::to_string(one.at("channel").get<uint32_t>())) + ',';
+  };
   to.family("datagrams_total", "counter", "Datagrams sent and received.");
-  write_each(to, messages, "direction", {"sent", "received"});
+  for (const json &one : messages.at("channels")) {
+    for (const char *direction : {"sent", "received"}) {
+      to.sample(number_of(one.at(direction)), channel_of(one) + label("direction", direction));
+    }
+  }
   to.one("messages_repeated", "gauge", "Messages that are being repeated.", number_of(messages.at("queued")));
   to.family("datagrams_dropped_total", "counter", "Datagrams that were not handed on, or messages not sent.");
-  for (const auto &[reason, count] : messages.at("dropped").items()) {
-    to.sample(number_of(count), label("reason", reason));
+  for (const json &one : messages.at("channels")) {
+    for (const auto &[reason, count] : one.at("dropped").items()) {
+      to.sample(number_of(count), channel_of(one) + label("reason", reason));
+    }
   }
   std::vector<std::pair<std::string, double>> of_peers;
   for (const json &peer : messages.at("peers")) {

@@ -320,6 +320,9 @@ TEST(cluster_peers, tells_its_own_from_strangers_and_remembers_decisions)
   one.heard = {{1, 0, 99, 6000}};
   heard.heard(one, 1700);
   EXPECT_EQ(heard.disk_went_back(739), std::nullopt) << "said to another session";
+  EXPECT_EQ(heard.echo_age_ms(one), std::nullopt);
+  one.heard.push_back({1, 40, 101, 0});
+  EXPECT_EQ(heard.echo_age_ms(one), 40u);
 }
 
 // A node that was restarted may hear the last hellos of its own former session.

@@ -126,6 +126,7 @@ TEST(messaging, what_is_of_another_cluster_or_build_is_counted_and_handed_over)
   node.expect(5, 1);
   EXPECT_EQ(count_of(6, 5, drop_reason::other_build), 1u);
   EXPECT_EQ(node.dropped(drop_reason::other_cluster), 1u);
+  EXPECT_EQ(node.statistics().channels[6 - CHANNEL_FIRST].dropped[static_cast<size_t>(drop_reason::other_cluster)], 1u);
 }
 
 // Nodes of two versions would not understand each other if these bytes changed.
