@@ -465,6 +465,7 @@ ordering_facts cluster_link::facts_of_ordering(const own_facts &now)
                        .isolated = functions_.isolated ? functions_.isolated() : "",
                        .stays_out = {},
                        .no_network = platform::messaging_network_fault(),
+                       .no_room = functions_.no_room ? functions_.no_room() : "",
                        .not_yet = {},
                        .is_complete = now.position.complete,
                        .is_barred = seen.barred.has_value(),

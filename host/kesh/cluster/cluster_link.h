@@ -49,6 +49,8 @@ struct link_functions {
   std::function<node_role()> role;
   /// Since when it is isolated, and why: " since TIME: LINE"; empty if it is not. Any thread; waits for nothing.
   std::function<std::string()> isolated;
+  /// Why no payload finds room on the disk; empty: one does. Hello thread.
+  std::function<std::string()> no_room;
   /// How long the oldest open submission waits, in s; 0: none does. Hello thread.
   std::function<uint64_t()> oldest_wait_s;
   /// Orders one no-op, as a payload of its own. Waits until its fate is known; true: it was applied here. Work thread.

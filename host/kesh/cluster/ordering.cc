@@ -84,6 +84,9 @@ void judge_own(const ordering_facts &known, ordering &found)
   if (!known.no_network.empty()) {
     found.obstacles.push_back("this node has no network: " + known.no_network);
   }
+  if (!known.no_room.empty()) {
+    found.obstacles.push_back("this node has no room for payloads: " + known.no_room);
+  }
 }
 
 void judge_quorum(const ordering_facts &known, ordering &found)

@@ -28,6 +28,7 @@ struct ordering_facts {
   std::string isolated;    ///< since when, and by which file: " since 10:15:31 (...)"; may be empty
   std::string stays_out;   ///< why it takes no part at all; empty: it does
   std::string no_network;  ///< why it cannot be heard at all; empty: it can
+  std::string no_room;     ///< why its disk takes no payload; empty: it does
   std::string not_yet;     ///< why it may not lead yet; empty: nothing is in the way
   bool is_complete = true;
   bool is_barred = false;

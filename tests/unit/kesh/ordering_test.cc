@@ -69,6 +69,8 @@ TEST(ordering, says_in_one_sentence_why_nothing_is_ordered)
       {with([](facts &all) { all.role = node_role::stopped; }), "not ordering: this node is stopped"},
       {with([](facts &all) { all.role = node_role::isolated, all.isolated = " since 10:15: write() failed"; }),
        "not ordering: this node is isolated since 10:15: write() failed"},
+      {with([](facts &all) { all.no_room = "7 bytes are free"; }),
+       "not ordering: this node has no room for payloads: 7 bytes are free"},
       {with([](facts &all) { all.no_network = "address 192.0.2.1 is on no interface", all.peers.clear(); }),
        "not ordering: this node has no network: address 192.0.2.1 is on no interface; only 1 of 3 nodes heard, a "
        "quorum "
