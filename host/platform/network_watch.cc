@@ -4,6 +4,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -85,13 +86,14 @@ network_news network_watch::take()
   std::array<uint8_t, DATAGRAM_ROOM> bytes;
   for (;;) {
     const ssize_t size = recv(socket_.get(), bytes.data(), bytes.size(), MSG_TRUNC);
-    if (size < 0 && errno == ENOBUFS) {
-      told.has_lost = true;
-    } else if (size < 0 && errno != EINTR) {
-      return told;
+    if (size < 0) {
+      if (errno != ENOBUFS && errno != EINTR) {
+        return told;
+      }
+      told.has_lost |= errno == ENOBUFS;
     } else if (static_cast<size_t>(size) > bytes.size()) {
       told.has_lost = true;
-    } else if (size > 0) {
+    } else {
       read_network_news({bytes.data(), static_cast<size_t>(size)}, told);
     }
   }

@@ -8,6 +8,7 @@ namespace kesh
 namespace
 {
 
+// What the library keeps free when it saves a payload.
 constexpr uint64_t KEPT_FOR_RECORDS = 1000000;
 constexpr uint64_t STATES = 2;
 
