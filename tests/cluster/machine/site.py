@@ -7,6 +7,7 @@ installed tree that lies in the directory, `scp` copies from another machine's d
 
 import os
 import shutil
+import socket
 import subprocess
 import sys
 
@@ -36,7 +37,15 @@ def enter_own_namespaces():
 
 
 def run(*command, **options):
-    return subprocess.run(command, check=True, capture_output=True, text=True, **options).stdout
+    try:
+        return subprocess.run(command, check=True, capture_output=True, text=True, **options).stdout
+    except subprocess.CalledProcessError as failed:
+        raise RuntimeError(f"{' '.join(command)}: {failed.stderr.strip()}") from failed
+
+
+def interfaces():
+    """By netlink: /sys shows those of the network in which it was mounted."""
+    return [name for _, name in socket.if_nameindex()]
 
 
 class Machine:
@@ -90,7 +99,8 @@ class Machine:
             self._process.kill()
             self._process.wait()
             self._process = None
-            wait_until(lambda: not os.path.exists(f"/sys/class/net/v{self.number}"), BOOT_S, f"{self.name} is gone")
+            # The kernel removes a network some time after its last process.
+            wait_until(lambda: f"v{self.number}" not in interfaces(), BOOT_S, f"{self.name} is gone")
 
     def command(self, *words):
         return ["nsenter", "--all", "--root", "--wd", "--target", str(self._pid), "env", "-i", "HOME=/root", "LC_ALL=C",
