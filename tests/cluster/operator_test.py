@@ -277,6 +277,13 @@ class Operator(Scenario):
             hear("WATCHDOG=1")
             self.cluster.stop(1)
             hear("STOPPING=1")
+            # A manager that does not read for a while: nobody waits for it, and it hears what matters later.
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, self.assertRaises(BlockingIOError):
+                other.setblocking(False)
+                while True:
+                    other.sendto(b"something", manager.getsockname())
+            self.cluster.start(1)
+            hear("READY=1")
 
     def test_requests_and_files_that_cannot_be_right(self):
         one = self.cluster.node(1)

@@ -99,7 +99,6 @@ class Unit:
 
     @staticmethod
     def _listen(told, is_ready_or_over):
-        """Reads all that it says: its main loop would wait for who does not."""
         with told:
             while (word := told.recv(4096).decode()) != OVER:
                 if word == "READY=1":
