@@ -199,6 +199,8 @@ class Node:
     def kesh(self, subcommand, *arguments):
         """Returns the command line of a kesh subcommand for this daemon. Run it in the node's directory: the socket's
         address then fits, however deep that directory is."""
+        if subcommand == "backup":  # of the store, which the node sees elsewhere
+            return self.view(self._programs.kesh, subcommand, "--config", self.path("kesh.conf"), *arguments)
         return [self._programs.kesh, subcommand, "--socket", "run/kesh.sock", *arguments]
 
     def inside(self, command):

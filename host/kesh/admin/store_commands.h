@@ -1,5 +1,4 @@
-/// `kesh backup`, `kesh verify`, `kesh restore`. The first two ask the daemon if one answers, else they use the store
-/// themselves. Each prints its result, and returns an exit code.
+/// `kesh backup`, `kesh verify`, `kesh restore`. Each prints its result, and returns an exit code.
 #pragma once
 
 #include <optional>
@@ -23,11 +22,13 @@ struct store_access {
   std::string why;
 };
 
-/// Writes a copy of the store as it is at one moment. An existing file is never overwritten. The library's records are
-/// no part of it: restored on any day but today's they would break promises that this node has made.
+/// Writes a copy of the store as it is at one moment, whether a daemon runs or not. An existing file is never
+/// overwritten. The library's records are no part of it: restored on any day but today's they would break promises that
+/// this node has made.
 int backup_command(const store_access &access, const std::string &file);
 
-/// Checks the store (`file` empty) or a named database: every hash, every number. EXIT_RUNTIME if it finds a fault.
+/// Checks the store (`file` empty), which the daemon does if one answers, or a named database: every hash, every
+/// number. EXIT_RUNTIME if it finds a fault.
 int verify_command(const store_access &access, const std::string &file, bool as_json);
 
 /// Puts the present store aside and a copy of the backup in its place, marked incomplete: what happened since comes

@@ -1,11 +1,10 @@
 #include "cluster/store_look.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 
 #include "store/database.h"
 #include "store/library_entry.h"
+#include "store/store_aside.h"
 
 namespace kesh
 {
@@ -15,14 +14,6 @@ namespace
 
 // What one look reads at most: some hundredths of a second.
 constexpr uint64_t ROWS_MAX = 20000;
-
-/// The number of the file's inode: a store that takes another's place is made while the other one is there. 0: there is
-/// none. Never opened here, for closing it would drop SQLite's locks.
-uint64_t number_of(const std::string &path)
-{
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_ino) : 0;
-}
 
 std::optional<chain_hash> read_hash(const std::string &path, uint64_t n)
 {
@@ -48,7 +39,7 @@ told_position store_look::position()
     const uint64_t at = checkpoint_of(now.n);
     {
       const use_scope use(store_.gate());
-      told.store = number_of(store_.path());
+      told.store = file_number(store_.path());
       if (at == now.n) {
         told.checkpoint_hash = now.hash;
       } else if (told.store == checkpoint_of_.store && at == checkpoint_of(checkpoint_of_.n) &&
@@ -68,7 +59,7 @@ told_position store_look::position()
 std::optional<chain_hash> store_look::hash_at(const told_position &in, uint64_t n)
 {
   const use_scope use(store_.gate());
-  return in.store != 0 && number_of(store_.path()) == in.store ? read_hash(store_.path(), n) : std::nullopt;
+  return in.store != 0 && file_number(store_.path()) == in.store ? read_hash(store_.path(), n) : std::nullopt;
 }
 
 void store_look::raise(std::string_view after)
@@ -91,7 +82,7 @@ void store_look::look_for_ids(const told_position &now)
     return;
   }
   const use_scope use(store_.gate());
-  if (number_of(store_.path()) != now.store) {
+  if (file_number(store_.path()) != now.store) {
     return;
   }
   database own(store_.path(), database::mode::read_only);

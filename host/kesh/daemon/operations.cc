@@ -212,30 +212,6 @@ bool must_end_use(service &host)
   return host.lines.gate().is_closing() || host.stopping();
 }
 
-void refuse_use(const store_failure &failure, control_peer &peer)
-{
-  if (failure.is_interruption()) {
-    peer.refuse(EXIT_REFUSED, "given up, since the store is being replaced or the daemon ends: give the command again");
-  } else {
-    peer.refuse(EXIT_CONFIG, failure.what());
-  }
-}
-
-void backup(service &host, const json &request, control_peer &peer)
-{
-  const std::string target = request.at("file").get<std::string>();
-  if (!target.starts_with('/')) {
-    throw request_error("file: " + target + " is no path that begins with /");
-  }
-  try {
-    store_copy(host.lines, target, [&host] { return must_end_use(host); });
-  } catch (const store_failure &failure) {
-    refuse_use(failure, peer);
-    return;
-  }
-  peer.accept();
-}
-
 void verify(service &host, const json &, control_peer &peer)
 {
   verify_result found;
@@ -243,7 +219,12 @@ void verify(service &host, const json &, control_peer &peer)
     const use_scope use(host.lines.gate());
     found = store_verify(host.lines.path(), [&host] { return must_end_use(host); });
   } catch (const store_failure &failure) {
-    refuse_use(failure, peer);
+    if (failure.is_interruption()) {
+      peer.refuse(EXIT_REFUSED,
+                  "given up, since the store is being replaced or the daemon ends: give the command again");
+    } else {
+      peer.refuse(EXIT_CONFIG, failure.what());
+    }
     return;
   }
   peer.accept({{"fault", found.fault},
@@ -271,7 +252,6 @@ operation_table daemon_operations(service &host)
                            {"say", bound(operation_class::command, say)},
                            {"log_level", bound(operation_class::command, set_log_level)},
                            {"reload", bound(operation_class::command, reload)},
-                           {"backup", bound(operation_class::command, backup)},
                            {"verify", bound(operation_class::command, verify)},
                            {"probe", bound(operation_class::command, probe)},
                            {"journal", bound(operation_class::stream, serve_journal)},

@@ -174,6 +174,12 @@ store_file store_file_look(const std::string &path, std::string &why)
   return store_file::ours;
 }
 
+uint64_t file_number(const std::string &path)
+{
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_ino) : 0;
+}
+
 bool has_parts(const std::string &path)
 {
   bool found = false;

@@ -9,6 +9,7 @@
 ///   PATH.aside-TIME[.k]    a store that was put aside, with its -wal if it had one
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "store/database.h"
@@ -47,7 +48,7 @@ using aside_step = void (*)();
 
 /// Renames the database and what belongs to it to PATH.aside-TIME, UTC, with .1, .2 behind it where that is taken.
 /// Deletes and overwrites nothing. After a crash at any step finish_putting_aside() does the rest, so the parts stay
-/// together. No connection may be open. Returns the new path. Throws a store_failure.
+/// together. This process may have no connection open. Returns the new path. Throws a store_failure.
 std::string put_aside(const std::string &path, aside_step after_step = nullptr);
 
 /// Does the rest of what a crash interrupted; nothing if there was none.
@@ -55,6 +56,10 @@ void finish_putting_aside(const std::string &path, aside_step after_step = nullp
 
 /// The same for a file that stands alone and is no store; another, named `path` and `part`, goes with it.
 std::string put_file_aside(const std::string &path, const std::string &part);
+
+/// Tells a store from those that had its place before, which are made while the other one is there: the number of the
+/// inode; 0: there is no file.
+uint64_t file_number(const std::string &path);
 
 /// Whether parts of a database lie at `path`.
 bool has_parts(const std::string &path);

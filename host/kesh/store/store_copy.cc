@@ -76,18 +76,20 @@ private:
 
 }  // namespace
 
-void store_copy(store &from, const std::string &target, const must_end &asked)
+void store_copy(const std::string &path, const std::string &target)
 {
   if (has_parts(target)) {
     throw store_failure(target + " exists");
   }
   const temporary_file copy(target);
+  const uint64_t copied = file_number(path);
   {
-    const use_scope use(from.gate());
-    database own(from.path(), database::mode::read_only);
-    const interruption giving_up(own, asked);
+    database own(path, database::mode::read_only);
     statement vacuum(own, "VACUUM INTO ?");
     query(vacuum, as_text{copy.path()}).run();
+  }
+  if (file_number(path) != copied) {
+    throw store_failure(path + " was replaced by a state of the cluster meanwhile: give the command again");
   }
   name_durably(copy.path(), target);
 }

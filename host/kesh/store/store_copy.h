@@ -10,12 +10,14 @@
 namespace kesh
 {
 
+/// Writes a whole copy of the store at `path` to `target`, while another process, or nobody, applies payloads. It
+/// appears under its name when it is complete and on disk; an existing file is never overwritten. Throws a
+/// store_failure, also if another store takes the place meanwhile, of which nobody is kept: SQLite touches no file that
+/// was moved.
+void store_copy(const std::string &path, const std::string &target);
+
 /// Looked at now and then; true: give up. Whoever replaces the store waits for its readers.
 using must_end = std::function<bool()>;
-
-/// Writes a whole copy to `target`, while payloads are applied. It appears under its name when it is complete and on
-/// disk; an existing file is never overwritten. Throws a store_failure, also if it has to give up.
-void store_copy(store &from, const std::string &target, const must_end &asked = {});
 
 struct verify_result {
   std::string fault;  ///< what is wrong, and where; empty: nothing

@@ -26,6 +26,15 @@ MS_BIND, MS_REC, MS_PRIVATE, MS_RDONLY, MS_REMOUNT = 0x1000, 0x4000, 1 << 18, 1,
 # The unit of the distribution has arguments and a protocol that take more of systemd than there is here.
 OWN_UNITS = {"keepalived": "[Service]\nExecStart=/usr/sbin/keepalived --dont-fork --log-console --vrrp\n"}
 
+# What a unit lets its process see and write, of that what may be in the way of a procedure.
+CONFINE = """
+set -e
+for path in $WRITABLE; do [ ! -e $path ] || mount --bind $path $path; done
+mount -o remount,bind,ro /
+for path in /root /home /tmp; do mount -t tmpfs tmpfs $path; done
+exec "$@"
+"""
+
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -88,8 +97,12 @@ class Unit:
         told.bind(path)
         is_ready_or_over = threading.Event()
         environment = {"PATH": os.environ["PATH"], "NOTIFY_SOCKET": path}
+        command = keys["ExecStart"].split()
+        if keys.get("ProtectSystem") == "strict":
+            environment["WRITABLE"] = keys["ReadWritePaths"].replace("-/", "/")
+            command = ["unshare", "--mount", "sh", "-c", CONFINE, "sh", *command]
         with open(f"/var/log/{self.name}.out", "ab") as output:
-            self._process = subprocess.Popen(keys["ExecStart"].split(), stdin=subprocess.DEVNULL, stdout=output,
+            self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output,
                                              stderr=output, cwd="/", env=environment)
         threading.Thread(target=self._listen, args=(told, is_ready_or_over), daemon=True).start()
         threading.Thread(target=self._watch, args=(self._process, keys, path), daemon=True).start()
