@@ -219,7 +219,7 @@ outbox::step outbox::take(time_point now, bool is_active)
     return {{}, again_at_};
   }
   if (!repeats && needs_hold()) {
-    hold_until_ = std::min(hold_until_, now + HOLD_TIME);
+    hold_until_ = std::min(hold_until_, now + hold_time_);
     if (now < hold_until_) {
       return {{}, hold_until_};
     }
@@ -232,7 +232,7 @@ outbox::step outbox::take(time_point now, bool is_active)
     fill(slots_[slot].items);
   }
   is_repeating_ = repeats;
-  return {send(slot), NEVER};
+  return {send(slot, now), NEVER};
 }
 
 void outbox::fill(std::vector<open_item> &items)
@@ -299,11 +299,12 @@ void outbox::fill_again(std::vector<open_item> &items)
   again_open_ = 0;
 }
 
-outbox::taken outbox::send(size_t slot)
+outbox::taken outbox::send(size_t slot, time_point now)
 {
   batch &out = slots_[slot];
   out.is_under_way = true;
   out.ordinal = ++last_ordinal_;
+  out.sent_at = now;
   counts_.payloads++;
   taken result{slot, {origin_, life_, {}}};
   result.content.items.reserve(out.items.size());
@@ -325,7 +326,9 @@ void outbox::applied(uint64_t sequence, uint64_t line, time_point now)
       continue;
     }
     for (batch &one : slots_) {
-      one.not_applied -= items == &one.items && one.not_applied > 0 ? 1 : 0;
+      if (items == &one.items && one.not_applied > 0 && --one.not_applied == 0) {
+        hold_time_ = std::clamp<duration>((now - one.sent_at) / HOLD_SHARE, HOLD_MIN, HOLD_MAX);
+      }
     }
     if (found->now == open_item::state::open) {
       client &owner = *found->owner;

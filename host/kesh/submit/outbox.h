@@ -6,8 +6,9 @@
 ///   halves take twice the time of one.
 /// - The items of a client are in at most one payload under way, in their order.
 /// - Clients take turns, TURN_SIZE bytes each, until a payload is full. An item beyond its size goes alone.
-/// - The next payload waits for as many clients as the last two served, if they were several, at most HOLD_TIME. If it
-///   waited for those of the last one only, two halves of the clients would take turns for ever.
+/// - The next payload waits for as many clients as the last two served, if they were several, at most an eighth of the
+///   time that the last one took. If it waited for those of the last one only, or for less time than the results of a
+///   payload need to bring their clients back, two halves of the clients would take turns for ever.
 /// - If a payload fails, what is open of it waits until nothing is under way, then goes out alone, in one payload, with
 ///   the next attempt. Nothing new goes out before that payload has ended well.
 /// - No item goes out once its deadline has passed.
@@ -55,9 +56,12 @@ class outbox
 {
 public:
   using time_point = std::chrono::steady_clock::time_point;
+  using duration = std::chrono::steady_clock::duration;
   static constexpr time_point NEVER = time_point::max();
   static constexpr size_t TURN_SIZE = 64 << 10;
-  static constexpr std::chrono::microseconds HOLD_TIME{300};
+  static constexpr int HOLD_SHARE = 8;  ///< of the time from a payload's way out to its last result
+  static constexpr std::chrono::microseconds HOLD_MIN{300};
+  static constexpr std::chrono::milliseconds HOLD_MAX{25};
   /// Before what failed is repeated: it may have failed at once, for want of memory.
   static constexpr std::chrono::milliseconds REPEAT_PAUSE{20};
 
@@ -129,6 +133,7 @@ private:
   struct batch {
     bool is_under_way = false;
     uint64_t ordinal = 0;
+    time_point sent_at;
     std::vector<open_item> items;  // by sequence
     size_t bytes = 0;              // of their texts
     size_t not_applied = 0;
@@ -155,7 +160,7 @@ private:
   /// Takes the client's turn. False if the payload is full.
   bool take_turn(client &from, std::vector<open_item> &items, size_t &used);
   void fill_again(std::vector<open_item> &items);
-  taken send(size_t slot);
+  taken send(size_t slot, time_point now);
 
   const uint8_t origin_;
   const uint64_t life_;
@@ -174,6 +179,7 @@ private:
   size_t last_clients_ = 0;    // in the last payload
   size_t recent_clients_ = 0;  // in the last two
   time_point hold_until_ = NEVER;
+  duration hold_time_ = HOLD_MIN;
   time_point next_deadline_ = NEVER;
   size_t bytes_ = 0;
   bool was_active_ = true;  // at the last take()

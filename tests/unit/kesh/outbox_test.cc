@@ -144,6 +144,10 @@ TEST(outbox, decides_what_goes_out)
      "pass 100; take = wait 200; push B 1; take = 0: A2 B2; ok 0 = A2 unknown, B2 unknown; push A 1; "
      "take = wait 300; pass 300; take = 0: A3; ok 0 = A3 unknown; push A 1; take = wait 300; pass 300; take = 0: A4; "
      "ok 0 = A4 unknown; push A 1; take = 0: A5"},
+    {"the time is an eighth of what the last payload took, from 0.3 to 25 ms",
+     "push A 1; push B 1; take = 0: A1 B1; pass 8000; applied A1 = A1 applied; pass 800; applied B1 = B1 applied; ok 0; "
+     "push A 1; take = wait 1100; pass 1100; take = 0: A2; pass 400000; applied A2 = A2 applied; ok 0; push B 1; "
+     "take = wait 25000"},
     {"two halves of the clients that took turns come together",
      "push A 1; push B 1; take = 0: A1 B1; push C 1; push D 1; applied A1 = A1 applied; applied B1 = B1 applied; "
      "take = 1: C1 D1; ok 0; push A 1; push B 1; applied C1 = C1 applied; applied D1 = D1 applied; take = wait 300; "
