@@ -55,7 +55,7 @@ class Cluster:
         found = programs.Programs(self._build_dir or programs.default_build_dir())
         if self.dir.holder_pid():
             raise LabError(f"a laboratory is up in {self.dir.path} already: `vxlab down` ends it")
-        self.dir.prepare(fresh=True)
+        self.dir.prepare()
         self.dir.write_settings({"nodes": count, "build_dir": found.build_dir, "partition": []})
         self._load()
         self.open(detached)

@@ -8,7 +8,7 @@ import sys
 from . import bench, bench_clients, demo, network
 from .chaos.command import add_command as chaos
 from .cluster import NODES_MAX, Cluster
-from .errors import EXIT_OK, LabError, NoLabError, UsageError
+from .errors import LabError, NoLabError, UsageError
 from .progress import Progress
 from .report import needs
 
@@ -137,7 +137,7 @@ def master(subparsers):
         lab(options).set_master(*options.nodes)
 
     parser = add(subparsers, "master", "say MASTER to this node and BACKUP to all others, as keepalived would", run)
-    parser.add_argument("nodes", type=int, nargs="+", metavar="NODE", help="several make a cluster with two minds")
+    parser.add_argument("nodes", type=int, nargs="+", metavar="NODE", help="several make a split brain")
 
 
 def one_node(name, help_text, act):

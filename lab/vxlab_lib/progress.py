@@ -42,14 +42,6 @@ class Progress:
             self._live = False
 
 
-class Silence(Progress):
-    def say(self, text):
-        pass
-
-    def update(self, text):
-        pass
-
-
 def bar(done, total, width=30):
     filled = int(width * min(1.0, done / total)) if total else width
     return "[" + "#" * filled + "." * (width - filled) + f"] {done}/{total}"

@@ -53,8 +53,8 @@ class RunDir:
     def write_settings(self, settings):
         write_by_rename(self.file(MARKER), json.dumps(settings, indent=2) + "\n")
 
-    def prepare(self, fresh):
-        """Makes the directory. `fresh` empties one that held a laboratory before. Never touches any other directory."""
+    def prepare(self):
+        """Makes the directory, and empties one that held a laboratory before. Never touches any other directory."""
         try:
             os.makedirs(self.path, exist_ok=True)
             entries = os.listdir(self.path)
@@ -62,7 +62,7 @@ class RunDir:
             raise LabError(f"run directory {self.path}: {error.strerror}") from error
         if entries and not self.is_lab():
             raise UsageError(f"{self.path} is neither empty nor the run directory of a laboratory; choose another")
-        for entry in entries if fresh else []:
+        for entry in entries:
             path = self.file(entry)
             if os.path.isdir(path) and not os.path.islink(path):
                 shutil.rmtree(path)

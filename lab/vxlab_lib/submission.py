@@ -11,21 +11,18 @@ from .errors import LabError
 class Acknowledged:
     tag: str  # node.life.sequence, as in the journal
     latency_us: int
-    attempts: int
     at: float  # time.monotonic() of the acknowledgement
 
 
 class Submission:
     """Submits `lines` (bytes) at one node, `window` of them at a time, in the background. Lines that are open together
-    may travel in one payload. Read `acknowledged`
-    (index of the line -> Acknowledged) at any time."""
+    may travel in one payload. Read `acknowledged` (index of the line -> Acknowledged) at any time."""
 
     def __init__(self, node, lines, window=1, timeout_s=60):
         self.node = node
         self.lines = lines
         self.acknowledged = {}
         self.error = None  # why it ended early
-        self.started_at = time.monotonic()
         self._request = {"op": "submit", "window": window, "timeout_s": timeout_s}
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
@@ -85,9 +82,8 @@ class Submission:
         for raw in stream:
             words = raw.decode("utf-8", "replace").split()
             if words[0] == "ok":
-                number, sequence, latency_us, attempts, _ = (int(word) for word in words[1:])
-                self.acknowledged[number - 1] = Acknowledged(f"{tag_front}.{sequence}", latency_us, attempts,
-                                                             time.monotonic())
+                number, sequence, latency_us, *_ = map(int, words[1:])
+                self.acknowledged[number - 1] = Acknowledged(f"{tag_front}.{sequence}", latency_us, time.monotonic())
             elif words[0] == "done":
                 return True
             else:  # refused LINE REASON, or unknown LINE SEQUENCE ATTEMPTS REASON

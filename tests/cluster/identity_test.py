@@ -56,8 +56,7 @@ class Neighbours(Scenario):
         self.submit(1, 20).wait()
         self.guest(11, 1, "lab", 3).start()
         for node in (1, 11):
-            wait_until(lambda node=node: "another daemon has the number of this node" in self.log_of(node), 20.0,
-                       f"node {node} hears its double")
+            self.await_log(node, "another daemon has the number of this node")
             wait_until(lambda node=node: not self.cluster.status(node)["active"], 20.0, f"node {node} stops")
         self.cluster.set_master(2)
         self.submit(3, 20).wait()
@@ -83,7 +82,7 @@ class Neighbours(Scenario):
                                for one in self.cluster.status(1)["cluster"]["peers"]), 10.0, "node 1 hears node 3")
         self.assertEqual(self.cluster.status(3)["journal"]["lines"], 20)
         self.assertIn("other_cluster", self.cluster.status(3)["messages"]["peers"][0]["dropped"])
-        self.assertIn("node 1 (127.1.0.1) are dropped: they are of another cluster", self.log_of(3))
+        self.await_log(3, "node 1 (127.1.0.1) are dropped: they are of another cluster")
         self.cluster.stop(3)
         self.cluster.node(3).reform(2)
         self.cluster.start(3)

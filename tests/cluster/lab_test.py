@@ -25,10 +25,12 @@ class View(unittest.TestCase):
 
     def test_private_and_gone_at_the_end(self):
         before = mounts(), os.listdir("/"), os.listdir("/run")
-        script = "echo x > /flashdisk/cons/a && echo y > /var/run/b && cat /run/b && ls /sys/class/net && exit 7"
+        script = "echo x >/flashdisk/cons/a && echo y >/var/run/b && cat /run/b && readlink /proc/self/ns/net && exit 7"
         result = self.view("--tmp", "--net-new", "--", "sh", "-c", script)
         self.assertEqual(result.returncode, 7, result.stderr)
-        self.assertTrue(result.stdout.startswith("y\n"))
+        written, network = result.stdout.splitlines()
+        self.assertEqual(written, "y")
+        self.assertNotEqual(network, os.readlink("/proc/self/ns/net"))
         self.assertEqual((mounts(), os.listdir("/"), os.listdir("/run")), before)
 
     def test_errors(self):

@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-from scenario import BUILD_DIR, wait_until
+from scenario import BUILD_DIR, has_failed, wait_until
 
 from machine import Load, Site, enter_own_namespaces, install_tree, longest_gap, raise_build_number
 from procedures import DOCUMENT, NODES, Block, bash, read_sections, run_block
@@ -22,6 +22,7 @@ FIGURES = os.environ.get("VX_FIGURES")
 LOG_LINES_SHOWN = 25
 SMALL_DISK_MB = 64
 UNDOES = "Go back to a backup"  # the section that takes back what was acknowledged
+NONSENSE = "nonsense that an application wrote"
 ALL_AT_ONCE = ["# on each node", "cd /root/packages", "systemctl stop keepalived kesh", "apt-get install -y ./*.deb",
                "systemctl start kesh keepalived", "until kesh health --ready; do sleep 0.1; done"]
 
@@ -44,11 +45,10 @@ class Operations(unittest.TestCase):
             self.new_machine(node)
 
     def show_logs_of_failure(self):
-        outcome = self._outcome.result
-        if any(test is self for test, _ in outcome.failures + outcome.errors):
-            for machine in self.site.machines.values():
-                print(f"--- {machine.name}", bash(machine, "kesh status; ls -l /flashdisk; cd /var/log; for log in kesh.log kesh.out keepalived.out; "
-                      f"do tail -n {LOG_LINES_SHOWN} $log; done").stdout, file=sys.stderr)
+        look = ("kesh status; ls -l /flashdisk; cd /var/log; for log in kesh.log kesh.out keepalived.out; "
+                f"do tail -n {LOG_LINES_SHOWN} $log; done")
+        for machine in self.site.machines.values() if has_failed(self) else ():
+            print(f"--- {machine.name}", bash(machine, look).stdout, file=sys.stderr)
 
     def new_machine(self, node, **options):
         machine = self.site.add(node, **options)
@@ -76,6 +76,8 @@ class Operations(unittest.TestCase):
         elif section == "Replace a machine":
             machines[3].remove()
             self.new_machine(3, disk_mb=SMALL_DISK_MB)
+        elif section == UNDOES:
+            self.assertEqual(bash(machines[1], f"echo {NONSENSE} | kesh submit").returncode, 0)
         elif section == "Upgrade with a new build number":
             for machine in machines.values():
                 machine.deliver(self.trees[1])
@@ -106,15 +108,18 @@ class Operations(unittest.TestCase):
                   f"{longest_gap(acknowledged, began, ended):.1f} s", flush=True)
 
     def check_journals(self):
-        """All nodes have the same lines, and all that were acknowledged since the first day."""
+        """All nodes have the same lines, and all that were acknowledged since the first day, but what was undone."""
         journals = []
 
         def are_equal():
-            journals[:] = [bash(machine, "kesh journal").stdout for machine in self.site.machines.values()]
-            return len(set(journals)) == 1
+            printed = [bash(machine, "kesh journal") for machine in self.site.machines.values()]
+            journals[:] = [one.stdout for one in printed]
+            return len(set(journals)) == 1 and not any(one.returncode for one in printed)
 
         wait_until(are_equal, 30.0, "the journals are equal")
-        self.assertLessEqual(self.acknowledged, set(journals[0].splitlines()))
+        lines = set(journals[0].splitlines())
+        self.assertLessEqual(self.acknowledged, lines)
+        self.assertNotIn(NONSENSE, lines)
 
     def test_every_block(self):
         for section, blocks in read_sections().items():
@@ -123,11 +128,13 @@ class Operations(unittest.TestCase):
             self.check_journals()
         self.assertGreater(len(self.acknowledged), 30)
         for machine in self.site.machines.values():
-            self.assertNotIn("rounding", bash(machine, "cat /var/log/keepalived.out").stdout)
+            told = bash(machine, "cat /var/log/keepalived.out").stdout
+            self.assertIn(" STATE", told)
+            self.assertNotIn("rounding", told, "keepalived takes another interval than the one that ships")
         if FIGURES:
             for machine in self.site.machines.values():
                 machine.deliver(self.trees[2])
-            self.run_blocks("For comparison, a new build number on all nodes at once", [Block("", 0, ALL_AT_ONCE)])
+            self.run_blocks("For comparison, a new build number on all nodes at once", [Block(0, ALL_AT_ONCE)])
 
 
 class Reasons(unittest.TestCase):

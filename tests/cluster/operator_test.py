@@ -22,6 +22,7 @@ from vxlab_lib.errors import LabError
 
 LISTEN = "127.1.0.1:9817"
 BAD_CONFIG, UNREACHABLE, REFUSED, UNKNOWN = 3, 4, 5, 6
+SOON_S = 10  # a command that forgets its deadline takes at least a minute, and a busy machine some seconds
 
 
 class Operator(Scenario):
@@ -40,7 +41,7 @@ class Operator(Scenario):
         for node in (1, 2, 3):
             self.cluster.kill(node)
         self.cluster.start_all(master=1)
-        wait_until(lambda: "this node may not lead" in self.log_of(1), 20.0, "node 1 must not lead")
+        self.await_log(1, "this node may not lead")
         self.cluster.set_master(2)
         self.submit(2, 300, window=1).wait()
         self.cluster.set_master(1)
@@ -100,7 +101,7 @@ class Operator(Scenario):
         os.rename(self.path_of(3, "../yesterday/cons"), self.path_of(3, "cons"))
         self.cluster.node(3).start()
         wait_until(lambda: not self.cluster.status(3)["active"], 20.0, "node 3 stops")
-        self.assertTrue("THE DISK WENT BACK" in self.log_of(3))
+        self.await_log(3, "THE DISK WENT BACK")
         wait_until(lambda: [one["role"] for one in self.cluster.status(1)["cluster"]["peers"]][1] == "stopped", 10.0,
                    "node 1 hears that node 3 is stopped")
         unheard = self.cluster.status(3)["messages"]["dropped"]["filtered_in"]
@@ -135,7 +136,7 @@ class Operator(Scenario):
             self.cluster.kill(node)
         code, seconds = self.kesh_submit(1, b"in doubt\n", 2)
         self.assertEqual(code, UNKNOWN)
-        self.assertLess(seconds, 2.5)
+        self.assertLess(seconds, SOON_S)
         one = self.cluster.node(1)
         abandoned = [subprocess.Popen(one.kesh("submit"), cwd=one.dir, stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
                      for _ in range(130)]
@@ -152,11 +153,11 @@ class Operator(Scenario):
             self.assertEqual(self.code_of(1, *arguments, timeout_s=5), code)
         code, seconds = self.kesh_submit(1, b"behind them\n", 1)
         self.assertIn(code, (REFUSED, UNKNOWN))
-        self.assertLess(seconds, 1.5)
+        self.assertLess(seconds, SOON_S)
         began = time.monotonic()
         self.assertEqual(self.code_of(1, "leave"), 0)
         self.assertEqual(self.cluster.stop(1), 0)
-        self.assertLess(time.monotonic() - began, 10)
+        self.assertLess(time.monotonic() - began, SOON_S)
         self.cluster.start_all(master=1)
         self.submit(1, 20).wait()
         self.check_all()
@@ -241,7 +242,7 @@ class Operator(Scenario):
             self.assertEqual(self.code_of(1, "stop", "--timeout", "0.2"), UNREACHABLE)
             code, seconds = self.kesh_submit(1, b"nobody takes it\n", 1)
             self.assertEqual(code, UNREACHABLE)
-            self.assertLess(seconds, 1.5)
+            self.assertLess(seconds, SOON_S)
             self.assertEqual(self.code_of(1, "vrrp", "MASTER"), 0)
             self.cluster.kill(1)
             self.assertEqual(follows.wait(10), UNREACHABLE)

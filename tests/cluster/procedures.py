@@ -22,7 +22,6 @@ NODES = (1, 2, 3)
 
 @dataclass
 class Block:
-    section: str
     line: int  # of the document
     script: list
     expected: list = field(default_factory=list)
@@ -62,7 +61,7 @@ def read_sections():
         if line.strip().startswith("```"):
             fence = None if fence else line.strip()[3:]
             if fence == "sh":
-                sections.setdefault(section, []).append(Block(section, number, []))
+                sections.setdefault(section, []).append(Block(number, []))
             elif fence not in ("text", None):
                 raise AssertionError(f"operations.md:{number}: a block of {fence!r} that nobody runs")
         elif fence == "sh":

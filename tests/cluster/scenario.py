@@ -21,6 +21,12 @@ def lines(name, count):
     return [f"{name} {number}".encode() for number in range(count)]
 
 
+def has_failed(case):
+    """Whether a test, or a part of it (`subTest`), has failed so far."""
+    outcome = case._outcome.result
+    return any(getattr(one, "test_case", one) is case for one, _ in outcome.failures + outcome.errors)
+
+
 class Scenario(unittest.TestCase):
     """One cluster on the real disk of the build tree. What was submitted through `submit` is checked by `check_all`."""
 
@@ -45,8 +51,7 @@ class Scenario(unittest.TestCase):
         """For what has to be there before the first node runs."""
 
     def show_logs_of_failure(self):
-        outcome = self._outcome.result
-        if not any(test is self for test, _ in outcome.failures + outcome.errors):
+        if not has_failed(self):
             return
         for node in self.cluster.nodes.values():
             print(f"--- end of the log of node {node.id}", file=sys.stderr)
@@ -56,6 +61,10 @@ class Scenario(unittest.TestCase):
     def log_of(self, node):
         with open(self.cluster.node(node).log_path, encoding="utf-8", errors="replace") as log:
             return log.read()
+
+    def await_log(self, node, text, timeout_s=20.0):
+        """The daemon's log is written by a thread of its own, so a line may come after what it tells."""
+        wait_until(lambda: text in self.log_of(node), timeout_s, f"node {node} logs: {text}")
 
     def submit(self, node, count, window=4, timeout_s=60):
         name = f"node {node}, part {len(self.submissions)}, line"

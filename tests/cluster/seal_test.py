@@ -64,7 +64,7 @@ class Sealed(Scenario):
         wait_until(lambda: self.drops_all_of_the_others(3), 20.0, "node 3 drops what the others send")
         wait_until(lambda: "not ordering: only 1 of 3 nodes heard" in self.cluster.status(3)["cluster"]["sentence"], 20.0,
                    "node 3 hears nobody")
-        self.assertIn("sealed with a key that the key file does not have", self.log_of(3))
+        self.await_log(3, "sealed with a key that the key file does not have")
         self.submit(1, 20).wait()
         self.reload(3, f"seal {two}")
         self.submit(3, 20).wait()

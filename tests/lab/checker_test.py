@@ -154,7 +154,7 @@ CASES = [
     ("a lost acknowledgement, no restart", [lose_fifth_on_3], [], "I1 I6 I9"),
     ("the number fell", [], [sample(2, 10, batch=2, count=2, crc="00000002", first=(1, 2))], "I7"),
     ("a short file", [], [sample(2, 10, sizes={"paxos_deliver": 4})], "I7"),
-    ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, "000000ff", "1.2", "once")], "I8"),
+    ("two logs for a number", [], [wire(8.1, 2, "decide", 4, 4, 255, "1.2", "once")], "I8"),
     ("never equal", [], [lambda b: b.events.__setitem__(slice(None), [e for e in b.events if e[1] != "equal"])], "I9"),
     ("a crash of a node that was to be killed", [], [event(50, "exit", node=2, pid=10, code=-11),
                                                      event(49, "kill", node=2, pid=10, point="x")], "P"),

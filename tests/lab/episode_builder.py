@@ -93,7 +93,7 @@ class Builder:
             count = number if number < 5 else number - 4
             first = (1, 2) if number < 5 else STATE
             named = f"{first[0]}.{first[1]}"
-            self.wire.append([number * 2.0, 1, "decide", number, count, f"{number:08x}", named, "once"])
+            self.wire.append([number * 2.0, 1, "decide", number, count, number, named, "once"])
             for node in (1, 2, 3):
                 tasks = {name[:15]: 1 for name in THREADS}
                 self.samples.append({"t": number * 2.1, "node": node, "pid": 10, "batch": number, "count": count,

@@ -164,14 +164,10 @@ def read_wire(path):
         if len(words) < 3 or not words[0].isdigit():
             continue  # statistics
         if words[2] == "decide" and len(words) >= 8:
-            decides.append(Decide(int(words[0]), int(words[1]), int(words[3]), int(words[4]), words[5],
+            decides.append(Decide(int(words[0]), int(words[1]), int(words[3]), int(words[4]), int(words[5]),
                                   entry_of(words[6]), words[7]))
         elif words[2] in ("send4", "send5"):
             sends.append((int(words[0]), int(words[1]), int(words[2][4:])))
-    # The fabric writes checksums in decimal. Kept evidence has them all as eight hexadecimal digits.
-    base = 16 if all(len(decide.crc) == 8 for decide in decides) else 10
-    for decide in decides:
-        decide.crc = int(decide.crc, base)
     return decides, sends
 
 

@@ -8,7 +8,7 @@
     around.py         log lines and messages around a moment
     svg.py            figure -> SVG within a page      timeline_plot.py, bench_plots.py   data -> SVG
     page.py           templates -> page                bench_page.py, chaos_page.py, demo_page.py
-    machine.py        what it was measured on
+    machine.py        what it was measured on        campaign_report.py   a campaign, episode by episode
 
 svg.py, the plots and the pages need the packages that needs.py names. Import them only where a page is made.
 """

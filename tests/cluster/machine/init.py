@@ -19,7 +19,6 @@ import time
 SOCKET = "/run/manager.sock"
 ENABLED = "/etc/machine-enabled"  # a file in it for each unit that starts when the network is there
 UNITS = ("kesh", "keepalived")  # in the order in which they start
-OVER = "the process has ended"
 STOP_S = 60
 READY_S = 60
 MS_BIND, MS_REC, MS_PRIVATE, MS_RDONLY, MS_REMOUNT = 0x1000, 0x4000, 1 << 18, 1, 0x20
@@ -105,7 +104,7 @@ class Unit:
             self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output,
                                              stderr=output, cwd="/", env=environment)
         threading.Thread(target=self._listen, args=(told, is_ready_or_over), daemon=True).start()
-        threading.Thread(target=self._watch, args=(self._process, keys, path), daemon=True).start()
+        threading.Thread(target=self._watch, args=(self._process, keys, told), daemon=True).start()
         if keys.get("Type") == "notify":
             is_ready_or_over.wait(READY_S)
         return self.is_running()
@@ -113,16 +112,15 @@ class Unit:
     @staticmethod
     def _listen(told, is_ready_or_over):
         with told:
-            while (word := told.recv(4096).decode()) != OVER:
-                if word == "READY=1":
+            while word := told.recv(4096):
+                if word == b"READY=1":
                     is_ready_or_over.set()
         is_ready_or_over.set()
 
-    def _watch(self, process, keys, path):
+    def _watch(self, process, keys, told):
         """Until the process ends, and starts it again after a failure."""
         code = process.wait()
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
-            listener.sendto(OVER.encode(), path)
+        told.shutdown(socket.SHUT_RD)  # ends _listen, which first takes what the process said
         if keys.get("ExecStopPost"):
             subprocess.run(keys["ExecStopPost"].lstrip("-").split(), check=False)
         is_failure = code not in (0, -signal.SIGTERM) and str(code) not in keys.get("RestartPreventExitStatus", "").split()
@@ -182,8 +180,9 @@ class Manager:
 
     def run(self):
         listener = socket.socket(socket.AF_UNIX)
-        listener.bind(SOCKET)
+        listener.bind(SOCKET + ".new")
         listener.listen()
+        os.rename(SOCKET + ".new", SOCKET)  # who sees it can connect to it
         while True:
             threading.Thread(target=self._serve, args=(listener.accept()[0],), daemon=True).start()
 

@@ -44,7 +44,7 @@ def clock_step(draw, nodes, seconds):
 def strangers(draw, _nodes, seconds):
     """Sends valid messages of another cluster and of another build, with numbers far above the cluster's own."""
     return Made([at(moment, "strangers", count=draw.randint(20, 200), seed=draw.randint(0, 1 << 30))
-                 for moment in times(draw, seconds, 2.0)], options={"strangers": True})
+                 for moment in times(draw, seconds, 2.0)])
 
 
 FAULTS = [
