@@ -1,6 +1,6 @@
 /* libvx_cons: ordered, durable broadcast and cluster messages for a cluster of up to 16 appliances.
  *
- * Fifteen functions, plain C, symbol version VX. The library does no networking of its own: the process
+ * Sixteen functions, plain C, symbol version VX. The library does no networking of its own: the process
  * that loads it provides the functions of vx_host.h.
  *
  * Calling order: vx_cons_init; the hooks; vx_cons_configure when the configuration is new or has changed;
@@ -142,6 +142,11 @@ typedef struct vx_cons_saves {
 } vx_cons_saves;
 /* Any thread. Zeros for an unknown kind. */
 vx_cons_saves vx_cons_get_saves(uint32_t kind);
+
+/* Any thread. With durable payloads: where fewer bytes than so many would stay free in /flashdisk/cons, no ordinary
+ * payload is saved, and none can be ordered by this node. They are for the records and the states of the next logs, so
+ * the number grows and falls with the last state. 0 without durable payloads, and before the first start. */
+uint64_t vx_cons_get_disk_reserve(void);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@
 #include "ordered_broadcast/distribute.h"
 #include "ordered_broadcast/paxos_state.h"
 #include "ordered_broadcast/protocol.h"
+#include "payload_dissemination/payload_files.h"
 #include "service/clmsg.h"
 #include "service/cluster_config.h"
 #include "service/entry_gate.h"
@@ -207,4 +208,9 @@ uint32_t vx_cons_get_node_id(void)
 vx_cons_saves vx_cons_get_saves(uint32_t kind)
 {
   return save_times_of(kind);
+}
+
+uint64_t vx_cons_get_disk_reserve(void)
+{
+  return payload_files_reserve();
 }

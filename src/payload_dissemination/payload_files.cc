@@ -19,7 +19,7 @@ constexpr uint64_t RESERVE = 1000000;  // for the three records and the register
 // The state that ends a log must still find room where ordinary payloads do not.
 uint64_t reserve_for(const payload_entry &entry)
 {
-  return entry.is_state ? RESERVE : RESERVE + 2 * uint64_t{payload_files.last_state_size};
+  return entry.is_state ? RESERVE : payload_files_reserve();
 }
 
 enum class save_step { done, go, refused };
@@ -85,6 +85,11 @@ bool remove_if_unnamed(const payload_file &file, bool is_logged)
 }
 
 }  // namespace
+
+uint64_t payload_files_reserve()
+{
+  return payload_upkeep.is_on ? RESERVE + 2 * uint64_t{payload_files.last_state_size} : 0;
+}
 
 int payload_files_load(bool is_on, const std::function<void()> &progress)
 {

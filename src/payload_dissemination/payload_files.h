@@ -12,6 +12,10 @@
 
 void *payload_files_thread(void *);
 
+/// Bytes of the disk that no ordinary payload takes: for the records, and the states of the next logs. 0 without
+/// durable payloads. Any thread.
+uint64_t payload_files_reserve();
+
 struct payload_files_state {
   std::atomic<uint32_t> last_state_size{0};
 

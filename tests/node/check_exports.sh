@@ -19,6 +19,7 @@ vx_cons_cluster_enabled@@VX
 vx_cons_cluster_supported@@VX
 vx_cons_configure@@VX
 vx_cons_distribute@@VX
+vx_cons_get_disk_reserve@@VX
 vx_cons_get_node_count@@VX
 vx_cons_get_node_id@@VX
 vx_cons_get_saves@@VX

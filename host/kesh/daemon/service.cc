@@ -101,7 +101,7 @@ link_functions service::make_link_functions()
                 const lock_scope scope(verdict_lock_);
                 return isolated_;
               },
-          .no_room = [this] { return no_room_in(CONS_DIRECTORY, states.bytes); },
+          .no_room = [this] { return no_room_in(CONS_DIRECTORY, vx_cons_get_disk_reserve()); },
           .oldest_wait_s = [this] { return static_cast<uint64_t>(submissions->oldest_wait().count()); },
           .order_no_op = [this] { return order_no_op(); },
           .stop_protocol =
