@@ -26,6 +26,8 @@ using platform::log_line;
 
 // Each try restarts the library.
 constexpr std::chrono::seconds RAISE_AGAIN{30};
+// A new log makes room for a moment. The lead must not go to and fro with each.
+constexpr int64_t ROOM_LASTS_MS = 60000;
 
 // Hooks have no argument for the host. Set before the hook is registered, and reset when messaging has stopped.
 std::atomic<cluster_link *> hooked = nullptr;
@@ -325,7 +327,9 @@ lead_facts cluster_link::facts_now() const
           .is_complete = is_complete_,
           .is_barred = is_barred_,
           .stays_out = stays_out(),
-          .not_yet = std::move(not_yet)};
+          .not_yet = std::move(not_yet),
+          .has_room = now_ms() >= has_room_from_ms_,
+          .substitute = substitute_};
 }
 
 cluster_link::log_text cluster_link::decide()
@@ -445,11 +449,14 @@ own_facts cluster_link::gather()
   own_id = std::max(own_id, records.msg_id);
   // Without them nobody takes the top for this node's word.
   now.ids = in_store && records.knows_top ? std::optional(known) : std::nullopt;
-  const ordering found = ordering_of(facts_of_ordering(now));
+  const ordering_facts known_now = facts_of_ordering(now);
+  const ordering found = ordering_of(known_now);
+  note_room(known_now.no_room.empty(), hello_.view());
   now.reason = now.reason.empty() ? records.fault : now.reason;
   now.reason = now.reason.empty() ? obstacles_text(found) : now.reason;
   const lock_scope scope(lock_);
   note_ordering(found);
+  now.could_lead = could_lead(facts_now());
   now.decision_at_start = decision_at_start_;
   facts_ = now;
   return now;
@@ -483,6 +490,16 @@ ordering_facts cluster_link::facts_of_ordering(const own_facts &now)
   known.stays_out = own.stays_out;
   known.not_yet = own.not_yet;
   return known;
+}
+
+void cluster_link::note_room(bool has_room, const cluster_view &seen)
+{
+  const auto other = std::find_if(seen.peers.begin(), seen.peers.end(), [this](const peer_view &one) {
+    return one.age_ms <= LIVE_MS && one.last.could_lead && difference_of(one.last, hello_settings_) == difference::none;
+  });
+  const lock_scope scope(lock_);
+  has_room_from_ms_ = has_room ? has_room_from_ms_ : now_ms() + ROOM_LASTS_MS;
+  substitute_ = other == seen.peers.end() ? 0 : other->last.node;
 }
 
 /// What the library of this node makes of the other's messages.

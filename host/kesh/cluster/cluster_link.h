@@ -146,6 +146,7 @@ private:
   void advance_newcomer(const own_records &records, const message_ids &known, std::string obstacle)
       PLATFORM_EXCLUDES(lock_) PLATFORM_EXCLUDES(standing_lock_);
   ordering_facts facts_of_ordering(const own_facts &now) PLATFORM_EXCLUDES(lock_);
+  void note_room(bool has_room, const cluster_view &seen) PLATFORM_EXCLUDES(lock_);
   void note_ordering(const ordering &found) PLATFORM_REQUIRES(lock_);
   ordering_peer ordering_peer_of(const peer_view &one) const;
 
@@ -208,6 +209,8 @@ private:
   int64_t judged_ms_ PLATFORM_GUARDED_BY(lock_) = 0;           // when
   int64_t not_ordering_ms_ PLATFORM_GUARDED_BY(lock_) = 0;
   uint32_t last_leader_ PLATFORM_GUARDED_BY(lock_) = 0;  // 0: none was seen
+  int64_t has_room_from_ms_ PLATFORM_GUARDED_BY(lock_) = 0;
+  uint32_t substitute_ PLATFORM_GUARDED_BY(lock_) = 0;  // another node that could lead, as of the last hello; 0: none
   uint64_t leader_changes_ PLATFORM_GUARDED_BY(lock_) = 0;
   bool told_may_submit_ PLATFORM_GUARDED_BY(lock_) = false;
   bool was_master_ PLATFORM_GUARDED_BY(lock_) = false;

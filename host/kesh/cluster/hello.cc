@@ -231,6 +231,7 @@ std::string hello_encode(hello from)
       {"hash", hash_text(position.hash)},
       {"checkpoint_hash", position.checkpoint_hash ? json(hash_text(*position.checkpoint_hash)) : json(nullptr)},
       {"handled", from.handled},
+      {"could_lead", from.could_lead},
       {"ids", ids_field(from)},
       {"reason", ""},
       {"heard", heard}};
@@ -261,6 +262,7 @@ std::optional<hello> hello_decode(std::string_view bytes)
     read.top = from.any<uint32_t>("top");
     read.position = read_position(from);
     read.handled = from.flag("handled");
+    read.could_lead = object.contains("could_lead") && from.flag("could_lead");
     read.ids = read_ids(from.at("ids"), read.node_count);
     read.reason = from.text("reason", HELLO_MAX);
     read.heard = read_heard(from.at("heard"));

@@ -22,6 +22,7 @@
 ///     n, hash            payloads applied, and H(n), 64 hexadecimal digits
 ///     checkpoint_hash    H(n rounded down to a multiple of 256); null: not kept
 ///     handled            the library's log is delivered to its end
+///     could_lead         it would lead if keepalived chose it, and its disk has room; missing: no
 ///     ids                per node the highest message id of it that this node's records know, its own that it handed
 ///                        out; null: not looked up yet, or the records cannot be read;
 ///                        then its top is no word either
@@ -103,6 +104,7 @@ struct hello {
   uint32_t top = 0;
   told_position position;
   bool handled = false;
+  bool could_lead = false;
   std::optional<message_ids> ids;
   std::string reason;
   std::vector<heard_line> heard;

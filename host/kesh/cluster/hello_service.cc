@@ -216,6 +216,7 @@ void hello_service::say_hello()
   said.top = facts_->top;
   said.position = facts_->position;
   said.handled = facts_->handled;
+  said.could_lead = facts_->could_lead;
   said.ids = facts_->ids;
   said.reason = facts_->reason;
   said.heard = peers_.lines(now_ms());

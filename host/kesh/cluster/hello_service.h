@@ -25,6 +25,7 @@ struct own_facts {
   uint32_t top = 0;
   told_position position;
   bool handled = false;
+  bool could_lead = false;
   std::optional<message_ids> ids;
   std::string reason;
   /// The decision with which this session began. Unset: it was not read, or this node was new then, and is known to

@@ -72,6 +72,7 @@ struct played_daemon {
     to = others;
     link_functions functions;
     functions.role = [this] { return role.load(); };
+    functions.no_room = [this] { return std::string(is_full ? "7 bytes are free" : ""); };
     functions.order_no_op = [this] {
       events.with([&] { ++no_ops; });
       return true;
@@ -125,6 +126,7 @@ struct played_daemon {
   settings configured;
   store lines;
   std::atomic<node_role> role = node_role::follower;
+  std::atomic<bool> is_full = false;
   int no_ops = 0;
   int restarts = 0;
   std::string stopped_for;
@@ -220,6 +222,21 @@ TEST_F(cluster_link_test, a_cluster_forms_when_all_were_heard_and_then_obeys_kee
   EXPECT_EQ(node(1).link->eligible().reason, "too few of the others have said hello to it since it began");
   node(2).run();
   await([&] { return node(1).link->eligible().yes; });
+}
+
+// The leader holds up all when its disk is full. When all are, one has to lead: a new log may still find room.
+TEST_F(cluster_link_test, a_node_without_room_leads_only_where_no_other_can)
+{
+  for (auto &one : nodes) {
+    one->records(740, LOG);
+    one->write("vrrp", one == nodes[0] ? "MASTER\n" : one == nodes[1] ? "BACKUP\n" : "STOP\n");
+  }
+  nodes[0]->is_full = true;
+  start({1, 2, 3});
+  await([&] { return node(1).link->eligible().reason.find("and node 2 could lead") != std::string::npos; });
+  EXPECT_TRUE(node(1).link->may_lead().yes) << "keepalived may know better";
+  node(2).is_full = true;
+  await([&] { return node(1).link->eligible().yes && node(2).link->eligible().yes; });
 }
 
 TEST_F(cluster_link_test, an_emptied_node_joins_when_it_knows_more_than_it_forgot)

@@ -67,17 +67,22 @@ TEST(cluster_hello, is_this_text)
   hello said = hello_of(2, 7);
   said.position.checkpoint_hash.reset();
   said.stands = standing::joined;
+  said.could_lead = true;
   said.ids = {7, 0, 9};
   said.reason = "no \"leader\"";
   const std::string hash = "2c01" + std::string(60, '0');
   const std::string text =
-      R"({"build":10000,"checkpoint_hash":null,"cluster":"blue","complete":true,"decision":740,)"
+      R"({"build":10000,"checkpoint_hash":null,"cluster":"blue","complete":true,"could_lead":true,"decision":740,)"
       R"("generation":3,"handled":true,"hash":")" +
       hash + R"(","heard":[[1,20,101,739],[3,5,103,0]],"ids":[7,0,9],"mac":"02:00:00:00:00:01","n":300,"node":2,)" +
       R"("nodes":3,"number":7,"reason":"no \"leader\"","role":"leader","session":102,)" +
       R"("standing":"joined","state_max":0,"store":1,)" + R"("top":741})";
   EXPECT_EQ(hello_encode(said), text);
   EXPECT_EQ(hello_decode(text), said);
+  std::string older = text;
+  older.erase(older.find("\"could_lead\""), 18);
+  said.could_lead = false;
+  EXPECT_EQ(hello_decode(older), said) << "a build that did not tell";
 }
 
 TEST(cluster_hello, fits_its_datagram_whatever_it_says)
@@ -354,13 +359,20 @@ TEST(cluster_lead, needs_every_reason)
     lead_facts node;
     bool is_eligible;
     bool may_lead;
-  } cases[] = {
-      {{master, true, true, false, ""}, true, true},       {{backup, true, true, false, ""}, true, false},
-      {{fault, true, true, false, ""}, true, false},       {{stop, true, true, false, ""}, true, false},
-      {{unknown, true, true, false, ""}, true, false},     {{master, false, true, false, ""}, false, false},
-      {{master, true, false, false, ""}, false, false},    {{master, true, true, true, ""}, false, false},
-      {{master, true, true, false, "back"}, false, false}, {{master, true, true, false, "", "new"}, false, false}};
+  } cases[] = {{{master, true, true, false, ""}, true, true},
+               {{backup, true, true, false, ""}, true, false},
+               {{fault, true, true, false, ""}, true, false},
+               {{stop, true, true, false, ""}, true, false},
+               {{unknown, true, true, false, ""}, true, false},
+               {{master, false, true, false, ""}, false, false},
+               {{master, true, false, false, ""}, false, false},
+               {{master, true, true, true, ""}, false, false},
+               {{master, true, true, false, "back"}, false, false},
+               {{master, true, true, false, "", "new"}, false, false},
+               {{master, true, true, false, "", "", false}, true, true},  // a full disk, like all others
+               {{master, true, true, false, "", "", false, 2}, false, true}};
   for (const auto &c : cases) {
+    EXPECT_EQ(could_lead(c.node), c.is_eligible && c.node.has_room && (c.may_lead || c.node.vrrp == backup));
     for (const auto &[answer, yes] : {std::pair(is_eligible(c.node), c.is_eligible), {may_lead(c.node), c.may_lead}}) {
       EXPECT_EQ(answer.yes, yes) << answer.reason;
       EXPECT_EQ(answer.reason.empty(), yes);
