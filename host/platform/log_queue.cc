@@ -27,9 +27,10 @@ void log_queue::push(log_record line)
     ++dropped_;
     return;
   }
-  bytes_ += line.text.size();
+  const size_t size = line.text.size();
+  waiting_.push_back(std::move(line));  // first: it may throw
+  bytes_ += size;
   ++accepted_;
-  waiting_.push_back(std::move(line));
   if (waiting_.size() == 1) {
     pushed_.signal();
   }

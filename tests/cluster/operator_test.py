@@ -227,6 +227,9 @@ class Operator(Scenario):
         self.cluster.kill(1)
         wait_until(lambda: self.metrics_of(3)[("kesh_ordering",)] == 0, 15.0, "node 3 says that nothing is ordered")
         wait_until(lambda: self.metrics_of(3)[("kesh_not_ordering_seconds_total",)] > 1, 15.0, "it counts for how long")
+        self.cluster.kill(3)
+        self.cluster.start(3)
+        self.assertIn(("kesh_peer_last_heard_seconds", ("node", "1")), self.metrics_of(3), "a node that it never heard")
 
     def test_commands_notice_a_daemon_that_hangs_or_dies(self):
         self.submit(1, 20).wait()
@@ -290,6 +293,7 @@ class Operator(Scenario):
         one = self.cluster.node(1)
         for field in ("-1", "1e300", "NaN", "null", '"7"', "1.5"):
             for request in ('{"op": "journal", "since": %s}', '{"op": "submit", "window": %s}',
+                            '{"op": "probe", "count": %s}',
                             '{"op": "submit", "timeout_s": %s, "window": 1}'):
                 if "timeout_s" in request and field == "1.5":
                     continue

@@ -42,10 +42,7 @@ json way_json(const probe_way &way)
 
 void probe(service &host, const json &request, control_peer &peer)
 {
-  const auto count = request.at("count").get<uint32_t>();
-  if (count < 1 || count > PROBE_COUNT_MAX) {
-    throw request_error("count: 1 to " + std::to_string(PROBE_COUNT_MAX));
-  }
+  const auto count = request_number<uint32_t>(request, "count", 1, PROBE_COUNT_MAX, PROBE_COUNT_DEFAULT);
   if (!host.link->is_configured()) {
     peer.refuse(EXIT_REFUSED, "no cluster is configured");
     return;

@@ -1,5 +1,6 @@
 #include "metrics/metrics_text.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -118,6 +119,21 @@ void write_journal(writer &to, const json &lines)
          number_of(lines.at("rejoined")));
 }
 
+/// A node that was never heard has been silent as long as this daemon runs.
+void write_last_heard(writer &to, const json &status, const json &peers)
+{
+  to.family("peer_last_heard_seconds", "gauge", "Age of the last hello of a node, or of the daemon if there was none.");
+  const auto node_count = status.at("node_count").get<uint32_t>();
+  for (uint32_t node = 1; node <= node_count; ++node) {
+    if (node == status.at("node_id")) {
+      continue;
+    }
+    const auto said = std::find_if(peers.begin(), peers.end(), [&](const json &one) { return one.at("node") == node; });
+    to.sample(said == peers.end() ? number_of(status.at("uptime_s")) : said->at("age_ms").get<double>() / 1000,
+              label("node", std::to_string(node)));
+  }
+}
+
 void write_peers(writer &to, const json &peers)
 {
   const auto each = [&](const char *name, const char *help, const auto &value) {
@@ -126,16 +142,15 @@ void write_peers(writer &to, const json &peers)
       to.sample(value(one), label("node", std::to_string(one.at("node").get<uint32_t>())));
     }
   };
-  each("peer_last_heard_seconds", "Age of the last hello of a node.",
-       [](const json &one) { return one.at("age_ms").get<double>() / 1000; });
   each("peer_decision", "Last decision that a node told.",
        [](const json &one) { return number_of(one.at("decision")); });
   each("peer_diverged", "1: a node has another history.",
        [](const json &one) { return one.at("verdict") == "diverged" ? 1.0 : 0.0; });
 }
 
-void write_cluster(writer &to, const json &cluster)
+void write_cluster(writer &to, const json &status)
 {
+  const json &cluster = status.at("cluster");
   to.one("ordering", "gauge", "1: payloads are ordered, as this node sees it.", number_of(cluster.at("ordering")));
   to.one("not_ordering_seconds_total", "counter", "Time in which nothing was ordered, as this node saw it.",
          cluster.at("not_ordering_ms").get<double>() / 1000);
@@ -145,6 +160,7 @@ void write_cluster(writer &to, const json &cluster)
          cluster.at("barred").is_null() ? 0 : 1);
   to.one("hellos_with_own_number_total", "counter", "Hellos of another daemon with the number of this node.",
          number_of(cluster.at("hellos_with_own_number")));
+  write_last_heard(to, status, cluster.at("peers"));
   write_peers(to, cluster.at("peers"));
 }
 
@@ -210,7 +226,7 @@ std::string metrics_text(const json &status)
   }
   write_number_spaces(to, status);
   if (const json &cluster = status.at("cluster"); cluster.contains("ordering")) {
-    write_cluster(to, cluster);
+    write_cluster(to, status);
   }
   write_submissions(to, status.at("submissions"));
   write_library(to, status.at("library"));

@@ -14,12 +14,13 @@ item_result waiting_clients::submit(uint64_t client, item_kind kind, std::string
   new_item one{.number = 1, .text = std::move(text), .kind = kind};
   const bool is_taken = items_.push(client, std::span(&one, 1)).taken == 1;
   lock_scope scope(lock_);
-  const auto found = waited_for_.find(client);
-  while (is_taken && !found->second) {
+  // A reference, not an iterator: others put theirs in meanwhile.
+  const std::optional<item_result> &answer = waited_for_[client];
+  while (is_taken && !answer) {
     arrived_.wait(lock_);
   }
-  const item_result result = found->second.value_or(item_result{.fate = item_fate::not_submitted});
-  waited_for_.erase(found);
+  const item_result result = answer.value_or(item_result{.fate = item_fate::not_submitted});
+  waited_for_.erase(client);
   return result;
 }
 
