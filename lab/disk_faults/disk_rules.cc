@@ -26,21 +26,10 @@ constexpr size_t NAME_SIZE = 64;
 constexpr size_t LINE_SIZE = 160;
 constexpr size_t FILE_SIZE_MAX = 8192;
 
-enum class fault {
-  enospc,
-  eio,
-  readonly,
-  unreadable,
-  cut_write,
-  lost_write,
-  slow_sync,
-  kill_before,
-  kill_after,
-  count
-};
+enum class fault { enospc, eio, readonly, unreadable, cut_write, slow_sync, kill_before, kill_after, count };
 
-constexpr const char *FAULT_NAMES[] = {"enospc",     "eio",       "readonly",    "unreadable", "cut_write",
-                                       "lost_write", "slow_sync", "kill_before", "kill_after"};
+constexpr const char *FAULT_NAMES[] = {"enospc",    "eio",       "readonly",    "unreadable",
+                                       "cut_write", "slow_sync", "kill_before", "kill_after"};
 constexpr const char *CALL_NAMES[] = {"open", "open_read", "read", "write", "rename", "unlink", "sync"};
 
 struct rule {
@@ -126,8 +115,7 @@ bool read_rule(const char *line, rule &result)
   case fault::kill_before:
   case fault::kill_after:
     return sscanf(line, "%*s %63s %lu %1s", name, &number, rest) == 2 && read_kill(name, number, result);
-  case fault::cut_write:
-  case fault::lost_write: {
+  case fault::cut_write: {
     const int words = sscanf(line, "%*s %63s %lu skip %lu %1s", result.name, &result.number, &result.skip, rest);
     return words == 3 || (words == 2 && strstr(line, "skip") == nullptr);
   }
@@ -198,7 +186,6 @@ bool fits_call(const rule &one, disk_call call)
   switch (one.kind) {
   case fault::enospc:
   case fault::cut_write:
-  case fault::lost_write:
     return call == disk_call::write;
   case fault::eio:
     return call == disk_call::write || call == disk_call::read;
@@ -239,9 +226,7 @@ void apply(const rule &one, verdict &result)
     result.error = EROFS;
     break;
   case fault::cut_write:
-  case fault::lost_write:
     result.bytes = one.number;
-    result.claim_all = one.kind == fault::lost_write;
     break;
   case fault::slow_sync:
     result.delay_ms = static_cast<uint32_t>(one.number);

@@ -17,7 +17,6 @@
 ///   readonly NAME [skip N]          open for writing, write, rename and unlink fail with EROFS
 ///   unreadable NAME [skip N]        open for reading fails with EIO
 ///   cut_write NAME BYTES [skip N]   only the first BYTES reach the file, and write says so
-///   lost_write NAME BYTES [skip N]  only the first BYTES reach the file, but write claims all
 ///   slow_sync MILLISECONDS [NAME]   sync takes so much longer
 ///   kill_before CALL:NAME N         SIGKILL to the process instead of the N-th such call
 ///   kill_after CALL:NAME N          SIGKILL right after the N-th such call
@@ -41,7 +40,6 @@ enum class disk_call { open_write, open_read, read, write, rename, unlink, sync,
 struct verdict {
   int error = 0;            ///< errno of a call that fails; 0: carry it out
   size_t bytes = SIZE_MAX;  ///< write at most this many
-  bool claim_all = false;   ///< but report that all were written
   uint32_t delay_ms = 0;    ///< before the call
   bool kill_after = false;
 };

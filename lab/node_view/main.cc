@@ -25,7 +25,6 @@ const char HELP[] =
     "the last process in it. Works as root, and without where user namespaces are allowed.\n"
     "\n"
     "  --flashdisk DIR         DIR becomes /flashdisk (default: an empty tmpfs)\n"
-    "  --tmpfs-flashdisk SIZE  /flashdisk is a tmpfs of at most SIZE (as in mount: 512k, 4m)\n"
     "  --run DIR               DIR becomes /run (default: an empty tmpfs)\n"
     "  --tmp                   the defaults: a view for a test, empty and gone at its end\n"
     "  --net-new               a network of its own, in which only the loopback interface is, and up\n"
@@ -62,10 +61,9 @@ pid_t to_pid(std::string_view text)
 
 arguments parse(int argc, char **argv)
 {
-  enum { FLASHDISK = 1, TMPFS_SIZE, RUN, TMP, NET_NEW, NET_PID, JOIN, OUTLIVE, HELP_TEXT };
+  enum { FLASHDISK = 1, RUN, TMP, NET_NEW, NET_PID, JOIN, OUTLIVE, HELP_TEXT };
   const option options[] = {
       {"flashdisk", required_argument, nullptr, FLASHDISK},
-      {"tmpfs-flashdisk", required_argument, nullptr, TMPFS_SIZE},
       {"run", required_argument, nullptr, RUN},
       {"tmp", no_argument, nullptr, TMP},
       {"net-new", no_argument, nullptr, NET_NEW},
@@ -81,9 +79,6 @@ arguments parse(int argc, char **argv)
     switch (found) {
     case FLASHDISK:
       result.view.flashdisk_dir = optarg;
-      break;
-    case TMPFS_SIZE:
-      result.view.flashdisk_size = optarg;
       break;
     case RUN:
       result.view.run_dir = optarg;
@@ -114,9 +109,6 @@ arguments parse(int argc, char **argv)
   }
   if (result.view.net_new && result.view.net_pid != 0) {
     usage_error("--net-new and --net-pid exclude each other");
-  }
-  if (!result.view.flashdisk_dir.empty() && !result.view.flashdisk_size.empty()) {
-    usage_error("--flashdisk and --tmpfs-flashdisk exclude each other");
   }
   result.command = argv + optind;
   return result;

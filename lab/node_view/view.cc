@@ -55,13 +55,13 @@ public:
   }
 
   /// Binds the directory to `target`, or a tmpfs if there is none.
-  void mount_at(const std::string &target, const std::string &tmpfs_size) const
+  void mount_at(const std::string &target) const
   {
     fs::create_directory(target);
     if (fd_ >= 0) {
       mount_or_fail("/proc/self/fd/" + std::to_string(fd_), target, nullptr, MS_BIND | MS_REC, "");
     } else {
-      mount_or_fail("tmpfs", target, "tmpfs", 0, "mode=0755" + (tmpfs_size.empty() ? "" : ",size=" + tmpfs_size));
+      mount_or_fail("tmpfs", target, "tmpfs", 0, "mode=0755");
     }
   }
 
@@ -137,9 +137,9 @@ void build_root(const view_options &options)
   dir_handle flashdisk(options.flashdisk_dir), run(options.run_dir);
   mount_or_fail("tmpfs", NEW_ROOT, "tmpfs", 0, "mode=0755");
   show_machine();
-  flashdisk.mount_at(NEW_ROOT + "/flashdisk", options.flashdisk_size);
+  flashdisk.mount_at(NEW_ROOT + "/flashdisk");
   fs::create_directory(NEW_ROOT + "/flashdisk/cons");
-  run.mount_at(NEW_ROOT + "/run", "");
+  run.mount_at(NEW_ROOT + "/run");
   if (!fs::is_symlink(NEW_ROOT + "/var/run")) {
     mount_or_fail(NEW_ROOT + "/run", NEW_ROOT + "/var/run", nullptr, MS_BIND | MS_REC, "");
   }

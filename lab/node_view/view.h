@@ -14,11 +14,10 @@ struct view_error : std::runtime_error {
 };
 
 struct view_options {
-  std::string flashdisk_dir;   ///< becomes /flashdisk; empty: a tmpfs of its own
-  std::string run_dir;         ///< becomes /run; empty: a tmpfs of its own
-  std::string flashdisk_size;  ///< limit of the tmpfs, as mount(8) writes it ("512k"); empty: the kernel's default
-  bool net_new = false;        ///< a network of its own, with nothing but a loopback that is up
-  pid_t net_pid = 0;           ///< network and queues of that process instead; 0: stay in the caller's
+  std::string flashdisk_dir;  ///< becomes /flashdisk; empty: a tmpfs of its own
+  std::string run_dir;        ///< becomes /run; empty: a tmpfs of its own
+  bool net_new = false;       ///< a network of its own, with nothing but a loopback that is up
+  pid_t net_pid = 0;          ///< network and queues of that process instead; 0: stay in the caller's
 };
 
 /// Moves the calling process into the view; it must have one thread. Throws view_error.
