@@ -23,8 +23,8 @@ a first walk:
   vxlab start 1; vxlab status       take it back
   vxlab down
 
-exit codes: 0 good, 1 a promise of the cluster does not hold, 2 wrong usage, 4 no laboratory is up,
-5 refused or failed (the message says what to do), 130 interrupted"""
+exit codes: 0 good, 1 a promise of the cluster does not hold, 2 wrong usage, 3 an episode of chaos could not run,
+4 no laboratory is up, 5 refused or failed (the message says what to do), 130 interrupted"""
 
 
 class Parser(argparse.ArgumentParser):

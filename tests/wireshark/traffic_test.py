@@ -52,7 +52,7 @@ class Traffic(Scenario):
                                 command=["/usr/bin/python3", "-c", send])
         wait_until(lambda: END in self.read(self.capture), 10.0, "the end is captured")
         self.cluster.holder.ask("signal", node="dumpcap", signal=int(signal.SIGINT))
-        self.cluster.holder.ask("wait", node="dumpcap", timeout_s=10.0)
+        self.assertIn("exit_code", self.cluster.holder.ask("wait", 25.0, node="dumpcap", timeout_s=20.0))
 
     def converse(self):
         """Each line travels in a payload of its own."""

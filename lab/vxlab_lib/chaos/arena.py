@@ -137,7 +137,8 @@ class Arena:
         """Stops the fabric, so that wire.log is complete."""
         if self.program_runs("fabric"):
             self.fabric.ask("quit")
-            self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0)
+            if "timeout" in self.cluster.holder.ask("wait", 15.0, node="fabric", timeout_s=10.0):
+                raise LabError("the fabric does not end, so wire.log may lack its end")
 
     def _write_keepalived(self, node):
         with open(node.path("keepalived.conf"), "w", encoding="utf-8") as file:
