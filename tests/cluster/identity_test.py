@@ -118,6 +118,9 @@ class Interrupted(Scenario):
                 yield arguments
                 code, words = self.command("", *arguments)
                 self.assertEqual(code, 0, f"{call} {count}: {words}")
+            else:
+                self.fail(f"{call}: it is killed again and again, and never gets through")
+            self.assertGreater(count, 1, f"{call}: there is no such call")
 
     def interrupt_everywhere(self, generation, subcommand, *arguments):
         """Each command is for a new generation. Returns (the last one, how often the daemon refused meanwhile)."""
