@@ -12,6 +12,13 @@
 #include <fstream>
 #include <iterator>
 
+// What the loader calls for each access to thread-local storage.
+struct tls_index {
+  size_t ti_module;
+  size_t ti_offset;
+};
+extern "C" void *__tls_get_addr(tls_index *at);
+
 namespace sim
 {
 
@@ -110,6 +117,23 @@ void redirect(const link_map &map, const redirections &redirected)
   }
 }
 
+// Asked for by its address it is there, even if this thread has not used it before.
+std::span<uint8_t> storage_of(void *handle, const link_map &map)
+{
+  tls_index at{};
+  if (dlinfo(handle, RTLD_DI_TLS_MODID, &at.ti_module) != 0 || at.ti_module == 0) {
+    return {};
+  }
+  const auto *const head = reinterpret_cast<const ElfW(Ehdr) *>(map.l_addr);
+  const auto *const parts = reinterpret_cast<const ElfW(Phdr) *>(map.l_addr + head->e_phoff);
+  for (size_t i = 0; i < head->e_phnum; ++i) {
+    if (parts[i].p_type == PT_TLS) {
+      return {static_cast<uint8_t *>(__tls_get_addr(&at)), parts[i].p_memsz};
+    }
+  }
+  return {};
+}
+
 template <typename function>
 bool find(void *handle, const char *name, function &to, std::string &error)
 {
@@ -147,6 +171,7 @@ bool library_copy::load(const library_image &image, const std::string &directory
     return false;
   }
   redirect(*map, redirected);
+  storage = storage_of(handle, *map);
   return find(handle, "vx_cons_init", init, error) && find(handle, "vx_cons_cleanup", cleanup, error) &&
          find(handle, "vx_cons_start", start, error) && find(handle, "vx_cons_stop", stop, error) &&
          find(handle, "vx_cons_configure", configure, error) &&

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,6 +40,7 @@ struct library_copy {
   decltype(&vx_cons_distribute) distribute = nullptr;
   decltype(&vx_cons_bcast_clmsg) bcast_clmsg = nullptr;
   decltype(&vx_cons_cluster_active) cluster_active = nullptr;
+  std::span<uint8_t> storage;  ///< thread-local, of the kernel thread that has loaded it
 
   /// `directory`: where the copy gets a file that a debugger finds; empty: in memory.
   bool load(const library_image &image, const std::string &directory, const redirections &redirected,

@@ -9,6 +9,7 @@
 
 #include "campaign.h"
 #include "faults.h"
+#include "turn.h"
 
 namespace
 {
@@ -190,6 +191,8 @@ int main(int argc, char **argv)
   app.add_option("--trace", given.trace, "writes every step of a single seed to this file");
   app.add_option("--copies", given.copies, "directory for the nodes' copies of the library, for a debugger");
   app.add_option("--jobs", given.jobs, "runs at once (default: one per core)");
+  bool has_kernel_threads = !sim::CAN_SHARE_KERNEL_THREAD;
+  app.add_flag("--kernel-threads", has_kernel_threads, "each thread is one of the kernel, for a debugger; slower");
   app.add_flag("--verbose", given.is_verbose, "a line for each seed");
   app.add_flag("--first", given.is_first, "ends at the first violation");
   app.add_flag("--shrink", given.does_shrink, "looks for a smaller run that is violated too");
@@ -199,6 +202,7 @@ int main(int argc, char **argv)
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
+  sim::shares_kernel_thread = !has_kernel_threads;
   if (given.does_list) {
     for (const sim::fault_kind &kind : sim::fault_kinds()) {
       std::printf("%-14s %s%s\n", kind.name, kind.what, kind.needs_durable ? " (durable payloads)" : "");

@@ -195,6 +195,8 @@ void node_host::run_process(node_run &run)
   if (!run.library.load(image_, copies_, libc_calls(), error)) {
     sim_context.judge->break_promise("process", run.node, error);
   }
+  run.first_storage.assign(run.library.storage.begin(), run.library.storage.end());
+  run.storage = run.library.storage.data();
   bring_up(run);
 }
 

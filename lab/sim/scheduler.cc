@@ -8,8 +8,6 @@ namespace sim
 namespace
 {
 
-// The library asks for 64 KiB. What is caught runs on the same stack, and events run on whichever it is.
-constexpr size_t STACK_SIZE = 512 * 1024;
 constexpr uint64_t PCT_STEPS = 400'000;  // change points are drawn among so many steps
 constexpr int64_t PRIORITIES = 1 << 20;
 
@@ -48,27 +46,18 @@ thread &scheduler::create(process *owner, const std::string &name, std::function
   one.priority_ = draw_.between(1, PRIORITIES);
   threads_.push_back(std::move(made));
 
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, STACK_SIZE);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t handle;
-  const int result = pthread_create(&handle, &attributes, thread_main, &one);
-  pthread_attr_destroy(&attributes);
-  if (result != 0) {
+  if (!one.turn_.create(thread_main, &one)) {
     on_dead_end("the machine gives no thread");
   }
   make_ready(one);
   return one;
 }
 
-void *scheduler::thread_main(void *argument)
+void scheduler::thread_main(void *argument)
 {
   auto *const one = static_cast<thread *>(argument);
-  one->baton_.take();
   one->body();
   one->home_->end_self();
-  return nullptr;
 }
 
 void scheduler::end_self()
@@ -82,7 +71,8 @@ void scheduler::end_self()
   thread &next = next_after_block();
   ++hand_overs_;
   running_ = &next;
-  next.baton_.give();
+  bring_storage(next);
+  one.turn_.end(next.turn_);
 }
 
 size_t scheduler::living(const process &owner, const char *but) const
@@ -194,6 +184,22 @@ thread *scheduler::choose(bool self_may)
   return self_may && !draw_.once_in(switch_once_in_) ? running_ : choose_uniform();
 }
 
+// With one kernel thread for all, the library's thread-local storage is of whoever runs.
+void scheduler::keep_storage(thread &one)
+{
+  if (shares_kernel_thread && one.owner != nullptr && one.owner->storage != nullptr) {
+    one.storage_.assign(one.owner->storage, one.owner->storage + one.owner->first_storage.size());
+  }
+}
+
+void scheduler::bring_storage(const thread &one)
+{
+  if (shares_kernel_thread && one.owner != nullptr && one.owner->storage != nullptr) {
+    const std::vector<uint8_t> &from = one.storage_.empty() ? one.owner->first_storage : one.storage_;
+    std::copy(from.begin(), from.end(), one.owner->storage);
+  }
+}
+
 void scheduler::hand_to(thread &next)
 {
   thread &self = *running_;
@@ -202,8 +208,9 @@ void scheduler::hand_to(thread &next)
   }
   ++hand_overs_;
   running_ = &next;
-  next.baton_.give();
-  self.baton_.take();
+  keep_storage(self);
+  bring_storage(next);
+  self.turn_.give(next.turn_);
 }
 
 thread &scheduler::next_after_block()

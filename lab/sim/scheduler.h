@@ -1,9 +1,8 @@
 /// Threads of which exactly one runs, and the time that they see.
 ///
-/// Every simulated thread is a thread of this process that waits for its baton. At each caught call the running one
-/// asks here; a draw decides whether another goes on. What is not caught (memory, arithmetic) cannot be interrupted.
-/// When no thread can run, the clock jumps to the next deadline. Nothing here needs a lock: only the thread that has
-/// the baton is inside.
+/// A simulated thread waits for its turn (turn.h). At each caught call the running one asks here; a draw decides
+/// whether another goes on. What is not caught (memory, arithmetic) cannot be interrupted. When no thread can run, the
+/// clock jumps to the next deadline. Nothing here needs a lock: only the thread that has its turn is inside.
 ///
 /// Two ways to choose:
 ///   uniform  now and then (how often is drawn once per run) one of those that can run, each as likely
@@ -11,8 +10,6 @@
 ///            thread falls behind all others (Burckhardt et al., "A randomized scheduler with probabilistic guarantees
 ///            of finding bugs", 2010)
 #pragma once
-
-#include <pthread.h>
 
 #include <cstdint>
 #include <functional>
@@ -22,9 +19,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "baton.h"
 #include "draw.h"
 #include "event_log.h"
+#include "turn.h"
 
 namespace sim
 {
@@ -34,6 +31,8 @@ struct process {
   uint32_t node = 0;
   bool is_killed = false;
   bool is_paused = false;
+  uint8_t *storage = nullptr;          ///< thread-local storage of its copy of the library
+  std::vector<uint8_t> first_storage;  ///< what that holds in a new thread
 };
 
 inline constexpr int64_t NEVER = INT64_MAX;
@@ -60,7 +59,8 @@ private:
   bool is_held_ = false;
   thread *mutex_owner_ = nullptr;  // of the mutex that it waits for without a deadline
   int64_t priority_ = 0;
-  baton baton_;
+  std::vector<uint8_t> storage_;  // the library's, while another thread runs
+  turn turn_;
 };
 
 enum class policy { uniform, pct };
@@ -127,7 +127,7 @@ private:
     }
   };
 
-  static void *thread_main(void *argument);
+  static void thread_main(void *argument);
   bool runs(const thread &one) const
   {
     return one.owner == nullptr || (!one.owner->is_killed && !one.owner->is_paused && !one.is_held_);
@@ -139,7 +139,9 @@ private:
   thread *choose_uniform();
   thread *choose_by_priority();
   void change_points();
-  /// Hands the baton over; returns when it comes back.
+  static void keep_storage(thread &one);
+  static void bring_storage(const thread &one);
+  /// Another goes on; returns when the turn comes back.
   void hand_to(thread &next);
   /// Until somebody can run.
   thread &next_after_block();
