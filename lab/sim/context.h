@@ -18,7 +18,7 @@ struct context {
   scheduler *clock = nullptr;
   sim_network *network = nullptr;
   oracle *judge = nullptr;
-  std::function<void(sim_node &)> crash;  ///< ends the node's process
+  std::function<void(sim_node &)> die;  ///< its process dies as node.dies says
 };
 
 /// Set before the first thread is made.

@@ -66,11 +66,30 @@ undo cut_power_all(world &all, draw &choices, int64_t duration_us)
 undo die_at_save(world &all, draw &choices, int64_t duration_us)
 {
   sim_node &node = some_node(all, choices);
-  node.dies_at_operation = 1 + choices.below(40);
-  node.dies_after = choices.once_in(2);
-  node.stays_down_us = duration_us;
-  node.dies_with_power = all.is_durable() && choices.once_in(2);
-  return [&node] { node.dies_at_operation = 0; };
+  node.dies = {.at_operation = 1 + choices.below(40),
+               .is_after = choices.once_in(2),
+               .with_power = all.is_durable() && choices.once_in(2),
+               .down_us = duration_us};
+  return [&node] { node.dies.at_operation = 0; };
+}
+
+// The message reaches some nodes, or none. Then another node leads, or the same one is back at once: what it had begun
+// is taken over.
+undo die_at_send(world &all, draw &choices, int64_t duration_us)
+{
+  static const std::vector<message_kind> of_leaders = {READ_REQUEST, WRITE_REQUEST, WRITE_REQUEST, DECISION, OFFER};
+  static const std::vector<message_kind> of_all = {READ_ANSWER, WRITE_ANSWER, FORWARD, OFFER, COMPLETE};
+  const uint32_t master = all.master();
+  const bool is_leader = master != 0 && choices.once_in(2);
+  sim_node &node = is_leader ? all.node(master) : some_node(all, choices);
+  node.dies = {.at_send = 1 + choices.below(8),
+               .kind = choices.one_of(is_leader ? of_leaders : of_all),
+               .reached = choices.once_in(3) ? 0 : static_cast<uint32_t>(choices.below(UINT32_MAX)),
+               .with_power = all.is_durable() && choices.once_in(4),
+               .down_us = choices.once_in(2) ? choices.spread(200, 5000) : duration_us,
+               .next_master = choices.once_in(2) ? any_node(all, choices) : 0,
+               .unopened = choices.once_in(8) ? static_cast<uint64_t>(choices.between(1, 3)) : 0};
+  return [&node] { node.dies.at_send = 0; };
 }
 
 undo pause_one(world &all, draw &choices, int64_t)
@@ -154,6 +173,38 @@ undo master_moves(world &all, draw &choices, int64_t)
   return {};
 }
 
+// A node votes, but hears of no decision. Then it leads, perhaps beside the one that did.
+undo deafen(world &all, draw &choices, int64_t duration_us)
+{
+  const uint32_t was = all.master();
+  const uint32_t number = any_node(all, choices);
+  const bool are_two = choices.once_in(2);
+  all.network().set_weather({.loss = 1}, DECISION.channel, 0, number);
+  all.clock().at(all.clock().now_us() + duration_us / choices.between(2, 8), [&all, number, are_two, was] {
+    all.set_masters({number, are_two && was != 0 ? was : number});
+  });
+  return [&all, number] {
+    all.network().set_weather({}, DECISION.channel, 0, number);
+    all.set_masters({number});
+  };
+}
+
+// The network brings forwarded messages again: whoever leads has seen them decided, unless it has forgotten.
+undo forward_late(world &all, draw &choices, int64_t duration_us)
+{
+  const uint32_t master = all.master();
+  if (master != 0 && choices.once_in(2)) {
+    all.crash(all.node(master), choices.spread(200, 5000));
+  } else if (choices.once_in(2)) {
+    all.set_masters({any_node(all, choices)});
+  }
+  const auto count = static_cast<size_t>(choices.spread(1, 64));
+  for (int64_t within_us = 500; within_us < duration_us; within_us *= 4) {
+    all.network().repeat_forwards(count, within_us);
+  }
+  return {};
+}
+
 undo master_flaps(world &all, draw &choices, int64_t duration_us)
 {
   const int64_t times = choices.between(2, 8);
@@ -192,20 +243,28 @@ undo clean_up_and_start(world &all, draw &choices, int64_t)
   return [&all, &node] { all.host().start_service(node); };
 }
 
-// Of some files, or of all; now, or as the first thing that another process meets.
+// Of some files, or of all; now, or as the first thing that another process meets. Bytes that fdatasync could not write
+// do not come with sync either.
 undo disk_fails(world &all, draw &choices, int64_t duration_us)
 {
   static const std::vector<std::string> names = {"", "rb_reg", "paxos_decide", "paxos_deliver", "msg_id", "payloads"};
   sim_node &node = some_node(all, choices);
   const uint64_t op = choices.once_in(2) ? choices.below(DISK_OPS) : static_cast<uint64_t>(disk_op::open_read);
   const bool takes_room = op == static_cast<uint64_t>(disk_op::write) || op == static_cast<uint64_t>(disk_op::allocate);
+  const std::string name = choices.one_of(names);
   node.disk.failures[op] = {.error = takes_room && choices.once_in(2) ? ENOSPC : EIO,
                             .left = static_cast<uint64_t>(choices.spread(1, 300)),
-                            .name = choices.one_of(names)};
+                            .name = name};
+  if (op == static_cast<uint64_t>(disk_op::datasync)) {
+    node.disk.sync_fails_for = name;
+  }
   if (choices.once_in(2)) {
     all.crash(node, choices.spread(500, duration_us));
   }
-  return [&node, op] { node.disk.failures[op] = {}; };
+  return [&node, op] {
+    node.disk.failures[op] = {};
+    node.disk.sync_fails_for.reset();
+  };
 }
 
 undo disk_stalls(world &all, draw &choices, int64_t duration_us)
@@ -250,6 +309,8 @@ const std::vector<fault_kind> &fault_kinds()
       {"crash", "a process dies between two instructions, and another starts", false, kill_one},
       {"crash-all", "all processes die at once", true, kill_all},
       {"crash-at-save", "a process dies at a file operation, or its power fails there", false, die_at_save},
+      {"crash-at-send", "a process dies as it sends, to some nodes or none; another leads, or it is back at once",
+       false, die_at_send},
       {"power-cut", "a node loses what no sync has covered", true, cut_power_one},
       {"power-cut-all", "all nodes do, at once", true, cut_power_all},
       {"pause", "a process stands still; its datagrams wait", false, pause_one},
@@ -257,6 +318,9 @@ const std::vector<fault_kind> &fault_kinds()
       {"weather", "loss, duplicates, reordering, delay: all ways or one", false, bad_weather},
       {"damage", "datagrams arrive shortened, lengthened or foreign", false, damage},
       {"hold", "datagrams of a channel are held, and come all at once", false, hold_some},
+      {"late-forward", "forwarded messages come again, to a leader that starts, or to another one", false,
+       forward_late},
+      {"deaf-leader", "a node that hears of no decision leads", false, deafen},
       {"partition", "two sides do not hear each other, or one does not hear the other", false, partition},
       {"master-move", "another node leads", false, master_moves},
       {"master-flap", "the leader changes several times", false, master_flaps},

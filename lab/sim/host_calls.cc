@@ -53,7 +53,17 @@ void transmit(const node_run &run, uint32_t to, uint32_t channel, const datagram
     return;
   }
   sim_context.judge->sent(*run.home, channel, one);
-  sim_context.network->send(run.node, to, channel, one);
+  death &dies = run.home->dies;
+  if (dies.at_send == 0 || kind_of(channel, one) != dies.kind || --dies.at_send != 0) {
+    sim_context.network->send(run.node, to, channel, one);
+    return;
+  }
+  for (uint32_t node = 1; node <= NODES_MAX; ++node) {
+    if ((to == 0 || to == node) && (dies.reached >> node & 1) != 0) {
+      sim_context.network->send(run.node, node, channel, one);
+    }
+  }
+  sim_context.die(*run.home);
 }
 
 void repeat_later(node_run &run, uint64_t id, int64_t period_us)
@@ -110,6 +120,9 @@ void *vx_msg_enqueue(void *msg, uint32_t channel, uint32_t msg_key, uint32_t des
   const uint64_t id = ++run.last_message;
   caught("send", channel << 8 | to);
   transmit(run, to, channel, one);
+  if (run.is_killed) {
+    caught("died");
+  }
   if (repeat == -1) {
     const int64_t period_us = std::max(interval, 1u) * INTERVAL_US;
     run.repeated.push_back(

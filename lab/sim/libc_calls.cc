@@ -195,11 +195,11 @@ constexpr const char *OP_NAMES[DISK_OPS] = {"open-read", "open-write", "read", "
 void die_if_due(bool is_after)
 {
   sim_node &node = *here().home;
-  if (node.dies_at_operation == 0 || node.dies_after != is_after) {
+  if (node.dies.at_operation == 0 || node.dies.is_after != is_after) {
     return;
   }
-  if (--node.dies_at_operation == 0) {
-    sim_context.crash(node);
+  if (--node.dies.at_operation == 0) {
+    sim_context.die(node);
     caught("died");
   }
 }
@@ -341,7 +341,7 @@ int file_unlink(const char *path)
 
 void disk_sync()
 {
-  operate(disk_op::sync, "");  // it has no way to fail
+  operate(disk_op::sync, "");  // it has no way to tell of a failure
   here().home->disk.sync();
   die_if_due(true);
 }

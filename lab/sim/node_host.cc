@@ -184,7 +184,7 @@ void node_host::kill_process(sim_node &node)
     return;
   }
   sim_context.log->line(sim_context.clock->now_us(), node.number, "the process dies");
-  node.dies_at_operation = 0;
+  node.dies = {};
   sim_context.clock->kill(*node.run);
   node.past.push_back(std::move(node.run));
 }

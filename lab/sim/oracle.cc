@@ -1,6 +1,7 @@
 #include "oracle.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace sim
 {
@@ -8,12 +9,7 @@ namespace sim
 namespace
 {
 
-constexpr uint32_t OFFER = 0;
-constexpr uint32_t COMPLETE = 3;
-
-constexpr uint32_t WRITE_REQ = 3;
-constexpr uint32_t READ_ACK = 1;
-constexpr uint32_t WRITE_ACK = 4;
+constexpr size_t ENTRY_BYTES = 5;
 
 // FNV-1a.
 uint64_t hash_of(std::string_view bytes)
@@ -23,6 +19,11 @@ uint64_t hash_of(std::string_view bytes)
     hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
   }
   return hash;
+}
+
+std::string_view text_of(const uint8_t *bytes, size_t size)
+{
+  return {reinterpret_cast<const char *>(bytes), size};
 }
 
 uint8_t filler(uint32_t id, uint32_t at)
@@ -143,8 +144,13 @@ void oracle::check_decision(uint32_t node, uint32_t number, std::string_view log
   if (!is_same && (is_durable_ || lost_ == 0)) {
     report_("decision", node, "decision " + std::to_string(number) + " has another log " + where);
   }
-  if (is_first && log.size() >= 9) {
-    states_.insert(hash_of(log.substr(4, 5)));
+  if (!is_first || log.size() < 4 + ENTRY_BYTES) {
+    return;
+  }
+  const std::string_view state = log.substr(4, ENTRY_BYTES);
+  states_.insert(hash_of(state));
+  if (!votes_.is_chosen(number, state) && !votes_.is_chosen(number, log.substr(log.size() - ENTRY_BYTES))) {
+    report_("decision", node, "decision " + std::to_string(number) + " names what no quorum has accepted");
   }
 }
 
@@ -179,7 +185,7 @@ void oracle::record_saved(const sim_node &node, const std::string &path, const f
     own.decision = number;
     if (number != 0) {
       const size_t used = 4 + 5 * std::min<size_t>(get_le32(bytes.data() + 4), 250);
-      check_decision(node.number, number, {reinterpret_cast<const char *>(bytes.data()) + 4, used}, "in paxos_decide");
+      check_decision(node.number, number, text_of(bytes.data() + 4, used), "in paxos_decide");
       own.registers.erase(own.registers.begin(), own.registers.upper_bound(number));
     }
   } else if (path == MSG_ID_FILE && bytes.size() == 4) {
@@ -215,16 +221,55 @@ void oracle::check_payload_message(const sim_node &node, const uint8_t *message)
   const uint32_t type = message[0];
   const uint32_t sender = message[3];
   const uint32_t id = get_le32(message + 4);
-  if (type == OFFER && sender == node.number && id > nodes_[node.number].msg_id) {
+  if (type == OFFER.type && sender == node.number && id > nodes_[node.number].msg_id) {
     report_("numbers", node.number, "identifier " + std::to_string(id) + " is offered, but not saved");
   }
   const payload_name one{sender, id};
+  if (!is_durable_ || message[2] != node.number || (type != COMPLETE.type && type != OFFER.type)) {
+    return;
+  }
+  holders_[one] |= 1u << node.number;
   // One that a new log superseded may have lost its file since the answer was begun.
-  if (type == COMPLETE && is_durable_ && message[2] == node.number && !node.disk.is_durable(payload_path(one)) &&
-      !nodes_[node.number].removed.contains(one)) {
+  if (!node.disk.is_durable(payload_path(one)) && !nodes_[node.number].removed.contains(one)) {
     report_("promise", node.number,
-            "payload " + std::to_string(id) + "/" + std::to_string(sender) +
-                " is said to be complete, but not on the disk");
+            "payload " + std::to_string(id) + "/" + std::to_string(sender) + " is said to be " +
+                (type == OFFER.type ? "here" : "complete") + ", but not on the disk");
+  }
+}
+
+// Every entry of a log is on a quorum of disks before it is one.
+void oracle::check_proposal(const sim_node &node, std::string_view value)
+{
+  if (!is_durable_ || value.size() != ENTRY_BYTES) {
+    return;
+  }
+  const auto *const entry = reinterpret_cast<const uint8_t *>(value.data());
+  const payload_name one{entry[0], get_le32(entry + 1)};
+  const auto holders = holders_.find(one);
+  const int count = holders != holders_.end() ? std::popcount(holders->second) : 0;
+  if (count < static_cast<int>((nodes_.size() - 1) / 2 + 1)) {
+    report_("promise", node.number,
+            "payload " + std::to_string(one.id) + "/" + std::to_string(one.sender) + " is proposed, and on " +
+                std::to_string(count) + " disks");
+  }
+}
+
+void oracle::check_votes(const sim_node &node, uint32_t type, uint32_t id, uint32_t round, std::string_view rest)
+{
+  std::string broken;
+  if (type == WRITE_REQUEST.type && rest.size() >= 4) {
+    broken = votes_.written(id, round, rest.substr(4));
+    check_proposal(node, rest.substr(4));
+  } else if (type == READ_ANSWER.type && rest.size() >= 8) {
+    broken = votes_.promised(id, round, node.number);
+    if (rest.size() > 8) {
+      broken = votes_.carries(id, get_le32(reinterpret_cast<const uint8_t *>(rest.data())), rest.substr(8));
+    }
+  } else if (type == WRITE_ANSWER.type) {
+    broken = votes_.accepted(id, round, node.number);
+  }
+  if (!broken.empty()) {
+    report_("round", node.number, broken);
   }
 }
 
@@ -240,8 +285,7 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
     if (get_le32(payload + 4) > nodes_[node.number].decision) {
       report_("numbers", node.number, "decision " + std::to_string(get_le32(payload + 4)) + " is told, but not saved");
     }
-    check_decision(node.number, get_le32(payload + 4), {reinterpret_cast<const char *>(payload) + 13, used},
-                   "in a datagram");
+    check_decision(node.number, get_le32(payload + 4), text_of(payload + 13, used), "in a datagram");
   }
   if (channel == 5 && size >= 8) {
     check_payload_message(node, payload);
@@ -252,24 +296,13 @@ void oracle::sent(const sim_node &node, uint32_t channel, const datagram &one)
   const uint32_t type = get_le32(payload);
   const uint32_t id = get_le32(payload + 4);
   const uint32_t round = get_le32(payload + 8);
-  const auto check_value = [&](uint32_t of_round, size_t at) {
-    const uint64_t hash = hash_of({reinterpret_cast<const char *>(payload) + at, size - at});
-    if (round_values_.emplace(std::pair{id, of_round}, hash).first->second != hash) {
-      report_("round", node.number,
-              "register " + std::to_string(id) + " has two values of round " + std::to_string(of_round));
-    }
-  };
-  if (type == WRITE_REQ && size >= 16) {
-    check_value(round, 16);
-  } else if (type == READ_ACK && size > 20) {
-    check_value(get_le32(payload + 12), 20);
-  }
+  check_votes(node, type, id, round, text_of(payload + 12, size - 12));
   if (id <= nodes_[node.number].decision) {
     return;
   }
-  if (type == READ_ACK || type == WRITE_ACK) {
-    check_answer(node, id, type == READ_ACK, round);
-  } else if (type == WRITE_REQ) {
+  if (type == READ_ANSWER.type || type == WRITE_ANSWER.type) {
+    check_answer(node, id, type == READ_ANSWER.type, round);
+  } else if (type == WRITE_REQUEST.type) {
     check_own_promise(node, id, round);
   }
 }

@@ -4,10 +4,12 @@
 ///   integrity    what is delivered was submitted, whole, and no more than once
 ///   real time    what was acknowledged before another call began is delivered before it
 ///   acknowledged what was acknowledged is in the order, and its node has it
-///   decision     one decision number has one log, on every disk and in every datagram
-///   round        one round of a register carries one value
+///   decision     one decision number has one log, on every disk and in every datagram; a quorum has accepted it
+///   round        one round of a register carries one value, a quorum has promised it before it is written, and once a
+///                quorum has accepted it, later rounds carry the same (register_votes.h)
 ///   promise      an answer of an acceptor, and a payload called complete, is on the disk; no promise goes back; who
-///                writes in a round has promised it; the file of a payload in the log is not removed
+///                writes in a round has promised it; a payload is on a quorum of disks before it is proposed; the file
+///                of a payload in the log is not removed
 ///   numbers      in a node's files no number falls
 ///   silence      a stopped library sends nothing on channels 4 and 5, and calls no hook
 ///   verdict      stop returns in time, and after it all calls have returned
@@ -28,6 +30,7 @@
 #include <vector>
 
 #include "library_files.h"
+#include "register_votes.h"
 #include "sim_node.h"
 
 namespace sim
@@ -50,7 +53,7 @@ public:
   using violated = std::function<void(const std::string &invariant, uint32_t node, const std::string &what)>;
 
   oracle(uint32_t nodes, bool is_durable, violated report)
-      : is_durable_(is_durable), report_(std::move(report)), nodes_(nodes + 1)
+      : is_durable_(is_durable), report_(std::move(report)), votes_(nodes), nodes_(nodes + 1)
   {
   }
 
@@ -94,6 +97,8 @@ private:
   void check_decision(uint32_t node, uint32_t number, std::string_view log, const char *where);
   void check_answer(const sim_node &node, uint32_t id, bool is_promise, uint32_t round);
   void check_own_promise(const sim_node &node, uint32_t id, uint32_t round);
+  void check_votes(const sim_node &node, uint32_t type, uint32_t id, uint32_t round, std::string_view rest);
+  void check_proposal(const sim_node &node, std::string_view value);
   void check_payload_message(const sim_node &node, const uint8_t *message);
   void check_register_saved(const sim_node &node, uint32_t id, const file_bytes &bytes);
 
@@ -105,8 +110,9 @@ private:
   int64_t acknowledged_top_ = -1;
   uint64_t lost_ = 0;  // payloads, or the order, without durable payloads
   std::map<uint32_t, uint64_t> decisions_;
-  std::map<std::pair<uint32_t, uint32_t>, uint64_t> round_values_;
-  std::set<uint64_t> states_;  // first entries of logs
+  register_votes votes_;
+  std::map<payload_name, uint32_t> holders_;  // that offered it or called it complete, a bit per node
+  std::set<uint64_t> states_;                 // first entries of logs
   std::vector<node_numbers> nodes_;
 };
 

@@ -86,7 +86,9 @@ void sim_disk::sync()
   for (const std::vector<change> &step : changes_) {
     for (const change &one : step) {
       if (one.to != nullptr) {
-        datasync(*one.to);
+        if (!sync_fails_for || one.name.find(*sync_fails_for) == std::string::npos) {
+          datasync(*one.to);
+        }
         names_on_disk_[one.name] = one.to;
       } else {
         names_on_disk_.erase(one.name);

@@ -79,6 +79,8 @@ public:
     std::string name;
   };
   failure failures[DISK_OPS];
+  /// The bytes of files whose path has this in it do not reach the disk with sync(), which cannot say so.
+  std::optional<std::string> sync_fails_for;
   int64_t stall_us = 0;  ///< added to each operation
 
 private:

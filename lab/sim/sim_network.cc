@@ -1,5 +1,6 @@
 #include "sim_network.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/le_bytes.h"
@@ -7,8 +8,31 @@
 namespace sim
 {
 
+namespace
+{
+
+constexpr size_t FORWARDS_KEPT = 64;
+
+}  // namespace
+
+message_kind kind_of(uint32_t channel, const datagram &one)
+{
+  const uint8_t *const payload = one->data() + ENVELOPE_BYTES;
+  const size_t size = one->size() - ENVELOPE_BYTES;
+  if (size < 4) {
+    return {};
+  }
+  return {.channel = channel, .type = channel == 5 ? uint32_t{get_le16(payload)} : get_le32(payload)};
+}
+
 void sim_network::send(uint32_t from, uint32_t to, uint32_t channel, const datagram &one)
 {
+  if (kind_of(channel, one) == FORWARD && std::find(forwards_.begin(), forwards_.end(), one) == forwards_.end()) {
+    forwards_.push_back(one);
+    if (forwards_.size() > FORWARDS_KEPT) {
+      forwards_.pop_front();
+    }
+  }
   if (to != 0) {
     send_to(from, to, channel, one);
     return;
@@ -85,6 +109,15 @@ void sim_network::release()
   holds_ = {};
   for (const held_one &late : std::exchange(held_, {})) {
     arrive(late.to, late.channel, late.one, 1);
+  }
+}
+
+void sim_network::repeat_forwards(size_t count, int64_t within_us)
+{
+  for (size_t i = forwards_.size() - std::min(count, forwards_.size()); i < forwards_.size(); ++i) {
+    for (uint32_t node = 1; node <= nodes_; ++node) {
+      arrive(node, FORWARD.channel, forwards_[i], draw_.between(1, within_us));
+    }
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -23,6 +24,23 @@ using datagram = std::shared_ptr<const std::vector<uint8_t>>;
 
 /// As of the first byte of the envelope.
 inline constexpr size_t ENVELOPE_BYTES = 20;
+
+/// What a datagram of channels 3 to 5 is.
+struct message_kind {
+  uint32_t channel = 0;
+  uint32_t type = 0;
+  bool operator==(const message_kind &) const = default;
+};
+message_kind kind_of(uint32_t channel, const datagram &one);
+
+inline constexpr message_kind READ_REQUEST{.channel = 3, .type = 0};
+inline constexpr message_kind READ_ANSWER{.channel = 3, .type = 1};
+inline constexpr message_kind WRITE_REQUEST{.channel = 3, .type = 3};
+inline constexpr message_kind WRITE_ANSWER{.channel = 3, .type = 4};
+inline constexpr message_kind DECISION{.channel = 4, .type = 0};
+inline constexpr message_kind FORWARD{.channel = 4, .type = 1};
+inline constexpr message_kind OFFER{.channel = 5, .type = 0};
+inline constexpr message_kind COMPLETE{.channel = 5, .type = 3};
 
 struct weather {
   double loss = 0;
@@ -51,6 +69,8 @@ public:
   /// Holds the next datagrams of a channel to a node until release(). They come late, all at once.
   void hold(uint32_t to, uint32_t channel, uint32_t count);
   void release();
+  /// Delivers the last `count` forwarded messages once more, to all, each at a time of its own until then.
+  void repeat_forwards(size_t count, int64_t within_us);
   /// No cut, no hold, no weather.
   void heal();
 
@@ -73,6 +93,7 @@ private:
   std::array<std::array<bool, NODES_MAX + 1>, NODES_MAX + 1> cut_{};
   std::array<std::array<uint32_t, NODES_MAX + 1>, CHANNELS> holds_{};
   std::vector<held_one> held_;
+  std::deque<datagram> forwards_;  // the last ones
 };
 
 }  // namespace sim

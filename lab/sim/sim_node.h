@@ -69,6 +69,19 @@ struct application {
   std::optional<std::vector<uint32_t>> arriving;  ///< a full state of which not all types have come
 };
 
+/// How the process of a node dies next: at a file operation, or as it sends a message.
+struct death {
+  uint64_t at_operation = 0;  ///< the nth from now; 0: not at one
+  bool is_after = false;      ///< when the operation is done
+  uint64_t at_send = 0;       ///< the nth message of the kind; 0: not at one
+  message_kind kind{};
+  uint32_t reached = 0;     ///< nodes that get this message, a bit each
+  bool with_power = false;  ///< it loses what no sync has covered
+  int64_t down_us = 0;
+  uint32_t next_master = 0;  ///< who leads from then on; 0: as before
+  uint64_t unopened = 0;     ///< so many files of registers cannot be opened by its next process
+};
+
 struct sim_node {
   uint32_t number = 0;
   sim_disk disk;
@@ -90,11 +103,7 @@ struct sim_node {
   int64_t deliver_hook_us = 0;  ///< a slow hook
   int64_t state_hook_us = 0;
   uint32_t state_bytes = 0;  ///< size of its state beside the history
-  /// The process dies at its nth file operation from now; 0: not.
-  uint64_t dies_at_operation = 0;
-  bool dies_after = false;
-  bool dies_with_power = false;
-  int64_t stays_down_us = 0;
+  death dies;
 };
 
 }  // namespace sim

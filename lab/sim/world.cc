@@ -1,6 +1,7 @@
 #include "world.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <utility>
 
@@ -77,14 +78,26 @@ world::world(const run_options &options, const library_image &image)
     const process *const owner = clock_.self().owner;
     report("waiting", owner != nullptr ? owner->node : 0, why);
   };
-  sim_context = {
-      .log = &log_, .clock = &clock_, .network = &network_, .judge = &judge_, .crash = [this](sim_node &node) {
-        if (std::exchange(node.dies_with_power, false)) {
-          cut_power(node, node.stays_down_us);
-        } else {
-          crash(node, node.stays_down_us);
-        }
-      }};
+  sim_context = {.log = &log_, .clock = &clock_, .network = &network_, .judge = &judge_, .die = [this](sim_node &node) {
+                   die(node);
+                 }};
+}
+
+void world::die(sim_node &node)
+{
+  const death how = node.dies;
+  if (how.with_power) {
+    cut_power(node, how.down_us);
+  } else {
+    crash(node, how.down_us);
+  }
+  if (how.unopened != 0) {
+    node.disk.failures[static_cast<size_t>(disk_op::open_read)] = {
+        .error = EIO, .left = how.unopened, .name = "rb_reg"};
+  }
+  if (how.next_master != 0) {
+    set_masters({how.next_master});
+  }
 }
 
 uint32_t world::master() const
@@ -264,7 +277,8 @@ void world::heal()
   for (const std::unique_ptr<sim_node> &one : nodes_) {
     one->disk.stall_us = 0;
     std::fill(std::begin(one->disk.failures), std::end(one->disk.failures), sim_disk::failure{});
-    one->dies_at_operation = 0;
+    one->dies = {};
+    one->disk.sync_fails_for.reset();
   }
   host_.work.think_us = 300'000;
   set_masters({first_that_may_lead()});

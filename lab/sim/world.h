@@ -75,6 +75,7 @@ public:
 private:
   uint32_t first_that_may_lead() const;
   void report(const std::string &invariant, uint32_t node, const std::string &what);
+  void die(sim_node &node);
   void restart_later(sim_node &node, int64_t down_us);
   void look_after();
   void do_faults();
