@@ -45,9 +45,12 @@ std::string register_votes::accepted(uint32_t id, uint32_t round, uint32_t node)
 {
   const votes &all = of(id, round);
   of(id, round).accepted |= 1u << node;
-  if (std::popcount(all.accepted) < quorum_ ||
-      !chosen_.emplace(id, choice{.round = round, .value = all.value}).second) {
+  if (std::popcount(all.accepted) < quorum_) {
     return against_choice(id, round, all.value);
+  }
+  const auto [chosen, is_first] = chosen_.emplace(id, choice{.round = round, .value = all.value});
+  if (!is_first) {
+    return chosen->second.value == all.value ? "" : in_round(id, round, "is accepted by a quorum, as another value is");
   }
   const uint64_t behind = (uint64_t{id} + 1) << 32;
   for (auto later = votes_.upper_bound(uint64_t{id} << 32 | round); later != votes_.end() && later->first < behind;

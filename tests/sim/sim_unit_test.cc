@@ -81,6 +81,15 @@ struct judged {
     const std::vector<uint8_t> bytes = sim::submission_bytes(one);
     judge.delivered(to, bytes.data(), one.length, may_repeat);
   }
+  void send(const sim::sim_node &from, uint8_t type, uint8_t reg, uint8_t round, const std::vector<uint8_t> &rest = {})
+  {
+    std::vector<uint8_t> bytes(sim::ENVELOPE_BYTES);
+    for (const uint8_t field : {type, reg, round}) {
+      bytes.insert(bytes.end(), {field, 0, 0, 0});
+    }
+    bytes.insert(bytes.end(), rest.begin(), rest.end());
+    judge.sent(from, 3, std::make_shared<const std::vector<uint8_t>>(bytes));
+  }
   void save(const sim::sim_node &of, const std::string &name, const sim::file_bytes &bytes)
   {
     judge.record_saved(of, "/flashdisk/cons/" + name, bytes);
@@ -131,6 +140,16 @@ TEST(oracle, sees_an_order_against_time)
   EXPECT_EQ(other.broken, names{"acknowledged"});
 }
 
+constexpr uint8_t READ_ACK = 1;
+constexpr uint8_t WRITE_REQ = 3;
+constexpr uint8_t WRITE_ACK = 4;
+const std::vector<uint8_t> NOTHING(8);  // of a READ_ACK: no round in which it wrote, no length
+
+std::vector<uint8_t> writes(char value)
+{
+  return {1, 0, 0, 0, static_cast<uint8_t>(value)};
+}
+
 TEST(oracle, sees_files_that_go_back_and_decisions_that_differ)
 {
   judged all;
@@ -140,6 +159,8 @@ TEST(oracle, sees_files_that_go_back_and_decisions_that_differ)
   decision[8] = 1;
   decision[9] = 5;
   all.save(all.first, "paxos_decide", decision);
+  EXPECT_EQ(all.broken, names{"decision"});  // no quorum has accepted it
+  all.broken.clear();
   all.save(all.second, "paxos_decide", decision);
   all.save(all.first, "msg_id", {9, 0, 0, 0});
   all.save(all.first, "rb_reg.8", {3, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
@@ -150,38 +171,50 @@ TEST(oracle, sees_files_that_go_back_and_decisions_that_differ)
   all.save(all.second, "paxos_decide", decision);
   all.save(all.first, "msg_id", {8, 0, 0, 0});
   all.save(all.first, "rb_reg.8", {3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0});
-  EXPECT_EQ(all.broken, (names{"decision", "numbers", "numbers", "promise"}));
+  EXPECT_EQ(all.broken, (names{"decision", "numbers", "decision", "numbers", "promise"}));
 }
 
-TEST(oracle, sees_two_values_of_a_round_and_answers_that_were_not_saved)
+TEST(oracle, sees_votes_that_were_not_saved)
 {
   judged all;
-  const auto message = [](uint8_t type, uint8_t round, std::vector<uint8_t> rest) {
-    std::vector<uint8_t> bytes(sim::ENVELOPE_BYTES);
-    for (const uint8_t field : {type, uint8_t{8}, round}) {
-      bytes.insert(bytes.end(), {field, 0, 0, 0});
-    }
-    bytes.insert(bytes.end(), rest.begin(), rest.end());
-    return std::make_shared<const std::vector<uint8_t>>(bytes);
-  };
-  constexpr uint8_t WRITE_REQ = 3;
-  constexpr uint8_t WRITE_ACK = 4;
   for (sim::sim_node *one : {&all.first, &all.second}) {
     one->disk.put("/flashdisk/cons/rb_reg.8", "saved");
+    all.save(*one, "rb_reg.8", {2, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
   }
-  all.save(all.first, "rb_reg.8", {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-  all.save(all.second, "rb_reg.8", {2, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
-  all.judge.sent(all.first, 3, message(WRITE_REQ, 1, {1, 0, 0, 0, 'a'}));
-  all.judge.sent(all.second, 3, message(WRITE_REQ, 2, {1, 0, 0, 0, 'b'}));
-  all.judge.sent(all.second, 3, message(WRITE_ACK, 2, {}));
+  for (uint8_t round = 1; round <= 2; ++round) {
+    all.send(all.first, READ_ACK, 8, round, NOTHING);
+    all.send(all.second, READ_ACK, 8, round, NOTHING);
+  }
+  all.send(all.first, WRITE_REQ, 8, 2, writes('a'));
+  all.send(all.second, WRITE_ACK, 8, 2);
   EXPECT_EQ(all.broken, names{});
-  all.judge.sent(all.second, 3, message(WRITE_REQ, 1, {1, 0, 0, 0, 'b'}));
-  all.judge.sent(all.first, 3, message(WRITE_ACK, 2, {}));
-  all.judge.sent(all.first, 3, message(WRITE_REQ, 3, {1, 0, 0, 0, 'a'}));
-  EXPECT_EQ(all.broken, (names{"round", "promise", "promise"}));
+  all.send(all.second, WRITE_ACK, 8, 3);
+  all.send(all.second, READ_ACK, 8, 3, NOTHING);
+  EXPECT_EQ(all.broken, (names{"promise", "promise"}));
   all.first.run->was_stopped = true;
-  all.judge.sent(all.first, 4, message(0, 0, {}));
+  all.judge.sent(all.first, 4, std::make_shared<const std::vector<uint8_t>>(sim::ENVELOPE_BYTES + 12));
   EXPECT_EQ(all.broken.back(), "silence");
+}
+
+TEST(register_votes, sees_rounds_that_break_the_rules)
+{
+  sim::register_votes votes(3);
+  const auto promise = [&](uint32_t round) { return votes.promised(8, round, 1) + votes.promised(8, round, 2); };
+  promise(1);
+  promise(2);
+  EXPECT_EQ(votes.written(8, 1, "a"), "");
+  EXPECT_EQ(votes.written(8, 2, "b"), "");  // nobody has accepted the first one
+  EXPECT_NE(votes.written(8, 2, "a"), "");
+  EXPECT_NE(votes.written(8, 3, "b"), "");  // not promised
+  EXPECT_EQ(votes.accepted(8, 2, 2), "");
+  EXPECT_FALSE(votes.is_chosen(8, "b"));
+  EXPECT_EQ(votes.accepted(8, 2, 3), "");
+  EXPECT_TRUE(votes.is_chosen(8, "b"));
+  promise(4);
+  EXPECT_EQ(votes.written(8, 4, "b"), "");
+  promise(5);
+  EXPECT_NE(votes.written(8, 5, "c"), "");
+  EXPECT_NE(votes.accepted(8, 1, 1) + votes.accepted(8, 1, 2), "");  // a and b are both chosen
 }
 
 }  // namespace
