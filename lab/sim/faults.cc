@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 
 #include "world.h"
 
@@ -173,19 +174,29 @@ undo master_moves(world &all, draw &choices, int64_t)
   return {};
 }
 
-// A node votes, but hears of no decision. Then it leads, perhaps beside the one that did.
+// A node hears of no decision, and perhaps of nothing at all. Then it leads, perhaps beside the one that did: it hears
+// answers, but still no decision. When it hears all again, so may be messages that were forwarded before.
 undo deafen(world &all, draw &choices, int64_t duration_us)
 {
   const uint32_t was = all.master();
   const uint32_t number = any_node(all, choices);
   const bool are_two = choices.once_in(2);
-  all.network().set_weather({.loss = 1}, DECISION.channel, 0, number);
-  all.clock().at(all.clock().now_us() + duration_us / choices.between(2, 8), [&all, number, are_two, was] {
-    all.set_masters({number, are_two && was != 0 ? was : number});
+  const bool is_cut_off = choices.once_in(2);
+  all.network().set_weather({.loss = 1}, is_cut_off ? 0 : DECISION.channel, 0, number);
+  const auto is_over = std::make_shared<bool>(false);  // healing may come first
+  all.clock().at(all.clock().now_us() + duration_us / choices.between(2, 8), [&all, number, are_two, was, is_over] {
+    if (!*is_over) {
+      all.network().set_weather({}, 0, 0, number);
+      all.network().set_weather({.loss = 1}, DECISION.channel, 0, number);
+      all.set_masters({number, are_two && was != 0 ? was : number});
+    }
   });
-  return [&all, number] {
-    all.network().set_weather({}, DECISION.channel, 0, number);
+  const int64_t forwards_us = choices.spread(1, 20'000);
+  return [&all, number, forwards_us, is_over] {
+    *is_over = true;
+    all.network().set_weather({}, 0, 0, number);
     all.set_masters({number});
+    all.network().repeat_forwards(64, forwards_us);
   };
 }
 
