@@ -175,7 +175,8 @@ undo master_moves(world &all, draw &choices, int64_t)
 }
 
 // A node hears of no decision, and perhaps of nothing at all. Then it leads, perhaps beside the one that did: it hears
-// answers, but still no decision. When it hears all again, so may be messages that were forwarded before.
+// answers, but still no decision. Then it hears of decisions, of payloads a little later, and meanwhile of messages
+// that were forwarded before.
 undo deafen(world &all, draw &choices, int64_t duration_us)
 {
   const uint32_t was = all.master();
@@ -191,12 +192,15 @@ undo deafen(world &all, draw &choices, int64_t duration_us)
       all.set_masters({number, are_two && was != 0 ? was : number});
     }
   });
-  const int64_t forwards_us = choices.spread(1, 20'000);
-  return [&all, number, forwards_us, is_over] {
+  const int64_t without_payloads_us = is_cut_off ? choices.spread(1000, 2'000'000) : 1;
+  return [&all, number, without_payloads_us, is_over] {
     *is_over = true;
     all.network().set_weather({}, 0, 0, number);
+    all.network().set_weather({.loss = 1}, OFFER.channel, 0, number);
+    all.clock().at(all.clock().now_us() + without_payloads_us,
+                   [&all, number] { all.network().set_weather({}, OFFER.channel, 0, number); });
     all.set_masters({number});
-    all.network().repeat_forwards(64, forwards_us);
+    all.network().repeat_forwards(64, without_payloads_us);
   };
 }
 
@@ -262,12 +266,11 @@ undo disk_fails(world &all, draw &choices, int64_t duration_us)
   sim_node &node = some_node(all, choices);
   const uint64_t op = choices.once_in(2) ? choices.below(DISK_OPS) : static_cast<uint64_t>(disk_op::open_read);
   const bool takes_room = op == static_cast<uint64_t>(disk_op::write) || op == static_cast<uint64_t>(disk_op::allocate);
-  const std::string name = choices.one_of(names);
   node.disk.failures[op] = {.error = takes_room && choices.once_in(2) ? ENOSPC : EIO,
                             .left = static_cast<uint64_t>(choices.spread(1, 300)),
-                            .name = name};
+                            .name = choices.one_of(names)};
   if (op == static_cast<uint64_t>(disk_op::datasync)) {
-    node.disk.sync_fails_for = name;
+    node.disk.sync_fails_for = node.disk.failures[op].name;
   }
   if (choices.once_in(2)) {
     all.crash(node, choices.spread(500, duration_us));
