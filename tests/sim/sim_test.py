@@ -27,6 +27,8 @@ class Simulator(unittest.TestCase):
         first = self.assert_good(*options)
         self.assertEqual(first.stdout, self.assert_good(*options).stdout)
         self.assertEqual(len(set(line.rsplit(" ", 1)[1] for line in first.stdout.splitlines()[:20])), 20)
+        with_kernel_threads = self.assert_good("--seeds", "2", *options[2:], "--kernel-threads")
+        self.assertEqual(first.stdout.splitlines()[:2], with_kernel_threads.stdout.splitlines()[:2])
         with tempfile.TemporaryDirectory() as directory:
             traces = []
             for name in "ab":
