@@ -25,6 +25,7 @@ class PLATFORM_ATTRIBUTE(capability("mutex")) mutex
 public:
   constexpr mutex() = default;
   void lock() PLATFORM_ATTRIBUTE(acquire_capability()) { native_.lock(); }
+  bool try_lock() PLATFORM_ATTRIBUTE(try_acquire_capability(true)) { return native_.try_lock(); }
   void unlock() PLATFORM_ATTRIBUTE(release_capability()) { native_.unlock(); }
 
 private:
@@ -36,6 +37,8 @@ class PLATFORM_ATTRIBUTE(scoped_lockable) lock_scope
 {
 public:
   explicit lock_scope(mutex &held) PLATFORM_ATTRIBUTE(acquire_capability(held)) : held_(held) { held_.lock(); }
+  /// The caller holds it already.
+  lock_scope(mutex &held, std::adopt_lock_t) PLATFORM_REQUIRES(held) : held_(held) {}
   ~lock_scope() PLATFORM_ATTRIBUTE(release_capability()) { held_.unlock(); }
   lock_scope(const lock_scope &) = delete;
   lock_scope &operator=(const lock_scope &) = delete;

@@ -8,42 +8,6 @@
 
 #include <cerrno>
 
-// What a called function must keep goes onto the stack; the rest its caller has saved. A new stack returns into
-// sim_enter, with the body in r12 and its argument in r13.
-asm(R"(
-.text
-.type sim_switch, @function
-sim_switch:
-  pushq %rbp
-  pushq %rbx
-  pushq %r12
-  pushq %r13
-  pushq %r14
-  pushq %r15
-  movq %rsp, (%rdi)
-  movq %rsi, %rsp
-  popq %r15
-  popq %r14
-  popq %r13
-  popq %r12
-  popq %rbx
-  popq %rbp
-  ret
-.size sim_switch, . - sim_switch
-
-.type sim_enter, @function
-sim_enter:
-  movq %r13, %rdi
-  callq *%r12
-  ud2
-.size sim_enter, . - sim_enter
-)");
-
-extern "C" {
-void sim_switch(void **from, void *to);
-void sim_enter();
-}
-
 namespace sim
 {
 
@@ -72,23 +36,30 @@ bool turn::create(void (*body)(void *), void *argument)
   }
   void *const memory = mmap(nullptr, GUARD_SIZE + STACK_SIZE, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
-  if (memory == MAP_FAILED || mprotect(memory, GUARD_SIZE, PROT_NONE) != 0) {
+  if (memory == MAP_FAILED || mprotect(memory, GUARD_SIZE, PROT_NONE) != 0 || getcontext(&stack_) != 0) {
     return false;
   }
-  // From the top: two words that keep sim_enter's call aligned, its address, rbp, rbx, r12 to r15.
-  auto *const top = reinterpret_cast<void **>(static_cast<char *>(memory) + GUARD_SIZE + STACK_SIZE);
-  top[-3] = reinterpret_cast<void *>(sim_enter);
-  top[-6] = reinterpret_cast<void *>(body);
-  top[-7] = argument;
-  stack_ = top - 9;
+  stack_.uc_link = nullptr;
+  stack_.uc_stack.ss_sp = static_cast<char *>(memory) + GUARD_SIZE;
+  stack_.uc_stack.ss_size = STACK_SIZE;
+  // makecontext passes ints.
+  const auto self = reinterpret_cast<uintptr_t>(this);
+  makecontext(&stack_, reinterpret_cast<void (*)()>(stack_begin), 2, static_cast<unsigned>(self >> 32),
+              static_cast<unsigned>(self));
   return true;
+}
+
+void turn::stack_begin(unsigned high, unsigned low)
+{
+  auto *const own = reinterpret_cast<turn *>(uintptr_t{high} << 32 | low);
+  own->body_(own->argument_);
 }
 
 void turn::give(turn &next)
 {
   if (shares_kernel_thread) {
     const int error = errno;
-    sim_switch(&stack_, next.stack_);
+    swapcontext(&stack_, &next.stack_);
     errno = error;
   } else {
     next.wake();
@@ -99,7 +70,7 @@ void turn::give(turn &next)
 void turn::end(turn &next)
 {
   if (shares_kernel_thread) {
-    sim_switch(&stack_, next.stack_);
+    setcontext(&next.stack_);
   } else {
     next.wake();
   }

@@ -6,8 +6,9 @@
 /// sanitizer is confused: for them each simulated thread can be a kernel thread. The execution is the same.
 #pragma once
 
+#include <ucontext.h>
+
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
 namespace sim
@@ -35,13 +36,14 @@ public:
   void end(turn &next);
 
 private:
+  static void stack_begin(unsigned high, unsigned low);
   static void *kernel_thread(void *argument);
   void wake();
   void wait();
 
   void (*body_)(void *) = nullptr;
   void *argument_ = nullptr;
-  void *stack_ = nullptr;          // where it stands
+  ucontext_t stack_{};             // where it stands
   std::atomic<uint32_t> word_{0};  // with kernel threads: 1 = its turn has come
 };
 

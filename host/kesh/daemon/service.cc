@@ -101,7 +101,7 @@ link_functions service::make_link_functions()
                 const lock_scope scope(verdict_lock_);
                 return isolated_;
               },
-          .no_room = [this] { return no_room_in(CONS_DIRECTORY, vx_cons_get_disk_reserve()); },
+          .no_room = [] { return no_room_in(CONS_DIRECTORY, vx_cons_get_disk_reserve()); },
           .oldest_wait_s = [this] { return static_cast<uint64_t>(submissions->oldest_wait().count()); },
           .order_no_op = [this] { return order_no_op(); },
           .stop_protocol =
@@ -293,12 +293,16 @@ void service::shut_down()
 
 void service::watch()
 {
+  // A start or an end may take longer than the watchdog waits; the next pass looks again.
+  if (!lifecycle_lock_.try_lock()) {
+    return;
+  }
+  const lock_scope lifecycle(lifecycle_lock_, std::adopt_lock);
   std::string reason;
   {
     const lock_scope scope(verdict_lock_);
     reason.swap(must_leave_);
   }
-  lock_scope scope(lifecycle_lock_);
   note_isolation();
   if (!reason.empty()) {
     stop_locked();
