@@ -269,7 +269,8 @@ class Disk(Scenario):
     def has_caught_up(self):
         try:
             status = self.cluster.status(3)
-            return not status["journal"]["incomplete"] and status["journal"]["lines"] == self.lines_in_all
+            # Before the library runs the store may not have been marked yet.
+            return status["active"] and not status["journal"]["incomplete"] and status["journal"]["lines"] == self.lines_in_all
         except LabError:
             return False
 

@@ -42,7 +42,7 @@
 namespace kesh
 {
 
-inline constexpr size_t HELLO_MAX = 1400;
+inline constexpr size_t HELLO_MAX = 1420;  ///< as the largest piece of a payload, for one Ethernet frame
 inline constexpr uint32_t HELLO_NODES_MAX = 16;
 inline constexpr size_t CLUSTER_NAME_MAX = 64;
 

@@ -136,6 +136,9 @@ void write_last_heard(writer &to, const json &status, const json &peers)
 
 void write_peers(writer &to, const json &peers)
 {
+  if (peers.empty()) {
+    return;
+  }
   const auto each = [&](const char *name, const char *help, const auto &value) {
     to.family(name, "gauge", help);
     for (const json &one : peers) {
