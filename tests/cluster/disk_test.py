@@ -193,7 +193,8 @@ class Disk(Scenario):
             self.cluster.node(node).start()
         for node in (2, 3):
             self.await_log(node, "a majority has no past")
-        self.assertIn("take part, a quorum is 2", self.cluster.status(1)["cluster"]["sentence"])
+        wait_until(lambda: "take part, a quorum is 2" in self.cluster.status(1)["cluster"]["sentence"], 10.0,
+                   "node 1 says that too few take part")
         for node in (1, 2, 3):
             self.cluster.stop(node)
         self.lose_store(2)
