@@ -1,8 +1,8 @@
 /// What a node tells all others once a second on channel 7, whether or not its library runs: the messages of the
 /// library are dropped in just those cases that people must hear of.
 ///
-/// One JSON object, at most HELLO_MAX bytes. Fields that a node does not know are ignored, and none of these is ever left
-/// out, so that builds can differ:
+/// One JSON object, at most HELLO_MAX bytes. Fields that a node does not know are ignored, and none of these is ever
+/// left out, so that builds can differ:
 ///
 ///     cluster            which cluster: text of at most 64 bytes, printable ASCII without quotes and backslashes
 ///     mac                of its node 1: "02:00:00:00:00:01"
