@@ -12,8 +12,8 @@ namespace kesh
 
 /// Writes a whole copy of the store at `path` to `target`, while another process, or nobody, applies payloads. It
 /// appears under its name when it is complete and on disk; an existing file is never overwritten. Throws a
-/// store_failure, also if another store takes the place meanwhile, of which nobody is kept: SQLite touches no file that
-/// was moved.
+/// store_failure, also if another store takes the place meanwhile. It delays nobody who does that, and harms neither
+/// store: its connection only reads, and so removes no file when it is the last one.
 void store_copy(const std::string &path, const std::string &target);
 
 /// Looked at now and then; true: give up. Whoever replaces the store waits for its readers.
